@@ -1,0 +1,254 @@
+#include "KVUtils.h"
+
+#include <json/json.h>
+#include <lwipc.h>
+#include <system_info.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <memory>
+
+#include "KVDefine.h"
+
+namespace NKavrel::KVUtils {
+namespace {
+
+constexpr const char* INTERNAL_SPEAKER_FEATURE = "com.norvik/featureconf/internal_speaker_supported";
+constexpr const char* POPUP_EVENT = "FadeInPopup";
+
+constexpr int DEFAULT_SPEAKER_UNKNOWN = -1;
+constexpr int TV_SPEAKER_ROUTE = 0;
+constexpr int OPTICAL_ROUTE = 1;
+
+// Filled on first use and kept for the life of the process. Atomics, because any thread may be the first; a
+// race asks the platform twice and gets the same answer.
+std::atomic<GDBusConnection*> cachedConnection{nullptr};
+std::atomic<int> cachedDefaultSpeaker{DEFAULT_SPEAKER_UNKNOWN};
+
+const char* MessageOf(const GError* error) {
+    return error != nullptr ? error->message : "(null)";
+}
+
+/** Takes over one reference of a value that may be floating or null. */
+GVariant* TakeRef(GVariant* value) {
+    return value != nullptr ? g_variant_take_ref(value) : nullptr;
+}
+
+bool IsNullKey(const void* key, const CallSite& site) {
+    return IsNull(key, "vconf key is NULL", site);
+}
+
+}  // namespace
+
+bool IsSpdifSpkType(int route) {
+    return route == 1 || route == 9 || route == 11;
+}
+
+bool IsBlockedLastSpkType(int route) {
+    switch (route) {
+        case 5:
+        case 6:
+        case 13:
+        case 14:
+        case 15:
+        case 19:
+            return true;
+        default:
+            return false;
+    }
+}
+
+int GetDefaultSpeaker() {
+    if (const int cached = cachedDefaultSpeaker; cached != DEFAULT_SPEAKER_UNKNOWN) {
+        return cached;
+    }
+    cachedDefaultSpeaker = TV_SPEAKER_ROUTE;
+    bool supported = true;  // a failed query counts as supported
+    system_info_get_custom_bool(INTERNAL_SPEAKER_FEATURE, &supported);
+    if (!supported) {
+        cachedDefaultSpeaker = OPTICAL_ROUTE;
+        return OPTICAL_ROUTE;
+    }
+    return TV_SPEAKER_ROUTE;
+}
+
+bool IsPopupSupported() {
+    return LwipcIsDone(POPUP_EVENT) > 0;
+}
+
+GDBusConnection* GetConnection() {
+    if (GDBusConnection* cached = cachedConnection; cached != nullptr) {
+        return cached;
+    }
+    g_autoptr(GError) error = nullptr;
+    GDBusConnection* connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
+    cachedConnection = connection;
+    if (connection == nullptr) {
+        LOGE("g_bus_get_sync() error (%s)", MessageOf(error));
+    }
+    return connection;
+}
+
+int DbusEmitSignal(const char* objectPath, const char* interfaceName, const char* signalName,
+                   GVariant* parameters) {
+    g_autoptr(GVariant) body = TakeRef(parameters);
+    if (objectPath == nullptr || interfaceName == nullptr || signalName == nullptr) {
+        LOGE("Invalid Argument");
+        return -2;
+    }
+    LOGI("Signal '%s'", signalName);
+    GDBusConnection* connection = GetConnection();
+    if (IsNull(connection, "Failed to get GDBus Connection", KV_HERE)) {
+        return -1;
+    }
+    g_autoptr(GError) error = nullptr;
+    if (!g_dbus_connection_emit_signal(connection, nullptr, objectPath, interfaceName, signalName, body,
+                                       &error)) {
+        LOGE("g_dbus_connection_emit_signal '%s' Failed (%s)", signalName, MessageOf(error));
+        return -1;
+    }
+    return 0;
+}
+
+int DbusCallSync(const char* busName, const char* objectPath, const char* interfaceName,
+                 const char* methodName, GVariant* parameters, GVariant** reply) {
+    g_autoptr(GVariant) body = TakeRef(parameters);
+    if (busName == nullptr || objectPath == nullptr || interfaceName == nullptr || methodName == nullptr) {
+        LOGE("Invalid Argument");
+        return -2;
+    }
+    LOGI("Method call '%s'", methodName);
+    GDBusConnection* connection = GetConnection();
+    if (IsNull(connection, "Failed to get GDBus Connection", KV_HERE)) {
+        return -1;
+    }
+    g_autoptr(GError) error = nullptr;
+    g_autoptr(GVariant) result =
+        g_dbus_connection_call_sync(connection, busName, objectPath, interfaceName, methodName, body, nullptr,
+                                    G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
+    if (result == nullptr) {
+        LOGE("Method Call '%s' Failed (%s)", methodName, MessageOf(error));
+        return -1;
+    }
+    if (reply != nullptr) {
+        *reply = g_steal_pointer(&result);
+    }
+    return 0;
+}
+
+bool IsSignalOfType(GVariant* parameters, const char* type, const char* signalName, const CallSite& site) {
+    if (g_variant_is_of_type(parameters, G_VARIANT_TYPE(type))) {
+        return true;
+    }
+    LOGE_AT(site, "Invalid parameters of signal %s: expected %s, got %s", signalName, type,
+            g_variant_get_type_string(parameters));
+    return false;
+}
+
+bool IsReplyOfType(GVariant* reply, const char* type, const char* methodName, const CallSite& site) {
+    if (g_variant_is_of_type(reply, G_VARIANT_TYPE(type))) {
+        return true;
+    }
+    LOGE_AT(site, "Invalid reply to %s: expected %s, got %s", methodName, type,
+            g_variant_get_type_string(reply));
+    return false;
+}
+
+bool RegisterVconfChangedCb(const char* key, vconf_callback_fn callback, void* userData) {
+    if (IsNullKey(key, KV_HERE)) {
+        return false;
+    }
+    if (vconf_notify_key_changed(key, callback, userData) != 0) {
+        LOGE("Failed to register vconf key %s for notification", key);
+        return false;
+    }
+    LOGD("Successed to register vconf key %s for notification", key);
+    return true;
+}
+
+bool DeregisterVconfChangedCb(const char* key, vconf_callback_fn callback) {
+    if (IsNullKey(key, KV_HERE)) {
+        return false;
+    }
+    if (vconf_ignore_key_changed(key, callback) != 0) {
+        LOGE("Failed to unregister vconf key %s for notification", key);
+        return false;
+    }
+    LOGD("Successed to unregister vconf key %s for notification", key);
+    return true;
+}
+
+bool GetVconfKeyFromKeynode(keynode_t* keyNode, std::string& key) {
+    if (IsNullKey(keyNode, KV_HERE)) {
+        return false;
+    }
+    const char* name = vconf_keynode_get_name(keyNode);
+    if (IsNull(name, "Failed to get keynode name", KV_HERE)) {
+        return false;
+    }
+    key = name;
+    LOGI("Successed to get keynode name %s", name);
+    return true;
+}
+
+bool VconfSetInt(const char* key, int value) {
+    if (IsNullKey(key, KV_HERE)) {
+        return false;
+    }
+    if (vconf_set_int(key, value) != 0) {
+        LOGE("Failed to set key %s", key);
+        return false;
+    }
+    LOGI("Successed to set key %s", key);
+    return true;
+}
+
+bool VconfGetInt(const char* key, int& value) {
+    if (IsNullKey(key, KV_HERE)) {
+        return false;
+    }
+    int read = 0;
+    if (vconf_get_int(key, &read) != 0) {
+        LOGE("Failed to get key %s", key);
+        return false;
+    }
+    value = read;
+    LOGI("Successed to get key %s", key);
+    return true;
+}
+
+bool VconfGetStr(const char* key, std::string& value) {
+    if (IsNullKey(key, KV_HERE)) {
+        return false;
+    }
+    const std::unique_ptr<char, decltype(&std::free)> text(vconf_get_str(key), &std::free);
+    if (text == nullptr) {
+        LOGE("Failed to get key %s", key);
+        return false;
+    }
+    value = text.get();
+    return true;
+}
+
+int GetSubBTZoneID() {
+    int zone = -1;
+    if (!VconfGetInt(KVDefine::SUB_BT_ZONE_KEY, zone)) {
+        LOGE("Failed to get subBT zone ID");
+        return -1;
+    }
+    LOGI("SubBT :%d", zone);
+    return zone;
+}
+
+std::string ParseJsonVal(const std::string& text, const std::string& name) {
+    const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+    Json::Value root;
+    std::string errors;
+    if (!reader->parse(text.data(), text.data() + text.size(), &root, &errors)) {
+        LOGE("json parse error");
+        return "error";
+    }
+    return root[name].asString();
+}
+
+}  // namespace NKavrel::KVUtils
