@@ -1,0 +1,59 @@
+#include "SpeakerPeer.h"
+
+#include "KVUtils.h"
+
+namespace NKavrel {
+namespace {
+
+constexpr const char* GET_VOLUME = "GetSpkVolume";
+constexpr const char* SET_VOLUME = "SetSpkVolume";
+constexpr const char* VOLUME_CHANGED = "SpkVolumeChanged";
+
+constexpr int FAILED = -1;
+
+}  // namespace
+
+int SpeakerPeer::GetVolume(int& volume, const CallSite& site) const {
+    g_autoptr(GVariant) reply = nullptr;
+    if (KVUtils::DbusCallSync(m_busName, m_objectPath, m_interfaceName, GET_VOLUME, nullptr, &reply) != 0 ||
+        !KVUtils::IsReplyOfType(reply, "(iii)", GET_VOLUME, site)) {
+        return FAILED;
+    }
+    int first = 0;
+    int level = 0;
+    int result = 0;
+    g_variant_get(reply, "(iii)", &first, &level, &result);
+    LOGI_AT(site, "current TV Speaker volume [%d %d %d]", first, level, result);
+    volume = level;
+    return result;
+}
+
+int SpeakerPeer::SetVolume(int volume, const CallSite& site) const {
+    g_autoptr(GVariant) reply = nullptr;
+    if (KVUtils::DbusCallSync(m_busName, m_objectPath, m_interfaceName, SET_VOLUME,
+                              g_variant_new("(i)", volume), &reply) != 0 ||
+        !KVUtils::IsReplyOfType(reply, "(ii)", SET_VOLUME, site)) {
+        return FAILED;
+    }
+    int first = 0;
+    int second = 0;
+    g_variant_get(reply, "(ii)", &first, &second);
+    LOGI_AT(site, "current TV Speaker volume [%d %d]", first, second);
+    return 0;
+}
+
+guint SpeakerPeer::Subscribe(GDBusConnection* connection, GDBusSignalCallback callback, gpointer userData) {
+    return g_dbus_connection_signal_subscribe(connection, nullptr, "org.olvane.kavrel", VOLUME_CHANGED,
+                                              "/Org/Olvane/Kavrel", nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
+                                              callback, userData, nullptr);
+}
+
+bool SpeakerPeer::ReadVolumeChanged(GVariant* parameters, PeerVolume& changed, const CallSite& site) {
+    if (!KVUtils::IsSignalOfType(parameters, "(iii)", VOLUME_CHANGED, site)) {
+        return false;
+    }
+    g_variant_get(parameters, "(iii)", &changed.route, &changed.supportType, &changed.volume);
+    return true;
+}
+
+}  // namespace NKavrel

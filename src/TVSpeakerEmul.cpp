@@ -1,0 +1,100 @@
+#include "TVSpeakerEmul.h"
+
+#include "KVUtils.h"
+#include "SpeakerPeer.h"
+
+namespace NKavrel {
+namespace {
+
+constexpr SpeakerPeer PEER("org.olvane.kavrel", "/Org/Olvane/Kavrel", "org.olvane.kavrel.tv");
+
+}  // namespace
+
+TVSpeakerEmul::TVSpeakerEmul() {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+}
+
+TVSpeakerEmul::~TVSpeakerEmul() {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    TVSpeakerEmul::UnsetEventHandler();
+}
+
+int TVSpeakerEmul::SetVolume(int volume) {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    return PEER.SetVolume(volume, KV_HERE);
+}
+
+int TVSpeakerEmul::GetVolume(int& volume) {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    return PEER.GetVolume(volume, KV_HERE);
+}
+
+void TVSpeakerEmul::SetEventHandler(const VolumeEventHandler_t& volumeHandler,
+                                    const MuteEventHandler_t& muteHandler) {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    StoreHandlers(m_volumeHandler, m_muteHandler, volumeHandler, muteHandler, KV_HERE);
+}
+
+void TVSpeakerEmul::UnsetEventHandler() {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    ClearHandlers(m_volumeHandler, m_muteHandler, KV_HERE);
+}
+
+void TVSpeakerEmul::SetChangedCB() {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    if (m_changedCBRegistered) {
+        return;
+    }
+    GDBusConnection* connection = KVUtils::GetConnection();
+    if (connection == nullptr) {
+        return;
+    }
+    const int result = sound_manager_set_tv_master_mute_changed_cb(MuteChangedCB, this);
+    if (result != 0) {
+        LOGE("set mute changed_cb failed %x", static_cast<unsigned int>(result));
+        return;
+    }
+    m_signalSubscriptionId = SpeakerPeer::Subscribe(connection, VolumeChangedCB, this);
+    m_changedCBRegistered = true;
+}
+
+void TVSpeakerEmul::UnsetChangedCB() {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    if (!m_changedCBRegistered) {
+        return;
+    }
+    const int result = sound_manager_unset_tv_master_mute_changed_cb();
+    if (result != 0) {
+        LOGE("unset mute changed_cb failed %x", static_cast<unsigned int>(result));
+        return;
+    }
+    g_dbus_connection_signal_unsubscribe(KVUtils::GetConnection(), m_signalSubscriptionId);
+    m_changedCBRegistered = false;
+}
+
+void TVSpeakerEmul::VolumeChangedCB(GDBusConnection* connection, const gchar* senderName,
+                                    const gchar* /*objectPath*/, const gchar* /*interfaceName*/,
+                                    const gchar* signalName, GVariant* parameters, gpointer userData) {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    if (IsNull(connection, "Conneciton is NULL", KV_HERE) || IsNull(userData, "userdata is NULL", KV_HERE) ||
+        IsNull(signalName, "signal_name is NULL", KV_HERE)) {
+        return;
+    }
+    PeerVolume changed;
+    if (!SpeakerPeer::ReadVolumeChanged(parameters, changed, KV_HERE)) {
+        return;
+    }
+    LOGI("Start sender:%s signal_name:%s route:%d, suppType:%d vol:%d", senderName, signalName, changed.route,
+         changed.supportType, changed.volume);
+    static_cast<TVSpeakerEmul*>(userData)->m_volumeHandler(changed.volume);
+}
+
+void TVSpeakerEmul::MuteChangedCB(unsigned int mute, void* data) {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    if (IsNull(data, "data is NULL", KV_HERE)) {
+        return;
+    }
+    static_cast<TVSpeakerEmul*>(data)->m_muteHandler(static_cast<int>(mute));
+}
+
+}  // namespace NKavrel

@@ -1,0 +1,43 @@
+#ifndef TVSPEAKEREMUL_H
+#define TVSPEAKEREMUL_H
+
+#include <gio/gio.h>
+
+#include "TVSpeaker.h"
+
+namespace NKavrel {
+
+/**
+ * Development stand-in for the TV speaker: the volume is a D-Bus peer's, mute stays the audio HAL's.
+ * It keeps handlers and a flag of its own beside the inherited ones, which stay empty; its destruction
+ * therefore logs "Already unset event handler" once for each pair.
+ */
+class TVSpeakerEmul : public TVSpeaker {
+public:
+    TVSpeakerEmul();
+    ~TVSpeakerEmul() override;
+
+    int SetVolume(int volume) override;
+    int GetVolume(int& volume) override;
+    void SetEventHandler(const VolumeEventHandler_t& volumeHandler,
+                         const MuteEventHandler_t& muteHandler) override;
+    void UnsetEventHandler() override;
+    void SetChangedCB() override;
+    void UnsetChangedCB() override;
+
+    static void VolumeChangedCB(GDBusConnection* connection, const gchar* senderName, const gchar* objectPath,
+                                const gchar* interfaceName, const gchar* signalName, GVariant* parameters,
+                                gpointer userData);
+    static void MuteChangedCB(unsigned int mute, void* data);
+
+private:
+    /** Stale once unsubscribed: the flag alone counts. */
+    unsigned int m_signalSubscriptionId = 0;
+    bool m_changedCBRegistered = false;
+    VolumeEventHandler_t m_volumeHandler;
+    MuteEventHandler_t m_muteHandler;
+};
+
+}  // namespace NKavrel
+
+#endif
