@@ -1,0 +1,565 @@
+#include "KVAudioGainHandler.h"
+
+#include <pthread.h>
+#include <system_info.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <sstream>
+
+#include "KVUtils.h"
+
+namespace NKavrel {
+namespace {
+
+using namespace std::chrono_literals;
+using KVDefine::AUDIO_PATH_BOTH;
+using KVDefine::AUDIO_PATH_MAIN_OUT;
+using KVDefine::AUDIO_PATH_SUB_OUT;
+using KVDefine::GAIN_MAX;
+using SteadyClock = std::chrono::steady_clock;
+
+constexpr int FAILED = -1;
+constexpr int INVALID_ARGUMENT = -2;
+
+constexpr auto LOCK_TIMEOUT = 3s;
+constexpr auto SETTLE_TIME = 200ms;  // of a worker between its last look at m_running and its wait
+
+constexpr int FADE_STEP = 5;
+constexpr auto FADE_INTERVAL = 75ms;
+constexpr int PULSE_STEPS = 10;
+constexpr int PULSE_STEPS_PER_WAKE = 3;
+constexpr int PULSE_PERIODS = 20;
+constexpr auto OUT_PERIOD = 60ms;
+constexpr std::chrono::duration<double> POPUP_THRESHOLD = 0.5s;
+
+constexpr int NO_ZONE = -1;
+constexpr const char* PROJECTOR_FEATURE = "com.norvik/featureconf/projector_feature_support";
+constexpr const char* PROJECTOR_READY_KEY = "memory/projector/status/ready";
+
+/** One output of the audio hardware. */
+struct Output {
+    int path;
+    int (*AudioControl::*getGain2)(int*);
+    int (*AudioControl::*setGain2)(int);
+};
+constexpr Output MAIN_OUT = {AUDIO_PATH_MAIN_OUT, &AudioControl::get_main_out_gain2,
+                             &AudioControl::set_main_out_gain2};
+constexpr Output SUB_OUT = {AUDIO_PATH_SUB_OUT, &AudioControl::get_sub_out_gain2,
+                            &AudioControl::set_sub_out_gain2};
+
+// Requests may carry any int: sums and products wrap in 32 bits, divisions truncate toward zero.
+int WrappingAdd(int a, int b) {
+    return static_cast<int>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
+}
+
+int WrappingSubtract(int a, int b) {
+    return static_cast<int>(static_cast<uint32_t>(a) - static_cast<uint32_t>(b));
+}
+
+int WrappingMultiply(int a, int b) {
+    return static_cast<int>(static_cast<uint32_t>(a) * static_cast<uint32_t>(b));
+}
+
+/** Waits for the lock, but not for ever; a busy one is logged as the call site. */
+std::unique_lock<std::timed_mutex> LockInTime(std::timed_mutex& mutex, const CallSite& site) {
+    std::unique_lock<std::timed_mutex> lock(mutex, SteadyClock::now() + LOCK_TIMEOUT);
+    if (!lock) {
+        LOGE_AT(site, "mutex lock failed");
+    }
+    return lock;
+}
+
+int WriteOutput(KVAudioGainHandler& handler, const Output& output, std::timed_mutex& writeMutex,
+                const CallSite& site) {
+    const auto lock = LockInTime(writeMutex, site);
+    if (!lock) {
+        return FAILED;
+    }
+    const AudioControl* hardware = AudioControl_getInstance();
+    if (IsNull(hardware, "AudioControl_getInstance is failed", site)) {
+        return FAILED;
+    }
+    int total = 0;
+    handler.GetAudioGain(output.path, total);
+    int current = 0;
+    (hardware->*output.getGain2)(&current);
+    if (current == total) {
+        return 0;
+    }
+    const int result = (hardware->*output.setGain2)(total);
+    if (result != 0) {
+        LOGE_AT(site, "Failed to set gain2(%d). ret:%d", total, result);
+        return FAILED;
+    }
+    LOGI_AT(site, "[Path:%02x] gain2:%d", static_cast<unsigned int>(output.path), total);
+    return 0;
+}
+
+/** Which slots and outputs a request of a source and path reaches. */
+int ApplyToSource(KVAudioGainHandler& handler, KVDefine::eKVGainSrcType srcType, int path, int gain,
+                  bool direct, bool subBTActive, const CallSite& site) {
+    if ((path & AUDIO_PATH_BOTH) == 0) {
+        LOGE_AT(site, "Invalid audioPath:%d", path);
+        return INVALID_ARGUMENT;
+    }
+    const bool mainOut = (path & AUDIO_PATH_MAIN_OUT) != 0;
+    switch (srcType) {
+        case KVDefine::GAIN_SRC_PLAYER:
+            return handler._ApplyAudioGain(
+                mainOut ? GAIN_HANDLER_PLAYER_MAIN_OUT : GAIN_HANDLER_PLAYER_SUB_OUT, path, gain, direct);
+        case KVDefine::GAIN_SRC_UNMUTE:
+            if (subBTActive) {
+                return mainOut ? handler._ApplyAudioGain(GAIN_HANDLER_UNMUTE_MAIN_OUT, AUDIO_PATH_MAIN_OUT,
+                                                         gain, direct)
+                               : handler._ApplyAudioGain(GAIN_HANDLER_UNMUTE_SUB_OUT, AUDIO_PATH_SUB_OUT,
+                                                         gain, direct);
+            }
+            if (handler._ApplyAudioGain(GAIN_HANDLER_UNMUTE_MAIN_OUT, AUDIO_PATH_MAIN_OUT, gain, direct) !=
+                0) {
+                return FAILED;
+            }
+            return handler._ApplyAudioGain(GAIN_HANDLER_UNMUTE_SUB_OUT, AUDIO_PATH_SUB_OUT, gain, direct);
+        default:
+            LOGE_AT(site, "Invalid gainOut srcType:%d", static_cast<int>(srcType));
+            return INVALID_ARGUMENT;
+    }
+}
+
+/** Whether the feature could be asked for; if not, that is logged as the call site. */
+bool AskProjectorFeature(bool& supported, const CallSite& site) {
+    supported = false;
+    const int result = system_info_get_custom_bool(PROJECTOR_FEATURE, &supported);
+    if (result != 0) {
+        LOGE_AT(site, "Failed to get Projector FMS Key. ret:%d", result);
+        return false;
+    }
+    return true;
+}
+
+void NameThread(eKVGainHandlerType type) {
+    pthread_setname_np(pthread_self(), GainHandlerName[type].c_str());
+}
+
+/** Tells the constructor that a worker, which holds its mutex, is about to wait. */
+void Settle(std::atomic<bool>& settled) {
+    settled = true;
+    settled.notify_all();
+}
+
+}  // namespace
+
+KVAudioGainHandler::KVAudioGainHandler() {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    m_srcGain.fill(GAIN_MAX);
+    _StartWorkers();
+    for (int type = GAIN_HANDLER_NONE; type < GAIN_HANDLER_COUNT; ++type) {
+        SetSrcGain(static_cast<eKVGainHandlerType>(type), GAIN_MAX);
+        m_updating[type] = false;
+    }
+    const int result = ApplyAudioGain(KVDefine::GAIN_SRC_UNMUTE, GAIN_MAX, AUDIO_PATH_BOTH);
+    LOGI("Create AudioGainHandler. Reset AudioGain(MAX). ret:%d", result);
+    SetAudioGainControlChangedCb();
+    KVUtils::RegisterVconfChangedCb(KVDefine::SUB_BT_ZONE_KEY, SubBTChangedCb, this);
+    m_subBTActive = KVUtils::GetSubBTZoneID() != NO_ZONE;
+}
+
+KVAudioGainHandler::~KVAudioGainHandler() {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    _StopWorkers();
+    UnsetAudioGainControlChangedCb();
+    KVUtils::DeregisterVconfChangedCb(KVDefine::SUB_BT_ZONE_KEY, SubBTChangedCb);
+}
+
+void KVAudioGainHandler::_StartWorkers() {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    try {
+        for (const auto type : {GAIN_HANDLER_UNMUTE_MAIN_OUT, GAIN_HANDLER_UNMUTE_SUB_OUT,
+                                GAIN_HANDLER_PLAYER_MAIN_OUT, GAIN_HANDLER_PLAYER_SUB_OUT}) {
+            m_threads.emplace(type, std::thread(FadeInGainHandler, type, this));
+        }
+        m_threads.emplace(GAIN_HANDLER_PULSE_RAMP, std::thread(PulseGainHandler, this));
+        m_threads.emplace(GAIN_HANDLER_AUDIO_GAIN_OUT, std::thread(AudioGainOutHandler, this));
+    } catch (...) {
+        _AwaitWorkers();
+        _StopWorkers();
+        throw;
+    }
+    _AwaitWorkers();
+}
+
+void KVAudioGainHandler::_AwaitWorkers() {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    for (const auto& [type, thread] : m_threads) {
+        m_settled[type].wait(false);
+        // Free as soon as the worker waits, or has been woken and waits again.
+        const std::lock_guard<std::mutex> waiting(m_handlerMutex[type]);
+    }
+}
+
+void KVAudioGainHandler::_StopWorkers() {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    m_running = false;
+    std::this_thread::sleep_for(SETTLE_TIME);
+    for (int type = GAIN_HANDLER_PULSE_RAMP; type < GAIN_HANDLER_COUNT; ++type) {
+        m_handlerCond[type].notify_all();
+    }
+    for (auto& [type, thread] : m_threads) {
+        if (thread.joinable()) {
+            thread.join();
+        }
+    }
+    m_threads.clear();
+}
+
+void KVAudioGainHandler::SetSrcGain(eKVGainHandlerType type, int gain) {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    if (gain > GAIN_MAX) {
+        return;
+    }
+    const auto lock = LockInTime(m_srcGainMutex[type], KV_HERE);
+    if (!lock) {
+        return;
+    }
+    m_srcGain[type] = gain;
+}
+
+void KVAudioGainHandler::GetSrcGain(eKVGainHandlerType type, int& gain) {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    const auto lock = LockInTime(m_srcGainMutex[type], KV_HERE);
+    if (!lock) {
+        return;
+    }
+    gain = m_srcGain[type];
+}
+
+void KVAudioGainHandler::GetAudioGain(int path, int& gain) {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    const bool mainOut = (path & AUDIO_PATH_MAIN_OUT) != 0;
+    int unmute = 0;
+    int player = 0;
+    int pulse = 0;
+    GetSrcGain(mainOut ? GAIN_HANDLER_UNMUTE_MAIN_OUT : GAIN_HANDLER_UNMUTE_SUB_OUT, unmute);
+    GetSrcGain(mainOut ? GAIN_HANDLER_PLAYER_MAIN_OUT : GAIN_HANDLER_PLAYER_SUB_OUT, player);
+    GetSrcGain(GAIN_HANDLER_PULSE_RAMP, pulse);
+    const int total = WrappingMultiply(pulse, WrappingMultiply(player, unmute)) / (GAIN_MAX * GAIN_MAX);
+    LOGI("Path:%d player:%3d pulse:%3d unmute:%3d Total:%3d", path, player, pulse, unmute, total);
+    gain = total;
+}
+
+int KVAudioGainHandler::SetMainOutGain2(int path) {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    if ((path & MAIN_OUT.path) == 0) {
+        return 0;
+    }
+    return WriteOutput(*this, MAIN_OUT, m_srcGainMutex[GAIN_HANDLER_AUDIO_GAIN_OUT], KV_HERE);
+}
+
+int KVAudioGainHandler::SetSubOutGain2(int path) {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    if ((path & SUB_OUT.path) == 0) {
+        return 0;
+    }
+    return WriteOutput(*this, SUB_OUT, m_srcGainMutex[GAIN_HANDLER_AUDIO_GAIN_OUT], KV_HERE);
+}
+
+int KVAudioGainHandler::SetAudioGain(int path) {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    if (m_gainControlDisabled) {
+        LOGE("Disable Gain Control");
+        return 0;
+    }
+    const int result = SetMainOutGain2(path);
+    return result != 0 ? result : SetSubOutGain2(path);
+}
+
+int KVAudioGainHandler::_ApplyAudioGain(eKVGainHandlerType type, int path, int gain, bool direct) {
+    SetSrcGain(type, gain);
+    if (SetAudioGain(path) != 0) {
+        LOGE("Failed to set SetAudioGain(type:%d) path:%d. gain:%d", static_cast<int>(type), path, gain);
+        return FAILED;
+    }
+    m_handlerCond[direct ? GAIN_HANDLER_AUDIO_GAIN_OUT : type].notify_all();
+    return 0;
+}
+
+int KVAudioGainHandler::ApplyAudioGain(KVDefine::eKVGainSrcType srcType, int gain, int path) {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    return ApplyToSource(*this, srcType, path, gain, true, m_subBTActive, KV_HERE);
+}
+
+int KVAudioGainHandler::ApplyVolumeFadeIn(KVDefine::eKVGainSrcType srcType, int path) {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    return ApplyToSource(*this, srcType, path, 0, false, m_subBTActive, KV_HERE);
+}
+
+int KVAudioGainHandler::ApplyPulseAudioGain(int gain, int duration) {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    SetPulseTargetValue(gain, duration);
+    m_pulseRequested = true;
+    m_handlerCond[GAIN_HANDLER_PULSE_RAMP].notify_all();
+    return 0;
+}
+
+void KVAudioGainHandler::SetFadeInInterruptable(bool interruptable) {
+    m_fadeInInterruptable = interruptable;
+}
+
+void KVAudioGainHandler::SetPulseTargetValue(int target, int duration) {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    if (target > GAIN_MAX) {
+        return;
+    }
+    const auto lock = LockInTime(m_pulseMutex, KV_HERE);
+    if (!lock) {
+        return;
+    }
+    m_pulseDuration = duration;
+    m_pulseTarget = target;
+    m_pulseOutPeriod = duration / PULSE_PERIODS;
+}
+
+void KVAudioGainHandler::GetPulseTargetValue(int& target, int& duration) {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    const auto lock = LockInTime(m_pulseMutex, KV_HERE);
+    if (!lock) {
+        return;
+    }
+    target = m_pulseTarget;
+    duration = m_pulseDuration;
+}
+
+bool KVAudioGainHandler::IsMainOutUpdating() {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    return m_updating[GAIN_HANDLER_UNMUTE_MAIN_OUT] || m_updating[GAIN_HANDLER_PLAYER_MAIN_OUT] ||
+           m_updating[GAIN_HANDLER_PULSE_RAMP];
+}
+
+bool KVAudioGainHandler::IsSubOutUpdating() {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    return m_updating[GAIN_HANDLER_UNMUTE_SUB_OUT] || m_updating[GAIN_HANDLER_PLAYER_SUB_OUT] ||
+           m_updating[GAIN_HANDLER_PULSE_RAMP];
+}
+
+// A fade worker's life: sleep until a fade is requested, then raise the gain of its slot step by step. The
+// gain-out worker writes the hardware meanwhile. A fade under way never looks at m_running.
+void KVAudioGainHandler::FadeInGainHandler(eKVGainHandlerType type, void* self) {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    if (IsNull(self, "Invalid userData", KV_HERE)) {
+        return;
+    }
+    auto& handler = *static_cast<KVAudioGainHandler*>(self);
+    const char* name = GainHandlerName[type].c_str();
+    const bool isUnmute = type == GAIN_HANDLER_UNMUTE_MAIN_OUT || type == GAIN_HANDLER_UNMUTE_SUB_OUT;
+    std::condition_variable& wake = handler.m_handlerCond[type];
+    std::condition_variable& wakeGainOut = handler.m_handlerCond[GAIN_HANDLER_AUDIO_GAIN_OUT];
+    NameThread(type);
+
+    while (handler.m_running) {
+        std::unique_lock<std::mutex> lock(handler.m_handlerMutex[type]);
+        handler.m_updating[type] = false;
+        LOGI("Sleep %s", name);
+        Settle(handler.m_settled[type]);
+        wake.wait(lock);
+        if (!handler.m_running) {
+            break;
+        }
+        const auto start = std::chrono::system_clock::now();
+        handler.m_updating[type] = true;
+        int gain = 0;
+        handler.GetSrcGain(type, gain);
+        LOGI("Wake %s. gain:%d", name, gain);
+        wakeGainOut.notify_all();
+
+        while (gain < GAIN_MAX) {
+            if (isUnmute && handler.m_fadeInInterruptable) {
+                LOGI("Interruptable status[type:%d]. gain:%d", static_cast<int>(type), gain);
+                break;
+            }
+            handler.SetSrcGain(type, std::min(gain + FADE_STEP, GAIN_MAX));
+            wake.wait_until(lock, SteadyClock::now() + FADE_INTERVAL);
+            handler.GetSrcGain(type,
+                               gain);  // another request may have changed it: the fade goes on from there
+        }
+        LOGI("handlerGainType:%d, LastGain:%d", static_cast<int>(type), gain);
+        wakeGainOut.notify_all();
+        if (KVUtils::IsPopupSupported()) {
+            SendPopupMsg(type, std::chrono::system_clock::now() - start);
+        }
+    }
+    handler.m_updating[type] = false;
+    LOGI("%s is done", name);
+}
+
+// The pulse worker's life: one turn of the loop is the start of a ramp, a gain set at once, or one step of
+// the ramp under way. A gain set at once during a ramp leaves start and remaining steps as they are: the ramp
+// goes on to the new target, on purpose.
+void KVAudioGainHandler::PulseGainHandler(void* self) {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    if (IsNull(self, "Invalid userData", KV_HERE)) {
+        return;
+    }
+    constexpr auto type = GAIN_HANDLER_PULSE_RAMP;
+    auto& handler = *static_cast<KVAudioGainHandler*>(self);
+    const char* name = GainHandlerName[type].c_str();
+    std::condition_variable& wake = handler.m_handlerCond[type];
+    NameThread(type);
+
+    int remain = 0;
+    unsigned int timeout = 0;  // milliseconds; a negative duration makes it nearly endless
+    int start = 0;
+    int target = 0;
+    int duration = 0;
+    while (handler.m_running) {
+        std::unique_lock<std::mutex> lock(handler.m_handlerMutex[type]);
+        bool wakeGainOut = true;
+        if (remain == 0) {
+            LOGI("remain count is %d, Nothing to do!", remain);
+            handler.m_updating[type] = false;
+            LOGI("Sleep %s", name);
+            Settle(handler.m_settled[type]);
+            wake.wait(lock, [&handler] { return handler.m_pulseRequested || !handler.m_running; });
+            if (!handler.m_running) {
+                break;
+            }
+            handler.m_updating[type] = true;
+            LOGI("Wake %s", name);
+        } else {
+            LOGI("remain count is %d, timedwait %u", remain, timeout);
+            wake.wait_until(lock, SteadyClock::now() + std::chrono::milliseconds(timeout));
+            wakeGainOut = remain % PULSE_STEPS_PER_WAKE == 0;
+        }
+        if (wakeGainOut) {
+            handler.m_handlerCond[GAIN_HANDLER_AUDIO_GAIN_OUT].notify_all();
+        }
+
+        if (!handler.m_pulseRequested) {
+            --remain;
+            const int way = WrappingMultiply(PULSE_STEPS - remain, WrappingSubtract(target, start));
+            const int gain = WrappingAdd(start, way / PULSE_STEPS);
+            handler.SetSrcGain(type, gain);
+            LOGI("Remain[%d]. gain:%d", remain, gain);
+            continue;
+        }
+        handler.GetPulseTargetValue(target, duration);
+        if (duration != 0) {
+            handler.GetSrcGain(type, start);
+            handler.m_pulseRequested = false;
+            timeout = static_cast<unsigned int>(duration / PULSE_STEPS);
+            LOGI("startVolume:%d, remainCount:%d, timeout:%u", start, PULSE_STEPS, timeout);
+            remain = PULSE_STEPS;
+        } else {
+            handler.SetSrcGain(type, target);
+            handler.SetAudioGain(AUDIO_PATH_BOTH);
+            handler.m_pulseRequested = false;
+        }
+    }
+    handler.m_updating[type] = false;
+    LOGI("%s is done", name);
+}
+
+// The gain-out worker's life: sleep until something moves, write the outputs that move again and again, and
+// both once more when all is still. A write that would change nothing is skipped further down.
+void KVAudioGainHandler::AudioGainOutHandler(void* self) {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    if (IsNull(self, "Invalid userData", KV_HERE)) {
+        return;
+    }
+    constexpr auto type = GAIN_HANDLER_AUDIO_GAIN_OUT;
+    auto& handler = *static_cast<KVAudioGainHandler*>(self);
+    std::condition_variable& wake = handler.m_handlerCond[type];
+    NameThread(type);
+
+    while (handler.m_running) {
+        std::unique_lock<std::mutex> lock(handler.m_handlerMutex[type]);
+        LOGI("Sleep AudioGainOut");
+        Settle(handler.m_settled[type]);
+        wake.wait(lock);
+        if (!handler.m_running) {
+            break;
+        }
+        const bool mainOut = handler.IsMainOutUpdating();
+        const bool subOut = handler.IsSubOutUpdating();
+        LOGI("AudioGainOut. Update(M:%d/S:%d)", mainOut, subOut);
+        do {
+            if (handler.IsMainOutUpdating()) {
+                handler.SetAudioGain(AUDIO_PATH_MAIN_OUT);
+            }
+            if (handler.IsSubOutUpdating()) {
+                handler.SetAudioGain(AUDIO_PATH_SUB_OUT);
+            }
+            const std::chrono::milliseconds period =
+                handler.m_pulseRequested ? std::chrono::milliseconds(handler.m_pulseOutPeriod.load())
+                                         : OUT_PERIOD;
+            wake.wait_until(lock, SteadyClock::now() + period);
+        } while (handler.IsMainOutUpdating() || handler.IsSubOutUpdating());
+        handler.SetAudioGain(AUDIO_PATH_BOTH);
+    }
+    LOGI("%s is done", GainHandlerName[type].c_str());
+}
+
+int KVAudioGainHandler::SetAudioGainControlChangedCb() {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    bool supported = false;
+    if (!AskProjectorFeature(supported, KV_HERE)) {
+        return FAILED;
+    }
+    if (!supported) {
+        return 0;
+    }
+    KVUtils::RegisterVconfChangedCb(PROJECTOR_READY_KEY, AudioGainControlChangedCb, this);
+    int ready = 0;  // what cannot be read counts as not ready
+    KVUtils::VconfGetInt(PROJECTOR_READY_KEY, ready);
+    m_gainControlDisabled = ready == 0;
+    LOGI("Key[%s] value:%d, %sable Gain control", PROJECTOR_READY_KEY, ready, ready == 0 ? "Dis" : "En");
+    return 0;
+}
+
+int KVAudioGainHandler::UnsetAudioGainControlChangedCb() {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    bool supported = false;
+    if (!AskProjectorFeature(supported, KV_HERE)) {
+        return FAILED;
+    }
+    if (supported) {
+        KVUtils::DeregisterVconfChangedCb(PROJECTOR_READY_KEY, AudioGainControlChangedCb);
+    }
+    return 0;
+}
+
+// Neither key callback re-applies a gain: the hardware gets the totals at the next write.
+void KVAudioGainHandler::AudioGainControlChangedCb(keynode_t* node, void* data) {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    if (IsNull(node, "pKeyNode is NULL", KV_HERE) || IsNull(data, "data is NULL", KV_HERE)) {
+        return;
+    }
+    const int ready = vconf_keynode_get_int(node);
+    static_cast<KVAudioGainHandler*>(data)->m_gainControlDisabled = ready == 0;
+    LOGI("Key[%s] Changed:%d, gain control is %sabled", PROJECTOR_READY_KEY, ready,
+         ready != 0 ? "En" : "Dis");
+}
+
+void KVAudioGainHandler::SubBTChangedCb(keynode_t* node, void* data) {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    if (IsNull(node, "pKeyNode is NULL", KV_HERE) || IsNull(data, "data is NULL", KV_HERE)) {
+        return;
+    }
+    const int zone = vconf_keynode_get_int(node);
+    static_cast<KVAudioGainHandler*>(data)->m_subBTActive = zone != NO_ZONE;
+    LOGI("Key[%s] Changed to %d", KVDefine::SUB_BT_ZONE_KEY, zone);
+}
+
+void KVAudioGainHandler::SendPopupMsg(eKVGainHandlerType type, std::chrono::duration<double> seconds) {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    if ((seconds - POPUP_THRESHOLD).count() < 0) {
+        LOGE("Time(%f) is under (%f)", seconds.count(), POPUP_THRESHOLD.count());
+        return;
+    }
+    std::ostringstream message;
+    message << "Gain Source:" << GainHandlerName[type] << "<br> Duration(sec):" << seconds.count();
+    LOGI("MSG :%s", message.str().c_str());
+    KVUtils::DbusEmitSignal("/Org/Olvane/KVPopupNoti", "org.olvane.kv_popupnoti", "PopupNoti",
+                            g_variant_new("(s)", message.str().c_str()));
+}
+
+}  // namespace NKavrel
