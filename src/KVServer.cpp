@@ -1,0 +1,231 @@
+#include "KVServer.h"
+
+#include <lwipc.h>
+
+#include "KVDebug.h"
+#include "KVDefine.h"
+
+/** The introspection XML; the build makes it from the file that is installed, too. */
+extern "C" const char kavrel_interface_xml[];
+
+namespace NKavrel {
+namespace {
+
+constexpr const char* BUS_NAME = "org.olvane.kavrel";
+constexpr const char* INTERFACE_NAME = "org.olvane.kavrel";
+constexpr const char* OBJECT_PATH = "/Org/Olvane/KavrelInternal";
+constexpr const char* PUBLIC_PATH = "/Org/Olvane/Kavrel";
+constexpr const char* READY_EVENT = "/tmp/.kavrel_ready";
+
+const char* MessageOf(const GError* error) {
+    return error != nullptr ? error->message : "(null)";
+}
+
+bool IsConnectionNull(const void* connection, const CallSite& site) {
+    return IsNull(connection, "Connection is NULL", site);
+}
+
+bool IsServerNull(const void* server, const CallSite& site) {
+    return IsNull(server, "pObj is NULL", site);
+}
+
+/** Broadcasts a change; a failure is logged as the call site and the change is lost. */
+void EmitChange(GDBusConnection* connection, const char* signalName, GVariant* parameters,
+                const CallSite& site) {
+    g_autoptr(GError) error = nullptr;
+    g_dbus_connection_emit_signal(connection, nullptr, OBJECT_PATH, INTERFACE_NAME, signalName, parameters,
+                                  &error);
+    if (error != nullptr) {
+        LOGE_AT(site, "Failed g_dbus_connection_emit_signal(). err=%s", error->message);
+    }
+}
+
+}  // namespace
+
+KVServer::KVServer() {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+}
+
+KVServer::~KVServer() {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    GDBusConnection* connection = m_connection;
+    if (connection != nullptr && m_DbusRegisterObjId != 0) {
+        const gboolean done = g_dbus_connection_unregister_object(connection, m_DbusRegisterObjId);
+        LOGE("unregister_object() result %s", done ? "OK" : "FAILED");
+    }
+    m_sender.reset();
+    if (m_eventHandler != nullptr) {
+        m_eventHandler->Deinit();
+        m_eventHandler.reset();
+    }
+    if (m_busOwnerId != 0) {
+        g_bus_unown_name(m_busOwnerId);
+    }
+    m_introspectionData.reset();
+    // The volume control object goes with the first field. A reset() here would empty the pointer before the
+    // object is gone, and a report in that moment would make a second one.
+}
+
+bool KVServer::Init() {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    g_autoptr(GError) error = nullptr;
+    m_introspectionData.reset(g_dbus_node_info_new_for_xml(kavrel_interface_xml, &error));
+    if (m_introspectionData == nullptr) {
+        LOGE("Failed g_dbus_node_info_new_for_xml. %s", MessageOf(error));
+        return false;
+    }
+    m_busOwnerId = g_bus_own_name(G_BUS_TYPE_SYSTEM, BUS_NAME, G_BUS_NAME_OWNER_FLAGS_NONE, onBusAcquired,
+                                  onNameAcquired, onNameLost, this, nullptr);
+    LOGI("g_bus_own_name return %d", static_cast<int>(m_busOwnerId));
+
+    VolumeControlImpl& control = *getCurrentSpeaker();
+    {
+        const auto lock = control.WaitForLock();
+        control.SetEventHandler(KVDefine::VOLUME_CHANGED, [this](int supportType, int volume) {
+            onVolumeChanged(supportType, volume, this);
+        });
+        control.SetEventHandler(KVDefine::MUTE_CHANGED, [this](int supportType, int mute) {
+            onMuteChanged(supportType, mute, this);
+        });
+        control.SetEventHandler(KVDefine::SPEAKER_CHANGED, [this](int supportType, int speaker) {
+            onSpeakerChanged(supportType, speaker, this);
+        });
+    }
+    m_sender = std::make_unique<KVDbusSender>();
+    m_eventHandler = std::make_unique<KVDbusEventHandler>();
+    m_eventHandler->Init();
+    return true;
+}
+
+std::unique_ptr<VolumeControlImpl>& KVServer::getCurrentSpeaker() {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    if (m_volumeControl == nullptr) {
+        m_volumeControl = std::make_unique<VolumeControlImpl>();
+    }
+    return m_volumeControl;
+}
+
+void KVServer::onBusAcquired(GDBusConnection* connection, const gchar* /*name*/, gpointer user_data) {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    if (IsConnectionNull(connection, KV_HERE) || IsServerNull(user_data, KV_HERE)) {
+        return;
+    }
+    static const GDBusInterfaceVTable VTABLE = {methodCallHandler, nullptr, nullptr, {}};
+    auto* self = static_cast<KVServer*>(user_data);
+    g_autoptr(GError) error = nullptr;
+    self->m_DbusRegisterObjId = g_dbus_connection_register_object(
+        connection, OBJECT_PATH, self->m_introspectionData->interfaces[0], &VTABLE, self, nullptr, &error);
+    if (self->m_DbusRegisterObjId == 0) {
+        LOGE("Failed g_dbus_connection_register_object(). %s", MessageOf(error));
+        return;
+    }
+    LOGI("m_DbusRegisterObjId:%u", self->m_DbusRegisterObjId);
+    g_dbus_connection_signal_subscribe(connection, nullptr, INTERFACE_NAME, nullptr, PUBLIC_PATH, nullptr,
+                                       G_DBUS_SIGNAL_FLAGS_NONE, signalCallHandler, self, nullptr);
+}
+
+void KVServer::onNameAcquired(GDBusConnection* connection, const gchar* /*name*/, gpointer user_data) {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    if (IsConnectionNull(connection, KV_HERE) || IsServerNull(user_data, KV_HERE)) {
+        return;
+    }
+    static_cast<KVServer*>(user_data)->m_connection = connection;
+    LwipcEventDone(READY_EVENT);
+}
+
+void KVServer::onNameLost(GDBusConnection* connection, const gchar* /*name*/, gpointer user_data) {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    if (IsConnectionNull(connection, KV_HERE) || IsServerNull(user_data, KV_HERE)) {
+        return;
+    }
+    auto* self = static_cast<KVServer*>(user_data);
+    const guint objectId = self->m_DbusRegisterObjId;
+    self->m_connection = nullptr;
+    g_dbus_connection_unregister_object(connection, objectId);
+    LwipcResetEvent(READY_EVENT);
+}
+
+void KVServer::methodCallHandler(GDBusConnection* connection, const gchar* sender,
+                                 const gchar* /*object_path*/, const gchar* /*interface_name*/,
+                                 const gchar* method_name, GVariant* parameters,
+                                 GDBusMethodInvocation* invocation, gpointer user_data) {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    // The third text is the signal handler's wording: log readers know both by it.
+    if (IsConnectionNull(connection, KV_HERE) || IsNull(invocation, "invocation is NULL", KV_HERE) ||
+        IsNull(method_name, "signal_name is NULL", KV_HERE) ||
+        IsNull(user_data, "user data is NULL", KV_HERE)) {
+        return;
+    }
+    auto* self = static_cast<KVServer*>(user_data);
+    const std::string caller = sender != nullptr ? sender : "";
+    LOGI("Start sender:%s method_name:%s", caller.c_str(), method_name);
+    self->m_sender->Print(caller);
+    self->m_eventHandler->OnMethodCall(method_name, parameters, invocation, self->getCurrentSpeaker().get());
+}
+
+void KVServer::signalCallHandler(GDBusConnection* connection, const gchar* sender_name,
+                                 const gchar* /*object_path*/, const gchar* /*interface_name*/,
+                                 const gchar* signal_name, GVariant* parameters, gpointer user_data) {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    if (IsConnectionNull(connection, KV_HERE) || IsNull(sender_name, "sender is NULL", KV_HERE) ||
+        IsNull(signal_name, "signal_name is NULL", KV_HERE) ||
+        IsNull(user_data, "user data is NULL", KV_HERE)) {
+        return;
+    }
+    auto* self = static_cast<KVServer*>(user_data);
+    LOGI("Start sender:%s signal_name:%s", sender_name, signal_name);
+    self->m_sender->Print(sender_name);
+    self->m_eventHandler->OnSignal(signal_name, parameters, self->getCurrentSpeaker().get());
+}
+
+void KVServer::onVolumeChanged(int supportType, int volume, void* server) {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    if (IsServerNull(server, KV_HERE)) {
+        return;
+    }
+    GDBusConnection* connection = static_cast<KVServer*>(server)->m_connection;
+    if (IsConnectionNull(connection, KV_HERE)) {
+        return;
+    }
+    LOGI("Send dbus signal VolumeChanged : %d", volume);
+    EmitChange(connection, "SpeakerVolumeChanged", g_variant_new("(ii)", supportType, volume), KV_HERE);
+}
+
+void KVServer::onMuteChanged(int supportType, int mute, void* server) {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    if (IsServerNull(server, KV_HERE)) {
+        return;
+    }
+    GDBusConnection* connection = static_cast<KVServer*>(server)->m_connection;
+    if (IsConnectionNull(connection, KV_HERE)) {
+        return;
+    }
+    const gboolean muted = mute != 0;
+    LOGI("Send dbus signal MuteChanged : %d", muted);
+    EmitChange(connection, "SpeakerMuteChanged", g_variant_new("(ib)", supportType, muted), KV_HERE);
+}
+
+void KVServer::onSpeakerChanged(int supportType, int speaker, void* server) {
+    CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    if (IsServerNull(server, KV_HERE)) {
+        return;
+    }
+    VolumeControlImpl& control = *static_cast<KVServer*>(server)->getCurrentSpeaker();
+    const int previous = control.GetPrevSpeakerSelection();
+    if (previous == speaker) {
+        LOGE("Speaker type is same:%d", speaker);
+        return;
+    }
+    int result = 0;
+    if (control.GetMuteOnSpkChanged()) {
+        control.SetTVVolumeMute(true);
+        control.SetMuteOnSpkChanged(false);
+    } else {
+        result = control.ApplyAudioGain(KVDefine::GAIN_SRC_UNMUTE, KVDefine::GAIN_MAX,
+                                        KVDefine::AUDIO_PATH_BOTH, true);
+    }
+    LOGI("Speaker changed[%d->%d]. mode:0x%04x, gainMax(ret:%d)", previous, speaker,
+         static_cast<unsigned int>(supportType), result);
+}
+
+}  // namespace NKavrel

@@ -1,0 +1,27 @@
+#include <glib.h>
+
+#include <new>
+
+#include "KVDebug.h"
+#include "KVServer.h"
+
+int main() {
+    LOGI("Started");
+    GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
+    if (loop == nullptr) {
+        LOGE("Failed to create a main loop");
+        return 0;
+    }
+    // Never deleted: the process ends with it alive.
+    auto* server = new (std::nothrow) NKavrel::KVServer();
+    if (server == nullptr) {
+        LOGE("Failed to create KVServer");
+        g_main_loop_unref(loop);
+        return 0;
+    }
+    server->Init();  // without an interface the process idles, for its supervisor to see
+    g_main_loop_run(loop);
+    g_main_loop_unref(loop);
+    LOGI("Stopped");
+    return 0;
+}
