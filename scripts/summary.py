@@ -1,47 +1,34 @@
-"""summary.py FOLDER...: count the test cases of test runs, each with its meson log and the XML reports of its programs.
+"""summary.py LOG.json...: count the test cases in the logs that meson keeps of its test runs.
 
-A program without a report is one case. A skipped case is named and counts as failed, and so does finding none at all.
+The cases are those that GoogleTest and `pytest -v` print; a program that prints none is one case. A skipped case is
+named and counts as failed, and so does finding none at all.
 """
 import json
+import re
 import sys
-import xml.etree.ElementTree as ElementTree
 from pathlib import Path
 
-
-def case_failures(report):
-    """For each test case of a JUnit-like report: None, or what is wrong with it."""
-    for case in ElementTree.parse(report).iter("testcase"):
-        name = f"{case.get('classname')}.{case.get('name')}"
-        if case.find("skipped") is not None or case.get("result") in ("skipped", "suppressed"):
-            yield f"skipped, so failed: {name}"
-        elif case.find("failure") is not None or case.find("error") is not None:
-            yield f"failed: {name}"
-        else:
-            yield None
+CASE = re.compile(r"""
+    ^\[\s*(?P<gtest>OK|FAILED|SKIPPED)\s*\]\ (?P<gtest_name>\S+?),?\ .*\(\d+\ ms\)$
+  | ^(?P<pytest_name>\S+::.+?)\ (?P<pytest>PASSED|FAILED|ERROR|SKIPPED)\b
+""", re.VERBOSE | re.MULTILINE)
 
 
-def report_of(test, reports):
-    stems = {Path(word).stem for word in test["command"]}
-    return next((report for report in reports if report.stem in stems), None)
+def failures_of(test):
+    """For each case of one of meson's tests: None, or what is wrong with it."""
+    failures = []
+    for case in CASE.finditer(test.get("stdout", "")):
+        outcome = case["gtest"] or case["pytest"]
+        name = case["gtest_name"] or case["pytest_name"]
+        failures.append(None if outcome in ("OK", "PASSED") else f"{outcome.lower()}: {name}")
+    if test["result"] != "OK" and not any(failures):
+        return [*failures, f"failed: {test['name']} ({test['result'].lower()})"]
+    return failures or [None]
 
 
-def failures_of_run(folder):
-    log = folder / "testlog.json"
-    reports = list(folder.glob("*.xml"))
-    for line in log.read_text().splitlines() if log.exists() else []:
-        test = json.loads(line)
-        passed = test["result"] in ("OK", "EXPECTEDFAIL")
-        report = report_of(test, reports)
-        failures = list(case_failures(report)) if report else []
-        yield from failures
-        if not passed and not any(failures):
-            yield f"failed: {test['name']} ({test['result']})"
-        elif not failures:
-            yield None
-
-
-failures = [failure for folder in sys.argv[1:] for failure in failures_of_run(Path(folder))] or ["no test ran"]
-failed = [failure for failure in failures if failure]
+tests = [json.loads(line) for log in sys.argv[1:] if Path(log).exists() for line in Path(log).read_text().splitlines()]
+cases = [failure for test in tests for failure in failures_of(test)] or ["no test ran"]
+failed = [failure for failure in cases if failure]
 print("", *failed, sep="\n")
-print(f"{failures.count(None)} passed, {len(failed)} failed")
+print(f"{cases.count(None)} passed, {len(failed)} failed")
 sys.exit(bool(failed))
