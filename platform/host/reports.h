@@ -1,0 +1,104 @@
+/// Change reports: who hears what, in which order and on which thread.
+///
+/// One recursive lock, the delivery lock, guards everything here. It is held while callbacks run, over every
+/// write that can be reported, and while a registration is added or removed. Three things follow from that
+/// one rule: reports come one at a time and in the order of the writes; whoever removes a registration waits
+/// for a report in flight on another thread; and a callback may write, register and remove in its turn.
+///
+/// The last value known of each watched file decides what is news. A write through the seam is reported by
+/// the writing thread and becomes the last value known; the kernel's notification of it then finds nothing
+/// new. A change by another process is found by the platform thread, which reads the file under the lock when
+/// the notification comes: what it finds is never older than the last value known, so no report goes back in
+/// time.
+#pragma once
+
+#include <sys/inotify.h>
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "directory.h"
+
+namespace host {
+
+struct Change {
+    std::string path;
+    std::string text;
+
+    /// Of an item with a range, which is only reported if it is in it.
+    int Integer() const;
+};
+
+using Handler = std::function<void(const Change&)>;
+
+class Reports {
+public:
+    /// Never destroyed: the platform thread may outlive main().
+    static Reports& Get();
+
+    std::recursive_mutex& DeliveryLock() { return m_lock; }
+
+    /// Writes the value and, if it is not the present one, reports it before it returns.
+    int Set(const Item& item, std::string_view text);
+
+    /// @return the registration's id, above 0, or the seam's code for a failure
+    int Add(const Item& item, Handler handler);
+    int Remove(const std::string& topic, int id);
+    void Replace(int id, Handler handler);
+
+private:
+    struct Registration {
+        Item item;
+        Handler handler;
+    };
+    struct Value {
+        Item item;
+        std::optional<std::string> known;  // the last value known, if there was one
+        std::uint64_t report = 0;          // the latest one of this value
+    };
+    using Place = std::pair<int, std::string>;  // a watched folder and a name in it
+
+    int Start();
+    void Listen(int inotify);
+    void Handle(const inotify_event& event);
+    std::set<std::string> Affected(const inotify_event& event);
+    void Check(const std::string& path);
+    void Deliver(Value& value, const std::string& text);
+
+    bool IsHeard(const std::string& topic) const;
+    int Rewatch();
+    int Follow(std::filesystem::path here, const std::filesystem::path& way);
+    int FollowDangling(const std::filesystem::path& link);
+    int Watch(const std::filesystem::path& folder);
+
+    std::recursive_mutex m_lock;  // the delivery lock: guards all of the following
+    std::map<int, Registration> m_registrations;
+    std::map<std::string, Value> m_values;  // by path; those that somebody hears
+    int m_last_id = 0;
+    std::uint64_t m_reports = 0;
+
+    int m_inotify = -1;
+    std::set<int> m_watched;                // the watched folders
+    std::set<Place> m_folders;              // what is, or would be, on the way to a value
+    std::map<Place, std::string> m_places;  // the values' files; to their paths
+    int m_watch_error = 0;                  // errno met by the latest Rewatch(), or 0
+};
+
+/// The one registration of a call whose removal takes no argument.
+class Slot {
+public:
+    int Set(const Item& item, Handler handler);
+    int Clear(const Item& item);
+
+private:
+    int m_id = 0;  // guarded by the delivery lock
+};
+
+}  // namespace host
