@@ -30,6 +30,8 @@ constexpr int NO_SUCH_ZONE = -26607612;
 
 constexpr std::string_view TRACE_IN = "\t[IN]";
 constexpr std::string_view TRACE_OUT = "\t[OUT]";
+constexpr std::string_view NAMESPACE = "NKavrel::";
+constexpr std::string_view TAG = "Kavrel";
 
 std::string Shown(int value) {
     return std::to_string(value);
@@ -288,6 +290,17 @@ std::vector<std::string> FakeSeam::Trace() const {
     return texts;
 }
 
+std::vector<std::string> FakeSeam::TraceNames() const {
+    auto texts = Trace();
+    for (std::string& text : texts) {
+        const std::string mark = text.substr(0, text.find(']') + 1);
+        const std::string signature = text.substr(mark.size(), text.find('(') - mark.size());
+        const std::string name = signature.substr(signature.rfind(' ') + 1);
+        text = mark + (name.starts_with(NAMESPACE) ? name.substr(NAMESPACE.size()) : name);
+    }
+    return texts;
+}
+
 std::vector<Entry> FakeSeam::Entries() const {
     const std::lock_guard lock(m_mutex);
     return m_journal;
@@ -297,6 +310,11 @@ std::optional<Entry> FakeSeam::Find(const std::string& text) const {
     const std::lock_guard lock(m_mutex);
     const auto found = std::ranges::find(m_journal, text, &Entry::text);
     return found == m_journal.end() ? std::nullopt : std::optional(*found);
+}
+
+std::string FakeSeam::FunctionOf(const std::string& text) const {
+    const auto entry = Find(text);
+    return entry ? entry->site.function : "";
 }
 
 int FakeSeam::Count(const std::string& text) const {
@@ -686,11 +704,29 @@ namespace {
 using State = Seam::State;
 using Reports = Seam::Reports;
 
-/** Each test begins with a TV as new; a test that failed shows what happened at the seam. */
+/** What holds for every line of the daemon, whatever a test is about. */
+void ExpectWellFormed(const Entry& line) {
+    EXPECT_EQ(line.tag, TAG) << line.raw;
+    EXPECT_FALSE(line.site.file.empty()) << line.raw;
+    EXPECT_EQ(line.site.file.find('/'), std::string::npos) << line.raw;
+    EXPECT_EQ(line.site, line.siteAgain) << line.raw;
+    EXPECT_NE(line.site.function, "operator()") << line.raw;
+    EXPECT_TRUE(line.raw.ends_with('\n')) << line.raw;
+}
+
+/**
+ * Each test begins with a TV as new and ends with a look at the form of all log lines; a test that failed
+ * shows what happened at the seam.
+ */
 class JournalListener : public testing::EmptyTestEventListener {
     void OnTestStart(const testing::TestInfo&) override { FakeSeam::Get().Reset(); }
 
     void OnTestEnd(const testing::TestInfo& test) override {
+        for (const Entry& entry : FakeSeam::Get().Entries()) {
+            if (entry.kind == Entry::Kind::LOG) {
+                ExpectWellFormed(entry);
+            }
+        }
         if (!test.result()->Failed()) {
             return;
         }

@@ -165,12 +165,16 @@ public:
     std::vector<std::string> Calls(std::string_view prefix = {}) const;
     /** Calls and log lines of INFO and above. */
     std::vector<std::string> Journal() const;
-    /** Texts of the call tracer: "[IN]..." and "[OUT]...". */
+    /** Texts of the call tracer: "[IN]int NKavrel::Class::Function(int)" and "[OUT]...". */
     std::vector<std::string> Trace() const;
+    /** The same without types and namespace: "[IN]Class::Function". */
+    std::vector<std::string> TraceNames() const;
     /** Everything. */
     std::vector<Entry> Entries() const;
     /** The first entry with this text. */
     std::optional<Entry> Find(const std::string& text) const;
+    /** The function that logged this line first; "" when none did. */
+    std::string FunctionOf(const std::string& text) const;
     int Count(const std::string& text) const;
     std::vector<GainWrite> GainWrites() const;
     std::vector<int> GainWrites(GainWrite::Out out) const;

@@ -93,6 +93,7 @@ TEST_F(FakeSeamTest, ALineOfAnotherFormStaysWhole) {
     __dlog_print(DLOG_INFO, "Other", "no prefix");
     EXPECT_THAT(seam.Log(), ElementsAre("I no prefix"));
     EXPECT_EQ(seam.Entries()[0].site, fake::Site());
+    seam.Clear();
 }
 
 TEST_F(FakeSeamTest, TheJournalMergesCallsAndLogLinesAndLeavesDebugOut) {
@@ -104,8 +105,22 @@ TEST_F(FakeSeamTest, TheJournalMergesCallsAndLogLinesAndLeavesDebugOut) {
     EXPECT_THAT(seam.Log(), ElementsAre("E got -1: a(b) > [c:d] e"));
     EXPECT_THAT(seam.Log(DLOG_DEBUG), ElementsAre("D \t[IN]int f()", "D detail", "E got -1: a(b) > [c:d] e"));
     EXPECT_THAT(seam.Trace(), ElementsAre("[IN]int f()"));
+    EXPECT_EQ(seam.FunctionOf("D detail"), "T");
+    EXPECT_EQ(seam.FunctionOf("D other"), "");
     seam.Clear();
     EXPECT_THAT(seam.Entries(), IsEmpty());
+}
+
+TEST_F(FakeSeamTest, TraceNamesLeaveOutTypesAndNamespace) {
+    const auto trace = [](const char* signature) {
+        __dlog_print(DLOG_DEBUG, "Kavrel", "%s: %s(%d) > [%s:%d] \t[OUT]%s\n", "H.h", "T", 1, "T", 1,
+                     signature);
+    };
+    trace("static NKavrel::ISpeaker* NKavrel::ISpeaker::CreateSpeaker(int)");
+    trace("virtual NKavrel::TVSpeaker::~TVSpeaker()");
+    trace("int main(int, char**)");
+    EXPECT_THAT(seam.TraceNames(),
+                ElementsAre("[OUT]ISpeaker::CreateSpeaker", "[OUT]TVSpeaker::~TVSpeaker", "[OUT]main"));
 }
 
 TEST_F(FakeSeamTest, AnyCallFailsAlwaysOrTheNthTimeWithAnyCode) {
