@@ -426,6 +426,7 @@ void KVAudioGainHandler::PulseGainHandler(void* self) {
             LOGI("Wake %s", name);
         } else {
             LOGI("remain count is %d, timedwait %u", remain, timeout);
+            // A request cuts the step short. NOLINTNEXTLINE(bugprone-spuriously-wake-up-functions)
             wake.wait_until(lock, SteadyClock::now() + std::chrono::milliseconds(timeout));
             wakeGainOut = remain % PULSE_STEPS_PER_WAKE == 0;
         }

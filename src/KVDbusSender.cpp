@@ -5,6 +5,7 @@
 #include <array>
 #include <cerrno>
 #include <fstream>
+#include <utility>
 
 #include "KVDebug.h"
 #include "KVUtils.h"
@@ -30,7 +31,7 @@ void KVDbusSender::Print(std::string sender) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
     if (IsNewSender(sender)) {
         const std::lock_guard<std::mutex> lock(m_pendingMutex);
-        m_pendingSenders.push_back(sender);
+        m_pendingSenders.push_back(std::move(sender));
         g_idle_add(UpdateSenderLists, this);
         return;
     }
@@ -43,7 +44,7 @@ bool KVDbusSender::IsNewSender(const std::string& sender) {
     if (!lock) {
         return true;
     }
-    return m_knownSenders.count(sender) == 0;
+    return !m_knownSenders.contains(sender);
 }
 
 gboolean KVDbusSender::UpdateSenderLists(gpointer data) {
@@ -73,6 +74,7 @@ gboolean KVDbusSender::UpdateSenderLists(gpointer data) {
     return G_SOURCE_REMOVE;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 unsigned int KVDbusSender::GetConnectionPID(std::string sender) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
     GDBusConnection* connection = KVUtils::GetConnection();
