@@ -42,11 +42,11 @@ struct CallSite {
 #define LOGW(...) KV_LOG_AT(DLOG_WARN, KV_HERE, __VA_ARGS__)
 #define LOGE(...) KV_LOG_AT(DLOG_ERROR, KV_HERE, __VA_ARGS__)
 
-/**
- * Traces one scope: the first statement of nearly every function is
- * `CALLTRACKER tracker(__PRETTY_FUNCTION__);`. Log readers match the two lines below by
- * number: keep them on lines 53 and 58.
- */
+namespace NKavrel {
+
+/** Traces one scope: the first statement of nearly every function is
+ *  `CALLTRACKER tracker(__PRETTY_FUNCTION__);`. Log readers match the two lines below by number: keep them
+ *  on lines 53 and 58. */
 class CALLTRACKER {
 public:
     explicit CALLTRACKER(const char* function) : m_function(function) {
@@ -66,8 +66,6 @@ private:
 };
 // clang-format on
 
-namespace NKavrel {
-
 /** Whether the pointer is null; if so, logs `text` as an error of the call site. */
 inline bool IsNull(const void* pointer, const char* text, const CallSite& site) {
     if (pointer != nullptr) {
@@ -78,5 +76,7 @@ inline bool IsNull(const void* pointer, const char* text, const CallSite& site) 
 }
 
 }  // namespace NKavrel
+
+using NKavrel::CALLTRACKER;
 
 #endif
