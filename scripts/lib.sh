@@ -20,6 +20,7 @@ declare -A proof=(
     [pkg-config]=pkg-config
     [libglib2.0-dev]=/usr/include/glib-2.0/gio/gio.h
     [libjsoncpp-dev]=/usr/include/jsoncpp/json/json.h
+    [libcli11-dev]=/usr/include/CLI/CLI.hpp
     [dbus-daemon]=dbus-daemon
     [libglib2.0-bin]=gdbus
     [systemd]=busctl
@@ -29,7 +30,7 @@ declare -A proof=(
     [python3-pytest]=/usr/lib/python3/dist-packages/pytest/__init__.py
     [libbenchmark-dev]=/usr/include/benchmark/benchmark.h
 )
-to_run=(g++ meson ninja-build pkg-config libglib2.0-dev libjsoncpp-dev dbus-daemon libglib2.0-bin systemd)
+to_run=(g++ meson ninja-build pkg-config libglib2.0-dev libjsoncpp-dev libcli11-dev dbus-daemon libglib2.0-bin systemd)
 to_test=("${to_run[@]}" libgtest-dev libgmock-dev python3-gi python3-pytest)
 to_bench=("${to_run[@]}" libbenchmark-dev)
 

@@ -1,0 +1,173 @@
+#include "CommandLine.h"
+
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+#include <algorithm>
+#include <charconv>
+#include <csignal>
+#include <sstream>
+#include <utility>
+
+#include "Errors.h"
+#include "GLibPtr.h"
+#include "Output.h"
+
+namespace tools {
+
+namespace {
+
+constexpr size_t NAME_COLUMN = 22;
+
+/** Help pages for a terminal of 80 columns; a command's first line of description is what its list shows. */
+class HelpPage : public CLI::Formatter {
+public:
+    HelpPage() {
+        column_width(NAME_COLUMN);
+        label("Positionals", "Arguments");
+        label("SUBCOMMAND", "COMMAND");
+        label("OPTIONS", "options");
+    }
+
+    std::string make_subcommand(const CLI::App* command) const override {
+        const std::string description = command->get_description();
+        std::ostringstream line;
+        CLI::detail::format_help(line, command->get_name(), description.substr(0, description.find('\n')),
+                                 NAME_COLUMN);
+        return line.str();
+    }
+
+    std::string make_option_opts(const CLI::Option* option) const override {
+        return option->get_positional() || option->get_type_size() == 0 ? "" : " " + option->get_type_name();
+    }
+};
+
+std::string Quoted(std::string_view text) {
+    return "\"" + Printable(text) + "\"";
+}
+
+std::string InOneLine(std::string text) {
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    return Printable(text);
+}
+
+}  // namespace
+
+CommandLine::CommandLine(const std::string& name, const std::string& description, const std::string& footer)
+    : m_app(description, name) {
+    m_app.formatter(std::make_shared<HelpPage>());
+    m_app.set_help_flag("-h,--help", "show this help");
+    m_app.set_version_flag("--version", name + " " + KAVREL_VERSION, "show the version");
+    m_app.require_subcommand(0, 1);
+    m_app.footer(footer);
+}
+
+CLI::App& CommandLine::AddCommand(const std::string& name, const std::string& description,
+                                  const std::string& example, Action action) {
+    return AddCommand(m_app, name, description, example, std::move(action));
+}
+
+CLI::App& CommandLine::AddCommand(CLI::App& group, const std::string& name, const std::string& description,
+                                  const std::string& example, Action action) {
+    CLI::App* command = group.add_subcommand(name, description)->group("Commands");
+    command->footer((example.find('\n') == std::string::npos ? "Example: " : "Examples:\n") + example);
+    command->callback([this, action = std::move(action)] { m_action = action; });
+    return *command;
+}
+
+CLI::App& CommandLine::AddGroup(const std::string& name, const std::string& description,
+                                const std::string& example) {
+    CLI::App* group = m_app.add_subcommand(name, description)->group("Commands");
+    group->footer((example.find('\n') == std::string::npos ? "Example: " : "Examples:\n") + example);
+    group->require_subcommand(0, 1);
+    return *group;
+}
+
+int CommandLine::Run(int argc, char** argv) {
+    g_set_prgname(m_app.get_name().c_str());
+    std::signal(SIGPIPE, SIG_IGN);
+    try {
+        return ParseAndAct(argc, argv);
+    } catch (const ReaderGone&) {
+        return EXIT_DONE;
+    } catch (const UsageError& error) {
+        Complain(std::string(error.what()) + "; see " + CommandPath() + " --help");
+        return error.code;
+    } catch (const ToolError& error) {
+        Complain(InOneLine(error.what()));
+        return error.code;
+    } catch (const std::exception& error) {
+        Complain(InOneLine(error.what()));
+        return EXIT_REFUSED;
+    }
+}
+
+int CommandLine::ParseAndAct(int argc, char** argv) {
+    try {
+        m_app.parse(argc, argv);
+    } catch (const CLI::Success& helpOrVersion) {
+        std::ostringstream page;
+        m_app.exit(helpOrVersion, page, page);
+        Print(page.str());
+        return EXIT_DONE;
+    } catch (const CLI::ParseError& error) {
+        throw UsageError(Explained(error));
+    }
+    if (!m_action) {
+        throw UsageError("a command is missing");
+    }
+    return m_action();
+}
+
+std::string CommandLine::CommandPath() const {
+    std::string path = m_app.get_name();
+    for (auto parsed = m_app.get_subcommands(); !parsed.empty(); parsed = parsed.back()->get_subcommands()) {
+        path += " " + parsed.back()->get_name();
+    }
+    return path;
+}
+
+std::string CommandLine::Explained(const CLI::ParseError& error) const {
+    const auto unexpected = m_app.remaining(true);
+    if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr && !unexpected.empty()) {
+        const bool isCommand = unexpected.front().front() != '-' && m_app.get_subcommands().empty();
+        return (isCommand ? "no such command: " : "unexpected argument ") + Quoted(unexpected.front());
+    }
+    return InOneLine(error.what());
+}
+
+int Number(std::string_view argument, const std::string& text, int least, int most) {
+    int number = 0;
+    const char* end = text.data() + text.size();
+    const auto read = std::from_chars(text.data(), end, number);
+    if (read.ec != std::errc() || read.ptr != end || number < least || number > most) {
+        std::string range = " from " + std::to_string(least) + " to " + std::to_string(most);
+        if (most == std::numeric_limits<int>::max()) {
+            range = least == 0 ? " from 0 on" : "";
+        }
+        throw UsageError(std::string(argument) + " is to be a whole number" + range + ", not " +
+                         Quoted(text));
+    }
+    return number;
+}
+
+int Choice(std::string_view argument, const std::string& text,
+           std::initializer_list<std::string_view> choices) {
+    const auto* chosen = std::find(choices.begin(), choices.end(), text);
+    if (chosen != choices.end()) {
+        return static_cast<int>(chosen - choices.begin());
+    }
+    std::string list;
+    for (const auto& choice : choices) {
+        list += (list.empty() ? "" : &choice == choices.end() - 1 ? " or " : ", ") + std::string(choice);
+    }
+    throw UsageError(std::string(argument) + " is to be " + list + ", not " + Quoted(text));
+}
+
+const std::string& Utf8(std::string_view argument, const std::string& text) {
+    if (!g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr)) {
+        throw UsageError(std::string(argument) + " is to be UTF-8 text, not " + Quoted(text));
+    }
+    return text;
+}
+
+}  // namespace tools

@@ -1,0 +1,42 @@
+/** How the tools end, and the exceptions that make them end. */
+#ifndef KAVREL_TOOLS_ERRORS_H
+#define KAVREL_TOOLS_ERRORS_H
+
+#include <stdexcept>
+#include <string>
+
+namespace tools {
+
+/** The exit statuses of all tools. Scripts rely on them. */
+enum ExitCode : int {
+    EXIT_DONE = 0,
+    /** It was tried, and refused or not met. */
+    EXIT_REFUSED = 1,
+    /** No bus, no daemon, or no answer in time. */
+    EXIT_UNREACHABLE = 2,
+    /** Wrong usage; nothing was done. */
+    EXIT_USAGE = 64,
+    /** After Ctrl-C, for what was interrupted before it was done. */
+    EXIT_INTERRUPTED = 130,
+};
+
+/** Ends the tool: `what()` is the one line for standard error, without the program's name and a newline. */
+class ToolError : public std::runtime_error {
+public:
+    ToolError(ExitCode exitCode, const std::string& line) : std::runtime_error(line), code(exitCode) {}
+
+    ExitCode code;
+};
+
+/** An argument that the command line's grammar let pass: reported with a hint at the command's --help. */
+class UsageError : public ToolError {
+public:
+    explicit UsageError(const std::string& line) : ToolError(EXIT_USAGE, line) {}
+};
+
+/** Nobody reads standard output any more: the tool ends, silently and with success. */
+class ReaderGone : public std::exception {};
+
+}  // namespace tools
+
+#endif

@@ -1,0 +1,306 @@
+#include "KavrelClient.h"
+
+#include <array>
+#include <cstdio>
+#include <memory>
+#include <utility>
+
+namespace tools {
+
+namespace {
+
+constexpr const char* BUS_NAME = "org.freedesktop.DBus";
+constexpr const char* BUS_PATH = "/org/freedesktop/DBus";
+
+constexpr std::array<std::pair<Support, const char*>, 4> SUPPORT_WORDS = {{
+    {READ_VOLUME, "read volume"},
+    {SET_VOLUME, "set volume"},
+    {READ_MUTE, "read mute"},
+    {SET_MUTE, "set mute"},
+}};
+
+const char* StatusWords(int status) {
+    switch (status) {
+        case -1:
+            return "failed or busy";
+        case -2:
+            return "invalid argument";
+        case -4:
+            return "not supported by this output";
+        default:
+            return status < 0 ? "platform error" : "done";
+    }
+}
+
+std::string Seconds(std::chrono::milliseconds time) {
+    std::array<char, 32> text = {};
+    std::snprintf(text.data(), text.size(), "%g s", static_cast<double>(time.count()) / 1000.0);
+    return text.data();
+}
+
+std::string Message(const GError* error) {
+    const GLibPtr<GError> copy(g_error_copy(error));
+    g_dbus_error_strip_remote_error(copy.get());
+    return copy->message;
+}
+
+ToolError AsToolError(const GError* error, KavrelClient::Timeout timeout) {
+    std::string line = "the call failed: " + Message(error);
+    if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_SERVICE_UNKNOWN) ||
+        g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER)) {
+        line = std::string("kavreld is not running: nobody on the bus owns ") + KAVREL_NAME;
+    } else if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT) && timeout) {
+        line = "no answer within " + Seconds(*timeout);
+    } else if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NO_REPLY)) {
+        line = "kavreld left the bus before it answered";
+    } else if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CLOSED)) {
+        line = "the bus has gone";
+    } else if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_ACCESS_DENIED)) {
+        line = "the bus does not allow it: " + Message(error);
+    }
+    return {EXIT_UNREACHABLE, line};
+}
+
+Reading AsReading(GVariant* reply) {
+    Reading reading;
+    g_variant_get(reply, "(ii)", &reading.value, &reading.status);
+    return reading;
+}
+
+/** The end of a connection attempt: made, or failed. */
+struct Attempt {
+    bool over = false;
+    GLibPtr<GDBusConnection> connection;
+    Failure failure;
+
+    static void OnEnd(GObject* /*source*/, GAsyncResult* result, void* data) {
+        auto* attempt = static_cast<Attempt*>(data);
+        attempt->connection.reset(g_dbus_connection_new_for_address_finish(result, attempt->failure));
+        attempt->over = true;
+    }
+};
+
+GLibPtr<GSource> CancelAfter(KavrelClient::Timeout timeout, GCancellable* cancellable) {
+    if (!timeout) {
+        return nullptr;
+    }
+    const auto cancel = [](void* data) -> gboolean {
+        g_cancellable_cancel(static_cast<GCancellable*>(data));
+        return G_SOURCE_REMOVE;
+    };
+    GLibPtr<GSource> timer(g_timeout_source_new(static_cast<guint>(timeout->count())));
+    g_source_set_callback(timer.get(), cancel, cancellable, nullptr);
+    g_source_attach(timer.get(), nullptr);
+    return timer;
+}
+
+}  // namespace
+
+std::vector<std::string> SupportWords(int support) {
+    std::vector<std::string> words;
+    for (const auto& [bit, word] : SUPPORT_WORDS) {
+        if ((support & bit) != 0) {
+            words.emplace_back(word);
+        }
+    }
+    return words;
+}
+
+std::string SupportInWords(int support) {
+    std::string words;
+    for (const auto& word : SupportWords(support)) {
+        words += (words.empty() ? "" : ", ") + word;
+    }
+    std::array<char, 16> number = {};
+    std::snprintf(number.data(), number.size(), " (0x%04x)", static_cast<unsigned>(support));
+    return (words.empty() ? "nothing" : words) + number.data();
+}
+
+std::string StatusInWords(int status) {
+    return std::string(StatusWords(status)) + " (" + std::to_string(status) + ")";
+}
+
+GLibPtr<GDBusConnection> ConnectToSystemBus(std::optional<std::chrono::milliseconds> timeout) {
+    Failure noAddress;
+    const GLibPtr<char> address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, noAddress));
+    if (address == nullptr) {
+        throw ToolError(EXIT_UNREACHABLE, "no system bus: " + Message(noAddress.Get()));
+    }
+    const auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                                         G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
+    const GLibPtr<GCancellable> cancellable(g_cancellable_new());
+    const auto timer = CancelAfter(timeout, cancellable.get());
+    Attempt attempt;
+    g_dbus_connection_new_for_address(address.get(), flags, nullptr, cancellable.get(), Attempt::OnEnd,
+                                      &attempt);
+    while (!attempt.over) {
+        g_main_context_iteration(nullptr, TRUE);
+    }
+    if (attempt.connection == nullptr) {
+        const bool isLate = g_cancellable_is_cancelled(cancellable.get()) == TRUE;
+        throw ToolError(EXIT_UNREACHABLE, isLate ? "no answer from the bus within " + Seconds(*timeout)
+                                                 : "no system bus: " + Message(attempt.failure.Get()));
+    }
+    g_dbus_connection_set_exit_on_close(attempt.connection.get(), FALSE);
+    return std::move(attempt.connection);
+}
+
+/** A call under way, which keeps the client until its answer. */
+struct KavrelClient::LateAnswer {
+    KavrelClient* client;
+    Answered answered;
+
+    static void OnAnswer(GObject* connection, GAsyncResult* result, void* data) {
+        const std::unique_ptr<LateAnswer> late(static_cast<LateAnswer*>(data));
+        late->client->m_unanswered -= 1;
+        Failure failure;
+        const Variant reply(g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, failure));
+        if (g_error_matches(failure.Get(), G_IO_ERROR, G_IO_ERROR_CANCELLED)) {
+            return;
+        }
+        if (reply == nullptr) {
+            late->answered({}, AsToolError(failure.Get(), late->client->m_timeout));
+        } else {
+            late->answered(AsReading(reply.get()), std::nullopt);
+        }
+    }
+};
+
+KavrelClient::KavrelClient(Timeout timeout)
+    : m_timeout(timeout), m_connection(ConnectToSystemBus(timeout)), m_cancellable(g_cancellable_new()) {}
+
+KavrelClient::~KavrelClient() {
+    for (const guint subscription : {m_signals, m_owners}) {
+        if (subscription != 0) {
+            g_dbus_connection_signal_unsubscribe(m_connection.get(), subscription);
+        }
+    }
+    if (m_closed != 0) {
+        g_signal_handler_disconnect(m_connection.get(), m_closed);
+    }
+    g_cancellable_cancel(m_cancellable.get());
+    while (m_unanswered > 0) {
+        g_main_context_iteration(nullptr, TRUE);
+    }
+}
+
+Reading KavrelClient::Read(const char* method) const {
+    return AsReading(Call(KAVREL_NAME, KAVREL_PATH, KAVREL_INTERFACE, method, nullptr, "(ii)").get());
+}
+
+int KavrelClient::Command(const char* method, GVariant* arguments) const {
+    const Variant reply = Call(KAVREL_NAME, KAVREL_PATH, KAVREL_INTERFACE, method, arguments, "(i)");
+    int status = 0;
+    g_variant_get(reply.get(), "(i)", &status);
+    return status;
+}
+
+void KavrelClient::ReadLater(const char* method, Answered answered) {
+    auto late = std::make_unique<LateAnswer>(LateAnswer{this, std::move(answered)});
+    m_unanswered += 1;
+    g_dbus_connection_call(m_connection.get(), KAVREL_NAME, KAVREL_PATH, KAVREL_INTERFACE, method, nullptr,
+                           G_VARIANT_TYPE("(ii)"), G_DBUS_CALL_FLAGS_NO_AUTO_START, Milliseconds(),
+                           m_cancellable.get(), LateAnswer::OnAnswer, late.release());
+}
+
+void KavrelClient::Emit(const char* signal, GVariant* arguments) const {
+    const Variant body(g_variant_ref_sink(arguments));
+    if (Owner().empty()) {
+        throw ToolError(EXIT_UNREACHABLE,
+                        std::string("kavreld is not running: nobody on the bus owns ") + KAVREL_NAME);
+    }
+    Failure failure;
+    if (!g_dbus_connection_emit_signal(m_connection.get(), nullptr, KAVREL_SIGNAL_PATH, KAVREL_INTERFACE,
+                                       signal, body.get(), failure)) {
+        ThrowAs(failure);
+    }
+    // The bus takes messages in order: what it answers now, it has read after the signal.
+    CallBus("GetId", nullptr, "(s)");
+}
+
+std::string KavrelClient::Owner() const {
+    Failure failure;
+    const Variant reply(g_dbus_connection_call_sync(
+        m_connection.get(), BUS_NAME, BUS_PATH, BUS_NAME, "GetNameOwner", g_variant_new("(s)", KAVREL_NAME),
+        G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NONE, Milliseconds(), nullptr, failure));
+    if (reply == nullptr) {
+        if (g_error_matches(failure.Get(), G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER)) {
+            return {};
+        }
+        ThrowAs(failure);
+    }
+    const char* owner = nullptr;
+    g_variant_get(reply.get(), "(&s)", &owner);
+    return owner;
+}
+
+std::optional<unsigned> KavrelClient::ProcessOf(const std::string& name) const {
+    const Variant reply(g_dbus_connection_call_sync(
+        m_connection.get(), BUS_NAME, BUS_PATH, BUS_NAME, "GetConnectionUnixProcessID",
+        g_variant_new("(s)", name.c_str()), G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, Milliseconds(),
+        nullptr, nullptr));
+    if (reply == nullptr) {
+        return std::nullopt;
+    }
+    guint32 process = 0;
+    g_variant_get(reply.get(), "(u)", &process);
+    return process;
+}
+
+void KavrelClient::OnSignal(Heard heard) {
+    m_heard = std::move(heard);
+    const auto onSignal = [](GDBusConnection*, const char* sender, const char*, const char*,
+                             const char* signal, GVariant* body, void* client) {
+        static_cast<KavrelClient*>(client)->m_heard(sender, signal, body);
+    };
+    m_signals =
+        g_dbus_connection_signal_subscribe(m_connection.get(), nullptr, KAVREL_INTERFACE, nullptr, nullptr,
+                                           nullptr, G_DBUS_SIGNAL_FLAGS_NONE, onSignal, this, nullptr);
+}
+
+void KavrelClient::OnOwnerChanged(Changed changed) {
+    m_changed = std::move(changed);
+    const auto onSignal = [](GDBusConnection*, const char*, const char*, const char*, const char*,
+                             GVariant* body, void* client) {
+        const char* owner = "";
+        g_variant_get(body, "(&s&s&s)", nullptr, nullptr, &owner);
+        static_cast<KavrelClient*>(client)->m_changed(owner);
+    };
+    m_owners = g_dbus_connection_signal_subscribe(m_connection.get(), BUS_NAME, BUS_NAME, "NameOwnerChanged",
+                                                  BUS_PATH, KAVREL_NAME, G_DBUS_SIGNAL_FLAGS_NONE, onSignal,
+                                                  this, nullptr);
+}
+
+void KavrelClient::OnBusGone(std::function<void()> gone) {
+    m_gone = std::move(gone);
+    const auto onClosed = [](GDBusConnection*, gboolean, GError*, void* client) {
+        static_cast<KavrelClient*>(client)->m_gone();
+    };
+    m_closed = g_signal_connect(m_connection.get(), "closed", G_CALLBACK(+onClosed), this);
+}
+
+Variant KavrelClient::Call(const char* name, const char* path, const char* interface, const char* method,
+                           GVariant* arguments, const char* replyType) const {
+    Failure failure;
+    Variant reply(g_dbus_connection_call_sync(m_connection.get(), name, path, interface, method, arguments,
+                                              G_VARIANT_TYPE(replyType), G_DBUS_CALL_FLAGS_NO_AUTO_START,
+                                              Milliseconds(), nullptr, failure));
+    if (reply == nullptr) {
+        ThrowAs(failure);
+    }
+    return reply;
+}
+
+Variant KavrelClient::CallBus(const char* method, GVariant* arguments, const char* replyType) const {
+    return Call(BUS_NAME, BUS_PATH, BUS_NAME, method, arguments, replyType);
+}
+
+void KavrelClient::ThrowAs(const Failure& failure) const {
+    throw AsToolError(failure.Get(), m_timeout);
+}
+
+int KavrelClient::Milliseconds() const {
+    return m_timeout ? static_cast<int>(m_timeout->count()) : G_MAXINT;
+}
+
+}  // namespace tools

@@ -1,0 +1,101 @@
+#include "MainLoop.h"
+
+#include <glib-unix.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <memory>
+#include <utility>
+
+#include "Errors.h"
+
+namespace tools {
+
+struct MainLoop::Callback {
+    MainLoop* loop;
+    std::function<void()> function;
+    gboolean after;  // G_SOURCE_CONTINUE or G_SOURCE_REMOVE
+
+    static gboolean Call(void* data) {
+        auto* callback = static_cast<Callback*>(data);
+        callback->loop->Guard(callback->function);
+        return callback->after;
+    }
+    static gboolean CallForFile(int /*file*/, GIOCondition /*state*/, void* data) { return Call(data); }
+    static void Delete(void* data) { const std::unique_ptr<Callback> callback(static_cast<Callback*>(data)); }
+};
+
+MainLoop::MainLoop() : m_sources{QuitOn(SIGINT), QuitOn(SIGTERM), QuitOn(SIGHUP), QuitWithoutReader()} {}
+
+int MainLoop::Run() {
+    while (!m_ended) {
+        g_main_context_iteration(nullptr, TRUE);
+    }
+    if (m_thrown) {
+        std::rethrow_exception(m_thrown);
+    }
+    return m_exitCode;
+}
+
+void MainLoop::Quit(int exitCode) {
+    if (!m_ended) {
+        m_ended = true;
+        m_exitCode = exitCode;
+    }
+}
+
+void MainLoop::Guard(const std::function<void()>& function) {
+    if (m_ended) {
+        return;
+    }
+    try {
+        function();
+    } catch (...) {
+        m_thrown = std::current_exception();
+        m_ended = true;
+    }
+}
+
+GLibPtr<GSource> MainLoop::Every(std::chrono::milliseconds period, std::function<void()> function) {
+    return Attach(g_timeout_source_new(static_cast<guint>(period.count())), std::move(function), false);
+}
+
+GLibPtr<GSource> MainLoop::After(std::chrono::milliseconds delay, std::function<void()> function) {
+    return Attach(g_timeout_source_new(static_cast<guint>(delay.count())), std::move(function), true);
+}
+
+GLibPtr<GSource> MainLoop::WhenReadable(int file, std::function<void()> function) {
+    auto callback = std::make_unique<Callback>(Callback{this, std::move(function), G_SOURCE_CONTINUE});
+    GLibPtr<GSource> source(g_unix_fd_source_new(file, G_IO_IN));
+    g_source_set_callback(source.get(), G_SOURCE_FUNC(Callback::CallForFile), callback.release(),
+                          Callback::Delete);
+    g_source_attach(source.get(), nullptr);
+    return source;
+}
+
+GLibPtr<GSource> MainLoop::Attach(GSource* source, std::function<void()> function, bool once) {
+    const gboolean after = once ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
+    auto callback = std::make_unique<Callback>(Callback{this, std::move(function), after});
+    g_source_set_callback(source, Callback::Call, callback.release(), Callback::Delete);
+    g_source_attach(source, nullptr);
+    return GLibPtr<GSource>(source);
+}
+
+GLibPtr<GSource> MainLoop::QuitOn(int signalNumber) {
+    return Attach(
+        g_unix_signal_source_new(signalNumber), [=, this] { Quit(128 + signalNumber); }, false);
+}
+
+GLibPtr<GSource> MainLoop::QuitWithoutReader() {
+    const auto quit = [](int, GIOCondition, void* loop) -> gboolean {
+        static_cast<MainLoop*>(loop)->Quit(EXIT_DONE);
+        return G_SOURCE_REMOVE;
+    };
+    const auto gone = static_cast<GIOCondition>(G_IO_ERR | G_IO_HUP | G_IO_NVAL);
+    GLibPtr<GSource> source(g_unix_fd_source_new(STDOUT_FILENO, gone));
+    g_source_set_callback(source.get(), G_SOURCE_FUNC(+quit), this, nullptr);
+    g_source_attach(source.get(), nullptr);
+    return source;
+}
+
+}  // namespace tools

@@ -1,0 +1,53 @@
+#ifndef KAVREL_TOOLS_MAINLOOP_H
+#define KAVREL_TOOLS_MAINLOOP_H
+
+#include <glib.h>
+
+#include <array>
+#include <chrono>
+#include <exception>
+#include <functional>
+
+#include "GLibPtr.h"
+
+namespace tools {
+
+/**
+ * The default main context of a tool that stays, run until it is told to end: by Quit(), by Ctrl-C, SIGTERM
+ * or SIGHUP, or because the reader of standard output has gone, which it notices at once and not at the next
+ * write. Signals count from the construction on. One at a time, on the main thread.
+ */
+class MainLoop {
+public:
+    MainLoop();
+
+    /** @return what Quit() was given; 0 if the reader of standard output has gone; 128 + the signal's number
+     *  @throws what a guarded function has thrown */
+    int Run();
+    void Quit(int exitCode);
+    /** Calls the function, for use in GLib's callbacks, which no exception may leave: it ends Run() instead.
+     */
+    void Guard(const std::function<void()>& function);
+
+    /** Calls the (guarded) function again and again while the source lives. */
+    GLibPtr<GSource> Every(std::chrono::milliseconds period, std::function<void()> function);
+    /** Calls the (guarded) function once, unless the source is gone by then. */
+    GLibPtr<GSource> After(std::chrono::milliseconds delay, std::function<void()> function);
+    /** Calls the (guarded) function whenever the file can be read, while the source lives. */
+    GLibPtr<GSource> WhenReadable(int file, std::function<void()> function);
+
+private:
+    struct Callback;
+    GLibPtr<GSource> Attach(GSource* source, std::function<void()> function, bool once);
+    GLibPtr<GSource> QuitOn(int signalNumber);
+    GLibPtr<GSource> QuitWithoutReader();
+
+    bool m_ended = false;
+    int m_exitCode = 0;
+    std::exception_ptr m_thrown;
+    std::array<GLibPtr<GSource>, 4> m_sources;
+};
+
+}  // namespace tools
+
+#endif

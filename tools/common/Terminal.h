@@ -1,0 +1,63 @@
+/** What the tools know of the terminal: its width, its colours, and how to leave it as it was. */
+#ifndef KAVREL_TOOLS_TERMINAL_H
+#define KAVREL_TOOLS_TERMINAL_H
+
+#include <string>
+#include <string_view>
+
+namespace tools {
+
+struct TerminalSize {
+    int columns = 80;
+    int rows = 24;
+};
+
+/** Of the terminal behind standard output; 80x24 where there is none or it does not say. */
+TerminalSize SizeOfTerminal();
+
+/** Colours for standard output, which are plain text unless it is a terminal and NO_COLOR is unset or empty.
+ */
+class Style {
+public:
+    Style();
+    /** @param coloured whether to colour, wherever the text goes */
+    explicit Style(bool coloured) : m_coloured(coloured) {}
+
+    bool Coloured() const { return m_coloured; }
+    std::string Bold(std::string_view text) const { return Wrapped("1", text); }
+    std::string Dim(std::string_view text) const { return Wrapped("2", text); }
+    std::string Red(std::string_view text) const { return Wrapped("31", text); }
+    std::string Green(std::string_view text) const { return Wrapped("32", text); }
+    std::string Yellow(std::string_view text) const { return Wrapped("33", text); }
+    std::string Blue(std::string_view text) const { return Wrapped("34", text); }
+    std::string Cyan(std::string_view text) const { return Wrapped("36", text); }
+
+private:
+    std::string Wrapped(std::string_view code, std::string_view text) const;
+
+    bool m_coloured;
+};
+
+/**
+ * The terminal as a canvas, for as long as the object lives: the alternate screen, without a cursor. Leave by
+ * the end of the object, which a MainLoop brings about on Ctrl-C too, and the terminal is as it was. Does
+ * nothing where standard output is no terminal.
+ */
+class FullScreen {
+public:
+    FullScreen();
+    ~FullScreen();
+    FullScreen(const FullScreen&) = delete;
+    FullScreen& operator=(const FullScreen&) = delete;
+
+    /** Shows the lines from the top on, what no longer fits left out, in one write and without flicker.
+     *  @throws ReaderGone, ToolError as Print() does */
+    void Show(std::string_view lines) const;
+
+private:
+    bool m_isTerminal;
+};
+
+}  // namespace tools
+
+#endif
