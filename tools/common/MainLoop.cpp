@@ -25,7 +25,18 @@ struct MainLoop::Callback {
     static void Delete(void* data) { const std::unique_ptr<Callback> callback(static_cast<Callback*>(data)); }
 };
 
-MainLoop::MainLoop() : m_sources{QuitOn(SIGINT), QuitOn(SIGTERM), QuitOn(SIGHUP), QuitWithoutReader()} {}
+MainLoop::MainLoop() : m_signals{QuitOn(SIGINT), QuitOn(SIGTERM), QuitOn(SIGHUP)} {}
+
+void MainLoop::EndWithReader() {
+    const auto quit = [](int, GIOCondition, void* loop) -> gboolean {
+        static_cast<MainLoop*>(loop)->Quit(EXIT_DONE);
+        return G_SOURCE_REMOVE;
+    };
+    const auto gone = static_cast<GIOCondition>(G_IO_ERR | G_IO_HUP | G_IO_NVAL);
+    m_reader.reset(g_unix_fd_source_new(STDOUT_FILENO, gone));
+    g_source_set_callback(m_reader.get(), G_SOURCE_FUNC(+quit), this, nullptr);
+    g_source_attach(m_reader.get(), nullptr);
+}
 
 int MainLoop::Run() {
     while (!m_ended) {
@@ -84,18 +95,6 @@ GLibPtr<GSource> MainLoop::Attach(GSource* source, std::function<void()> functio
 GLibPtr<GSource> MainLoop::QuitOn(int signalNumber) {
     return Attach(
         g_unix_signal_source_new(signalNumber), [=, this] { Quit(128 + signalNumber); }, false);
-}
-
-GLibPtr<GSource> MainLoop::QuitWithoutReader() {
-    const auto quit = [](int, GIOCondition, void* loop) -> gboolean {
-        static_cast<MainLoop*>(loop)->Quit(EXIT_DONE);
-        return G_SOURCE_REMOVE;
-    };
-    const auto gone = static_cast<GIOCondition>(G_IO_ERR | G_IO_HUP | G_IO_NVAL);
-    GLibPtr<GSource> source(g_unix_fd_source_new(STDOUT_FILENO, gone));
-    g_source_set_callback(source.get(), G_SOURCE_FUNC(+quit), this, nullptr);
-    g_source_attach(source.get(), nullptr);
-    return source;
 }
 
 }  // namespace tools

@@ -21,7 +21,11 @@ class MainLoop {
 public:
     MainLoop();
 
-    /** @return what Quit() was given; 0 if the reader of standard output has gone; 128 + the signal's number
+    /** For tools whose output is all they are for: the end of its reader ends Run(), at once and not at the
+     * next write, and with 0. */
+    void EndWithReader();
+
+    /** @return what Quit() was given; 128 + the signal's number
      *  @throws what a guarded function has thrown */
     int Run();
     void Quit(int exitCode);
@@ -40,12 +44,12 @@ private:
     struct Callback;
     GLibPtr<GSource> Attach(GSource* source, std::function<void()> function, bool once);
     GLibPtr<GSource> QuitOn(int signalNumber);
-    GLibPtr<GSource> QuitWithoutReader();
 
     bool m_ended = false;
     int m_exitCode = 0;
     std::exception_ptr m_thrown;
-    std::array<GLibPtr<GSource>, 4> m_sources;
+    std::array<GLibPtr<GSource>, 3> m_signals;
+    GLibPtr<GSource> m_reader;
 };
 
 }  // namespace tools
