@@ -1,4 +1,4 @@
-#include "audio_control.h"
+#include <audio_control.h>
 
 #include <cerrno>
 #include <string>

@@ -1,21 +1,21 @@
-#include "audio_hal.h"
+#include <audio_hal.h>
 
 #include <cerrno>
 #include <string>
 
+#include <dlog.h>
 #include "directory.h"
-#include "dlog.h"
 #include "reports.h"
 
 namespace {
 
-constexpr host::Range kVolumes{0, 100};
+constexpr host::Range VOLUMES{0, 100};
 
-host::Slot volume_slot;
-host::Slot mute_slot;
+host::Slot volumeSlot;
+host::Slot muteSlot;
 
 host::Item MasterVolume() {
-    return {"audio/master_volume", kVolumes};
+    return {"audio/master_volume", VOLUMES};
 }
 
 int Register(host::Slot& slot, const host::Item& item, audio_master_changed_cb callback, void* user_data) {
@@ -33,7 +33,7 @@ int audio_get_master_volume(int* volume) {
 }
 
 int audio_set_master_volume(int volume, int /*mode*/) {
-    if (volume < kVolumes.min || volume > kVolumes.max)
+    if (volume < VOLUMES.min || volume > VOLUMES.max)
         return host::Failure(ERANGE);
     return host::Reports::Get().Set(MasterVolume(), std::to_string(volume));
 }
@@ -51,17 +51,17 @@ int audio_set_master_mute(bool mute) {
 }
 
 int audio_register_master_volume_changed_cb(audio_master_changed_cb callback, void* user_data) {
-    return Register(volume_slot, MasterVolume(), callback, user_data);
+    return Register(volumeSlot, MasterVolume(), callback, user_data);
 }
 
 int audio_register_master_mute_changed_cb(audio_master_changed_cb callback, void* user_data) {
-    return Register(mute_slot, host::MasterMute(), callback, user_data);
+    return Register(muteSlot, host::MasterMute(), callback, user_data);
 }
 
 int audio_unregister_master_volume_changed_cb(void) {
-    return volume_slot.Clear(MasterVolume());
+    return volumeSlot.Clear(MasterVolume());
 }
 
 int audio_unregister_master_mute_changed_cb(void) {
-    return mute_slot.Clear(host::MasterMute());
+    return muteSlot.Clear(host::MasterMute());
 }

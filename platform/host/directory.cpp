@@ -16,15 +16,15 @@
 #include <memory>
 #include <utility>
 
-#include "dlog.h"
+#include <dlog.h>
 
 namespace fs = std::filesystem;
 
 namespace host {
 namespace {
 
-constexpr const char* kTag = "Kavrel";
-constexpr std::size_t kSuffixSize = 6;
+constexpr const char* TAG = "Kavrel";
+constexpr std::size_t SUFFIX_SIZE = 6;
 
 class File {
 public:
@@ -49,15 +49,13 @@ const char* Describe(int error) {
             return "not a valid value";
         case ERANGE:
             return "out of range";
-        case EFBIG:
-            return "more than 1 MiB";
         default:
             return std::strerror(error);
     }
 }
 
 int Fail(const char* what, const fs::path& path, int error) {
-    __dlog_print(DLOG_ERROR, kTag, "Cannot %s %s: %s\n", what, path.c_str(), Describe(error));
+    __dlog_print(DLOG_ERROR, TAG, "Cannot %s %s: %s\n", what, path.c_str(), Describe(error));
     return Failure(error);
 }
 
@@ -73,7 +71,7 @@ int ReadFile(const fs::path& path, std::string& text) {
 
     text.clear();
     std::array<char, 4096> chunk;
-    while (text.size() <= kMaxValueSize + 1) {
+    while (text.size() <= MAX_VALUE_SIZE + 1) {
         const ssize_t count = read(file.Get(), chunk.data(), chunk.size());
         if (count < 0)
             return errno;
@@ -83,7 +81,7 @@ int ReadFile(const fs::path& path, std::string& text) {
     }
     if (text.ends_with('\n'))
         text.pop_back();
-    if (text.size() > kMaxValueSize)
+    if (text.size() > MAX_VALUE_SIZE)
         return EFBIG;
     // The seam's strings end at a NUL: half a text would be a made-up value.
     return text.find('\0') == std::string::npos ? 0 : EINVAL;
@@ -91,27 +89,29 @@ int ReadFile(const fs::path& path, std::string& text) {
 
 // --- Writing
 
-/// Temporary names need only be unlike those of other live writers: a clash is tried again.
+/** Temporary names need only be unlike those of other live writers: a clash is tried again. */
 std::string RandomSuffix() {
-    constexpr std::string_view kLetters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
-    std::array<unsigned char, kSuffixSize> bytes{};
+    constexpr std::string_view LETTERS = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+    std::array<unsigned char, SUFFIX_SIZE> bytes{};
     if (getentropy(bytes.data(), bytes.size()) != 0)
         std::abort();  // cannot happen: the kernel has the call, and six bytes are few
     std::string suffix;
     for (const unsigned char byte : bytes)
-        suffix += kLetters[byte % kLetters.size()];
+        suffix += LETTERS[byte % LETTERS.size()];
     return suffix;
 }
 
-/// A live writer holds a lock on its temporary file, which the kernel drops with the process; a file that can
-/// be locked is a leftover. Between making and locking its file a live writer can lose it to this: it makes
-/// another.
+/**
+ * A live writer holds a lock on its temporary file, which the kernel drops with the process; a file that can
+ * be locked is a leftover. Between making and locking its file a live writer can lose it to this: it makes
+ * another.
+ */
 void RemoveLeftovers(const fs::path& folder, const std::string& prefix) {
     std::error_code error;
     for (fs::directory_iterator entry(folder, error); !error && entry != fs::directory_iterator();
          entry.increment(error)) {
         const std::string name = entry->path().filename();
-        if (!name.starts_with(prefix) || name.size() != prefix.size() + kSuffixSize)
+        if (!name.starts_with(prefix) || name.size() != prefix.size() + SUFFIX_SIZE)
             continue;
         const File leftover(entry->path(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW);
         if (leftover && flock(leftover.Get(), LOCK_EX | LOCK_NB) == 0)
@@ -133,7 +133,7 @@ bool WriteAll(int fd, std::string_view text) {
 enum class Replace { yes, no };
 enum class Sync { yes, no };
 
-/// One attempt. EEXIST, EWOULDBLOCK and ENOENT may mean that the temporary file met another writer.
+/** One attempt. EEXIST, EWOULDBLOCK and ENOENT may mean that the temporary file met another writer. */
 int WriteOnce(const fs::path& path, const fs::path& temporary, std::string_view text, Replace replace,
               Sync sync) {
     const File file(temporary, O_WRONLY | O_CREAT | O_EXCL);
@@ -150,16 +150,16 @@ int WriteOnce(const fs::path& path, const fs::path& temporary, std::string_view 
 }
 
 int WriteFile(const fs::path& path, std::string text, Replace replace, Sync sync) {
-    constexpr int kAttempts = 100;
+    constexpr int ATTEMPTS = 100;
     text += '\n';
     const fs::path folder = path.parent_path();
     const std::string prefix = '.' + path.filename().string() + '.';
     RemoveLeftovers(folder, prefix);
     int error = 0;
-    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
         error = WriteOnce(path, folder / (prefix + RandomSuffix()), text, replace, sync);
-        const bool met_another = error == EWOULDBLOCK || error == ENOENT;
-        if (!met_another && !(error == EEXIST && replace == Replace::yes))
+        const bool metAnother = error == EWOULDBLOCK || error == ENOENT;
+        if (!metAnother && !(error == EEXIST && replace == Replace::yes))
             break;
     }
     if (error == 0 && sync == Sync::yes)
@@ -169,10 +169,10 @@ int WriteFile(const fs::path& path, std::string text, Replace replace, Sync sync
 
 // --- The default TV
 
-constexpr std::array kDefaultFolders = {"settings/memory", "settings/db", "features", "sound/zones",
+constexpr std::array DEFAULT_FOLDERS = {"settings/memory", "settings/db", "features", "sound/zones",
                                         "zones",           "audio",       "events"};
 
-constexpr std::array<std::pair<const char*, const char*>, 9> kDefaultValues = {{
+constexpr std::array<std::pair<const char*, const char*>, 9> DEFAULT_VALUES = {{
     {"settings/memory/multiscreen/info", R"({"mode":"off"})"},
     {"features/com.norvik/featureconf/internal_speaker_supported", "true"},
     {"features/com.norvik/featureconf/multiview.support", "true"},
@@ -185,24 +185,26 @@ constexpr std::array<std::pair<const char*, const char*>, 9> kDefaultValues = {{
 }};
 
 bool HasValues(const fs::path& folder) {
-    const auto is_value = [](const fs::directory_entry& entry) {
+    const auto isValue = [](const fs::directory_entry& entry) {
         return !entry.path().filename().string().starts_with('.');
     };
-    return std::any_of(fs::directory_iterator(folder), fs::directory_iterator(), is_value);
+    return std::any_of(fs::directory_iterator(folder), fs::directory_iterator(), isValue);
 }
 
-/// Several processes may start at once, and none waits for another: whoever finds the directory empty, or the
-/// mark of one that is still filling it (or was killed), fills in what is missing and replaces nothing. So no
-/// process goes on with half a TV, and none overwrites what another has set since.
+/**
+ * Several processes may start at once, and none waits for another: whoever finds the directory empty, or the
+ * mark of one that is still filling it (or was killed), fills in what is missing and replaces nothing. So no
+ * process goes on with half a TV, and none overwrites what another has set since.
+ */
 void FillIfEmpty(const fs::path& root) {
     const fs::path mark = root / ".filling";
     if (!fs::exists(mark) && HasValues(root))
         return;
     if (!File(mark, O_WRONLY | O_CREAT))
         throw fs::filesystem_error("open", mark, std::error_code(errno, std::generic_category()));
-    for (const char* const folder : kDefaultFolders)
+    for (const char* const folder : DEFAULT_FOLDERS)
         fs::create_directories(root / folder);
-    for (const auto& [path, text] : kDefaultValues) {
+    for (const auto& [path, text] : DEFAULT_VALUES) {
         fs::create_directories((root / path).parent_path());
         const int error = WriteFile(root / path, text, Replace::no, Sync::no);
         if (error != 0 && error != EEXIST)
@@ -240,7 +242,7 @@ std::optional<Item> KeyItem(const char* folder, const char* key) {
     const std::string_view text = key != nullptr ? key : "";
     const std::string wrapped = '/' + std::string(text) + '/';
     if (wrapped.find("//") != std::string::npos || wrapped.find("/.") != std::string::npos) {
-        __dlog_print(DLOG_ERROR, kTag, "Refused the key \"%s\" of %s\n", text.data(),
+        __dlog_print(DLOG_ERROR, TAG, "Refused the key \"%s\" of %s\n", text.data(),
                      (Root() / folder).c_str());
         return std::nullopt;
     }
@@ -271,7 +273,7 @@ bool HasZone(int zone) {
 }
 
 Item ZoneRoute(int zone) {
-    return {"sound/zones/" + std::to_string(zone) + "/route", Range{}, kZoneRoutes};
+    return {"sound/zones/" + std::to_string(zone) + "/route", Range{}, ZONE_ROUTES};
 }
 
 Item MasterMute() {
@@ -306,9 +308,9 @@ int Read(const Item& item, int& value) {
 
 int Write(const Item& item, std::string_view text) {
     const fs::path path = Root() / item.path;
-    if (text.size() > kMaxValueSize)
+    if (text.size() > MAX_VALUE_SIZE)
         return Fail("write", path, EFBIG);
-    if (item.topic != kZoneRoutes) {
+    if (item.topic != ZONE_ROUTES) {
         std::error_code ignored;  // what matters is whether the file can be made
         fs::create_directories(path.parent_path(), ignored);
     }
@@ -330,9 +332,9 @@ int Remove(const Item& item) {
 }
 
 int ParseInteger(std::string_view text, Range range, int& value) {
-    constexpr std::string_view kBlanks = " \t";
-    text.remove_prefix(std::min(text.find_first_not_of(kBlanks), text.size()));
-    text = text.substr(0, text.find_last_not_of(kBlanks) + 1);
+    constexpr std::string_view BLANKS = " \t";
+    text.remove_prefix(std::min(text.find_first_not_of(BLANKS), text.size()));
+    text = text.substr(0, text.find_last_not_of(BLANKS) + 1);
     int parsed = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), parsed);
     if (error == std::errc::invalid_argument || end != text.data() + text.size())

@@ -1,4 +1,4 @@
-#include "dlog.h"
+#include <dlog.h>
 
 #include <poll.h>
 #include <pthread.h>
@@ -25,7 +25,7 @@ struct Marks {
     const char* colour;
 };
 
-constexpr std::array<Marks, 4> kMarks = {{
+constexpr std::array<Marks, 4> MARKS = {{
     {"D ", "<7>", "\033[2m"},
     {"I ", "<6>", ""},
     {"W ", "<4>", "\033[33m"},
@@ -34,9 +34,8 @@ constexpr std::array<Marks, 4> kMarks = {{
 
 const Marks& MarksOf(int priority) {
     if (priority <= DLOG_DEBUG)
-        return kMarks.front();
-    return priority >= DLOG_ERROR ? kMarks.back()
-                                  : kMarks.at(static_cast<std::size_t>(priority - DLOG_DEBUG));
+        return MARKS.front();
+    return priority >= DLOG_ERROR ? MARKS.back() : MARKS.at(static_cast<std::size_t>(priority - DLOG_DEBUG));
 }
 
 int LowestPriority() {
@@ -49,8 +48,10 @@ int LowestPriority() {
     return lowest == "error" ? DLOG_ERROR : DLOG_INFO;
 }
 
-/// JOURNAL_STREAM is inherited by every descendant of a service: it counts only where it names this very
-/// stream.
+/**
+ * JOURNAL_STREAM is inherited by every descendant of a service: it counts only where it names this very
+ * stream.
+ */
 bool IsJournal() {
     const char* const stream = std::getenv("JOURNAL_STREAM");
     struct stat status {};
@@ -73,7 +74,7 @@ void AppendLine(std::string& out, Style style, const Marks& marks, std::string_v
         out.append(marks.colour).append(marks.plain).append(line).append("\033[0m");
 }
 
-/// Marks each line of the text, so that none can pass for one of another priority.
+/** Marks each line of the text, so that none can pass for one of another priority. */
 std::string Mark(std::string_view text, Style style, const Marks& marks) {
     std::string out;
     out.reserve(text.size() + 16);
@@ -104,8 +105,10 @@ std::string Format(const char* fmt, va_list arguments) {
     return text;
 }
 
-/// Keeps a reader that has gone from ending the process, without a word to the rest of it: SIGPIPE goes to
-/// the writing thread, so it is enough to block it here and to take away the one that came.
+/**
+ * Keeps a reader that has gone from ending the process, without a word to the rest of it: SIGPIPE goes to
+ * the writing thread, so it is enough to block it here and to take away the one that came.
+ */
 class NoBrokenPipe {
 public:
     NoBrokenPipe() {
@@ -113,12 +116,12 @@ public:
         sigaddset(&m_pipe, SIGPIPE);
         sigset_t pending;
         sigpending(&pending);
-        m_was_pending = sigismember(&pending, SIGPIPE) == 1;
+        m_wasPending = sigismember(&pending, SIGPIPE) == 1;
         pthread_sigmask(SIG_BLOCK, &m_pipe, &m_before);
     }
     ~NoBrokenPipe() {
         const timespec now{};
-        if (m_broken && !m_was_pending)
+        if (m_broken && !m_wasPending)
             sigtimedwait(&m_pipe, nullptr, &now);
         pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
     }
@@ -130,11 +133,11 @@ public:
 private:
     sigset_t m_pipe{};
     sigset_t m_before{};
-    bool m_was_pending = false;
+    bool m_wasPending = false;
     bool m_broken = false;
 };
 
-/// @return 0 or an errno
+/** @return 0 or an errno */
 int Write(std::string_view text) {
     NoBrokenPipe guard;
     while (!text.empty()) {
@@ -159,12 +162,12 @@ int __dlog_print(int priority, const char* /*tag*/, const char* fmt, ...) {
     static const int lowest = LowestPriority();
     if (priority < lowest)
         return 0;
-    const int saved_errno = errno;
+    const int savedErrno = errno;
     static const Style style = FindStyle();
     va_list arguments;
     va_start(arguments, fmt);
     const int error = Write(Mark(Format(fmt, arguments), style, MarksOf(priority)));
     va_end(arguments);
-    errno = saved_errno;
+    errno = savedErrno;
     return error == 0 ? 0 : -1000 - error;
 }

@@ -1,4 +1,4 @@
-#include "lwipc.h"
+#include <lwipc.h>
 
 #include <cerrno>
 #include <optional>
@@ -9,19 +9,19 @@
 
 namespace {
 
-/// Every byte but letters, digits, '_' and '-' becomes %XX, so that any name makes one file name.
+/** Every byte but letters, digits, '_' and '-' becomes %XX, so that any name makes one file name. */
 std::optional<host::Item> EventItem(const char* event) {
-    constexpr std::string_view kPlain = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-";
-    constexpr std::string_view kHex = "0123456789ABCDEF";
+    constexpr std::string_view PLAIN = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-";
+    constexpr std::string_view HEX = "0123456789ABCDEF";
     if (event == nullptr || *event == '\0')
         return std::nullopt;
     std::string path = "events/";
     for (const char letter : std::string_view(event)) {
         const auto byte = static_cast<unsigned char>(letter);
-        if (kPlain.find(letter) != std::string_view::npos)
+        if (PLAIN.find(letter) != std::string_view::npos)
             path += letter;
         else
-            path.append({'%', kHex[byte / 16], kHex[byte % 16]});
+            path.append({'%', HEX[byte / 16], HEX[byte % 16]});
     }
     return host::Item{path, std::nullopt};
 }

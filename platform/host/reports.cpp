@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "dlog.h"
+#include <dlog.h>
 
 namespace fs = std::filesystem;
 
@@ -20,9 +20,11 @@ namespace {
 
 using Guard = std::lock_guard<std::recursive_mutex>;
 
-/// Files count when they are closed or moved into place, folders and links when they appear. What disappears
-/// is no news, but a folder that is gone may come back elsewhere: where its link leads.
-constexpr std::uint32_t kEvents =
+/**
+ * Files count when they are closed or moved into place, folders and links when they appear. What disappears
+ * is no news, but a folder that is gone may come back elsewhere: where its link leads.
+ */
+constexpr std::uint32_t EVENTS =
     IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 
 int Fail(const char* what, int error) {
@@ -31,7 +33,7 @@ int Fail(const char* what, int error) {
 }
 
 std::vector<Item> ItemsOf(const Item& registered) {
-    if (registered.topic != kZoneRoutes)
+    if (registered.topic != ZONE_ROUTES)
         return {registered};
     std::vector<int> zones;
     GetZones(zones);
@@ -77,7 +79,7 @@ int Reports::Add(const Item& item, Handler handler) {
     if (const int result = Start(); result != 0)
         return result;
     const bool first = !IsHeard(item.topic);
-    const int id = ++m_last_id;
+    const int id = ++m_lastId;
     m_registrations.try_emplace(id, Registration{item, std::move(handler)});
     if (const int error = Rewatch(); error != 0) {
         Remove(item.topic, id);
@@ -111,15 +113,17 @@ void Reports::Replace(int id, Handler handler) {
     m_registrations.at(id).handler = std::move(handler);
 }
 
-/// Calls those that were registered when the report began and still are. A callback may write the same value:
-/// that report then has gone to all of them, and this one, now the older, ends.
+/**
+ * Calls those that were registered when the report began and still are. A callback may write the same value:
+ * that report then has gone to all of them, and this one, now the older, ends.
+ */
 void Reports::Deliver(Value& value, const std::string& text) {
     value.known = text;
     const std::uint64_t report = value.report = ++m_reports;
     const Item item = value.item;
-    const int last_id = m_last_id;
+    const int lastId = m_lastId;
     int id = 0;
-    for (auto next = m_registrations.begin(); next != m_registrations.end() && next->first <= last_id;
+    for (auto next = m_registrations.begin(); next != m_registrations.end() && next->first <= lastId;
          next = m_registrations.upper_bound(id)) {
         id = next->first;
         if (next->second.item.topic != item.topic)
@@ -142,7 +146,8 @@ bool Reports::IsHeard(const std::string& topic) const {
 
 // --- The platform thread
 
-/// With the first registration, so that a process that only reads and writes has neither thread nor watches.
+/** With the first registration, so that a process that only reads and writes has neither thread nor watches.
+ */
 int Reports::Start() {
     if (m_inotify >= 0)
         return 0;
@@ -183,8 +188,10 @@ void Reports::Handle(const inotify_event& event) {
         Check(path);
 }
 
-/// The values that may have changed. Where a folder or a link has come or gone, or notifications have been
-/// lost, that is every one; the folders are watched anew before, so that nothing is missed in between.
+/**
+ * The values that may have changed. Where a folder or a link has come or gone, or notifications have been
+ * lost, that is every one; the folders are watched anew before, so that nothing is missed in between.
+ */
 std::set<std::string> Reports::Affected(const inotify_event& event) {
     const Guard guard(m_lock);
     const Place place{event.wd, event.len > 0 ? event.name : ""};
@@ -212,17 +219,19 @@ void Reports::Check(const std::string& path) {
 
 // --- Watches
 
-/// Watches every folder that exists on the way to a value, from the top down: whatever appears later appears
-/// in a folder that is watched already. Watching a folder again is free.
-/// @return the errno of a folder that is there and cannot be watched, or 0
+/**
+ * Watches every folder that exists on the way to a value, from the top down: whatever appears later appears
+ * in a folder that is watched already. Watching a folder again is free.
+ * @return the errno of a folder that is there and cannot be watched, or 0
+ */
 int Reports::Rewatch() {
     const std::set<int> before = std::exchange(m_watched, {});
     m_folders.clear();
     m_places.clear();
-    m_watch_error = 0;
+    m_watchError = 0;
     for (const auto& [id, registration] : m_registrations) {
-        if (registration.item.topic == kZoneRoutes)
-            Follow(Root(), kZoneRoutes);
+        if (registration.item.topic == ZONE_ROUTES)
+            Follow(Root(), ZONE_ROUTES);
         for (const Item& item : ItemsOf(registration.item))
             m_values.try_emplace(item.path, Value{item, std::nullopt});
     }
@@ -236,10 +245,10 @@ int Reports::Rewatch() {
         if (!m_watched.contains(folder))
             inotify_rm_watch(m_inotify, folder);
     }
-    return m_watch_error;
+    return m_watchError;
 }
 
-/// @return the watch of the last folder on the way, or -1 while it does not exist
+/** @return the watch of the last folder on the way, or -1 while it does not exist */
 int Reports::Follow(fs::path here, const fs::path& way) {
     int watch = Watch(here);
     for (const fs::path& part : way) {
@@ -255,8 +264,10 @@ int Reports::Follow(fs::path here, const fs::path& way) {
     return watch;
 }
 
-/// Only while a link leads nowhere is anything watched outside the TV directory: the folders on the way to
-/// its target from the nearest one that exists.
+/**
+ * Only while a link leads nowhere is anything watched outside the TV directory: the folders on the way to
+ * its target from the nearest one that exists.
+ */
 int Reports::FollowDangling(const fs::path& link) {
     std::error_code ignored;
     const fs::path target = link.parent_path() / fs::read_symlink(link, ignored);
@@ -267,11 +278,11 @@ int Reports::FollowDangling(const fs::path& link) {
 }
 
 int Reports::Watch(const fs::path& folder) {
-    const int watch = inotify_add_watch(m_inotify, folder.c_str(), kEvents);
+    const int watch = inotify_add_watch(m_inotify, folder.c_str(), EVENTS);
     if (watch >= 0)
         m_watched.insert(watch);
     else if (errno != ENOENT && errno != ENOTDIR)
-        m_watch_error = errno;
+        m_watchError = errno;
     return watch;
 }
 

@@ -1,16 +1,19 @@
-/// Change reports: who hears what, in which order and on which thread.
-///
-/// One recursive lock, the delivery lock, guards everything here. It is held while callbacks run, over every
-/// write that can be reported, and while a registration is added or removed. Three things follow from that
-/// one rule: reports come one at a time and in the order of the writes; whoever removes a registration waits
-/// for a report in flight on another thread; and a callback may write, register and remove in its turn.
-///
-/// The last value known of each watched file decides what is news. A write through the seam is reported by
-/// the writing thread and becomes the last value known; the kernel's notification of it then finds nothing
-/// new. A change by another process is found by the platform thread, which reads the file under the lock when
-/// the notification comes: what it finds is never older than the last value known, so no report goes back in
-/// time.
-#pragma once
+/**
+ * Change reports: who hears what, in which order and on which thread.
+ *
+ * One recursive lock, the delivery lock, guards everything here. It is held while callbacks run, over every
+ * write that can be reported, and while a registration is added or removed. Three things follow from that
+ * one rule: reports come one at a time and in the order of the writes; whoever removes a registration waits
+ * for a report in flight on another thread; and a callback may write, register and remove in its turn.
+ *
+ * The last value known of each watched file decides what is news. A write through the seam is reported by
+ * the writing thread and becomes the last value known; the kernel's notification of it then finds nothing
+ * new. A change by another process is found by the platform thread, which reads the file under the lock when
+ * the notification comes: what it finds is never older than the last value known, so no report goes back in
+ * time.
+ */
+#ifndef KAVREL_HOST_REPORTS_H
+#define KAVREL_HOST_REPORTS_H
 
 #include <sys/inotify.h>
 
@@ -32,7 +35,7 @@ struct Change {
     std::string path;
     std::string text;
 
-    /// Of an item with a range, which is only reported if it is in it.
+    /** Of an item with a range, which is only reported if it is in it. */
     int Integer() const;
 };
 
@@ -40,15 +43,15 @@ using Handler = std::function<void(const Change&)>;
 
 class Reports {
 public:
-    /// Never destroyed: the platform thread may outlive main().
+    /** Never destroyed: the platform thread may outlive main(). */
     static Reports& Get();
 
     std::recursive_mutex& DeliveryLock() { return m_lock; }
 
-    /// Writes the value and, if it is not the present one, reports it before it returns.
+    /** Writes the value and, if it is not the present one, reports it before it returns. */
     int Set(const Item& item, std::string_view text);
 
-    /// @return the registration's id, above 0, or the seam's code for a failure
+    /** @return the registration's id, above 0, or the seam's code for a failure */
     int Add(const Item& item, Handler handler);
     int Remove(const std::string& topic, int id);
     void Replace(int id, Handler handler);
@@ -81,17 +84,17 @@ private:
     std::recursive_mutex m_lock;  // the delivery lock: guards all of the following
     std::map<int, Registration> m_registrations;
     std::map<std::string, Value> m_values;  // by path; those that somebody hears
-    int m_last_id = 0;
+    int m_lastId = 0;
     std::uint64_t m_reports = 0;
 
     int m_inotify = -1;
     std::set<int> m_watched;                // the watched folders
     std::set<Place> m_folders;              // what is, or would be, on the way to a value
     std::map<Place, std::string> m_places;  // the values' files; to their paths
-    int m_watch_error = 0;                  // errno met by the latest Rewatch(), or 0
+    int m_watchError = 0;                   // errno met by the latest Rewatch(), or 0
 };
 
-/// The one registration of a call whose removal takes no argument.
+/** The one registration of a call whose removal takes no argument. */
 class Slot {
 public:
     int Set(const Item& item, Handler handler);
@@ -102,3 +105,5 @@ private:
 };
 
 }  // namespace host
+
+#endif

@@ -1,4 +1,4 @@
-#include "resource_center.h"
+#include <resource_center.h>
 
 #include <cerrno>
 #include <cstddef>

@@ -1,4 +1,4 @@
-#include "sound_manager.h"
+#include <sound_manager.h>
 
 #include <cerrno>
 #include <charconv>
@@ -9,23 +9,23 @@
 
 namespace {
 
-constexpr int kNoSuchZone = static_cast<int>(0xFE6A0004);
+constexpr int NO_SUCH_ZONE = static_cast<int>(0xFE6A0004);
 
-host::Slot speaker_slot;
-host::Slot multiview_slot;
-host::Slot mute_slot;
+host::Slot speakerSlot;
+host::Slot multiviewSlot;
+host::Slot muteSlot;
 
 host::Item Route() {
     return {"sound/route", host::Range{}};
 }
 
-/// The registration for all zones; the path is that of no value.
+/** The registration for all zones; the path is that of no value. */
 host::Item AnyZoneRoute() {
-    return {host::kZoneRoutes, host::Range{}};
+    return {host::ZONE_ROUTES, host::Range{}};
 }
 
 int ZoneOf(const host::Change& change) {
-    const std::size_t start = std::string(host::kZoneRoutes).size() + 1;
+    const std::size_t start = std::string(host::ZONE_ROUTES).size() + 1;
     int zone = 0;
     std::from_chars(change.path.data() + start, change.path.data() + change.path.size(), zone);
     return zone;
@@ -44,48 +44,48 @@ int sound_manager_set_speaker_selection(sound_tv_output_route_e route) {
 int sound_manager_get_multiview_speaker_selection_with_zone_id(sound_tv_output_route_e* route, int zone_id) {
     if (route == nullptr)
         return host::Failure(EINVAL);
-    return host::HasZone(zone_id) ? host::Read(host::ZoneRoute(zone_id), *route) : kNoSuchZone;
+    return host::HasZone(zone_id) ? host::Read(host::ZoneRoute(zone_id), *route) : NO_SUCH_ZONE;
 }
 
 int sound_manager_set_multiview_speaker_selection_with_zone_id(sound_tv_output_route_e route, int zone_id) {
     if (!host::HasZone(zone_id))
-        return kNoSuchZone;
+        return NO_SUCH_ZONE;
     return host::Reports::Get().Set(host::ZoneRoute(zone_id), std::to_string(route));
 }
 
 int sound_manager_set_speaker_changed_cb(sound_manager_speaker_changed_cb callback, void* user_data) {
     if (callback == nullptr)
         return host::Failure(EINVAL);
-    return speaker_slot.Set(Route(),
-                            [=](const host::Change& change) { callback(change.Integer(), user_data); });
+    return speakerSlot.Set(Route(),
+                           [=](const host::Change& change) { callback(change.Integer(), user_data); });
 }
 
 int sound_manager_unset_speaker_changed_cb(void) {
-    return speaker_slot.Clear(Route());
+    return speakerSlot.Clear(Route());
 }
 
 int sound_manager_set_multiview_speaker_selection_changed_cb(
     sound_manager_multiview_speaker_selection_changed_cb callback, void* user_data) {
     if (callback == nullptr)
         return host::Failure(EINVAL);
-    return multiview_slot.Set(AnyZoneRoute(), [=](const host::Change& change) {
+    return multiviewSlot.Set(AnyZoneRoute(), [=](const host::Change& change) {
         callback(change.Integer(), ZoneOf(change), user_data);
     });
 }
 
 int sound_manager_unset_multiview_speaker_selection_changed_cb(void) {
-    return multiview_slot.Clear(AnyZoneRoute());
+    return multiviewSlot.Clear(AnyZoneRoute());
 }
 
 int sound_manager_set_tv_master_mute_changed_cb(sound_manager_tv_master_mute_changed_cb callback,
                                                 void* user_data) {
     if (callback == nullptr)
         return host::Failure(EINVAL);
-    return mute_slot.Set(host::MasterMute(), [=](const host::Change& change) {
+    return muteSlot.Set(host::MasterMute(), [=](const host::Change& change) {
         callback(static_cast<unsigned int>(change.Integer()), user_data);
     });
 }
 
 int sound_manager_unset_tv_master_mute_changed_cb(void) {
-    return mute_slot.Clear(host::MasterMute());
+    return muteSlot.Clear(host::MasterMute());
 }

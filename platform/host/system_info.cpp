@@ -1,10 +1,10 @@
-#include "system_info.h"
+#include <system_info.h>
 
 #include <cerrno>
 #include <string>
 
+#include <dlog.h>
 #include "directory.h"
-#include "dlog.h"
 
 int system_info_get_custom_bool(const char* key, bool* value) {
     const auto item = host::KeyItem("features", key);

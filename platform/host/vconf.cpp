@@ -1,4 +1,4 @@
-#include "vconf.h"
+#include <vconf.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
+#include <dlog.h>
 #include "directory.h"
-#include "dlog.h"
 #include "reports.h"
 
 struct _keynode_t {
@@ -19,16 +19,16 @@ struct _keynode_t {
 
 namespace {
 
-constexpr const char* kFolder = "settings";
+constexpr const char* FOLDER = "settings";
 
-/// A setting's registration as its caller knows it.
+/** A setting's registration as its caller knows it. */
 struct Registration {
     std::string key;
     vconf_callback_fn callback;
     int id;
 };
 
-/// Guarded by the delivery lock. Never destroyed, like all that callbacks may meet.
+/** Guarded by the delivery lock. Never destroyed, like all that callbacks may meet. */
 std::vector<Registration>& Registrations() {
     static auto& registrations = *std::make_unique<std::vector<Registration>>().release();
     return registrations;
@@ -44,7 +44,7 @@ std::vector<Registration>::iterator Find(const char* key, vconf_callback_fn call
 }  // namespace
 
 int vconf_get_int(const char* key, int* value) {
-    const auto item = host::KeyItem(kFolder, key);
+    const auto item = host::KeyItem(FOLDER, key);
     return item && value != nullptr ? host::Read(*item, *value) : host::Failure(EINVAL);
 }
 
@@ -53,18 +53,18 @@ int vconf_set_int(const char* key, int value) {
 }
 
 char* vconf_get_str(const char* key) {
-    const auto item = host::KeyItem(kFolder, key);
+    const auto item = host::KeyItem(FOLDER, key);
     std::string text;
     return item && host::Read(*item, text) == 0 ? strdup(text.c_str()) : nullptr;
 }
 
 int vconf_set_str(const char* key, const char* value) {
-    const auto item = host::KeyItem(kFolder, key);
+    const auto item = host::KeyItem(FOLDER, key);
     return item && value != nullptr ? host::Reports::Get().Set(*item, value) : host::Failure(EINVAL);
 }
 
 int vconf_notify_key_changed(const char* key, vconf_callback_fn callback, void* user_data) {
-    const auto item = host::KeyItem(kFolder, key);
+    const auto item = host::KeyItem(FOLDER, key);
     if (!item || callback == nullptr)
         return host::Failure(EINVAL);
     const auto report = [name = std::string(key), callback, user_data](const host::Change& change) {
@@ -85,7 +85,7 @@ int vconf_notify_key_changed(const char* key, vconf_callback_fn callback, void* 
 }
 
 int vconf_ignore_key_changed(const char* key, vconf_callback_fn callback) {
-    const auto item = host::KeyItem(kFolder, key);
+    const auto item = host::KeyItem(FOLDER, key);
     if (!item)
         return host::Failure(EINVAL);
     host::Reports& reports = host::Reports::Get();
@@ -105,7 +105,7 @@ char* vconf_keynode_get_name(keynode_t* node) {
 int vconf_keynode_get_int(keynode_t* node) {
     int value = -1;
     if (node != nullptr && host::ParseInteger(node->text, {}, value) != 0)
-        __dlog_print(DLOG_ERROR, "Kavrel", "No integer in %s/%s/%s\n", host::Root().c_str(), kFolder,
+        __dlog_print(DLOG_ERROR, "Kavrel", "No integer in %s/%s/%s\n", host::Root().c_str(), FOLDER,
                      node->name.c_str());
     return value;
 }

@@ -1,4 +1,4 @@
-/// Audio control: the gains of the audio hardware behind the master volume.
+/** Audio control: the gains of the audio hardware behind the master volume. */
 #ifndef AUDIO_CONTROL_H
 #define AUDIO_CONTROL_H
 
@@ -9,12 +9,14 @@
 extern "C" {
 #endif
 
-/// The library's table of functions. Only the four named ones may be called; the reserved slots keep their
-/// places in the table and may be null.
-///
-/// A gain is a percentage, 100 being unity; any 32-bit integer is stored and read back as it is. The
-/// functions may be called from any thread, and callers may hold locks of their own: they wait for no
-/// callback. 0 is success, any other result the platform's own negative code; `*gain` is set on success only.
+/**
+ * The library's table of functions. Only the four named ones may be called; the reserved slots keep their
+ * places in the table and may be null.
+ *
+ * A gain is a percentage, 100 being unity; any 32-bit integer is stored and read back as it is. The
+ * functions may be called from any thread, and callers may hold locks of their own: they wait for no
+ * callback. 0 is success, any other result the platform's own negative code; `*gain` is set on success only.
+ */
 typedef struct AudioControl {
     void (*reserved_1)(void);
     void (*reserved_2)(void);
@@ -56,8 +58,10 @@ static_assert(offsetof(AudioControl, set_main_out_gain2) == 19 * sizeof(void (*)
 static_assert(offsetof(AudioControl, get_sub_out_gain2) == 31 * sizeof(void (*)(void)), "slot 32");
 static_assert(offsetof(AudioControl, set_sub_out_gain2) == 32 * sizeof(void (*)(void)), "slot 33");
 
-/// @return the one table of the process, which lives as long as the process; null if there is no audio
-/// hardware
+/**
+ * @return the one table of the process, which lives as long as the process; null if there is no audio
+ * hardware
+ */
 AudioControl* AudioControl_getInstance(void);
 
 #ifdef __cplusplus

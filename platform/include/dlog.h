@@ -1,4 +1,4 @@
-/// The system log.
+/** The system log. */
 #ifndef DLOG_H
 #define DLOG_H
 
@@ -13,14 +13,16 @@ enum {
     DLOG_ERROR = 6,
 };
 
-/// Writes one message. The text brings its own newline; none is added.
-///
-/// Any thread may call this, and callers may hold locks of their own: it waits for nothing but the log's own
-/// reader. The log filters by priority before it formats. `errno` is left as it was.
-///
-/// @param priority one of the four above
-/// @param tag      the component that speaks, for logs that keep it; may be null
-/// @return 0, also for a message that the log filters out; non-zero if it could not be written
+/**
+ * Writes one message. The text brings its own newline; none is added.
+ *
+ * Any thread may call this, and callers may hold locks of their own: it waits for nothing but the log's own
+ * reader. The log filters by priority before it formats. `errno` is left as it was.
+ *
+ * @param priority one of the four above
+ * @param tag      the component that speaks, for logs that keep it; may be null
+ * @return 0, also for a message that the log filters out; non-zero if it could not be written
+ */
 #ifdef __GNUC__
 __attribute__((format(printf, 3, 4)))
 #endif

@@ -1,7 +1,9 @@
-/// Boot events: named marks that any process may set, and others wait for while the TV starts.
-///
-/// All calls may be made from any thread. An event's name is any non-empty text, by custom a path such as
-/// "/tmp/.kavrel_ready".
+/**
+ * Boot events: named marks that any process may set, and others wait for while the TV starts.
+ *
+ * All calls may be made from any thread. An event's name is any non-empty text, by custom a path such as
+ * "/tmp/.kavrel_ready".
+ */
 #ifndef LWIPC_H
 #define LWIPC_H
 
@@ -9,15 +11,19 @@
 extern "C" {
 #endif
 
-/// Marks the event done; once more changes nothing.
-/// @return 0 on success
+/**
+ * Marks the event done; once more changes nothing.
+ * @return 0 on success
+ */
 int LwipcEventDone(const char* event);
 
-/// Marks the event not done; once more changes nothing.
-/// @return 0 on success
+/**
+ * Marks the event not done; once more changes nothing.
+ * @return 0 on success
+ */
 int LwipcResetEvent(const char* event);
 
-/// @return 1 done, 0 not done, negative on failure
+/** @return 1 done, 0 not done, negative on failure */
 int LwipcIsDone(const char* event);
 
 #ifdef __cplusplus

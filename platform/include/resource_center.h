@@ -1,7 +1,9 @@
-/// The resource centre: the multi-view zones on the screen, and which of them has the audio focus.
-///
-/// All calls may be made from any thread, also from within a callback; one list and its zones belong to one
-/// thread at a time.
+/**
+ * The resource centre: the multi-view zones on the screen, and which of them has the audio focus.
+ *
+ * All calls may be made from any thread, also from within a callback; one list and its zones belong to one
+ * thread at a time.
+ */
 #ifndef RESOURCE_CENTER_H
 #define RESOURCE_CENTER_H
 
@@ -9,43 +11,53 @@
 extern "C" {
 #endif
 
-/// The zones at one moment, in ascending order of their ids, with a position in them.
+/** The zones at one moment, in ascending order of their ids, with a position in them. */
 typedef struct _rc_zone_list* rc_zone_list_h;
 
-/// A zone of a list, valid until the list is freed.
+/** A zone of a list, valid until the list is freed. */
 typedef struct _rc_zone* rc_zone_h;
 
-/// @param list to be freed with rc_free_zone_list(); set on success only. No zones make an empty list, not a
-/// failure.
-/// @return 0 on success
+/**
+ * @param list to be freed with rc_free_zone_list(); set on success only. No zones make an empty list, not a
+ * failure.
+ * @return 0 on success
+ */
 int rc_get_zone_list(rc_zone_list_h* list);
 
-/// Steps to the next zone, at first to the first one.
-/// @return 0 while there is one; non-zero, with `*zone` as it was, at the end
+/**
+ * Steps to the next zone, at first to the first one.
+ * @return 0 while there is one; non-zero, with `*zone` as it was, at the end
+ */
 int rc_get_next_zone(rc_zone_list_h list, rc_zone_h* zone);
 
-/// @return 0 on success; negative, with `*zone_id` as it was, for a null argument
+/** @return 0 on success; negative, with `*zone_id` as it was, for a null argument */
 int rc_get_zone_id(rc_zone_h zone, int* zone_id);
 
-/// @return 0 on success
+/** @return 0 on success */
 int rc_free_zone_list(rc_zone_list_h list);
 
-/// @return 0 on success; non-zero, with `*zone_id` as it was, while no zone has the focus
+/** @return 0 on success; non-zero, with `*zone_id` as it was, while no zone has the focus */
 int rc_get_audio_focus(int* zone_id);
 
-/// Hears the zone that has the focus when it is another one than before.
-///
-/// Callbacks of the whole seam run one at a time: on the thread that makes the change, before its call
-/// returns, when this process makes it, else on a thread of the platform. A callback may register and
-/// unregister, itself too.
+/**
+ * Hears the zone that has the focus when it is another one than before.
+ *
+ * Callbacks of the whole seam run one at a time: on the thread that makes the change, before its call
+ * returns, when this process makes it, else on a thread of the platform. A callback may register and
+ * unregister, itself too.
+ */
 typedef void (*rc_audio_focus_changed_cb)(int zone_id, void* user_data);
 
-/// May be called several times, with the same callback too: each call makes a registration of its own.
-/// @return the registration's id, above 0; 0 on failure
+/**
+ * May be called several times, with the same callback too: each call makes a registration of its own.
+ * @return the registration's id, above 0; 0 on failure
+ */
 int rc_register_audio_focus_changed_callback(rc_audio_focus_changed_cb callback, void* user_data);
 
-/// Waits for a callback that is running on another thread, after which it is never called again.
-/// @return 0 on success; non-zero for an id that is not registered
+/**
+ * Waits for a callback that is running on another thread, after which it is never called again.
+ * @return 0 on success; non-zero for an id that is not registered
+ */
 int rc_unregister_audio_focus_changed_callback(int callback_id);
 
 #ifdef __cplusplus

@@ -1,13 +1,15 @@
-/// The sound manager: which output the sound of the TV goes to, as a whole and for each multi-view zone.
-///
-/// All calls may be made from any thread, also from within a callback. A result of 0 is success; any other is
-/// a negative code.
-///
-/// Callbacks of the whole seam run one at a time: on the thread that makes the change, before its call
-/// returns, when this process makes it, else on a thread of the platform. They hear changes only, never a
-/// value equal to the last one. Each kind has one slot in the process: setting it again replaces what was
-/// there. Unsetting waits for a callback that is running on another thread, after which it is never called
-/// again; it fails if the slot is empty.
+/**
+ * The sound manager: which output the sound of the TV goes to, as a whole and for each multi-view zone.
+ *
+ * All calls may be made from any thread, also from within a callback. A result of 0 is success; any other is
+ * a negative code.
+ *
+ * Callbacks of the whole seam run one at a time: on the thread that makes the change, before its call
+ * returns, when this process makes it, else on a thread of the platform. They hear changes only, never a
+ * value equal to the last one. Each kind has one slot in the process: setting it again replaces what was
+ * there. Unsetting waits for a callback that is running on another thread, after which it is never called
+ * again; it fails if the slot is empty.
+ */
 #ifndef SOUND_MANAGER_H
 #define SOUND_MANAGER_H
 
@@ -15,19 +17,21 @@
 extern "C" {
 #endif
 
-/// Code of an output. Any 32-bit integer can be stored; the sound manager gives none a meaning.
+/** Code of an output. Any 32-bit integer can be stored; the sound manager gives none a meaning. */
 typedef int sound_tv_output_route_e;
 
-/// `*route` is set on success only.
+/** `*route` is set on success only. */
 int sound_manager_get_speaker_selection(sound_tv_output_route_e* route);
 
 int sound_manager_set_speaker_selection(sound_tv_output_route_e route);
 
-/// `*route` is set on success only.
-/// @return 0xFE6A0004 (as an int -26607612) if there is no such zone
+/**
+ * `*route` is set on success only.
+ * @return 0xFE6A0004 (as an int -26607612) if there is no such zone
+ */
 int sound_manager_get_multiview_speaker_selection_with_zone_id(sound_tv_output_route_e* route, int zone_id);
 
-/// @return 0xFE6A0004 (as an int -26607612) if there is no such zone; a zone is never made by this
+/** @return 0xFE6A0004 (as an int -26607612) if there is no such zone; a zone is never made by this */
 int sound_manager_set_multiview_speaker_selection_with_zone_id(sound_tv_output_route_e route, int zone_id);
 
 typedef void (*sound_manager_speaker_changed_cb)(sound_tv_output_route_e route, void* user_data);
@@ -38,16 +42,18 @@ int sound_manager_unset_speaker_changed_cb(void);
 typedef void (*sound_manager_multiview_speaker_selection_changed_cb)(sound_tv_output_route_e route,
                                                                      int zone_id, void* user_data);
 
-/// Hears every zone, those that appear later too; the first route of a new zone counts as a change.
+/** Hears every zone, those that appear later too; the first route of a new zone counts as a change. */
 int sound_manager_set_multiview_speaker_selection_changed_cb(
     sound_manager_multiview_speaker_selection_changed_cb callback, void* user_data);
 int sound_manager_unset_multiview_speaker_selection_changed_cb(void);
 
-/// @param mute 1 muted, 0 not
+/** @param mute 1 muted, 0 not */
 typedef void (*sound_manager_tv_master_mute_changed_cb)(unsigned int mute, void* user_data);
 
-/// Hears the audio HAL's master mute: it is one value, which each of the two interfaces reports to its own
-/// callback.
+/**
+ * Hears the audio HAL's master mute: it is one value, which each of the two interfaces reports to its own
+ * callback.
+ */
 int sound_manager_set_tv_master_mute_changed_cb(sound_manager_tv_master_mute_changed_cb callback,
                                                 void* user_data);
 int sound_manager_unset_tv_master_mute_changed_cb(void);

@@ -1,4 +1,4 @@
-/// Feature flags: what this model of TV can do. They are fixed while the TV runs.
+/** Feature flags: what this model of TV can do. They are fixed while the TV runs. */
 #ifndef SYSTEM_INFO_H
 #define SYSTEM_INFO_H
 
@@ -8,11 +8,13 @@
 extern "C" {
 #endif
 
-/// May be called from any thread.
-///
-/// @param key   such as "com.norvik/featureconf/multiview.support"
-/// @param value set on success only
-/// @return 0; non-zero for a flag that this TV does not have or that cannot be read
+/**
+ * May be called from any thread.
+ *
+ * @param key   such as "com.norvik/featureconf/multiview.support"
+ * @param value set on success only
+ * @return 0; non-zero for a flag that this TV does not have or that cannot be read
+ */
 int system_info_get_custom_bool(const char* key, bool* value);
 
 #ifdef __cplusplus

@@ -1,0 +1,850 @@
+/**
+ * Who hears which change, when, and on which thread: in this process, with others on the same TV.
+ *
+ * What must not be heard is shown without waiting for time to pass: notifications come in order, so whatever
+ * was to come has come when a later change in the same process has been heard (see Settle).
+ */
+#include <audio_control.h>
+#include <audio_hal.h>
+#include <dlog.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <lwipc.h>
+#include <resource_center.h>
+#include <sound_manager.h>
+#include <sys/inotify.h>
+#include <system_info.h>
+#include <unistd.h>
+#include <vconf.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <future>
+#include <latch>
+#include <memory>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Tv.h"
+
+namespace fs = std::filesystem;
+using host_test::Ear;
+using host_test::Folder;
+using host_test::Peer;
+using testing::AnyOf;
+using testing::Contains;
+using testing::Each;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+
+namespace {
+
+/** This process's TV: the platform looks at KAVREL_TV_DIR once. */
+class Tv : public testing::Environment {
+public:
+    void SetUp() override {
+        s_folder = std::make_unique<Folder>();
+        setenv("KAVREL_TV_DIR", s_folder->Path().c_str(), 1);
+        int volume = 0;
+        ASSERT_EQ(audio_get_master_volume(&volume), 0);  // makes it
+    }
+    void TearDown() override { s_folder.reset(); }
+
+    static const Folder& Get() { return *s_folder; }
+
+private:
+    static inline std::unique_ptr<Folder> s_folder;
+};
+
+[[maybe_unused]] const auto* const environment =
+    testing::AddGlobalTestEnvironment(std::make_unique<Tv>().release());
+
+using Action = std::function<void()>;
+
+/** A registration's user data: notes what it hears in the ear, then acts. */
+struct Listener {
+    Ear& ear;
+    std::string name;
+    Action act = nullptr;
+
+    void Hear(const std::string& what) const {
+        ear.Hear(name + what);
+        if (act)
+            act();
+    }
+};
+
+const Listener& From(void* data) {
+    return *static_cast<Listener*>(data);
+}
+
+void OnValue(unsigned int value, void* data) {
+    From(data).Hear(std::to_string(value));
+}
+void OnNumber(int value, void* data) {
+    From(data).Hear(std::to_string(value));
+}
+void OnZoneRoute(int route, int zone, void* data) {
+    From(data).Hear(std::to_string(zone) + ':' + std::to_string(route));
+}
+void OnKey(keynode_t* node, void* data) {
+    From(data).Hear(vconf_keynode_get_str(node));
+}
+void OnKeyToo(keynode_t* node, void* data) {
+    OnKey(node, data);
+}
+void OnFence(keynode_t* node, void* data) {
+    OnKey(node, data);
+}
+
+std::string Text(const char* key) {
+    const std::unique_ptr<char, decltype(&std::free)> text(vconf_get_str(key), &std::free);
+    return text ? text.get() : "(null)";
+}
+
+class ReportsTest : public testing::Test {
+protected:
+    static constexpr const char* KEY = "memory/key";
+    static constexpr const char* OTHER = "memory/other";
+
+    ReportsTest() {
+        fs::remove(tv / "settings/memory/key");
+        fs::remove(tv / "settings/memory/other");
+        EXPECT_EQ(audio_set_master_volume(10, 0), 0);
+        EXPECT_EQ(vconf_notify_key_changed("memory/fence", OnFence, &m_fence), 0);
+    }
+    ~ReportsTest() override {
+        audio_unregister_master_volume_changed_cb();
+        audio_unregister_master_mute_changed_cb();
+        sound_manager_unset_speaker_changed_cb();
+        sound_manager_unset_multiview_speaker_selection_changed_cb();
+        sound_manager_unset_tv_master_mute_changed_cb();
+        for (const std::string& key : m_keys) {
+            vconf_ignore_key_changed(key.c_str(), OnKey);
+            vconf_ignore_key_changed(key.c_str(), OnKeyToo);
+        }
+        EXPECT_EQ(vconf_ignore_key_changed("memory/fence", OnFence), 0);
+    }
+
+    void HearVolume(Listener& listener) {
+        ASSERT_EQ(audio_register_master_volume_changed_cb(OnValue, &listener), 0);
+    }
+    void HearKey(const std::string& key, Listener& listener, vconf_callback_fn callback = OnKey) {
+        m_keys.insert(key);
+        ASSERT_EQ(vconf_notify_key_changed(key.c_str(), callback, &listener), 0);
+    }
+    /** Until the platform thread has handled all that happened on the TV before. */
+    void Settle() {
+        static int count = 0;
+        const std::string mark = std::to_string(++count);
+        ASSERT_EQ(peer.Do("set-text memory/fence " + mark), "0");
+        m_fenceEar.WaitFor(mark);
+    }
+
+    const Folder& tv = Tv::Get();
+    Peer peer{tv};
+    Ear ear;
+    Listener listener{ear, ""};
+
+private:
+    Ear m_fenceEar;
+    Listener m_fence{m_fenceEar, ""};
+    std::set<std::string> m_keys;
+};
+
+// --- Own changes and those of others
+
+TEST_F(ReportsTest, AnOwnChangeIsReportedOnceBeforeTheCallReturnsOnItsThread) {
+    HearVolume(listener);
+    EXPECT_EQ(audio_set_master_volume(30, 0), 0);
+    EXPECT_THAT(ear.Heard(), ElementsAre("30"));
+    EXPECT_THAT(ear.Threads(), ElementsAre(std::this_thread::get_id()));
+    Settle();
+    EXPECT_THAT(ear.Heard(), ElementsAre("30"));
+}
+
+TEST_F(ReportsTest, AnothersChangeIsReportedOnThePlatformThread) {
+    Listener route{ear, "route "};
+    HearVolume(listener);
+    ASSERT_EQ(sound_manager_set_speaker_changed_cb(OnNumber, &route), 0);
+    EXPECT_EQ(peer.Do("set-volume 31"), "0");
+    EXPECT_EQ(peer.Do("set-route 7"), "0");
+    Settle();
+    EXPECT_THAT(ear.Heard(), ElementsAre("31", "route 7"));
+    EXPECT_NE(ear.Threads().front(), std::this_thread::get_id());
+    EXPECT_THAT(ear.Threads(), Each(ear.Threads().front()));
+    EXPECT_EQ(peer.Do("set-route 0"), "0");
+}
+
+TEST_F(ReportsTest, EveryProcessHearsEveryOther) {
+    Peer second(tv);
+    EXPECT_EQ(peer.Do("hear volume"), "0");
+    EXPECT_EQ(second.Do("hear volume"), "0");
+    EXPECT_EQ(audio_set_master_volume(33, 0), 0);
+    EXPECT_EQ(peer.Report(), "volume 33 platform");
+    EXPECT_EQ(second.Report(), "volume 33 platform");
+    EXPECT_EQ(second.Do("set-volume 34"), "0");
+    EXPECT_EQ(second.Report(), "volume 34 own");
+    EXPECT_EQ(peer.Report(), "volume 34 platform");
+}
+
+TEST_F(ReportsTest, AnEqualValueIsWrittenButNotReported) {
+    HearVolume(listener);
+    std::ofstream(tv / "audio/master_volume") << " 10";
+    EXPECT_EQ(audio_set_master_volume(10, 0), 0);
+    EXPECT_EQ(tv.Content("audio/master_volume"), "10\n");
+    EXPECT_EQ(peer.Do("set-volume 10"), "0");
+    tv.Echo("audio/master_volume", "10 ");
+    Settle();
+    EXPECT_THAT(ear.Heard(), IsEmpty());
+}
+
+TEST_F(ReportsTest, ReportsComeInTheOrderOfTheWrites) {
+    HearVolume(listener);
+    HearKey(KEY, listener);
+    std::vector<std::string> expected;
+    for (int i = 11; i < 100; ++i) {
+        expected.push_back(std::to_string(i));
+        expected.push_back("key " + std::to_string(i));
+        EXPECT_EQ(audio_set_master_volume(i, 0), 0);
+        EXPECT_EQ(vconf_set_str(KEY, expected.back().c_str()), 0);
+    }
+    EXPECT_EQ(ear.Heard(), expected);
+}
+
+TEST_F(ReportsTest, AnothersQuickChangesNeverGoBackAndEndWithTheLast) {
+    HearVolume(listener);
+    ASSERT_EQ(peer.Do("volume-storm 101"), "0");  // 0, 1, 2 ... 100
+    Settle();
+    int last = -1;
+    for (const std::string& value : ear.Heard()) {
+        EXPECT_GT(std::stoi(value), last);
+        last = std::stoi(value);
+    }
+    EXPECT_EQ(last, 100);
+}
+
+TEST_F(ReportsTest, OnlyChangesSinceTheRegistrationAreReported) {
+    EXPECT_EQ(peer.Do("set-volume 50"), "0");
+    HearVolume(listener);
+    Settle();
+    EXPECT_THAT(ear.Heard(), IsEmpty());
+    EXPECT_EQ(peer.Do("set-volume 10"), "0");
+    Settle();
+    EXPECT_THAT(ear.Heard(), ElementsAre("10"));
+}
+
+TEST_F(ReportsTest, MasterMuteIsOneValueForBothInterfaces) {
+    Listener hal{ear, "hal "};
+    Listener manager{ear, "manager "};
+    ASSERT_EQ(audio_set_master_mute(false), 0);
+    ASSERT_EQ(audio_register_master_mute_changed_cb(OnValue, &hal), 0);
+    ASSERT_EQ(sound_manager_set_tv_master_mute_changed_cb(OnValue, &manager), 0);
+    EXPECT_EQ(audio_set_master_mute(true), 0);
+    EXPECT_THAT(ear.Heard(), ElementsAre("hal 1", "manager 1"));
+    EXPECT_EQ(audio_unregister_master_mute_changed_cb(), 0);
+    EXPECT_EQ(peer.Do("set-mute 0"), "0");
+    Settle();
+    EXPECT_THAT(ear.Heard(), ElementsAre("hal 1", "manager 1", "manager 0"));
+}
+
+TEST_F(ReportsTest, ThePersonsEchoCountsWhenTheFileIsClosed) {
+    HearVolume(listener);
+    std::ofstream file(tv / "audio/master_volume");
+    file << 4 << std::flush;
+    Settle();
+    EXPECT_THAT(ear.Heard(), IsEmpty());
+    file << 2 << std::endl;
+    file.close();
+    Settle();
+    EXPECT_THAT(ear.Heard(), ElementsAre("42"));
+}
+
+TEST_F(ReportsTest, AFileMovedIntoPlaceCounts) {
+    HearVolume(listener);
+    tv.Echo("audio/edited~", "43");
+    fs::rename(tv / "audio/edited~", tv / "audio/master_volume");
+    Settle();
+    EXPECT_THAT(ear.Heard(), ElementsAre("43"));
+}
+
+TEST_F(ReportsTest, JunkAndRemovalAreNoReportsAndTheValueThatReturnsIsNoNews) {
+    HearVolume(listener);
+    testing::internal::CaptureStderr();
+    tv.Echo("audio/master_volume", "loud");
+    Settle();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "E Cannot read " + (tv / "audio/master_volume").string() + ": not a valid value\n");
+    fs::remove(tv / "audio/master_volume");
+    Settle();
+    EXPECT_EQ(peer.Do("set-volume 10"), "0");
+    Settle();
+    EXPECT_THAT(ear.Heard(), IsEmpty());
+    fs::remove(tv / "audio/master_volume");
+    EXPECT_EQ(audio_set_master_volume(10, 0), 0);
+    EXPECT_THAT(ear.Heard(), IsEmpty());
+    fs::remove(tv / "audio/master_volume");
+    EXPECT_EQ(audio_set_master_volume(11, 0), 0);
+    EXPECT_THAT(ear.Heard(), ElementsAre("11"));
+}
+
+TEST_F(ReportsTest, ASettingIsToldByItsNodeAsTextAndAsInteger) {
+    struct Node {
+        std::string name, text;
+        int number;
+    } heard;
+    const auto look = [](keynode_t* node, void* data) {
+        *static_cast<Node*>(data) = {vconf_keynode_get_name(node), vconf_keynode_get_str(node),
+                                     vconf_keynode_get_int(node)};
+    };
+    ASSERT_EQ(vconf_notify_key_changed(KEY, look, &heard), 0);
+    EXPECT_EQ(vconf_set_int(KEY, -12), 0);
+    EXPECT_EQ(heard.name, KEY);
+    EXPECT_EQ(heard.text, "-12");
+    EXPECT_EQ(heard.number, -12);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(vconf_set_str(KEY, "a\nb\n"), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "E No integer in " + (tv / "settings/memory/key").string() + '\n');
+    EXPECT_EQ(heard.text, "a\nb\n");
+    EXPECT_EQ(heard.number, -1);
+    EXPECT_EQ(vconf_ignore_key_changed(KEY, look), 0);
+    EXPECT_EQ(vconf_keynode_get_name(nullptr), nullptr);
+    EXPECT_EQ(vconf_keynode_get_str(nullptr), nullptr);
+    EXPECT_EQ(vconf_keynode_get_int(nullptr), -1);
+}
+
+TEST_F(ReportsTest, AnyTextComesBackAsItWas) {
+    for (const std::string& text : {std::string(), std::string("\n"), std::string("\n\n a\t\n"),
+                                    std::string("\xFF\xFE"), std::string(1024 * 1024, '\n')}) {
+        ASSERT_EQ(vconf_set_str("db/text", text.c_str()), 0);
+        EXPECT_TRUE(Text("db/text") == text);
+    }
+}
+
+TEST_F(ReportsTest, ZonesAreHeardThoseThatAppearLaterToo) {
+    Listener zones{ear, ""};
+    fs::remove_all(tv / "sound/zones");
+    tv.Echo("sound/zones/1/route", "4");
+    ASSERT_EQ(sound_manager_set_multiview_speaker_selection_changed_cb(OnZoneRoute, &zones), 0);
+    EXPECT_EQ(sound_manager_set_multiview_speaker_selection_with_zone_id(5, 1), 0);
+    EXPECT_EQ(peer.Do("set-zone-route 1 6"), "0");
+    Settle();
+    EXPECT_THAT(ear.Heard(), ElementsAre("1:5", "1:6"));
+    ear.Forget();
+
+    fs::create_directory(tv / "sound/zones/-2");
+    EXPECT_EQ(sound_manager_set_multiview_speaker_selection_with_zone_id(7, -2), 0);
+    EXPECT_THAT(ear.Heard(), ElementsAre("-2:7"));
+    tv.Echo("sound/zones/30/route", "8");
+    Settle();
+    EXPECT_THAT(ear.Heard(), ElementsAre("-2:7", "30:8"));
+    ear.Forget();
+
+    fs::remove_all(tv / "sound/zones");
+    tv.Echo("sound/zones/30/route", "8");  // as last known
+    tv.Echo("sound/zones/1/route", "9");
+    Settle();
+    EXPECT_THAT(ear.Heard(), ElementsAre("1:9"));
+}
+
+TEST_F(ReportsTest, FocusHasAnyNumberOfRegistrations) {
+    Listener one{ear, "one "};
+    Listener two{ear, "two "};
+    const int first = rc_register_audio_focus_changed_callback(OnNumber, &one);
+    const int second = rc_register_audio_focus_changed_callback(OnNumber, &two);
+    EXPECT_GT(first, 0);
+    EXPECT_GT(second, 0);
+    EXPECT_NE(first, second);
+    tv.Echo("zones/focus", "1");
+    Settle();
+    EXPECT_THAT(ear.Heard(), ElementsAre("one 1", "two 1"));
+    EXPECT_EQ(rc_unregister_audio_focus_changed_callback(first), 0);
+    EXPECT_NE(rc_unregister_audio_focus_changed_callback(first), 0);
+    tv.Echo("zones/focus", "2");
+    Settle();
+    EXPECT_THAT(ear.Heard(), ElementsAre("one 1", "two 1", "two 2"));
+    EXPECT_EQ(rc_unregister_audio_focus_changed_callback(second), 0);
+}
+
+// --- Own changes that cross another's
+
+/** Runs `meanwhile` on this thread inside a report, where the platform thread can report nothing. */
+void WhileReporting(const Action& meanwhile) {
+    Ear ignored;
+    Listener busy{ignored, "", meanwhile};
+    static int count = 0;
+    ASSERT_EQ(vconf_notify_key_changed("memory/busy", OnKey, &busy), 0);
+    ASSERT_EQ(vconf_set_int("memory/busy", ++count), 0);
+    ASSERT_EQ(vconf_ignore_key_changed("memory/busy", OnKey), 0);
+}
+
+TEST_F(ReportsTest, ASetterDeliversNothingElseThatIsPending) {
+    HearVolume(listener);
+    HearKey(KEY, listener);
+    WhileReporting([&] {
+        EXPECT_EQ(peer.Do("set-volume 60"), "0");
+        EXPECT_EQ(vconf_set_str(KEY, "own"), 0);
+        EXPECT_THAT(ear.Heard(), ElementsAre("own"));
+    });
+    Settle();
+    EXPECT_THAT(ear.Heard(), ElementsAre("own", "60"));
+    EXPECT_NE(ear.Threads().back(), std::this_thread::get_id());
+}
+
+TEST_F(ReportsTest, AnOwnChangeFromAPendingValueIsReportedThoughItEqualsTheLastOneHeard) {
+    HearVolume(listener);
+    WhileReporting([&] {
+        EXPECT_EQ(peer.Do("set-volume 20"), "0");
+        EXPECT_EQ(audio_set_master_volume(10, 0), 0);
+        EXPECT_THAT(ear.Heard(), ElementsAre("10"));
+    });
+    Settle();
+    EXPECT_THAT(ear.Heard(), ElementsAre("10"));
+}
+
+TEST_F(ReportsTest, AnOwnWriteOfAPendingValueLeavesItsReportToThePlatformThread) {
+    HearVolume(listener);
+    WhileReporting([&] {
+        EXPECT_EQ(peer.Do("set-volume 20"), "0");
+        EXPECT_EQ(audio_set_master_volume(20, 0), 0);
+        EXPECT_THAT(ear.Heard(), IsEmpty());
+    });
+    Settle();
+    EXPECT_THAT(ear.Heard(), ElementsAre("20"));
+    EXPECT_NE(ear.Threads().front(), std::this_thread::get_id());
+}
+
+TEST_F(ReportsTest, AChangeAfterAnOwnOneIsReportedThoughItWasWrittenBeforeItsNotification) {
+    HearVolume(listener);
+    WhileReporting([&] {
+        EXPECT_EQ(audio_set_master_volume(20, 0), 0);
+        EXPECT_EQ(peer.Do("set-volume 30"), "0");
+    });
+    Settle();
+    EXPECT_THAT(ear.Heard(), ElementsAre("20", "30"));
+}
+
+// --- Registrations
+
+TEST_F(ReportsTest, ASlotHoldsOneRegistration) {
+    Listener first{ear, "first "};
+    Listener second{ear, "second "};
+    HearVolume(first);
+    HearVolume(second);
+    EXPECT_EQ(audio_set_master_volume(1, 0), 0);
+    EXPECT_THAT(ear.Heard(), ElementsAre("second 1"));
+    EXPECT_EQ(audio_unregister_master_volume_changed_cb(), 0);
+    EXPECT_NE(audio_unregister_master_volume_changed_cb(), 0);
+    EXPECT_EQ(audio_set_master_volume(2, 0), 0);
+    EXPECT_THAT(ear.Heard(), ElementsAre("second 1"));
+}
+
+TEST_F(ReportsTest, RemovingWhatIsNotRegisteredFails) {
+    EXPECT_EQ(audio_unregister_master_volume_changed_cb(), -1002);
+    EXPECT_EQ(audio_unregister_master_mute_changed_cb(), -1002);
+    EXPECT_EQ(sound_manager_unset_speaker_changed_cb(), -1002);
+    EXPECT_EQ(sound_manager_unset_multiview_speaker_selection_changed_cb(), -1002);
+    EXPECT_EQ(sound_manager_unset_tv_master_mute_changed_cb(), -1002);
+    HearVolume(listener);
+    for (int id = -1; id < 1000; ++id)
+        EXPECT_EQ(rc_unregister_audio_focus_changed_callback(id), -1002);
+    HearKey(KEY, listener);
+    EXPECT_EQ(vconf_ignore_key_changed(KEY, OnKeyToo), -1002);
+    EXPECT_EQ(vconf_ignore_key_changed(OTHER, OnKey), -1002);
+    EXPECT_EQ(vconf_ignore_key_changed("../key", OnKey), -1022);
+    EXPECT_EQ(audio_set_master_volume(1, 0), 0);
+    EXPECT_THAT(ear.Heard(), ElementsAre("1"));
+}
+
+TEST_F(ReportsTest, NullArgumentsFail) {
+    EXPECT_EQ(vconf_get_int(KEY, nullptr), -1022);
+    EXPECT_EQ(vconf_get_str(nullptr), nullptr);
+    EXPECT_EQ(vconf_set_str(KEY, nullptr), -1022);
+    EXPECT_EQ(vconf_notify_key_changed(KEY, nullptr, nullptr), -1022);
+    EXPECT_EQ(audio_get_master_volume(nullptr), -1022);
+    EXPECT_EQ(audio_get_master_mute(nullptr), -1022);
+    EXPECT_EQ(audio_register_master_volume_changed_cb(nullptr, nullptr), -1022);
+    EXPECT_EQ(audio_register_master_mute_changed_cb(nullptr, nullptr), -1022);
+    EXPECT_EQ(sound_manager_get_speaker_selection(nullptr), -1022);
+    EXPECT_EQ(sound_manager_get_multiview_speaker_selection_with_zone_id(nullptr, 1), -1022);
+    EXPECT_EQ(sound_manager_set_speaker_changed_cb(nullptr, nullptr), -1022);
+    EXPECT_EQ(sound_manager_set_multiview_speaker_selection_changed_cb(nullptr, nullptr), -1022);
+    EXPECT_EQ(sound_manager_set_tv_master_mute_changed_cb(nullptr, nullptr), -1022);
+    EXPECT_EQ(system_info_get_custom_bool("a", nullptr), -1022);
+    EXPECT_EQ(rc_get_zone_list(nullptr), -1022);
+    EXPECT_EQ(rc_get_next_zone(nullptr, nullptr), -1022);
+    EXPECT_EQ(rc_get_zone_id(nullptr, nullptr), -1022);
+    EXPECT_EQ(rc_free_zone_list(nullptr), -1022);
+    EXPECT_EQ(rc_get_audio_focus(nullptr), -1022);
+    EXPECT_EQ(rc_register_audio_focus_changed_callback(nullptr, nullptr), 0);
+    EXPECT_EQ(AudioControl_getInstance()->get_main_out_gain2(nullptr), -1022);
+    EXPECT_EQ(LwipcEventDone(nullptr), -1022);
+    EXPECT_EQ(LwipcResetEvent(nullptr), -1022);
+    EXPECT_EQ(LwipcIsDone(nullptr), -1022);
+}
+
+TEST_F(ReportsTest, SettingsRegistrationsAreToldApartByKeyAndCallback) {
+    Listener one{ear, "one "};
+    Listener two{ear, "two "};
+    Listener three{ear, "three "};
+    HearKey(KEY, one);
+    HearKey(KEY, two, OnKeyToo);
+    HearKey(OTHER, three);
+    EXPECT_EQ(vconf_set_int(KEY, 1), 0);
+    EXPECT_THAT(ear.Heard(), ElementsAre("one 1", "two 1"));
+    HearKey(KEY, three);  // instead of `one`, in its place
+    EXPECT_EQ(vconf_set_int(KEY, 2), 0);
+    EXPECT_THAT(ear.Heard(), ElementsAre("one 1", "two 1", "three 2", "two 2"));
+    EXPECT_EQ(vconf_ignore_key_changed(KEY, OnKey), 0);
+    EXPECT_NE(vconf_ignore_key_changed(KEY, OnKey), 0);
+    EXPECT_EQ(vconf_set_int(OTHER, 3), 0);
+    EXPECT_EQ(ear.Heard().back(), "three 3");
+}
+
+TEST_F(ReportsTest, RemovalWaitsForAReportInFlightOnAnotherThread) {
+    std::latch running(1);
+    std::atomic<pid_t> remover = 0;
+    std::atomic<bool> removed = false;
+    std::atomic<bool> returned = false;
+    listener.act = [&] {
+        running.count_down();
+        while (remover == 0 || !(removed || host_test::IsAsleep(remover)))
+            std::this_thread::yield();
+        returned = true;
+    };
+    HearVolume(listener);
+    EXPECT_EQ(peer.Do("set-volume 70"), "0");
+    running.wait();
+    std::thread thread([&] {
+        remover = gettid();
+        EXPECT_EQ(audio_unregister_master_volume_changed_cb(), 0);
+        removed = true;
+        EXPECT_TRUE(returned);
+    });
+    thread.join();
+    EXPECT_EQ(peer.Do("set-volume 71"), "0");
+    EXPECT_EQ(audio_set_master_volume(72, 0), 0);
+    Settle();
+    EXPECT_THAT(ear.Heard(), ElementsAre("70"));
+}
+
+TEST_F(ReportsTest, ACallbackMayRemoveItselfAndOthersAndAddNewOnes) {
+    Listener one{ear, "one "};
+    Listener two{ear, "two "};
+    Listener added{ear, "added "};
+    HearKey(KEY, one);
+    HearKey(KEY, two, OnKeyToo);
+    one.act = [&] {
+        EXPECT_EQ(vconf_ignore_key_changed(KEY, OnKey), 0);
+        EXPECT_EQ(vconf_ignore_key_changed(KEY, OnKeyToo), 0);
+        HearKey(KEY, added);
+        HearVolume(added);
+    };
+    EXPECT_EQ(vconf_set_int(KEY, 1), 0);
+    EXPECT_THAT(ear.Heard(), ElementsAre("one 1"));
+    EXPECT_EQ(vconf_set_int(KEY, 2), 0);
+    EXPECT_EQ(audio_set_master_volume(3, 0), 0);
+    EXPECT_THAT(ear.Heard(), ElementsAre("one 1", "added 2", "added 3"));
+}
+
+/** As the daemon does it when the route changes: on the platform thread, one speaker's registrations for
+ * another's. */
+TEST_F(ReportsTest, ACallbackOnThePlatformThreadMayChangeRegistrationsOfOtherValues) {
+    Listener route{ear, "route "};
+    Listener other{ear, "other "};
+    HearVolume(listener);
+    route.act = [&] {
+        EXPECT_EQ(audio_unregister_master_volume_changed_cb(), 0);
+        HearKey(OTHER, other);
+        EXPECT_EQ(vconf_set_int(OTHER, 1), 0);
+    };
+    ASSERT_EQ(sound_manager_set_speaker_changed_cb(OnNumber, &route), 0);
+    EXPECT_EQ(peer.Do("set-route 3"), "0");
+    EXPECT_EQ(peer.Do("set-volume 80"), "0");
+    Settle();
+    EXPECT_THAT(ear.Heard(), ElementsAre("route 3", "other 1"));
+    EXPECT_EQ(peer.Do("set-int memory/other 2"), "0");
+    Settle();
+    EXPECT_THAT(ear.Heard(), ElementsAre("route 3", "other 1", "other 2"));
+    EXPECT_EQ(sound_manager_unset_speaker_changed_cb(), 0);
+    EXPECT_EQ(sound_manager_set_speaker_selection(0), 0);
+}
+
+TEST_F(ReportsTest, ACallbacksOwnWritesNest) {
+    Listener first{ear, "first "};
+    Listener second{ear, "second "};
+    HearKey(KEY, first);
+    HearKey(KEY, second, OnKeyToo);
+    HearVolume(listener);
+    first.act = [&] {
+        if (Text(KEY) == "1") {
+            EXPECT_EQ(audio_set_master_volume(90, 0), 0);
+            EXPECT_EQ(vconf_set_int(KEY, 2), 0);
+            EXPECT_EQ(vconf_set_int(KEY, 2), 0);
+        }
+    };
+    EXPECT_EQ(vconf_set_int(KEY, 1), 0);
+    // The report of 1 has become the older one: it does not go on to the second after the report of 2.
+    EXPECT_THAT(ear.Heard(), ElementsAre("first 1", "90", "first 2", "second 2"));
+    Settle();
+    EXPECT_THAT(ear.Heard(), SizeIs(4));
+}
+
+/** Each call comes from another thread while this one holds the delivery lock and waits for it. */
+TEST_F(ReportsTest, GainsLogAndReadsNeverTakeTheDeliveryLock) {
+    fs::create_directories(tv / "sound/zones/1");
+    WhileReporting([] {
+        std::thread([] {
+            int number = 0;
+            bool flag = false;
+            AudioControl* const control = AudioControl_getInstance();
+            EXPECT_EQ(control->set_main_out_gain2(55), 0);
+            EXPECT_EQ(control->get_main_out_gain2(&number), 0);
+            EXPECT_EQ(number, 55);
+            EXPECT_EQ(control->set_sub_out_gain2(56), 0);
+            EXPECT_EQ(control->get_sub_out_gain2(&number), 0);
+            EXPECT_EQ(number, 56);
+            EXPECT_EQ(__dlog_print(DLOG_DEBUG, "Test", "not written\n"), 0);
+            EXPECT_EQ(__dlog_print(DLOG_INFO, "Test", "written\n"), 0);
+            EXPECT_EQ(audio_get_master_volume(&number), 0);
+            EXPECT_EQ(audio_get_master_mute(&flag), 0);
+            EXPECT_EQ(sound_manager_get_speaker_selection(&number), 0);
+            EXPECT_EQ(sound_manager_get_multiview_speaker_selection_with_zone_id(&number, 2), -26607612);
+            EXPECT_EQ(vconf_get_int("memory/none", &number), -1002);
+            EXPECT_EQ(Text("memory/none"), "(null)");
+            EXPECT_EQ(system_info_get_custom_bool("none", &flag), -1002);
+            EXPECT_THAT(rc_get_audio_focus(&number), AnyOf(0, -1002));
+            rc_zone_list_h zones = nullptr;
+            EXPECT_EQ(rc_get_zone_list(&zones), 0);
+            EXPECT_EQ(rc_free_zone_list(zones), 0);
+            EXPECT_EQ(LwipcIsDone("none"), 0);
+        }).join();
+    });
+}
+
+TEST_F(ReportsTest, AStormOfWritesAndRegistrationsOnManyThreads) {
+    constexpr int ROUNDS = 300;
+    std::atomic<int> running = 0;
+    const Action count = [&] {
+        EXPECT_EQ(++running, 1) << "two reports at once";
+        --running;
+    };
+    listener.act = count;
+    Listener key{ear, "key ", count};
+    peer.Tell("volume-storm " + std::to_string(ROUNDS));
+    std::thread writer([&] {
+        for (int i = 0; i < ROUNDS; ++i)
+            EXPECT_EQ(audio_set_master_volume(i % 101, 0), 0);
+    });
+    std::thread other([&] {
+        for (int i = 0; i < ROUNDS; ++i)
+            EXPECT_EQ(vconf_set_int(KEY, i), 0);
+    });
+    for (int i = 0; i < ROUNDS; ++i) {
+        HearVolume(listener);
+        HearKey(KEY, key);
+        EXPECT_EQ(audio_unregister_master_volume_changed_cb(), 0);
+        EXPECT_EQ(vconf_ignore_key_changed(KEY, OnKey), 0);
+    }
+    writer.join();
+    other.join();
+    EXPECT_EQ(peer.Answer(), "0");
+}
+
+// --- Watches on what does not exist yet, or no more
+
+TEST_F(ReportsTest, AWatchMayBeSetBeforeTheFileAndItsFoldersExist) {
+    HearKey("memory/later/deep/key", listener);
+    EXPECT_EQ(peer.Do("set-int memory/later/deep/key 1"), "0");
+    Settle();
+    EXPECT_THAT(ear.Heard(), ElementsAre("1"));
+    tv.Echo("settings/memory/later/deep/key", "2");
+    Settle();
+    EXPECT_EQ(vconf_set_int("memory/later/deep/key", 3), 0);
+    Settle();
+    EXPECT_THAT(ear.Heard(), ElementsAre("1", "2", "3"));
+    fs::remove_all(tv / "settings/memory/later");
+}
+
+TEST_F(ReportsTest, AWatchSurvivesItsFolder) {
+    const std::string key = "memory/gone/key";
+    const fs::path folder = tv / "settings/memory/gone";
+    EXPECT_EQ(vconf_set_int(key.c_str(), 1), 0);
+    HearKey(key, listener);
+    for (int value = 2; value < 20; value += 2) {
+        fs::remove_all(folder);
+        EXPECT_EQ(peer.Do("set-int " + key + ' ' + std::to_string(value)), "0");
+        Settle();
+        EXPECT_EQ(ear.Heard().back(), std::to_string(value));
+        fs::rename(folder, tv / "settings/memory/away");
+        tv.Echo("settings/" + key, std::to_string(value + 1));
+        tv.Echo("settings/memory/away/key", "not this one");
+        Settle();
+        EXPECT_EQ(ear.Heard().back(), std::to_string(value + 1));
+        fs::remove_all(tv / "settings/memory/away");
+    }
+    EXPECT_THAT(ear.Heard(), SizeIs(18));
+    fs::remove_all(folder);
+}
+
+TEST_F(ReportsTest, TheFolderForDbMayBecomeALinkAndTheLinkMayLeadElsewhere) {
+    const Folder one;
+    const Folder two;
+    EXPECT_EQ(vconf_set_int("db/key", 0), 0);
+    HearKey("db/key", listener);
+    fs::remove_all(tv / "settings/db");
+    fs::create_directory_symlink(one.Path(), tv / "settings/db");
+    EXPECT_EQ(peer.Do("set-int db/key 1"), "0");
+    Settle();
+    two.Echo("key", "2");
+    fs::create_directory_symlink(two.Path(), tv / "settings/link");
+    fs::rename(tv / "settings/link", tv / "settings/db");
+    Settle();
+    two.Echo("key", "3");
+    one.Echo("key", "not this one");
+    Settle();
+    EXPECT_THAT(ear.Heard(), ElementsAre("1", "2", "3"));
+    fs::remove(tv / "settings/db");
+    fs::create_directory(tv / "settings/db");
+}
+
+TEST_F(ReportsTest, TheLinkForDbMayLeadToAFolderThatIsMadeLaterOrAnew) {
+    const Folder outside;
+    fs::remove_all(tv / "settings/db");
+    fs::create_directory_symlink(outside / "to/come", tv / "settings/db");
+    HearKey("db/deep/key", listener);
+    EXPECT_LT(vconf_set_int("db/deep/key", 1), -1000);  // nobody but its owner makes that folder
+    for (const std::string value : {"1", "2"}) {
+        outside.Echo("to/come/deep/key", value);
+        Settle();
+        EXPECT_EQ(ear.Heard().back(), value);
+        fs::remove_all(outside / "to");
+        Settle();
+    }
+    EXPECT_THAT(ear.Heard(), ElementsAre("1", "2"));
+    fs::remove(tv / "settings/db");
+    fs::create_directory(tv / "settings/db");
+}
+
+// --- Load
+
+TEST_F(ReportsTest, TenThousandWritesEachByTwoProcessesAreAllReadable) {
+    constexpr int WRITES = 10'000;
+    Peer watcher(tv);
+    ASSERT_EQ(watcher.Do("hear volume"), "0");
+    Peer second(tv);
+    peer.Tell("volume-storm " + std::to_string(WRITES));
+    second.Tell("volume-storm " + std::to_string(WRITES));
+    auto writers = std::async(std::launch::async, [&] {
+        EXPECT_EQ(peer.Answer(), "0");
+        EXPECT_EQ(second.Answer(), "0");
+    });
+    while (writers.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
+        int volume = -1;
+        ASSERT_EQ(audio_get_master_volume(&volume), 0);
+    }
+    writers.get();
+    int last = -1;
+    ASSERT_EQ(audio_get_master_volume(&last), 0);
+    ASSERT_EQ(watcher.Do("hear memory/end"), "0");
+    ASSERT_EQ(peer.Do("set-text memory/end " + std::to_string(getpid())), "0");
+    std::vector<std::string> reports;
+    do
+        reports.push_back(watcher.Report());
+    while (!reports.back().starts_with("memory/end"));
+    ASSERT_GE(reports.size(), 2U);
+    EXPECT_EQ(reports[reports.size() - 2], "volume " + std::to_string(last) + " platform");
+    EXPECT_THAT(watcher.Log(), IsEmpty());
+    EXPECT_THAT(tv.Leftovers("audio"), IsEmpty());
+}
+
+/** Whether a queue like the platform's, on the same folder and not read, has overflowed. */
+class UnreadQueue {
+public:
+    explicit UnreadQueue(const fs::path& folder) {
+        inotify_add_watch(m_inotify, folder.c_str(), IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE);
+    }
+    ~UnreadQueue() { close(m_inotify); }
+    UnreadQueue(const UnreadQueue&) = delete;
+    UnreadQueue& operator=(const UnreadQueue&) = delete;
+
+    bool HasOverflowed() const {
+        alignas(inotify_event) std::array<char, 4096> buffer;
+        ssize_t size = 0;
+        while ((size = read(m_inotify, buffer.data(), buffer.size())) > 0) {
+            for (const char* at = buffer.data(); at < buffer.data() + size;) {
+                const auto& event = *reinterpret_cast<const inotify_event*>(at);
+                if ((event.mask & IN_Q_OVERFLOW) != 0)
+                    return true;
+                at += sizeof(event) + event.len;
+            }
+        }
+        return false;
+    }
+
+private:
+    const int m_inotify = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+};
+
+TEST_F(ReportsTest, AfterAnOverflowOfTheQueueEverythingIsReadAgain) {
+    int capacity = 0;
+    std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> capacity;
+    ASSERT_GT(capacity, 0);
+    const UnreadQueue queue(tv / "settings/memory");
+    std::latch running(1);
+    std::latch written(1);
+    Listener busy{ear, "busy ", [&] {
+                      running.count_down();
+                      written.wait();
+                  }};
+    HearKey(OTHER, busy);
+    HearKey(KEY, listener);
+    HearVolume(listener);
+    ASSERT_EQ(peer.Do("set-int memory/other 1"), "0");
+    running.wait();
+    const int writes = capacity / 2;  // of at least two notifications each
+    ASSERT_EQ(peer.Do("storm memory/noise " + std::to_string(writes) + " 1"), "0");
+    ASSERT_TRUE(queue.HasOverflowed());
+    ASSERT_EQ(peer.Do("set-text memory/key last"), "0");
+    ASSERT_EQ(peer.Do("set-volume 99"), "0");
+    written.count_down();
+    ear.WaitFor("last");
+    ear.WaitFor("99");
+    EXPECT_THAT(ear.Heard(), Contains("busy 1").Times(1));
+    EXPECT_THAT(ear.Heard(), SizeIs(3));
+    Settle();
+}
+
+TEST_F(ReportsTest, AnIdleProcessIsNeverWoken) {
+    const Folder quiet;
+    Peer idle(quiet);
+    ASSERT_EQ(idle.Do("volume"), "0 10");
+    EXPECT_THAT(host_test::ContextSwitches(idle.Process()), SizeIs(1)) << "a thread that nobody needs";
+    ASSERT_EQ(idle.Do("hear volume"), "0");
+    ASSERT_EQ(idle.Do("hear memory/key"), "0");
+    ASSERT_EQ(idle.Do("set-volume 20"), "0");
+    EXPECT_THAT(host_test::ContextSwitches(idle.Process()), SizeIs(2));
+    // Its last answer may be out before it waits for the next line.
+    auto before = host_test::ContextSwitches(idle.Process());
+    for (auto now = before;; before = now) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        now = host_test::ContextSwitches(idle.Process());
+        if (now == before)
+            break;
+    }
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    EXPECT_EQ(host_test::ContextSwitches(idle.Process()), before);
+}
+
+}  // namespace

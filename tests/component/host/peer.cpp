@@ -1,0 +1,255 @@
+/**
+ * Another process on the same TV, which does what its standard input says. Each line is answered by one that
+ * begins with "= "; a report is told by a line "! WHAT VALUE own" or "... platform", by the thread it came
+ * on.
+ */
+#include <audio_control.h>
+#include <audio_hal.h>
+#include <dlog.h>
+#include <linux/capability.h>
+#include <lwipc.h>
+#include <resource_center.h>
+#include <sound_manager.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <system_info.h>
+#include <unistd.h>
+#include <vconf.h>
+
+#include <csignal>
+#include <cstdint>
+#include <cstdlib>
+#include <functional>
+#include <iostream>
+#include <limits>
+#include <map>
+#include <memory>
+#include <sstream>
+#include <string>
+
+namespace {
+
+/** One write each: reports come from several threads. */
+void Say(const std::string& line) {
+    const std::string text = line + '\n';
+    if (write(STDOUT_FILENO, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+        std::_Exit(EXIT_FAILURE);
+}
+
+void Report(const std::string& what) {
+    Say("! " + what + (gettid() == getpid() ? " own" : " platform"));
+}
+
+/** "RESULT" or, of a success, "0 VALUE". */
+template <typename Value>
+std::string Answer(int result, const Value& value) {
+    std::ostringstream text;
+    text << result;
+    if (result == 0)
+        text << ' ' << value;
+    return text.str();
+}
+
+template <typename Value>
+std::string Get(int (*getter)(Value*)) {
+    Value value{};
+    return Answer(getter(&value), value);
+}
+
+std::string Zones() {
+    rc_zone_list_h list = nullptr;
+    int result = rc_get_zone_list(&list);
+    std::string zones;
+    rc_zone_h zone = nullptr;
+    while (result == 0 && rc_get_next_zone(list, &zone) == 0) {
+        int id = 0;
+        result = rc_get_zone_id(zone, &id);
+        zones.append(zones.empty() ? "" : ",").append(std::to_string(id));
+    }
+    return Answer(result != 0 ? result : rc_free_zone_list(list), zones);
+}
+
+int HearKey(const std::string& key) {
+    return vconf_notify_key_changed(
+        key.c_str(),
+        [](keynode_t* node, void*) {
+            Report(std::string(vconf_keynode_get_name(node)) + ' ' + vconf_keynode_get_str(node));
+        },
+        nullptr);
+}
+
+int Hear(const std::string& what) {
+    if (what == "volume")
+        return audio_register_master_volume_changed_cb(
+            [](unsigned int value, void*) { Report("volume " + std::to_string(value)); }, nullptr);
+    if (what == "route")
+        return sound_manager_set_speaker_changed_cb(
+            [](int route, void*) { Report("route " + std::to_string(route)); }, nullptr);
+    return HearKey(what);
+}
+
+/** Writes texts of one letter, another one each time, so that a mixture of two can be told. 0: for ever. */
+int Storm(const std::string& key, int count, int size) {
+    int result = 0;
+    for (int i = 0; result == 0 && (i < count || count == 0); ++i)
+        result = vconf_set_str(
+            key.c_str(),
+            std::string(static_cast<std::size_t>(size), static_cast<char>('a' + i % 26)).c_str());
+    return result;
+}
+
+int VolumeStorm(int count) {
+    int result = 0;
+    for (int i = 0; result == 0 && i < count; ++i)
+        result = audio_set_master_volume(i % 101, 0);
+    return result;
+}
+
+/** So that the rights on files count for root too. */
+int DropCapabilities() {
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3] = {};
+    return static_cast<int>(syscall(SYS_capset, &header, none));
+}
+
+int LimitFiles(rlim_t bytes) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit{bytes, RLIM_INFINITY};
+    return setrlimit(RLIMIT_FSIZE, &limit);
+}
+
+int PipePending() {
+    sigset_t pending;
+    sigpending(&pending);
+    return sigismember(&pending, SIGPIPE);
+}
+
+/** An argument that the format must never reach. */
+int LogUnreadable(int priority) {
+    const auto* const nowhere = reinterpret_cast<const char*>(std::uintptr_t{1});
+    return __dlog_print(priority, "Peer", "%s\n", nowhere);
+}
+
+std::string Word(std::istream& words) {
+    std::string word;
+    words >> word;
+    return word;
+}
+
+int Number(std::istream& words) {
+    int number = std::numeric_limits<int>::min();
+    words >> number;
+    return number;
+}
+
+std::string Rest(std::istream& words) {
+    std::string rest;
+    std::getline(words >> std::ws, rest);
+    return rest;
+}
+
+using Command = std::function<std::string(std::istream&)>;
+
+Command Does(int (*call)(int)) {
+    return [call](std::istream& words) { return std::to_string(call(Number(words))); };
+}
+
+Command Does(int (*call)(const char*)) {
+    return [call](std::istream& words) { return std::to_string(call(Word(words).c_str())); };
+}
+
+const std::map<std::string, Command>& Commands() {
+    static const std::map<std::string, Command> commands = {
+        {"volume", [](std::istream&) { return Get(audio_get_master_volume); }},
+        {"set-volume", Does([](int volume) { return audio_set_master_volume(volume, 0); })},
+        {"mute", [](std::istream&) { return Get(audio_get_master_mute); }},
+        {"set-mute", Does([](int mute) { return audio_set_master_mute(mute != 0); })},
+        {"route", [](std::istream&) { return Get(sound_manager_get_speaker_selection); }},
+        {"set-route", Does(sound_manager_set_speaker_selection)},
+        {"zones", [](std::istream&) { return Zones(); }},
+        {"zone-route",
+         [](std::istream& words) {
+             int route = 0;
+             const int result =
+                 sound_manager_get_multiview_speaker_selection_with_zone_id(&route, Number(words));
+             return Answer(result, route);
+         }},
+        {"set-zone-route",
+         [](std::istream& words) {
+             const int zone = Number(words);
+             return std::to_string(
+                 sound_manager_set_multiview_speaker_selection_with_zone_id(Number(words), zone));
+         }},
+        {"focus", [](std::istream&) { return Get(rc_get_audio_focus); }},
+        {"gain", [](std::istream&) { return Get(AudioControl_getInstance()->get_main_out_gain2); }},
+        {"set-gain", Does(AudioControl_getInstance()->set_main_out_gain2)},
+        {"sub-gain", [](std::istream&) { return Get(AudioControl_getInstance()->get_sub_out_gain2); }},
+        {"set-sub-gain", Does(AudioControl_getInstance()->set_sub_out_gain2)},
+        {"flag",
+         [](std::istream& words) {
+             bool value = false;
+             const int result = system_info_get_custom_bool(Word(words).c_str(), &value);
+             return Answer(result, value);
+         }},
+        {"int",
+         [](std::istream& words) {
+             int value = 0;
+             const int result = vconf_get_int(Word(words).c_str(), &value);
+             return Answer(result, value);
+         }},
+        {"set-int",
+         [](std::istream& words) {
+             const std::string key = Word(words);
+             return std::to_string(vconf_set_int(key.c_str(), Number(words)));
+         }},
+        {"text",
+         [](std::istream& words) {
+             const std::unique_ptr<char, decltype(&std::free)> text(vconf_get_str(Word(words).c_str()),
+                                                                    &std::free);
+             return text ? "0 " + std::string(text.get()) : "null";
+         }},
+        {"set-text",
+         [](std::istream& words) {
+             const std::string key = Word(words);
+             return std::to_string(vconf_set_str(key.c_str(), Rest(words).c_str()));
+         }},
+        {"done", Does(LwipcEventDone)},
+        {"reset", Does(LwipcResetEvent)},
+        {"is-done", Does(LwipcIsDone)},
+        {"hear", [](std::istream& words) { return std::to_string(Hear(Word(words))); }},
+        {"storm",
+         [](std::istream& words) {
+             const std::string key = Word(words);
+             const int count = Number(words);
+             return std::to_string(Storm(key, count, Number(words)));
+         }},
+        {"volume-storm", Does(VolumeStorm)},
+        {"drop-capabilities", [](std::istream&) { return std::to_string(DropCapabilities()); }},
+        {"limit-files", Does([](int bytes) { return LimitFiles(static_cast<rlim_t>(bytes)); })},
+        {"log",
+         [](std::istream& words) {
+             const int priority = Number(words);
+             return std::to_string(__dlog_print(priority, "Peer", "%s\n", Rest(words).c_str()));
+         }},
+        {"log-lines", Does([](int priority) { return __dlog_print(priority, "Peer", "one\ntwo\n"); })},
+        {"log-unended", Does([](int priority) { return __dlog_print(priority, "Peer", "no newline"); })},
+        {"log-long", Does([](int size) {
+             return __dlog_print(DLOG_INFO, "Peer", "%s\n",
+                                 std::string(static_cast<std::size_t>(size), 'x').c_str());
+         })},
+        {"log-unreadable", Does(LogUnreadable)},
+        {"pipe-pending", [](std::istream&) { return std::to_string(PipePending()); }},
+    };
+    return commands;
+}
+
+}  // namespace
+
+int main() {
+    std::string line;
+    while (std::getline(std::cin, line)) {
+        std::istringstream words(line);
+        Say("= " + Commands().at(Word(words))(words));
+    }
+    return EXIT_SUCCESS;
+}
