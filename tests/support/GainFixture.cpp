@@ -1,0 +1,224 @@
+#include "GainFixture.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <array>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <thread>
+
+using NKavrel::eKVGainHandlerType;
+using NKavrel::GainHandlerName;
+using NKavrel::KVAudioGainHandler;
+
+namespace fake {
+namespace {
+
+constexpr const char* STORED =
+    "D \t[OUT]void NKavrel::KVAudioGainHandler::SetSrcGain(NKavrel::eKVGainHandlerType, int)";
+
+/** The gain-out worker comes last: the others wake it. */
+constexpr std::array ALL_WORKERS = {
+    NKavrel::GAIN_HANDLER_UNMUTE_MAIN_OUT, NKavrel::GAIN_HANDLER_UNMUTE_SUB_OUT,
+    NKavrel::GAIN_HANDLER_PLAYER_MAIN_OUT, NKavrel::GAIN_HANDLER_PLAYER_SUB_OUT,
+    NKavrel::GAIN_HANDLER_PULSE_RAMP,      NKavrel::GAIN_HANDLER_AUDIO_GAIN_OUT};
+
+std::string SleepLine(eKVGainHandlerType worker) {
+    return worker == NKavrel::GAIN_HANDLER_AUDIO_GAIN_OUT ? "I Sleep AudioGainOut"
+                                                          : "I Sleep " + GainHandlerName[worker];
+}
+
+std::string FirstLine(const std::filesystem::path& file) {
+    std::string line;
+    std::ifstream stream(file);
+    std::getline(stream, line);
+    return line;
+}
+
+/** Calls `look` with the name and the folder of each thread of this process. */
+void ForEachThread(const std::function<void(const std::string&, const std::filesystem::path&)>& look) {
+    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
+        look(FirstLine(thread.path() / "comm"), thread.path());
+    }
+}
+
+bool WaitsInKernel(const std::string& name) {
+    bool waits = false;
+    ForEachThread([&](const std::string& thread, const std::filesystem::path& folder) {
+        if (thread == name) {
+            const std::string state = FirstLine(folder / "stat");
+            waits = state.substr(state.rfind(')') + 1, 2) == " S";
+        }
+    });
+    return waits;
+}
+
+/** How many entries the thread has, if the last one is this; else none. */
+std::optional<std::size_t> CountIfLast(const std::vector<Entry>& journal, const std::string& thread,
+                                       const std::string& text) {
+    const auto count = std::ranges::count(journal, thread, &Entry::threadName);
+    const auto last = std::find_if(journal.rbegin(), journal.rend(),
+                                   [&](const Entry& entry) { return entry.threadName == thread; });
+    return last != journal.rend() && last->text == text ? std::optional<std::size_t>(count) : std::nullopt;
+}
+
+/** Between its "Sleep" line and its wait a worker is awake; woken, but not yet heard of, it is awake too. */
+bool ComesToRest(const FakeSeam& seam, const std::string& name, const std::string& sleepLine) {
+    constexpr int LOOKS = 3;  // it may also wait for a lock for a moment
+    const auto deadline = Clock::now() + PATIENCE;
+    std::optional<std::size_t> seen;
+    for (int looks = 0; looks < LOOKS; ++looks) {
+        std::optional<std::size_t> now;
+        if (!seam.WaitUntil([&](const std::vector<Entry>& journal) {
+                now = CountIfLast(journal, name, sleepLine);
+                return now.has_value();
+            }) ||
+            Clock::now() > deadline) {
+            return false;
+        }
+        if (now != seen || !WaitsInKernel(name)) {
+            looks = 0;
+        }
+        seen = now;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+std::string ThisThread() {
+    std::array<char, 16> name = {};
+    pthread_getname_np(pthread_self(), name.data(), name.size());
+    return name.data();
+}
+
+int GainOf(KVAudioGainHandler& controller, eKVGainHandlerType slot) {
+    constexpr int UNREADABLE = 12345;
+    int value = UNREADABLE;
+    controller.GetSrcGain(slot, value);
+    return value;
+}
+
+}  // namespace
+
+std::vector<std::string> ThreadNames() {
+    std::vector<std::string> names;
+    ForEachThread([&](const std::string& name, const std::filesystem::path&) { names.push_back(name); });
+    std::ranges::sort(names);
+    return names;
+}
+
+struct GainFixture::Watched {
+    struct Action {
+        eKVGainHandlerType worker;
+        int gain;
+        std::function<void()> run;
+    };
+
+    mutable std::mutex mutex;
+    // Guarded by mutex.
+    std::vector<Store> stores;
+    std::vector<Action> actions;
+};
+
+GainFixture::GainFixture() : m_watched(std::make_unique<Watched>()) {}
+
+GainFixture::~GainFixture() = default;
+
+void GainFixture::Start() {
+    gain.emplace();
+    seam.Before(STORED, [this, controller = &*gain] { OnStore(*controller); });
+    ASSERT_TRUE(Rest());
+    Mark();
+}
+
+bool GainFixture::Rest() const {
+    return std::ranges::all_of(ALL_WORKERS, [this](eKVGainHandlerType worker) {
+        return ComesToRest(seam, GainHandlerName[worker], SleepLine(worker));
+    });
+}
+
+void GainFixture::Mark() {
+    m_mark = seam.Entries().size();
+}
+
+std::vector<Entry> GainFixture::Entries(const std::string& thread) const {
+    const auto isOther = [&](const Entry& entry) {
+        return thread.empty() ? entry.thread != std::this_thread::get_id() : entry.threadName != thread;
+    };
+    std::vector<Entry> entries = seam.Entries();
+    entries.erase(entries.begin(), entries.begin() + static_cast<std::ptrdiff_t>(m_mark));
+    std::erase_if(entries, isOther);
+    return entries;
+}
+
+std::vector<std::string> GainFixture::Journal(const std::string& thread) const {
+    std::vector<std::string> texts;
+    for (const Entry& entry : Entries(thread)) {
+        if (entry.kind == Entry::Kind::CALL || entry.IsLog(DLOG_INFO)) {
+            texts.push_back(entry.text);
+        }
+    }
+    return texts;
+}
+
+Entry GainFixture::Find(const std::string& thread, const std::string& text) const {
+    const std::vector<Entry> entries = Entries(thread);
+    const auto found = std::ranges::find(entries, text, &Entry::text);
+    if (found == entries.end()) {
+        ADD_FAILURE() << "no \"" << text << "\" of thread \"" << thread << '"';
+        return {};
+    }
+    return *found;
+}
+
+int GainFixture::Gain(eKVGainHandlerType slot) {
+    return GainOf(*gain, slot);
+}
+
+void GainFixture::OnStore(KVAudioGainHandler& controller) {
+    const auto found = std::ranges::find(GainHandlerName, ThisThread());
+    if (found == GainHandlerName.end()) {
+        return;
+    }
+    const auto worker = static_cast<eKVGainHandlerType>(found - GainHandlerName.begin());
+    const Store store = {worker, GainOf(controller, worker), Clock::now()};
+    std::function<void()> action;
+    {
+        const std::lock_guard lock(m_watched->mutex);
+        m_watched->stores.push_back(store);
+        std::erase_if(m_watched->actions, [&](const Watched::Action& waiting) {
+            const bool now = waiting.worker == worker && waiting.gain == store.gain;
+            action = now ? waiting.run : action;
+            return now;
+        });
+    }
+    if (action) {
+        OnPlatformThread([&] {
+            pthread_setname_np(pthread_self(), "Requester");
+            action();
+        });
+    }
+}
+
+std::vector<Store> GainFixture::Stores(eKVGainHandlerType worker) const {
+    const std::lock_guard lock(m_watched->mutex);
+    std::vector<Store> stores;
+    std::ranges::copy_if(m_watched->stores, std::back_inserter(stores),
+                         [&](const Store& store) { return store.worker == worker; });
+    return stores;
+}
+
+std::vector<int> GainFixture::StoredGains(eKVGainHandlerType worker) const {
+    std::vector<int> gains;
+    std::ranges::transform(Stores(worker), std::back_inserter(gains), &Store::gain);
+    return gains;
+}
+
+void GainFixture::AfterStore(eKVGainHandlerType worker, int value, std::function<void()> action) {
+    const std::lock_guard lock(m_watched->mutex);
+    m_watched->actions.push_back({worker, value, std::move(action)});
+}
+
+}  // namespace fake
