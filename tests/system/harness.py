@@ -1,0 +1,407 @@
+"""What the system tests are written with: a private bus, a TV in a directory, the real kavreld, and clients of it.
+
+Everything waits for events (inotify, messages of the bus, the end of a process), nothing sleeps or polls.
+"""
+import contextlib
+import ctypes
+import os
+import re
+import select
+import signal
+import subprocess
+import tempfile
+import threading
+import time
+from pathlib import Path
+from typing import NamedTuple
+
+import gi
+
+gi.require_version("Gio", "2.0")
+from gi.repository import Gio, GLib  # noqa: E402
+
+ROOT = Path(__file__).resolve().parents[2]
+KAVRELD = os.environ["KAVRELD"]
+NAME = "org.olvane.kavrel"
+METHODS_PATH = "/Org/Olvane/KavrelInternal"
+SIGNALS_PATH = "/Org/Olvane/Kavrel"
+READY = "events/%2Ftmp%2F%2Ekavrel_ready"
+TV_SUPPORT = 0xFFFF  # what a TV speaker says it supports: everything
+
+PATIENCE = 30.0  # seconds until what must happen is held not to happen, on a loaded machine under a sanitizer
+SANITIZER_REPORT = re.compile(r"ERROR: \w+Sanitizer|WARNING: ThreadSanitizer|runtime error:")
+
+
+class FolderWatch:
+    """Wakes up whoever waits for a change in one of some folders."""
+
+    IN_MODIFY, IN_CLOSE_WRITE, IN_MOVED_TO, IN_CREATE, IN_DELETE = 0x2, 0x8, 0x80, 0x100, 0x200
+    EVENTS = IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE | IN_DELETE
+    libc = ctypes.CDLL(None, use_errno=True)
+
+    def __init__(self, *folders):
+        self.fd = self.libc.inotify_init1(os.O_NONBLOCK | os.O_CLOEXEC)
+        for folder in folders:
+            if self.libc.inotify_add_watch(self.fd, os.fsencode(folder), self.EVENTS) < 0:
+                raise OSError(ctypes.get_errno(), f"cannot watch {folder}")
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        os.close(self.fd)
+
+    def wait(self, deadline, *other_fds):
+        """False once the deadline has passed."""
+        left = deadline - time.monotonic()
+        ready = select.select([self.fd, *other_fds], [], [], max(left, 0))[0]
+        if self.fd in ready:
+            os.read(self.fd, 65536)
+        return bool(ready)
+
+
+class LogLine(NamedTuple):
+    number: int  # its place in the log, from 0
+    priority: str  # D, I, W or E
+    file: str
+    function: str
+    line: int
+    text: str
+
+    SHAPE = re.compile(r"([DIWE]) ([\w.]+): (~?\w+)\((\d+)\) > \[(~?\w+):(\d+)\] (.*)", re.DOTALL)
+
+    @classmethod
+    def parse(cls, number, raw):
+        """None for what kavreld did not write through its log."""
+        match = cls.SHAPE.fullmatch(raw)
+        if not match:
+            return None
+        priority, file, function, line, function_again, line_again, text = match.groups()
+        assert (function, line) == (function_again, line_again), f"the prefix contradicts itself: {raw}"
+        return cls(number, priority, file, function, int(line), text)
+
+
+class Log:
+    """kavreld's log, in the file that its standard error is."""
+
+    def __init__(self, path):
+        self.path = path
+
+    def raw_lines(self):
+        text = self.path.read_text(errors="replace")
+        return text[: text.rfind("\n") + 1].splitlines()  # a line being written is none yet
+
+    def lines(self, after=-1):
+        parsed = (LogLine.parse(number, raw) for number, raw in enumerate(self.raw_lines()))
+        return [line for line in parsed if line and line.number > after]
+
+    def texts(self, after=-1):
+        return [line.text for line in self.lines(after)]
+
+    def end(self):
+        """The number of the last line so far: what comes now comes after it."""
+        return len(self.raw_lines()) - 1
+
+    def find(self, text, after=-1):
+        """The first line with this text (a string, or a pattern that fits all of it), or None."""
+        fits = text.fullmatch if isinstance(text, re.Pattern) else text.__eq__
+        return next((line for line in self.lines(after) if fits(line.text)), None)
+
+    def wait(self, text, after=-1, timeout=PATIENCE):
+        deadline = time.monotonic() + timeout
+        with FolderWatch(self.path.parent) as watch:
+            while (found := self.find(text, after)) is None:
+                assert watch.wait(deadline), f"not logged within {timeout} s: {text}"
+        return found
+
+    def sanitizer_reports(self):
+        return [raw for raw in self.raw_lines() if SANITIZER_REPORT.search(raw)]
+
+
+class Tv:
+    """The TV's directory, as a person at a shell has it."""
+
+    def __init__(self, path):
+        self.path = Path(path)
+
+    def read(self, value):
+        return (self.path / value).read_text().removesuffix("\n")
+
+    def echo(self, text, value):
+        """Writes in place, as a shell's `echo TEXT > VALUE` does."""
+        file = self.path / value
+        file.parent.mkdir(parents=True, exist_ok=True)
+        file.write_text(f"{text}\n")
+
+    def remove(self, value):
+        (self.path / value).unlink()
+
+    def has(self, value):
+        return (self.path / value).exists()
+
+    def wait_until(self, value, condition, timeout=PATIENCE):
+        """Waits until condition() is true, looking again whenever something happens beside the value."""
+        deadline = time.monotonic() + timeout
+        while True:
+            folders = [folder for folder in (self.path / value).parents if folder.exists()]
+            with FolderWatch(folders[0]) as watch:  # the value's own, or where that will appear
+                if condition():
+                    return
+                assert watch.wait(deadline), f"{value} is not as expected within {timeout} s"
+
+
+class Client:
+    """A program on the bus. It keeps what it hears of kavrel in the order of arrival, replies to itself included."""
+
+    def __init__(self, address):
+        flags = Gio.DBusConnectionFlags
+        self.connection = Gio.DBusConnection.new_for_address_sync(
+            address, flags.AUTHENTICATION_CLIENT | flags.MESSAGE_BUS_CONNECTION, None, None)
+        self.name = self.connection.get_unique_name()
+        self.heard = []  # ("SpeakerVolumeChanged", 65535, 30) or ("reply", 0)
+        self.heard_from = []  # per item of heard: the path, interface and signature that it came with
+        self.taken = 0
+        self.owners = {}  # the last owner that the bus told of each name; "" when it was lost
+        self.news = threading.Condition()
+        self.connection.add_filter(self._hear)
+        self._call_bus("AddMatch", "s", f"type='signal',interface='{NAME}'")
+        self._call_bus("AddMatch", "s", "type='signal',member='NameOwnerChanged',sender='org.freedesktop.DBus'")
+
+    def close(self):
+        if not self.connection.is_closed():
+            self.connection.close_sync(None)
+
+    @staticmethod
+    def program():
+        """The name that kavrel finds for this process."""
+        first_argument = Path("/proc/self/cmdline").read_bytes().split(b"\0")[0].decode()
+        return first_argument.split(" ")[0].rpartition("/")[2]
+
+    def _hear(self, _connection, message, incoming, *_):  # on the thread that reads the socket, so in its order
+        kind = message.get_message_type()
+        body = message.get_body()
+        arguments = body.unpack() if body else ()
+        with self.news:
+            if not incoming or message.get_sender() == self.name:
+                return message
+            if kind == Gio.DBusMessageType.SIGNAL and message.get_interface() == NAME:
+                self._keep((message.get_member(), *arguments), message)
+            elif kind == Gio.DBusMessageType.SIGNAL and message.get_member() == "NameOwnerChanged":
+                self.owners[arguments[0]] = arguments[2]
+            elif kind == Gio.DBusMessageType.METHOD_RETURN and message.get_sender() != "org.freedesktop.DBus":
+                self._keep(("reply", *arguments), message)
+            self.news.notify_all()
+        return message
+
+    def _keep(self, item, message):
+        self.heard.append(item)
+        self.heard_from.append((message.get_path(), message.get_interface(), message.get_signature()))
+
+    def _call_bus(self, method, signature="", *arguments):
+        body = GLib.Variant(f"({signature})", arguments)
+        reply = self.connection.call_sync("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                                          method, body, None, Gio.DBusCallFlags.NONE, -1, None)
+        return reply.unpack()
+
+    def owner(self):
+        """The unique name of who owns kavrel's name."""
+        return self._call_bus("GetNameOwner", "s", NAME)[0]
+
+    def owner_pid(self):
+        """0 while nobody owns kavrel's name."""
+        try:
+            return self._call_bus("GetConnectionUnixProcessID", "s", NAME)[0]
+        except GLib.Error:
+            return 0
+
+    def wait_for_owner(self, process):
+        """The unique name of the process once it owns kavrel's name; fails as soon as the process has ended."""
+        threading.Thread(target=lambda: (process.wait(None), self._wake()), daemon=True).start()
+        while True:
+            with self.news:
+                self.owners.pop(NAME, None)
+            if self.owner_pid() == process.pid:
+                return self.owner()
+            self._wait(lambda: NAME in self.owners or not process.is_alive(), f"{NAME} is not owned")
+            assert process.is_alive(), "kavreld has ended"
+
+    def _wake(self):
+        with self.news:
+            self.news.notify_all()
+
+    def wait_until_gone(self, unique_name, timeout=PATIENCE):
+        if self._call_bus("NameHasOwner", "s", unique_name)[0]:
+            self._wait(lambda: self.owners.get(unique_name) == "", f"{unique_name} stays", timeout)
+
+    def _wait(self, condition, complaint, timeout=PATIENCE):
+        with self.news:
+            assert self.news.wait_for(condition, timeout), f"{complaint} within {timeout} s; heard: {self.heard}"
+
+    def call(self, method, signature="", *arguments, path=METHODS_PATH, interface=NAME, timeout=PATIENCE):
+        reply = self.connection.call_sync(NAME, path, interface, method, GLib.Variant(f"({signature})", arguments),
+                                          None, Gio.DBusCallFlags.NO_AUTO_START, int(timeout * 1000), None)
+        return reply.unpack()
+
+    def send(self, method, signature="", *arguments):
+        """Calls without waiting for the reply, which is then heard."""
+        message = Gio.DBusMessage.new_method_call(NAME, METHODS_PATH, NAME, method)
+        message.set_body(GLib.Variant(f"({signature})", arguments))
+        self.connection.send_message(message, Gio.DBusSendMessageFlags.NONE)
+
+    def flush(self):
+        self.connection.flush_sync(None)
+
+    def set_volume(self, volume):
+        return self.call("SetSpeakerVolume", "i", volume)[0]
+
+    def get_volume(self):
+        return self.call("GetSpeakerVolume")
+
+    def set_mute(self, mute):
+        return self.call("SetSpeakerMute", "b", mute)[0]
+
+    def get_mute(self):
+        return self.call("GetSpeakerMute")
+
+    def get_support(self):
+        return self.call("GetSpeakerSupportType")
+
+    def emit(self, member, signature="", *arguments, path=SIGNALS_PATH, interface=NAME):
+        body = GLib.Variant(f"({signature})", arguments)
+        self.connection.emit_signal(None, path, interface, member, body)
+        self.flush()
+
+    def signals(self):
+        """What kavrel has announced to this client so far."""
+        return [item for item in self.heard if item[0] != "reply"]
+
+    def expect(self, *announcement):
+        """The next announcement is this one."""
+        self._wait(lambda: len(self.signals()) > self.taken, f"no {announcement}")
+        heard = self.signals()[self.taken]
+        self.taken += 1
+        assert heard == announcement
+
+    def expect_silence(self):
+        """Nothing was announced that has not been expected."""
+        self.expect_silence_after(self.taken)
+
+    def expect_silence_after(self, announcements):
+        """So many announcements in all, and none in the time that the daemon needs to answer one more call."""
+        self.get_support()
+        assert self.signals()[announcements:] == []
+        assert len(self.signals()) == announcements
+
+
+class Process:
+    """A child that ends with this test program."""
+
+    def __init__(self, *command, **options):
+        self.child = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", "--", *command],
+                                      stdin=subprocess.DEVNULL, **options)
+        self.pid = self.child.pid
+
+    def is_alive(self):
+        return self.child.poll() is None
+
+    def signal(self, number):
+        self.child.send_signal(number)
+
+    def wait(self, timeout=PATIENCE):
+        """Its exit status, or minus the signal that ended it."""
+        return self.child.wait(timeout)
+
+    def end(self):
+        if self.is_alive():
+            self.signal(signal.SIGTERM)
+        return self.wait()
+
+
+class Bus(Process):
+    """A dbus-daemon of its own, not known to anyone else."""
+
+    def __init__(self, folder, config=ROOT / "scripts/private-bus.conf"):
+        with open(folder / "bus.log", "w") as log:
+            super().__init__("dbus-daemon", f"--config-file={config}", f"--address=unix:path={folder}/bus", "--nofork",
+                             "--nopidfile", "--nosyslog", "--print-address=1", stdout=subprocess.PIPE, stderr=log)
+        self.address = self.child.stdout.readline().decode().strip()
+        self.child.stdout.close()
+        assert self.address, (folder / "bus.log").read_text()
+
+
+class Daemon(Process):
+    """The real kavreld; its log goes to a file, since a full pipe would stop it."""
+
+    def __init__(self, log_path, environment):
+        with open(log_path, "w") as file:
+            super().__init__(KAVRELD, stdout=file, stderr=file, env=environment)
+        self.log = Log(log_path)
+        self.may_be_gone = False  # set by a test that makes it end
+
+    def kill(self):
+        self.may_be_gone = True
+        self.signal(signal.SIGKILL)
+        self.wait()
+
+    def end(self):
+        """What ended it is checked: it handles no signal, and nothing but the test may have ended it."""
+        was_alive = self.is_alive()
+        status = super().end()
+        print(f"--- {self.log.path.name} (status {status})")  # pytest shows this when the test has failed
+        print(*self.log.raw_lines()[-300:], sep="\n")
+        assert self.log.sanitizer_reports() == []
+        assert self.may_be_gone or (was_alive and status == -signal.SIGTERM), f"kavreld ended by itself: {status}"
+
+    def threads(self):
+        """{thread id: (name, context switches so far)}"""
+        found = {}
+        for status in Path(f"/proc/{self.pid}/task").glob("*/status"):
+            fields = dict(line.split(":\t", 1) for line in status.read_text().splitlines())
+            switches = int(fields["voluntary_ctxt_switches"]) + int(fields["nonvoluntary_ctxt_switches"])
+            found[int(status.parent.name)] = (fields["Name"], switches)
+        return found
+
+
+class Scene(contextlib.ExitStack):
+    """A folder on a tmpfs with everything of one test; leaving it ends and removes all that."""
+
+    def __init__(self):
+        super().__init__()
+        memory = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
+        self.folder = Path(self.enter_context(tempfile.TemporaryDirectory(prefix="kavrel-test.", dir=memory)))
+        self.tv = Tv(self.folder / "tv")
+        self.bus = Bus(self.folder)
+        self.callback(self.bus.end)
+        self.daemons = 0
+
+    def environment(self, **changes):
+        return {**os.environ, "KAVREL_TV_DIR": str(self.tv.path), "DBUS_SYSTEM_BUS_ADDRESS": self.bus.address,
+                "G_DEBUG": "fatal-warnings", **changes}
+
+    def client(self):
+        client = Client(self.bus.address)
+        self.callback(client.close)
+        return client
+
+    def launch(self, **changes):
+        """Starts a kavreld and does not wait for its name. The changes are to its environment."""
+        self.daemons += 1
+        daemon = Daemon(self.folder / f"kavreld-{self.daemons}.log", self.environment(**changes))
+        self.callback(daemon.end)
+        return daemon
+
+    def start(self, **changes):
+        """Starts a kavreld that serves once this returns."""
+        daemon = self.launch(**changes)
+        client = Client(self.bus.address)
+        client.wait_for_owner(daemon)
+        client.close()
+        self.tv.wait_until(READY, lambda: self.tv.has(READY))
+        return daemon
+
+    def run(self, *command, **options):
+        """What a command prints in this scene."""
+        done = subprocess.run(command, env=self.environment(), stdin=subprocess.DEVNULL, capture_output=True,
+                              text=True, timeout=PATIENCE, check=False, **options)
+        assert done.returncode == 0, done.stderr
+        return done.stdout

@@ -1,0 +1,140 @@
+"""The log: the form of each line, where it says that it comes from, priorities, and the call trace."""
+import re
+
+import pytest
+
+from harness import ROOT, LogLine
+
+SOURCES = [ROOT / "src", ROOT / "include_internal"]
+
+
+def source_line(line):
+    path = next(folder / line.file for folder in SOURCES if (folder / line.file).exists())
+    return path.read_text().splitlines()[line.line - 1]
+
+
+def exercise(client, log, tv):
+    """Something of everything; a program that does not know when it ends may look at the log next."""
+    client.set_volume(30)
+    client.set_volume(101)
+    client.set_mute(True)
+    client.get_mute()
+    tv.echo(12, "sound/route")
+    log.wait(re.compile(r"Speaker changed\[0->12\]\. .*"))
+    client.emit("Nonsense")
+    log.wait("Not matched signal:Nonsense")
+    client.get_support()
+
+
+def test_every_line_has_the_one_form_and_names_a_line_of_its_source_that_logs(scene, client, tv):
+    daemon = scene.start(KAVREL_LOG="debug")
+    exercise(client, daemon.log, tv)
+    lines = daemon.log.lines()
+    assert len(lines) > 100
+    assert len(lines) == len(daemon.log.raw_lines())  # none is of another form
+    for line in lines:
+        assert line.line > 0
+        assert re.search(r"LOG[DIWE]|KV_HERE", source_line(line)), line
+
+
+@pytest.mark.parametrize("text, file, function", [
+    ("Started", "main.cpp", "main"),
+    ("g_bus_own_name return 1", "KVServer.cpp", "Init"),
+    ("Create TV Speaker", "ISpeaker.cpp", "CreateSpeaker"),
+    ("Add 9 events", "KVDbusEventHandler.cpp", "_AddMedthodCallEvents"),
+    ("Add 4 signal events", "KVDbusEventHandler.cpp", "_AddSignalEvents"),
+    ("m_DbusRegisterObjId:1", "KVServer.cpp", "onBusAcquired"),
+])
+def test_lines_name_their_file_function_and_line(log, text, file, function):
+    line = log.find(text)
+    assert (line.priority, line.file, line.function) == ("I", file, function)
+    assert re.search(r'LOGI\("' + re.escape(text.split("1")[0].split("9")[0].split("4")[0]), source_line(line))
+
+
+def test_a_line_reads_to_the_letter(log):
+    number = log.find("Started").line
+    assert log.raw_lines()[0] == f"I main.cpp: main({number}) > [main:{number}] Started"
+
+
+def test_trace_lines_stand_where_the_tracer_does(scene, client, tv):
+    daemon = scene.start(KAVREL_LOG="debug")
+    exercise(client, daemon.log, tv)
+    traced = [line for line in daemon.log.lines() if line.text.startswith(("\t[IN]", "\t[OUT]"))]
+    assert {(line.priority, line.file, line.function, line.line, line.text.split("]")[0]) for line in traced} == {
+        ("D", "KVDebug.h", "CALLTRACKER", 53, "\t[IN"),
+        ("D", "KVDebug.h", "~CALLTRACKER", 58, "\t[OUT"),
+    }
+
+
+def test_a_trace_line_reads_to_the_letter(scene):
+    daemon = scene.start(KAVREL_LOG="debug")
+    raw = daemon.log.raw_lines()
+    assert "D KVDebug.h: CALLTRACKER(53) > [CALLTRACKER:53] \t[IN]bool NKavrel::KVServer::Init()" in raw
+    assert "D KVDebug.h: ~CALLTRACKER(58) > [~CALLTRACKER:58] \t[OUT]bool NKavrel::KVServer::Init()" in raw
+
+
+def trace_of(daemon, after):
+    return [line.text.strip() for line in daemon.log.lines(after)
+            if line.text.startswith(("\t[IN]", "\t[OUT]")) and "KVDbusSender" not in line.text]
+
+
+def test_nested_calls_are_traced_as_nested_pairs(scene, client):
+    daemon = scene.start(KAVREL_LOG="debug")
+    client.get_volume()
+    before = daemon.log.end()
+    client.get_volume()
+    open_calls = []
+    trace = trace_of(daemon, before)
+    for entry in trace:
+        direction, function = entry.split("]", 1)
+        if direction == "[IN":
+            open_calls.append(function)
+        else:
+            assert open_calls.pop() == function
+    assert open_calls == []
+    names = [re.search(r"(\w+)\(", entry).group(1) for entry in trace if entry.startswith("[IN]")]
+    assert names == ["methodCallHandler", "getCurrentSpeaker", "OnMethodCall", "_OnGetSpeakerVolume", "GetTVVolume",
+                     "_GetCurrentSpeaker", "GetVolume"]
+
+
+def test_an_early_return_is_traced_to_its_end(scene, client):
+    daemon = scene.start(KAVREL_LOG="debug")
+    before = daemon.log.end()
+    client.set_volume(101)
+    trace = trace_of(daemon, before)
+    entered = trace.index("[IN]int NKavrel::VolumeControlImpl::SetTVVolume(int)")
+    assert trace[entered + 1] == "[OUT]int NKavrel::VolumeControlImpl::SetTVVolume(int)"
+
+
+def test_the_utilities_are_not_traced(scene, client, tv):
+    daemon = scene.start(KAVREL_LOG="debug")
+    exercise(client, daemon.log, tv)
+    assert not any("KVUtils" in line.text or "main(" in line.text for line in daemon.log.lines()
+                   if line.file == "KVDebug.h")
+
+
+@pytest.mark.parametrize("level, priorities", [
+    ("debug", {"D", "I", "W", "E"}),
+    ("info", {"I", "W", "E"}),
+    ("warn", {"W", "E"}),
+    ("error", {"E"}),
+    (None, {"I", "W", "E"}),
+])
+def test_the_lowest_priority_written_is_the_one_asked_for(scene, client, tv, level, priorities):
+    daemon = scene.start(**({"KAVREL_LOG": level} if level else {}))
+    client.get_support()
+    client.set_mute(False)  # while unmuted: a warning
+    client.set_volume(101)  # an error
+    assert {line.priority for line in daemon.log.lines()} == priorities
+
+
+def test_warnings_are_few(scene, client, tv):
+    daemon = scene.start()
+    exercise(client, daemon.log, tv)
+    assert [line for line in daemon.log.lines() if line.priority == "W"] == []
+
+
+def test_the_log_line_pattern_refuses_what_is_no_line():
+    assert LogLine.parse(0, "main.cpp: main(9) > [main:9] Started") is None
+    with pytest.raises(AssertionError):
+        LogLine.parse(0, "I main.cpp: main(9) > [main:10] Started")
