@@ -81,8 +81,9 @@ def trace_of(daemon, after):
 def test_nested_calls_are_traced_as_nested_pairs(scene, client):
     daemon = scene.start(KAVREL_LOG="debug")
     client.get_volume()
-    before = daemon.log.end()
+    before = daemon.log.wait(re.compile(rf"Called by .*{client.name}/.* size:1")).number  # and then it is idle
     client.get_volume()
+    daemon.log.wait(re.compile(r"\t\[OUT\].*methodCallHandler\(.*"), before)
     open_calls = []
     trace = trace_of(daemon, before)
     for entry in trace:
@@ -99,9 +100,8 @@ def test_nested_calls_are_traced_as_nested_pairs(scene, client):
 
 def test_an_early_return_is_traced_to_its_end(scene, client):
     daemon = scene.start(KAVREL_LOG="debug")
-    before = daemon.log.end()
     client.set_volume(101)
-    trace = trace_of(daemon, before)
+    trace = trace_of(daemon, after=-1)
     entered = trace.index("[IN]int NKavrel::VolumeControlImpl::SetTVVolume(int)")
     assert trace[entered + 1] == "[OUT]int NKavrel::VolumeControlImpl::SetTVVolume(int)"
 
