@@ -26,7 +26,6 @@ NAME = "org.olvane.kavrel"
 METHODS_PATH = "/Org/Olvane/KavrelInternal"
 SIGNALS_PATH = "/Org/Olvane/Kavrel"
 READY = "events/%2Ftmp%2F%2Ekavrel_ready"
-BUSY = -1  # or failed; the status does not tell which
 TV_SUPPORT = 0xFFFF  # what a TV speaker says it supports: everything
 
 PATIENCE = 30.0  # seconds until what must happen is held not to happen, on a loaded machine under a sanitizer
@@ -154,7 +153,8 @@ class Tv:
 class Client:
     """A program on the bus. It keeps what it hears of kavrel in the order of arrival, replies to itself included."""
 
-    def __init__(self, address):
+    def __init__(self, address, before_call=lambda: None):
+        self.before_call = before_call
         flags = Gio.DBusConnectionFlags
         self.connection = Gio.DBusConnection.new_for_address_sync(
             address, flags.AUTHENTICATION_CLIENT | flags.MESSAGE_BUS_CONNECTION, None, None)
@@ -164,8 +164,9 @@ class Client:
         self.taken = 0
         self.owners = {}  # the last owner that the bus told of each name; "" when it was lost
         self.news = threading.Condition()
+        self.interfaces = set()  # those whose signals are kept
         self.connection.add_filter(self._hear)
-        self._call_bus("AddMatch", "s", f"type='signal',interface='{NAME}'")
+        self.listen_to(NAME)
         self._call_bus("AddMatch", "s", "type='signal',member='NameOwnerChanged',sender='org.freedesktop.DBus'")
 
     def close(self):
@@ -178,6 +179,10 @@ class Client:
         first_argument = Path("/proc/self/cmdline").read_bytes().split(b"\0")[0].decode()
         return first_argument.split(" ")[0].rpartition("/")[2]
 
+    def listen_to(self, interface):
+        self.interfaces.add(interface)
+        self._call_bus("AddMatch", "s", f"type='signal',interface='{interface}'")
+
     def _hear(self, _connection, message, incoming, *_):  # on the thread that reads the socket, so in its order
         kind = message.get_message_type()
         body = message.get_body()
@@ -185,7 +190,7 @@ class Client:
         with self.news:
             if not incoming or message.get_sender() == self.name:
                 return message
-            if kind == Gio.DBusMessageType.SIGNAL and message.get_interface() == NAME:
+            if kind == Gio.DBusMessageType.SIGNAL and message.get_interface() in self.interfaces:
                 self._keep((message.get_member(), *arguments), message)
             elif kind == Gio.DBusMessageType.SIGNAL and message.get_member() == "NameOwnerChanged":
                 self.owners[arguments[0]] = arguments[2]
@@ -239,6 +244,7 @@ class Client:
             assert self.news.wait_for(condition, timeout), f"{complaint} within {timeout} s; heard: {self.heard}"
 
     def call(self, method, signature="", *arguments, path=METHODS_PATH, interface=NAME, timeout=PATIENCE):
+        self.before_call()
         reply = self.connection.call_sync(NAME, path, interface, method, GLib.Variant(f"({signature})", arguments),
                                           None, Gio.DBusCallFlags.NO_AUTO_START, int(timeout * 1000), None)
         return reply.unpack()
@@ -252,28 +258,20 @@ class Client:
     def flush(self):
         self.connection.flush_sync(None)
 
-    def ask(self, method, signature="", *arguments):
-        """As a client should: -1 says that a change was being announced in that moment, so it asks again."""
-        for _attempt in range(1000):
-            reply = self.call(method, signature, *arguments)
-            if reply[-1] != BUSY:
-                return reply
-        raise AssertionError(f"{method} stays busy")
-
     def set_volume(self, volume):
-        return self.ask("SetSpeakerVolume", "i", volume)[0]
+        return self.call("SetSpeakerVolume", "i", volume)[0]
 
     def get_volume(self):
-        return self.ask("GetSpeakerVolume")
+        return self.call("GetSpeakerVolume")
 
     def set_mute(self, mute):
-        return self.ask("SetSpeakerMute", "b", mute)[0]
+        return self.call("SetSpeakerMute", "b", mute)[0]
 
     def get_mute(self):
-        return self.ask("GetSpeakerMute")
+        return self.call("GetSpeakerMute")
 
     def get_support(self):
-        return self.ask("GetSpeakerSupportType")
+        return self.call("GetSpeakerSupportType")
 
     def emit(self, member, signature="", *arguments, path=SIGNALS_PATH, interface=NAME):
         body = GLib.Variant(f"({signature})", arguments)
@@ -284,12 +282,20 @@ class Client:
         """What kavrel has announced to this client so far."""
         return [item for item in self.heard if item[0] != "reply"]
 
+    def take(self):
+        """The next announcement."""
+        self._wait(lambda: len(self.signals()) > self.taken, "nothing was announced")
+        self.taken += 1
+        return self.signals()[self.taken - 1]
+
     def expect(self, *announcement):
         """The next announcement is this one."""
-        self._wait(lambda: len(self.signals()) > self.taken, f"no {announcement}")
-        heard = self.signals()[self.taken]
-        self.taken += 1
-        assert heard == announcement
+        assert self.take() == announcement
+
+    def wait_for_reply(self, *arguments):
+        """The answer to the first call that was sent, with nothing announced before it."""
+        self._wait(lambda: self.heard, "no reply")
+        assert self.heard[0] == ("reply", *arguments)
 
     def expect_silence(self):
         """Nothing was announced that has not been expected."""
@@ -361,6 +367,21 @@ class Daemon(Process):
         assert self.log.sanitizer_reports() == []
         assert self.may_be_gone or (was_alive and status == -signal.SIGTERM), f"kavreld ended by itself: {status}"
 
+    def settle(self):
+        """Returns when each thread of it sleeps: what it was told before is done, and no lock of a report is held.
+
+        No event tells this, and the daemon is not asked: its threads' states are.
+        """
+        deadline = time.monotonic() + PATIENCE
+        while self.is_alive() and any(state != "S" for state in self._thread_states()):
+            assert time.monotonic() < deadline, f"kavreld does not come to rest within {PATIENCE} s"
+            os.sched_yield()
+
+    def _thread_states(self):
+        for status in Path(f"/proc/{self.pid}/task").glob("*/stat"):
+            with contextlib.suppress(FileNotFoundError, ProcessLookupError):  # it has ended meanwhile
+                yield status.read_text().rpartition(")")[2].split()[0]
+
     def threads(self):
         """{thread id: (name, context switches so far)}"""
         found = {}
@@ -381,21 +402,26 @@ class Scene(contextlib.ExitStack):
         self.tv = Tv(self.folder / "tv")
         self.bus = Bus(self.folder)
         self.callback(self.bus.end)
-        self.daemons = 0
+        self.daemons = []
 
     def environment(self, **changes):
         return {**os.environ, "KAVREL_TV_DIR": str(self.tv.path), "DBUS_SYSTEM_BUS_ADDRESS": self.bus.address,
                 "G_DEBUG": "fatal-warnings", "LD_PRELOAD": os.environ.get("KAVREL_PRELOAD", ""), **changes}
 
     def client(self):
-        client = Client(self.bus.address)
+        """Its calls wait for a daemon at rest: one that meets the lock of a report in its last moment is refused."""
+        client = Client(self.bus.address, before_call=self.settle)
         self.callback(client.close)
         return client
 
+    def settle(self):
+        for daemon in self.daemons:
+            daemon.settle()
+
     def launch(self, **changes):
         """Starts a kavreld and does not wait for its name. The changes are to its environment."""
-        self.daemons += 1
-        daemon = Daemon(self.folder / f"kavreld-{self.daemons}.log", self.environment(**changes))
+        daemon = Daemon(self.folder / f"kavreld-{len(self.daemons) + 1}.log", self.environment(**changes))
+        self.daemons.append(daemon)
         self.callback(daemon.end)
         return daemon
 
