@@ -84,6 +84,10 @@ GLibPtr<GSource> MainLoop::WhenReadable(int file, std::function<void()> function
     return source;
 }
 
+GLibPtr<GSource> MainLoop::OnSignal(int signalNumber, std::function<void()> function) {
+    return Attach(g_unix_signal_source_new(signalNumber), std::move(function), false);
+}
+
 GLibPtr<GSource> MainLoop::Attach(GSource* source, std::function<void()> function, bool once) {
     const gboolean after = once ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
     auto callback = std::make_unique<Callback>(Callback{this, std::move(function), after});
@@ -93,8 +97,7 @@ GLibPtr<GSource> MainLoop::Attach(GSource* source, std::function<void()> functio
 }
 
 GLibPtr<GSource> MainLoop::QuitOn(int signalNumber) {
-    return Attach(
-        g_unix_signal_source_new(signalNumber), [=, this] { Quit(128 + signalNumber); }, false);
+    return OnSignal(signalNumber, [=, this] { Quit(128 + signalNumber); });
 }
 
 }  // namespace tools

@@ -39,6 +39,9 @@ public:
     GLibPtr<GSource> After(std::chrono::milliseconds delay, std::function<void()> function);
     /** Calls the (guarded) function whenever the file can be read, while the source lives. */
     GLibPtr<GSource> WhenReadable(int file, std::function<void()> function);
+    /** Calls the (guarded) function whenever the signal comes, while the source lives: SIGHUP, SIGINT,
+     * SIGTERM, SIGUSR1, SIGUSR2 or SIGWINCH. */
+    GLibPtr<GSource> OnSignal(int signalNumber, std::function<void()> function);
 
 private:
     struct Callback;

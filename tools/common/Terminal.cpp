@@ -1,9 +1,10 @@
 #include "Terminal.h"
 
+#include <glib.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <glib.h>
+#include <csignal>
 
 #include "Errors.h"
 #include "Output.h"
@@ -15,7 +16,7 @@ namespace {
 constexpr std::string_view ENTER = "\033[?1049h\033[?25l";
 constexpr std::string_view LEAVE = "\033[?25h\033[?1049l";
 constexpr std::string_view TO_THE_TOP = "\033[H";
-constexpr std::string_view CLEAR_REST_OF_LINE = "\033[K";
+constexpr std::string_view CLEAR_LINE = "\033[K";
 constexpr std::string_view CLEAR_REST_OF_SCREEN = "\033[J";
 
 bool ColourIsWanted() {
@@ -45,20 +46,39 @@ std::string Style::Wrapped(std::string_view code, std::string_view text) const {
 }
 
 FullScreen::FullScreen() : m_isTerminal(isatty(STDOUT_FILENO) == 1) {
-    if (m_isTerminal) {
-        Print(ENTER);
-    }
+    Enter();
 }
 
 FullScreen::~FullScreen() {
-    if (!m_isTerminal) {
-        return;
-    }
     try {
-        Print(LEAVE);
+        Leave();
     } catch (const std::exception&) {
         // The terminal has gone, so there is nothing to put back.
     }
+}
+
+void FullScreen::Enter() {
+    if (!m_isTerminal) {
+        return;
+    }
+    tcgetattr(STDOUT_FILENO, &m_before);
+    termios silent = m_before;
+    silent.c_lflag &= ~static_cast<tcflag_t>(ECHO | ICANON);
+    tcsetattr(STDOUT_FILENO, TCSAFLUSH, &silent);
+    Print(ENTER);
+}
+
+void FullScreen::Leave() const {
+    if (m_isTerminal) {
+        tcsetattr(STDOUT_FILENO, TCSAFLUSH, &m_before);
+        Print(LEAVE);
+    }
+}
+
+void FullScreen::Suspend() {
+    Leave();
+    kill(getpid(), SIGSTOP);
+    Enter();
 }
 
 void FullScreen::Show(std::string_view lines) const {
@@ -69,13 +89,15 @@ void FullScreen::Show(std::string_view lines) const {
     std::string frame(TO_THE_TOP);
     for (int rows = SizeOfTerminal().rows; rows > 0 && !lines.empty(); --rows) {
         const size_t end = lines.find('\n');
-        frame += lines.substr(0, end);
-        frame += CLEAR_REST_OF_LINE;
+        // Cleared before it is written: after a line as wide as the screen the cursor still stands on its
+        // end.
+        frame.append(CLEAR_LINE).append(lines.substr(0, end));
         lines.remove_prefix(end == std::string_view::npos ? lines.size() : end + 1);
-        // A newline in the last row would scroll the first one away.
-        frame += rows > 1 && !lines.empty() ? "\r\n" : "";
+        if (rows > 1) {  // a newline in the last row would scroll the first one away
+            frame += lines.empty() ? std::string("\r\n").append(CLEAR_REST_OF_SCREEN) : "\r\n";
+        }
     }
-    Print(frame.append(CLEAR_REST_OF_SCREEN));
+    Print(frame);
 }
 
 }  // namespace tools

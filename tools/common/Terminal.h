@@ -2,6 +2,8 @@
 #ifndef KAVREL_TOOLS_TERMINAL_H
 #define KAVREL_TOOLS_TERMINAL_H
 
+#include <termios.h>
+
 #include <string>
 #include <string_view>
 
@@ -39,9 +41,9 @@ private:
 };
 
 /**
- * The terminal as a canvas, for as long as the object lives: the alternate screen, without a cursor. Leave by
- * the end of the object, which a MainLoop brings about on Ctrl-C too, and the terminal is as it was. Does
- * nothing where standard output is no terminal.
+ * The terminal as a canvas, for as long as the object lives: the alternate screen, without a cursor and
+ * without what is typed. Leave by the end of the object, which a MainLoop brings about on Ctrl-C too, and the
+ * terminal is as it was. Does nothing where standard output is no terminal.
  */
 class FullScreen {
 public:
@@ -54,8 +56,16 @@ public:
      *  @throws ReaderGone, ToolError as Print() does */
     void Show(std::string_view lines) const;
 
+    /** For Ctrl-Z: gives the terminal back and stops the process. Returns once it goes on, to be shown anew.
+     */
+    void Suspend();
+
 private:
+    void Enter();
+    void Leave() const;
+
     bool m_isTerminal;
+    termios m_before = {};
 };
 
 }  // namespace tools

@@ -1,0 +1,131 @@
+"""kavrel-tv as the tests use it: run to its end, or beside them."""
+import json
+import os
+import signal
+import subprocess
+import threading
+import time
+
+from harness import PATIENCE, SANITIZER_REPORT
+from terminal import Terminal
+
+KAVREL_TV = os.environ["KAVREL_TV"]
+COMMANDS = ["show", "watch", "route", "multiview", "zones", "focus", "zone-route", "cable", "mobile", "projector", "sub-bt",
+            "feature", "popup", "volume", "mute", "key", "devices", "emulator"]
+
+
+class Running:
+    """A kavrel-tv that stays, and the lines that it prints as it prints them."""
+
+    def __init__(self, environment, *arguments):
+        self.child = subprocess.Popen([KAVREL_TV, *arguments], env=environment, stdin=subprocess.PIPE,
+                                      stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, bufsize=1)
+        self.lines, self.complaints = [], []
+        self.news = threading.Condition()
+        self.readers = [threading.Thread(target=self._read, args=to, daemon=True)
+                        for to in ((self.child.stdout, self.lines), (self.child.stderr, self.complaints))]
+        for reader in self.readers:
+            reader.start()
+
+    def _read(self, stream, lines):
+        with stream:
+            for line in stream:
+                with self.news:
+                    lines.append(line.rstrip("\n"))
+                    self.news.notify_all()
+
+    def said(self, text):
+        return sum(text in line for line in self.lines)
+
+    def wait(self, text, times=1):
+        with self.news:
+            assert self.news.wait_for(lambda: self.said(text) >= times, PATIENCE), \
+                f"not said {times} times: {text}; said: {self.lines}"
+
+    def wait_for_complaint(self, text):
+        with self.news:
+            assert self.news.wait_for(lambda: f"kavrel-tv: {text}" in self.complaints, PATIENCE), self.complaints
+
+    def type(self, line):
+        self.child.stdin.write(line + "\n")
+
+    def end(self, number=signal.SIGINT):
+        """Its exit status, and what it has complained about."""
+        if self.child.poll() is None:
+            self.child.send_signal(number)
+        status = self.child.wait(PATIENCE)
+        for reader in self.readers:
+            reader.join(PATIENCE)
+        self.child.stdin.close()
+        assert not SANITIZER_REPORT.search("\n".join(self.complaints))
+        return status, self.complaints
+
+
+class Tool:
+    def __init__(self, scene):
+        self.scene = scene
+
+    def environment(self, **changes):
+        return self.scene.environment(**{"LC_ALL": "C.UTF-8", "TERM": "xterm", **changes})
+
+    def run(self, *arguments, **changes):
+        return subprocess.run([KAVREL_TV, *arguments], env=self.environment(**changes), stdin=subprocess.DEVNULL,
+                              capture_output=True, text=True, timeout=PATIENCE, check=False)
+
+    def __call__(self, *arguments):
+        """What it prints when all is well."""
+        done = self.run(*arguments)
+        assert (done.returncode, done.stderr) == (0, "")
+        return done.stdout
+
+    def show(self):
+        text = self("show", "--json")
+        assert text.count("\n") == 1 and text.endswith("\n")
+        return json.loads(text)
+
+    def start(self, *arguments):
+        running = Running(self.environment(), *arguments)
+        self.scene.callback(lambda: running.child.poll() is None and running.end())
+        return running
+
+    def devices(self, *options):
+        """The devices, once they play."""
+        running = self.start("devices", *options)
+        running.wait("auracast: begins with level")
+        return running
+
+    def terminal(self, *arguments, rows=24, columns=80, **changes):
+        terminal = Terminal([KAVREL_TV, *arguments], self.environment(**changes), rows, columns)
+        self.scene.callback(terminal.close)
+        return terminal
+
+
+
+def make_tool(scene):
+    """kavrel-tv in a scene without a daemon yet; its first use makes the default TV."""
+    scene.tv.path.mkdir()
+    return Tool(scene)
+
+
+def refused(done):
+    """The one line on standard error of a command that did nothing."""
+    assert done.stdout == ""
+    assert done.stderr.count("\n") == 1 and done.stderr.startswith("kavrel-tv: "), done.stderr
+    return done.stderr.removeprefix("kavrel-tv: ").removesuffix("\n")
+
+
+def assert_idle(pid):
+    def switches():
+        found = {}
+        for task in os.listdir(f"/proc/{pid}/task"):
+            with open(f"/proc/{pid}/task/{task}/status") as status:
+                found[task] = [line for line in status if "ctxt_switches" in line]
+        return found
+
+    deadline = time.monotonic() + PATIENCE
+    while True:  # it may have been about to rest
+        before = switches()
+        time.sleep(2)  # the observation itself
+        if switches() == before:
+            return
+        assert time.monotonic() < deadline, f"it never rests: {before}, {switches()}"

@@ -1,0 +1,103 @@
+"""A program in a terminal of its own, and what it shows there."""
+import fcntl
+import os
+import pty
+import re
+import select
+import struct
+import subprocess
+import termios
+import time
+
+from harness import PATIENCE
+
+ENTER, LEAVE = "\033[?1049h\033[?25l", "\033[?25h\033[?1049l"  # of a full-screen program
+
+
+class Terminal:
+    """The program is its session's leader, so that it gets the signals of Ctrl-C and Ctrl-Z."""
+
+    def __init__(self, command, environment, rows, columns):
+        self.master, self.slave = pty.openpty()
+        self.resize(rows, columns)
+        self.modes_before = self.modes()
+        self.child = subprocess.Popen(command, env=environment, stdin=self.slave, stdout=self.slave, stderr=self.slave,
+                                      start_new_session=True,
+                                      preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0))
+
+    def close(self):
+        if self.child.poll() is None:
+            self.child.kill()
+            self.child.wait(PATIENCE)
+        os.close(self.master)
+        os.close(self.slave)
+
+    def resize(self, rows, columns):
+        self.row_count, self.columns = rows, columns
+        self.output = ""  # what was shown before does not fit
+        fcntl.ioctl(self.slave, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
+
+    def modes(self):
+        return termios.tcgetattr(self.slave)
+
+    def type(self, keys):
+        os.write(self.master, keys.encode())
+
+    def _read(self, timeout):
+        """Takes in what there is within the time; False if that is nothing."""
+        if not select.select([self.master], [], [], timeout)[0]:
+            return False
+        self.output += os.read(self.master, 65536).decode(errors="replace")
+        return True
+
+    def wait_until(self, condition):
+        deadline = time.monotonic() + PATIENCE
+        while not condition():
+            left = deadline - time.monotonic()
+            assert left > 0 and self._read(left), "on the screen: " + "\n".join(self.rows())
+
+    def wait_for_row(self, text):
+        self.wait_until(lambda: text in self.rows())
+
+    def wait_for_end(self):
+        """The exit status, with all output taken in."""
+        while self.child.poll() is None:
+            self._read(0.05)
+        while self._read(0):
+            pass
+        return self.child.returncode
+
+    def wait_for_stop(self):
+        deadline = time.monotonic() + PATIENCE
+        while not os.WIFSTOPPED(os.waitpid(self.child.pid, os.WUNTRACED | os.WNOHANG)[1] or 0):
+            assert time.monotonic() < deadline, "it does not stop"
+            self._read(0.05)
+        while self._read(0):
+            pass
+
+    def run(self):
+        """All that a program writes that ends by itself."""
+        assert self.wait_for_end() == 0, self.output
+        return re.sub(r"\r*\n", "\n", self.output)
+
+    def frames(self):
+        return self.output.count("\033[H")
+
+    def rows(self):
+        """The screen as the last whole frame leaves it. A line that is too long fails: it would wrap."""
+        rows, at = [], 0
+        for text in re.split(r"(\033\[[?\d]*[a-zA-Z]|\r*\n)", self.output):
+            if text == "\033[H":
+                at = 0
+            elif text.endswith("\n"):
+                at += 1
+            elif text in ("\033[K", "\033[J"):
+                del rows[at if text == "\033[J" else len(rows):]
+                if at < len(rows):
+                    rows[at] = ""
+            elif text and not text.startswith("\033"):
+                rows.extend([""] * (at + 1 - len(rows)))
+                rows[at] += text
+                assert len(rows[at]) <= self.columns, f"wider than the terminal: {rows[at]}"
+        assert len(rows) <= self.row_count, "higher than the terminal"
+        return [row.rstrip() for row in rows]

@@ -1,0 +1,349 @@
+"""kavrel-tv plays the devices behind the external outputs, and the speakers that the emulators talk to."""
+import re
+import signal
+import subprocess
+import time
+
+import pytest
+from gi.repository import Gio, GLib
+
+from harness import PATIENCE, TV_SUPPORT
+from kavrel_tv import assert_idle, make_tool, refused
+
+MIRRORING = "settings/memory/menu/network/screenmirroring"
+LEVEL_REQUEST, MUTE_REQUEST = f"{MIRRORING}/set_volume_level", f"{MIRRORING}/set_volume_mute"
+
+
+def keys_of(name):
+    return [f"{MIRRORING}/{key}_{name}" for key in ("volume_support", "get_volume_level", "get_volume_mute")]
+
+
+DEVICE_KEYS = {  # by route: support, level and mute of the device behind it
+    1: keys_of("optical"), 2: keys_of("hdmi"), 3: keys_of("bt"), 4: keys_of("mlr"), 5: keys_of("bt"), 8: keys_of("hdmi"),
+    9: keys_of("optical"), 10: keys_of("mlr"), 19: keys_of("auracast"),
+    15: [f"settings/db/usbsound/volume_{key}" for key in ("capability", "level", "mute_status")],
+}
+
+tool = pytest.fixture(make_tool)
+
+
+def ask(tv, level=None, mute=None):
+    if level is not None:
+        tv.echo(level, LEVEL_REQUEST)
+    if mute is not None:
+        tv.echo(mute, MUTE_REQUEST)
+
+
+def values(tv, route):
+    return [tv.read(key) for key in DEVICE_KEYS[route]]
+
+
+def wait_for(tv, route, *expected):
+    """Until support, level and mute of the device are these."""
+    keys = DEVICE_KEYS[route]
+    expected = [str(value) for value in expected]
+    tv.wait_until(keys[2], lambda: all(map(tv.has, keys)) and values(tv, route) == expected)
+
+
+@pytest.mark.parametrize("route", sorted(DEVICE_KEYS))
+def test_each_device_publishes_at_the_route_change_and_answers(tool, tv, route):
+    devices = tool.devices()
+    tool("route", str(route))
+    devices.wait("publishes level 10, mute off, support 0x000f")
+    assert values(tv, route) == ["15", "10", "0"]
+    ask(tv, level=40)
+    devices.wait("publishes level 40, mute off, support 0x000f")
+    ask(tv, mute=1)
+    devices.wait("publishes level 40, mute on, support 0x000f")
+    assert values(tv, route) == ["15", "40", "1"]
+    assert devices.end() == (0, [])
+
+
+def test_all_devices_publish_when_they_begin_and_keep_what_they_have(tool, tv):
+    tool("key", "memory/menu/network/screenmirroring/get_volume_level_bt", "66")
+    devices = tool.devices()
+    devices.wait("begins with level 10, mute off, support 0x000f", len(set(map(tuple, DEVICE_KEYS.values()))) - 1)
+    devices.wait("bt: begins with level 66, mute off, support 0x000f")
+    for route in DEVICE_KEYS:
+        assert values(tv, route) == ["15", "66" if route in (3, 5) else "10", "0"]
+
+
+def test_in_multiview_the_device_of_the_zone_in_focus_answers(tool, tv):
+    for command in ("zones 1,2", "focus 1", "zone-route 1 hdmi", "zone-route 2 usb", "route auracast", "multiview on"):
+        tool(*command.split())
+    devices = tool.devices()
+    ask(tv, level=21)
+    devices.wait("hdmi: publishes level 21")
+    tool("focus", "2")
+    devices.wait("usb: publishes level 10")
+    ask(tv, level=22)
+    devices.wait("usb: publishes level 22")
+    tool("zone-route", "2", "wifi")
+    devices.wait("wifi: publishes level 10")
+    tool("multiview", "off")
+    devices.wait("auracast: publishes level 10")
+    assert values(tv, 2) == ["15", "21", "0"] and values(tv, 15) == ["15", "22", "0"]
+
+
+def test_an_equal_request_is_answered_again_however_it_is_written(tool, tv):
+    tool("route", "hdmi")
+    devices = tool.devices()
+    for times in range(1, 6):
+        ask(tv, level=40)  # in place
+        devices.wait("publishes level 40", times)
+    for times in range(6, 11):
+        tool("key", "memory/menu/network/screenmirroring/set_volume_level", "40")  # by a rename
+        devices.wait("publishes level 40", times)
+    devices.end()
+    assert devices.said("level 40 asked for") == devices.said("publishes level 40") == 10
+
+
+def test_a_burst_of_requests_ends_with_the_last_one(tool, tv):
+    tool("route", "hdmi")
+    devices = tool.devices()
+    for level in range(100):
+        ask(tv, level=level)
+    ask(tv, level=73)
+    wait_for(tv, 2, 15, 73, 0)
+    ask(tv, mute=1)
+    devices.wait("publishes level 73, mute on")
+    assert values(tv, 2) == ["15", "73", "1"]
+
+
+def test_a_device_turned_by_hand_keeps_it(tool, tv):
+    tool("route", "hdmi")
+    devices = tool.devices()
+    tool("key", "memory/menu/network/screenmirroring/get_volume_level_hdmi", "55")
+    ask(tv, mute=1)
+    devices.wait("hdmi: publishes level 55, mute on, support 0x000f")
+
+
+@pytest.mark.parametrize("asked, level", [(-5, 0), (100, 100), (250, 100)])
+def test_a_device_has_no_level_beyond_its_scale(tool, tv, asked, level):
+    tool("route", "hdmi")
+    tool.devices()
+    ask(tv, level=asked)
+    wait_for(tv, 2, 15, level, 0)
+
+
+def test_without_an_external_output_nobody_answers(tool, tv):
+    devices = tool.devices()
+    ask(tv, level=40)
+    devices.wait("level 40 asked for, of an output that is not external")
+    assert not devices.said("level 40, mute off")
+
+
+def test_junk_in_a_request_is_complained_about_and_survived(tool, tv):
+    tool("route", "hdmi")
+    devices = tool.devices()
+    ask(tv, level="loud")
+    devices.wait_for_complaint("no integer in memory/menu/network/screenmirroring/set_volume_level")
+    ask(tv, level=12)
+    devices.wait("publishes level 12")
+
+
+def test_devices_that_are_late(tool, tv):
+    tool("route", "hdmi")
+    devices = tool.devices("--delay", "300", "--jitter", "200", "--seed", "1")
+    asked = time.monotonic()
+    for level in (40, 41, 42):
+        ask(tv, level=level)
+        devices.wait(f"level {level} asked for")
+    devices.wait("publishes level 42")
+    assert time.monotonic() - asked >= 0.3
+    published = [re.search(r"publishes level (\d+)", line)[1] for line in devices.lines if "publishes" in line]
+    assert published == ["40", "41", "42"]
+
+
+def test_devices_with_another_support_word(tool, tv):
+    tool("route", "hdmi")
+    devices = tool.devices("--support", "0x5")
+    devices.wait("support 0x0005")
+    assert values(tv, 2) == ["5", "10", "0"]
+
+
+def test_deaf_devices_publish_but_do_not_answer(tool, tv):
+    tool("route", "hdmi")
+    devices = tool.devices("--deaf")
+    ask(tv, level=40)
+    devices.wait("hdmi: level 40 asked for, but it is deaf")
+    assert values(tv, 2) == ["15", "10", "0"]
+
+
+def test_devices_that_fail_at_times_do_so_alike_for_one_seed(tool, tv):
+    tool("route", "hdmi")
+
+    def answered(seed):
+        """The levels that are, of 30."""
+        devices = tool.devices("--fail", "50", "--seed", str(seed))
+        for level in range(1, 31):
+            ask(tv, level=level)
+            devices.wait(f"level {level} asked for")
+        levels = [level for level in range(1, 31) if not devices.said(f"level {level} asked for, but it fails")]
+        wait_for(tv, 2, 15, levels[-1], 0)
+        devices.end()
+        return levels
+
+    first = answered(1)
+    assert 5 < len(first) < 25
+    assert answered(1) == first
+    assert answered(2) != first
+
+
+@pytest.mark.parametrize("asked, level", [(42, 40), (43, 45), (100, 100), (1, 0)])
+def test_devices_that_round(tool, tv, asked, level):
+    tool("route", "hdmi")
+    tool.devices("--rounding", "5")
+    ask(tv, level=asked)
+    wait_for(tv, 2, 15, level, 0)
+
+
+def test_devices_that_answer_twice(tool, tv):
+    tool("route", "hdmi")
+    devices = tool.devices("--double")
+    ask(tv, level=40)
+    devices.wait("publishes level 40", 2)
+    ask(tv, level=41)
+    devices.wait("publishes level 41", 2)
+    devices.end()
+    assert devices.said("publishes level 40") == 2
+
+
+def test_a_device_that_vanishes_takes_its_values_back(tool, tv):
+    tool("route", "hdmi")
+    devices = tool.devices("--vanish-after", "2")
+    ask(tv, level=40)
+    devices.wait("publishes level 40")
+    ask(tv, level=41)
+    devices.wait("hdmi: vanishes")
+    assert not any(map(tv.has, DEVICE_KEYS[2]))
+    ask(tv, level=42)
+    devices.wait("hdmi: level 42 asked for, but it has vanished")
+    tool("route", "usb")
+    devices.wait("usb: publishes")
+    tool("route", "hdmi")
+    ask(tv, level=43)
+    devices.wait("hdmi: level 43 asked for, but it has vanished")
+    assert not any(map(tv.has, DEVICE_KEYS[2]))
+
+
+def test_the_last_devices_play_and_the_others_wait(tool, tv):
+    tool("route", "hdmi")
+    first = tool.devices()
+    second = tool.devices("--rounding", "10")
+    first.wait("others have begun to play")
+    ask(tv, level=42)
+    second.wait("publishes level 40")
+    assert not first.said("42")
+    second.end()
+    first.wait("the other ones have gone; playing again")
+    ask(tv, level=43)
+    first.wait("publishes level 43")
+
+
+def test_devices_take_over_from_others_that_were_killed(tool, tv):
+    tool("route", "hdmi")
+    first = tool.devices()
+    second = tool.devices()
+    first.wait("others have begun to play")
+    second.child.kill()
+    second.child.wait(PATIENCE)
+    ask(tv, level=43)
+    first.wait("publishes level 43")
+
+
+def test_devices_leave_no_trace_of_themselves(tool, tv):
+    devices = tool.devices()
+    assert devices.end(signal.SIGTERM)[0] == 143
+    assert not tv.has(".devices")
+
+
+def test_devices_follow_a_folder_that_is_replaced(tool, tv):
+    """The memory settings are emptied by whoever starts the TV, perhaps beside the devices."""
+    tool("route", "hdmi")
+    devices = tool.devices()
+    subprocess.run(["rm", "-rf", tv.path / "settings/memory"], check=True)
+    tool("key", "memory/menu/network/screenmirroring/set_volume_level", "31")
+    devices.wait("publishes level 31")
+
+
+def test_idle_devices_do_not_wake_up(tool):
+    assert_idle(tool.devices().child.pid)
+
+
+def play_hdmi(scene, tool, *options):
+    """kavreld, the devices, and HDMI in use. Its values have stood there before, so that nothing is left to report."""
+    tool("route", "hdmi")
+    devices = tool.devices(*options)
+    tool("route", "tv")
+    log = scene.start().log
+    tool("route", "hdmi")
+    devices.wait("hdmi: publishes")
+    log.wait(re.compile(r"Speaker changed\[0->2\]\. .*"))
+
+
+def test_an_hdmi_receiver_from_end_to_end(scene, tool, client):
+    play_hdmi(scene, tool)
+    assert client.get_support() == (15, 0)
+    assert client.set_volume(40) == 0
+    client.expect("SpeakerVolumeChanged", 15, 40)
+    assert client.get_volume() == (40, 0)
+    assert client.set_mute(True) == 0
+    client.expect("SpeakerMuteChanged", 15, True)
+    assert client.get_mute() == (1, 0)
+
+
+def test_a_receiver_that_can_only_set_its_volume(scene, tool, client):
+    play_hdmi(scene, tool, "--support", "0x2")
+    assert client.get_volume()[1] == -4
+    assert client.set_mute(True) == -4
+    assert client.set_volume(40) == 0
+    client.expect("SpeakerVolumeChanged", 2, 40)
+
+
+# --- The emulators' peer
+
+BT_PEER = ("com.norvik.tv.bt.connectionmanager", "/com/norvik/tv/bt/connectionmanager",
+           "com.norvik.tv.bt.connectionmanager.speaker")
+TV_PEER = ("org.olvane.kavrel.tv", "/Org/Olvane/Kavrel", "org.olvane.kavrel.tv")
+
+
+def call(client, peer, method, *arguments):
+    body = GLib.Variant(f"({'i' * len(arguments)})", arguments)
+    name, path, interface = peer
+    return client.connection.call_sync(name, path, interface, method, body, None, Gio.DBusCallFlags.NO_AUTO_START,
+                                       int(PATIENCE * 1000), None).unpack()
+
+
+@pytest.mark.parametrize("which, peer, route, support", [("tv", TV_PEER, 0, TV_SUPPORT), ("bt", BT_PEER, 3, 15)])
+def test_the_peer_answers_and_announces(tool, client, which, peer, route, support):
+    emulator = tool.start("emulator", which, "--volume", "17", "--result", "5")
+    emulator.wait(f"{peer[0]} is here, volume 17")
+    assert call(client, peer, "GetSpkVolume") == (route, 17, 5)
+    assert call(client, peer, "SetSpkVolume", 35) == (route, 0)
+    client.expect("SpkVolumeChanged", route, support, 35)
+    assert call(client, peer, "GetSpkVolume") == (route, 35, 5)
+    emulator.type("36")
+    client.expect("SpkVolumeChanged", route, support, 36)
+    emulator.type("loud")
+    emulator.type("37")
+    client.expect("SpkVolumeChanged", route, support, 37)
+    assert emulator.end() == (0, ['kavrel-tv: a volume is to be a whole number, not "loud"'])
+
+
+def test_the_peer_needs_its_name(tool):
+    first = tool.start("emulator", "bt")
+    first.wait("is here")
+    done = tool.run("emulator", "bt")
+    assert done.returncode == 1
+    assert refused(done).startswith(f"cannot own the name {BT_PEER[0]}: ")
+
+
+def test_the_peer_needs_a_bus_and_tells_when_it_goes(tool, scene):
+    done = tool.run("emulator", "bt", DBUS_SYSTEM_BUS_ADDRESS=f"unix:path={scene.folder}/nowhere")
+    assert done.returncode == 2 and refused(done) != ""
+    emulator = tool.start("emulator", "bt")
+    emulator.wait("is here")
+    scene.bus.end()
+    assert emulator.child.wait(PATIENCE) == 2
+    assert emulator.end() == (2, ["kavrel-tv: the bus has gone"])

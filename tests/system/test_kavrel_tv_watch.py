@@ -1,0 +1,109 @@
+"""kavrel-tv watch: the TV live, in a terminal of 80 columns and 24 rows, and in a pipe."""
+import json
+import signal
+import subprocess
+import time
+
+import pytest
+
+from kavrel_tv import KAVREL_TV, PATIENCE, assert_idle, make_tool
+from terminal import ENTER, LEAVE
+
+LEVEL_REQUEST = "settings/memory/menu/network/screenmirroring/set_volume_level"
+
+tool = pytest.fixture(make_tool)
+
+
+def test_watch_shows_the_tv_live_in_80x24_and_leaves_the_terminal_as_it_was(tool, tv):
+    for command in ("multiview on", "zones 1,2", "focus 1", "zone-route 1 hdmi"):
+        tool(*command.split())
+    tool.devices()
+    terminal = tool.terminal("watch")
+    terminal.wait_for_row("│  ├─ volume       ██░░░░░░░░░░░░░░░░░░░░░░░ 10")
+    assert ENTER in terminal.output
+    for text in ("├─ output          2 hdmi, HDMI receiver, of the zone in focus", "│  └─ zone 2       0 tv, TV speaker",
+                 "│  └─ sub gain     █████████████████████████ 100 %",
+                 "   └─ com.norvik/featureconf/projector_feature_support    off"):
+        terminal.wait_for_row(text)
+    tool("volume", "40")
+    terminal.wait_for_row("│  ├─ volume       ██████████░░░░░░░░░░░░░░░ 40")
+    tv.echo(100, LEVEL_REQUEST)
+    terminal.wait_for_row("│  ├─ level        █████████████████████████ 100")
+    tool("zones", "1,2,3")
+    terminal.wait_for_row("│  └─ zone 3       2 hdmi, HDMI receiver")
+    tv.remove("audio/master_volume")
+    terminal.wait_for_row("│  ├─ volume       not set")
+    terminal.type("\x03")
+    assert terminal.wait_for_end() == 0
+    assert terminal.output.endswith(LEAVE)
+    assert terminal.modes() == terminal.modes_before
+
+
+@pytest.mark.parametrize("number, status", [(signal.SIGTERM, 143), (signal.SIGHUP, 129)])
+def test_watch_leaves_the_terminal_as_it_was_whatever_ends_it(tool, number, status):
+    terminal = tool.terminal("watch")
+    terminal.wait_for_row("├─ sound")
+    terminal.child.send_signal(number)
+    assert terminal.wait_for_end() == status
+    assert terminal.output.endswith(LEAVE)
+    assert terminal.modes() == terminal.modes_before
+
+
+def test_watch_gives_the_terminal_back_while_it_is_suspended(tool):
+    terminal = tool.terminal("watch")
+    terminal.wait_for_row("├─ sound")
+    terminal.type("\x1a")
+    terminal.wait_for_stop()
+    assert terminal.output.endswith(LEAVE)
+    assert terminal.modes() == terminal.modes_before
+    tool("volume", "80")
+    terminal.child.send_signal(signal.SIGCONT)
+    terminal.wait_for_row("│  ├─ volume       ████████████████████░░░░░ 80")
+    terminal.type("\x03")
+    assert terminal.wait_for_end() == 0
+    assert terminal.modes() == terminal.modes_before
+
+
+def test_watch_follows_the_size_of_the_terminal(tool):
+    terminal = tool.terminal("watch")
+    terminal.wait_for_row("   └─ com.norvik/featureconf/projector_feature_support    off")
+    terminal.resize(10, 24)
+    terminal.wait_until(lambda: len(terminal.rows()) == 10 and terminal.rows()[3] == "│  ├─ route        0 tv,")
+
+
+def test_watch_draws_at_most_20_times_a_second_and_the_last_state_always(tool, tv):
+    terminal = tool.terminal("watch")
+    terminal.wait_for_row("├─ sound")
+    frames, begin = terminal.frames(), time.monotonic()
+    while time.monotonic() < begin + 2:
+        for volume in range(50):
+            tv.echo(volume, "audio/master_volume")
+    tv.echo(96, "audio/master_volume")
+    terminal.wait_for_row("│  ├─ volume       ████████████████████████░ 96")
+    seconds = time.monotonic() - begin
+    assert 5 <= terminal.frames() - frames <= 20 * seconds + 1
+
+
+def test_idle_watch_does_not_wake_up(tool):
+    terminal = tool.terminal("watch")
+    terminal.wait_for_row("├─ sound")
+    assert_idle(terminal.child.pid)
+
+
+def test_watch_without_a_terminal_prints_each_state_without_colour(tool, tv):
+    watch = tool.start("watch", "--json")
+    watch.wait('"volume":10')
+    tool("volume", "11")
+    watch.wait('"volume":11')
+    assert watch.end() == (0, [])
+    assert all(json.loads(line)["directory"] == str(tv.path) for line in watch.lines)
+    watch = tool.start("watch")
+    watch.wait("volume       ██░░")
+    assert watch.end() == (0, [])
+    assert not watch.said("\033")
+
+
+def test_watch_ends_with_its_reader(tool):
+    head = subprocess.run(f"{KAVREL_TV} watch --json | head -1", shell=True, env=tool.environment(), capture_output=True,
+                          text=True, timeout=PATIENCE, check=True)
+    assert json.loads(head.stdout)["volume"] == 10 and head.stderr == ""

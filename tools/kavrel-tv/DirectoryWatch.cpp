@@ -1,0 +1,125 @@
+#include "DirectoryWatch.h"
+
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <system_error>
+#include <utility>
+
+#include "Errors.h"
+
+namespace fs = std::filesystem;
+
+namespace tv {
+
+namespace {
+
+// Where a rename's both ends are watched, the kernel does not merge two renames to one name into one
+// notification.
+constexpr std::uint32_t EVENTS = IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_FROM | IN_MOVED_TO | IN_CREATE |
+                                 IN_DELETE | IN_DELETE_SELF | IN_ONLYDIR;
+
+/** Names with a dot are nobody's value: a writer's file before it is moved into place. In the directory
+ * itself they may be something else. */
+bool IsTemporary(const fs::path& path) {
+    return path.has_parent_path() && path.filename().string().starts_with('.');
+}
+
+}  // namespace
+
+DirectoryWatch::DirectoryWatch(tools::MainLoop& loop, fs::path directory, Handler handler)
+    : m_directory(std::move(directory)),
+      m_handler(std::move(handler)),
+      m_inotify(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
+    Follow("", false);
+    if (m_folders.empty()) {
+        const int error = errno;
+        close(m_inotify);
+        throw tools::ToolError(tools::EXIT_REFUSED, "cannot watch " + m_directory.string() + ": " +
+                                                        std::generic_category().message(error));
+    }
+    m_source = loop.WhenReadable(m_inotify, [this] { Read(); });
+}
+
+DirectoryWatch::~DirectoryWatch() {
+    m_source.reset();
+    close(m_inotify);
+}
+
+void DirectoryWatch::Read() {
+    alignas(inotify_event) std::array<char, 64 * 1024> buffer;
+    const ssize_t size = read(m_inotify, buffer.data(), buffer.size());
+    for (const char* at = buffer.data(); at < buffer.data() + size;) {
+        const auto& event = *reinterpret_cast<const inotify_event*>(at);
+        Handle(event);
+        at += sizeof(event) + event.len;
+    }
+}
+
+void DirectoryWatch::Handle(const inotify_event& event) {
+    if ((event.mask & IN_Q_OVERFLOW) != 0) {
+        m_folders.clear();
+        Follow("", false);
+        m_handler(Event::LOST, "");
+        return;
+    }
+    const auto folder = m_folders.find(event.wd);
+    if (folder == m_folders.end()) {
+        return;
+    }
+    if ((event.mask & (IN_IGNORED | IN_DELETE_SELF)) != 0) {
+        m_folders.erase(folder);
+        m_handler(Event::REMOVED, "");
+        return;
+    }
+    const fs::path path = event.len > 0 ? folder->second / event.name : folder->second;
+    const bool isNew = (event.mask & (IN_CREATE | IN_MOVED_TO)) != 0;
+    std::error_code ignored;
+    if (isNew && fs::is_directory(m_directory / path, ignored)) {
+        Follow(path, true);
+        m_handler(Event::WRITTEN, "");
+    } else if ((event.mask & IN_ISDIR) == 0 && !IsTemporary(path)) {
+        HandleFile(path, event.mask);
+    }
+}
+
+/** A file counts as written when it is moved into place, or closed after it has been written to: whoever
+ * moves a finished file may close it before or after. */
+void DirectoryWatch::HandleFile(const fs::path& path, std::uint32_t mask) {
+    if ((mask & IN_MODIFY) != 0) {
+        m_modified.insert(path);
+    } else if ((mask & IN_MOVED_TO) != 0 || ((mask & IN_CLOSE_WRITE) != 0 && m_modified.contains(path))) {
+        m_modified.erase(path);
+        m_handler(Event::WRITTEN, path);
+    } else if ((mask & (IN_DELETE | IN_MOVED_FROM)) != 0) {
+        m_modified.erase(path);
+        m_handler(Event::REMOVED, path);
+    }
+}
+
+/** Watches a folder and those in it; what is written before the watch is set is told of by its name. */
+void DirectoryWatch::Follow(const fs::path& folder, bool tellOfFiles) {
+    const int watch = inotify_add_watch(m_inotify, (m_directory / folder).c_str(), EVENTS);
+    if (watch < 0) {
+        return;
+    }
+    if (!m_folders.insert_or_assign(watch, folder).second) {
+        return;  // a link that leads to a folder watched already
+    }
+    std::error_code error;
+    for (fs::directory_iterator entry(m_directory / folder, error);
+         !error && entry != fs::directory_iterator(); entry.increment(error)) {
+        const fs::path path = folder / entry->path().filename();
+        std::error_code ignored;
+        if (entry->is_directory(ignored)) {
+            Follow(path, tellOfFiles);
+        } else if (tellOfFiles) {
+            m_handler(Event::WRITTEN, path);
+        }
+    }
+}
+
+}  // namespace tv

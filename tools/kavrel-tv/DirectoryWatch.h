@@ -1,0 +1,54 @@
+#ifndef KAVREL_TV_DIRECTORYWATCH_H
+#define KAVREL_TV_DIRECTORYWATCH_H
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+
+#include "GLibPtr.h"
+#include "MainLoop.h"
+
+struct inotify_event;
+
+namespace tv {
+
+/**
+ * Tells of every write below a directory, whether in place or by a rename and whether the value is another
+ * one or not, through the kernel's notifications on the main loop. The folders themselves may come and go.
+ */
+class DirectoryWatch {
+public:
+    enum class Event {
+        WRITTEN,
+        REMOVED,
+        LOST,  // notifications have been lost: anything may have happened
+    };
+    /** @param path below the directory; empty for what has happened to a folder, or is lost */
+    using Handler = std::function<void(Event event, const std::string& path)>;
+
+    /** @throws ToolError if the directory cannot be watched */
+    DirectoryWatch(tools::MainLoop& loop, std::filesystem::path directory, Handler handler);
+    ~DirectoryWatch();
+    DirectoryWatch(const DirectoryWatch&) = delete;
+    DirectoryWatch& operator=(const DirectoryWatch&) = delete;
+
+private:
+    void Read();
+    void Handle(const inotify_event& event);
+    void HandleFile(const std::filesystem::path& path, std::uint32_t mask);
+    void Follow(const std::filesystem::path& folder, bool tellOfFiles);
+
+    const std::filesystem::path m_directory;
+    const Handler m_handler;
+    const int m_inotify;
+    std::map<int, std::filesystem::path> m_folders;  // by watch
+    std::set<std::filesystem::path> m_modified;      // written to in place, and not closed yet
+    tools::GLibPtr<GSource> m_source;
+};
+
+}  // namespace tv
+
+#endif

@@ -1,0 +1,139 @@
+#include "Snapshot.h"
+
+#include <directory.h>
+#include <json/reader.h>
+#include <json/value.h>
+#include <lwipc.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <memory>
+#include <system_error>
+
+#include "Platform.h"
+
+namespace fs = std::filesystem;
+
+namespace tv {
+
+namespace {
+
+constexpr const char* SETTINGS = "settings/";
+constexpr const char* FEATURES = "features/";
+
+Number ReadNumber(const std::string& path, host::Range range = {}) {
+    Number number;
+    std::string text;
+    number.error = host::TryRead({path, range}, text);
+    if (number) {
+        host::ParseInteger(text, range, number.value);
+    }
+    return number;
+}
+
+std::vector<std::pair<std::string, Number>> ReadFeatures() {
+    std::vector<std::pair<std::string, Number>> features;
+    const fs::path folder = host::Root() / FEATURES;
+    std::error_code error;
+    for (fs::recursive_directory_iterator entry(folder, error);
+         !error && entry != fs::recursive_directory_iterator(); entry.increment(error)) {
+        std::error_code ignored;
+        const bool isValue = !entry->path().filename().string().starts_with('.');
+        if (isValue && entry->is_regular_file(ignored)) {
+            const std::string key = entry->path().lexically_relative(folder);
+            features.emplace_back(key, ReadFeature(key));
+        }
+    }
+    std::sort(features.begin(), features.end(),
+              [](const auto& a, const auto& b) { return a.first < b.first; });
+    return features;
+}
+
+}  // namespace
+
+const DeviceKind* Output::Device() const {
+    const Route* known = route ? FindRoute(route.value) : nullptr;
+    return known != nullptr ? known->device : nullptr;
+}
+
+Number ReadSetting(const std::string& key) {
+    return ReadNumber(SETTINGS + key);
+}
+
+Number ReadFeature(const std::string& key) {
+    std::string text;
+    const int error = host::TryRead({FEATURES + key, std::nullopt}, text);
+    if (error != 0) {
+        return {error};
+    }
+    return text == "true" || text == "false" ? Number{0, text == "true" ? 1 : 0} : Number{EINVAL};
+}
+
+bool IsMultiviewOn() {
+    std::string text;
+    if (ReadFeature(MULTIVIEW_FEATURE).value != 1 ||
+        host::TryRead({std::string(SETTINGS) + MULTIVIEW_KEY, std::nullopt}, text) != 0) {
+        return false;
+    }
+    const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+    Json::Value root;
+    return reader->parse(text.data(), text.data() + text.size(), &root, nullptr) && root.isObject() &&
+           root["mode"] == "on";
+}
+
+std::vector<Zone> ReadZones() {
+    std::vector<int> ids;
+    host::GetZones(ids);
+    std::vector<Zone> zones;
+    for (const int id : ids) {
+        zones.push_back({id, ReadNumber(host::ZoneRoute(id).path)});
+    }
+    return zones;
+}
+
+Number ReadFocus() {
+    return ReadNumber(FOCUS_PATH);
+}
+
+Output ReadOutput() {
+    if (IsMultiviewOn()) {
+        const Number focus = ReadFocus();
+        const Number route = focus ? ReadNumber(host::ZoneRoute(focus.value).path) : Number{};
+        if (route) {
+            return {route, focus.value};
+        }
+    }
+    return {ReadNumber("sound/route"), std::nullopt};
+}
+
+DeviceState ReadDevice(const DeviceKind& kind) {
+    return {ReadSetting(kind.supportKey), ReadSetting(kind.levelKey), ReadSetting(kind.muteKey)};
+}
+
+Snapshot ReadTv() {
+    Snapshot tv;
+    tv.directory = host::Root();
+    tv.ready = LwipcIsDone(READY_EVENT) == 1;
+    tv.output = ReadOutput();
+    if (const DeviceKind* kind = tv.output.Device(); kind != nullptr) {
+        tv.device = ReadDevice(*kind);
+    }
+    tv.route = ReadNumber("sound/route");
+    tv.multiview = IsMultiviewOn();
+    tv.zones = ReadZones();
+    tv.focus = ReadFocus();
+    tv.volume = ReadNumber("audio/master_volume", {0, 100});
+    tv.mute = ReadNumber(host::MasterMute().path, {0, 1});
+    tv.mainGain = ReadNumber("audio/main_out_gain2");
+    tv.subGain = ReadNumber("audio/sub_out_gain2");
+    tv.cable = ReadSetting(CABLE_KEY);
+    tv.mobile = ReadSetting(MOBILE_KEY);
+    tv.projector = ReadSetting(PROJECTOR_KEY);
+    tv.subBluetooth = ReadSetting(SUB_BT_KEY);
+    tv.popup = LwipcIsDone(POPUP_EVENT) == 1;
+    tv.features = ReadFeatures();
+    TakePlatformError();  // what cannot be read is shown in its place
+    return tv;
+}
+
+}  // namespace tv

@@ -1,0 +1,31 @@
+/** The TV on one screen, for people and for scripts. */
+#ifndef KAVREL_TV_VIEW_H
+#define KAVREL_TV_VIEW_H
+
+#include <json/value.h>
+
+#include <string>
+
+#include "Snapshot.h"
+#include "Terminal.h"
+
+namespace tv {
+
+enum class Bars { WITHOUT, WITH };
+
+/** A tree with a line for each value and what it means, each line cut at the last column.
+ *  @param bars whether volumes and gains are drawn, too */
+std::string Draw(const Snapshot& tv, Bars bars, const tools::Style& style, int columns);
+
+/** All of them where standard output is no terminal. */
+int ColumnsOfOutput();
+
+/** The same facts; null for what is not there or cannot be read. */
+Json::Value ToJson(const Snapshot& tv);
+
+/** "2 hdmi, HDMI receiver" */
+std::string DescribeRoute(int code);
+
+}  // namespace tv
+
+#endif
