@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <charconv>
@@ -116,6 +117,7 @@ Entry NewEntry(Entry::Kind kind) {
     entry.kind = kind;
     entry.thread = std::this_thread::get_id();
     entry.threadName = ThreadName();
+    entry.tid = gettid();
     entry.time = Clock::now();
     return entry;
 }
@@ -138,7 +140,7 @@ Entry LogEntry(int priority, const char* tag, const std::string& raw) {
 }
 
 bool Matches(const std::string& what, const Entry& entry) {
-    return what == entry.text || (entry.kind == Entry::Kind::CALL && what == entry.name);
+    return what == entry.text || (entry.IsCall() && what == entry.name);
 }
 
 std::string Format(const char* format, va_list arguments) {
@@ -272,14 +274,40 @@ std::vector<std::string> FakeSeam::Log(int lowestPriority) const {
 }
 
 std::vector<std::string> FakeSeam::Calls(std::string_view prefix) const {
-    return Texts([&](const Entry& entry) {
-        return entry.kind == Entry::Kind::CALL && entry.text.starts_with(prefix);
-    });
+    return Texts([&](const Entry& entry) { return entry.IsCall() && entry.text.starts_with(prefix); });
 }
 
 std::vector<std::string> FakeSeam::Journal() const {
+    return Texts([](const Entry& entry) { return entry.IsCall() || entry.IsLog(DLOG_INFO); });
+}
+
+std::vector<std::string> FakeSeam::JournalHere() const {
+    return Texts([here = std::this_thread::get_id()](const Entry& entry) {
+        return entry.thread == here && (entry.IsCall() || entry.IsLog(DLOG_INFO));
+    });
+}
+
+std::vector<std::string> FakeSeam::LogHere() const {
+    return Texts([here = std::this_thread::get_id()](const Entry& entry) {
+        return entry.thread == here && entry.IsLog(DLOG_INFO);
+    });
+}
+
+std::vector<std::string> FakeSeam::CallsHere() const {
+    return Texts([here = std::this_thread::get_id()](const Entry& entry) {
+        return entry.thread == here && entry.IsCall();
+    });
+}
+
+std::vector<std::string> FakeSeam::JournalOf(const std::string& threadName) const {
+    return Texts([&](const Entry& entry) {
+        return entry.threadName == threadName && (entry.IsCall() || entry.IsLog(DLOG_INFO));
+    });
+}
+
+std::vector<std::string> FakeSeam::LogOf(const std::string& threadName) const {
     return Texts(
-        [](const Entry& entry) { return entry.kind == Entry::Kind::CALL || entry.IsLog(DLOG_INFO); });
+        [&](const Entry& entry) { return entry.threadName == threadName && entry.IsLog(DLOG_INFO); });
 }
 
 std::vector<std::string> FakeSeam::Trace() const {
@@ -310,6 +338,13 @@ std::optional<Entry> FakeSeam::Find(const std::string& text) const {
     const std::lock_guard lock(m_mutex);
     const auto found = std::ranges::find(m_journal, text, &Entry::text);
     return found == m_journal.end() ? std::nullopt : std::optional(*found);
+}
+
+std::optional<Entry> FakeSeam::LastOf(const std::string& threadName) const {
+    const std::lock_guard lock(m_mutex);
+    const auto found =
+        std::ranges::find(m_journal.rbegin(), m_journal.rend(), threadName, &Entry::threadName);
+    return found == m_journal.rend() ? std::nullopt : std::optional(*found);
 }
 
 std::string FakeSeam::FunctionOf(const std::string& text) const {

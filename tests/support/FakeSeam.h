@@ -27,6 +27,8 @@
 #include <system_info.h>
 #include <vconf.h>
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -72,6 +74,8 @@ struct Entry {
     std::string text;
     std::thread::id thread;
     std::string threadName;
+    /** The kernel's number of the thread. */
+    pid_t tid = 0;
     Clock::time_point time;
 
     /** Calls: the function's bare name. */
@@ -85,6 +89,7 @@ struct Entry {
     Site site;
     Site siteAgain;
 
+    bool IsCall() const { return kind == Kind::CALL; }
     bool IsLog(int lowestPriority) const { return kind == Kind::LOG && priority >= lowestPriority; }
     bool IsTrace() const;
 };
@@ -169,10 +174,18 @@ public:
     std::vector<std::string> Trace() const;
     /** The same without types and namespace: "[IN]Class::Function". */
     std::vector<std::string> TraceNames() const;
+    /** The same views of the calling thread alone, and of the threads with a name. */
+    std::vector<std::string> JournalHere() const;
+    std::vector<std::string> LogHere() const;
+    std::vector<std::string> CallsHere() const;
+    std::vector<std::string> JournalOf(const std::string& threadName) const;
+    std::vector<std::string> LogOf(const std::string& threadName) const;
     /** Everything. */
     std::vector<Entry> Entries() const;
     /** The first entry with this text. */
     std::optional<Entry> Find(const std::string& text) const;
+    /** The last entry of the threads with this name. */
+    std::optional<Entry> LastOf(const std::string& threadName) const;
     /** The function that logged this line first; "" when none did. */
     std::string FunctionOf(const std::string& text) const;
     int Count(const std::string& text) const;

@@ -109,6 +109,12 @@ std::vector<std::string> ThreadNames() {
     return names;
 }
 
+bool WorkersRest() {
+    return std::ranges::all_of(ALL_WORKERS, [](eKVGainHandlerType worker) {
+        return ComesToRest(FakeSeam::Get(), GainHandlerName[worker], SleepLine(worker));
+    });
+}
+
 struct GainFixture::Watched {
     struct Action {
         eKVGainHandlerType worker;
@@ -131,12 +137,6 @@ void GainFixture::Start() {
     seam.Before(STORED, [this, controller = &*gain] { OnStore(*controller); });
     ASSERT_TRUE(Rest());
     Mark();
-}
-
-bool GainFixture::Rest() const {
-    return std::ranges::all_of(ALL_WORKERS, [this](eKVGainHandlerType worker) {
-        return ComesToRest(seam, GainHandlerName[worker], SleepLine(worker));
-    });
 }
 
 void GainFixture::Mark() {

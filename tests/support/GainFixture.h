@@ -22,6 +22,12 @@ namespace fake {
 /** Names of all threads of this process, sorted. */
 std::vector<std::string> ThreadNames();
 
+/**
+ * Waits until every worker of the one gain controller sleeps: its last line says so, and the kernel has it
+ * waiting. Only from then on is a request never lost. The journal must not have been emptied since its start.
+ */
+[[nodiscard]] bool WorkersRest();
+
 /** A gain that a worker stored, as it stands right after the store. */
 struct Store {
     NKavrel::eKVGainHandlerType worker = NKavrel::GAIN_HANDLER_NONE;
@@ -36,11 +42,7 @@ protected:
 
     /** Makes the controller, waits until its workers rest, and begins the journals below anew. */
     void Start();
-    /**
-     * Waits until every worker sleeps: its last line says so, and the kernel has it waiting. Only from then
-     * on is a request never lost.
-     */
-    [[nodiscard]] bool Rest() const;
+    [[nodiscard]] bool Rest() const { return WorkersRest(); }
     /** Lets the journals below begin here. */
     void Mark();
 

@@ -111,6 +111,22 @@ TEST_F(FakeSeamTest, TheJournalMergesCallsAndLogLinesAndLeavesDebugOut) {
     EXPECT_THAT(seam.Entries(), IsEmpty());
 }
 
+TEST_F(FakeSeamTest, TheViewsCanBeOfOneThread) {
+    audio_set_master_mute(true);
+    fake::OnPlatformThread([] {
+        pthread_setname_np(pthread_self(), "Worker");
+        audio_set_master_mute(false);
+        SayAs("F");
+    });
+    SayAs("G");
+    EXPECT_THAT(seam.JournalHere(), ElementsAre("audio_set_master_mute(true)", "E got -1: a(b) > [c:d] e"));
+    EXPECT_THAT(seam.CallsHere(), ElementsAre("audio_set_master_mute(true)"));
+    EXPECT_EQ(seam.LogHere().size(), 1U);
+    EXPECT_THAT(seam.JournalOf("Worker"),
+                ElementsAre("audio_set_master_mute(false)", "E got -1: a(b) > [c:d] e"));
+    EXPECT_EQ(seam.LogOf("Worker").size(), 1U);
+}
+
 TEST_F(FakeSeamTest, TraceNamesLeaveOutTypesAndNamespace) {
     const auto trace = [](const char* signature) {
         __dlog_print(DLOG_DEBUG, "Kavrel", "%s: %s(%d) > [%s:%d] \t[OUT]%s\n", "H.h", "T", 1, "T", 1,

@@ -1,0 +1,408 @@
+/** The volume control object itself: its life, its listeners, its change filters. */
+#include "VolumeControlImpl.h"
+
+#include <cstdlib>
+#include <functional>
+#include <stdexcept>
+
+#include "VolumeControlFixture.h"
+
+using fake::BusyOnAnotherThread;
+using NKavrel::VolumeControlImpl;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace {
+
+/** Made once per process: only by the first test that makes an object. */
+constexpr const char* INTERNAL_SPEAKER_CALL =
+    "system_info_get_custom_bool(\"com.norvik/featureconf/internal_speaker_supported\")";
+
+class VolumeControlImplTest : public fake::VolumeControlTest {};
+
+std::vector<std::string> Without(std::vector<std::string> texts, const std::string& beginning) {
+    std::erase_if(texts, [&](const std::string& text) { return text.starts_with(beginning); });
+    return texts;
+}
+
+TEST_F(VolumeControlImplTest, TheStartRegistersThenMakesTheSpeakerThenTheGainController) {
+    Make();
+    EXPECT_THAT(
+        Without(Without(seam.CallsHere(), "AudioControl_"), INTERNAL_SPEAKER_CALL),
+        ElementsAre(
+            "sound_manager_set_speaker_changed_cb()", "vconf_notify_key_changed(\"memory/sysman/spdif\")",
+            "vconf_get_int(\"memory/sysman/spdif\")",
+            "vconf_notify_key_changed(\"memory/menu/network/screenmirroring/smsrc_status\")",
+            "vconf_get_int(\"memory/menu/network/screenmirroring/smsrc_status\")",
+            "system_info_get_custom_bool(\"com.norvik/featureconf/multiview.support\")",
+            "vconf_notify_key_changed(\"memory/multiscreen/info\")",
+            "sound_manager_set_multiview_speaker_selection_changed_cb()",
+            "rc_register_audio_focus_changed_callback()", "vconf_get_str(\"memory/multiscreen/info\")",
+            "vconf_get_str(\"memory/multiscreen/info\")", "sound_manager_get_speaker_selection()",
+            "audio_register_master_volume_changed_cb()", "audio_register_master_mute_changed_cb()",
+            "get_main_out_gain2()", "get_sub_out_gain2()",
+            "system_info_get_custom_bool(\"com.norvik/featureconf/projector_feature_support\")",
+            "vconf_notify_key_changed(\"memory/org.olvane.btapp/sub_audio_zoneid\")",
+            "vconf_get_int(\"memory/org.olvane.btapp/sub_audio_zoneid\")"));
+    EXPECT_THAT(
+        Without(seam.LogHere(), "I Path:"),
+        ElementsAre("I Successed to get key memory/sysman/spdif",
+                    "I Successed to get key memory/menu/network/screenmirroring/smsrc_status",
+                    "I tv2Mobile:0", "I Multi-screen View supported :1", "I route:0", "I Create TV Speaker",
+                    "I Create AudioGainHandler. Reset AudioGain(MAX). ret:0",
+                    "I Successed to get key memory/org.olvane.btapp/sub_audio_zoneid", "I SubBT :-1"));
+}
+
+TEST_F(VolumeControlImplTest, TheDefaultRouteIsAskedForAfterTheRegistrationsAndBeforeTheRouteInForce) {
+    EXPECT_EXIT(
+        {
+            Make();
+            const auto calls = seam.CallsHere();
+            const auto asked = std::ranges::find(calls, INTERNAL_SPEAKER_CALL);
+            const bool inOrder = asked != calls.end() &&
+                                 *(asked - 1) == "vconf_get_str(\"memory/multiscreen/info\")" &&
+                                 *(asked + 1) == "vconf_get_str(\"memory/multiscreen/info\")";
+            std::_Exit(inOrder ? EXIT_SUCCESS : EXIT_FAILURE);
+        },
+        testing::ExitedWithCode(EXIT_SUCCESS), "");
+}
+
+TEST_F(VolumeControlImplTest, AUselessCableIsNotedAtTheStart) {
+    seam.SetInt(fake::SPDIF_KEY, 0);
+    Make();
+    EXPECT_EQ(seam.FunctionOf("E Spdif Cable is not connected"), "_InitSoundCallback");
+    control.reset();
+    seam.Clear();
+    seam.RemoveKey(fake::SPDIF_KEY);
+    Make();
+    EXPECT_EQ(seam.Count("E Spdif Cable is not connected"), 1) << "an unreadable key counts as not connected";
+}
+
+TEST_F(VolumeControlImplTest, TheSpeakerIsThatOfTheRouteInForceAndThePreviousRouteIsTheDefault) {
+    seam.SetRoute(2);
+    Make();
+    EXPECT_EQ(control->GetSpeakerSelection(), 2);
+    EXPECT_EQ(control->GetPrevSpeakerSelection(), 0);
+    EXPECT_EQ(seam.Count("I Create HDMI Speaker"), 1);
+    EXPECT_FALSE(control->GetMuteOnSpkChanged());
+}
+
+TEST_F(VolumeControlImplTest, TheEndUndoesEverythingInItsOrder) {
+    Start();
+    control.reset();
+    EXPECT_THAT(
+        seam.JournalHere(),
+        ElementsAre("vconf_ignore_key_changed(\"memory/multiscreen/info\")",
+                    "sound_manager_unset_multiview_speaker_selection_changed_cb()",
+                    "rc_unregister_audio_focus_changed_callback(1)",
+                    "sound_manager_unset_speaker_changed_cb()",
+                    "vconf_ignore_key_changed(\"memory/sysman/spdif\")",
+                    "vconf_ignore_key_changed(\"memory/menu/network/screenmirroring/smsrc_status\")",
+                    "audio_unregister_master_mute_changed_cb()",
+                    "audio_unregister_master_volume_changed_cb()", "E Already unset event handler",
+                    "system_info_get_custom_bool(\"com.norvik/featureconf/projector_feature_support\")",
+                    "vconf_ignore_key_changed(\"memory/org.olvane.btapp/sub_audio_zoneid\")"));
+    EXPECT_EQ(seam.VolumeSlot().callback, nullptr);
+    EXPECT_EQ(seam.RouteSlot().callback, nullptr);
+    EXPECT_EQ(seam.ZoneRouteSlot().callback, nullptr);
+    EXPECT_THAT(seam.FocusSlots(), IsEmpty());
+}
+
+TEST_F(VolumeControlImplTest, AReportDuringTheStartIsRefusedUntilTheFirstSpeakerStands) {
+    seam.BeforeNext("vconf_notify_key_changed(\"memory/sysman/spdif\")",
+                    [this] { fake::OnPlatformThread([this] { seam.FireRoute(2); }); });
+    seam.BeforeNext("audio_register_master_volume_changed_cb",
+                    [this] { fake::OnPlatformThread([this] { seam.FireRoute(2); }); });
+    seam.BeforeNext("I route:2", [this] { seam.SetRoute(0); });
+    Make();
+    EXPECT_EQ(seam.Count("E owns_lock"), 1);
+    EXPECT_EQ(seam.FunctionOf("E owns_lock"), "SpeakerChangedCallback");
+    EXPECT_EQ(control->GetSpeakerSelection(), 2);
+}
+
+TEST_F(VolumeControlImplTest, AReportWhileTheGainControllerIsMadeIsServed) {
+    seam.BeforeNext("system_info_get_custom_bool(\"com.norvik/featureconf/projector_feature_support\")",
+                    [this] { fake::OnPlatformThread([this] { seam.FireRoute(2); }); });
+    Make();
+    EXPECT_EQ(seam.Count("I Type(0->2)"), 1);
+    EXPECT_EQ(control->GetSpeakerSelection(), 2);
+}
+
+TEST_F(VolumeControlImplTest, WithoutAGainControllerYetTheGainOperationsFailSilently) {
+    std::vector<int> results;
+    std::vector<std::string> said;
+    seam.BeforeNext("system_info_get_custom_bool(\"com.norvik/featureconf/projector_feature_support\")", [&] {
+        auto* unfinished = static_cast<VolumeControlImpl*>(seam.RouteSlot().data);
+        const auto before = seam.LogHere().size();
+        results = {unfinished->ApplyAudioGain(fake::UNMUTE, 50, 3, false),
+                   unfinished->ApplyAudioGain(fake::PLAYER, 50, 3, true),
+                   unfinished->ApplyVolumeFadeIn(fake::UNMUTE, 3), unfinished->ApplyPulseAudioGain(50, 0)};
+        said = seam.LogHere();
+        said.erase(said.begin(), said.begin() + static_cast<std::ptrdiff_t>(before));
+    });
+    Make();
+    EXPECT_THAT(results, ElementsAre(-1, -1, -1, -1));
+    EXPECT_THAT(said, IsEmpty());
+}
+
+TEST_F(VolumeControlImplTest, AReportDuringTheEndIsRefused) {
+    Start();
+    seam.BeforeNext("vconf_ignore_key_changed(\"memory/multiscreen/info\")",
+                    [this] { fake::OnPlatformThread([this] { seam.FireRoute(2); }); });
+    seam.BeforeNext("audio_unregister_master_mute_changed_cb",
+                    [this] { fake::OnPlatformThread([this] { seam.FireRoute(4); }); });
+    control.reset();
+    EXPECT_EQ(seam.Count("E owns_lock"), 1) << "the second report finds no registration any more";
+    EXPECT_EQ(seam.Count("I Create HDMI Speaker"), 0);
+}
+
+TEST_F(VolumeControlImplTest, AnExceptionDuringTheStartReleasesWhatWasMade) {
+    seam.BeforeNext("audio_register_master_mute_changed_cb", [] { throw std::runtime_error("on purpose"); });
+    EXPECT_THROW(VolumeControlImpl(), std::runtime_error);
+    EXPECT_EQ(seam.Count("E Already unset event handler"), 0) << "it still had its handlers";
+    EXPECT_THAT(seam.TraceNames(), testing::Contains("[OUT]TVSpeaker::~TVSpeaker"));
+}
+
+TEST_F(VolumeControlImplTest, ASecondListenerOfAnEventNeverReplacesTheFirst) {
+    Start();
+    Listen("VOLUME_CHANGED");
+    control->SetEventHandler("VOLUME_CHANGED", [this](int, int) { heard.emplace_back("second"); });
+    EXPECT_THAT(seam.LogHere(), ElementsAre("E Already set VOLUME_CHANGED event handler"));
+    EXPECT_EQ(seam.FunctionOf("E Already set VOLUME_CHANGED event handler"), "SetEventHandler");
+    seam.FireVolume(30);
+    EXPECT_THAT(heard, ElementsAre("VOLUME_CHANGED 0xffff 30"));
+}
+
+TEST_F(VolumeControlImplTest, AVolumeReportIsStoredAndAnnounced) {
+    Start();
+    ListenToAll();
+    seam.FireVolume(30);
+    EXPECT_THAT(seam.LogHere(), ElementsAre("I volume is changed : 30", "I event: [VOLUME_CHANGED]"));
+    EXPECT_EQ(seam.FunctionOf("I volume is changed : 30"), "_OnVolumeChanged");
+    EXPECT_EQ(seam.FunctionOf("I event: [VOLUME_CHANGED]"), "_NotifyVolumeEvent");
+    EXPECT_THAT(heard, ElementsAre("VOLUME_CHANGED 0xffff 30"));
+}
+
+TEST_F(VolumeControlImplTest, AnEqualVolumeReportIsAnErrorAndRaisesNothing) {
+    Start();
+    ListenToAll();
+    seam.FireVolume(0);
+    EXPECT_THAT(seam.LogHere(), ElementsAre("E volume(0) is same")) << "the stored volume starts at 0";
+    seam.FireVolume(30);
+    seam.Clear();
+    seam.FireVolume(30);
+    EXPECT_THAT(seam.LogHere(), ElementsAre("E volume(30) is same"));
+    EXPECT_THAT(heard, ElementsAre("VOLUME_CHANGED 0xffff 30"));
+}
+
+TEST_F(VolumeControlImplTest, AMuteReportOfTwoIsStoredAndAnnouncedAsOne) {
+    Start();
+    ListenToAll();
+    seam.FireMute(2);
+    seam.FireMute(1);
+    seam.FireMute(7);
+    seam.FireMute(0);
+    seam.FireMute(0);
+    EXPECT_THAT(seam.LogHere(),
+                ElementsAre("I mute changed : [1]", "I event: [MUTE_CHANGED]", "I mute is same : 1",
+                            "I mute is same : 1", "I mute changed : [0]", "I event: [MUTE_CHANGED]",
+                            "I mute is same : 0"));
+    EXPECT_EQ(seam.FunctionOf("I mute is same : 1"), "_OnMuteChanged");
+    EXPECT_THAT(heard, ElementsAre("MUTE_CHANGED 0xffff 1", "MUTE_CHANGED 0xffff 0"));
+}
+
+TEST_F(VolumeControlImplTest, WithoutAListenerAChangeIsStoredAndNobodyIsCalled) {
+    Start();
+    Listen("VOLUME_CHANGED");
+    seam.FireMute(1);
+    seam.FireMute(1);
+    EXPECT_THAT(seam.LogHere(),
+                ElementsAre("I mute changed : [1]", "I event: [MUTE_CHANGED]", "I mute is same : 1"));
+    EXPECT_THAT(heard, IsEmpty());
+}
+
+TEST_F(VolumeControlImplTest, AFailedSupportQuerySilencesTheListenerAlthoughTheValueIsStored) {
+    seam.SetRoute(2);
+    Start();
+    ListenToAll();
+    constexpr const char* level = "memory/menu/network/screenmirroring/get_volume_level_hdmi";
+    seam.FireKey(level, 12);
+    EXPECT_THAT(heard, IsEmpty());
+    EXPECT_EQ(seam.Count("E Failed to get volume support status"), 1);
+    seam.FireKey(level, 12);
+    EXPECT_EQ(seam.Count("E volume(12) is same"), 1);
+    seam.SetInt(fake::HDMI_SUPPORT_KEY, 0xF);
+    seam.FireKey(level, 13);
+    EXPECT_THAT(heard, ElementsAre("VOLUME_CHANGED 0x000f 13"));
+}
+
+TEST_F(VolumeControlImplTest, AnEmptyListenerRaisesTheEmptyCallableException) {
+    Start();
+    control->SetEventHandler("VOLUME_CHANGED", nullptr);
+    EXPECT_THROW(seam.FireVolume(30), std::bad_function_call);
+    int support = 0;
+    EXPECT_EQ(control->GetVolumeSupport(support), 0) << "the lock is free again";
+}
+
+TEST_F(VolumeControlImplTest, UnsetEventHandlerRemovesAllListeners) {
+    Start();
+    ListenToAll();
+    control->UnsetEventHandler();
+    seam.FireVolume(30);
+    seam.FireMute(1);
+    seam.FireRoute(2);
+    EXPECT_THAT(heard, IsEmpty());
+    Listen("VOLUME_CHANGED");
+    EXPECT_EQ(seam.Count("E Already set VOLUME_CHANGED event handler"), 0);
+}
+
+TEST_F(VolumeControlImplTest, ListenersRunUnderTheLockAndMayAskTheObjectOnTheSameThread) {
+    Start();
+    int fromHere = -9;
+    int fromThere = -9;
+    control->SetEventHandler("VOLUME_CHANGED", [&](int, int) {
+        int support = 0;
+        fromHere = control->GetVolumeSupport(support);
+        fake::OnPlatformThread([&] { fromThere = control->GetVolumeSupport(support); });
+    });
+    seam.FireVolume(30);
+    EXPECT_EQ(fromHere, 0);
+    EXPECT_EQ(fromThere, -1);
+    EXPECT_EQ(seam.Count("E owns_lock"), 1);
+}
+
+TEST_F(VolumeControlImplTest, ABusyObjectRefusesAtOnceAndChangesNothing) {
+    Start();
+    Listen("VOLUME_CHANGED");
+    seam.Clear();
+    {
+        const BusyOnAnotherThread busy(*control);
+        seam.Clear();
+        int support = 77;
+        EXPECT_EQ(control->GetVolumeSupport(support), -1);
+        EXPECT_EQ(support, 77);
+        Listen("MUTE_CHANGED");
+        control->UnsetEventHandler();
+        seam.FireVolume(30);
+        seam.FireMute(1);
+        EXPECT_THAT(seam.LogHere(), ElementsAre("E owns_lock", "E mutex lock failed", "E mutex lock failed",
+                                                "E mutex lock failed", "E mutex lock failed"));
+        std::vector<std::string> functions;
+        for (const fake::Entry& entry : seam.Entries()) {
+            if (entry.IsLog(DLOG_ERROR)) {
+                functions.push_back(entry.site.function);
+            }
+        }
+        EXPECT_THAT(functions, ElementsAre("GetVolumeSupport", "SetEventHandler", "UnsetEventHandler",
+                                           "_OnVolumeChanged", "_OnMuteChanged"));
+    }
+    EXPECT_THAT(heard, IsEmpty());
+    seam.FireVolume(30);
+    seam.FireMute(1);
+    EXPECT_THAT(heard, ElementsAre("VOLUME_CHANGED 0xffff 30"))
+        << "neither report was stored, the first listener stayed, the second never came";
+}
+
+TEST_F(VolumeControlImplTest, WaitForLockWaits) {
+    Start();
+    auto busy = std::make_unique<BusyOnAnotherThread>(*control);
+    std::promise<void> got;
+    auto hasGot = got.get_future();
+    std::thread waiting([&] {
+        const auto lock = control->WaitForLock();
+        got.set_value();
+    });
+    EXPECT_EQ(hasGot.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    busy.reset();
+    hasGot.get();
+    waiting.join();
+    EXPECT_THAT(seam.Log(), IsEmpty());
+}
+
+TEST_F(VolumeControlImplTest, ANewSpeakersFirstReportIsMeasuredAgainstTheOldSpeakersValues) {
+    Start();
+    ListenToAll();
+    seam.FireVolume(30);
+    seam.FireMute(1);
+    seam.SetInt(fake::HDMI_SUPPORT_KEY, 0xF);
+    seam.FireRoute(2);
+    heard.clear();
+    seam.FireKey("memory/menu/network/screenmirroring/get_volume_level_hdmi", 30);
+    seam.FireKey("memory/menu/network/screenmirroring/get_volume_mute_hdmi", 1);
+    EXPECT_THAT(heard, IsEmpty());
+    EXPECT_EQ(seam.Count("E volume(30) is same"), 1);
+    EXPECT_EQ(seam.Count("I mute is same : 1"), 1);
+}
+
+TEST_F(VolumeControlImplTest, ASpeakerThatCouldNotBeMadeIsMadeAgainFromTheRouteInForce) {
+    Start();
+    seam.BeforeNext("I Create HDMI Speaker", [] { throw std::bad_alloc(); });
+    EXPECT_THROW(seam.FireRoute(2), std::bad_alloc);
+    seam.SetRoute(4);
+    seam.Clear();
+    int support = 0;
+    seam.SetInt("memory/menu/network/screenmirroring/volume_support_mlr", 0x3);
+    EXPECT_EQ(control->GetVolumeSupport(support), 0);
+    EXPECT_EQ(support, 0x3);
+    EXPECT_EQ(control->GetSpeakerSelection(), 4);
+    EXPECT_THAT(seam.LogHere(),
+                ElementsAre("I route:4", "I Create WIFI Speaker",
+                            "I Successed to get key memory/menu/network/screenmirroring/volume_support_mlr",
+                            "I current spk support [0x0003]"));
+    EXPECT_EQ(seam.Watches("memory/menu/network/screenmirroring/get_volume_level_mlr").size(), 1U)
+        << "and it listens again";
+}
+
+TEST_F(VolumeControlImplTest, TheSupportWordIsTheCurrentSpeakers) {
+    Start();
+    int support = 0;
+    EXPECT_EQ(control->GetVolumeSupport(support), 0);
+    EXPECT_EQ(support, 0xFFFF);
+    seam.FireRoute(7);
+    EXPECT_EQ(control->GetVolumeSupport(support), 0);
+    EXPECT_EQ(support, 0);
+    seam.FireRoute(2);
+    EXPECT_EQ(control->GetVolumeSupport(support), -1) << "the key is missing";
+    EXPECT_EQ(support, 0);
+}
+
+TEST_F(VolumeControlImplTest, MuteOnSpeakerChangeIsOnlyStored) {
+    Start();
+    control->SetMuteOnSpkChanged(true);
+    EXPECT_TRUE(control->GetMuteOnSpkChanged());
+    seam.FireRoute(2);
+    EXPECT_TRUE(control->GetMuteOnSpkChanged());
+    control->SetMuteOnSpkChanged(false);
+    EXPECT_FALSE(control->GetMuteOnSpkChanged());
+    EXPECT_FALSE(seam.Mute());
+}
+
+TEST_F(VolumeControlImplTest, OperationsAreTracedNotifyIsNot) {
+    Start();
+    ListenToAll();
+    seam.Clear();
+    seam.FireVolume(30);
+    EXPECT_THAT(
+        seam.TraceNames(),
+        ElementsAre("[IN]TVSpeaker::VolumeChangedCallback", "[IN]VolumeControlImpl::_OnVolumeChanged",
+                    "[IN]VolumeControlImpl::GetVolumeSupport", "[IN]VolumeControlImpl::_GetCurrentSpeaker",
+                    "[OUT]VolumeControlImpl::_GetCurrentSpeaker", "[IN]TVSpeaker::GetVolumeSupportType",
+                    "[OUT]TVSpeaker::GetVolumeSupportType", "[OUT]VolumeControlImpl::GetVolumeSupport",
+                    "[OUT]VolumeControlImpl::_OnVolumeChanged", "[OUT]TVSpeaker::VolumeChangedCallback"));
+    seam.Clear();
+    control->GetMuteOnSpkChanged();
+    control->SetMuteOnSpkChanged(false);
+    control->GetSpeakerSelection();
+    control->GetPrevSpeakerSelection();
+    EXPECT_THAT(seam.TraceNames(), ElementsAre("[IN]VolumeControlImpl::GetMuteOnSpkChanged",
+                                               "[OUT]VolumeControlImpl::GetMuteOnSpkChanged",
+                                               "[IN]VolumeControlImpl::SetMuteOnSpkChanged",
+                                               "[OUT]VolumeControlImpl::SetMuteOnSpkChanged",
+                                               "[IN]VolumeControlImpl::GetSpeakerSelection",
+                                               "[OUT]VolumeControlImpl::GetSpeakerSelection",
+                                               "[IN]VolumeControlImpl::GetPrevSpeakerSelection",
+                                               "[OUT]VolumeControlImpl::GetPrevSpeakerSelection"));
+}
+
+}  // namespace

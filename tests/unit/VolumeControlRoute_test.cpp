@@ -1,0 +1,483 @@
+/** The volume control object follows the output route: reports, the optical cable, mirroring to a mobile. */
+#include "VolumeControlFixture.h"
+
+using fake::BusyOnAnotherThread;
+using NKavrel::VolumeControlImpl;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+constexpr const char* GET_ROUTE = "sound_manager_get_speaker_selection()";
+constexpr const char* GET_MODE = "vconf_get_str(\"memory/multiscreen/info\")";
+constexpr const char* GET_SUB_BT = "vconf_get_int(\"memory/org.olvane.btapp/sub_audio_zoneid\")";
+constexpr const char* GOT_SUB_BT = "I Successed to get key memory/org.olvane.btapp/sub_audio_zoneid";
+constexpr const char* KEY_VALUE = "vconf_keynode_get_int()";
+
+std::string SetRouteCall(int route) {
+    return "sound_manager_set_speaker_selection(" + std::to_string(route) + ')';
+}
+
+std::string SetZoneRouteCall(int route, int zone) {
+    return "sound_manager_set_multiview_speaker_selection_with_zone_id(" + std::to_string(route) + ", " +
+           std::to_string(zone) + ')';
+}
+
+std::string GetZoneRouteCall(int zone) {
+    return "sound_manager_get_multiview_speaker_selection_with_zone_id(" + std::to_string(zone) + ')';
+}
+
+class VolumeControlRouteTest : public fake::VolumeControlTest {
+protected:
+    /** Makes `previous` the previous route and `current` the one in force. */
+    void Go(int previous, int current) {
+        seam.FireRoute(previous);
+        seam.FireRoute(current);
+        ASSERT_EQ(control->GetPrevSpeakerSelection(), previous);
+        ASSERT_EQ(control->GetSpeakerSelection(), current);
+        seam.Clear();
+    }
+
+    void GoInZone(int zone, int previous, int current) {
+        seam.FireZoneRoute(previous, zone);
+        seam.FireZoneRoute(current, zone);
+        ASSERT_EQ(control->GetPrevSpeakerSelection(), previous);
+        ASSERT_EQ(control->GetSpeakerSelection(), current);
+        seam.Clear();
+    }
+};
+
+// The route in force
+
+TEST_F(VolumeControlRouteTest, AnUnreadableRouteCountsAsTheDefault) {
+    seam.SetRoute(2);
+    seam.Fail("sound_manager_get_speaker_selection", -5);
+    Make();
+    EXPECT_EQ(control->GetSpeakerSelection(), 0);
+    EXPECT_EQ(seam.FunctionOf("E get current speaker type failed"), "_GetOutputRoute");
+    EXPECT_EQ(seam.Count("I Create TV Speaker"), 1);
+}
+
+TEST_F(VolumeControlRouteTest, InMultiViewTheRouteIsThatOfTheZoneInFocus) {
+    seam.SetStr(fake::MULTIVIEW_KEY, R"({"mode": "on"})");
+    seam.SetZones({{1, 4}, {2, 2}});
+    seam.SetFocus(2);
+    Make();
+    EXPECT_EQ(control->GetSpeakerSelection(), 2);
+    EXPECT_EQ(seam.FunctionOf("I zoneID:2 route:2"), "_GetOutputRoute");
+    EXPECT_EQ(seam.Count(GET_ROUTE), 0);
+}
+
+TEST_F(VolumeControlRouteTest, WhenMultiViewHasEndedTheSingleViewRouteIsAskedFor) {
+    seam.SetStr(fake::MULTIVIEW_KEY, R"({"mode": "on"})");
+    seam.SetFocus(3);
+    seam.SetRoute(4);
+    Make();
+    EXPECT_EQ(control->GetSpeakerSelection(), 4);
+    EXPECT_EQ(seam.FunctionOf("W Multiview is terminated, call sound_manager_get_speaker_selection"),
+              "_GetOutputRoute");
+    EXPECT_EQ(seam.Count("I zoneID:3 route:4"), 1);
+    EXPECT_EQ(seam.Count(GetZoneRouteCall(3)), 1);
+    EXPECT_EQ(seam.Count(GET_ROUTE), 1);
+}
+
+TEST_F(VolumeControlRouteTest, WhenTheSecondQueryFailsTooTheDefaultIsTaken) {
+    seam.SetStr(fake::MULTIVIEW_KEY, R"({"mode": "on"})");
+    seam.SetFocus(3);
+    seam.SetRoute(4);
+    seam.Fail("sound_manager_get_speaker_selection", -1);
+    Make();
+    EXPECT_EQ(control->GetSpeakerSelection(), 0);
+    EXPECT_EQ(seam.Count("W Multiview is terminated, call sound_manager_get_speaker_selection"), 1);
+    EXPECT_EQ(seam.Count("E get current speaker type failed"), 1);
+    EXPECT_EQ(seam.Count("I zoneID:3 route:4"), 0);
+}
+
+TEST_F(VolumeControlRouteTest, AnyOtherFailureOfTheZoneQueryAsksNothingElse) {
+    seam.SetStr(fake::MULTIVIEW_KEY, R"({"mode": "on"})");
+    seam.SetZones({{1, 4}});
+    seam.SetFocus(1);
+    seam.SetRoute(2);
+    seam.Fail("sound_manager_get_multiview_speaker_selection_with_zone_id", -26607611);
+    Make();
+    EXPECT_EQ(control->GetSpeakerSelection(), 0);
+    EXPECT_EQ(seam.Count("E get current speaker type failed"), 1);
+    EXPECT_EQ(seam.Count(GET_ROUTE), 0);
+}
+
+// Asking for another route
+
+TEST_F(VolumeControlRouteTest, InSingleViewTheRouteIsSetOnceWhateverThePlatformSays) {
+    Start();
+    seam.Fail("sound_manager_set_speaker_selection", -1);
+    control->SetOutputRoute(2);
+    EXPECT_THAT(seam.JournalHere(), ElementsAre(SetRouteCall(2), "I Set Speaker Output(2)"));
+    EXPECT_EQ(seam.FunctionOf("I Set Speaker Output(2)"), "SetOutputRoute");
+    EXPECT_EQ(control->GetSpeakerSelection(), 0) << "the speaker changes only with the platform's report";
+}
+
+TEST_F(VolumeControlRouteTest, TheSpeakerFollowsThePlatformsReportOnTheSameThread) {
+    Start();
+    control->SetOutputRoute(4);
+    EXPECT_EQ(control->GetSpeakerSelection(), 4);
+    EXPECT_EQ(seam.LogHere().back(), "I Set Speaker Output(4)");
+}
+
+TEST_F(VolumeControlRouteTest, InMultiViewEveryZoneIsSetInOrder) {
+    StartInMultiView();
+    seam.ReportOwnChanges(false);
+    control->SetOutputRoute(4);
+    EXPECT_THAT(seam.JournalHere(),
+                ElementsAre("rc_get_zone_list()", GET_SUB_BT, GOT_SUB_BT, "I SubBT :-1", "rc_get_next_zone()",
+                            "rc_get_zone_id()", SetZoneRouteCall(4, 1),
+                            "I [Zone: 1] Speaker Output(4). ret:0", "rc_get_next_zone()", "rc_get_zone_id()",
+                            SetZoneRouteCall(4, 2), "I [Zone: 2] Speaker Output(4). ret:0",
+                            "rc_get_next_zone()", "rc_free_zone_list()", "I Set Speaker Output(4)"));
+    EXPECT_EQ(seam.FunctionOf("I [Zone: 1] Speaker Output(4). ret:0"), "SetOutputRoute");
+}
+
+TEST_F(VolumeControlRouteTest, InMultiViewTheSubBluetoothZoneIsNeverTouched) {
+    StartInMultiView();
+    seam.ReportOwnChanges(false);
+    seam.SetZones({{2, 0}, {10, 3}, {11, 0}});
+    seam.SetInt(fake::SUB_BT_KEY, 10);
+    control->SetOutputRoute(4);
+    EXPECT_THAT(seam.Zones(), ElementsAre(testing::Pair(2, 4), testing::Pair(10, 3), testing::Pair(11, 4)));
+    EXPECT_EQ(seam.Count("I [Zone:10] SubBT is connected. Skip current zone"), 1);
+    EXPECT_EQ(seam.Count("I [Zone:11] Speaker Output(4). ret:0"), 1);
+    EXPECT_EQ(seam.Count(SetZoneRouteCall(4, 10)), 0);
+    EXPECT_EQ(seam.Count("rc_free_zone_list()"), 1);
+}
+
+TEST_F(VolumeControlRouteTest, InMultiViewAFailureDoesNotStopTheLoop) {
+    StartInMultiView();
+    seam.ReportOwnChanges(false);
+    seam.SetZones({{1, 0}, {2, 0}, {3, 0}});
+    seam.Fail("rc_get_zone_id", -3, 1);
+    seam.Fail(SetZoneRouteCall(4, 2), -9);
+    control->SetOutputRoute(4);
+    EXPECT_THAT(seam.Zones(), ElementsAre(testing::Pair(1, 0), testing::Pair(2, 0), testing::Pair(3, 4)));
+    EXPECT_EQ(seam.Count("I [Zone: 2] Speaker Output(4). ret:-9"), 1);
+    EXPECT_EQ(seam.Count("I Set Speaker Output(4)"), 1);
+}
+
+TEST_F(VolumeControlRouteTest, NoZoneListCountsAsNoZones) {
+    StartInMultiView();
+    seam.Fail("rc_get_zone_list", -1);
+    control->SetOutputRoute(4);
+    EXPECT_THAT(seam.JournalHere(), ElementsAre("rc_get_zone_list()", GET_SUB_BT, GOT_SUB_BT, "I SubBT :-1",
+                                                "I Set Speaker Output(4)"));
+}
+
+// Route reports
+
+TEST_F(VolumeControlRouteTest, AReportOfTheRouteInForceChangesNothing) {
+    Start();
+    ListenToAll();
+    seam.FireRoute(0);
+    EXPECT_THAT(seam.JournalHere(), ElementsAre("I Type(0->0)"));
+    EXPECT_EQ(seam.FunctionOf("I Type(0->0)"), "SpeakerChangedCallback");
+    EXPECT_THAT(heard, IsEmpty());
+}
+
+TEST_F(VolumeControlRouteTest, ARouteReportReplacesTheSpeakerAndIsAnnounced) {
+    Start();
+    ListenToAll();
+    seam.SetInt(fake::HDMI_SUPPORT_KEY, 0x5);
+    seam.FireRoute(2);
+    constexpr const char* prefix = "memory/menu/network/screenmirroring/";
+    const auto watch = [&](const std::string& key) {
+        return "vconf_notify_key_changed(\"" + (prefix + key) + "\")";
+    };
+    EXPECT_THAT(
+        seam.JournalHere(),
+        ElementsAre("I Type(0->2)", "audio_unregister_master_mute_changed_cb()",
+                    "audio_unregister_master_volume_changed_cb()", "E Already unset event handler",
+                    "I Create HDMI Speaker", watch("get_volume_level_hdmi"), watch("get_volume_mute_hdmi"),
+                    watch("volume_support_hdmi"), "I event: [SPEAKER_CHANGED]",
+                    "vconf_get_int(\"memory/menu/network/screenmirroring/volume_support_hdmi\")",
+                    "I Successed to get key memory/menu/network/screenmirroring/volume_support_hdmi",
+                    "I current spk support [0x0005]"));
+    EXPECT_THAT(heard, ElementsAre("SPEAKER_CHANGED 0x0005 2"));
+    EXPECT_EQ(control->GetSpeakerSelection(), 2);
+    EXPECT_EQ(control->GetPrevSpeakerSelection(), 0);
+    seam.FireRoute(7);
+    EXPECT_THAT(heard, ElementsAre("SPEAKER_CHANGED 0x0005 2", "SPEAKER_CHANGED 0x0000 7"));
+    EXPECT_EQ(control->GetPrevSpeakerSelection(), 2);
+    EXPECT_THAT(seam.Watches(fake::HDMI_SUPPORT_KEY), IsEmpty());
+}
+
+TEST_F(VolumeControlRouteTest, ASingleViewRouteChangeForgetsTheZone) {
+    StartInMultiView();
+    seam.FireRoute(4);
+    seam.FireFocus(2);
+    EXPECT_EQ(seam.Count("I Focus (0->2)"), 1);
+}
+
+TEST_F(VolumeControlRouteTest, ARouteReportWithoutUserDataIsLoggedAndDropped) {
+    Start();
+    seam.RouteSlot().callback(2, nullptr);
+    EXPECT_THAT(seam.JournalHere(), ElementsAre("E data is NULL"));
+    EXPECT_EQ(seam.FunctionOf("E data is NULL"), "SpeakerChangedCallback");
+    EXPECT_EQ(control->GetSpeakerSelection(), 0);
+}
+
+TEST_F(VolumeControlRouteTest, ARouteReportThatMeetsTheLockIsLostUntilTheNextOne) {
+    Start();
+    ListenToAll();
+    {
+        const BusyOnAnotherThread busy(*control);
+        seam.Clear();
+        seam.FireRoute(2);
+        EXPECT_THAT(seam.JournalHere(), ElementsAre("E owns_lock"));
+        EXPECT_EQ(seam.FunctionOf("E owns_lock"), "SpeakerChangedCallback");
+    }
+    int volume = 0;
+    control->GetTVVolume(volume);
+    EXPECT_EQ(control->GetSpeakerSelection(), 0) << "the old speaker stays in place";
+    EXPECT_THAT(heard, IsEmpty());
+    seam.FireRoute(7);
+    EXPECT_THAT(heard, ElementsAre("SPEAKER_CHANGED 0x0000 7"));
+}
+
+// Registration
+
+TEST_F(VolumeControlRouteTest, WithoutTheRouteRegistrationNeitherKeyIsWatchedNorRead) {
+    seam.SetInt(fake::TV2MOBILE_KEY, 1);
+    seam.Fail("sound_manager_set_speaker_changed_cb", -7);
+    Make();
+    EXPECT_EQ(seam.FunctionOf("E speaker changed cb set failed. ret:-7"), "_InitSoundCallback");
+    EXPECT_THAT(seam.Watches(fake::SPDIF_KEY), IsEmpty());
+    EXPECT_THAT(seam.Watches(fake::TV2MOBILE_KEY), IsEmpty());
+    EXPECT_EQ(seam.Count("vconf_get_int(\"memory/sysman/spdif\")"), 0);
+    EXPECT_EQ(control->ApplyAudioGain(fake::UNMUTE, 40, 3, false), 0);
+    EXPECT_EQ(seam.MainGainValue(), 40) << "mirroring counts as off";
+}
+
+TEST_F(VolumeControlRouteTest, AFailedRemovalLeavesBothKeysWatched) {
+    Start();
+    seam.Fail("sound_manager_unset_speaker_changed_cb", -8);
+    control.reset();
+    EXPECT_EQ(seam.FunctionOf("E unset speaker changed cb set failed. ret:-8"), "_DeInitSoundCallback");
+    EXPECT_EQ(seam.Watches(fake::SPDIF_KEY).size(), 1U);
+    EXPECT_EQ(seam.Watches(fake::TV2MOBILE_KEY).size(), 1U);
+}
+
+// The optical cable
+
+TEST_F(VolumeControlRouteTest, CableReportsWithoutNodeOrUserDataAreLoggedAndDropped) {
+    Start();
+    const auto watch = seam.Watches(fake::SPDIF_KEY).at(0);
+    keynode_t node = {fake::SPDIF_KEY, 0, "0"};
+    watch.callback(nullptr, watch.data);
+    watch.callback(&node, nullptr);
+    watch.callback(nullptr, nullptr);
+    EXPECT_THAT(seam.JournalHere(),
+                ElementsAre("E pKeyNode is NULL", "E data is NULL", "E pKeyNode is NULL"));
+    EXPECT_EQ(seam.FunctionOf("E pKeyNode is NULL"), "SpdifChangedCallback");
+    EXPECT_EQ(seam.FunctionOf("E data is NULL"), "SpdifChangedCallback");
+}
+
+TEST_F(VolumeControlRouteTest, AnUnreadableCableValueIsLoggedAndDropped) {
+    Start();
+    seam.FireKey(fake::SPDIF_KEY, -1);
+    EXPECT_THAT(seam.JournalHere(), ElementsAre(KEY_VALUE, "E get vconf memory/sysman/spdif error"));
+    EXPECT_EQ(seam.FunctionOf("E get vconf memory/sysman/spdif error"), "SpdifChangedCallback");
+}
+
+TEST_F(VolumeControlRouteTest, PluggingTheCableNeedsNothing) {
+    Start();
+    seam.FireKey(fake::SPDIF_KEY, 1);
+    seam.FireKey(fake::SPDIF_KEY, 2);
+    EXPECT_THAT(seam.JournalHere(), ElementsAre(KEY_VALUE, KEY_VALUE));
+}
+
+TEST_F(VolumeControlRouteTest, PullingTheCableFromAnOpticalRouteInForceGoesBackToTheDefault) {
+    for (const int route : {1, 9, 11}) {
+        SCOPED_TRACE(route);
+        Start();
+        Go(2, route);
+        seam.ReportOwnChanges(false);
+        seam.FireKey(fake::SPDIF_KEY, 0);
+        const std::string now = std::to_string(route);
+        EXPECT_THAT(seam.JournalHere(), ElementsAre(KEY_VALUE, GET_MODE, GET_ROUTE, "I route:" + now,
+                                                    "I Spdif cable is disconnected. route:" + now,
+                                                    SetRouteCall(0), "I Set Speaker Output(0)"));
+        EXPECT_EQ(seam.FunctionOf("I Spdif cable is disconnected. route:" + now), "SpdifChangedCallback");
+        EXPECT_EQ(control->GetPrevSpeakerSelection(), 2) << "it is left alone";
+        control.reset();
+        seam.Reset();
+        seam.SetStr(fake::MULTIVIEW_KEY, R"({"mode": "off"})");
+    }
+}
+
+TEST_F(VolumeControlRouteTest, OnATvWithoutInternalSpeakerPullingTheCableAsksForTheSameRouteAgain) {
+    EXPECT_EXIT(
+        {
+            seam.SetFeature("com.norvik/featureconf/internal_speaker_supported", false);
+            seam.SetRoute(1);
+            Start();
+            seam.FireKey(fake::SPDIF_KEY, 0);
+            const bool asked = seam.Count(SetRouteCall(1)) == 1 && seam.Count("I Set Speaker Output(1)") == 1;
+            const bool stayed =
+                control->GetSpeakerSelection() == 1 && control->GetPrevSpeakerSelection() == 1;
+            std::_Exit(asked && stayed ? EXIT_SUCCESS : EXIT_FAILURE);
+        },
+        testing::ExitedWithCode(EXIT_SUCCESS), "");
+}
+
+TEST_F(VolumeControlRouteTest, PullingTheCableElsewhereRewritesAnOpticalPreviousRoute) {
+    for (const int previous : {1, 9, 11}) {
+        SCOPED_TRACE(previous);
+        Start();
+        Go(previous, 2);
+        seam.FireKey(fake::SPDIF_KEY, 0);
+        const std::string before = std::to_string(previous);
+        EXPECT_THAT(
+            seam.JournalHere(),
+            ElementsAre(KEY_VALUE, GET_MODE, GET_ROUTE, "I route:2", "I Spdif cable is disconnected. route:2",
+                        "I Skip. Curr:2 Prev:" + before, "I Prev:" + before + "->0"));
+        EXPECT_EQ(control->GetPrevSpeakerSelection(), 0);
+        EXPECT_EQ(control->GetSpeakerSelection(), 2);
+        control.reset();
+        seam.Reset();
+        seam.SetStr(fake::MULTIVIEW_KEY, R"({"mode": "off"})");
+    }
+}
+
+TEST_F(VolumeControlRouteTest, PullingTheCableElsewhereLeavesAnotherPreviousRoute) {
+    Start();
+    Go(4, 2);
+    seam.FireKey(fake::SPDIF_KEY, 0);
+    EXPECT_THAT(seam.LogHere(),
+                ElementsAre("I route:2", "I Spdif cable is disconnected. route:2", "I Skip. Curr:2 Prev:4"));
+    EXPECT_EQ(control->GetPrevSpeakerSelection(), 4);
+}
+
+TEST_F(VolumeControlRouteTest, TheCableNeedsNoLock) {
+    Start();
+    Go(2, 1);
+    seam.ReportOwnChanges(false);
+    const BusyOnAnotherThread busy(*control);
+    seam.FireKey(fake::SPDIF_KEY, 0);
+    EXPECT_EQ(seam.Count("I Set Speaker Output(0)"), 1);
+    EXPECT_EQ(seam.Count("E owns_lock"), 0);
+}
+
+TEST_F(VolumeControlRouteTest, InMultiViewWithTheHeadsetInFocusAnOpticalPreviousRouteGoesBackToTheDefault) {
+    StartInMultiView();
+    GoInZone(1, 9, 2);
+    seam.SetInt(fake::SUB_BT_KEY, 1);
+    seam.ReportOwnChanges(false);
+    seam.FireKey(fake::SPDIF_KEY, 0);
+    EXPECT_THAT(
+        seam.JournalHere(),
+        ElementsAre(KEY_VALUE, GET_MODE, GetZoneRouteCall(1), "I zoneID:1 route:2",
+                    "I Spdif cable is disconnected. route:2", "rc_get_audio_focus()", GET_SUB_BT, GOT_SUB_BT,
+                    "I SubBT :1", "rc_get_zone_list()", GET_SUB_BT, GOT_SUB_BT, "I SubBT :1",
+                    "rc_get_next_zone()", "rc_get_zone_id()",
+                    "I [Zone: 1] SubBT is connected. Skip current zone", "rc_get_next_zone()",
+                    "rc_get_zone_id()", SetZoneRouteCall(0, 2), "I [Zone: 2] Speaker Output(0). ret:0",
+                    "rc_get_next_zone()", "rc_free_zone_list()", "I Set Speaker Output(0)", "I Prev:9->0"));
+    EXPECT_EQ(control->GetPrevSpeakerSelection(), 0);
+}
+
+TEST_F(VolumeControlRouteTest, ThePreviousRouteOfTheCableRuleIsTheOneBeforeThePlatformsOwnReport) {
+    StartInMultiView();
+    GoInZone(1, 9, 2);
+    seam.SetInt(fake::SUB_BT_KEY, 1);
+    seam.BeforeNext(SetZoneRouteCall(0, 2), [this] { seam.FireRoute(4); });
+    seam.FireKey(fake::SPDIF_KEY, 0);
+    EXPECT_EQ(seam.Count("I Type(2->4)"), 1);
+    EXPECT_EQ(seam.Count("I Prev:9->0"), 1) << "not the 2 that the report has just made the previous route";
+    EXPECT_EQ(control->GetPrevSpeakerSelection(), 0);
+}
+
+TEST_F(VolumeControlRouteTest, InMultiViewWithTheHeadsetInFocusAnotherPreviousRouteSkipsEverything) {
+    StartInMultiView();
+    GoInZone(1, 4, 1);
+    seam.SetInt(fake::SUB_BT_KEY, 1);
+    seam.FireKey(fake::SPDIF_KEY, 0);
+    EXPECT_EQ(seam.LogHere().back(), "E Skip. Prev:4");
+    EXPECT_EQ(seam.FunctionOf("E Skip. Prev:4"), "SpdifChangedCallback");
+    EXPECT_EQ(seam.Count("rc_get_zone_list()"), 0);
+    EXPECT_EQ(control->GetPrevSpeakerSelection(), 4);
+    EXPECT_EQ(control->GetSpeakerSelection(), 1);
+}
+
+TEST_F(VolumeControlRouteTest, InMultiViewWithTheHeadsetElsewhereTheRouteInForceCounts) {
+    StartInMultiView();
+    GoInZone(1, 4, 1);
+    seam.SetInt(fake::SUB_BT_KEY, 2);
+    seam.ReportOwnChanges(false);
+    seam.FireKey(fake::SPDIF_KEY, 0);
+    EXPECT_EQ(seam.Count(SetZoneRouteCall(0, 1)), 1);
+    EXPECT_EQ(seam.Count(SetZoneRouteCall(0, 2)), 0);
+    EXPECT_EQ(control->GetPrevSpeakerSelection(), 4);
+}
+
+TEST_F(VolumeControlRouteTest, InMultiViewNoHeadsetAndNoFocusIsNoMatch) {
+    StartInMultiView();
+    GoInZone(1, 9, 2);
+    seam.SetFocus(std::nullopt);
+    seam.FireKey(fake::SPDIF_KEY, 0);
+    EXPECT_EQ(seam.Count("I Skip. Curr:2 Prev:9"), 1);
+    EXPECT_EQ(seam.Count("I Prev:9->0"), 1);
+    EXPECT_EQ(seam.Count("rc_get_zone_list()"), 0);
+}
+
+// Mirroring to a mobile device
+
+TEST_F(VolumeControlRouteTest, MirroringReportsWithoutNodeOrUserDataAreLoggedAndDropped) {
+    Start();
+    const auto watch = seam.Watches(fake::TV2MOBILE_KEY).at(0);
+    keynode_t node = {fake::TV2MOBILE_KEY, 1, "1"};
+    watch.callback(nullptr, watch.data);
+    watch.callback(&node, nullptr);
+    EXPECT_THAT(seam.JournalHere(), ElementsAre("E pKeyNode is NULL", "E data is NULL"));
+    EXPECT_EQ(seam.FunctionOf("E pKeyNode is NULL"), "Tv2MobileChangedCallback");
+    EXPECT_EQ(seam.FunctionOf("E data is NULL"), "Tv2MobileChangedCallback");
+}
+
+TEST_F(VolumeControlRouteTest, AnUnreadableMirroringValueIsLoggedAndDropped) {
+    Start();
+    seam.FireKey(fake::TV2MOBILE_KEY, -2);
+    EXPECT_THAT(seam.LogHere(),
+                ElementsAre("E get vconf memory/menu/network/screenmirroring/smsrc_status error"));
+    control->ApplyAudioGain(fake::UNMUTE, 40, 3, false);
+    EXPECT_EQ(seam.MainGainValue(), 40) << "the status is as it was";
+}
+
+TEST_F(VolumeControlRouteTest, MirroringRestoresTheGainFirstAndStopsSourceThreeAfterwards) {
+    Start();
+    control->ApplyAudioGain(fake::UNMUTE, 40, 3, false);
+    seam.Clear();
+    seam.FireKey(fake::TV2MOBILE_KEY, 1);
+    EXPECT_THAT(seam.LogHere(),
+                ElementsAre("E TV To Mobile Enable", "I Path:1 player:100 pulse:100 unmute:100 Total:100",
+                            "I [Path:01] gain2:100", "I Path:2 player:100 pulse:100 unmute:100 Total:100",
+                            "I [Path:02] gain2:100"));
+    EXPECT_EQ(seam.FunctionOf("E TV To Mobile Enable"), "Tv2MobileChangedCallback");
+    EXPECT_EQ(control->ApplyAudioGain(fake::UNMUTE, 40, 3, false), 0);
+    EXPECT_EQ(seam.MainGainValue(), 100);
+}
+
+TEST_F(VolumeControlRouteTest, TheEndOfMirroringDoesNothingElse) {
+    seam.SetInt(fake::TV2MOBILE_KEY, 1);
+    Start();
+    seam.FireKey(fake::TV2MOBILE_KEY, 0);
+    EXPECT_THAT(seam.JournalHere(), ElementsAre(KEY_VALUE, "E TV To Mobile Disable"));
+    control->ApplyAudioGain(fake::UNMUTE, 40, 3, false);
+    EXPECT_EQ(seam.MainGainValue(), 40);
+}
+
+TEST_F(VolumeControlRouteTest, WhileMirroringAnotherStatusRestoresNothing) {
+    seam.SetInt(fake::TV2MOBILE_KEY, 1);
+    Make();
+    EXPECT_EQ(seam.FunctionOf("I tv2Mobile:1"), "_InitSoundCallback");
+    seam.Clear();
+    seam.FireKey(fake::TV2MOBILE_KEY, 2);
+    EXPECT_THAT(seam.JournalHere(), ElementsAre(KEY_VALUE, "E TV To Mobile Enable"));
+}
+
+}  // namespace

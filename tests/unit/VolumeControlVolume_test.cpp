@@ -1,0 +1,337 @@
+/** Volume, mute and gain of the current output through the volume control object. */
+#include "VolumeControlFixture.h"
+
+using fake::BusyOnAnotherThread;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+
+namespace {
+
+constexpr const char* NO_FADE = "E Multi-output Audio, do not apply fade.";
+constexpr const char* RECOVER = "W UnMute State, Recover gain instead of FadeIn";
+constexpr int LOWEST = std::numeric_limits<int>::min();
+
+class VolumeControlVolumeTest : public fake::VolumeControlTest {
+protected:
+    void StartOnHdmi(int support) {
+        seam.SetRoute(2);
+        seam.SetInt(fake::HDMI_SUPPORT_KEY, support);
+        Start();
+    }
+
+    /** Muted, as the speaker reported. */
+    void StartMuted() {
+        seam.SetMute(true);
+        Start();
+        seam.FireMute(1);
+        seam.Clear();
+    }
+};
+
+// Volume
+
+TEST_F(VolumeControlVolumeTest, GetTVVolumeAlwaysAsksTheSpeaker) {
+    Start();
+    seam.FireVolume(30);
+    seam.SetVolume(17);
+    seam.Clear();
+    int volume = 0;
+    EXPECT_EQ(control->GetTVVolume(volume), 0);
+    EXPECT_EQ(volume, 17);
+    EXPECT_THAT(seam.JournalHere(), ElementsAre("audio_get_master_volume()", "I current tv volume [17]"));
+    seam.Fail("audio_get_master_volume", -3);
+    EXPECT_EQ(control->GetTVVolume(volume), -3);
+    EXPECT_EQ(volume, 17);
+}
+
+TEST_F(VolumeControlVolumeTest, AVolumeAboveTheRangeTouchesNothingNotEvenTheLock) {
+    Start();
+    const BusyOnAnotherThread busy(*control);
+    seam.Clear();
+    EXPECT_EQ(control->SetTVVolume(101), -2);
+    EXPECT_EQ(control->SetTVVolume(std::numeric_limits<int>::max()), -2);
+    EXPECT_THAT(seam.JournalHere(),
+                ElementsAre("E invalid param SetTVVolume", "E invalid param SetTVVolume"));
+    EXPECT_EQ(seam.FunctionOf("E invalid param SetTVVolume"), "SetTVVolume");
+}
+
+TEST_F(VolumeControlVolumeTest, HundredIsAcceptedAndNegativesAreTheSpeakersBusiness) {
+    Start();
+    seam.ReportOwnChanges(false);
+    EXPECT_EQ(control->SetTVVolume(100), 0);
+    EXPECT_EQ(control->SetTVVolume(-5), 0);
+    EXPECT_EQ(control->SetTVVolume(LOWEST), 0);
+    EXPECT_THAT(seam.JournalHere(),
+                ElementsAre("I Set vol 0->100.", "audio_set_master_volume(100, 1)", "I Set vol 0->-5.",
+                            "audio_set_master_volume(-5, 1)", "I Set vol 0->-2147483648.",
+                            "audio_set_master_volume(-2147483648, 1)"))
+        << "the stored volume changes only with the speaker's report";
+}
+
+TEST_F(VolumeControlVolumeTest, TheReportOfTheOwnChangeIsAnnouncedBeforeTheSetterReturns) {
+    Start();
+    ListenToAll();
+    EXPECT_EQ(control->SetTVVolume(30), 0);
+    EXPECT_THAT(heard, ElementsAre("VOLUME_CHANGED 0xffff 30"));
+    seam.Clear();
+    EXPECT_EQ(control->SetTVVolume(40), 0);
+    EXPECT_EQ(seam.LogHere().front(), "I Set vol 30->40.");
+}
+
+TEST_F(VolumeControlVolumeTest, SettingAVolumeWhileMutedOnTheTvSpeakerRestoresTheGainThenUnmutesThenSets) {
+    StartMuted();
+    EXPECT_EQ(control->SetTVVolume(30), 0);
+    EXPECT_THAT(
+        seam.LogHere(),
+        ElementsAre("I SetTvVolumeMute to false", "I Path:1 player:100 pulse:100 unmute:100 Total:100",
+                    "I Path:2 player:100 pulse:100 unmute:100 Total:100",
+                    "I Apply gain on mute to 100 after mute. ret=0x0", "I mute changed : [0]",
+                    "I event: [MUTE_CHANGED]", "I Set vol 0->30.", "I volume is changed : 30",
+                    "I event: [VOLUME_CHANGED]"));
+    EXPECT_EQ(seam.FunctionOf("I SetTvVolumeMute to false"), "SetTVVolume");
+    EXPECT_EQ(seam.FunctionOf("I Apply gain on mute to 100 after mute. ret=0x0"), "_SetGainOnMute");
+    EXPECT_THAT(seam.Calls("audio_set"),
+                ElementsAre("audio_set_master_mute(false)", "audio_set_master_volume(30, 1)"));
+}
+
+TEST_F(VolumeControlVolumeTest, SettingAVolumeWhileMutedOnAnotherRouteUnmutesWithoutTheGain) {
+    StartOnHdmi(0xF);
+    seam.FireKey("memory/menu/network/screenmirroring/get_volume_mute_hdmi", 1);
+    seam.Clear();
+    EXPECT_EQ(control->SetTVVolume(30), 0);
+    EXPECT_THAT(seam.LogHere(),
+                ElementsAre("I SetTvVolumeMute to false",
+                            "I Successed to get key memory/menu/network/screenmirroring/volume_support_hdmi",
+                            "I Successed to set key memory/menu/network/screenmirroring/set_volume_mute",
+                            "I Set vol 0->30.",
+                            "I Successed to set key memory/menu/network/screenmirroring/set_volume_level"));
+    EXPECT_EQ(seam.Value("memory/menu/network/screenmirroring/set_volume_mute"), "0");
+    EXPECT_EQ(seam.Value("memory/menu/network/screenmirroring/set_volume_level"), "30");
+}
+
+TEST_F(VolumeControlVolumeTest, AFailedUnmuteEndsTheVolumeChange) {
+    StartMuted();
+    seam.Fail("audio_set_master_mute", -6);
+    EXPECT_EQ(control->SetTVVolume(30), -6);
+    EXPECT_THAT(seam.Calls("audio_set_master_volume"), IsEmpty());
+    seam.Succeed("audio_set_master_mute");
+    seam.Fail("audio_set_master_mute", 5);
+    EXPECT_EQ(control->SetTVVolume(30), 0) << "only a negative result ends it";
+    EXPECT_EQ(seam.Volume(), 30);
+}
+
+TEST_F(VolumeControlVolumeTest, AFailedGainWhileMutedIsOnlyLogged) {
+    StartMuted();
+    control->ApplyAudioGain(fake::UNMUTE, 40, 3, false);
+    seam.Clear();
+    seam.Fail("set_main_out_gain2", -1, 1);
+    EXPECT_EQ(control->SetTVVolume(30), 0);
+    EXPECT_EQ(seam.Count("I Apply gain on mute to 100 after mute. ret=0xffffffff"), 1);
+    EXPECT_EQ(seam.Volume(), 30);
+}
+
+TEST_F(VolumeControlVolumeTest, AnUnsupportedVolumeIsTheSpeakersAnswer) {
+    StartOnHdmi(0x1);
+    EXPECT_EQ(control->SetTVVolume(30), -4);
+    EXPECT_EQ(seam.Count("E SET VOLUME is not supported. 0x0001"), 1);
+}
+
+// Mute
+
+TEST_F(VolumeControlVolumeTest, GetTVVolumeMuteAlwaysAsksTheSpeaker) {
+    Start();
+    seam.SetMute(true);
+    bool mute = false;
+    EXPECT_EQ(control->GetTVVolumeMute(mute), 0);
+    EXPECT_TRUE(mute);
+    seam.Fail("audio_get_master_mute", -4);
+    mute = false;
+    EXPECT_EQ(control->GetTVVolumeMute(mute), -4);
+    EXPECT_FALSE(mute);
+}
+
+TEST_F(VolumeControlVolumeTest, UnmutingTheTvSpeakerStartsTheFadeFirst) {
+    StartMuted();
+    EXPECT_EQ(control->SetTVVolumeMute(false), 0);
+    EXPECT_THAT(seam.LogHere(),
+                ElementsAre("I current tv mute [1]", "I Path:1 player:100 pulse:100 unmute:  0 Total:  0",
+                            "I [Path:01] gain2:0", "I Path:2 player:100 pulse:100 unmute:  0 Total:  0",
+                            "I [Path:02] gain2:0", "I Apply unmute fadein. ret=0x0", "I mute changed : [0]",
+                            "I event: [MUTE_CHANGED]"));
+    EXPECT_EQ(seam.FunctionOf("I Apply unmute fadein. ret=0x0"), "_ApplyUnmuteFadeIn");
+    EXPECT_TRUE(seam.WaitForGainWrite(fake::MainGain(100)));
+    EXPECT_TRUE(seam.WaitForGainWrite(fake::SubGain(100)));
+}
+
+TEST_F(VolumeControlVolumeTest, MutingStartsNothing) {
+    Start();
+    EXPECT_EQ(control->SetTVVolumeMute(true), 0);
+    EXPECT_THAT(seam.JournalHere(), ElementsAre("audio_set_master_mute(true)", "I mute changed : [1]",
+                                                "I event: [MUTE_CHANGED]"));
+}
+
+TEST_F(VolumeControlVolumeTest, UnmutingAnotherOutputStartsNothing) {
+    StartOnHdmi(0xF);
+    EXPECT_EQ(control->SetTVVolumeMute(false), 0);
+    EXPECT_THAT(seam.LogHere(),
+                ElementsAre("I Successed to get key memory/menu/network/screenmirroring/volume_support_hdmi",
+                            "I Successed to set key memory/menu/network/screenmirroring/set_volume_mute"));
+}
+
+TEST_F(VolumeControlVolumeTest, UnmutingWhatIsNotMutedRecoversTheGain) {
+    Start();
+    EXPECT_EQ(control->SetTVVolumeMute(false), 0);
+    EXPECT_THAT(
+        seam.LogHere(),
+        ElementsAre("I current tv mute [0]", RECOVER, "I Path:1 player:100 pulse:100 unmute:100 Total:100",
+                    "I Path:2 player:100 pulse:100 unmute:100 Total:100", "I Apply unmute fadein. ret=0x0"));
+}
+
+TEST_F(VolumeControlVolumeTest, AFailedSetMuteIsTheSpeakersAnswer) {
+    Start();
+    seam.Fail("audio_set_master_mute", -12);
+    EXPECT_EQ(control->SetTVVolumeMute(true), -12);
+}
+
+// The lock
+
+TEST_F(VolumeControlVolumeTest, TheFourOperationsRefuseAtOnceWhenTheObjectIsBusy) {
+    Start();
+    const BusyOnAnotherThread busy(*control);
+    seam.Clear();
+    int volume = 5;
+    bool mute = true;
+    EXPECT_EQ(control->GetTVVolume(volume), -1);
+    EXPECT_EQ(control->SetTVVolume(30), -1);
+    EXPECT_EQ(control->GetTVVolumeMute(mute), -1);
+    EXPECT_EQ(control->SetTVVolumeMute(false), -1);
+    EXPECT_EQ(volume, 5);
+    EXPECT_TRUE(mute);
+    EXPECT_THAT(seam.JournalHere(), ElementsAre("E owns_lock", "E owns_lock", "E owns_lock", "E owns_lock"));
+    std::vector<std::string> functions;
+    for (const fake::Entry& entry : seam.Entries()) {
+        if (entry.IsLog(DLOG_ERROR)) {
+            functions.push_back(entry.site.function);
+        }
+    }
+    EXPECT_THAT(functions, ElementsAre("GetTVVolume", "SetTVVolume", "GetTVVolumeMute", "SetTVVolumeMute"));
+}
+
+TEST_F(VolumeControlVolumeTest, TheGainOperationsNeedNoLock) {
+    Start();
+    const BusyOnAnotherThread busy(*control);
+    seam.Clear();
+    EXPECT_EQ(control->ApplyAudioGain(fake::UNMUTE, 40, 3, false), 0);
+    EXPECT_EQ(control->ApplyAudioGain(fake::PLAYER, 50, 3, false), 0);
+    EXPECT_EQ(control->ApplyPulseAudioGain(100, 0), 0);
+    EXPECT_EQ(seam.MainGainValue(), 20);
+    EXPECT_THAT(seam.LogHere(), Not(Contains("E owns_lock")));
+}
+
+// Gains and fades
+
+TEST_F(VolumeControlVolumeTest, AnUnmuteFadeWhileUnmutedRecoversTheGainInstead) {
+    Start();
+    control->ApplyAudioGain(fake::UNMUTE, 40, 3, false);
+    seam.Clear();
+    EXPECT_EQ(control->ApplyVolumeFadeIn(fake::UNMUTE, 3), 0);
+    EXPECT_THAT(seam.LogHere(),
+                ElementsAre("I current tv mute [0]", RECOVER,
+                            "I Path:1 player:100 pulse:100 unmute:100 Total:100", "I [Path:01] gain2:100",
+                            "I Path:2 player:100 pulse:100 unmute:100 Total:100", "I [Path:02] gain2:100"));
+    EXPECT_EQ(seam.FunctionOf(RECOVER), "ApplyVolumeFadeIn");
+}
+
+TEST_F(VolumeControlVolumeTest, AMuteThatCannotBeReadCountsAsUnmuted) {
+    Start();
+    seam.SetMute(true);
+    seam.Fail("audio_get_master_mute", -1);
+    EXPECT_EQ(control->ApplyVolumeFadeIn(fake::UNMUTE, 3), 0);
+    EXPECT_EQ(seam.Count(RECOVER), 1);
+    const BusyOnAnotherThread busy(*control);
+    seam.Clear();
+    EXPECT_EQ(control->ApplyVolumeFadeIn(fake::UNMUTE, 3), 0);
+    EXPECT_THAT(seam.LogHere(), Contains("E owns_lock"));
+    EXPECT_EQ(seam.Count(RECOVER), 1);
+}
+
+TEST_F(VolumeControlVolumeTest, AnUnmuteFadeWhileMutedFades) {
+    StartMuted();
+    EXPECT_EQ(control->ApplyVolumeFadeIn(fake::UNMUTE, 3), 0);
+    EXPECT_EQ(seam.Count(RECOVER), 0);
+    EXPECT_TRUE(seam.WaitForLog("I Wake UnMuteMainOutH. gain:0"));
+    EXPECT_TRUE(seam.WaitForLog("I Wake UnMuteSubOutH. gain:0"));
+    EXPECT_TRUE(seam.WaitForLog("I handlerGainType:4, LastGain:100"));
+    EXPECT_TRUE(seam.WaitForLog("I handlerGainType:5, LastGain:100"));
+}
+
+TEST_F(VolumeControlVolumeTest, AnUnmuteFadeIsProtectedFromInterruptionAndAGainChangeMayCutIntoOne) {
+    seam.SetMute(true);
+    Make();
+    control->ApplyVolumeFadeIn(fake::UNMUTE, 3);
+    ASSERT_TRUE(seam.WaitForLog("I Wake UnMuteMainOutH. gain:0"));
+    ASSERT_TRUE(seam.WaitForLog("I Wake UnMuteSubOutH. gain:0"));
+    control->ApplyAudioGain(fake::UNMUTE, 33, 3, false);
+    EXPECT_TRUE(seam.WaitUntil([](const std::vector<fake::Entry>& journal) {
+        return std::ranges::any_of(journal, [](const fake::Entry& entry) {
+            return entry.text.starts_with("I Interruptable status[type:4]. gain:");
+        });
+    }));
+    ASSERT_TRUE(fake::WorkersRest());
+    EXPECT_EQ(seam.Count("I handlerGainType:4, LastGain:100"), 0);
+    control->ApplyVolumeFadeIn(fake::UNMUTE, 3);
+    EXPECT_TRUE(seam.WaitForLog("I handlerGainType:4, LastGain:100")) << "the fade takes the permission back";
+}
+
+TEST_F(VolumeControlVolumeTest, APlayerFadeNeedsNoMuteState) {
+    Start();
+    EXPECT_EQ(control->ApplyVolumeFadeIn(fake::PLAYER, 1), 0);
+    EXPECT_THAT(seam.CallsHere(), Not(Contains("audio_get_master_mute()")));
+    EXPECT_TRUE(seam.WaitForLog("I Wake PlayerMainOutH. gain:0"));
+}
+
+TEST_F(VolumeControlVolumeTest, OnTheMultiOutputRouteSourceThreeDoesNothingUnlessForced) {
+    seam.SetRoute(6);
+    Start();
+    EXPECT_EQ(control->ApplyVolumeFadeIn(fake::UNMUTE, 3), 0);
+    EXPECT_EQ(control->ApplyAudioGain(fake::UNMUTE, 40, 3, false), 0);
+    EXPECT_THAT(seam.JournalHere(), ElementsAre(NO_FADE, NO_FADE));
+    EXPECT_EQ(seam.FunctionOf(NO_FADE), "_IsFadeInAvailable");
+    EXPECT_EQ(control->ApplyAudioGain(fake::UNMUTE, 40, 3, true), 0);
+    EXPECT_EQ(seam.MainGainValue(), 40);
+    EXPECT_EQ(control->ApplyAudioGain(fake::PLAYER, 50, 3, false), 0);
+    EXPECT_EQ(seam.MainGainValue(), 20) << "other sources are not concerned";
+}
+
+TEST_F(VolumeControlVolumeTest, WhileMirroringSourceThreeDoesNothingEvenForced) {
+    seam.SetInt(fake::TV2MOBILE_KEY, 2);
+    Start();
+    EXPECT_EQ(control->ApplyVolumeFadeIn(fake::UNMUTE, 3), 0);
+    EXPECT_EQ(control->ApplyAudioGain(fake::UNMUTE, 40, 3, false), 0);
+    EXPECT_EQ(control->ApplyAudioGain(fake::UNMUTE, 40, 3, true), 0);
+    EXPECT_THAT(seam.JournalHere(), IsEmpty());
+    EXPECT_EQ(control->ApplyAudioGain(fake::PLAYER, 50, 3, false), 0);
+    EXPECT_EQ(seam.MainGainValue(), 50);
+}
+
+TEST_F(VolumeControlVolumeTest, OtherSourcesAndPathsAreTheGainControllersBusiness) {
+    Start();
+    EXPECT_EQ(control->ApplyAudioGain(static_cast<KVDefine::eKVGainSrcType>(9), 50, 3, false), -2);
+    EXPECT_EQ(control->ApplyAudioGain(fake::UNMUTE, 50, 4, false), -2);
+    EXPECT_EQ(control->ApplyVolumeFadeIn(static_cast<KVDefine::eKVGainSrcType>(LOWEST), 3), -2);
+    EXPECT_EQ(control->ApplyVolumeFadeIn(fake::PLAYER, 8), -2);
+    EXPECT_THAT(seam.LogHere(),
+                ElementsAre("E Invalid gainOut srcType:9", "E Invalid audioPath:4",
+                            "E Invalid gainOut srcType:-2147483648", "E Invalid audioPath:8"));
+}
+
+TEST_F(VolumeControlVolumeTest, ThePulseGainIsPassedOn) {
+    Start();
+    EXPECT_EQ(control->ApplyPulseAudioGain(50, 0), 0);
+    EXPECT_TRUE(seam.WaitForGainWrite(fake::SubGain(50)));
+    EXPECT_THAT(seam.GainWrites(), ElementsAre(fake::MainGain(50), fake::SubGain(50)));
+}
+
+}  // namespace

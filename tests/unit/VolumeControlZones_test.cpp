@@ -1,0 +1,392 @@
+/** The volume control object in multi-view: the mode, the zones, the audio focus. */
+#include "VolumeControlFixture.h"
+
+using fake::BusyOnAnotherThread;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+
+namespace {
+
+constexpr const char* GET_MODE = "vconf_get_str(\"memory/multiscreen/info\")";
+constexpr const char* WATCH_MODE = "vconf_notify_key_changed(\"memory/multiscreen/info\")";
+constexpr const char* IGNORE_MODE = "vconf_ignore_key_changed(\"memory/multiscreen/info\")";
+constexpr const char* WATCH_ZONES = "sound_manager_set_multiview_speaker_selection_changed_cb()";
+constexpr const char* IGNORE_ZONES = "sound_manager_unset_multiview_speaker_selection_changed_cb()";
+constexpr const char* WATCH_FOCUS = "rc_register_audio_focus_changed_callback()";
+constexpr const char* IGNORE_FOCUS = "rc_unregister_audio_focus_changed_callback(1)";
+constexpr const char* GET_FOCUS = "rc_get_audio_focus()";
+constexpr const char* FEATURE = "com.norvik/featureconf/multiview.support";
+constexpr const char* FOCUS_LINE = "I zoneId:1 focusID:1";
+
+class VolumeControlZonesTest : public fake::VolumeControlTest {
+protected:
+    VolumeControlZonesTest() {
+        seam.SetZones({{1, 0}, {2, 2}});
+        seam.SetFocus(1);
+    }
+
+    void ModeOn() { seam.SetStr(fake::MULTIVIEW_KEY, R"({"mode": "on"})"); }
+};
+
+// The feature and the mode at the start
+
+TEST_F(VolumeControlZonesTest, WithoutTheFeatureNothingIsRegisteredAndTheModeIsNeverRead) {
+    seam.SetFeature(FEATURE, false);
+    ModeOn();
+    Make();
+    EXPECT_EQ(seam.FunctionOf("I Multi-screen View supported :0"), "_IsMSViewSupport");
+    EXPECT_THAT(seam.Calls(), Not(Contains(GET_MODE)));
+    EXPECT_THAT(seam.Calls(), Not(Contains(WATCH_MODE)));
+    EXPECT_THAT(seam.Calls(), Not(Contains(WATCH_ZONES)));
+    EXPECT_THAT(seam.Calls(), Not(Contains(WATCH_FOCUS)));
+    EXPECT_EQ(seam.Count("I route:0"), 1);
+    seam.Clear();
+    control.reset();
+    EXPECT_THAT(seam.Calls(), Not(Contains(IGNORE_MODE)));
+    EXPECT_THAT(seam.Calls(), Not(Contains(IGNORE_ZONES)));
+    EXPECT_THAT(seam.Calls(), Not(Contains(IGNORE_FOCUS)));
+}
+
+TEST_F(VolumeControlZonesTest, AFeatureThatCannotBeAskedForCountsAsAbsent) {
+    seam.Fail("system_info_get_custom_bool(\"com.norvik/featureconf/multiview.support\")", -5);
+    Make();
+    const std::string line = std::string("E Failed to get system info key ") + FEATURE + ". ret:-5";
+    EXPECT_EQ(seam.FunctionOf(line), "_IsMSViewSupport");
+    EXPECT_THAT(seam.Calls(), Not(Contains(WATCH_MODE)));
+}
+
+TEST_F(VolumeControlZonesTest, AtTheStartTheZoneInFocusIsReadOnlyWhenTheModeIsOn) {
+    Make();
+    EXPECT_THAT(seam.Calls(), Not(Contains(GET_FOCUS)));
+    control.reset();
+    ModeOn();
+    seam.Clear();
+    Make();
+    EXPECT_EQ(seam.FunctionOf("I zoneId:1 focusID:2"), "_InitMSViewSoundCallback");
+}
+
+TEST_F(VolumeControlZonesTest, AFocusThatCannotBeReadAtTheStartLeavesZoneZero) {
+    ModeOn();
+    seam.Fail("rc_get_audio_focus", -11);
+    Make();
+    EXPECT_EQ(seam.FunctionOf("E Failed to get zoneID. ret:-11"), "_InitMSViewSoundCallback");
+    seam.FireFocus(2);
+    EXPECT_EQ(seam.Count("I Focus (0->2)"), 1);
+}
+
+TEST_F(VolumeControlZonesTest, OnlyTheTextOnCountsAsOn) {
+    for (const char* info :
+         {"", "on", "{", R"({"mode": "ON"})", R"({"mode": "on "})", R"({"other": "on"})", R"({"mode": true})",
+          "[]", R"(["mode"])", R"("on")", "7", R"({"mode": ["on"]})", R"({"mode": {"on": 1}})", "null"}) {
+        SCOPED_TRACE(info);
+        seam.SetStr(fake::MULTIVIEW_KEY, info);
+        seam.Clear();
+        Make();
+        EXPECT_EQ(seam.Count("I route:0"), 1) << "the single-view route is asked for";
+        EXPECT_THAT(seam.Calls(), Not(Contains(GET_FOCUS)));
+        control.reset();
+    }
+}
+
+TEST_F(VolumeControlZonesTest, AnUnreadableModeCountsAsOff) {
+    seam.RemoveKey(fake::MULTIVIEW_KEY);
+    Make();
+    EXPECT_EQ(seam.FunctionOf("E Failed to get vconf memory/multiscreen/info"), "_IsMSViewModeOn");
+    EXPECT_EQ(seam.Count("I route:0"), 1);
+}
+
+TEST_F(VolumeControlZonesTest, EachFailedRegistrationStopsTheSequence) {
+    ModeOn();
+    seam.Fail(WATCH_MODE, -1, 1);
+    Make();
+    EXPECT_EQ(seam.FunctionOf("E msview mode vconf cb set failed"), "_InitMSViewSoundCallback");
+    EXPECT_THAT(seam.Calls(), Not(Contains(WATCH_ZONES)));
+    EXPECT_EQ(seam.Count(FOCUS_LINE), 0);
+    control.reset();
+
+    seam.Clear();
+    seam.Fail("sound_manager_set_multiview_speaker_selection_changed_cb", -3, 1);
+    Make();
+    EXPECT_EQ(seam.FunctionOf("E multiview speaker changed cb set failed ret:-3"),
+              "_InitMSViewSoundCallback");
+    EXPECT_THAT(seam.Calls(), Contains(WATCH_MODE));
+    EXPECT_THAT(seam.Calls(), Not(Contains(WATCH_FOCUS)));
+    control.reset();
+
+    seam.Clear();
+    seam.Fail("rc_register_audio_focus_changed_callback", 0, 1);
+    Make();
+    EXPECT_EQ(seam.FunctionOf("E audio focus changed cb set failed"), "_InitMSViewSoundCallback");
+    EXPECT_THAT(seam.Calls(), Not(Contains(GET_FOCUS))) << "the mode flag stays off";
+}
+
+// The end
+
+TEST_F(VolumeControlZonesTest, EachFailedRemovalStopsTheSequence) {
+    Start();
+    seam.Fail("vconf_ignore_key_changed(\"memory/multiscreen/info\")", -1, 1);
+    control.reset();
+    EXPECT_EQ(seam.FunctionOf("E msview mode vconf cb unset failed"), "_DeInitMSViewSoundCallback");
+    EXPECT_THAT(seam.Calls(), Not(Contains(IGNORE_ZONES)));
+
+    Start();
+    seam.Fail("sound_manager_unset_multiview_speaker_selection_changed_cb", -4, 1);
+    control.reset();
+    EXPECT_EQ(seam.FunctionOf("E unset multiview speaker changed cb set failed. ret:-4"),
+              "_DeInitMSViewSoundCallback");
+    EXPECT_THAT(seam.Calls("rc_unregister"), IsEmpty());
+
+    Start();
+    seam.Fail("rc_unregister_audio_focus_changed_callback", -6, 1);
+    control.reset();
+    EXPECT_EQ(seam.FunctionOf("E unset audio focus changed cb set failed. ret:-6"),
+              "_DeInitMSViewSoundCallback");
+    EXPECT_THAT(seam.Calls(), Contains("sound_manager_unset_speaker_changed_cb()")) << "the end goes on";
+}
+
+TEST_F(VolumeControlZonesTest, AFocusRegistrationThatFailedIsNotRemoved) {
+    seam.Fail("rc_register_audio_focus_changed_callback", 0);
+    Start();
+    control.reset();
+    EXPECT_THAT(seam.Calls(), Contains(IGNORE_ZONES));
+    EXPECT_THAT(seam.Calls("rc_unregister"), IsEmpty());
+}
+
+// Mode reports
+
+TEST_F(VolumeControlZonesTest, ModeReportsWithoutNodeUserDataOrTextAreLoggedAndDropped) {
+    Start();
+    const auto watch = seam.Watches(fake::MULTIVIEW_KEY).at(0);
+    keynode_t textless = {fake::MULTIVIEW_KEY, -1, std::nullopt};
+    watch.callback(nullptr, watch.data);
+    watch.callback(&textless, nullptr);
+    watch.callback(&textless, watch.data);
+    EXPECT_THAT(seam.LogHere(),
+                ElementsAre("E pKeyNode is NULL", "E data is NULL", "E Failed to vconf_keynode_get_str"));
+    for (const std::string& line : seam.LogHere()) {
+        EXPECT_EQ(seam.FunctionOf(line), "MSViewModeChangedCallback");
+    }
+}
+
+TEST_F(VolumeControlZonesTest, TurningMultiViewOnTakesTheZoneInFocusAndLeavesTheSpeaker) {
+    Start();
+    seam.SetFocus(2);
+    seam.FireKey(fake::MULTIVIEW_KEY, R"({"mode": "on"})");
+    EXPECT_THAT(seam.JournalHere(),
+                ElementsAre("vconf_keynode_get_str()", "I MSmode:on", GET_FOCUS, "I zoneId:2"));
+    EXPECT_EQ(seam.FunctionOf("I zoneId:2"), "MSViewModeChangedCallback");
+    EXPECT_EQ(control->GetSpeakerSelection(), 0);
+    seam.FireFocus(1);
+    EXPECT_EQ(seam.Count("I Focus (2->1)"), 1);
+}
+
+TEST_F(VolumeControlZonesTest, AFocusThatCannotBeReadLeavesTheZoneAsItWas) {
+    ModeOn();
+    Start();
+    seam.Fail("rc_get_audio_focus", -2);
+    seam.FireKey(fake::MULTIVIEW_KEY, R"({"mode": "on", "again": 1})");
+    EXPECT_THAT(seam.LogHere(), ElementsAre("I MSmode:on", "E Failed to get zoneID. ret:-2"));
+    seam.FireFocus(2);
+    EXPECT_EQ(seam.Count("I Focus (1->2)"), 1);
+}
+
+TEST_F(VolumeControlZonesTest, TurningMultiViewOffForgetsTheZoneAndLeavesTheSpeakerAndTheGain) {
+    ModeOn();
+    Start();
+    seam.FireKey(fake::MULTIVIEW_KEY, R"({"mode": "off"})");
+    EXPECT_THAT(seam.JournalHere(), ElementsAre("vconf_keynode_get_str()", "I MSmode:off"));
+    seam.FireFocus(2);
+    EXPECT_EQ(seam.Count("E For single view. not this cb"), 1);
+    seam.FireKey(fake::MULTIVIEW_KEY, R"({"mode": "on"})");
+    seam.Clear();
+    seam.FireFocus(1);
+    EXPECT_THAT(seam.LogHere(), Contains("I Focus (2->1)"));
+}
+
+TEST_F(VolumeControlZonesTest, LeavingMultiViewOnABluetoothRouteRestoresTheGain) {
+    for (const int route : {3, 5}) {
+        SCOPED_TRACE(route);
+        ModeOn();
+        Start();
+        seam.FireZoneRoute(route, 1);
+        control->ApplyAudioGain(fake::UNMUTE, 40, 3, false);
+        seam.Clear();
+        seam.FireKey(fake::MULTIVIEW_KEY, R"({"mode": "off"})");
+        EXPECT_THAT(seam.LogHere(),
+                    ElementsAre("I MSmode:off", "I Path:1 player:100 pulse:100 unmute:100 Total:100",
+                                "I [Path:01] gain2:100", "I Path:2 player:100 pulse:100 unmute:100 Total:100",
+                                "I [Path:02] gain2:100", "I View mode changed. Recover gain"));
+        EXPECT_EQ(seam.FunctionOf("I View mode changed. Recover gain"), "MSViewModeChangedCallback");
+        control.reset();
+        seam.SetZones({{1, 0}, {2, 2}});
+    }
+}
+
+TEST_F(VolumeControlZonesTest, LeavingMultiViewOnAnotherRouteRestoresNoGain) {
+    ModeOn();
+    Start();
+    control->ApplyAudioGain(fake::UNMUTE, 40, 3, false);
+    seam.Clear();
+    seam.FireKey(fake::MULTIVIEW_KEY, R"({"mode": "off"})");
+    EXPECT_THAT(seam.LogHere(), ElementsAre("I MSmode:off"));
+    EXPECT_EQ(seam.MainGainValue(), 40);
+}
+
+TEST_F(VolumeControlZonesTest, AModeTextThatCannotBeUnderstoodIsAnErrorAndCountsAsOff) {
+    for (const char* info : {"{", "[]", "\"on\"", R"({"mode": ["on"]})", "3"}) {
+        SCOPED_TRACE(info);
+        ModeOn();
+        Start();
+        seam.FireKey(fake::MULTIVIEW_KEY, std::string(info));
+        EXPECT_EQ(seam.Count("I MSmode:error"), 1);
+        seam.FireFocus(2);
+        EXPECT_EQ(seam.Count("E For single view. not this cb"), 1);
+        control.reset();
+        seam.SetFocus(1);
+    }
+}
+
+TEST_F(VolumeControlZonesTest, AModeReportThatMeetsTheLockIsLost) {
+    Start();
+    {
+        const BusyOnAnotherThread busy(*control);
+        seam.Clear();
+        seam.FireKey(fake::MULTIVIEW_KEY, R"({"mode": "on"})");
+        EXPECT_THAT(seam.LogHere(), ElementsAre("I MSmode:on", "E owns_lock"));
+        EXPECT_EQ(seam.FunctionOf("E owns_lock"), "MSViewModeChangedCallback");
+    }
+    seam.FireFocus(2);
+    EXPECT_EQ(seam.Count("E For single view. not this cb"), 1);
+}
+
+// Route reports of zones
+
+TEST_F(VolumeControlZonesTest, AZoneReportWithoutUserDataIsLoggedAndDropped) {
+    Start();
+    seam.ZoneRouteSlot().callback(2, 1, nullptr);
+    EXPECT_THAT(seam.JournalHere(), ElementsAre("E data is NULL"));
+    EXPECT_EQ(seam.FunctionOf("E data is NULL"), "MSViewSpeakerChangedCallback");
+}
+
+TEST_F(VolumeControlZonesTest, AZoneReportThatMeetsTheLockIsLost) {
+    StartInMultiView();
+    const BusyOnAnotherThread busy(*control);
+    seam.Clear();
+    seam.FireZoneRoute(4, 1);
+    EXPECT_THAT(seam.JournalHere(), ElementsAre("E owns_lock"));
+    EXPECT_EQ(seam.FunctionOf("E owns_lock"), "MSViewSpeakerChangedCallback");
+    EXPECT_EQ(control->GetSpeakerSelection(), 0);
+}
+
+TEST_F(VolumeControlZonesTest, AZoneReportOfTheRouteInForceDoesNothing) {
+    StartInMultiView();
+    ListenToAll();
+    seam.FireZoneRoute(0, 2);
+    EXPECT_THAT(seam.JournalHere(), ElementsAre("I Zone:2 Type(0->0)"));
+    EXPECT_EQ(seam.FunctionOf("I Zone:2 Type(0->0)"), "MSViewSpeakerChangedCallback");
+    EXPECT_THAT(heard, IsEmpty());
+    seam.FireFocus(1);
+    EXPECT_EQ(seam.Count("I Focus (1->1)"), 1) << "the zone was not adopted";
+}
+
+TEST_F(VolumeControlZonesTest, AZoneReportForAZoneWithoutFocusDoesNothing) {
+    StartInMultiView();
+    ListenToAll();
+    seam.FireZoneRoute(4, 2);
+    EXPECT_THAT(seam.JournalHere(),
+                ElementsAre("I Zone:2 Type(0->4)", "I Focus:1 Speaker Changed. not for 2"));
+    EXPECT_EQ(seam.FunctionOf("I Focus:1 Speaker Changed. not for 2"), "MSViewSpeakerChangedCallback");
+    EXPECT_EQ(control->GetSpeakerSelection(), 0);
+    EXPECT_THAT(heard, IsEmpty());
+}
+
+TEST_F(VolumeControlZonesTest, AZoneReportForTheZoneInFocusReplacesTheSpeakerAndIsAnnounced) {
+    StartInMultiView();
+    ListenToAll();
+    seam.FireZoneRoute(7, 1);
+    EXPECT_THAT(seam.JournalHere(),
+                ElementsAre("I Zone:1 Type(0->7)", "audio_unregister_master_mute_changed_cb()",
+                            "audio_unregister_master_volume_changed_cb()", "E Already unset event handler",
+                            "I Type(7) is invalid, Create Unknown Speaker", "I event: [SPEAKER_CHANGED]"));
+    EXPECT_THAT(heard, ElementsAre("SPEAKER_CHANGED 0x0000 7"));
+    EXPECT_EQ(control->GetSpeakerSelection(), 7);
+    EXPECT_EQ(control->GetPrevSpeakerSelection(), 0);
+}
+
+TEST_F(VolumeControlZonesTest, WhileNoZoneIsKnownAnyZoneReportIsTakenAndItsZoneAdopted) {
+    for (const int unknown : {0, -1}) {
+        SCOPED_TRACE(unknown);
+        seam.SetFocus(unknown);
+        seam.SetZones({{unknown, 0}, {1, 0}, {2, 2}});
+        ModeOn();
+        Start();
+        seam.FireZoneRoute(4, 2);
+        EXPECT_EQ(control->GetSpeakerSelection(), 4);
+        seam.Clear();
+        seam.FireZoneRoute(7, 1);
+        EXPECT_EQ(seam.Count("I Focus:2 Speaker Changed. not for 1"), 1);
+        control.reset();
+    }
+}
+
+// Focus reports
+
+TEST_F(VolumeControlZonesTest, AFocusReportWithoutUserDataIsLoggedAndDropped) {
+    StartInMultiView();
+    seam.FocusSlots().begin()->second.callback(2, nullptr);
+    EXPECT_THAT(seam.JournalHere(), ElementsAre("E data is NULL"));
+    EXPECT_EQ(seam.FunctionOf("E data is NULL"), "FocusChangedCallback");
+}
+
+TEST_F(VolumeControlZonesTest, AFocusReportInSingleViewChangesNothing) {
+    Start();
+    seam.FireFocus(2);
+    EXPECT_THAT(seam.JournalHere(), ElementsAre("E For single view. not this cb"));
+    EXPECT_EQ(seam.FunctionOf("E For single view. not this cb"), "FocusChangedCallback");
+    EXPECT_EQ(control->GetSpeakerSelection(), 0);
+}
+
+TEST_F(VolumeControlZonesTest, AFocusReportThatMeetsTheLockIsLost) {
+    StartInMultiView();
+    {
+        const BusyOnAnotherThread busy(*control);
+        seam.Clear();
+        seam.FireFocus(2);
+        EXPECT_THAT(seam.JournalHere(), ElementsAre("E mutex lock failed"));
+        EXPECT_EQ(seam.FunctionOf("E mutex lock failed"), "FocusChangedCallback");
+    }
+    seam.FireFocus(1);
+    EXPECT_EQ(seam.Count("I Focus (1->1)"), 1);
+}
+
+TEST_F(VolumeControlZonesTest, AFocusChangeToAnotherRouteReplacesTheSpeakerSilently) {
+    StartInMultiView();
+    ListenToAll();
+    seam.FireZoneRoute(4, 1);
+    heard.clear();
+    seam.Clear();
+    seam.FireFocus(2);
+    const auto journal = seam.JournalHere();
+    EXPECT_EQ(journal.at(0), "I Focus (1->2)");
+    EXPECT_EQ(journal.at(1), GET_MODE);
+    EXPECT_EQ(journal.at(2), "sound_manager_get_multiview_speaker_selection_with_zone_id(2)");
+    EXPECT_EQ(journal.at(3), "I zoneID:2 route:2");
+    EXPECT_THAT(seam.LogHere(), ElementsAre("I Focus (1->2)", "I zoneID:2 route:2",
+                                            "E Already unset event handler", "I Create HDMI Speaker"));
+    EXPECT_EQ(control->GetSpeakerSelection(), 2);
+    EXPECT_EQ(control->GetPrevSpeakerSelection(), 0) << "as the last route report left it";
+    EXPECT_THAT(heard, IsEmpty());
+    EXPECT_THAT(seam.Watches(fake::HDMI_SUPPORT_KEY).size(), 1U);
+}
+
+TEST_F(VolumeControlZonesTest, AFocusChangeToTheSameRouteKeepsTheSpeaker) {
+    seam.SetZones({{1, 0}, {3, 0}});
+    ModeOn();
+    Start();
+    seam.FireFocus(3);
+    EXPECT_THAT(seam.LogHere(), ElementsAre("I Focus (1->3)", "I zoneID:3 route:0"));
+}
+
+}  // namespace
