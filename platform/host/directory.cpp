@@ -61,7 +61,7 @@ int Fail(const char* what, const fs::path& path, int error) {
 
 // --- Reading
 
-int ReadFile(const fs::path& path, std::string& text) {
+int ReadFile(const fs::path& path, std::string& text, Empty empty) {
     const File file(path, O_RDONLY | O_NONBLOCK);  // a FIFO must not make the reader wait
     struct stat status {};
     if (!file || fstat(file.Get(), &status) != 0)
@@ -79,6 +79,8 @@ int ReadFile(const fs::path& path, std::string& text) {
             break;
         text.append(chunk.data(), static_cast<std::size_t>(count));
     }
+    if (text.empty() && empty == Empty::unfinished)
+        return ENODATA;
     if (text.ends_with('\n'))
         text.pop_back();
     if (text.size() > MAX_VALUE_SIZE)
@@ -280,8 +282,8 @@ Item MasterMute() {
     return {"audio/master_mute", Range{0, 1}};
 }
 
-int TryRead(const Item& item, std::string& text) {
-    const int error = ReadFile(Root() / item.path, text);
+int TryRead(const Item& item, std::string& text, Empty empty) {
+    const int error = ReadFile(Root() / item.path, text, empty);
     if (error != 0 || !item.range)
         return error;
     int value = 0;
@@ -291,8 +293,8 @@ int TryRead(const Item& item, std::string& text) {
     return bad;
 }
 
-int Read(const Item& item, std::string& text) {
-    const int error = TryRead(item, text);
+int Read(const Item& item, std::string& text, Empty empty) {
+    const int error = TryRead(item, text, empty);
     if (error == 0)
         return 0;
     return error == ENOENT ? Failure(error) : Fail("read", Root() / item.path, error);

@@ -56,12 +56,15 @@ Item ZoneRoute(int zone);
 /** One value for both interfaces that report it. */
 Item MasterMute();
 
+/** What a file without a byte stands for: an empty text, or an `echo` at work, which writes in place. */
+enum class Empty { text, unfinished };
+
 /** The errno of the failure, or 0. The text comes without its newline, that of an integer without blanks. */
-int TryRead(const Item& item, std::string& text);
+int TryRead(const Item& item, std::string& text, Empty empty = Empty::text);
 
 /** Like TryRead, but gives the seam's code and one error line, except for a missing file, which is no news.
  */
-int Read(const Item& item, std::string& text);
+int Read(const Item& item, std::string& text, Empty empty = Empty::text);
 int Read(const Item& item, int& value);
 
 /**

@@ -185,7 +185,7 @@ void Reports::Listen(int inotify) {
 
 void Reports::Handle(const inotify_event& event) {
     for (const std::string& path : Affected(event))
-        Check(path);
+        Check(path, (event.mask & (IN_CLOSE_WRITE | IN_MOVED_TO)) != 0);
 }
 
 /**
@@ -209,12 +209,19 @@ std::set<std::string> Reports::Affected(const inotify_event& event) {
     return paths;
 }
 
-void Reports::Check(const std::string& path) {
+/** @param written whether it is this value's file that was finished: if it is unreadable, that is worth a
+ * line */
+void Reports::Check(const std::string& path, bool written) {
     const Guard guard(m_lock);
     const auto found = m_values.find(path);
+    if (found == m_values.end())
+        return;
+    Value& value = found->second;
     std::string text;
-    if (found != m_values.end() && Read(found->second.item, text) == 0 && found->second.known != text)
-        Deliver(found->second, text);
+    const int result =
+        written ? Read(value.item, text, Empty::unfinished) : TryRead(value.item, text, Empty::unfinished);
+    if (result == 0 && value.known != text)
+        Deliver(value, text);
 }
 
 // --- Watches

@@ -72,7 +72,7 @@ private:
     void Listen(int inotify);
     void Handle(const inotify_event& event);
     std::set<std::string> Affected(const inotify_event& event);
-    void Check(const std::string& path);
+    void Check(const std::string& path, bool written);
     void Deliver(Value& value, const std::string& text);
 
     bool IsHeard(const std::string& topic) const;

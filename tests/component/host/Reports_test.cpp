@@ -22,6 +22,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -112,6 +113,16 @@ std::string Text(const char* key) {
     return text ? text.get() : "(null)";
 }
 
+/** Runs `meanwhile` on this thread inside a report, where the platform thread can report nothing. */
+void WhileReporting(const Action& meanwhile) {
+    Ear ignored;
+    Listener busy{ignored, "", meanwhile};
+    static int count = 0;
+    ASSERT_EQ(vconf_notify_key_changed("memory/busy", OnKey, &busy), 0);
+    ASSERT_EQ(vconf_set_int("memory/busy", ++count), 0);
+    ASSERT_EQ(vconf_ignore_key_changed("memory/busy", OnKey), 0);
+}
+
 class ReportsTest : public testing::Test {
 protected:
     static constexpr const char* KEY = "memory/key";
@@ -143,12 +154,21 @@ protected:
         m_keys.insert(key);
         ASSERT_EQ(vconf_notify_key_changed(key.c_str(), callback, &listener), 0);
     }
-    /** Until the platform thread has handled all that happened on the TV before. */
+    /**
+     * Until the platform thread has handled all that happened on the TV before. Twice, because a mark may be
+     * found while everything is read again, before values that come after it.
+     */
     void Settle() {
         static int count = 0;
-        const std::string mark = std::to_string(++count);
-        ASSERT_EQ(peer.Do("set-text memory/fence " + mark), "0");
-        m_fenceEar.WaitFor(mark);
+        for (int i = 0; i < 2; ++i) {
+            const std::string mark = std::to_string(++count);
+            ASSERT_EQ(peer.Do("set-text memory/fence " + mark), "0");
+            m_fenceEar.WaitFor(mark);
+        }
+    }
+    /** Outlives its registration, which the fixture removes. */
+    Listener& NewListener(const std::string& name, const Action& act = nullptr) {
+        return m_listeners.emplace_back(Listener{ear, name, act});
     }
 
     const Folder& tv = Tv::Get();
@@ -157,6 +177,7 @@ protected:
     Listener listener{ear, ""};
 
 private:
+    std::deque<Listener> m_listeners;
     Ear m_fenceEar;
     Listener m_fence{m_fenceEar, ""};
     std::set<std::string> m_keys;
@@ -174,7 +195,7 @@ TEST_F(ReportsTest, AnOwnChangeIsReportedOnceBeforeTheCallReturnsOnItsThread) {
 }
 
 TEST_F(ReportsTest, AnothersChangeIsReportedOnThePlatformThread) {
-    Listener route{ear, "route "};
+    Listener& route = NewListener("route ");
     HearVolume(listener);
     ASSERT_EQ(sound_manager_set_speaker_changed_cb(OnNumber, &route), 0);
     EXPECT_EQ(peer.Do("set-volume 31"), "0");
@@ -245,8 +266,8 @@ TEST_F(ReportsTest, OnlyChangesSinceTheRegistrationAreReported) {
 }
 
 TEST_F(ReportsTest, MasterMuteIsOneValueForBothInterfaces) {
-    Listener hal{ear, "hal "};
-    Listener manager{ear, "manager "};
+    Listener& hal = NewListener("hal ");
+    Listener& manager = NewListener("manager ");
     ASSERT_EQ(audio_set_master_mute(false), 0);
     ASSERT_EQ(audio_register_master_mute_changed_cb(OnValue, &hal), 0);
     ASSERT_EQ(sound_manager_set_tv_master_mute_changed_cb(OnValue, &manager), 0);
@@ -268,6 +289,33 @@ TEST_F(ReportsTest, ThePersonsEchoCountsWhenTheFileIsClosed) {
     file.close();
     Settle();
     EXPECT_THAT(ear.Heard(), ElementsAre("42"));
+}
+
+/** Whatever makes the platform look at the file meanwhile. */
+TEST_F(ReportsTest, AnEchoAtWorkIsNoEmptyText) {
+    EXPECT_EQ(vconf_set_str(KEY, "old"), 0);
+    HearKey(KEY, listener);
+    std::ofstream file(tv / "settings/memory/key");
+    fs::create_directory(tv / "settings/memory/folder");
+    fs::remove(tv / "settings/memory/folder");
+    Settle();
+    EXPECT_THAT(ear.Heard(), IsEmpty());
+    file << "new" << std::endl;
+    file.close();
+    Settle();
+    EXPECT_THAT(ear.Heard(), ElementsAre("new"));
+    testing::internal::CaptureStderr();
+    WhileReporting([&] {
+        tv.Echo("settings/memory/key", "one");
+        file.open(tv / "settings/memory/key");
+    });
+    Settle();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "E Cannot read " + (tv / "settings/memory/key").string() + ": No data available\n");
+    file << "two" << std::endl;
+    file.close();
+    Settle();
+    EXPECT_THAT(ear.Heard(), ElementsAre("new", "two"));
 }
 
 TEST_F(ReportsTest, AFileMovedIntoPlaceCounts) {
@@ -333,7 +381,7 @@ TEST_F(ReportsTest, AnyTextComesBackAsItWas) {
 }
 
 TEST_F(ReportsTest, ZonesAreHeardThoseThatAppearLaterToo) {
-    Listener zones{ear, ""};
+    Listener& zones = NewListener("");
     fs::remove_all(tv / "sound/zones");
     tv.Echo("sound/zones/1/route", "4");
     ASSERT_EQ(sound_manager_set_multiview_speaker_selection_changed_cb(OnZoneRoute, &zones), 0);
@@ -359,8 +407,8 @@ TEST_F(ReportsTest, ZonesAreHeardThoseThatAppearLaterToo) {
 }
 
 TEST_F(ReportsTest, FocusHasAnyNumberOfRegistrations) {
-    Listener one{ear, "one "};
-    Listener two{ear, "two "};
+    Listener& one = NewListener("one ");
+    Listener& two = NewListener("two ");
     const int first = rc_register_audio_focus_changed_callback(OnNumber, &one);
     const int second = rc_register_audio_focus_changed_callback(OnNumber, &two);
     EXPECT_GT(first, 0);
@@ -378,16 +426,6 @@ TEST_F(ReportsTest, FocusHasAnyNumberOfRegistrations) {
 }
 
 // --- Own changes that cross another's
-
-/** Runs `meanwhile` on this thread inside a report, where the platform thread can report nothing. */
-void WhileReporting(const Action& meanwhile) {
-    Ear ignored;
-    Listener busy{ignored, "", meanwhile};
-    static int count = 0;
-    ASSERT_EQ(vconf_notify_key_changed("memory/busy", OnKey, &busy), 0);
-    ASSERT_EQ(vconf_set_int("memory/busy", ++count), 0);
-    ASSERT_EQ(vconf_ignore_key_changed("memory/busy", OnKey), 0);
-}
 
 TEST_F(ReportsTest, ASetterDeliversNothingElseThatIsPending) {
     HearVolume(listener);
@@ -438,8 +476,8 @@ TEST_F(ReportsTest, AChangeAfterAnOwnOneIsReportedThoughItWasWrittenBeforeItsNot
 // --- Registrations
 
 TEST_F(ReportsTest, ASlotHoldsOneRegistration) {
-    Listener first{ear, "first "};
-    Listener second{ear, "second "};
+    Listener& first = NewListener("first ");
+    Listener& second = NewListener("second ");
     HearVolume(first);
     HearVolume(second);
     EXPECT_EQ(audio_set_master_volume(1, 0), 0);
@@ -495,9 +533,9 @@ TEST_F(ReportsTest, NullArgumentsFail) {
 }
 
 TEST_F(ReportsTest, SettingsRegistrationsAreToldApartByKeyAndCallback) {
-    Listener one{ear, "one "};
-    Listener two{ear, "two "};
-    Listener three{ear, "three "};
+    Listener& one = NewListener("one ");
+    Listener& two = NewListener("two ");
+    Listener& three = NewListener("three ");
     HearKey(KEY, one);
     HearKey(KEY, two, OnKeyToo);
     HearKey(OTHER, three);
@@ -540,9 +578,9 @@ TEST_F(ReportsTest, RemovalWaitsForAReportInFlightOnAnotherThread) {
 }
 
 TEST_F(ReportsTest, ACallbackMayRemoveItselfAndOthersAndAddNewOnes) {
-    Listener one{ear, "one "};
-    Listener two{ear, "two "};
-    Listener added{ear, "added "};
+    Listener& one = NewListener("one ");
+    Listener& two = NewListener("two ");
+    Listener& added = NewListener("added ");
     HearKey(KEY, one);
     HearKey(KEY, two, OnKeyToo);
     one.act = [&] {
@@ -561,8 +599,8 @@ TEST_F(ReportsTest, ACallbackMayRemoveItselfAndOthersAndAddNewOnes) {
 /** As the daemon does it when the route changes: on the platform thread, one speaker's registrations for
  * another's. */
 TEST_F(ReportsTest, ACallbackOnThePlatformThreadMayChangeRegistrationsOfOtherValues) {
-    Listener route{ear, "route "};
-    Listener other{ear, "other "};
+    Listener& route = NewListener("route ");
+    Listener& other = NewListener("other ");
     HearVolume(listener);
     route.act = [&] {
         EXPECT_EQ(audio_unregister_master_volume_changed_cb(), 0);
@@ -582,8 +620,8 @@ TEST_F(ReportsTest, ACallbackOnThePlatformThreadMayChangeRegistrationsOfOtherVal
 }
 
 TEST_F(ReportsTest, ACallbacksOwnWritesNest) {
-    Listener first{ear, "first "};
-    Listener second{ear, "second "};
+    Listener& first = NewListener("first ");
+    Listener& second = NewListener("second ");
     HearKey(KEY, first);
     HearKey(KEY, second, OnKeyToo);
     HearVolume(listener);
@@ -641,7 +679,7 @@ TEST_F(ReportsTest, AStormOfWritesAndRegistrationsOnManyThreads) {
         --running;
     };
     listener.act = count;
-    Listener key{ear, "key ", count};
+    Listener& key = NewListener("key ", count);
     peer.Tell("volume-storm " + std::to_string(ROUNDS));
     std::thread writer([&] {
         for (int i = 0; i < ROUNDS; ++i)
@@ -804,10 +842,10 @@ TEST_F(ReportsTest, AfterAnOverflowOfTheQueueEverythingIsReadAgain) {
     const UnreadQueue queue(tv / "settings/memory");
     std::latch running(1);
     std::latch written(1);
-    Listener busy{ear, "busy ", [&] {
-                      running.count_down();
-                      written.wait();
-                  }};
+    Listener& busy = NewListener("busy ", [&] {
+        running.count_down();
+        written.wait();
+    });
     HearKey(OTHER, busy);
     HearKey(KEY, listener);
     HearVolume(listener);
