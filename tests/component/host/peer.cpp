@@ -26,6 +26,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -238,6 +239,11 @@ const std::map<std::string, Command>& Commands() {
                                  std::string(static_cast<std::size_t>(size), 'x').c_str());
          })},
         {"log-unreadable", Does(LogUnreadable)},
+        {"start-and-end-a-thread",
+         [](std::istream&) {
+             std::thread([] {}).join();
+             return std::string("0");
+         }},
         {"pipe-pending", [](std::istream&) { return std::to_string(PipePending()); }},
     };
     return commands;
