@@ -200,7 +200,7 @@ bool HasValues(const fs::path& folder) {
  */
 void FillIfEmpty(const fs::path& root) {
     const fs::path mark = root / ".filling";
-    if (!fs::exists(mark) && HasValues(root))
+    if (HasValues(root) && !fs::exists(mark))  // in this order: the mark is there before the first value
         return;
     if (!File(mark, O_WRONLY | O_CREAT))
         throw fs::filesystem_error("open", mark, std::error_code(errno, std::generic_category()));
