@@ -122,10 +122,10 @@ Entry NewEntry(Entry::Kind kind) {
     return entry;
 }
 
-Entry CallEntry(const char* name, const std::string& arguments) {
+Entry CallEntry(const std::string& name, const std::string& arguments) {
     Entry entry = NewEntry(Entry::Kind::CALL);
     entry.name = name;
-    entry.text = entry.name + '(' + arguments + ')';
+    entry.text = name + '(' + arguments + ')';
     return entry;
 }
 
@@ -256,6 +256,10 @@ std::optional<int> FakeSeam::Record(Entry entry) {
         action();
     }
     return result;
+}
+
+std::optional<int> FakeSeam::Enter(const std::string& name, const std::string& arguments) {
+    return Record(CallEntry(name, arguments));
 }
 
 std::vector<std::string> FakeSeam::Texts(const std::function<bool(const Entry&)>& wanted) const {

@@ -221,6 +221,11 @@ public:
     void BeforeNext(const std::string& what, std::function<void()> action);
     /** Holds the next such call until the result is opened or goes out of scope. */
     [[nodiscard]] BlockedCall BlockNext(const std::string& what);
+    /**
+     * Enters a call of a function outside the seam that the test program defines itself, in place of a
+     * library's. Answers the result that it is to fail with, if any.
+     */
+    std::optional<int> Enter(const std::string& name, const std::string& arguments);
     /** Whether setters report the changes they make; true after Reset. */
     void ReportOwnChanges(bool report);
 

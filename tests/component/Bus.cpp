@@ -1,0 +1,7 @@
+#include "PrivateBus.h"
+
+namespace {
+
+[[maybe_unused]] const bool registered = fake::RegisterPrivateBus();
+
+}  // namespace

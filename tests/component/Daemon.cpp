@@ -1,0 +1,297 @@
+#include "Daemon.h"
+
+#include <errno.h>
+
+#include <algorithm>
+#include <stdexcept>
+
+/** What the daemon compiles at its start. */
+extern "C" const char kavrel_interface_xml[];
+
+namespace {
+
+using fake::Entry;
+using fake::FakeSeam;
+
+constexpr const char* UNANSWERED = "org.olvane.Test.Unanswered";
+
+std::string Line(const Entry& entry) {
+    return entry.kind == Entry::Kind::CALL ? entry.text : entry.site.function + ": " + entry.text;
+}
+
+std::vector<std::string> LinesOf(std::thread::id thread, const std::function<bool(const Entry&)>& wanted) {
+    std::vector<std::string> lines;
+    for (const Entry& entry : FakeSeam::Get().Entries()) {
+        if (entry.thread == thread && wanted(entry)) {
+            lines.push_back(Line(entry));
+        }
+    }
+    return lines;
+}
+
+bool IsLine(const Entry& entry) {
+    return entry.kind == Entry::Kind::CALL || entry.IsLog(DLOG_INFO);
+}
+
+GDBusConnection* Connect() {
+    GError* error = nullptr;
+    GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
+        fake::BusAddress().c_str(),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, &error);
+    if (connection == nullptr) {
+        const std::string message = error->message;
+        g_error_free(error);
+        throw std::runtime_error(message);
+    }
+    return connection;
+}
+
+void Disconnect(GDBusConnection* connection) {
+    g_dbus_connection_close_sync(connection, nullptr, nullptr);
+    g_object_unref(connection);
+}
+
+/** A function for the main loop, and the promise that it has run. */
+struct Task {
+    std::function<void()> action;
+    std::promise<void> done;
+    /** Held while the task changes hands: GLib's own way of handing over is unknown to ThreadSanitizer. */
+    std::mutex mutex;
+};
+
+}  // namespace
+
+std::string ProgramName() {
+    return program_invocation_short_name;
+}
+
+std::vector<std::string> Lines(std::thread::id thread) {
+    return LinesOf(thread, IsLine);
+}
+
+std::vector<std::string> LinesAndScopes(std::thread::id thread) {
+    const std::string mark = "[IN]";
+    auto lines = LinesOf(thread, [&](const Entry& entry) {
+        return IsLine(entry) || (entry.IsTrace() && entry.text.find(mark) != std::string::npos);
+    });
+    for (std::string& line : lines) {
+        if (const auto at = line.find(mark); at != std::string::npos) {
+            line.erase(0, at + mark.size());
+        }
+    }
+    return lines;
+}
+
+std::vector<std::string> LogLines(std::thread::id thread) {
+    return LinesOf(thread, [](const Entry& entry) { return entry.IsLog(DLOG_INFO); });
+}
+
+testing::Matcher<const std::vector<std::string>&> HasInOrder(std::vector<std::string> lines) {
+    return testing::Truly([lines = std::move(lines)](const std::vector<std::string>& all) {
+        auto from = all.begin();
+        for (const std::string& line : lines) {
+            from = std::find(from, all.end(), line);
+            if (from == all.end()) {
+                std::cout << "Missing, or not in order: " << line << '\n';
+                return false;
+            }
+            ++from;
+        }
+        return true;
+    });
+}
+
+Daemon::Daemon(bool waitForName) : m_loop(g_main_loop_new(nullptr, FALSE), &g_main_loop_unref) {
+    std::promise<void> ready;
+    auto isReady = ready.get_future();
+    m_thread = std::thread(&Daemon::Run, this, std::move(ready));
+    isReady.get();
+    if (waitForName && !FakeSeam::Get().WaitFor("LwipcEventDone(\"" + std::string(READY_EVENT) + "\")")) {
+        ADD_FAILURE() << "the daemon did not get its name";
+    }
+}
+
+Daemon::~Daemon() {
+    OnMainLoop([this] { g_main_loop_quit(m_loop.get()); });
+    m_thread.join();
+}
+
+void Daemon::Run(std::promise<void> ready) {
+    m_server = std::make_unique<NKavrel::KVServer>();
+    m_server->Init();
+    ready.set_value();
+    g_main_loop_run(m_loop.get());
+    fake::RunMainContextUntilQuiet();
+    m_server.reset();
+    gio::RemoveLeftovers();
+    fake::RunMainContextUntilQuiet();
+}
+
+gboolean Daemon::RunTask(void* data) {
+    auto* task = static_cast<Task*>(data);
+    const std::lock_guard lock(task->mutex);
+    task->action();
+    task->done.set_value();
+    return G_SOURCE_REMOVE;
+}
+
+void Daemon::OnMainLoop(const std::function<void()>& action) {
+    Task task;
+    std::unique_lock lock(task.mutex);
+    task.action = action;
+    auto done = task.done.get_future();
+    g_idle_add_full(G_PRIORITY_DEFAULT, RunTask, &task, nullptr);
+    lock.unlock();
+    done.get();
+    lock.lock();
+}
+
+void Daemon::WaitUntilIdle() {
+    OnMainLoop(fake::RunMainContextUntilQuiet);
+}
+
+Wire::Wire(const fake::BusClient& client)
+    : m_connection(client.Connection()),
+      m_filter(g_dbus_connection_add_filter(m_connection, OnMessage, this, nullptr)) {}
+
+Wire::~Wire() {
+    g_dbus_connection_remove_filter(m_connection, m_filter);
+}
+
+GDBusMessage* Wire::OnMessage(GDBusConnection*, GDBusMessage* message, gboolean incoming, void* data) {
+    if (!incoming) {
+        return message;
+    }
+    const std::string body = gio::Printed(g_dbus_message_get_body(message));
+    std::string text;
+    switch (g_dbus_message_get_message_type(message)) {
+        case G_DBUS_MESSAGE_TYPE_SIGNAL:
+            text = std::string("signal ") + g_dbus_message_get_member(message) + ' ' + body;
+            break;
+        case G_DBUS_MESSAGE_TYPE_METHOD_RETURN:
+            text = "reply " + body;
+            break;
+        case G_DBUS_MESSAGE_TYPE_ERROR:
+            text = std::string("error ") + g_dbus_message_get_error_name(message);
+            break;
+        default:
+            return message;
+    }
+    auto* wire = static_cast<Wire*>(data);
+    const std::lock_guard lock(wire->m_mutex);
+    wire->m_received.push_back(text);
+    return message;
+}
+
+std::vector<std::string> Wire::Received() const {
+    const std::lock_guard lock(m_mutex);
+    return m_received;
+}
+
+void Wire::Clear() {
+    const std::lock_guard lock(m_mutex);
+    m_received.clear();
+}
+
+PendingCall::PendingCall(const char* method, GVariant* parameters)
+    : m_context(g_main_context_new()), m_service(Connect()), m_caller(Connect()) {
+    g_main_context_push_thread_default(m_context);
+    GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(kavrel_interface_xml, nullptr);
+    const GDBusInterfaceVTable table = {OnCall, nullptr, nullptr, {}};
+    g_dbus_connection_register_object(m_service, OBJECT_PATH, node->interfaces[0], &table, this, nullptr,
+                                      nullptr);
+    g_dbus_node_info_unref(node);
+    g_dbus_connection_call(m_caller, g_dbus_connection_get_unique_name(m_service), OBJECT_PATH, INTERFACE,
+                           method, parameters, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, OnAnswer, this);
+    while (m_invocation == nullptr) {
+        g_main_context_iteration(m_context, TRUE);
+    }
+    g_main_context_pop_thread_default(m_context);
+}
+
+PendingCall::~PendingCall() {
+    Answer();
+    Disconnect(m_caller);
+    Disconnect(m_service);
+    while (g_main_context_iteration(m_context, FALSE)) {
+    }
+    g_main_context_unref(m_context);
+}
+
+std::string PendingCall::Answer() {
+    if (m_invocation != nullptr) {
+        // An answer that has been given is on the wire already, and this one comes too late.
+        GDBusMethodInvocation* invocation = std::exchange(m_invocation, nullptr);
+        g_dbus_method_invocation_return_dbus_error(invocation, UNANSWERED, "");
+        while (m_answer.empty()) {
+            g_main_context_iteration(m_context, TRUE);
+        }
+        if (m_answer == "no reply") {
+            g_object_unref(invocation);  // the reference that a handler's answer would have consumed
+        }
+    }
+    return m_answer;
+}
+
+void PendingCall::OnCall(GDBusConnection*, const char*, const char*, const char*, const char*, GVariant*,
+                         GDBusMethodInvocation* invocation, void* self) {
+    g_object_ref(invocation);
+    static_cast<PendingCall*>(self)->m_invocation = invocation;
+}
+
+void PendingCall::OnAnswer(GObject* connection, GAsyncResult* result, void* self) {
+    std::string& answer = static_cast<PendingCall*>(self)->m_answer;
+    GError* error = nullptr;
+    const fake::Variant reply(g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, &error));
+    if (reply != nullptr) {
+        answer = gio::Printed(reply.get());
+        return;
+    }
+    g_autofree char* name = g_dbus_error_get_remote_error(error);
+    answer = g_strcmp0(name, UNANSWERED) == 0 ? "no reply" : error->message;
+    g_error_free(error);
+}
+
+void DaemonTest::Start() {
+    daemon.emplace();
+    Call("GetSpeakerSupportType");
+    daemon->WaitUntilIdle();
+    seam.Clear();
+}
+
+std::string DaemonTest::Call(const std::string& method, GVariant* parameters) {
+    std::string error;
+    const auto reply = client.Call(BUS_NAME, OBJECT_PATH, INTERFACE, method, parameters, &error);
+    return reply == nullptr ? "error: " + error : gio::Printed(reply.get());
+}
+
+void DaemonTest::Emit(const std::string& name, GVariant* parameters) {
+    client.Emit(PUBLIC_PATH, INTERFACE, name, parameters);
+    daemon->WaitUntilIdle();
+}
+
+std::string DaemonTest::StartLine(const std::string& kind, const std::string& name) const {
+    return kind + "CallHandler: I Start sender:" + client.Name() + ' ' + kind + "_name:" + name;
+}
+
+std::string DaemonTest::CallerLine() const {
+    return "Print: I Called by [" + client.Name() + '/' + ProgramName() + ']';
+}
+
+ServerTest::~ServerTest() {
+    End();
+}
+
+void ServerTest::InitWithoutName() {
+    seam.Fail("g_bus_own_name", gio::NOTHING);
+    server->Init();
+    seam.Clear();
+}
+
+void ServerTest::End() {
+    fake::RunMainContextUntilQuiet();
+    server.reset();
+    gio::RemoveLeftovers();
+}

@@ -1,0 +1,447 @@
+#include "KVServer.h"
+
+#include "Daemon.h"
+#include "KVDefine.h"
+
+using NKavrel::KVServer;
+using testing::AllOf;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+
+namespace {
+
+const std::string READY = "LwipcEventDone(\"/tmp/.kavrel_ready\")";
+const std::string NOT_READY = "LwipcResetEvent(\"/tmp/.kavrel_ready\")";
+constexpr const char* CONTROL_MADE = "NKavrel::VolumeControlImpl::VolumeControlImpl()";
+constexpr const char* CONTROL_GONE = "NKavrel::VolumeControlImpl::~VolumeControlImpl()";
+constexpr const char* REGISTER =
+    "g_dbus_connection_register_object(/Org/Olvane/KavrelInternal, org.olvane.kavrel)";
+constexpr const char* UNREGISTER = "g_dbus_connection_unregister_object()";
+constexpr const char* SUBSCRIBE =
+    "g_dbus_connection_signal_subscribe(*, org.olvane.kavrel, *, /Org/Olvane/Kavrel, *, 0)";
+
+class KVServerTest : public ServerTest {
+protected:
+    void AcquireBus() { KVServer::onBusAcquired(Shared(), BUS_NAME, server.get()); }
+    void AcquireName() { KVServer::onNameAcquired(Shared(), BUS_NAME, server.get()); }
+    void LoseName() { KVServer::onNameLost(Shared(), BUS_NAME, server.get()); }
+    /** What the end of the server does, seam calls left out. */
+    std::vector<std::string> StepsOfEnd() {
+        seam.Clear();
+        server.reset();
+        auto steps = LinesAndScopes();
+        std::erase_if(steps, [](const std::string& step) {
+            for (const char* kept : {"~", "Deinit()", "g_", "unregister_object"}) {
+                if (step.find(kept) != std::string::npos && step.find("Speaker") == std::string::npos &&
+                    step.find("Gain") == std::string::npos) {
+                    return false;
+                }
+            }
+            return true;
+        });
+        return steps;
+    }
+};
+
+/** The daemon with its own name, on its own main loop. */
+class KVServerLifeTest : public DaemonTest {
+protected:
+    /** GLib warns when it is to release a name that is not there. */
+    void TearDown() override {
+        if (daemon) {
+            RegainName();
+        }
+    }
+    /** A request to the bus about the daemon's name, sent as the daemon itself. */
+    void AsDaemon(const char* method, GVariant* parameters) {
+        GDBusConnection* shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+        const fake::Variant reply(g_dbus_connection_call_sync(
+            shared, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", method,
+            parameters, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr));
+        g_object_unref(shared);
+        ASSERT_NE(reply, nullptr);
+        daemon->WaitUntilIdle();
+    }
+    void LoseName() { AsDaemon("ReleaseName", g_variant_new("(s)", BUS_NAME)); }
+    void RegainName() { AsDaemon("RequestName", g_variant_new("(su)", BUS_NAME, 0)); }
+    std::string CallByUniqueName(const std::string& method) {
+        GDBusConnection* shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+        const std::string name = g_dbus_connection_get_unique_name(shared);
+        g_object_unref(shared);
+        std::string error;
+        const auto reply = client.Call(name, OBJECT_PATH, INTERFACE, method, nullptr, &error);
+        return reply == nullptr ? "error: " + error : gio::Printed(reply.get());
+    }
+};
+
+// The constructor and Init.
+
+TEST_F(KVServerTest, ConstructionDoesNothingButTrace) {
+    EXPECT_THAT(Lines(), IsEmpty());
+    EXPECT_THAT(seam.Trace(),
+                ElementsAre("[IN]NKavrel::KVServer::KVServer()", "[OUT]NKavrel::KVServer::KVServer()"));
+}
+
+TEST_F(KVServerTest, InitAsksForTheNameThenMakesTheVolumeControlThenTrackerAndDispatcher) {
+    EXPECT_TRUE(server->Init());
+    const std::string setHandler =
+        "void NKavrel::VolumeControlImpl::SetEventHandler(const std::string&, const "
+        "NKavrel::VolumeEventHandler&)";
+    EXPECT_THAT(
+        LinesAndScopes(),
+        HasInOrder({"bool NKavrel::KVServer::Init()", "g_dbus_node_info_new_for_xml()",
+                    "g_bus_own_name(system bus, org.olvane.kavrel, 0)", CONTROL_MADE,
+                    "NKavrel::KVAudioGainHandler::KVAudioGainHandler()",
+                    "std::unique_lock<std::recursive_mutex> NKavrel::VolumeControlImpl::WaitForLock()",
+                    setHandler, setHandler, setHandler, "NKavrel::KVDbusSender::KVDbusSender()",
+                    "NKavrel::KVDbusEventHandler::KVDbusEventHandler()",
+                    "void NKavrel::KVDbusEventHandler::Init()", "_AddMedthodCallEvents: I Add 9 events",
+                    "_AddSignalEvents: I Add 4 signal events"}));
+    EXPECT_EQ(seam.Count("D \t[IN]NKavrel::VolumeControlImpl::VolumeControlImpl()"), 1);
+}
+
+TEST_F(KVServerTest, InitLogsTheIdOfTheNameRequest) {
+    seam.Fail("g_bus_own_name", 0);
+    EXPECT_TRUE(server->Init());
+    EXPECT_THAT(LogLines(), Contains("Init: I g_bus_own_name return 0"));
+}
+
+TEST_F(KVServerTest, BusCallbacksRunOnlyWhenTheMainLoopRuns) {
+    server->Init();
+    EXPECT_THAT(Lines(), Not(Contains(REGISTER)));
+    EXPECT_FALSE(seam.Event(READY_EVENT));
+    EXPECT_TRUE(fake::RunMainContextUntil([&] { return seam.Event(READY_EVENT); }));
+    EXPECT_THAT(Lines(), HasInOrder({REGISTER, SUBSCRIBE, READY}));
+}
+
+TEST_F(KVServerTest, InitRegistersAListenerForEachOfTheThreeEvents) {
+    InitWithoutName();
+    for (const std::string& event :
+         {KVDefine::VOLUME_CHANGED, KVDefine::MUTE_CHANGED, KVDefine::SPEAKER_CHANGED}) {
+        server->getCurrentSpeaker()->SetEventHandler(event, [](int, int) {});
+    }
+    EXPECT_THAT(LogLines(), ElementsAre("SetEventHandler: E Already set VOLUME_CHANGED event handler",
+                                        "SetEventHandler: E Already set MUTE_CHANGED event handler",
+                                        "SetEventHandler: E Already set SPEAKER_CHANGED event handler"));
+}
+
+TEST_F(KVServerTest, InitWaitsWhileAReportHoldsTheVolumeControlAndRegistersAllTheSame) {
+    seam.Fail("g_bus_own_name", gio::NOTHING);
+    auto report = seam.BlockNext("I volume is changed : 33");
+    std::thread platform;
+    std::thread opener;
+    // The volume control object can be reported to, and Init is still building its gain controller.
+    seam.BeforeNext("I Create AudioGainHandler. Reset AudioGain(MAX). ret:0", [&] {
+        platform = std::thread([&] { seam.FireVolume(33); });
+        ASSERT_TRUE(report.WaitReached());
+        opener = std::thread([&] {
+            const auto waiting = [](const std::vector<fake::Entry>& journal) {
+                return std::ranges::any_of(journal, [](const fake::Entry& entry) {
+                    return entry.IsTrace() && entry.text.find("::WaitForLock()") != std::string::npos;
+                });
+            };
+            EXPECT_TRUE(seam.WaitUntil(waiting));
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));  // Init stands at the lock now
+            report.Open();
+        });
+    });
+    EXPECT_TRUE(server->Init());
+    report.Open();
+    opener.join();
+    platform.join();
+    EXPECT_THAT(LogLines(), Not(Contains("SetEventHandler: E mutex lock failed")));
+    seam.FireVolume(34);
+    EXPECT_THAT(LogLines(), Contains("onVolumeChanged: E Connection is NULL"));
+    seam.FireMute(1);
+    EXPECT_THAT(LogLines(), Contains("onMuteChanged: E Connection is NULL"));
+    seam.FireRoute(12);
+    EXPECT_THAT(LogLines(),
+                Contains("onSpeakerChanged: I Speaker changed[0->12]. mode:0xffff, gainMax(ret:0)"));
+}
+
+TEST_F(KVServerTest, AnInterfaceThatCannotBeCompiledLeavesNothingBehind) {
+    seam.Fail("g_dbus_node_info_new_for_xml", gio::REFUSED);
+    EXPECT_FALSE(server->Init());
+    EXPECT_THAT(Lines(), ElementsAre("g_dbus_node_info_new_for_xml()",
+                                     "Init: E Failed g_dbus_node_info_new_for_xml. refused by the test"));
+}
+
+TEST_F(KVServerTest, AMissingErrorObjectPrintsAsNull) {
+    seam.Fail("g_dbus_node_info_new_for_xml", gio::NOTHING);
+    EXPECT_FALSE(server->Init());
+    EXPECT_THAT(LogLines(), ElementsAre("Init: E Failed g_dbus_node_info_new_for_xml. (null)"));
+}
+
+TEST_F(KVServerTest, AnotherInitReplacesTrackerAndDispatcher) {
+    InitWithoutName();
+    EXPECT_TRUE(server->Init());
+    EXPECT_THAT(
+        LinesAndScopes(),
+        HasInOrder({"NKavrel::KVDbusSender::KVDbusSender()", "NKavrel::KVDbusSender::~KVDbusSender()",
+                    "NKavrel::KVDbusEventHandler::KVDbusEventHandler()",
+                    "NKavrel::KVDbusEventHandler::~KVDbusEventHandler()",
+                    "_AddMedthodCallEvents: I Add 9 events", "_AddSignalEvents: I Add 4 signal events"}));
+    EXPECT_THAT(LinesAndScopes(), Not(Contains(CONTROL_MADE)));
+}
+
+// The volume control object.
+
+TEST_F(KVServerTest, TheVolumeControlIsMadeByItsFirstUse) {
+    auto& control = server->getCurrentSpeaker();
+    ASSERT_NE(control, nullptr);
+    EXPECT_THAT(LinesAndScopes(), Contains(CONTROL_MADE));
+    EXPECT_EQ(&server->getCurrentSpeaker(), &control);
+    EXPECT_EQ(seam.Count("D \t[IN]NKavrel::VolumeControlImpl::VolumeControlImpl()"), 1);
+}
+
+TEST_F(KVServerTest, AMethodCallMakesAMissingVolumeControlBeforeItsHandlerRuns) {
+    InitWithoutName();
+    server->getCurrentSpeaker().reset();
+    PendingCall call("GetSpeakerVolume");
+    seam.Clear();
+    KVServer::methodCallHandler(call.Connection(), ":1.99", OBJECT_PATH, INTERFACE, "GetSpeakerVolume",
+                                nullptr, call.Invocation(), server.get());
+    EXPECT_THAT(LinesAndScopes(), HasInOrder({CONTROL_MADE,
+                                              "_OnGetSpeakerVolume: I Return Current volume "
+                                              "state(10), ret:0"}));
+    EXPECT_EQ(call.Answer(), "(10, 0)");
+}
+
+// Bus acquired.
+
+TEST_F(KVServerTest, BusAcquiredRefusesNulls) {
+    KVServer::onBusAcquired(nullptr, BUS_NAME, nullptr);
+    KVServer::onBusAcquired(nullptr, BUS_NAME, server.get());
+    KVServer::onBusAcquired(Shared(), BUS_NAME, nullptr);
+    EXPECT_THAT(Lines(), ElementsAre("onBusAcquired: E Connection is NULL",
+                                     "onBusAcquired: E Connection is NULL", "onBusAcquired: E pObj is NULL"));
+}
+
+TEST_F(KVServerTest, BusAcquiredRegistersTheObjectThenSubscribesOnThePublicPath) {
+    InitWithoutName();
+    AcquireBus();
+    const auto lines = Lines();
+    ASSERT_EQ(lines.size(), 3U);
+    EXPECT_EQ(lines[0], REGISTER);
+    EXPECT_THAT(lines[1], testing::MatchesRegex("onBusAcquired: I m_DbusRegisterObjId:[1-9][0-9]*"));
+    EXPECT_EQ(lines[2], SUBSCRIBE);
+}
+
+TEST_F(KVServerTest, AFailedRegistrationIsLoggedAndNothingIsSubscribed) {
+    InitWithoutName();
+    seam.Fail("g_dbus_connection_register_object", gio::REFUSED, 1);
+    seam.Fail("g_dbus_connection_register_object", gio::NOTHING, 2);
+    AcquireBus();
+    AcquireBus();
+    const std::string failed = "onBusAcquired: E Failed g_dbus_connection_register_object(). ";
+    EXPECT_THAT(Lines(), ElementsAre(REGISTER, failed + "refused by the test", REGISTER, failed + "(null)"));
+}
+
+TEST_F(KVServerTest, ASecondBusAcquiredRegistersAndSubscribesAgainAndRemovesNothing) {
+    InitWithoutName();
+    AcquireBus();
+    gio::RemoveLeftovers();  // as on a new connection: the path is free
+    AcquireBus();
+    EXPECT_THAT(seam.Calls("g_"), ElementsAre(REGISTER, SUBSCRIBE, REGISTER, SUBSCRIBE));
+}
+
+// Name acquired.
+
+TEST_F(KVServerTest, NameAcquiredRefusesNulls) {
+    KVServer::onNameAcquired(nullptr, BUS_NAME, nullptr);
+    KVServer::onNameAcquired(nullptr, BUS_NAME, server.get());
+    KVServer::onNameAcquired(Shared(), BUS_NAME, nullptr);
+    EXPECT_THAT(Lines(),
+                ElementsAre("onNameAcquired: E Connection is NULL", "onNameAcquired: E Connection is NULL",
+                            "onNameAcquired: E pObj is NULL"));
+}
+
+TEST_F(KVServerTest, NameAcquiredRaisesTheReadyEventAndNeverMindsItsResult) {
+    seam.Fail("LwipcEventDone", -7);
+    AcquireName();
+    EXPECT_THAT(Lines(), ElementsAre(READY));
+}
+
+TEST_F(KVServerTest, TheConnectionStandsBeforeTheReadyEventIsRaised) {
+    InitWithoutName();
+    seam.BeforeNext(READY, [&] { KVServer::onVolumeChanged(1, 2, server.get()); });
+    AcquireName();
+    EXPECT_THAT(LogLines(), ElementsAre("onVolumeChanged: I Send dbus signal VolumeChanged : 2"));
+}
+
+TEST_F(KVServerTest, CallsAreServedBeforeTheNameButChangesAreNotToldThenNorLater) {
+    InitWithoutName();
+    AcquireBus();
+    fake::BusClient client;
+    client.Listen(OBJECT_PATH, INTERFACE);
+    const std::string name = g_dbus_connection_get_unique_name(Shared());
+    std::string answer;
+    std::thread caller([&] {
+        fake::BusClient another;
+        const auto reply =
+            another.Call(name, OBJECT_PATH, INTERFACE, "SetSpeakerVolume", g_variant_new("(i)", 30));
+        answer = reply == nullptr ? "no reply" : gio::Printed(reply.get());
+        g_main_context_wakeup(nullptr);
+    });
+    EXPECT_TRUE(fake::RunMainContextUntil(
+        [&] { return seam.Count("g_dbus_method_invocation_return_value((0,))") == 1; }));
+    caller.join();
+    EXPECT_EQ(answer, "(0,)");
+    EXPECT_THAT(LogLines(), HasInOrder({"_OnVolumeChanged: I volume is changed : 30",
+                                        "onVolumeChanged: E Connection is NULL",
+                                        "_OnSetSpeakerVolume: I Return volume 30. ret:0"}));
+    EXPECT_THAT(client.TakeSignals(), IsEmpty());
+    AcquireName();
+    seam.FireVolume(31);
+    const auto signals = client.TakeSignals();
+    ASSERT_EQ(signals.size(), 1U);
+    EXPECT_EQ(signals[0].body, "(65535, 31)");
+}
+
+// Name lost.
+
+TEST_F(KVServerTest, NameLostRefusesNulls) {
+    KVServer::onNameLost(nullptr, BUS_NAME, nullptr);
+    KVServer::onNameLost(nullptr, BUS_NAME, server.get());
+    KVServer::onNameLost(Shared(), BUS_NAME, nullptr);
+    EXPECT_THAT(Lines(), ElementsAre("onNameLost: E Connection is NULL", "onNameLost: E Connection is NULL",
+                                     "onNameLost: E pObj is NULL"));
+}
+
+TEST_F(KVServerTest, NameLostForgetsTheConnectionThenUnregistersThenResetsTheReadyEvent) {
+    InitWithoutName();
+    AcquireBus();
+    AcquireName();
+    seam.Clear();
+    seam.BeforeNext("g_dbus_connection_unregister_object",
+                    [&] { KVServer::onVolumeChanged(1, 2, server.get()); });
+    LoseName();
+    EXPECT_THAT(Lines(), ElementsAre(UNREGISTER, "onVolumeChanged: E Connection is NULL", NOT_READY));
+    EXPECT_FALSE(seam.Event(READY_EVENT));
+}
+
+TEST_F(KVServerTest, NameLostNeverMindsWhatCannotBeUndone) {
+    seam.Fail("LwipcResetEvent", -7);
+    LoseName();
+    EXPECT_THAT(Lines(), ElementsAre(UNREGISTER, NOT_READY));
+}
+
+TEST_F(KVServerLifeTest, TheReadyEventStandsWhileTheNameIsOwned) {
+    Start();
+    EXPECT_TRUE(seam.Event(READY_EVENT));
+    LoseName();
+    EXPECT_FALSE(seam.Event(READY_EVENT));
+    RegainName();
+    EXPECT_TRUE(seam.Event(READY_EVENT));
+}
+
+TEST_F(KVServerLifeTest, AfterTheNameIsLostTheLoopRunsOnWithoutTheObject) {
+    Start();
+    EXPECT_EQ(CallByUniqueName("GetSpeakerVolume"), "(10, 0)");
+    LoseName();
+    EXPECT_THAT(CallByUniqueName("GetSpeakerVolume"), testing::StartsWith("error: "));
+    bool ran = false;
+    daemon->OnMainLoop([&] { ran = true; });
+    EXPECT_TRUE(ran);
+}
+
+TEST_F(KVServerLifeTest, ChangesAreToldOnlyWhileTheNameIsOwned) {
+    Start();
+    client.Listen(OBJECT_PATH, INTERFACE);
+    LoseName();
+    seam.FireVolume(20);
+    seam.FireMute(1);
+    EXPECT_THAT(LogLines(),
+                HasInOrder({"onVolumeChanged: E Connection is NULL", "onMuteChanged: E Connection is NULL"}));
+    EXPECT_THAT(client.TakeSignals(), IsEmpty());
+    RegainName();
+    seam.FireVolume(21);
+    const auto signals = client.TakeSignals();
+    ASSERT_EQ(signals.size(), 1U);
+    EXPECT_EQ(signals[0].body, "(65535, 21)");
+}
+
+TEST_F(KVServerLifeTest, SignalsAreHeardWithoutTheNameToo) {
+    Start();
+    LoseName();
+    Emit("BudsConnected", g_variant_new("(i)", 4));
+    EXPECT_THAT(Log(), Contains("_OnBudsConnected: I Buds Connected. reason:4"));
+}
+
+TEST_F(KVServerLifeTest, TheIdOfTheObjectOutlivesTheName) {
+    Start();
+    LoseName();
+    RegainName();
+    const auto thread = daemon->Thread();
+    daemon.reset();  // has a connection and an id, but nothing is registered under it
+    EXPECT_THAT(LogLines(thread), Contains("~KVServer: E unregister_object() result FAILED"));
+}
+
+TEST_F(KVServerLifeTest, ASecondInstanceLosesTheNameAtOnceAndServesNobody) {
+    const auto reply = client.Call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                                   "RequestName", g_variant_new("(su)", BUS_NAME, 0));
+    ASSERT_NE(reply, nullptr);
+    daemon.emplace(false);
+    ASSERT_TRUE(seam.WaitFor(NOT_READY));
+    daemon->WaitUntilIdle();
+    EXPECT_THAT(Lines(daemon->Thread()),
+                AllOf(HasInOrder({REGISTER, SUBSCRIBE, UNREGISTER, NOT_READY}), Not(Contains(READY))));
+    EXPECT_THAT(CallByUniqueName("GetSpeakerVolume"), testing::StartsWith("error: "));
+}
+
+// The end.
+
+TEST_F(KVServerTest, TheEndLeavesTheBusFirstAndDestroysTheVolumeControlLast) {
+    server->Init();
+    ASSERT_TRUE(fake::RunMainContextUntil([&] { return seam.Event(READY_EVENT); }));
+    EXPECT_THAT(StepsOfEnd(), ElementsAre("NKavrel::KVServer::~KVServer()", UNREGISTER,
+                                          "~KVServer: E unregister_object() result OK",
+                                          "NKavrel::KVDbusSender::~KVDbusSender()",
+                                          "void NKavrel::KVDbusEventHandler::Deinit()",
+                                          "NKavrel::KVDbusEventHandler::~KVDbusEventHandler()",
+                                          "g_bus_unown_name()", "g_dbus_node_info_unref()", CONTROL_GONE));
+}
+
+TEST_F(KVServerTest, TheEndWithoutTheNameUnregistersNothing) {
+    InitWithoutName();
+    AcquireBus();
+    EXPECT_THAT(StepsOfEnd(),
+                ElementsAre("NKavrel::KVServer::~KVServer()", "NKavrel::KVDbusSender::~KVDbusSender()",
+                            "void NKavrel::KVDbusEventHandler::Deinit()",
+                            "NKavrel::KVDbusEventHandler::~KVDbusEventHandler()", "g_dbus_node_info_unref()",
+                            CONTROL_GONE));
+}
+
+TEST_F(KVServerTest, TheEndWithoutAnObjectUnregistersNothing) {
+    InitWithoutName();
+    AcquireName();
+    EXPECT_THAT(StepsOfEnd(), Not(Contains(UNREGISTER)));
+}
+
+TEST_F(KVServerTest, TheEndAfterAFailedInitHasNothingToDo) {
+    seam.Fail("g_dbus_node_info_new_for_xml", gio::REFUSED);
+    server->Init();
+    EXPECT_THAT(StepsOfEnd(), ElementsAre("NKavrel::KVServer::~KVServer()"));
+}
+
+TEST_F(KVServerTest, TheEndWithoutInitHasNothingToDo) {
+    EXPECT_THAT(StepsOfEnd(), ElementsAre("NKavrel::KVServer::~KVServer()"));
+}
+
+TEST_F(KVServerTest, AReportDuringTheEndFindsTheVolumeControlAndMakesNoOther) {
+    InitWithoutName();
+    // Its listeners stand, and so does its speaker; the server is on its way out.
+    seam.BeforeNext("D \t[IN]void NKavrel::VolumeControlImpl::UnsetEventHandler()", [&] {
+        seam.FireMute(1);
+        seam.FireRoute(12);
+    });
+    server.reset();
+    EXPECT_THAT(LogLines(),
+                HasInOrder({"onMuteChanged: E Connection is NULL",
+                            "onSpeakerChanged: I Speaker changed[0->12]. mode:0xffff, gainMax(ret:0)"}));
+    EXPECT_THAT(LinesAndScopes(), Not(Contains(CONTROL_MADE)));
+}
+
+}  // namespace
