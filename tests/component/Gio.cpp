@@ -87,6 +87,10 @@ std::string Printed(GVariant* value) {
     return text;
 }
 
+fake::Variant Parsed(const char* text) {
+    return fake::Variant(g_variant_parse(nullptr, text, nullptr, nullptr, nullptr));
+}
+
 void ReplyToNextCall(GVariant* reply) {
     const std::lock_guard lock(State().mutex);
     State().nextReply = g_variant_ref_sink(reply);

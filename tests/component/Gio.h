@@ -18,6 +18,8 @@
 
 #include <string>
 
+#include "PrivateBus.h"
+
 namespace gio {
 
 /** As a result to fail with: the call sets its error object, with the message REFUSAL. */
@@ -28,6 +30,9 @@ inline constexpr const char* REFUSAL = "refused by the test";
 
 /** `value` with all types that are not obvious: "(uint32 5, true)". */
 std::string Printed(GVariant* value);
+
+/** The value of a text in GLib's notation: "(1, 'x')". */
+fake::Variant Parsed(const char* text);
 
 /** The next synchronous call of the shared connection gives this reply instead of asking anyone. */
 void ReplyToNextCall(GVariant* reply);

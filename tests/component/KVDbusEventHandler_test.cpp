@@ -1,0 +1,212 @@
+#include "KVDbusEventHandler.h"
+
+#include "Daemon.h"
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+/** A method, the function that logs for it, and arguments that it takes. */
+struct Method {
+    const char* name;
+    const char* function;
+    const char* arguments;
+};
+
+constexpr Method GETTERS[] = {
+    {"GetSpeakerSupportType", "_OnGetSpeakerSupportType", "()"},
+    {"GetSpeakerVolume", "_OnGetSpeakerVolume", "()"},
+    {"GetSpeakerMute", "_OnGetSpeakerMute", "()"},
+};
+constexpr Method SETTERS[] = {
+    {"SetSpeakerVolume", "_OnSetSpeakerVolume", "(30,)"},
+    {"SetSpeakerMute", "_OnSetSpeakerMute", "(true,)"},
+};
+constexpr Method GAIN_METHODS[] = {
+    {"ApplyPlayerFadeIn", "_HandleApplyVolumeFadeIn", "(1,)"},
+    {"ApplyUnmuteFadeIn", "_HandleApplyVolumeFadeIn", "(1,)"},
+    {"ResetPlayerGain", "_OnResetPlayerGain", "(1,)"},
+    {"ApplyGainOnMute", "_OnApplyGainOnMute", "(1, 40)"},
+};
+constexpr Method SIGNALS[] = {
+    {"SpkDisconnected", "_OnSpeakerDisconnected", "(3, 'Box')"},
+    {"ApplyPulseAudioGain", "_OnApplyPulseAudioGain", "(50, 0)"},
+    {"BudsConnected", "_OnBudsConnected", "(1,)"},
+    {"BudsDisconnected", "_OnBudsDisconnected", "(1,)"},
+};
+
+std::string Said(const Method& method, const std::string& text) {
+    return std::string(method.function) + ": " + text;
+}
+
+const std::string NO_PARAMETERS = "E nullptr parameters";
+const std::string NO_USER_DATA = "E nullptr user data";
+
+/** The dispatcher by itself, over a volume control object of its own. */
+class KVDbusEventHandlerTest : public testing::Test {
+protected:
+    void SetUp() override {
+        handler.Init();
+        seam.Clear();
+    }
+
+    /** Calls a method with a real invocation; what the caller was answered. */
+    std::string CallWith(const Method& method, GVariant* parameters, void* userData) {
+        const auto arguments = gio::Parsed(method.arguments);
+        PendingCall call(method.name, arguments.get());
+        seam.Clear();
+        handler.OnMethodCall(method.name, parameters, call.Invocation(), userData);
+        return call.Answer();
+    }
+
+    fake::FakeSeam& seam = fake::FakeSeam::Get();
+    NKavrel::VolumeControlImpl control;
+    NKavrel::KVDbusEventHandler handler;
+};
+
+// The tables.
+
+TEST_F(KVDbusEventHandlerTest, InitFillsTheMethodsThenTheSignals) {
+    NKavrel::KVDbusEventHandler another;
+    another.Init();
+    EXPECT_THAT(Lines(), ElementsAre("_AddMedthodCallEvents: I Add 9 events",
+                                     "_AddSignalEvents: I Add 4 signal events"));
+}
+
+TEST_F(KVDbusEventHandlerTest, AnotherInitKeepsWhatIsThere) {
+    handler.Init();
+    EXPECT_THAT(Lines(), ElementsAre("_AddMedthodCallEvents: I Add 9 events",
+                                     "_AddSignalEvents: I Add 4 signal events"));
+    EXPECT_EQ(CallWith(GETTERS[1], nullptr, &control), "(10, 0)");
+}
+
+TEST_F(KVDbusEventHandlerTest, BeforeInitNothingIsKnown) {
+    NKavrel::KVDbusEventHandler empty;
+    empty.OnMethodCall("GetSpeakerVolume", nullptr, nullptr, &control);
+    empty.OnSignal("BudsConnected", nullptr, &control);
+    EXPECT_THAT(Lines(), ElementsAre("OnMethodCall: E Not matched methodCall:GetSpeakerVolume",
+                                     "OnSignal: E Not matched signal:BudsConnected"));
+}
+
+TEST_F(KVDbusEventHandlerTest, AfterDeinitNothingIsKnownAndInitFillsAgain) {
+    handler.Deinit();
+    handler.OnSignal("BudsConnected", nullptr, &control);
+    EXPECT_THAT(Lines(), ElementsAre("OnSignal: E Not matched signal:BudsConnected"));
+    EXPECT_EQ(CallWith(GETTERS[1], nullptr, &control), "no reply");
+    EXPECT_THAT(LogLines(), ElementsAre("OnMethodCall: E Not matched methodCall:GetSpeakerVolume"));
+    seam.Clear();
+    handler.Init();
+    EXPECT_THAT(Lines(), ElementsAre("_AddMedthodCallEvents: I Add 9 events",
+                                     "_AddSignalEvents: I Add 4 signal events"));
+}
+
+TEST_F(KVDbusEventHandlerTest, TheDestructorCallsNoDeinit) {
+    auto another = std::make_unique<NKavrel::KVDbusEventHandler>();
+    seam.Clear();
+    another.reset();
+    EXPECT_THAT(seam.Trace(), ElementsAre("[IN]NKavrel::KVDbusEventHandler::~KVDbusEventHandler()",
+                                          "[OUT]NKavrel::KVDbusEventHandler::~KVDbusEventHandler()"));
+}
+
+TEST_F(KVDbusEventHandlerTest, NamesAreMatchedExactly) {
+    for (const char* name : {"getspeakervolume", "GETSPEAKERVOLUME", "GetSpeakerVolume ", " GetSpeakerVolume",
+                             "GetSpeakerVolum", "GetSpeakerVolumeX", "", "BudsConnected"}) {
+        PendingCall call("GetSpeakerVolume");
+        seam.Clear();
+        handler.OnMethodCall(name, nullptr, call.Invocation(), &control);
+        EXPECT_EQ(call.Answer(), "no reply") << name;
+        EXPECT_THAT(LogLines(), ElementsAre("OnMethodCall: E Not matched methodCall:" + std::string(name)));
+    }
+    const auto parameters = gio::Parsed("(1,)");
+    for (const char* name : {"budsconnected", "BudsConnecte", "BudsConnectedX", "", "GetSpeakerVolume"}) {
+        seam.Clear();
+        handler.OnSignal(name, parameters.get(), &control);
+        EXPECT_THAT(Lines(), ElementsAre("OnSignal: E Not matched signal:" + std::string(name)));
+    }
+}
+
+// Nulls: every one is logged by the handler, and nobody is answered.
+
+TEST_F(KVDbusEventHandlerTest, GettersNeedNoParameters) {
+    for (const Method& method : GETTERS) {
+        EXPECT_THAT(CallWith(method, nullptr, &control), testing::MatchesRegex("\\([0-9]+, 0\\)"))
+            << method.name;
+    }
+}
+
+TEST_F(KVDbusEventHandlerTest, GettersWithoutUserDataDoNotAnswer) {
+    for (const Method& method : GETTERS) {
+        EXPECT_EQ(CallWith(method, nullptr, nullptr), "no reply") << method.name;
+        EXPECT_THAT(LogLines(), ElementsAre(Said(method, NO_USER_DATA)));
+    }
+}
+
+TEST_F(KVDbusEventHandlerTest, VolumeSettersLookAtTheUserDataFirst) {
+    for (const Method& method : SETTERS) {
+        const auto parameters = gio::Parsed(method.arguments);
+        EXPECT_EQ(CallWith(method, nullptr, nullptr), "no reply");
+        EXPECT_THAT(LogLines(), ElementsAre(Said(method, NO_USER_DATA)));
+        EXPECT_EQ(CallWith(method, parameters.get(), nullptr), "no reply");
+        EXPECT_THAT(LogLines(), ElementsAre(Said(method, NO_USER_DATA)));
+        EXPECT_EQ(CallWith(method, nullptr, &control), "no reply");
+        EXPECT_THAT(LogLines(), ElementsAre(Said(method, NO_PARAMETERS)));
+    }
+    EXPECT_EQ(seam.Volume(), 10);
+    EXPECT_FALSE(seam.Mute());
+}
+
+TEST_F(KVDbusEventHandlerTest, GainMethodsLookAtTheParametersFirst) {
+    for (const Method& method : GAIN_METHODS) {
+        const auto parameters = gio::Parsed(method.arguments);
+        EXPECT_EQ(CallWith(method, nullptr, nullptr), "no reply");
+        EXPECT_THAT(LogLines(), ElementsAre(Said(method, NO_PARAMETERS)));
+        EXPECT_EQ(CallWith(method, nullptr, &control), "no reply");
+        EXPECT_THAT(LogLines(), ElementsAre(Said(method, NO_PARAMETERS)));
+        EXPECT_EQ(CallWith(method, parameters.get(), nullptr), "no reply");
+        EXPECT_THAT(LogLines(), ElementsAre(Said(method, NO_USER_DATA)));
+    }
+    EXPECT_THAT(seam.GainWrites(), IsEmpty());
+}
+
+TEST_F(KVDbusEventHandlerTest, SignalsLookAtTheParametersFirstAndHaveNoEffect) {
+    for (const Method& signal : SIGNALS) {
+        const auto parameters = gio::Parsed(signal.arguments);
+        seam.Clear();
+        handler.OnSignal(signal.name, nullptr, nullptr);
+        handler.OnSignal(signal.name, nullptr, &control);
+        handler.OnSignal(signal.name, parameters.get(), nullptr);
+        EXPECT_THAT(Lines(), ElementsAre(Said(signal, NO_PARAMETERS), Said(signal, NO_PARAMETERS),
+                                         Said(signal, NO_USER_DATA)));
+    }
+    EXPECT_FALSE(control.GetMuteOnSpkChanged());
+}
+
+TEST_F(KVDbusEventHandlerTest, ASignalOfAnotherTypeIsDroppedWithBothTypesNamed) {
+    const char* wrong[] = {"()", "('x',)", "(uint32 1,)", "(1, 2, 3)", "(int64 1, 'x')", "(<1>,)"};
+    const std::string expected[] = {"(is)", "(ii)", "(i)", "(i)"};
+    for (std::size_t i = 0; i < std::size(SIGNALS); ++i) {
+        for (const char* body : wrong) {
+            const auto parameters = gio::Parsed(body);
+            seam.Clear();
+            handler.OnSignal(SIGNALS[i].name, parameters.get(), &control);
+            EXPECT_THAT(
+                Lines(),
+                ElementsAre(Said(SIGNALS[i], std::string("E Invalid parameters of signal ") +
+                                                 SIGNALS[i].name + ": expected " + expected[i] + ", got " +
+                                                 g_variant_get_type_string(parameters.get()))));
+        }
+    }
+    EXPECT_FALSE(control.GetMuteOnSpkChanged());
+}
+
+TEST_F(KVDbusEventHandlerTest, TheNullChecksOfASignalComeBeforeItsType) {
+    const auto wrong = gio::Parsed("('x',)");
+    for (const Method& signal : SIGNALS) {
+        seam.Clear();
+        handler.OnSignal(signal.name, wrong.get(), nullptr);
+        EXPECT_THAT(Lines(), ElementsAre(Said(signal, NO_USER_DATA)));
+    }
+}
+
+}  // namespace
