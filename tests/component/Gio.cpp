@@ -20,7 +20,7 @@ struct Leftovers {
     /** Guarded by mutex. */
     std::set<guint> objects;
     std::set<guint> subscriptions;
-    GVariant* nextReply = nullptr;
+    fake::Variant nextReply;
 };
 
 Leftovers& State() {
@@ -93,7 +93,7 @@ fake::Variant Parsed(const char* text) {
 
 void ReplyToNextCall(GVariant* reply) {
     const std::lock_guard lock(State().mutex);
-    State().nextReply = g_variant_ref_sink(reply);
+    State().nextReply.reset(g_variant_ref_sink(reply));
 }
 
 void RemoveLeftovers() {
@@ -222,7 +222,7 @@ GVariant* g_dbus_connection_call_sync(GDBusConnection* connection, const gchar* 
                  std::string(reply_type == nullptr ? "*" : g_variant_type_peek_string(reply_type)),
                  std::to_string(flags), std::to_string(timeout_msec)));
         std::unique_lock lock(State().mutex);
-        GVariant* reply = std::exchange(State().nextReply, nullptr);
+        GVariant* reply = State().nextReply.release();
         lock.unlock();
         if (reply != nullptr || Failed(failure, error)) {
             TakeOver(parameters);

@@ -1,0 +1,235 @@
+#include "Daemon.h"
+#include "VolumeControlImpl.h"
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+
+namespace {
+
+constexpr const char* MULTIVIEW = "memory/multiscreen/info";
+constexpr const char* SUB_BT_ZONE = "memory/org.olvane.btapp/sub_audio_zoneid";
+
+std::string Request(int target) {
+    return "g_dbus_connection_emit_signal(*, /Org/Olvane/Kavrel, org.olvane.kavrel.SpeakerChangeRequest, (" +
+           std::to_string(target) + ", 1))";
+}
+
+std::string SetRoute(int target) {
+    return "sound_manager_set_speaker_selection(" + std::to_string(target) + ')';
+}
+
+std::string Substituted(const char* function, int previous, int target) {
+    return std::string(function) + ": I Previous(type:" + std::to_string(previous) +
+           "). Set to Default Output(" + std::to_string(target) + ')';
+}
+
+std::string BudsGone(int target) {
+    return "_OnBudsDisconnected: I Buds disconnected. Connect to previous(type:" + std::to_string(target) +
+           ')';
+}
+
+/** Headsets and outputs that come and go, told to the whole daemon. */
+class ConnectionSignalsTest : public DaemonTest {
+protected:
+    void SetUp() override { Start(); }
+
+    NKavrel::VolumeControlImpl& Control() { return *daemon->Server().getCurrentSpeaker(); }
+    /** The output in use was `previous`, and is now `route`. */
+    void Move(int previous, int route) {
+        seam.FireRoute(previous);
+        seam.FireRoute(route);
+        ASSERT_EQ(Control().GetPrevSpeakerSelection(), previous);
+        ASSERT_EQ(Control().GetSpeakerSelection(), route);
+        seam.Clear();
+    }
+    void BudsDisconnected() { Emit("BudsDisconnected", g_variant_new("(i)", 3)); }
+    void SpeakerDisconnected() { Emit("SpkDisconnected", g_variant_new("(is)", 5, "Box")); }
+    /** What the handler said and called, without the caller tracker and what follows from it. */
+    std::vector<std::string> OfHandler() {
+        auto lines = Journal();
+        std::erase_if(lines, [](const std::string& line) {
+            return !line.starts_with("_OnBuds") && !line.starts_with("_OnSpeakerDis") &&
+                   !line.starts_with("sound_manager_set") &&
+                   !line.starts_with("g_dbus_connection_emit_signal(*, /Org/Olvane/Kavrel,");
+        });
+        return lines;
+    }
+};
+
+// A headset that comes.
+
+TEST_F(ConnectionSignalsTest, BudsConnectedIsLoggedAndChangesNothing) {
+    Move(12, 0);
+    Emit("BudsConnected", g_variant_new("(i)", -3));
+    EXPECT_THAT(Journal(), ElementsAre(StartLine("signal", "BudsConnected"), CallerLine(),
+                                       "_OnBudsConnected: I Buds Connected. reason:-3"));
+    EXPECT_FALSE(Control().GetMuteOnSpkChanged());
+    EXPECT_EQ(Control().GetPrevSpeakerSelection(), 12);
+}
+
+// A headset that goes.
+
+TEST_F(ConnectionSignalsTest, BudsDisconnectedBeforeTheTvSpeakerRequestsItThenSwitchesAndMutes) {
+    Move(0, 3);
+    BudsDisconnected();
+    EXPECT_THAT(Journal(),
+                HasInOrder({StartLine("signal", "BudsDisconnected"), CallerLine(),
+                            "DbusEmitSignal: I Signal 'SpeakerChangeRequest'", Request(0), BudsGone(0),
+                            SetRoute(0), "SpeakerChangedCallback: I Type(3->0)",
+                            "_NotifyVolumeEvent: I event: [SPEAKER_CHANGED]", "audio_set_master_mute(true)",
+                            "onSpeakerChanged: I Speaker changed[3->0]. mode:0xffff, "
+                            "gainMax(ret:0)"}));
+    EXPECT_TRUE(seam.Mute());
+    EXPECT_FALSE(Control().GetMuteOnSpkChanged());
+    EXPECT_EQ(Control().GetSpeakerSelection(), 0);
+}
+
+TEST_F(ConnectionSignalsTest, TheMuteIsRequestedBeforeTheRouteIsSet) {
+    Move(0, 3);
+    seam.ReportOwnChanges(false);
+    bool requested = false;
+    seam.BeforeNext(SetRoute(0), [&] { requested = Control().GetMuteOnSpkChanged(); });
+    BudsDisconnected();
+    EXPECT_TRUE(requested);
+    EXPECT_TRUE(Control().GetMuteOnSpkChanged()) << "until the change is reported";
+    seam.FireRoute(0);
+    EXPECT_FALSE(Control().GetMuteOnSpkChanged());
+    EXPECT_TRUE(seam.Mute());
+}
+
+TEST_F(ConnectionSignalsTest, TheResultOfSettingTheRouteIsNotLookedAt) {
+    Move(0, 3);
+    seam.Fail("sound_manager_set_speaker_selection", -5);
+    BudsDisconnected();
+    EXPECT_THAT(OfHandler(), ElementsAre(Request(0), BudsGone(0), SetRoute(0)));
+    EXPECT_TRUE(Control().GetMuteOnSpkChanged());
+}
+
+TEST_F(ConnectionSignalsTest, ARequestThatCannotBeSentStopsNothing) {
+    Move(0, 3);
+    seam.Fail("g_dbus_connection_emit_signal", gio::REFUSED);
+    BudsDisconnected();
+    EXPECT_THAT(Log(), HasInOrder({"DbusEmitSignal: E g_dbus_connection_emit_signal 'SpeakerChangeRequest' "
+                                   "Failed (refused by the test)",
+                                   BudsGone(0)}));
+    EXPECT_THAT(seam.Calls("sound_manager_set"), Contains(SetRoute(0)));
+}
+
+TEST_F(ConnectionSignalsTest, EveryBlockedPreviousOutputIsReplacedByTheDefaultOne) {
+    for (const int blocked : {5, 6, 13, 14, 15, 19}) {
+        Move(blocked, 3);
+        BudsDisconnected();
+        EXPECT_THAT(OfHandler(), ElementsAre(Substituted("_OnBudsDisconnected", blocked, 0), Request(0),
+                                             BudsGone(0), SetRoute(0)));
+    }
+}
+
+TEST_F(ConnectionSignalsTest, EveryOtherPreviousOutputIsOnlyRequested) {
+    for (const int previous : {1, 2, 4, 7, 8, 9, 10, 11, 12, 16, 17, 18, 20, -1, 1000}) {
+        Move(previous, 3);
+        BudsDisconnected();
+        EXPECT_THAT(OfHandler(), ElementsAre(Request(previous), BudsGone(previous)));
+        EXPECT_FALSE(Control().GetMuteOnSpkChanged());
+        EXPECT_EQ(Control().GetSpeakerSelection(), 3);
+    }
+}
+
+TEST_F(ConnectionSignalsTest, TheRequestReachesOtherClients) {
+    Move(2, 3);
+    client.Listen(PUBLIC_PATH, INTERFACE);
+    BudsDisconnected();
+    const auto signals = client.TakeSignals();
+    ASSERT_EQ(signals.size(), 2U);
+    EXPECT_EQ(signals[1].name, "SpeakerChangeRequest");
+    EXPECT_EQ(signals[1].body, "(2, 1)");
+}
+
+TEST_F(ConnectionSignalsTest, TheTargetIsChosenBeforeTheParametersAreReadAndNotWhenTheyAreWrong) {
+    Move(5, 3);
+    Emit("BudsDisconnected", g_variant_new("(s)", "3"));
+    EXPECT_THAT(OfHandler(), ElementsAre("_OnBudsDisconnected: E Invalid parameters of signal "
+                                         "BudsDisconnected: expected (i), got (s)"));
+}
+
+// An output that goes.
+
+TEST_F(ConnectionSignalsTest, ADisconnectedOutputSetsTheRouteAndRequestsNothing) {
+    Move(2, 4);
+    SpeakerDisconnected();
+    EXPECT_THAT(Journal(),
+                HasInOrder({StartLine("signal", "SpkDisconnected"), CallerLine(),
+                            "_OnSpeakerDisconnected: I Speaker(type:5):Box disconnected. Connect to "
+                            "previous(type:2)",
+                            SetRoute(2), "SpeakerChangedCallback: I Type(4->2)",
+                            "SetOutputRoute: I Set Speaker Output(2)"}));
+    EXPECT_THAT(seam.Calls("g_dbus_connection_emit_signal"), IsEmpty());
+    EXPECT_EQ(Control().GetSpeakerSelection(), 2);
+}
+
+TEST_F(ConnectionSignalsTest, ADisconnectedOutputRequestsNoMute) {
+    Move(0, 4);
+    SpeakerDisconnected();
+    EXPECT_FALSE(seam.Mute());
+    EXPECT_FALSE(Control().GetMuteOnSpkChanged());
+    EXPECT_THAT(seam.Calls("audio_set_master_mute"), IsEmpty());
+}
+
+TEST_F(ConnectionSignalsTest, AnOutputThatIsNotInUseMovesTheRouteAllTheSame) {
+    Move(2, 12);
+    Emit("SpkDisconnected", g_variant_new("(is)", 19, "Speaker in the garden"));
+    EXPECT_THAT(OfHandler(), ElementsAre("_OnSpeakerDisconnected: I Speaker(type:19):Speaker in the garden "
+                                         "disconnected. Connect to previous(type:2)",
+                                         SetRoute(2)));
+    EXPECT_EQ(Control().GetSpeakerSelection(), 2);
+}
+
+TEST_F(ConnectionSignalsTest, ADisconnectedOutputFallsBackToTheDefaultToo) {
+    for (const int blocked : {5, 6, 13, 14, 15, 19}) {
+        Move(blocked, 4);
+        SpeakerDisconnected();
+        EXPECT_THAT(OfHandler(),
+                    ElementsAre(Substituted("_OnSpeakerDisconnected", blocked, 0),
+                                "_OnSpeakerDisconnected: I Speaker(type:5):Box disconnected. Connect to "
+                                "previous(type:0)",
+                                SetRoute(0)));
+    }
+}
+
+TEST_F(ConnectionSignalsTest, InMultiViewEveryZoneIsSetButThatOfTheSubHeadset) {
+    Move(2, 4);
+    seam.SetZones({{1, 4}, {2, 3}, {7, 4}});
+    seam.SetFocus(1);
+    seam.SetInt(SUB_BT_ZONE, 2);
+    seam.FireKey(MULTIVIEW, R"({"mode":"on"})");
+    seam.Fail("sound_manager_set_multiview_speaker_selection_with_zone_id(2, 7)", -8);
+    seam.Clear();
+    SpeakerDisconnected();
+    EXPECT_THAT(Journal(), HasInOrder({"sound_manager_set_multiview_speaker_selection_with_zone_id(2, 1)",
+                                       "SetOutputRoute: I [Zone: 1] Speaker Output(2). ret:0",
+                                       "SetOutputRoute: I [Zone: 2] SubBT is connected. Skip current zone",
+                                       "sound_manager_set_multiview_speaker_selection_with_zone_id(2, 7)",
+                                       "SetOutputRoute: I [Zone: 7] Speaker Output(2). ret:-8",
+                                       "SetOutputRoute: I Set Speaker Output(2)"}));
+    EXPECT_EQ(seam.Zones(), (std::map<int, int>{{1, 2}, {2, 3}, {7, 4}}));
+    EXPECT_THAT(seam.Calls("sound_manager_set_speaker_selection"), IsEmpty());
+    EXPECT_EQ(Control().GetSpeakerSelection(), 2);
+}
+
+TEST_F(ConnectionSignalsTest, AWronglyTypedNameIsNeverRead) {
+    Move(2, 4);
+    Emit("SpkDisconnected", g_variant_new("(it)", 5, guint64(1)));
+    EXPECT_THAT(OfHandler(), ElementsAre("_OnSpeakerDisconnected: E Invalid parameters of signal "
+                                         "SpkDisconnected: expected (is), got (it)"));
+    EXPECT_EQ(Control().GetSpeakerSelection(), 4);
+}
+
+TEST_F(ConnectionSignalsTest, ANameMayHoldAnythingThatTextCan) {
+    Move(2, 4);
+    Emit("SpkDisconnected", g_variant_new("(is)", 5, "100 %s %n \"Küche\""));
+    EXPECT_THAT(Log(), Contains("_OnSpeakerDisconnected: I Speaker(type:5):100 %s %n \"Küche\" disconnected. "
+                                "Connect to previous(type:2)"));
+}
+
+}  // namespace
