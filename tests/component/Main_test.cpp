@@ -1,0 +1,157 @@
+#include <dlfcn.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+
+#include "Daemon.h"
+
+using NKavrel::KVServer;
+using testing::AllOf;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::Not;
+
+/** main() of the daemon. */
+extern "C" int DaemonMain();
+
+namespace {
+
+constexpr const char* NEW_LOOP = "g_main_loop_new()";
+constexpr const char* RUN_LOOP = "g_main_loop_run()";
+constexpr const char* RELEASE_LOOP = "g_main_loop_unref()";
+constexpr const char* NEW_SERVER = "new KVServer()";
+
+/** The daemon's main loop while it exists. */
+std::atomic<GMainLoop*> mainLoop;
+/** The server that main made last, which main never deletes. */
+std::atomic<void*> lastServer;
+
+template <typename Function>
+Function* Real(Function*, const char* name) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+// GLib's own threads have loops, too, of other contexts.
+GMainLoop* g_main_loop_new(GMainContext* context, gboolean is_running) {
+    if (context != nullptr) {
+        return Real(g_main_loop_new, "g_main_loop_new")(context, is_running);
+    }
+    if (fake::FakeSeam::Get().Enter("g_main_loop_new", "")) {
+        return nullptr;
+    }
+    mainLoop = Real(g_main_loop_new, "g_main_loop_new")(context, is_running);
+    return mainLoop;
+}
+
+void g_main_loop_run(GMainLoop* loop) {
+    if (loop == mainLoop) {
+        fake::FakeSeam::Get().Enter("g_main_loop_run", "");
+    }
+    Real(g_main_loop_run, "g_main_loop_run")(loop);
+}
+
+void g_main_loop_unref(GMainLoop* loop) {
+    if (loop == mainLoop) {
+        fake::FakeSeam::Get().Enter("g_main_loop_unref", "");
+        mainLoop = nullptr;
+    }
+    Real(g_main_loop_unref, "g_main_loop_unref")(loop);
+}
+
+/** Nothing but main asks for memory in this way and in this size. */
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    if (size != sizeof(KVServer)) {
+        return std::malloc(size);
+    }
+    if (fake::FakeSeam::Get().Enter("new KVServer", "")) {
+        return nullptr;
+    }
+    void* memory = ::operator new(size);
+    lastServer = memory;
+    return memory;
+}
+
+namespace {
+
+/** main() on the test's thread. What the daemon never does, leaving its loop, another thread asks of it. */
+class MainTest : public testing::Test {
+protected:
+    ~MainTest() override {
+        fake::RunMainContextUntilQuiet();
+        delete static_cast<KVServer*>(lastServer.exchange(nullptr));
+        gio::RemoveLeftovers();
+    }
+
+    /** Runs main; `visit` runs on another thread once the loop does, and then the loop is left. */
+    int RunMain(const std::function<void()>& visit) {
+        std::thread visitor([&] {
+            EXPECT_TRUE(seam.WaitFor(RUN_LOOP));
+            visit();
+            const auto quit = [](void*) {
+                g_main_loop_quit(mainLoop);
+                return G_SOURCE_REMOVE;
+            };
+            g_idle_add(quit, nullptr);
+        });
+        const int result = DaemonMain();
+        visitor.join();
+        return result;
+    }
+
+    fake::FakeSeam& seam = fake::FakeSeam::Get();
+};
+
+TEST_F(MainTest, WithoutALoopItEndsWithZero) {
+    seam.Fail("g_main_loop_new", 0);
+    EXPECT_EQ(DaemonMain(), 0);
+    EXPECT_THAT(Lines(), ElementsAre("main: I Started", NEW_LOOP, "main: E Failed to create a main loop"));
+}
+
+TEST_F(MainTest, WithoutAServerItReleasesTheLoopAndEndsWithZero) {
+    seam.Fail("new KVServer", 0);
+    EXPECT_EQ(DaemonMain(), 0);
+    EXPECT_THAT(Lines(), ElementsAre("main: I Started", NEW_LOOP, NEW_SERVER,
+                                     "main: E Failed to create KVServer", RELEASE_LOOP));
+}
+
+TEST_F(MainTest, WithoutAnInterfaceItRunsItsLoopWithoutANameOrAVolumeControl) {
+    seam.Fail("g_dbus_node_info_new_for_xml", gio::REFUSED);
+    bool served = false;
+    EXPECT_EQ(RunMain([&] {
+                  const auto serve = [](void* flag) {
+                      *static_cast<bool*>(flag) = true;
+                      return G_SOURCE_REMOVE;
+                  };
+                  g_idle_add(serve, &served);
+              }),
+              0);
+    EXPECT_TRUE(served);
+    EXPECT_THAT(Lines(),
+                ElementsAre("main: I Started", NEW_LOOP, NEW_SERVER, "g_dbus_node_info_new_for_xml()",
+                            "Init: E Failed g_dbus_node_info_new_for_xml. refused by the test", RUN_LOOP,
+                            RELEASE_LOOP, "main: I Stopped"));
+}
+
+TEST_F(MainTest, ItServesUntilItsLoopIsLeftAndLeavesTheServerAlive) {
+    std::string answer;
+    EXPECT_EQ(RunMain([&] {
+                  EXPECT_TRUE(seam.WaitFor("LwipcEventDone(\"/tmp/.kavrel_ready\")"));
+                  const fake::BusClient client;
+                  const auto reply =
+                      client.Call(BUS_NAME, OBJECT_PATH, INTERFACE, "GetSpeakerVolume", nullptr);
+                  answer = reply == nullptr ? "no reply" : gio::Printed(reply.get());
+              }),
+              0);
+    EXPECT_EQ(answer, "(10, 0)");
+    const std::string constructor = "NKavrel::KVServer::KVServer()";
+    EXPECT_THAT(LinesAndScopes(), AllOf(HasInOrder({"main: I Started", NEW_LOOP, NEW_SERVER, constructor,
+                                                    "bool NKavrel::KVServer::Init()", RUN_LOOP, RELEASE_LOOP,
+                                                    "main: I Stopped"}),
+                                        Not(Contains("NKavrel::KVServer::~KVServer()"))));
+    EXPECT_THAT(seam.Trace(), Not(Contains(testing::HasSubstr("main()"))));
+}
+
+}  // namespace

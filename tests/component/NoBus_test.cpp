@@ -1,0 +1,53 @@
+#include <cstdlib>
+
+#include "Daemon.h"
+#include "KVDbusSender.h"
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+
+namespace {
+
+const std::string NO_BUS =
+    "GetConnection: E g_bus_get_sync() error (Could not connect: No such file or directory)";
+
+[[maybe_unused]] const int address = setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
+
+/** A machine whose bus cannot be reached. */
+class NoBusTest : public testing::Test {
+protected:
+    fake::FakeSeam& seam = fake::FakeSeam::Get();
+};
+
+TEST_F(NoBusTest, TheTrackerFindsNoConnectionAndTriesAgainEachTime) {
+    NKavrel::KVDbusSender tracker;
+    EXPECT_EQ(tracker.GetConnectionPID(":1.1"), 0U);
+    EXPECT_EQ(tracker.GetConnectionPID(":1.1"), 0U);
+    const std::string failed = "GetConnectionPID: E Failed to get GDBus Connection";
+    EXPECT_THAT(Lines(), ElementsAre(NO_BUS, failed, NO_BUS, failed));
+}
+
+TEST_F(NoBusTest, ACallerWithoutAConnectionHasNoProgram) {
+    NKavrel::KVDbusSender tracker;
+    tracker.Print(":1.1");
+    const std::string line = "I Called by [:1.1/] size:1";
+    EXPECT_TRUE(fake::RunMainContextUntil([&] { return seam.Count(line) == 1; }));
+}
+
+TEST_F(NoBusTest, TheServerStartsAndIdlesWithoutAName) {
+    NKavrel::KVServer server;
+    EXPECT_TRUE(server.Init());
+    seam.Clear();
+    EXPECT_TRUE(fake::RunMainContextUntil([&] { return !LogLines().empty(); }));
+    EXPECT_THAT(Lines(), ElementsAre("onNameLost: E Connection is NULL"));
+    seam.FireVolume(30);
+    seam.FireRoute(12);
+    EXPECT_THAT(LogLines(),
+                HasInOrder({"onVolumeChanged: E Connection is NULL",
+                            "onSpeakerChanged: I Speaker changed[0->12]. mode:0xffff, gainMax(ret:0)"}));
+    EXPECT_FALSE(seam.Event(READY_EVENT));
+}
+
+}  // namespace
