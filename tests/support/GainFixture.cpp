@@ -64,15 +64,15 @@ std::optional<std::size_t> CountIfLast(const std::vector<Entry>& journal, const 
     return last != journal.rend() && last->text == text ? std::optional<std::size_t>(count) : std::nullopt;
 }
 
-/** Between its "Sleep" line and its wait a worker is awake; woken, but not yet heard of, it is awake too. */
-bool ComesToRest(const FakeSeam& seam, const std::string& name, const std::string& sleepLine) {
+/** Between its last line and its wait a worker is awake; woken, but not yet heard of, it is awake too. */
+bool ComesToWait(const FakeSeam& seam, const std::string& name, const std::string& lastEntry) {
     constexpr int LOOKS = 3;  // it may also wait for a lock for a moment
     const auto deadline = Clock::now() + PATIENCE;
     std::optional<std::size_t> seen;
     for (int looks = 0; looks < LOOKS; ++looks) {
         std::optional<std::size_t> now;
         if (!seam.WaitUntil([&](const std::vector<Entry>& journal) {
-                now = CountIfLast(journal, name, sleepLine);
+                now = CountIfLast(journal, name, lastEntry);
                 return now.has_value();
             }) ||
             Clock::now() > deadline) {
@@ -111,7 +111,7 @@ std::vector<std::string> ThreadNames() {
 
 bool WorkersRest() {
     return std::ranges::all_of(ALL_WORKERS, [](eKVGainHandlerType worker) {
-        return ComesToRest(FakeSeam::Get(), GainHandlerName[worker], SleepLine(worker));
+        return ComesToWait(FakeSeam::Get(), GainHandlerName[worker], SleepLine(worker));
     });
 }
 
@@ -130,13 +130,19 @@ struct GainFixture::Watched {
 
 GainFixture::GainFixture() : m_watched(std::make_unique<Watched>()) {}
 
-GainFixture::~GainFixture() = default;
+GainFixture::~GainFixture() {
+    gain.reset();  // its workers may still be storing
+}
 
 void GainFixture::Start() {
     gain.emplace();
     seam.Before(STORED, [this, controller = &*gain] { OnStore(*controller); });
     ASSERT_TRUE(Rest());
     Mark();
+}
+
+bool GainFixture::Waits(eKVGainHandlerType worker, const std::string& lastEntry) const {
+    return ComesToWait(seam, GainHandlerName[worker], lastEntry);
 }
 
 void GainFixture::Mark() {

@@ -43,6 +43,8 @@ protected:
     /** Makes the controller, waits until its workers rest, and begins the journals below anew. */
     void Start();
     [[nodiscard]] bool Rest() const { return WorkersRest(); }
+    /** Waits until a worker waits with this as its last entry. */
+    [[nodiscard]] bool Waits(NKavrel::eKVGainHandlerType worker, const std::string& lastEntry) const;
     /** Lets the journals below begin here. */
     void Mark();
 
@@ -57,7 +59,7 @@ protected:
     std::vector<Store> Stores(NKavrel::eKVGainHandlerType worker) const;
     std::vector<int> StoredGains(NKavrel::eKVGainHandlerType worker) const;
     /** Runs once: after the worker has stored this gain, before it goes on. On a thread of its own, for which
-     * the worker waits. */
+     *  the worker waits. */
     void AfterStore(NKavrel::eKVGainHandlerType worker, int gain, std::function<void()> action);
 
     FakeSeam& seam = FakeSeam::Get();

@@ -1,0 +1,365 @@
+/** The four fade-in workers. */
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <limits>
+#include <ranges>
+
+#include "GainFixture.h"
+
+using fake::GainWrite;
+using fake::MainGain;
+using fake::SubGain;
+using KVDefine::GAIN_SRC_PLAYER;
+using KVDefine::GAIN_SRC_UNMUTE;
+using NKavrel::eKVGainHandlerType;
+using NKavrel::GAIN_HANDLER_PLAYER_MAIN_OUT;
+using NKavrel::GAIN_HANDLER_PLAYER_SUB_OUT;
+using NKavrel::GAIN_HANDLER_UNMUTE_MAIN_OUT;
+using NKavrel::GAIN_HANDLER_UNMUTE_SUB_OUT;
+using NKavrel::GainHandlerName;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::Not;
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr const char* ASK_POPUP = "LwipcIsDone(\"FadeInPopup\")";
+
+constexpr std::array FADE_WORKERS = {GAIN_HANDLER_PLAYER_MAIN_OUT, GAIN_HANDLER_PLAYER_SUB_OUT,
+                                     GAIN_HANDLER_UNMUTE_MAIN_OUT, GAIN_HANDLER_UNMUTE_SUB_OUT};
+
+/** first, first + 5, ..., last */
+std::vector<int> Steps(int first, int last) {
+    std::vector<int> gains;
+    for (int gain = first; gain <= last; gain += 5) {
+        gains.push_back(gain);
+    }
+    return gains;
+}
+
+std::vector<int> operator+(std::vector<int> gains, const std::vector<int>& more) {
+    gains.insert(gains.end(), more.begin(), more.end());
+    return gains;
+}
+
+class KVAudioGainHandlerFadeTest : public fake::GainFixture {
+protected:
+    /** A whole life of a fade: what its worker logs and calls from waking to sleeping. */
+    static auto FadesFromTo(eKVGainHandlerType worker, int from, int to) {
+        const std::string& name = GainHandlerName[worker];
+        return ElementsAre("I Wake " + name + ". gain:" + std::to_string(from),
+                           "I handlerGainType:" + std::to_string(worker) + ", LastGain:" + std::to_string(to),
+                           ASK_POPUP, "I Sleep " + name);
+    }
+
+    /** Starts a fade at a gain of the test's choice. */
+    void FadeFrom(eKVGainHandlerType worker, int from) {
+        EXPECT_EQ(gain->_ApplyAudioGain(worker, 3, from, false), 0);
+    }
+
+    fake::Clock::duration Between(const std::string& thread, const std::string& first,
+                                  const std::string& second) {
+        return Find(thread, second).time - Find(thread, first).time;
+    }
+};
+
+TEST_F(KVAudioGainHandlerFadeTest, FourFadesAtOnceRaiseTheirGainsInTwentySteps) {
+    Start();
+    EXPECT_EQ(gain->ApplyVolumeFadeIn(GAIN_SRC_PLAYER, 1), 0);
+    EXPECT_EQ(gain->ApplyVolumeFadeIn(GAIN_SRC_PLAYER, 2), 0);
+    EXPECT_EQ(gain->ApplyVolumeFadeIn(GAIN_SRC_UNMUTE, 1), 0) << "one request for both outputs";
+    ASSERT_TRUE(Rest());
+
+    for (const auto worker : FADE_WORKERS) {
+        const std::string& name = GainHandlerName[worker];
+        EXPECT_THAT(Journal(name), FadesFromTo(worker, 0, 100));
+        EXPECT_THAT(StoredGains(worker), ElementsAreArray(Steps(5, 100)));
+        EXPECT_GE(Between(name, "I Wake " + name + ". gain:0",
+                          "I handlerGainType:" + std::to_string(worker) + ", LastGain:100"),
+                  1500ms);
+
+        const std::vector<fake::Store> stores = Stores(worker);
+        auto shortest = fake::Clock::duration::max();
+        for (std::size_t i = 1; i < stores.size(); ++i) {
+            shortest = std::min(shortest, stores[i].time - stores[i - 1].time);
+        }
+        EXPECT_GE(shortest, 75ms);
+        EXPECT_LT(shortest, 150ms);
+    }
+    EXPECT_EQ(seam.MainGainValue(), 100);
+    EXPECT_EQ(seam.SubGainValue(), 100);
+}
+
+TEST_F(KVAudioGainHandlerFadeTest, TheGainOutWorkerWritesTheOutputThatFadesAndOnlyThat) {
+    Start();
+    EXPECT_EQ(gain->ApplyVolumeFadeIn(GAIN_SRC_PLAYER, 1), 0);
+    ASSERT_TRUE(Rest());
+
+    const std::vector<GainWrite> writes = seam.GainWrites();
+    ASSERT_GE(writes.size(), 3U);
+    EXPECT_EQ(writes.front(), MainGain(0));
+    EXPECT_EQ(writes.back(), MainGain(100));
+    EXPECT_NE(writes.front().threadName, "AudioGainOutH") << "the request itself writes the 0";
+    for (std::size_t i = 1; i < writes.size(); ++i) {
+        EXPECT_EQ(writes[i].out, GainWrite::Out::MAIN);
+        EXPECT_EQ(writes[i].threadName, "AudioGainOutH");
+        EXPECT_GT(writes[i].gain, writes[i - 1].gain);
+        EXPECT_EQ(writes[i].gain % 5, 0);
+    }
+    const std::vector<std::string> journal = Journal("AudioGainOutH");
+    EXPECT_EQ(journal.front(), "I AudioGainOut. Update(M:1/S:0)");
+    EXPECT_THAT(journal, Contains("I Path:2 player:100 pulse:100 unmute:100 Total:100").Times(1))
+        << "the sub output is looked at once, at the end";
+}
+
+TEST_F(KVAudioGainHandlerFadeTest, AFadeOfTheSubOutputLeavesTheMainOutputAlone) {
+    seam.SetInt("memory/org.olvane.btapp/sub_audio_zoneid", 1);
+    Start();
+    EXPECT_EQ(gain->ApplyVolumeFadeIn(GAIN_SRC_UNMUTE, 2), 0);
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(Journal("UnMuteSubOutH"), FadesFromTo(GAIN_HANDLER_UNMUTE_SUB_OUT, 0, 100));
+    EXPECT_THAT(Journal("UnMuteMainOutH"), IsEmpty());
+    EXPECT_THAT(seam.GainWrites(GainWrite::Out::MAIN), IsEmpty());
+    EXPECT_EQ(seam.GainWrites().back(), SubGain(100));
+    EXPECT_EQ(Journal("AudioGainOutH").front(), "I AudioGainOut. Update(M:0/S:1)");
+}
+
+TEST_F(KVAudioGainHandlerFadeTest, WithASubBluetoothZoneAnUnmuteFadeOfBothOutputsIsTheMainOutputs) {
+    seam.SetInt("memory/org.olvane.btapp/sub_audio_zoneid", 1);
+    Start();
+    EXPECT_EQ(gain->ApplyVolumeFadeIn(GAIN_SRC_UNMUTE, 3), 0);
+    ASSERT_TRUE(seam.WaitForLog("I Wake UnMuteMainOutH. gain:0"));
+    EXPECT_THAT(Journal("UnMuteSubOutH"), IsEmpty());
+    EXPECT_EQ(Gain(GAIN_HANDLER_UNMUTE_SUB_OUT), 100);
+    EXPECT_THAT(seam.GainWrites(GainWrite::Out::SUB), IsEmpty());
+}
+
+TEST_F(KVAudioGainHandlerFadeTest, APlayerFadeOfBothOutputsIsTheMainOutputsWrittenToBoth) {
+    Start();
+    seam.SetGain(1, 1);
+    EXPECT_EQ(gain->ApplyVolumeFadeIn(GAIN_SRC_PLAYER, 3), 0);
+    ASSERT_TRUE(seam.WaitForLog("I Wake PlayerMainOutH. gain:0"));
+    EXPECT_THAT(Journal("PlayerSubOutH"), IsEmpty());
+    EXPECT_EQ(seam.GainWrites()[0], MainGain(0));
+    EXPECT_EQ(seam.GainWrites()[1], SubGain(100));
+}
+
+TEST_F(KVAudioGainHandlerFadeTest, AStepNeverGoesAboveFullGain) {
+    Start();
+    for (const auto worker : FADE_WORKERS) {
+        FadeFrom(worker, 97);
+    }
+    ASSERT_TRUE(Rest());
+    for (const auto worker : FADE_WORKERS) {
+        EXPECT_THAT(Journal(GainHandlerName[worker]), FadesFromTo(worker, 97, 100));
+        EXPECT_THAT(StoredGains(worker), ElementsAre(100));
+    }
+}
+
+TEST_F(KVAudioGainHandlerFadeTest, AFadeAtFullGainStoresNothing) {
+    Start();
+    for (const auto worker : FADE_WORKERS) {
+        FadeFrom(worker, 100);
+    }
+    ASSERT_TRUE(Rest());
+    for (const auto worker : FADE_WORKERS) {
+        EXPECT_THAT(Journal(GainHandlerName[worker]), FadesFromTo(worker, 100, 100));
+        EXPECT_THAT(StoredGains(worker), IsEmpty());
+    }
+    EXPECT_THAT(Journal("AudioGainOutH"), Contains(testing::StartsWith("I AudioGainOut. Update(")))
+        << "the gain-out worker is woken all the same";
+}
+
+TEST_F(KVAudioGainHandlerFadeTest, AFadeFromTheLowestIntStepsUpFromThere) {
+    constexpr int LOWEST = std::numeric_limits<int>::min();
+    Start();
+    AfterStore(GAIN_HANDLER_PLAYER_MAIN_OUT, LOWEST + 10,
+               [this] { gain->SetSrcGain(GAIN_HANDLER_PLAYER_MAIN_OUT, -2); });
+    AfterStore(GAIN_HANDLER_PLAYER_MAIN_OUT, 3,
+               [this] { gain->SetSrcGain(GAIN_HANDLER_PLAYER_MAIN_OUT, 98); });
+    FadeFrom(GAIN_HANDLER_PLAYER_MAIN_OUT, LOWEST);
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(StoredGains(GAIN_HANDLER_PLAYER_MAIN_OUT), ElementsAre(LOWEST + 5, LOWEST + 10, 3, 100));
+}
+
+// Requests during a fade
+
+TEST_F(KVAudioGainHandlerFadeTest, ASecondRequestStartsTheFadeUnderWayAnewWithoutAnotherWakeLine) {
+    Start();
+    AfterStore(GAIN_HANDLER_PLAYER_MAIN_OUT, 30,
+               [this] { EXPECT_EQ(gain->ApplyVolumeFadeIn(GAIN_SRC_PLAYER, 1), 0); });
+    EXPECT_EQ(gain->ApplyVolumeFadeIn(GAIN_SRC_PLAYER, 1), 0);
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(StoredGains(GAIN_HANDLER_PLAYER_MAIN_OUT), ElementsAreArray(Steps(5, 30) + Steps(5, 100)));
+    EXPECT_THAT(Journal("PlayerMainOutH"), FadesFromTo(GAIN_HANDLER_PLAYER_MAIN_OUT, 0, 100));
+    EXPECT_THAT(seam.GainWrites(GainWrite::Out::MAIN), Contains(0).Times(2));
+}
+
+TEST_F(KVAudioGainHandlerFadeTest, AGainSetDuringAFadeIsWhereItGoesOn) {
+    Start();
+    AfterStore(GAIN_HANDLER_PLAYER_MAIN_OUT, 10,
+               [this] { EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_PLAYER, -8, 1), 0); });
+    AfterStore(GAIN_HANDLER_PLAYER_MAIN_OUT, 2,
+               [this] { EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_PLAYER, 81, 1), 0); });
+    AfterStore(GAIN_HANDLER_PLAYER_MAIN_OUT, 86,
+               [this] { EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_PLAYER, 100, 1), 0); });
+    EXPECT_EQ(gain->ApplyVolumeFadeIn(GAIN_SRC_PLAYER, 1), 0);
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(StoredGains(GAIN_HANDLER_PLAYER_MAIN_OUT), ElementsAre(5, 10, -3, 2, 86))
+        << "full gain ends the fade";
+    EXPECT_THAT(Journal("PlayerMainOutH"), FadesFromTo(GAIN_HANDLER_PLAYER_MAIN_OUT, 0, 100));
+}
+
+TEST_F(KVAudioGainHandlerFadeTest, AnInterruptionKeepsUnmuteFadesWhereTheyAreAndLetsPlayerFadesRun) {
+    Start();
+    gain->SetFadeInInterruptable(true);
+    EXPECT_EQ(gain->ApplyVolumeFadeIn(GAIN_SRC_UNMUTE, 3), 0);
+    FadeFrom(GAIN_HANDLER_PLAYER_MAIN_OUT, 80);
+    FadeFrom(GAIN_HANDLER_PLAYER_SUB_OUT, 80);
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(Journal("UnMuteMainOutH"),
+                ElementsAre("I Wake UnMuteMainOutH. gain:0", "I Interruptable status[type:4]. gain:0",
+                            "I handlerGainType:4, LastGain:0", ASK_POPUP, "I Sleep UnMuteMainOutH"));
+    EXPECT_THAT(Journal("UnMuteSubOutH"),
+                ElementsAre("I Wake UnMuteSubOutH. gain:0", "I Interruptable status[type:5]. gain:0",
+                            "I handlerGainType:5, LastGain:0", ASK_POPUP, "I Sleep UnMuteSubOutH"));
+    EXPECT_EQ(Gain(GAIN_HANDLER_UNMUTE_MAIN_OUT), 0);
+    EXPECT_EQ(Gain(GAIN_HANDLER_UNMUTE_SUB_OUT), 0);
+    EXPECT_THAT(StoredGains(GAIN_HANDLER_PLAYER_MAIN_OUT), ElementsAre(85, 90, 95, 100));
+    EXPECT_THAT(StoredGains(GAIN_HANDLER_PLAYER_SUB_OUT), ElementsAre(85, 90, 95, 100));
+}
+
+TEST_F(KVAudioGainHandlerFadeTest, AnUnmuteFadeUnderWayStopsWhereItIs) {
+    Start();
+    AfterStore(GAIN_HANDLER_UNMUTE_MAIN_OUT, 30, [this] { gain->SetFadeInInterruptable(true); });
+    EXPECT_EQ(gain->ApplyVolumeFadeIn(GAIN_SRC_UNMUTE, 1), 0);
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(StoredGains(GAIN_HANDLER_UNMUTE_MAIN_OUT), ElementsAreArray(Steps(5, 30)));
+    EXPECT_THAT(Journal("UnMuteMainOutH"), Contains("I Interruptable status[type:4]. gain:30"));
+    EXPECT_THAT(Journal("UnMuteMainOutH"), Contains("I handlerGainType:4, LastGain:30"));
+    EXPECT_THAT(Journal("UnMuteSubOutH"),
+                Contains(testing::StartsWith("I Interruptable status[type:5]. gain:")));
+    EXPECT_EQ(seam.MainGainValue(), 30);
+
+    Mark();
+    gain->SetFadeInInterruptable(false);
+    FadeFrom(GAIN_HANDLER_UNMUTE_MAIN_OUT, 95);
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(Journal("UnMuteMainOutH"), FadesFromTo(GAIN_HANDLER_UNMUTE_MAIN_OUT, 95, 100));
+}
+
+TEST_F(KVAudioGainHandlerFadeTest, AnOutputCountsAsUpdatingUntilItsWorkerSleepsAgain) {
+    Start();
+    for (const auto worker : FADE_WORKERS) {
+        const bool isMain = worker == GAIN_HANDLER_PLAYER_MAIN_OUT || worker == GAIN_HANDLER_UNMUTE_MAIN_OUT;
+        auto askingForPopup = seam.BlockNext(ASK_POPUP);
+        FadeFrom(worker, 97);
+        ASSERT_TRUE(askingForPopup.WaitReached());
+        EXPECT_EQ(gain->IsMainOutUpdating(), isMain);
+        EXPECT_EQ(gain->IsSubOutUpdating(), !isMain);
+        askingForPopup.Open();
+        ASSERT_TRUE(Rest());
+        EXPECT_FALSE(gain->IsMainOutUpdating());
+        EXPECT_FALSE(gain->IsSubOutUpdating());
+    }
+}
+
+// Failures
+
+TEST_F(KVAudioGainHandlerFadeTest, AnUnmuteFadeWhoseSubOutputFailsRunsOnTheMainOutputOnly) {
+    Start();
+    seam.Fail("set_sub_out_gain2", -9, 1);
+    EXPECT_EQ(gain->ApplyVolumeFadeIn(GAIN_SRC_UNMUTE, 3), -1);
+    EXPECT_THAT(seam.Log(), Contains("E Failed to set SetAudioGain(type:5) path:2. gain:0"));
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(Journal("UnMuteMainOutH"), FadesFromTo(GAIN_HANDLER_UNMUTE_MAIN_OUT, 0, 100));
+    EXPECT_THAT(Journal("UnMuteSubOutH"), IsEmpty());
+    EXPECT_EQ(Gain(GAIN_HANDLER_UNMUTE_SUB_OUT), 0) << "until the next request";
+}
+
+TEST_F(KVAudioGainHandlerFadeTest, AHardwareThatFailsDuringAFadeStopsOnlyTheWrites) {
+    Start();
+    AfterStore(GAIN_HANDLER_PLAYER_MAIN_OUT, 90, [this] { seam.Fail("set_main_out_gain2", -9); });
+    FadeFrom(GAIN_HANDLER_PLAYER_MAIN_OUT, 80);
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(StoredGains(GAIN_HANDLER_PLAYER_MAIN_OUT), ElementsAre(85, 90, 95, 100));
+    EXPECT_THAT(Journal("AudioGainOutH"), Contains("E Failed to set gain2(100). ret:-9"));
+    EXPECT_EQ(Gain(GAIN_HANDLER_PLAYER_MAIN_OUT), 100);
+    seam.Succeed("set_main_out_gain2");
+    EXPECT_EQ(gain->SetAudioGain(1), 0);
+    EXPECT_EQ(seam.MainGainValue(), 100);
+}
+
+TEST_F(KVAudioGainHandlerFadeTest, WithGainControlDisabledAFadeMovesTheStoredGainOnly) {
+    seam.SetFeature("com.norvik/featureconf/projector_feature_support", true);
+    Start();
+    FadeFrom(GAIN_HANDLER_UNMUTE_MAIN_OUT, 80);
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(StoredGains(GAIN_HANDLER_UNMUTE_MAIN_OUT), ElementsAre(85, 90, 95, 100));
+    EXPECT_THAT(seam.GainWrites(), IsEmpty());
+    EXPECT_THAT(Journal("AudioGainOutH"), Contains("E Disable Gain Control"));
+}
+
+// The end of a fade on the screen: here without a bus to send it on.
+
+TEST_F(KVAudioGainHandlerFadeTest, APopupThatCannotBeSentIsOnlyLogged) {
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
+    seam.SetEvent("FadeInPopup", true);
+    Start();
+    FadeFrom(GAIN_HANDLER_PLAYER_SUB_OUT, 65);
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(Journal("PlayerSubOutH"),
+                ElementsAre("I Wake PlayerSubOutH. gain:65", "I handlerGainType:3, LastGain:100", ASK_POPUP,
+                            MatchesRegex("I MSG :Gain Source:PlayerSubOutH<br> Duration\\(sec\\):[0-9.]+"),
+                            "I Signal 'PopupNoti'", testing::StartsWith("E g_bus_get_sync() error ("),
+                            "E Failed to get GDBus Connection", "I Sleep PlayerSubOutH"));
+}
+
+TEST_F(KVAudioGainHandlerFadeTest, AShortFadeIsNotAnnounced) {
+    seam.SetEvent("FadeInPopup", true);
+    Start();
+    FadeFrom(GAIN_HANDLER_PLAYER_MAIN_OUT, 97);
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(Journal("PlayerMainOutH"),
+                ElementsAre("I Wake PlayerMainOutH. gain:97", "I handlerGainType:2, LastGain:100", ASK_POPUP,
+                            MatchesRegex("E Time\\(0\\.[0-4][0-9]*\\) is under \\(0\\.500000\\)"),
+                            "I Sleep PlayerMainOutH"));
+}
+
+TEST_F(KVAudioGainHandlerFadeTest, APopupEventThatCannotBeAskedForMeansNoPopup) {
+    Start();
+    seam.Fail("LwipcIsDone", -1);
+    FadeFrom(GAIN_HANDLER_PLAYER_MAIN_OUT, 97);
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(Journal("PlayerMainOutH"), FadesFromTo(GAIN_HANDLER_PLAYER_MAIN_OUT, 97, 100));
+}
+
+// The end of the controller
+
+TEST_F(KVAudioGainHandlerFadeTest, DestructionLetsAFadeUnderWayFinishFirst) {
+    Start();
+    EXPECT_EQ(gain->ApplyVolumeFadeIn(GAIN_SRC_PLAYER, 1), 0);
+    ASSERT_TRUE(seam.WaitForLog("I AudioGainOut. Update(M:1/S:0)"));
+    gain.reset();
+    EXPECT_THAT(StoredGains(GAIN_HANDLER_PLAYER_MAIN_OUT), ElementsAreArray(Steps(5, 100)));
+    EXPECT_THAT(Journal("PlayerMainOutH"),
+                ElementsAre("I Wake PlayerMainOutH. gain:0", "I handlerGainType:2, LastGain:100", ASK_POPUP,
+                            "I PlayerMainOutH is done"));
+    EXPECT_THAT(Journal("AudioGainOutH"), Not(Contains("I Sleep AudioGainOut")));
+    EXPECT_EQ(Journal("AudioGainOutH").back(), "I AudioGainOutH is done");
+    EXPECT_EQ(seam.MainGainValue(), 100) << "the gain-out worker finishes its loop, too";
+    const std::string ignore = "vconf_ignore_key_changed(\"memory/org.olvane.btapp/sub_audio_zoneid\")";
+    const auto unhooked = Find("", ignore).time;
+    EXPECT_LE(Find("PlayerMainOutH", "I PlayerMainOutH is done").time, unhooked);
+    EXPECT_LE(Find("AudioGainOutH", "I AudioGainOutH is done").time, unhooked);
+}
+
+}  // namespace
