@@ -21,6 +21,7 @@ declare -A proof=(
     [libglib2.0-dev]=/usr/include/glib-2.0/gio/gio.h
     [libjsoncpp-dev]=/usr/include/jsoncpp/json/json.h
     [libcli11-dev]=/usr/include/CLI/CLI.hpp
+    [libcli11-dev]=/usr/include/CLI/CLI.hpp
     [dbus-daemon]=dbus-daemon
     [libglib2.0-bin]=gdbus
     [systemd]=busctl
@@ -98,4 +99,4 @@ build() {
     exec {lock}>&-
 }
 
-build_release() { build release --buildtype=release -Dtests=false "$@"; }
+build_release() { build release --buildtype=release -Dtests=false; }

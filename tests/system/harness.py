@@ -114,6 +114,16 @@ class Log:
                 assert watch.wait(deadline), f"not logged within {timeout} s: {text}"
         return found
 
+    def wait_matching(self, pattern, after=-1):
+        return self.wait(re.compile(pattern), after)
+
+    def wait_for_rest(self, seconds=1.0, timeout=PATIENCE):
+        """Until nothing has been logged for so long."""
+        end = time.monotonic() + timeout
+        with FolderWatch(self.path.parent) as watch:
+            while watch.wait(time.monotonic() + seconds):
+                assert time.monotonic() < end, f"still logging after {timeout} s"
+
     def sanitizer_reports(self):
         return [raw for raw in self.raw_lines() if SANITIZER_REPORT.search(raw)]
 

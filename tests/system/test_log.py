@@ -20,7 +20,7 @@ def exercise(client, log, tv):
     client.set_mute(True)
     client.get_mute()
     tv.echo(12, "sound/route")
-    log.wait(re.compile(r"Speaker changed\[0->12\]\. .*"))
+    log.wait_matching(r"Speaker changed\[0->12\]\. .*")
     client.emit("Nonsense")
     log.wait("Not matched signal:Nonsense")
     client.get_support()
@@ -81,9 +81,9 @@ def trace_of(daemon, after):
 def test_nested_calls_are_traced_as_nested_pairs(scene, client):
     daemon = scene.start(KAVREL_LOG="debug")
     client.get_volume()
-    before = daemon.log.wait(re.compile(rf"Called by .*{client.name}/.* size:1")).number  # and then it is idle
+    before = daemon.log.wait_matching(rf"Called by .*{client.name}/.* size:1").number  # and then it is idle
     client.get_volume()
-    daemon.log.wait(re.compile(r"\t\[OUT\].*methodCallHandler\(.*"), before)
+    daemon.log.wait_matching(r"\t\[OUT\].*methodCallHandler\(.*", before)
     open_calls = []
     trace = trace_of(daemon, before)
     for entry in trace:

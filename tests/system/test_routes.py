@@ -1,5 +1,4 @@
 """The daemon follows the TV's output: speakers replaced, the optical cable pulled, mirroring to a mobile."""
-import re
 
 import pytest
 
@@ -20,7 +19,7 @@ def change_route(tv, log, route, previous=0):
     """The output becomes another one; returns the line that closes the change."""
     before = log.end()
     tv.echo(route, "sound/route")
-    return log.wait(re.compile(rf"Speaker changed\[{previous}->{route}\]\. .*"), before)
+    return log.wait_matching(rf"Speaker changed\[{previous}->{route}\]\. .*", before)
 
 
 def lines_of_change(log, after):
@@ -194,7 +193,7 @@ def test_pulling_the_cable_in_use_goes_back_to_the_tv_speaker(plugged, tv, route
     change_route(tv, plugged, route)
     before = plugged.end()
     tv.echo(0, SPDIF)
-    plugged.wait(re.compile(rf"Speaker changed\[{route}->0\]\. .*"), before)
+    plugged.wait_matching(rf"Speaker changed\[{route}->0\]\. .*", before)
     assert tv.read("sound/route") == "0"
     wanted = [f"Spdif cable is disconnected. route:{route}", f"Type({route}->0)", "Set Speaker Output(0)"]
     plugged.wait("Set Speaker Output(0)", before)

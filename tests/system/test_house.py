@@ -1,0 +1,85 @@
+"""The rules of the house that no compiler checks: who may include what, and what builds with what."""
+import re
+import subprocess
+
+import pytest
+
+from harness import ROOT
+
+SEAM = sorted(path.name for path in (ROOT / "platform/include").glob("*.h"))
+SOURCES = sorted((ROOT / "src").glob("*.cpp"))
+HEADERS = sorted((ROOT / "src").glob("*.h")) + sorted((ROOT / "include_internal").glob("*.h"))
+C_HEADERS = {"assert.h", "stdbool.h", "stddef.h", "stdint.h"}
+POSIX = {"pthread.h", "unistd.h"}
+
+
+def includes_of(path):
+    """[(opening bracket or quote, name)]"""
+    return re.findall(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', path.read_text(), re.M)
+
+
+def name_of(path):
+    return str(path.relative_to(ROOT))
+
+
+def flags_of(*packages):
+    return subprocess.run(["pkg-config", "--cflags", *packages], capture_output=True, text=True,
+                          check=True).stdout.split()
+
+
+def test_the_seam_is_eight_headers():
+    assert SEAM == ["audio_control.h", "audio_hal.h", "dlog.h", "lwipc.h", "resource_center.h", "sound_manager.h",
+                    "system_info.h", "vconf.h"]
+
+
+@pytest.mark.parametrize("header", SEAM)
+def test_seam_headers_include_only_standard_headers_and_are_c(header):
+    path = ROOT / "platform/include" / header
+    assert {name for _bracket, name in includes_of(path)} <= C_HEADERS
+    subprocess.run(["gcc", "-std=c11", "-fsyntax-only", "-Wall", "-Wextra", "-Werror", "-x", "c", path], check=True)
+
+
+@pytest.mark.parametrize("path", SOURCES + HEADERS, ids=name_of)
+def test_the_daemon_includes_its_own_headers_the_seam_and_its_two_libraries(path):
+    own = {header.name for header in HEADERS}
+    for bracket, name in includes_of(path):
+        if bracket == '"':
+            assert name in own
+        else:
+            is_standard = "." not in name and "/" not in name
+            assert is_standard or name in {*SEAM, *POSIX} or re.match(r"(glib|gio/gio)\.h|json/\w+\.h", name), name
+
+
+@pytest.mark.parametrize("path", sorted((ROOT / "platform").rglob("*.[ch]*")), ids=name_of)
+def test_the_platform_knows_nothing_of_the_daemon(path):
+    daemon = {header.name for header in HEADERS}
+    for _bracket, name in includes_of(path):
+        assert name.rpartition("/")[2] not in daemon
+        assert "src/" not in name and "include_internal" not in name
+
+
+@pytest.mark.parametrize("source", SOURCES, ids=name_of)
+def test_each_source_compiles_alone_with_nothing_but_its_folders(source):
+    subprocess.run(["g++", "-std=c++20", "-fsyntax-only", *(f"-I{ROOT}/{folder}" for folder in
+                    ("src", "include_internal", "platform/include")), *flags_of("gio-2.0", "jsoncpp"), source],
+                   check=True)
+
+
+@pytest.mark.parametrize("source", [source for source in SOURCES if source.name != "main.cpp"], ids=name_of)
+def test_each_source_has_its_header(source):
+    assert source.with_suffix(".h").exists()
+
+
+def test_only_main_has_main():
+    assert [name_of(source) for source in SOURCES if re.search(r"^int main\(", source.read_text(), re.M)] == [
+        "src/main.cpp"]
+
+
+def test_the_tracer_logs_on_its_two_lines():
+    lines = (ROOT / "include_internal/KVDebug.h").read_text().splitlines()
+    assert "[IN]" in lines[53 - 1] and "[OUT]" in lines[58 - 1]
+
+
+@pytest.mark.parametrize("script", ["run", "test", "bench", ".ci/run", "scripts/lib.sh"])
+def test_scripts_are_valid_bash(script):
+    subprocess.run(["bash", "-n", ROOT / script], check=True)

@@ -1,0 +1,204 @@
+"""What is installed around the daemon: the bus policy, activation, the unit, what a TV forgets at boot."""
+import configparser
+import os
+import re
+import subprocess
+import xml.etree.ElementTree as ElementTree
+
+import pytest
+
+from harness import METHODS_PATH, NAME, PATIENCE, READY, ROOT, SIGNALS_PATH, Bus
+
+PREFIX = "usr/local"
+
+
+@pytest.fixture(scope="module")
+def installed(tmp_path_factory):
+    """The folder that an installation has been made into."""
+    folder = tmp_path_factory.mktemp("installed")
+    subprocess.run(["meson", "install", "-C", os.environ["KAVREL_BUILD"], "--no-rebuild", "--destdir", folder,
+                    "--quiet"], check=True, stdin=subprocess.DEVNULL, capture_output=True)
+    return folder
+
+
+def unit_of(path):
+    """{section: [(key, value)]}, with repeated keys."""
+    sections, section = {}, None
+    for line in path.read_text().splitlines():
+        if line.startswith("["):
+            section = sections.setdefault(line.strip("[]"), [])
+        elif "=" in line and not line.startswith("#"):
+            section.append(tuple(line.split("=", 1)))
+    return sections
+
+
+def test_each_file_is_in_its_place(installed):
+    for path in ("bin/kavreld", "lib/systemd/system/kavrel.service", "lib/tmpfiles.d/kavrel.conf",
+                 "share/dbus-1/interfaces/org.olvane.kavrel.xml", "share/dbus-1/system.d/org.olvane.kavrel.conf",
+                 "share/dbus-1/system-services/org.olvane.kavrel.service"):
+        assert (installed / PREFIX / path).is_file(), path
+
+
+def test_the_installed_interface_is_the_one_compiled_in(installed, daemon, scene):
+    file = (installed / PREFIX / "share/dbus-1/interfaces/org.olvane.kavrel.xml").read_text()
+    shown = scene.run("gdbus", "introspect", "--system", "--xml", "-d", NAME, "-o", METHODS_PATH)
+
+    def arguments(xml):
+        node = ElementTree.fromstring(xml).find(f"interface[@name='{NAME}']")
+        return [(method.get("name"), [tuple(sorted(arg.items())) for arg in method]) for method in node]
+
+    assert arguments(shown) == arguments(file)
+
+
+def test_the_unit_is_valid(installed):
+    unit = installed / PREFIX / "lib/systemd/system/kavrel.service"
+    text = unit.read_text().replace("ExecStart=/", f"ExecStart={installed}/")
+    copy = installed / "kavrel.service"
+    copy.write_text(text)
+    done = subprocess.run(["systemd-analyze", "verify", "--man=no", "--recursive-errors=no", copy],
+                          capture_output=True, text=True, check=False)
+    assert (done.returncode, done.stderr) == (0, "")
+
+
+def test_the_unit_starts_what_is_installed_after_the_bus_and_always_again(installed):
+    unit = unit_of(installed / PREFIX / "lib/systemd/system/kavrel.service")
+    service = dict(unit["Service"])
+    assert service["ExecStart"] == f"/{PREFIX}/bin/kavreld"
+    assert (service["Type"], service["BusName"]) == ("dbus", NAME)
+    assert service["Restart"] == "always"
+    assert int(service["TimeoutStartSec"]) <= 60
+    assert dict(unit["Unit"])["After"] == "dbus.service"
+
+
+def test_the_unit_withdraws_the_ready_event_of_its_tv(installed):
+    service = dict(unit_of(installed / PREFIX / "lib/systemd/system/kavrel.service")["Service"])
+    tv = re.fullmatch(r"KAVREL_TV_DIR=(\S+)", service["Environment"]).group(1)
+    assert service["ExecStopPost"].replace("%%", "%").split()[-1] == f"{tv}/{READY}"
+    assert service["RuntimeDirectory"] == tv.removeprefix("%t/")
+    assert service["RuntimeDirectoryPreserve"] == "yes"
+
+
+def test_activation_goes_through_the_unit(installed):
+    parser = configparser.ConfigParser()
+    parser.optionxform = str
+    parser.read(installed / PREFIX / "share/dbus-1/system-services/org.olvane.kavrel.service")
+    assert dict(parser["D-BUS Service"]) == {"Name": NAME, "Exec": "/bin/false", "User": "root",
+                                             "SystemdService": "kavrel.service"}
+
+
+def test_a_boot_forgets_the_settings_memory_and_nothing_else(tmp_path):
+    for key in ("memory/sysman/spdif", "db/usbsound/volume_level"):
+        (tmp_path / "run/kavrel/settings" / key).parent.mkdir(parents=True)
+        (tmp_path / "run/kavrel/settings" / key).write_text("1\n")
+    command = ["systemd-tmpfiles", "--remove", f"--root={tmp_path}", ROOT / "data/kavrel.tmpfiles"]
+    subprocess.run(command, check=True)
+    assert (tmp_path / "run/kavrel/settings/memory").exists()  # a restart is no boot
+    subprocess.run([*command, "--boot"], check=True)
+    assert not (tmp_path / "run/kavrel/settings/memory").exists()
+    assert (tmp_path / "run/kavrel/settings/db/usbsound/volume_level").exists()
+
+
+# --- the policy ---------------------------------------------------------------------------------------------------
+
+STRICT_BUS = """
+<busconfig>
+  <type>system</type>
+  <listen>unix:tmpdir=/tmp</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow user="*"/>
+    <deny own="*"/>
+    <deny send_type="method_call"/>
+    <allow send_type="signal"/>
+    <allow send_requested_reply="true" send_type="method_return"/>
+    <allow send_requested_reply="true" send_type="error"/>
+    <allow receive_type="method_call"/>
+    <allow receive_type="method_return"/>
+    <allow receive_type="error"/>
+    <allow receive_type="signal"/>
+    <allow send_destination="org.freedesktop.DBus"/>
+  </policy>
+  {include}
+</busconfig>
+"""
+
+
+@pytest.fixture
+def strict(scene):
+    """The scene with a bus that allows what an installation's does, our policy included."""
+    scene.bus.end()
+    (scene.folder / "bus").unlink(missing_ok=True)
+    config = scene.folder / "strict.conf"
+    config.write_text(STRICT_BUS.format(include=f"<include>{ROOT / 'data/org.olvane.kavrel.conf'}</include>"))
+    scene.folder.chmod(0o755)
+    scene.bus = Bus(scene.folder, config)
+    scene.callback(scene.bus.end)
+    return scene
+
+
+def run_as(user, scene, *command):
+    """Exit status and standard error. Only root can be several users: anyone else is the one without rights."""
+    as_user = {
+        "root": [],
+        "nobody": ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"],
+        "audio": ["setpriv", "--reuid=65534", "--regid=audio", "--groups=audio"],
+    }[user] if os.geteuid() == 0 else []
+    done = subprocess.run([*as_user, *command], env=scene.environment(LD_PRELOAD=""), capture_output=True, text=True,
+                          timeout=PATIENCE, check=False, stdin=subprocess.DEVNULL)
+    return done.returncode, done.stderr
+
+
+def call_as(user, scene, method, *arguments):
+    return run_as(user, scene, "gdbus", "call", "--system", "-d", NAME, "-o", METHODS_PATH, "-m", f"{NAME}.{method}",
+                  *arguments)
+
+
+def test_a_user_without_rights_may_not_be_kavrel(strict):
+    status, errors = run_as("nobody", strict, "busctl", "--system", "call", "org.freedesktop.DBus", "/",
+                            "org.freedesktop.DBus", "RequestName", "su", NAME, "0")
+    assert status != 0
+    assert "Access denied" in errors
+
+
+GETTERS = ["GetSpeakerSupportType", "GetSpeakerVolume", "GetSpeakerMute"]
+CHANGES = [("SetSpeakerVolume", "30"), ("SetSpeakerMute", "true"), ("ApplyPlayerFadeIn", "1"),
+           ("ApplyUnmuteFadeIn", "1"), ("ResetPlayerGain", "1"), ("ApplyGainOnMute", "1", "100")]
+
+if os.geteuid() == 0:
+    def test_everyone_may_ask(strict):
+        strict.start()
+        for user in ("nobody", "audio", "root"):
+            for method in GETTERS:
+                assert call_as(user, strict, method) == (0, "")
+            assert run_as(user, strict, "gdbus", "introspect", "--system", "-d", NAME, "-o", METHODS_PATH) == (0, "")
+
+    def test_only_root_and_the_group_audio_may_change_the_sound(strict):
+        strict.start()
+        for change in CHANGES:
+            status, errors = call_as("nobody", strict, *change)
+            assert status != 0 and "AccessDenied" in errors
+            assert call_as("audio", strict, *change) == (0, "")
+            assert call_as("root", strict, *change) == (0, "")
+
+    def test_only_root_and_the_group_audio_may_send_the_signals(strict):
+        log = strict.start().log
+        for reason, user in enumerate(("nobody", "audio", "nobody", "root")):
+            run_as(user, strict, "gdbus", "emit", "--system", "-o", SIGNALS_PATH, "-s", f"{NAME}.BudsConnected",
+                   str(reason))
+        log.wait("Buds Connected. reason:3")
+        assert [text for text in log.texts() if text.startswith("Buds Connected")] == [
+            "Buds Connected. reason:1", "Buds Connected. reason:3"]
+
+    def test_everyone_hears_of_changes(strict):
+        strict.start()
+        nobody = subprocess.Popen(["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "gdbus", "monitor",
+                                   "--system", "-d", NAME], stdout=subprocess.PIPE, text=True,
+                                  env=strict.environment(LD_PRELOAD=""), stdin=subprocess.DEVNULL)
+        try:
+            while "is owned by" not in nobody.stdout.readline():
+                pass
+            call_as("root", strict, "SetSpeakerVolume", "30")
+            assert nobody.stdout.readline() == f"{METHODS_PATH}: {NAME}.SpeakerVolumeChanged (65535, 30)\n"
+        finally:
+            nobody.kill()
+            nobody.communicate()
