@@ -450,3 +450,24 @@ class Scene(contextlib.ExitStack):
                               text=True, timeout=PATIENCE, check=False, **options)
         assert done.returncode == 0, done.stderr
         return done.stdout
+
+
+class Switches:
+    """The files that make kavreld emulate speakers, in a folder that stands in for /opt/etc."""
+
+    def __init__(self, scene):
+        self.scene = scene
+        self.folder = scene.folder / "opt-etc"
+        self.folder.mkdir()
+
+    def turn_on(self, name):
+        (self.folder / f".enable_{name}_spk").touch()
+
+    def turn_off(self, name):
+        (self.folder / f".enable_{name}_spk").unlink()
+
+    def start(self):
+        """A kavreld that looks for its switch files there."""
+        preload = f"{os.environ['SWITCH_FILES']}:{os.environ.get('KAVREL_PRELOAD', '')}"
+        asan_options = f"{os.environ.get('ASAN_OPTIONS', '')}:verify_asan_link_order=0"  # which minds what is preloaded
+        return self.scene.start(LD_PRELOAD=preload, KAVREL_TEST_SWITCHES=str(self.folder), ASAN_OPTIONS=asan_options)

@@ -1,12 +1,11 @@
 """The two emulated speakers, switched on by a file each: their volume is a program's on the bus."""
-import os
 import re
 import threading
 
 import pytest
 from gi.repository import Gio, GLib
 
-from harness import PATIENCE, TV_SUPPORT
+from harness import PATIENCE, TV_SUPPORT, Switches
 
 FAILED, NOT_SUPPORTED = -1, -4
 TV_ROUTES, BLUETOOTH_ROUTES = [0, 6, 11, 12, 13, 14], [3, 5]
@@ -16,37 +15,16 @@ SUPPORT, LEVEL, MUTE = (f"{MIRRORING}/{key}_bt" for key in ("volume_support", "g
 VOLUME_REQUEST, MUTE_REQUEST = f"{MIRRORING}/set_volume_level", f"{MIRRORING}/set_volume_mute"
 
 
-class Switches:
-    """The folder that stands in for /opt/etc."""
-
-    def __init__(self, folder):
-        self.folder = folder
-        folder.mkdir()
-
-    def turn_on(self, name):
-        (self.folder / f".enable_{name}_spk").touch()
-
-    def turn_off(self, name):
-        (self.folder / f".enable_{name}_spk").unlink()
-
-
 @pytest.fixture
 def switches(scene):
-    return Switches(scene.folder / "opt-etc")
-
-
-def start(scene, switches):
-    """A kavreld that looks for its switch files there."""
-    preload = f"{os.environ['SWITCH_FILES']}:{os.environ.get('KAVREL_PRELOAD', '')}"
-    asan_options = f"{os.environ.get('ASAN_OPTIONS', '')}:verify_asan_link_order=0"  # which minds what is preloaded
-    return scene.start(LD_PRELOAD=preload, KAVREL_TEST_SWITCHES=str(switches.folder), ASAN_OPTIONS=asan_options)
+    return Switches(scene)
 
 
 @pytest.fixture
 def tv_emulator(scene, switches):
     """A kavreld whose TV speaker is emulated."""
     switches.turn_on("tv")
-    return start(scene, switches)
+    return switches.start()
 
 
 @pytest.fixture
@@ -58,7 +36,7 @@ def bluetooth_emulator(scene, tv, switches):
     tv.echo(7, LEVEL)
     tv.echo(0, MUTE)
     tv.echo(3, "sound/route")
-    return start(scene, switches)
+    return switches.start()
 
 
 class ConnectionManager:
@@ -139,7 +117,7 @@ def follow(tv, daemon, routes, previous=0):
 
 def test_with_its_file_every_tv_route_is_emulated_and_no_other(scene, tv, switches):
     switches.turn_on("tv")
-    daemon = start(scene, switches)
+    daemon = switches.start()
     assert created(daemon.log) == ["Create TV Speaker Emulator"]
     speakers = follow(tv, daemon, [*TV_ROUTES[1:], *BLUETOOTH_ROUTES, *OTHER_ROUTES])
     assert speakers == [*5 * ["Create TV Speaker Emulator"], *2 * ["Create BT Speaker"],
@@ -148,7 +126,7 @@ def test_with_its_file_every_tv_route_is_emulated_and_no_other(scene, tv, switch
 
 def test_with_its_file_every_bluetooth_route_is_emulated_and_no_other(scene, tv, switches):
     switches.turn_on("bt")
-    daemon = start(scene, switches)
+    daemon = switches.start()
     assert created(daemon.log) == ["Create TV Speaker"]
     speakers = follow(tv, daemon, [*TV_ROUTES[1:], *BLUETOOTH_ROUTES, *OTHER_ROUTES])
     assert speakers == [*5 * ["Create TV Speaker"], *2 * ["Create BT Speaker Emulator"],
@@ -156,7 +134,7 @@ def test_with_its_file_every_bluetooth_route_is_emulated_and_no_other(scene, tv,
 
 
 def test_the_files_count_from_the_next_change_of_output_on(scene, tv, switches):
-    daemon = start(scene, switches)
+    daemon = switches.start()
     assert created(daemon.log) == ["Create TV Speaker"]
     switches.turn_on("tv")
     switches.turn_on("bt")
@@ -168,12 +146,12 @@ def test_the_files_count_from_the_next_change_of_output_on(scene, tv, switches):
 
 def test_only_the_existence_of_a_file_counts(scene, switches):
     (switches.folder / ".enable_tv_spk").mkdir()
-    assert created(start(scene, switches).log) == ["Create TV Speaker Emulator"]
+    assert created(switches.start().log) == ["Create TV Speaker Emulator"]
 
 
 def test_a_link_to_nowhere_is_no_file(scene, switches):
     (switches.folder / ".enable_tv_spk").symlink_to("nowhere")
-    assert created(start(scene, switches).log) == ["Create TV Speaker"]
+    assert created(switches.start().log) == ["Create TV Speaker"]
 
 
 # --- the emulated TV speaker -----------------------------------------------------------------------------------------------

@@ -7,7 +7,7 @@ import time
 import pytest
 from gi.repository import Gio, GLib
 
-from harness import PATIENCE, TV_SUPPORT
+from harness import PATIENCE, TV_SUPPORT, Switches
 from kavrel_tv import assert_idle, make_tool, refused
 
 MIRRORING = "settings/memory/menu/network/screenmirroring"
@@ -347,3 +347,38 @@ def test_the_peer_needs_a_bus_and_tells_when_it_goes(tool, scene):
     scene.bus.end()
     assert emulator.child.wait(PATIENCE) == 2
     assert emulator.end() == (2, ["kavrel-tv: the bus has gone"])
+
+
+def test_the_daemons_bluetooth_emulator_talks_to_the_peer(scene, tool, client):
+    switches = Switches(scene)
+    switches.turn_on("bt")
+    log = switches.start().log
+    devices = tool.devices()
+    emulator = tool.start("emulator", "bt", "--volume", "17")
+    emulator.wait("is here")
+    tool("route", "bt")
+    log.wait("Create BT Speaker Emulator")
+    log.wait(re.compile(r"Speaker changed\[0->3\]\. .*"))
+    devices.wait("bt: publishes")
+    assert client.get_volume() == (17, 0)
+    assert client.set_volume(35) == 0
+    emulator.wait("SetSpkVolume 35")
+    client.expect("SpkVolumeChanged", 3, 15, 35)
+    client.expect("SpeakerVolumeChanged", 15, 35)
+    emulator.type("20")
+    client.expect("SpkVolumeChanged", 3, 15, 20)
+    client.expect("SpeakerVolumeChanged", 15, 20)
+
+
+def test_the_daemons_tv_emulator_hears_the_peer_but_cannot_call_it(scene, tool, client):
+    switches = Switches(scene)
+    switches.turn_on("tv")
+    log = switches.start().log
+    log.wait("Create TV Speaker Emulator")
+    emulator = tool.start("emulator", "tv")
+    emulator.wait("is here")
+    emulator.type("23")
+    client.expect("SpkVolumeChanged", 0, TV_SUPPORT, 23)
+    client.expect("SpeakerVolumeChanged", TV_SUPPORT, 23)
+    assert client.call("SetSpeakerVolume", "i", 30) == (-1,)
+    assert emulator.said("SetSpkVolume") == 0
