@@ -28,6 +28,10 @@ public:
         label("OPTIONS", "options");
     }
 
+    std::string make_usage(const CLI::App* app, std::string name) const override {
+        return "\n" + CLI::Formatter::make_usage(app, std::move(name));
+    }
+
     std::string make_subcommand(const CLI::App* command) const override {
         const std::string description = command->get_description();
         std::ostringstream line;
@@ -43,6 +47,15 @@ public:
 
 std::string Quoted(std::string_view text) {
     return "\"" + Printable(text) + "\"";
+}
+
+std::string AsFooter(const std::string& examples) {
+    std::string footer = examples.find('\n') == std::string::npos ? "Example:\n  " : "Examples:\n  ";
+    for (const char character : examples) {
+        footer += character;
+        footer += character == '\n' ? "  " : "";
+    }
+    return footer;
 }
 
 std::string InOneLine(std::string text) {
@@ -69,7 +82,7 @@ CLI::App& CommandLine::AddCommand(const std::string& name, const std::string& de
 CLI::App& CommandLine::AddCommand(CLI::App& group, const std::string& name, const std::string& description,
                                   const std::string& example, Action action) {
     CLI::App* command = group.add_subcommand(name, description)->group("Commands");
-    command->footer((example.find('\n') == std::string::npos ? "Example: " : "Examples:\n") + example);
+    command->footer(AsFooter(example));
     command->callback([this, action = std::move(action)] { m_action = action; });
     return *command;
 }
@@ -77,7 +90,7 @@ CLI::App& CommandLine::AddCommand(CLI::App& group, const std::string& name, cons
 CLI::App& CommandLine::AddGroup(const std::string& name, const std::string& description,
                                 const std::string& example) {
     CLI::App* group = m_app.add_subcommand(name, description)->group("Commands");
-    group->footer((example.find('\n') == std::string::npos ? "Example: " : "Examples:\n") + example);
+    group->footer(AsFooter(example));
     group->require_subcommand(0, 1);
     return *group;
 }
@@ -141,11 +154,10 @@ int Number(std::string_view argument, const std::string& text, int least, int mo
     const auto read = std::from_chars(text.data(), end, number);
     if (read.ec != std::errc() || read.ptr != end || number < least || number > most) {
         std::string range = " from " + std::to_string(least) + " to " + std::to_string(most);
-        if (most == std::numeric_limits<int>::max()) {
-            range = least == 0 ? " from 0 on" : "";
+        if (least == std::numeric_limits<int>::min() && most == std::numeric_limits<int>::max()) {
+            range = " of 32 bits";
         }
-        throw UsageError(std::string(argument) + " is to be a whole number" + range + ", not " +
-                         Quoted(text));
+        throw UsageError(std::string(argument) + " must be a whole number" + range + ", not " + Quoted(text));
     }
     return number;
 }
@@ -160,12 +172,12 @@ int Choice(std::string_view argument, const std::string& text,
     for (const auto& choice : choices) {
         list += (list.empty() ? "" : &choice == choices.end() - 1 ? " or " : ", ") + std::string(choice);
     }
-    throw UsageError(std::string(argument) + " is to be " + list + ", not " + Quoted(text));
+    throw UsageError(std::string(argument) + " must be " + list + ", not " + Quoted(text));
 }
 
 const std::string& Utf8(std::string_view argument, const std::string& text) {
     if (!g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr)) {
-        throw UsageError(std::string(argument) + " is to be UTF-8 text, not " + Quoted(text));
+        throw UsageError(std::string(argument) + " must be UTF-8 text, not " + Quoted(text));
     }
     return text;
 }

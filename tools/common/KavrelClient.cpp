@@ -44,11 +44,15 @@ std::string Message(const GError* error) {
     return copy->message;
 }
 
+std::string NotRunning() {
+    return std::string("kavreld is not running: nobody on the bus owns ") + KAVREL_NAME;
+}
+
 ToolError AsToolError(const GError* error, KavrelClient::Timeout timeout) {
     std::string line = "the call failed: " + Message(error);
     if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_SERVICE_UNKNOWN) ||
         g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER)) {
-        line = std::string("kavreld is not running: nobody on the bus owns ") + KAVREL_NAME;
+        line = NotRunning();
     } else if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT) && timeout) {
         line = "no answer within " + Seconds(*timeout);
     } else if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NO_REPLY)) {
@@ -155,7 +159,7 @@ struct KavrelClient::LateAnswer {
         late->client->m_unanswered -= 1;
         Failure failure;
         const Variant reply(g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, failure));
-        if (g_error_matches(failure.Get(), G_IO_ERROR, G_IO_ERROR_CANCELLED)) {
+        if (g_cancellable_is_cancelled(late->client->m_cancellable.get())) {
             return;
         }
         if (reply == nullptr) {
@@ -205,10 +209,7 @@ void KavrelClient::ReadLater(const char* method, Answered answered) {
 
 void KavrelClient::Emit(const char* signal, GVariant* arguments) const {
     const Variant body(g_variant_ref_sink(arguments));
-    if (Owner().empty()) {
-        throw ToolError(EXIT_UNREACHABLE,
-                        std::string("kavreld is not running: nobody on the bus owns ") + KAVREL_NAME);
-    }
+    RequireOwner();
     Failure failure;
     if (!g_dbus_connection_emit_signal(m_connection.get(), nullptr, KAVREL_SIGNAL_PATH, KAVREL_INTERFACE,
                                        signal, body.get(), failure)) {
@@ -231,6 +232,14 @@ std::string KavrelClient::Owner() const {
     }
     const char* owner = nullptr;
     g_variant_get(reply.get(), "(&s)", &owner);
+    return owner;
+}
+
+std::string KavrelClient::RequireOwner() const {
+    std::string owner = Owner();
+    if (owner.empty()) {
+        throw ToolError(EXIT_UNREACHABLE, NotRunning());
+    }
     return owner;
 }
 

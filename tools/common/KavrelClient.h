@@ -76,6 +76,8 @@ public:
     /** The unique name of who owns the daemon's name; empty if nobody does. @throws ToolError without a bus
      */
     std::string Owner() const;
+    /** The same. @throws ToolError if nobody does, too */
+    std::string RequireOwner() const;
     /** Process id of a connection to the bus; nothing if it has gone. */
     std::optional<unsigned> ProcessOf(const std::string& name) const;
 

@@ -4,6 +4,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 
 #include "Errors.h"
@@ -34,6 +35,18 @@ TerminalSize SizeOfTerminal() {
         return {};
     }
     return {size.ws_col, size.ws_row};
+}
+
+std::string Clipped(std::string_view line, int columns) {
+    constexpr std::string_view ELLIPSIS = "...";
+    const char* begin = line.data();
+    const auto bytes = static_cast<gssize>(line.size());
+    if (g_utf8_strlen(begin, bytes) <= columns) {
+        return std::string(line);
+    }
+    const long kept = std::max(0L, columns - static_cast<long>(ELLIPSIS.size()));
+    const char* end = g_utf8_offset_to_pointer(begin, kept);
+    return std::string(begin, end).append(ELLIPSIS);
 }
 
 Style::Style() : m_coloured(ColourIsWanted()) {}

@@ -17,6 +17,9 @@ struct TerminalSize {
 /** Of the terminal behind standard output; 80x24 where there is none or it does not say. */
 TerminalSize SizeOfTerminal();
 
+/** The first `columns` characters of a line of plain text; if it is longer, the last three are "...". */
+std::string Clipped(std::string_view line, int columns);
+
 /** Colours for standard output, which are plain text unless it is a terminal and NO_COLOR is unset or empty.
  */
 class Style {

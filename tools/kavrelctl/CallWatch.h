@@ -1,0 +1,105 @@
+#ifndef KAVRELCTL_CALLWATCH_H
+#define KAVRELCTL_CALLWATCH_H
+
+#include <gio/gio.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Clock.h"
+#include "GLibPtr.h"
+#include "KavrelClient.h"
+#include "MainLoop.h"
+
+namespace ctl {
+
+/** Who calls: what the kernel tells of the process behind a connection to the bus. */
+struct Caller {
+    /** Unique name on the bus. */
+    std::string name;
+    /** Nothing if the connection had gone before it could be looked up. */
+    std::optional<unsigned> process;
+    /** Program and arguments; empty if the process had gone, or does not tell. */
+    std::vector<std::string> command;
+};
+
+/** One method call to the daemon, with its end. */
+struct Call {
+    tools::Moment time = 0;
+    Caller caller;
+    std::string interface;
+    std::string method;
+    /** A tuple; null without arguments. */
+    tools::Variant arguments;
+
+    enum class End { ANSWERED, REFUSED, NO_REPLY_WANTED, NO_ANSWER } end = End::NO_ANSWER;
+    /** The answer's tuple; null without values. */
+    tools::Variant answer;
+    /** Name of the D-Bus error, if refused. */
+    std::string error;
+    /** From the call's passing the bus to the answer's, in microseconds. */
+    std::int64_t duration = 0;
+};
+
+/**
+ * Sees every method call to the daemon through the bus's monitoring interface, over a connection of its own
+ * that can do nothing else. What a caller is, is looked up as soon as it joins the bus, for many are gone
+ * right after their call.
+ */
+class CallWatch {
+public:
+    using Seen = std::function<void(const Call&)>;
+
+    /** Watches from now on. The calls of `client`, which looks callers up, are not told.
+     *  @param seen called on the main loop when a call has ended, or has had no answer for the client's
+     * timeout
+     *  @throws tools::ToolError if there is no bus or it does not allow it */
+    CallWatch(tools::MainLoop& loop, const tools::KavrelClient& client, tools::KavrelClient::Timeout timeout,
+              Seen seen);
+    ~CallWatch();
+    CallWatch(const CallWatch&) = delete;
+    CallWatch& operator=(const CallWatch&) = delete;
+
+private:
+    struct Inbox;
+    struct Message;
+    /** Unique name of the caller, serial of the call. */
+    using Key = std::pair<std::string, guint32>;
+    struct Pending {
+        Call call;
+        std::int64_t begin;
+        tools::GLibPtr<GSource> limit;
+    };
+
+    static GDBusMessage* Filter(GDBusConnection* connection, GDBusMessage* message, gboolean isIncoming,
+                                void* inbox);
+    void BecomeMonitor();
+    void TakeMessages();
+    void OnMessage(const Message& message);
+    void OnCall(const Message& message);
+    void OnReply(const Message& message);
+    void OnOwnerChanged(const Message& message);
+    void Finish(const Key& key, Call::End end, std::int64_t now);
+    const Caller& CallerOf(const std::string& name);
+
+    tools::MainLoop& m_loop;
+    const tools::KavrelClient& m_client;
+    const tools::KavrelClient::Timeout m_timeout;
+    const Seen m_seen;
+    const std::string m_ownName;
+    tools::GLibPtr<GDBusConnection> m_connection;
+    std::shared_ptr<Inbox> m_inbox;
+    tools::GLibPtr<GSource> m_mail;
+    guint m_filter = 0;
+    std::map<Key, Pending> m_pending;
+    std::map<std::string, Caller> m_callers;
+};
+
+}  // namespace ctl
+
+#endif

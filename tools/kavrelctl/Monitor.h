@@ -1,0 +1,73 @@
+#ifndef KAVRELCTL_MONITOR_H
+#define KAVRELCTL_MONITOR_H
+
+#include <gio/gio.h>
+#include <json/value.h>
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "CallWatch.h"
+#include "Clock.h"
+#include "KavrelClient.h"
+#include "MainLoop.h"
+#include "State.h"
+#include "Terminal.h"
+
+namespace ctl {
+
+/**
+ * Tells on standard output what the daemon is and does: its present state, then every change, each in a line.
+ * It listens, and asks only when the daemon is new: at the start, and when it is back.
+ */
+class Monitor {
+public:
+    struct Options {
+        tools::KavrelClient::Timeout timeout;
+        /** One object a line instead of words. */
+        bool isJson;
+        /** Method calls to the daemon, too. */
+        bool withCalls;
+    };
+
+    /** @throws tools::ToolError if there is no bus, or it does not allow to see calls */
+    explicit Monitor(const Options& options);
+
+    /** Until Ctrl-C or the end of its reader. @return the exit code
+     *  @throws tools::ToolError if there is no daemon at the start, or the bus goes */
+    int Run();
+
+private:
+    void OnSignal(const std::string& sender, const std::string& signal, GVariant* body);
+    void OnOwnerChanged(const std::string& owner);
+    void OnCall(const Call& call);
+    void AskForState();
+    void OnAnswer(unsigned asked, Item item, const tools::Reading& reading,
+                  const std::optional<tools::ToolError>& error);
+    void OnChange(Item item, int support, int value);
+    void TellState();
+    void TellItem(Item item);
+
+    /** One line: in words, or `fields` as an object together with the event's name and time. */
+    void Tell(const char* event, const std::string& words, Json::Value fields);
+    void TellAt(tools::Moment time, const char* event, const std::string& words, Json::Value fields);
+
+    const Options m_options;
+    const tools::Style m_style;
+    tools::KavrelClient m_client;
+    tools::MainLoop m_loop;
+    std::unique_ptr<CallWatch> m_calls;
+    /** Unique name of the daemon, empty while there is none. */
+    std::string m_owner;
+    /** What is known of it; the state is told once all is known. */
+    std::map<Item, tools::Reading> m_state;
+    /** How often it was asked for its state: answers to an earlier time are late. */
+    unsigned m_asked = 0;
+    bool m_hasToldState = false;
+};
+
+}  // namespace ctl
+
+#endif

@@ -1,0 +1,11 @@
+#include "Tool.h"
+
+int main(int argc, char** argv) {
+    ctl::Tool tool;
+    ctl::AddStatusCommands(tool);
+    ctl::AddVolumeCommands(tool);
+    ctl::AddGainCommands(tool);
+    ctl::AddConnectionCommands(tool);
+    ctl::AddMonitorCommand(tool);
+    return tool.Run(argc, argv);
+}
