@@ -5,7 +5,8 @@
 
 namespace {
 
-constexpr const char* FOOTER = R"(Example: kavrel-tv route hdmi
+constexpr const char* FOOTER = R"(Example:
+  kavrel-tv route hdmi
 
 Exit status: 0 done, 1 refused or failed, 2 no TV directory or no bus,
 64 wrong usage.

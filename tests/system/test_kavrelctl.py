@@ -1,0 +1,764 @@
+"""kavrelctl as a person and a script have it: what it prints, how it exits, and what the daemon makes of it."""
+import json
+import os
+import re
+import select
+import signal
+import subprocess
+import time
+from pathlib import Path
+
+import pytest
+
+from harness import NAME, PATIENCE, ROOT, TV_SUPPORT, Process
+from terminal import Terminal
+
+KAVRELCTL = os.environ["KAVRELCTL"]
+DONE, REFUSED, UNREACHABLE, USAGE, INTERRUPTED = 0, 1, 2, 64, 130
+
+ALL_WORDS = "read volume, set volume, read mute, set mute (0xffff)"
+HDMI = 2
+MIRRORING = "settings/memory/menu/network/screenmirroring"
+
+# A good command line for every command that does its work and ends.
+SHORT_COMMANDS = [
+    ["status"], ["support"], ["volume"], ["volume", "30"], ["volume", "+1"], ["mute"], ["mute", "on"],
+    ["mute", "toggle"], ["fade", "player"], ["fade", "unmute", "main"], ["gain", "reset"], ["gain", "on-mute", "40"],
+    ["pulse", "20", "100"], ["buds", "connected"], ["buds", "disconnected", "3"], ["speaker-gone", "4", "Living room"],
+]
+HELP_PAGES = [
+    [], ["status"], ["support"], ["volume"], ["mute"], ["fade"], ["gain"], ["gain", "reset"], ["gain", "on-mute"],
+    ["pulse"], ["buds"], ["speaker-gone"], ["wait"], ["monitor"],
+]
+
+
+class View(Process):
+    """A kavrelctl that stays, and the lines that it prints."""
+
+    def __init__(self, environment, *arguments):
+        self.lines = []
+        self.rest = ""
+        self.reader, writer = os.pipe()
+        super().__init__(KAVRELCTL, *arguments, env=environment, stdout=writer, stderr=subprocess.PIPE)
+        os.close(writer)
+
+    def read_line(self, timeout=PATIENCE):
+        """The next line, without its end; None once there will be no more."""
+        deadline = time.monotonic() + timeout
+        while "\n" not in self.rest:
+            assert select.select([self.reader], [], [], max(0, deadline - time.monotonic()))[0], \
+                f"no line within {timeout} s after {self.lines}"
+            read = os.read(self.reader, 65536).decode()
+            if not read:
+                assert self.rest == "", "the last line has no end"
+                return None
+            self.rest += read
+        line, self.rest = self.rest.split("\n", 1)
+        self.lines.append(line)
+        return line
+
+    def read_until(self, pattern):
+        """All lines up to the first one that contains the pattern."""
+        lines = []
+        while not lines or not re.search(pattern, lines[-1]):
+            line = self.read_line()
+            assert line is not None, f"no {pattern} in {lines}"
+            lines.append(line)
+        return lines
+
+    def read_events(self, event):
+        """JSON: all objects up to the first one of this event."""
+        return [json.loads(line) for line in self.read_until(f'"event":"{event}"')]
+
+    def errors(self):
+        return self.child.stderr.read().decode()
+
+    def close_output(self):
+        os.close(self.reader)
+        self.reader = None
+
+    def end(self):
+        status = super().end()
+        self.child.stderr.close()
+        if self.reader is not None:
+            self.close_output()
+        return status
+
+
+class Ctl:
+    """Runs kavrelctl in a scene."""
+
+    def __init__(self, scene):
+        self.scene = scene
+
+    def run(self, *arguments, timeout=PATIENCE, **environment):
+        return subprocess.run([KAVRELCTL, *arguments], env=self.scene.environment(**environment),
+                              stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=timeout, check=False)
+
+    def __call__(self, *arguments):
+        """What it prints when all is well."""
+        done = self.run(*arguments)
+        assert (done.returncode, done.stderr) == (DONE, "")
+        return done.stdout
+
+    def fails(self, status, *arguments, **options):
+        """Its complaint, without the program's name, when it fails with this status and prints nothing."""
+        done = self.run(*arguments, **options)
+        assert (done.returncode, done.stdout) == (status, ""), done.stderr
+        assert re.fullmatch(r"kavrelctl: [^\n]+\n", done.stderr)
+        return done.stderr.removeprefix("kavrelctl: ").removesuffix("\n")
+
+    def view(self, *arguments):
+        view = View(self.scene.environment(), *arguments)
+        self.scene.callback(view.end)
+        return view
+
+    def monitor(self, *arguments):
+        """A monitor that has told the present state."""
+        view = self.view("monitor", *arguments)
+        view.read_until('"event":"state"' if "--json" in arguments else r"  support  ")
+        return view
+
+
+@pytest.fixture
+def ctl(scene):
+    return Ctl(scene)
+
+
+@pytest.fixture
+def hdmi(daemon, tv):
+    """The HDMI receiver in use: it reads and sets its volume, and does not tell whether it is mute."""
+    tv.echo(0x3, f"{MIRRORING}/volume_support_hdmi")
+    tv.echo(17, f"{MIRRORING}/get_volume_level_hdmi")
+    tv.echo(HDMI, "sound/route")
+    daemon.log.wait("Create HDMI Speaker")
+
+
+@pytest.fixture
+def stopped(daemon):
+    """A daemon that owns its name and does not answer."""
+    daemon.signal(signal.SIGSTOP)
+    yield daemon
+    daemon.signal(signal.SIGCONT)
+
+
+# What is, and what is set
+
+
+def test_status_on_one_screen(daemon, ctl):
+    assert ctl("status") == f"volume   10\nmute     off\nsupport  {ALL_WORDS}\n"
+
+
+def test_status_as_one_object(daemon, ctl):
+    assert ctl("status", "--json") == (
+        '{"mute":false,"mute_status":0,"support":65535,"support_status":0,'
+        '"support_words":["read volume","set volume","read mute","set mute"],"volume":10,"volume_status":0}\n')
+
+
+def test_status_tells_in_words_what_the_output_does_not(hdmi, ctl):
+    done = ctl.run("status")
+    assert done.returncode == REFUSED
+    assert done.stdout == ("volume   17\nmute     not supported by this output (-4)\n"
+                           "support  read volume, set volume (0x0003)\n")
+
+
+def test_status_as_an_object_has_null_for_what_the_output_does_not_tell(hdmi, ctl):
+    done = ctl.run("status", "--json")
+    assert done.returncode == REFUSED
+    assert json.loads(done.stdout) == {
+        "volume": 17, "volume_status": 0, "mute": None, "mute_status": -4,
+        "support": 3, "support_status": 0, "support_words": ["read volume", "set volume"]}
+
+
+@pytest.mark.parametrize("before, argument, after", [
+    (10, "30", 30), (10, "0", 0), (10, "100", 100),
+    (10, "+5", 15), (10, "-5", 5), (10, "+0", 10), (97, "+5", 100), (3, "-5", 0), (50, "-2147483647", 0),
+    (50, "+2147483647", 100),
+])
+def test_volume_is_set(daemon, ctl, client, before, argument, after):
+    client.set_volume(before)
+    assert ctl("volume", argument) == ""
+    assert client.get_volume() == (after, 0)
+    assert ctl("volume") == f"{after}\n"
+
+
+def test_volume_and_mute_as_objects(daemon, ctl, client):
+    client.set_volume(42)
+    assert ctl("volume", "--json") == '{"volume":42,"volume_status":0}\n'
+    client.set_mute(True)
+    assert ctl("mute", "--json") == '{"mute":true,"mute_status":0}\n'
+
+
+def test_volume_unmutes(daemon, ctl, client):
+    client.set_mute(True)
+    ctl("volume", "20")
+    assert client.get_mute() == (0, 0)
+
+
+@pytest.mark.parametrize("before, argument, after", [
+    (False, "on", "on"), (True, "on", "on"), (False, "off", "off"), (True, "off", "off"), (False, "toggle", "on"),
+    (True, "toggle", "off"),
+])
+def test_mute_is_set(daemon, ctl, client, before, argument, after):
+    client.set_mute(before)
+    assert ctl("mute", argument) == ""
+    assert client.get_mute() == (int(after == "on"), 0)
+    assert ctl("mute") == f"{after}\n"
+
+
+@pytest.mark.parametrize("word, words", [
+    (0x5, "read volume, read mute (0x0005)"), (0xA, "set volume, set mute (0x000a)"), (0x10, "nothing (0x0010)"),
+])
+def test_support_in_words(daemon, tv, ctl, word, words):
+    tv.echo(word, f"{MIRRORING}/volume_support_hdmi")
+    tv.echo(HDMI, "sound/route")
+    daemon.log.wait("Create HDMI Speaker")
+    assert ctl("support") == f"{words}\n"
+    assert json.loads(ctl("support", "--json"))["support"] == word
+
+
+# What is refused
+
+
+def test_status_below_zero_is_told_in_words(daemon, hdmi, tv, ctl):
+    assert ctl.fails(REFUSED, "volume", "101") == "the volume was not set: invalid argument (-2)"
+    assert ctl.fails(REFUSED, "mute") == "the mute cannot be read: not supported by this output (-4)"
+    assert ctl.fails(REFUSED, "mute", "on") == "mute was not set: not supported by this output (-4)"
+    tv.remove(f"{MIRRORING}/get_volume_level_hdmi")
+    assert ctl.fails(REFUSED, "volume") == "the volume cannot be read: failed or busy (-1)"
+
+
+def test_other_status_is_the_platforms(daemon, tv, ctl):
+    tv.remove("audio/master_volume")
+    assert ctl.fails(REFUSED, "volume") == "the volume cannot be read: platform error (-1002)"
+    assert ctl.fails(REFUSED, "volume", "+1") == "the volume cannot be read: platform error (-1002)"
+
+
+# Gains and signals: what the daemon hears
+
+
+def heard(daemon, client, texts):
+    """The lines of the daemon's log that have one of these beginnings, once it has done all it was asked."""
+    client.get_volume()
+    return [text for text in daemon.log.texts() if text.startswith(texts)]
+
+
+@pytest.mark.parametrize("arguments, calls", [
+    (["player"], ["Player VolumeFadeIn. path:1", "Player VolumeFadeIn. path:2"]),
+    (["player", "both"], ["Player VolumeFadeIn. path:1", "Player VolumeFadeIn. path:2"]),
+    (["player", "main"], ["Player VolumeFadeIn. path:1"]),
+    (["player", "sub"], ["Player VolumeFadeIn. path:2"]),
+    (["unmute"], ["Unmute VolumeFadeIn. path:3"]),
+    (["unmute", "both"], ["Unmute VolumeFadeIn. path:3"]),
+    (["unmute", "main"], ["Unmute VolumeFadeIn. path:1"]),
+    (["unmute", "sub"], ["Unmute VolumeFadeIn. path:2"]),
+])
+def test_fade(daemon, ctl, client, arguments, calls):
+    ctl("fade", *arguments)
+    assert heard(daemon, client, ("Apply Player", "Apply Unmute")) == [f"Apply {call}" for call in calls]
+
+
+def test_fade_of_the_player_reaches_full_gain_on_both_outputs(daemon, tv, ctl):
+    ctl("fade", "player")
+    for gain in ("audio/main_out_gain2", "audio/sub_out_gain2"):
+        tv.wait_until(gain, lambda gain=gain: tv.read(gain) == "100")
+
+
+@pytest.mark.parametrize("output, paths", [([], [1, 2]), (["both"], [1, 2]), (["main"], [1]), (["sub"], [2])])
+def test_gain_reset(daemon, ctl, client, output, paths):
+    ctl("gain", "reset", *output)
+    assert heard(daemon, client, "Reset PlayerGain") == [f"Reset PlayerGain. path:{path}" for path in paths]
+
+
+@pytest.mark.parametrize("arguments, path, gain", [
+    (["40"], 3, 40), (["0", "both"], 3, 0), (["100", "main"], 1, 100), (["7", "sub"], 2, 7),
+])
+def test_gain_on_mute(daemon, tv, ctl, client, arguments, path, gain):
+    ctl("gain", "on-mute", *arguments)
+    assert heard(daemon, client, "Apply GainOnMute") == [f"Apply GainOnMute path:{path} gain:{gain}"]
+    assert tv.read("audio/main_out_gain2") == tv.read("audio/sub_out_gain2") == str(gain)
+
+
+@pytest.mark.parametrize("arguments, text", [
+    (["pulse", "20", "1000"], "Apply PulseAudioGain 20, duration 1000"),
+    (["pulse", "0", "0"], "Apply PulseAudioGain 0, duration 0"),
+    (["buds", "connected"], "Buds Connected. reason:0"),
+    (["buds", "connected", "-7"], "Buds Connected. reason:-7"),
+    (["buds", "disconnected", "3"], "Buds disconnected. Connect to previous(type:0)"),
+    (["speaker-gone", "4", "Wohnzimmer süd"],
+     "Speaker(type:4):Wohnzimmer süd disconnected. Connect to previous(type:0)"),
+    (["speaker-gone", "--", "-1", "-x"], "Speaker(type:-1):-x disconnected. Connect to previous(type:0)"),
+])
+def test_signals_are_heard(daemon, ctl, arguments, text):
+    assert ctl(*arguments) == ""
+    daemon.log.wait(text)
+
+
+# Waiting
+
+
+def test_wait_ends_at_once_when_the_daemon_is_there(daemon, ctl):
+    assert ctl("wait") == ""
+
+
+def test_wait_ends_when_the_daemon_comes(scene, ctl, client):
+    view = ctl.view("wait", "--timeout", "0")
+    scene.start()
+    assert view.wait() == DONE
+
+
+def test_wait_gives_up(ctl):
+    assert ctl.fails(UNREACHABLE, "wait", "--timeout", "0.1") == (
+        f"kavreld did not come in time: nobody on the bus owns {NAME}")
+
+
+def test_wait_needs_no_reader(scene, ctl):
+    view = ctl.view("wait", "--timeout", "0")
+    view.close_output()
+    scene.start()
+    assert view.wait() == DONE
+
+
+# Nobody there
+
+
+@pytest.mark.parametrize("arguments", [*SHORT_COMMANDS, ["monitor"], ["monitor", "--calls"]], ids=" ".join)
+def test_no_daemon(ctl, arguments):
+    assert ctl.fails(UNREACHABLE, *arguments) == f"kavreld is not running: nobody on the bus owns {NAME}"
+
+
+@pytest.mark.parametrize("arguments", [*SHORT_COMMANDS, ["wait"], ["monitor"], ["monitor", "--calls"]], ids=" ".join)
+def test_no_bus(scene, ctl, arguments):
+    nobody = f"unix:path={scene.folder}/nobody"
+    complaint = ctl.fails(UNREACHABLE, *arguments, DBUS_SYSTEM_BUS_ADDRESS=nobody)
+    assert complaint == "no system bus: Could not connect: No such file or directory"
+
+
+def test_nonsense_for_a_bus_address(ctl):
+    assert ctl.fails(UNREACHABLE, "status", DBUS_SYSTEM_BUS_ADDRESS="nonsense").startswith("no system bus: ")
+
+
+ANSWERED_COMMANDS = [arguments for arguments in SHORT_COMMANDS
+                     if arguments[0] not in ("pulse", "buds", "speaker-gone")]
+
+
+@pytest.mark.parametrize("arguments", [*ANSWERED_COMMANDS, ["monitor"]], ids=" ".join)
+def test_no_answer_in_time(stopped, ctl, arguments):
+    begin = time.monotonic()
+    assert ctl.fails(UNREACHABLE, *arguments, "--timeout", "0.2") == "no answer within 0.2 s"
+    assert time.monotonic() - begin >= 0.2
+
+
+def test_no_answer_from_the_bus_in_time(scene, ctl):
+    scene.bus.signal(signal.SIGSTOP)
+    try:
+        complaint = ctl.fails(UNREACHABLE, "--timeout", "0.2", "status")
+    finally:
+        scene.bus.signal(signal.SIGCONT)
+    assert complaint == "no answer from the bus within 0.2 s"
+
+
+def test_daemon_that_ends_before_it_answers(stopped, ctl):
+    view = ctl.view("status", "--timeout", "0")
+    stopped.kill()
+    assert (view.wait(), view.errors()) == (UNREACHABLE, "kavrelctl: kavreld left the bus before it answered\n")
+
+
+def test_timeout_of_zero_is_none(stopped, ctl):
+    view = ctl.view("volume", "--timeout", "0")
+    time.sleep(0.3)  # that nothing happens cannot be waited for
+    assert view.is_alive()
+    stopped.signal(signal.SIGCONT)
+    assert view.read_line() == "10"
+    assert view.wait() == DONE
+
+
+# Wrong usage: told without asking anybody
+
+
+@pytest.mark.parametrize("arguments, complaint", [
+    ([], "a command is missing; see kavrelctl --help"),
+    (["bogus"], 'no such command: "bogus"; see kavrelctl --help'),
+    (["--bogus"], 'unexpected argument "--bogus"; see kavrelctl --help'),
+    (["status", "x"], 'unexpected argument "x"; see kavrelctl status --help'),
+    (["status", "--bogus"], 'unexpected argument "--bogus"; see kavrelctl status --help'),
+    (["support", "volume"], 'unexpected argument "volume"; see kavrelctl support --help'),
+    (["volume", "loud"], 'VOLUME must be N, +N or -N, not "loud"; see kavrelctl volume --help'),
+    (["volume", ""], 'VOLUME must be N, +N or -N, not ""; see kavrelctl volume --help'),
+    (["volume", "+"], 'VOLUME must be N, +N or -N, not "+"; see kavrelctl volume --help'),
+    (["volume", "+-5"], 'VOLUME must be N, +N or -N, not "+-5"; see kavrelctl volume --help'),
+    (["volume", "-5x"], 'VOLUME must be N, +N or -N, not "-5x"; see kavrelctl volume --help'),
+    (["volume", "0x10"], 'VOLUME must be N, +N or -N, not "0x10"; see kavrelctl volume --help'),
+    (["volume", " 5"], 'VOLUME must be N, +N or -N, not " 5"; see kavrelctl volume --help'),
+    (["volume", "2147483648"], 'N of VOLUME must be a whole number from 0 to 2147483647, not "2147483648"; '
+                               'see kavrelctl volume --help'),
+    (["volume", "5", "6"], 'unexpected argument "6"; see kavrelctl volume --help'),
+    (["mute", "maybe"], 'STATE must be on, off or toggle, not "maybe"; see kavrelctl mute --help'),
+    (["mute", ""], 'STATE must be on, off or toggle, not ""; see kavrelctl mute --help'),
+    (["fade"], "SOURCE is required; see kavrelctl fade --help"),
+    (["fade", "pulse"], 'SOURCE must be player or unmute, not "pulse"; see kavrelctl fade --help'),
+    (["fade", "player", "left"], 'OUTPUT must be main, sub or both, not "left"; see kavrelctl fade --help'),
+    (["gain"], "a command is missing; see kavrelctl gain --help"),
+    (["gain", "set"], 'unexpected argument "set"; see kavrelctl gain --help'),
+    (["gain", "reset", "left"], 'OUTPUT must be main, sub or both, not "left"; see kavrelctl gain reset --help'),
+    (["gain", "on-mute"], "GAIN is required; see kavrelctl gain on-mute --help"),
+    (["gain", "on-mute", "101"], 'GAIN must be a whole number from 0 to 100, not "101"; '
+                                 'see kavrelctl gain on-mute --help'),
+    (["gain", "on-mute", "-1"], 'GAIN must be a whole number from 0 to 100, not "-1"; '
+                                'see kavrelctl gain on-mute --help'),
+    (["gain", "on-mute", "1.5"], 'GAIN must be a whole number from 0 to 100, not "1.5"; '
+                                 'see kavrelctl gain on-mute --help'),
+    (["pulse", "20"], "MS is required; see kavrelctl pulse --help"),
+    (["pulse", "101", "5"], 'GAIN must be a whole number from 0 to 100, not "101"; see kavrelctl pulse --help'),
+    (["pulse", "5", "-1"], 'MS must be a whole number from 0 to 2147483647, not "-1"; see kavrelctl pulse --help'),
+    (["buds"], "EVENT is required; see kavrelctl buds --help"),
+    (["buds", "lost"], 'EVENT must be connected or disconnected, not "lost"; see kavrelctl buds --help'),
+    (["buds", "connected", "x"], 'REASON must be a whole number of 32 bits, not "x"; see kavrelctl buds --help'),
+    (["speaker-gone", "4"], "NAME is required; see kavrelctl speaker-gone --help"),
+    (["speaker-gone", "hdmi", "x"], 'TYPE must be a whole number of 32 bits, not "hdmi"; '
+                                    'see kavrelctl speaker-gone --help'),
+    (["speaker-gone", "4", b"\xff"], 'NAME must be UTF-8 text, not "?"; see kavrelctl speaker-gone --help'),
+    (["wait", "x"], 'unexpected argument "x"; see kavrelctl wait --help'),
+    (["monitor", "--color"], 'unexpected argument "--color"; see kavrelctl monitor --help'),
+    (["status", "--timeout", "-1"], 'SECONDS must be a number from 0 to 1000000, not "-1"; '
+                                    'see kavrelctl status --help'),
+    (["status", "--timeout", "nan"], 'SECONDS must be a number from 0 to 1000000, not "nan"; '
+                                     'see kavrelctl status --help'),
+    (["status", "--timeout", ""], 'SECONDS must be a number from 0 to 1000000, not ""; '
+                                  'see kavrelctl status --help'),
+    (["wait", "--timeout"], "--timeout: 1 required SECONDS missing; see kavrelctl wait --help"),
+    (["status", "a\nb\x1b"], 'unexpected argument "a?b?"; see kavrelctl status --help'),
+])
+def test_wrong_usage(ctl, arguments, complaint):
+    assert ctl.fails(USAGE, *arguments) == complaint
+
+
+# Help
+
+
+def help_of(ctl, page):
+    return ctl(*page, "--help")
+
+
+@pytest.mark.parametrize("page", HELP_PAGES, ids=lambda page: " ".join(page) or "kavrelctl")
+def test_help_fits_the_terminal_and_has_an_example(ctl, page):
+    text = help_of(ctl, page)
+    assert [line for line in text.splitlines() if len(line) > 80] == []
+    assert re.search(rf"^  {' '.join(['kavrelctl', *page])}\b", text.split("Example")[1], re.MULTILINE)
+
+
+def test_help_names_every_command(ctl):
+    named = re.findall(r"^  ([a-z-]+) ", help_of(ctl, []).split("Commands:")[1].split("Examples:")[0], re.MULTILINE)
+    assert named == [page[0] for page in HELP_PAGES if len(page) == 1]
+
+
+@pytest.mark.parametrize("page", [page for page in HELP_PAGES if page not in ([], ["monitor"])], ids=" ".join)
+def test_examples_work(scene, daemon, ctl, page):
+    examples = re.findall(r"^  (kavrelctl .*)", help_of(ctl, page), re.MULTILINE)
+    assert examples
+    for example in examples:
+        scene.run("bash", "-c", example.replace("kavrelctl", KAVRELCTL, 1))
+
+
+def test_version(ctl):
+    assert re.fullmatch(r"kavrelctl \d+\.\d+\.\d+\n", ctl("--version"))
+
+
+# The live view
+
+
+def events(lines):
+    """Of monitor in words: [(event, words)]; each line begins with the time of day."""
+    matches = [re.fullmatch(r"\d\d:\d\d:\d\d\.\d{3}  (\w+) +(.*)", line) for line in lines]
+    assert all(matches), lines
+    return [match.groups() for match in matches]
+
+
+def test_monitor_tells_the_present_state_first(daemon, ctl):
+    view = ctl.view("monitor")
+    assert events(view.read_until("support")) == [("volume", "10"), ("mute", "off"), ("support", ALL_WORDS)]
+
+
+def test_monitor_tells_each_change(daemon, ctl, client):
+    view = ctl.monitor()
+    client.set_volume(35)
+    client.set_mute(True)
+    client.set_mute(False)
+    client.emit("BudsDisconnected", "i", 1)
+    assert events(view.read_until("request")) == [
+        ("volume", "35"), ("mute", "on"), ("mute", "off"), ("request", "change the output to route 0")]
+
+
+def test_monitor_tells_changes_of_the_tv_itself(daemon, tv, ctl):
+    view = ctl.monitor()
+    tv.echo(61, "audio/master_volume")
+    assert events([view.read_line()]) == [("volume", "61")]
+
+
+def test_monitor_tells_new_support_with_the_first_change_of_another_output(daemon, hdmi, tv, ctl):
+    view = ctl.monitor()
+    tv.echo(0, "sound/route")
+    daemon.log.wait(re.compile("Speaker changed.*->0.*"))
+    tv.echo(44, "audio/master_volume")
+    assert events([view.read_line(), view.read_line()]) == [("support", ALL_WORDS), ("volume", "44")]
+
+
+def test_monitor_listens_to_the_daemon_alone(daemon, ctl, client):
+    view = ctl.monitor()
+    client.emit("SpeakerVolumeChanged", "ii", TV_SUPPORT, 99, path="/Org/Olvane/KavrelInternal")
+    client.emit("SpeakerChangeRequest", "ii", 9, 1)
+    client.set_volume(12)
+    assert events([view.read_line()]) == [("volume", "12")]
+
+
+def test_monitor_as_objects(daemon, ctl, client):
+    view = ctl.view("monitor", "--json")
+    state = view.read_events("state")[0]
+    assert re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[+-]\d{4}", state.pop("time"))
+    assert state == {
+        "event": "state", "volume": 10, "volume_status": 0, "mute": False, "mute_status": 0, "support": TV_SUPPORT,
+        "support_status": 0, "support_words": ["read volume", "set volume", "read mute", "set mute"]}
+    client.set_volume(35)
+    client.set_mute(True)
+    client.emit("BudsDisconnected", "i", 1)
+    told = view.read_events("request")
+    assert all(event.pop("time") for event in told)
+    assert told == [{"event": "volume", "volume": 35, "volume_status": 0},
+                    {"event": "mute", "mute": True, "mute_status": 0},
+                    {"event": "request", "route": 0}]
+
+
+def test_monitor_goes_on_through_a_restart(scene, daemon, tv, ctl, client):
+    view = ctl.monitor()
+    daemon.kill()
+    assert events([view.read_line()]) == [("gone", "kavreld has left the bus")]
+    tv.echo(77, "audio/master_volume")
+    scene.start()
+    assert events(view.read_until("support")) == [
+        ("back", "kavreld is on the bus again"), ("volume", "77"), ("mute", "off"), ("support", ALL_WORDS)]
+    client.set_volume(78)
+    assert events([view.read_line()]) == [("volume", "78")]
+
+
+def test_monitor_of_objects_goes_on_through_a_restart(scene, daemon, ctl):
+    view = ctl.monitor("--json")
+    daemon.kill()
+    scene.start()
+    told = view.read_events("state")
+    assert [event["event"] for event in told] == ["gone", "back", "state"]
+
+
+def test_monitor_says_when_the_daemon_is_back_and_does_not_answer(scene, daemon, ctl):
+    view = ctl.monitor("--timeout", "0.2")
+    daemon.kill()
+    view.read_until("gone")
+    # Stopped before it runs, it owns no name; a process of the test's own takes it, and answers nothing.
+    impostor = scene.client()
+    impostor._call_bus("RequestName", "su", NAME, 0)
+    impostor.connection.add_filter(lambda connection, message, incoming, *_: None if incoming else message)
+    assert events([view.read_line(), view.read_line()]) == [
+        ("back", "kavreld is on the bus again"), ("error", "no answer within 0.2 s")]
+
+
+def test_monitor_asks_only_once(daemon, ctl, client):
+    ctl.monitor()
+    begin = daemon.log.end()
+    client.set_volume(50)
+    client.set_volume(51)
+    ctl("volume", "52")
+    assert [text for text in daemon.log.texts(begin) if text.startswith("Return Current")] == []
+
+
+def test_monitor_ends_with_its_reader_before_the_next_signal(daemon, ctl):
+    view = ctl.monitor()
+    view.close_output()
+    assert (view.wait(), view.errors()) == (DONE, "")
+
+
+@pytest.mark.parametrize("options", ["", "--json", "--calls"])
+def test_monitor_into_head(scene, daemon, options):
+    first = scene.run("bash", "-c", f"set -o pipefail; {KAVRELCTL} monitor {options} | head -1")
+    assert re.fullmatch(r"\d\d:.* volume   10\n|\{.*\}\n", first)
+
+
+def test_monitor_ends_with_the_bus(scene, daemon, ctl):
+    view = ctl.monitor()
+    daemon.may_be_gone = True
+    scene.bus.end()
+    assert (view.wait(), view.errors()) == (UNREACHABLE, "kavrelctl: the bus has gone\n")
+
+
+@pytest.mark.parametrize("number, status", [(signal.SIGINT, DONE), (signal.SIGTERM, 143), (signal.SIGHUP, 129)])
+def test_monitor_ends_with_a_signal(daemon, ctl, number, status):
+    view = ctl.monitor()
+    view.signal(number)
+    assert (view.wait(), view.errors()) == (status, "")
+
+
+def test_wait_that_is_interrupted_was_not_done(ctl, client):
+    view = ctl.view("wait", "--timeout", "0")
+    client._wait(lambda: any(client.owners.values()), "kavrelctl does not join the bus")
+    view.signal(signal.SIGINT)
+    assert view.wait() in (INTERRUPTED, -signal.SIGINT)  # the latter if it was not yet waiting
+
+
+# Who calls
+
+
+def test_calls_name_caller_arguments_status_and_duration(daemon, ctl, client):
+    view = ctl.monitor("--calls")
+    client.set_volume(33)
+    words = dict(events(view.read_until("  call  ")))["call"]
+    assert re.fullmatch(rf"SetSpeakerVolume\(33\) -> 0, \d+\.\d ms, by python3? .*test_kavrelctl\.py.* \(pid {os.getpid()}\)",
+                        words)
+
+
+def test_calls_as_objects(daemon, ctl, client):
+    view = ctl.monitor("--calls", "--json")
+    client.set_mute(True)
+    call = view.read_events("call")[-1]
+    assert call.pop("time")
+    assert 0 < call.pop("duration_ms") < PATIENCE * 1000
+    assert call == {
+        "event": "call", "interface": NAME, "method": "SetSpeakerMute", "arguments": [True], "value": None,
+        "status": 0, "error": None, "caller": client.name, "pid": os.getpid(),
+        "program": Path(Path("/proc/self/cmdline").read_bytes().split(b"\0")[0].decode()).name,
+        "command": Path("/proc/self/cmdline").read_bytes().decode().split("\0")[:-1]}
+
+
+def test_calls_tell_values_failures_and_refusals(daemon, ctl, client):
+    view = ctl.monitor("--calls")
+    client.get_volume()
+    client.set_volume(101)
+    client.call("Ping", interface="org.freedesktop.DBus.Peer")
+    with pytest.raises(Exception, match="UnknownMethod"):
+        client.call("Explode")
+    told = [words for event, words in events(view.read_until("Explode")) if event == "call"]
+    assert [words.split(" -> ")[0] + " -> " + words.split(" -> ")[1].split(", ")[0] for words in told] == [
+        "GetSpeakerVolume() -> 10", "SetSpeakerVolume(101) -> invalid argument (-2)",
+        "org.freedesktop.DBus.Peer.Ping() -> done", "Explode() -> org.freedesktop.DBus.Error.UnknownMethod"]
+
+
+def test_calls_without_an_answer_are_told(stopped, ctl, client):
+    # The daemon must answer the monitor's own questions first.
+    stopped.signal(signal.SIGCONT)
+    view = ctl.monitor("--calls", "--timeout", "0.2")
+    stopped.signal(signal.SIGSTOP)
+    client.send("SetSpeakerVolume", "i", 30)
+    assert re.search(r"SetSpeakerVolume\(30\) -> no answer for 2\d\d\.\d ms, by ", view.read_line())
+
+
+def test_calls_of_programs_that_end_at_once_are_told(scene, daemon, ctl):
+    view = ctl.monitor("--calls")
+    ctl("volume", "21")
+    words = dict(events(view.read_until("  call  ")))["call"]
+    assert re.fullmatch(r"SetSpeakerVolume\(21\) -> 0, \d+\.\d ms, by "
+                        r"(kavrelctl volume 21 \(pid \d+\)|a program that has gone \(pid \d+\)|:[\d.]+, which has gone)",
+                        words)
+
+
+def test_calls_do_not_show_the_monitors_own(daemon, ctl, client):
+    view = ctl.view("monitor", "--calls")
+    told = view.read_until("support")
+    client.get_mute()
+    told += view.read_until("  call  ")
+    assert [words.split("(")[0] for event, words in events(told) if event == "call"] == ["GetSpeakerMute"]
+
+
+# The terminal, and what is none
+
+
+@pytest.fixture
+def terminal(scene):
+    """Runs a kavrelctl in the foreground of a terminal of 80 columns, in colours unless told otherwise."""
+    def run(*arguments, **environment):
+        terminal = Terminal([KAVRELCTL, *arguments], scene.environment(**{"TERM": "xterm", "NO_COLOR": "", **environment}),
+                            24, 80)
+        scene.callback(terminal.close)
+        return terminal
+    return run
+
+
+def test_ctrl_c_ends_the_view_and_leaves_the_terminal_as_it_was(daemon, terminal):
+    view = terminal("monitor")
+    view.wait_until(lambda: "0xffff" in view.output)
+    view.type("\x03")
+    assert view.wait_for_end() == DONE
+    assert view.modes() == view.modes_before
+
+
+def test_terminal_is_coloured(daemon, terminal):
+    assert "\x1b[1mvolume   \x1b[0m10\n" in terminal("status").run()
+
+
+@pytest.mark.parametrize("environment", [{"NO_COLOR": "1"}, {"TERM": "dumb"}], ids=str)
+def test_terminal_is_plain_if_asked(daemon, terminal, environment):
+    assert "\x1b" not in terminal("status", **environment).run()
+    view = terminal("monitor", **environment)
+    view.wait_until(lambda: "0xffff" in view.output)
+    assert "\x1b" not in view.output
+
+
+def test_nothing_is_coloured_in_a_pipe(daemon, ctl, client):
+    assert "\x1b" not in ctl("status")
+    view = ctl.monitor()
+    client.set_volume(5)
+    view.read_line()
+    assert not any("\x1b" in line for line in view.lines)
+
+
+def test_lines_of_the_monitor_fit_the_terminal(scene, daemon, client, terminal):
+    view = terminal("monitor", "--calls", NO_COLOR="1")
+    view.wait_until(lambda: "0xffff" in view.output)
+    client.set_volume(16)  # the program of this test has a long command line
+    view.wait_until(lambda: "SetSpeakerVolume(16)" in view.output)
+    view.type("\x03")
+    assert view.wait_for_end() == DONE
+    lines = re.split("\r*\n", view.output)
+    assert [line for line in lines if len(line) > 80] == []
+    call = next(line for line in lines if "SetSpeakerVolume" in line)
+    assert len(call) == 80 and call.endswith("...")
+
+
+def test_full_disk_is_not_success(scene, daemon, ctl):
+    with open("/dev/full", "w") as full:
+        done = subprocess.run([KAVRELCTL, "status"], env=scene.environment(), stdout=full, stderr=subprocess.PIPE,
+                              text=True, timeout=PATIENCE, check=False)
+    assert (done.returncode, done.stderr) == (
+        REFUSED, "kavrelctl: cannot write to standard output: No space left on device\n")
+
+
+# Completion in bash
+
+
+def completed(*words):
+    """What a person who has typed the words, the last one perhaps in part, is offered."""
+    script = """source "$1"; shift; COMP_WORDS=(kavrelctl "$@"); COMP_CWORD=$#; _kavrelctl; printf '%s\n' "${COMPREPLY[@]}" """
+    source = ROOT / "tools/kavrelctl/kavrelctl.bash"
+    done = subprocess.run(["bash", "-uc", script, "bash", source, *words], capture_output=True, text=True,
+                          timeout=PATIENCE, check=True)
+    assert done.stderr == ""
+    return done.stdout.split()
+
+
+@pytest.mark.parametrize("words, offered", [
+    (["sta"], ["status"]), (["s"], ["status", "support", "speaker-gone"]), (["x"], []), (["mute", ""], ["on", "off", "toggle"]),
+    (["mute", "on", ""], []), (["volume", ""], []), (["fade", "p"], ["player"]),
+    (["fade", "player", ""], ["main", "sub", "both"]), (["fade", "unmute", "b"], ["both"]),
+    (["gain", ""], ["reset", "on-mute"]), (["gain", "reset", "m"], ["main"]), (["gain", "on-mute", ""], []),
+    (["gain", "on-mute", "40", ""], ["main", "sub", "both"]), (["buds", "d"], ["disconnected"]),
+    (["--timeout", ""], []), (["--timeout", "5", "mon"], ["monitor"]), (["status", "--timeout", "-"], []),
+    (["status", "--j"], ["--json"]),
+])
+def test_completion(words, offered):
+    assert completed(*words) == offered
+
+
+def test_completion_knows_every_command():
+    assert completed("") == [page[0] for page in HELP_PAGES if len(page) == 1]
+
+
+@pytest.mark.parametrize("page", HELP_PAGES, ids=lambda page: " ".join(page) or "kavrelctl")
+def test_completion_knows_every_option(ctl, page):
+    options = re.findall(r"^  (?:-h,)?(--[a-z]+)", help_of(ctl, page), re.MULTILINE)
+    assert completed(*page, "-") == options
