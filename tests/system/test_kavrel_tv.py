@@ -340,7 +340,8 @@ def test_help_has_an_example_and_fits_the_terminal(tool, command):
 
 
 def test_the_list_of_commands_is_complete(tool):
-    listed = re.findall(r"^  ([a-z-]+) ", tool("--help").split("\nCommands:\n")[1], re.MULTILINE)
+    commands = tool("--help").split("\nCommands:\n")[1].split("\n\n")[0]
+    listed = re.findall(r"^  ([a-z-]+) ", commands, re.MULTILINE)
     assert listed == COMMANDS
 
 
