@@ -217,7 +217,8 @@ void FillIfEmpty(const fs::path& root) {
 
 fs::path OpenRoot() {
     const char* const name = std::getenv("KAVREL_TV_DIR");
-    const fs::path root = fs::absolute(name != nullptr && *name != '\0' ? name : "/run/kavrel");
+    std::error_code ignored;  // then the working directory is gone, and nothing can be read
+    const fs::path root = fs::absolute(name != nullptr && *name != '\0' ? name : "/run/kavrel", ignored);
     try {
         fs::create_directories(root);
         FillIfEmpty(root);

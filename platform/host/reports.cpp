@@ -24,8 +24,9 @@ using Guard = std::lock_guard<std::recursive_mutex>;
  * Files count when they are closed or moved into place, folders and links when they appear. What disappears
  * is no news, but a folder that is gone may come back elsewhere: where its link leads.
  */
-constexpr std::uint32_t EVENTS =
-    IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+constexpr std::uint32_t FINISHED = IN_CLOSE_WRITE | IN_MOVED_TO;
+constexpr std::uint32_t WATCHED = FINISHED | IN_CREATE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+constexpr std::uint32_t MOVED_GROUND = IN_Q_OVERFLOW | IN_ISDIR | IN_DELETE_SELF | IN_MOVE_SELF;
 
 int Fail(const char* what, int error) {
     __dlog_print(DLOG_ERROR, "Kavrel", "Cannot %s: %s\n", what, std::strerror(error));
@@ -184,8 +185,9 @@ void Reports::Listen(int inotify) {
 }
 
 void Reports::Handle(const inotify_event& event) {
+    const bool written = (event.mask & FINISHED) != 0 && (event.mask & IN_ISDIR) == 0;
     for (const std::string& path : Affected(event))
-        Check(path, (event.mask & (IN_CLOSE_WRITE | IN_MOVED_TO)) != 0);
+        Check(path, written);
 }
 
 /**
@@ -196,14 +198,13 @@ std::set<std::string> Reports::Affected(const inotify_event& event) {
     const Guard guard(m_lock);
     const Place place{event.wd, event.len > 0 ? event.name : ""};
     std::set<std::string> paths;
-    if ((event.mask & (IN_Q_OVERFLOW | IN_ISDIR | IN_DELETE_SELF | IN_MOVE_SELF)) != 0 ||
-        m_folders.contains(place)) {
+    if ((event.mask & MOVED_GROUND) != 0 || m_folders.contains(place)) {
         if (const int error = Rewatch(); error != 0)
             Fail("watch the TV", error);
         for (const auto& [path, value] : m_values)
             paths.insert(path);
     } else if (const auto found = m_places.find(place);
-               found != m_places.end() && (event.mask & (IN_CLOSE_WRITE | IN_MOVED_TO)) != 0) {
+               found != m_places.end() && (event.mask & FINISHED) != 0) {
         paths.insert(found->second);
     }
     return paths;
@@ -285,7 +286,7 @@ int Reports::FollowDangling(const fs::path& link) {
 }
 
 int Reports::Watch(const fs::path& folder) {
-    const int watch = inotify_add_watch(m_inotify, folder.c_str(), EVENTS);
+    const int watch = inotify_add_watch(m_inotify, folder.c_str(), WATCHED);
     if (watch >= 0)
         m_watched.insert(watch);
     else if (errno != ENOENT && errno != ENOTDIR)

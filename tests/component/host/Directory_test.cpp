@@ -1,7 +1,10 @@
 /** What the files hold, and how they are written: by other processes, each on a TV directory of its own. */
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <array>
 #include <chrono>
@@ -287,7 +290,19 @@ TEST_F(DirectoryTest, ALeftoverIsRemovedByTheNextWriterOfThatValueOnly) {
     EXPECT_THAT(tv.Leftovers("audio"), ElementsAre(".master_mute.aB3-_9", ".master_volume.longer1"));
 }
 
-/** Each writer removes what it takes for a leftover: never another live writer's file. */
+TEST_F(DirectoryTest, ALiveWritersFileIsNoLeftover) {
+    Peer peer(tv);
+    ASSERT_EQ(peer.Do("volume"), "0 10");
+    tv.Put("audio/.master_volume.writer", "5");
+    const int writer = open((tv / "audio/.master_volume.writer").c_str(), O_WRONLY | O_CLOEXEC);
+    ASSERT_EQ(flock(writer, LOCK_EX), 0);
+    EXPECT_EQ(peer.Do("set-volume 20"), "0");
+    EXPECT_THAT(tv.Leftovers("audio"), ElementsAre(".master_volume.writer"));
+    close(writer);  // as when it is killed
+    EXPECT_EQ(peer.Do("set-volume 20"), "0");
+    EXPECT_THAT(tv.Leftovers("audio"), IsEmpty());
+}
+
 TEST_F(DirectoryTest, WritersOfOneValueNeverDisturbEachOther) {
     Peer one(tv);
     Peer two(tv);

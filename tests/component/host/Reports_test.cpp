@@ -31,6 +31,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -165,6 +166,14 @@ protected:
             ASSERT_EQ(peer.Do("set-text memory/fence " + mark), "0");
             m_fenceEar.WaitFor(mark);
         }
+    }
+    /** Another process's change: a line for the peer, or "focus N", which nobody sets through the seam. */
+    void Change(const std::string& what) {
+        constexpr std::string_view FOCUS = "focus ";
+        if (what.starts_with(FOCUS))
+            tv.Echo("zones/focus", what.substr(FOCUS.size()));
+        else
+            ASSERT_EQ(peer.Do(what), "0");
     }
     /** Outlives its registration, which the fixture removes. */
     Listener& NewListener(const std::string& name, const Action& act = nullptr) {
@@ -551,30 +560,45 @@ TEST_F(ReportsTest, SettingsRegistrationsAreToldApartByKeyAndCallback) {
 }
 
 TEST_F(ReportsTest, RemovalWaitsForAReportInFlightOnAnotherThread) {
-    std::latch running(1);
-    std::atomic<pid_t> remover = 0;
-    std::atomic<bool> removed = false;
-    std::atomic<bool> returned = false;
-    listener.act = [&] {
-        running.count_down();
-        while (remover == 0 || !(removed || host_test::IsAsleep(remover)))
-            std::this_thread::yield();
-        returned = true;
+    int focus = 0;
+    const struct {
+        std::string change;
+        Action add;
+        std::function<int()> remove;
+    } kinds[] = {
+        {"set-volume 70", [&] { HearVolume(listener); }, audio_unregister_master_volume_changed_cb},
+        {"set-text memory/key 70", [&] { HearKey(KEY, listener); },
+         [] { return vconf_ignore_key_changed(KEY, OnKey); }},
+        {"focus 70", [&] { focus = rc_register_audio_focus_changed_callback(OnNumber, &listener); },
+         [&] { return rc_unregister_audio_focus_changed_callback(focus); }},
     };
-    HearVolume(listener);
-    EXPECT_EQ(peer.Do("set-volume 70"), "0");
-    running.wait();
-    std::thread thread([&] {
-        remover = gettid();
-        EXPECT_EQ(audio_unregister_master_volume_changed_cb(), 0);
-        removed = true;
-        EXPECT_TRUE(returned);
-    });
-    thread.join();
-    EXPECT_EQ(peer.Do("set-volume 71"), "0");
-    EXPECT_EQ(audio_set_master_volume(72, 0), 0);
-    Settle();
-    EXPECT_THAT(ear.Heard(), ElementsAre("70"));
+    for (const auto& [change, add, remove] : kinds) {
+        SCOPED_TRACE(change);
+        std::latch running(1);
+        std::atomic<pid_t> remover = 0;
+        std::atomic<bool> removed = false;
+        std::atomic<bool> returned = false;
+        listener.act = [&] {
+            running.count_down();
+            while (remover == 0 || !(removed || host_test::IsAsleep(remover)))
+                std::this_thread::yield();
+            returned = true;
+        };
+        add();
+        Change(change);
+        running.wait();
+        std::thread thread([&, remove = remove] {
+            remover = gettid();
+            EXPECT_EQ(remove(), 0);
+            removed = true;
+            EXPECT_TRUE(returned);
+        });
+        thread.join();
+        Change(change.substr(0, change.size() - 1) + '1');
+        Settle();
+        EXPECT_THAT(ear.Heard(), ElementsAre("70"));
+        ear.Forget();
+    }
 }
 
 TEST_F(ReportsTest, ACallbackMayRemoveItselfAndOthersAndAddNewOnes) {
@@ -594,6 +618,16 @@ TEST_F(ReportsTest, ACallbackMayRemoveItselfAndOthersAndAddNewOnes) {
     EXPECT_EQ(vconf_set_int(KEY, 2), 0);
     EXPECT_EQ(audio_set_master_volume(3, 0), 0);
     EXPECT_THAT(ear.Heard(), ElementsAre("one 1", "added 2", "added 3"));
+}
+
+TEST_F(ReportsTest, ANewRegistrationDoesNotHearTheReportUnderWay) {
+    Listener& added = NewListener("added ");
+    Listener& one = NewListener("one ", [&] { HearKey(KEY, added, OnKeyToo); });
+    HearKey(KEY, one);
+    EXPECT_EQ(vconf_set_int(KEY, 1), 0);
+    EXPECT_THAT(ear.Heard(), ElementsAre("one 1"));
+    EXPECT_EQ(vconf_set_int(KEY, 2), 0);
+    EXPECT_THAT(ear.Heard(), ElementsAre("one 1", "one 2", "added 2"));
 }
 
 /** As the daemon does it when the route changes: on the platform thread, one speaker's registrations for
