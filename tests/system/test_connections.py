@@ -38,7 +38,7 @@ def follow(tv, log, *routes):
 
 def connection_lines(log, after):
     """What the signals' handlers say, and what they have done by others."""
-    wanted = ("_OnBudsConnected", "_OnBudsDisconnected", "_OnSpeakerDisconnected", "DbusEmitSignal", "SetOutputRoute")
+    wanted = ["_OnBudsConnected", "_OnBudsDisconnected", "_OnSpeakerDisconnected", "DbusEmitSignal", "SetOutputRoute"]
     return [(line.priority, line.function, line.text) for line in log.lines(after) if line.function in wanted]
 
 
@@ -46,7 +46,7 @@ def requests(client):
     return [item for item in client.signals() if item[0] == "SpeakerChangeRequest"]
 
 
-# --- earbuds -----------------------------------------------------------------------------------------------------------
+# --- earbuds ---------------------------------------------------------------------------------------------------------
 
 
 def test_buds_that_connect_are_only_logged(log, tv, client):
@@ -124,7 +124,7 @@ def test_buds_that_go_never_bring_a_blocked_output_back(log, tv, client, previou
     assert (tv.read(ROUTE), tv.read(MUTE)) == ("0", "1")
 
 
-def test_without_an_internal_speaker_the_default_output_is_the_optical_one_and_is_only_requested(scene, daemon, tv, client):
+def test_without_an_internal_speaker_the_optical_output_is_the_default_and_only_requested(scene, daemon, tv, client):
     daemon.kill()
     tv.echo("false", INTERNAL_SPEAKER)
     log = scene.start().log
@@ -154,7 +154,7 @@ def test_the_reason_changes_nothing(log, tv, client):
         client.expect("SpeakerChangeRequest", HDMI, 1)
 
 
-# --- other outputs -----------------------------------------------------------------------------------------------------
+# --- other outputs ---------------------------------------------------------------------------------------------------
 
 
 def test_a_speaker_that_goes_is_replaced_by_the_previous_output_without_a_request_or_a_mute(log, tv, client):
@@ -201,7 +201,7 @@ def test_a_speaker_that_goes_brings_any_other_output_back(log, tv, client, previ
     assert tv.read(ROUTE) == str(previous)
 
 
-@pytest.mark.parametrize("name", ["", "%s%n%d", "a b\tc", "Kopfh\N{LATIN SMALL LETTER O WITH DIAERESIS}rer", "x" * 3000])
+@pytest.mark.parametrize("name", ["", "%s%n%d", "a b\tc", "\N{SNOWMAN}", "x" * 3000])
 def test_any_name_is_only_logged(log, tv, client, name):
     follow(tv, log, HDMI, BLUETOOTH)
     client.emit("SpkDisconnected", "is", BLUETOOTH, name)
@@ -229,7 +229,7 @@ def test_the_output_goes_back_and_forth_as_speakers_go(log, tv, client):
         log.wait(f"Set Speaker Output({back})", before)
 
 
-# --- together with the optical cable ------------------------------------------------------------------------------------
+# --- together with the optical cable ---------------------------------------------------------------------------------
 
 
 @pytest.mark.parametrize("optical", [1, 9, 11])

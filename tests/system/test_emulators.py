@@ -21,14 +21,14 @@ def switches(scene):
 
 
 @pytest.fixture
-def tv_emulator(scene, switches):
+def tv_emulator(switches):
     """A kavreld whose TV speaker is emulated."""
     switches.turn_on("tv")
     return switches.start()
 
 
 @pytest.fixture
-def bluetooth_emulator(scene, tv, switches):
+def bluetooth_emulator(tv, switches):
     """A kavreld whose Bluetooth speaker is emulated, and in use."""
     scene.start().kill()
     switches.turn_on("bt")
@@ -56,8 +56,9 @@ class ConnectionManager:
         self.connection = Gio.DBusConnection.new_for_address_sync(
             address, flags.AUTHENTICATION_CLIENT | flags.MESSAGE_BUS_CONNECTION, None, None)
         self.connection.add_filter(self._hear)
-        self.connection.call_sync("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
-                                  GLib.Variant("(su)", (self.NAME, 0)), None, Gio.DBusCallFlags.NONE, -1, None)
+        self.connection.call_sync("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                                  "RequestName", GLib.Variant("(su)", (self.NAME, 0)), None,
+                                  Gio.DBusCallFlags.NONE, -1, None)
 
     def close(self):
         if not self.connection.is_closed():
@@ -112,10 +113,10 @@ def follow(tv, daemon, routes, previous=0):
     return created(daemon.log, before)
 
 
-# --- the switch files ----------------------------------------------------------------------------------------------------
+# --- the switch files ------------------------------------------------------------------------------------------------
 
 
-def test_with_its_file_every_tv_route_is_emulated_and_no_other(scene, tv, switches):
+def test_with_its_file_every_tv_route_is_emulated_and_no_other(tv, switches):
     switches.turn_on("tv")
     daemon = switches.start()
     assert created(daemon.log) == ["Create TV Speaker Emulator"]
@@ -124,7 +125,7 @@ def test_with_its_file_every_tv_route_is_emulated_and_no_other(scene, tv, switch
                         *(f"Create {name} Speaker" for name in OTHER_ROUTES.values())]
 
 
-def test_with_its_file_every_bluetooth_route_is_emulated_and_no_other(scene, tv, switches):
+def test_with_its_file_every_bluetooth_route_is_emulated_and_no_other(tv, switches):
     switches.turn_on("bt")
     daemon = switches.start()
     assert created(daemon.log) == ["Create TV Speaker"]
@@ -133,7 +134,7 @@ def test_with_its_file_every_bluetooth_route_is_emulated_and_no_other(scene, tv,
                         *(f"Create {name} Speaker" for name in OTHER_ROUTES.values())]
 
 
-def test_the_files_count_from_the_next_change_of_output_on(scene, tv, switches):
+def test_the_files_count_from_the_next_change_of_output_on(tv, switches):
     daemon = switches.start()
     assert created(daemon.log) == ["Create TV Speaker"]
     switches.turn_on("tv")
@@ -144,17 +145,17 @@ def test_the_files_count_from_the_next_change_of_output_on(scene, tv, switches):
     assert follow(tv, daemon, [13, 5], previous=3) == ["Create TV Speaker", "Create BT Speaker"]
 
 
-def test_only_the_existence_of_a_file_counts(scene, switches):
+def test_only_the_existence_of_a_file_counts(switches):
     (switches.folder / ".enable_tv_spk").mkdir()
     assert created(switches.start().log) == ["Create TV Speaker Emulator"]
 
 
-def test_a_link_to_nowhere_is_no_file(scene, switches):
+def test_a_link_to_nowhere_is_no_file(switches):
     (switches.folder / ".enable_tv_spk").symlink_to("nowhere")
     assert created(switches.start().log) == ["Create TV Speaker"]
 
 
-# --- the emulated TV speaker -----------------------------------------------------------------------------------------------
+# --- the emulated TV speaker -----------------------------------------------------------------------------------------
 
 
 def test_the_emulated_tv_speaker_supports_everything(tv_emulator, client):
@@ -221,7 +222,7 @@ def test_replacing_an_emulated_tv_speaker_says_that_both_pairs_of_handlers_are_u
     assert unset == ["TVSpeakerEmul.cpp", "TVSpeaker.cpp"]
 
 
-# --- the emulated Bluetooth speaker ----------------------------------------------------------------------------------------
+# --- the emulated Bluetooth speaker ----------------------------------------------------------------------------------
 
 
 @pytest.mark.parametrize("answer", [(3, 17, 0), (3, 17, 5), (-1, -2**31, 2**31 - 1), (0, 0, -4)])
@@ -348,7 +349,7 @@ def test_a_manager_that_goes_without_an_answer_is_a_failure(bluetooth_emulator, 
     client.wait_for_reply(0, FAILED)
 
 
-# --- both --------------------------------------------------------------------------------------------------------------------
+# --- both ------------------------------------------------------------------------------------------------------------
 
 
 @pytest.mark.parametrize("emulator", ["tv_emulator", "bluetooth_emulator"])

@@ -163,7 +163,7 @@ def test_leaving_for_a_route_without_a_speaker_and_coming_back(log, client, tv):
     client.expect_silence()
 
 
-# --- what the device supports ------------------------------------------------------------------------------------------
+# --- what the device supports ----------------------------------------------------------------------------------------
 
 
 @each_output
@@ -261,7 +261,7 @@ def test_a_support_word_that_is_junk_counts_as_unreadable(log, client, tv, junk)
     assert client.get_volume() == (7, 0)
 
 
-# --- requests -----------------------------------------------------------------------------------------------------------
+# --- requests --------------------------------------------------------------------------------------------------------
 
 
 @each_output
@@ -343,7 +343,7 @@ def test_a_request_that_cannot_be_written_fails(log, client, tv):
     assert (log.find("Failed to set volume").priority, log.find("Failed to set mute").priority) == ("E", "E")
 
 
-# --- reports ------------------------------------------------------------------------------------------------------------
+# --- reports ---------------------------------------------------------------------------------------------------------
 
 
 @each_output

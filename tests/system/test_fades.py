@@ -1,4 +1,4 @@
-"""Gains over the bus and what reaches the outputs: fades, gains set at once, the pulse ramp, the keys that rule them."""
+"""Gains over the bus and what reaches the outputs: fades, gains at once, the pulse ramp, the keys that rule them."""
 import os
 import re
 import threading
@@ -126,7 +126,7 @@ class Recording:
         return dict(self.items)[number]
 
 
-# --- fades ---------------------------------------------------------------------------------------------------------------
+# --- fades -----------------------------------------------------------------------------------------------------------
 
 
 def test_a_fade_shows_on_the_output_as_0_then_5_to_100_without_a_step_back(daemon, client, tv, capsys):
@@ -168,7 +168,7 @@ def test_a_fade_of_the_player_touches_its_own_output_only(daemon, client, tv):
 
 
 @pytest.mark.parametrize("path", [BOTH, 5, -1, 2**31 - 1])
-def test_any_path_with_the_main_bit_fades_the_players_main_output(daemon, client, tv, path):
+def test_any_path_with_the_main_bit_fades_the_players_main_output(daemon, client, path):
     before = daemon.log.end()
     assert client.call("ApplyPlayerFadeIn", "i", path) == (0,)
     daemon.log.wait("Wake PlayerMainOutH. gain:0", before)
@@ -194,7 +194,7 @@ def test_what_the_player_fade_logs_from_call_to_sleep(daemon, client):
 
 
 @pytest.mark.parametrize("path", [MAIN, SUB, BOTH])
-def test_the_unmute_fade_of_a_muted_tv_moves_both_outputs_whatever_the_path(daemon, client, tv, path):
+def test_the_unmute_fade_of_a_muted_tv_moves_both_outputs_whatever_the_path(daemon, client, path):
     mute(client)
     before = daemon.log.end()
     assert client.call("ApplyUnmuteFadeIn", "i", path) == (0,)
@@ -210,7 +210,7 @@ def test_the_unmute_fade_of_a_muted_tv_moves_both_outputs_whatever_the_path(daem
     assert daemon.log.find("Doen Apply Unmute VolumeFadeIn. ret:0", before)
 
 
-def test_unmuting_the_tv_speaker_fades_both_outputs_in(daemon, client, tv):
+def test_unmuting_the_tv_speaker_fades_both_outputs_in(daemon, client):
     mute(client)
     before = daemon.log.end()
     assert client.set_mute(False) == 0
@@ -261,7 +261,7 @@ def test_player_fades_of_both_outputs_run_side_by_side(daemon, client):
     assert sorted(last) == ["handlerGainType:2, LastGain:100", "handlerGainType:3, LastGain:100"]
 
 
-# --- gains at once ---------------------------------------------------------------------------------------------------------
+# --- gains at once ---------------------------------------------------------------------------------------------------
 
 
 @pytest.mark.parametrize("path, gain", [(MAIN, 40), (SUB, 60), (BOTH, 0), (BOTH, 100), (BOTH, -5), (5, 25)])
@@ -292,7 +292,7 @@ def test_the_total_is_the_product_of_the_three_gains_truncated(daemon, client, t
     assert "Path:2 player:100 pulse: 99 unmute: 33 Total: 32" in totals
 
 
-def test_reset_player_gain_ends_a_fade_at_the_full_gain(daemon, client, tv):
+def test_reset_player_gain_ends_a_fade_at_the_full_gain(daemon, client):
     before = daemon.log.end()
     client.call("ApplyPlayerFadeIn", "i", MAIN)
     daemon.log.wait("[Path:01] gain2:10", before)
@@ -370,7 +370,7 @@ def test_a_path_without_an_output_is_an_invalid_argument_of_every_gain_method(da
     assert not any(text.startswith("Wake ") for text in daemon.log.texts(before))
 
 
-# --- the pulse gain ----------------------------------------------------------------------------------------------------------
+# --- the pulse gain --------------------------------------------------------------------------------------------------
 
 
 def pulse(daemon, client, gain, duration):
@@ -463,7 +463,7 @@ def test_a_gain_at_once_during_a_ramp_leaves_its_remaining_steps_aimed_at_the_ne
     assert gains(tv) == (50, 50)
 
 
-# --- the projector -----------------------------------------------------------------------------------------------------------
+# --- the projector ---------------------------------------------------------------------------------------------------
 
 
 @pytest.mark.parametrize("ready", ["0", None])
@@ -541,7 +541,7 @@ def test_a_tv_that_does_not_say_whether_it_is_a_projector_counts_as_none(scene, 
     assert gains(tv) == (40, 40)
 
 
-# --- the sub output's Bluetooth zone -------------------------------------------------------------------------------------------
+# --- the sub output's Bluetooth zone ---------------------------------------------------------------------------------
 
 
 @pytest.fixture
@@ -563,7 +563,7 @@ def test_with_a_sub_zone_an_unmute_gain_stays_on_its_output(sub_zone, tv, client
 
 @pytest.mark.parametrize("path, moving, still, worker", [(MAIN, MAIN, SUB, "UnMuteMainOutH"),
                                                          (SUB, SUB, MAIN, "UnMuteSubOutH")])
-def test_with_a_sub_zone_an_unmute_fade_stays_on_its_output(sub_zone, tv, client, path, moving, still, worker):
+def test_with_a_sub_zone_an_unmute_fade_stays_on_its_output(sub_zone, client, path, moving, still, worker):
     mute(client)
     before = sub_zone.log.end()
     assert client.call("ApplyUnmuteFadeIn", "i", path) == (0,)
@@ -598,10 +598,10 @@ def test_without_a_sub_zone_key_there_is_no_sub_zone(daemon):
     assert (line.priority, line.function) == ("E", "GetSubBTZoneID")
 
 
-# --- mirroring to a mobile -----------------------------------------------------------------------------------------------------
+# --- mirroring to a mobile -------------------------------------------------------------------------------------------
 
 
-def test_mirroring_to_a_mobile_restores_the_gain_and_suppresses_unmute_fades_but_not_the_players(daemon, client, tv):
+def test_mirroring_to_a_mobile_restores_the_gain_and_stops_unmute_fades_but_not_the_players(daemon, client, tv):
     client.call("ApplyGainOnMute", "ii", BOTH, 40)
     mute(client)
     rest(daemon)
@@ -621,7 +621,7 @@ def test_mirroring_to_a_mobile_restores_the_gain_and_suppresses_unmute_fades_but
     assert written(daemon.log, MAIN, before)[-1] == 100
 
 
-# --- the popup -----------------------------------------------------------------------------------------------------------------
+# --- the popup -------------------------------------------------------------------------------------------------------
 
 
 @pytest.fixture

@@ -14,8 +14,12 @@ MISSING = -1002  # the platform's answer for a file that is not there
 
 ON, OFF = '{"mode":"on"}', '{"mode":"off"}'
 
-ALSO_ON = ['{"mode":"on","zones":[{"id":1},{"id":2}]}', ' { "other": null, "mode" : "on" } ', '{"mode":"off","mode":"on"}',
-           '{"mode":"\\u006fn"}']
+ALSO_ON = [
+    '{"mode":"on","zones":[{"id":1},{"id":2}]}',
+    ' { "other": null, "mode" : "on" } ',
+    '{"mode":"off","mode":"on"}',
+    '{"mode":"\\u006fn"}',
+]
 OTHER_MODES = {  # what counts as off, and how it is logged
     OFF: "off",
     '{"mode":"ON"}': "ON",
@@ -106,7 +110,7 @@ def log(two_zones):
     return two_zones.log
 
 
-# --- whether there is multi-view -----------------------------------------------------------------------------------
+# --- whether there is multi-view -------------------------------------------------------------------------------------
 
 
 def test_at_the_start_the_focused_zone_and_its_route_are_the_ones_in_use(scene, tv, client):
@@ -160,11 +164,11 @@ def test_without_the_feature_nothing_of_multi_view_is_heard(scene, tv, supported
     assert texts(log, before)[0] == "Type(0->12)"
 
 
-# --- the mode ----------------------------------------------------------------------------------------------------------
+# --- the mode --------------------------------------------------------------------------------------------------------
 
 
 @pytest.mark.parametrize("text", [ON, *ALSO_ON], ids=show)
-def test_the_mode_is_on(scene, daemon, tv, text):
+def test_the_mode_is_on(daemon, tv, text):
     put_zones(tv, zone_7=0)
     tv.echo(7, FOCUS)
     before = daemon.log.end()
@@ -173,8 +177,8 @@ def test_the_mode_is_on(scene, daemon, tv, text):
     assert (line.priority, line.function) == ("I", "MSViewModeChangedCallback")
 
 
-@pytest.mark.parametrize("text, logged", OTHER_MODES.items(), ids=lambda value: show(value))
-def test_any_other_mode_is_off(two_zones, log, tv, client, text, logged):
+@pytest.mark.parametrize("text, logged", OTHER_MODES.items(), ids=show)
+def test_any_other_mode_is_off(log, tv, client, text, logged):
     change_mode(tv, log, text, logged)
     before = log.end()
     tv.echo(2, FOCUS)
@@ -184,8 +188,8 @@ def test_any_other_mode_is_off(two_zones, log, tv, client, text, logged):
     change_mode(tv, log, ON, "on")
 
 
-@pytest.mark.parametrize("text, logged", OTHER_MODES.items(), ids=lambda value: show(value))
-def test_any_other_mode_from_before_the_start_is_off(scene, tv, client, text, logged):
+@pytest.mark.parametrize("text", OTHER_MODES, ids=show)
+def test_any_other_mode_from_before_the_start_is_off(scene, tv, client, text):
     scene.start().kill()
     put_zones(tv, zone_1=2)
     tv.echo(1, FOCUS)
@@ -237,7 +241,7 @@ def test_the_mode_turned_on_without_a_focus_keeps_the_zone_known(daemon, tv):
 
 
 @pytest.mark.parametrize("route", [3, 5])
-def test_leaving_multi_view_on_bluetooth_brings_the_gain_back(two_zones, log, tv, client, route):
+def test_leaving_multi_view_on_bluetooth_brings_the_gain_back(log, tv, client, route):
     publish(tv, "bt")
     change_zone(tv, log, 1, route, previous=0)
     assert client.call("ApplyGainOnMute", "ii", 3, 40) == (0,)
@@ -249,7 +253,7 @@ def test_leaving_multi_view_on_bluetooth_brings_the_gain_back(two_zones, log, tv
 
 
 @pytest.mark.parametrize("route", [0, 12])
-def test_leaving_multi_view_on_another_output_leaves_the_gain(two_zones, log, tv, client, route):
+def test_leaving_multi_view_on_another_output_leaves_the_gain(log, tv, client, route):
     if route != 0:
         change_zone(tv, log, 1, route, previous=0)
     assert client.call("ApplyGainOnMute", "ii", 3, 40) == (0,)
@@ -268,7 +272,7 @@ def test_leaving_multi_view_forgets_the_zone(log, tv):
     change_focus(tv, log, 2, previous=0)
 
 
-# --- routes of zones ---------------------------------------------------------------------------------------------------
+# --- routes of zones -------------------------------------------------------------------------------------------------
 
 
 def test_a_route_change_of_the_focused_zone_replaces_the_speaker_and_is_announced(log, tv, client):
@@ -333,7 +337,7 @@ def test_an_unreadable_route_of_a_zone_changes_nothing(log, tv):
     assert [text for text in log.texts(before) if text.startswith("Zone:")] == ["Zone:1 Type(0->12)"]
 
 
-# --- the focus -----------------------------------------------------------------------------------------------------------
+# --- the focus -------------------------------------------------------------------------------------------------------
 
 
 def test_the_focus_moving_to_another_output_replaces_the_speaker_silently(log, tv, client):
@@ -419,7 +423,7 @@ def test_a_focus_change_in_single_view_changes_nothing(daemon, tv):
     assert not any(text.startswith("Focus") for text in texts(log, before))
 
 
-# --- routes set by the daemon ----------------------------------------------------------------------------------------------
+# --- routes set by the daemon ----------------------------------------------------------------------------------------
 
 
 def routes(tv):
@@ -469,7 +473,7 @@ def test_without_zones_no_route_is_set(daemon, tv, client):
     assert tv.read("sound/route") == "0"
 
 
-# --- the optical cable in multi-view -----------------------------------------------------------------------------------------
+# --- the optical cable in multi-view ---------------------------------------------------------------------------------
 
 
 @pytest.fixture

@@ -1,0 +1,160 @@
+"""A storm: other processes change all that the daemon follows while clients hammer it. Then it must agree again.
+
+KAVREL_STORM_SECONDS says how long it lasts.
+"""
+import os
+import re
+import subprocess
+import time
+from pathlib import Path
+
+from harness import PATIENCE, TV_SUPPORT
+
+SECONDS = float(os.environ.get("KAVREL_STORM_SECONDS", 5))
+CLIENTS = 8
+CHANGES_A_SECOND = 50  # at least
+LOG_BYTES = 16 * 2**20  # as much of it as may pile up
+
+PROGRAM = Path(__file__).with_name("storm.py")
+MIRRORING = "settings/memory/menu/network/screenmirroring"
+MODE, FOCUS, SPDIF = "settings/memory/multiscreen/info", "zones/focus", "settings/memory/sysman/spdif"
+LEVEL, MUTE = f"{MIRRORING}/get_volume_level_hdmi", f"{MIRRORING}/get_volume_mute_hdmi"
+ON, OFF = '{"mode":"on"}', '{"mode":"off"}'
+
+CHANGES = {  # the value, and what it becomes in turn; the first is also the last
+    "sound/route": [0, 2, 12, 3, 15, 7, 1, 6, 19, 4],
+    "sound/zones/1/route": [0, 2, 0, 5],
+    "sound/zones/2/route": [12, 4, 1],
+    FOCUS: [1, 2, 3],
+    SPDIF: [1, 0],
+    MODE: [ON, OFF, ON, "junk"],
+}
+
+
+def put_devices(tv):
+    for output in ("hdmi", "optical", "mlr", "bt", "auracast"):
+        tv.echo(15, f"{MIRRORING}/volume_support_{output}")
+        tv.echo(7, f"{MIRRORING}/get_volume_level_{output}")
+        tv.echo(0, f"{MIRRORING}/get_volume_mute_{output}")
+    for key, value in [("volume_capability", 15), ("volume_level", 7), ("volume_mute_status", 0)]:
+        tv.echo(value, f"settings/db/usbsound/{key}")
+
+
+class Storm:
+    """All its programs, and the daemon's log kept short meanwhile."""
+
+    def __init__(self, scene, daemon):
+        self.scene, self.daemon = scene, daemon
+        self.writers = {value: self._start("change", scene.tv.path / value, SECONDS, *texts)
+                        for value, texts in CHANGES.items()}
+        self.clients = [self._start("call", seed, SECONDS) for seed in range(CLIENTS)]
+
+    def _start(self, *arguments):
+        program = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", "--", "/usr/bin/python3", PROGRAM,
+                                    *map(str, arguments)], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True,
+                                   env={**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": self.scene.bus.address})
+        self.scene.callback(program.kill)
+        return program
+
+    def wait(self):
+        """How many changes were made of each value, and how many calls by each client."""
+        return {value: self._end(program) for value, program in self.writers.items()}, [
+            self._end(program) for program in self.clients]
+
+    def _end(self, program):
+        deadline = time.monotonic() + SECONDS + 4 * PATIENCE
+        while True:
+            try:
+                output, _ = program.communicate(timeout=0.2)
+                break
+            except subprocess.TimeoutExpired:
+                assert time.monotonic() < deadline, "the storm does not end"
+                assert self.daemon.is_alive(), "kavreld has ended"
+                self._shorten_log()
+        assert program.returncode == 0
+        return int(output)
+
+    def _shorten_log(self):
+        # A sanitizer's report ends the daemon, so none is lost with what a living one has written.
+        if self.daemon.log.path.stat().st_size > LOG_BYTES:
+            os.truncate(self.daemon.log.path, 0)
+
+
+def change(tv, log, value, text, logged):
+    """Writes a value and waits for what the daemon says of it."""
+    before = log.end()
+    tv.echo(text, value)
+    return log.wait(logged, before)
+
+
+def change_volume(tv, client, value, support, *volumes):
+    for volume in volumes:
+        tv.echo(volume, value)
+        client.expect("SpeakerVolumeChanged", support, volume)
+        assert client.get_volume() == (volume, 0)
+
+
+def turn_mute_over(tv, log, client, value, support):
+    """A first time, which the daemon may find to be what it knows: a report lost in the storm. Then twice, heard."""
+    mute = 1 - int(tv.read(value))
+    change(tv, log, value, mute, re.compile(rf"mute changed : \[{mute}\]|mute is same : {mute}"))
+    client.forget()
+    for mute in (1 - mute, mute):
+        tv.echo(mute, value)
+        client.expect("SpeakerMuteChanged", support, bool(mute))
+        assert client.get_mute() == (mute, 0)
+
+
+def agree_on_a_tv_speaker_in_single_view(tv, log, client):
+    change(tv, log, MODE, OFF, "MSmode:off")
+    change(tv, log, FOCUS, 2, "For single view. not this cb")
+    change(tv, log, "sound/route", 13, re.compile(r"Speaker changed\[-?\d+->13\]\. mode:0xffff.*"))
+    client.forget()  # earbuds that went in the storm may have muted it
+    assert client.get_support() == (TV_SUPPORT, 0)
+
+    change_volume(tv, client, "audio/master_volume", TV_SUPPORT, 77, 78)
+    turn_mute_over(tv, log, client, "audio/master_mute", TV_SUPPORT)
+    mute = 1 - int(tv.read("audio/master_mute"))
+    assert client.set_mute(bool(mute)) == 0
+    client.expect("SpeakerMuteChanged", TV_SUPPORT, bool(mute))
+    assert client.set_mute(False) == 0
+    if mute:
+        client.expect("SpeakerMuteChanged", TV_SUPPORT, False)
+    assert client.set_volume(79) == 0
+    client.expect("SpeakerVolumeChanged", TV_SUPPORT, 79)
+    assert (tv.read("audio/master_volume"), tv.read("audio/master_mute")) == ("79", "0")
+    assert (client.get_volume(), client.get_mute()) == ((79, 0), (0, 0))
+    client.expect_silence()
+
+
+def agree_on_an_external_output_in_multi_view(tv, log, client):
+    change(tv, log, MODE, ON, "zoneId:2")
+    change(tv, log, FOCUS, 1, "Focus (2->1)")
+    change(tv, log, "sound/zones/1/route", 8, re.compile(r"Speaker changed\[-?\d+->8\]\. mode:0x000f.*"))
+    assert client.get_support() == (15, 0)
+
+    change_volume(tv, client, LEVEL, 15, 60, 61)
+    turn_mute_over(tv, log, client, MUTE, 15)
+    assert client.set_volume(55) == 0
+    assert tv.read(f"{MIRRORING}/set_volume_level") == "55"
+    client.expect_silence()
+
+
+def test_after_a_storm_answers_signals_and_the_tv_agree(scene, tv, capsys):
+    scene.start().kill()
+    put_devices(tv)
+    for value, texts in CHANGES.items():
+        tv.echo(texts[0], value)
+    daemon = scene.start()
+    changes, calls = Storm(scene, daemon).wait()
+    assert all(count >= CHANGES_A_SECOND * SECONDS for count in changes.values()), changes
+    assert all(calls)
+    with capsys.disabled():
+        rate = min(changes.values()) / SECONDS
+        print(f" [{SECONDS:g} s: {rate:.0f} changes a second of each value, {sum(calls)} calls]", end=" ")
+
+    daemon.settle()
+    os.truncate(daemon.log.path, 0)
+    client = scene.client()
+    agree_on_a_tv_speaker_in_single_view(tv, daemon.log, client)
+    agree_on_an_external_output_in_multi_view(tv, daemon.log, client)
