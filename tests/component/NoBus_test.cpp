@@ -1,7 +1,9 @@
 #include <cstdlib>
 
+#include "BTSpeakerEmul.h"
 #include "Daemon.h"
 #include "KVDbusSender.h"
+#include "TVSpeakerEmul.h"
 
 using testing::Contains;
 using testing::ElementsAre;
@@ -34,6 +36,30 @@ TEST_F(NoBusTest, ACallerWithoutAConnectionHasNoProgram) {
     tracker.Print(":1.1");
     const std::string line = "I Called by [:1.1/] size:1";
     EXPECT_TRUE(fake::RunMainContextUntil([&] { return seam.Count(line) == 1; }));
+}
+
+TEST_F(NoBusTest, TheEmulatorsWatchNothingAndSayNothingOfIt) {
+    NKavrel::TVSpeakerEmul tv;
+    NKavrel::BTSpeakerEmul bluetooth;
+    tv.SetChangedCB();
+    bluetooth.SetChangedCB();
+    EXPECT_THAT(seam.Calls(), IsEmpty());
+    EXPECT_THAT(Lines(), ElementsAre(NO_BUS, NO_BUS)) << "only the connection's own line";
+    tv.UnsetChangedCB();
+    bluetooth.UnsetChangedCB();
+    EXPECT_THAT(seam.Calls(), IsEmpty());
+}
+
+TEST_F(NoBusTest, TheEmulatorsVolumeCannotBeReachedAndStaysAsTheCallerHadIt) {
+    seam.SetInt("memory/menu/network/screenmirroring/volume_support_bt", 3);
+    NKavrel::TVSpeakerEmul tv;
+    NKavrel::BTSpeakerEmul bluetooth;
+    int volume = 42;
+    EXPECT_EQ(tv.GetVolume(volume), -1);
+    EXPECT_EQ(tv.SetVolume(1), -1);
+    EXPECT_EQ(bluetooth.GetVolume(volume), -1);
+    EXPECT_EQ(bluetooth.SetVolume(1), -1);
+    EXPECT_EQ(volume, 42);
 }
 
 TEST_F(NoBusTest, TheServerStartsAndIdlesWithoutAName) {

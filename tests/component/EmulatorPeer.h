@@ -1,0 +1,75 @@
+/** What the tests of the two speaker emulators share: the peer that keeps the volume, and a listener. */
+#ifndef KAVREL_TESTS_EMULATORPEER_H
+#define KAVREL_TESTS_EMULATORPEER_H
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+#include "FakeSeam.h"
+#include "Gio.h"
+#include "KVUtils.h"
+#include "PrivateBus.h"
+
+namespace fake {
+
+inline constexpr const char* DAEMON_PATH = "/Org/Olvane/Kavrel";
+inline constexpr const char* DAEMON_INTERFACE = "org.olvane.kavrel";
+inline constexpr const char* SUBSCRIBE_CALL =
+    "g_dbus_connection_signal_subscribe(*, org.olvane.kavrel, SpkVolumeChanged, /Org/Olvane/Kavrel, *, 0)";
+
+class EmulatorTest : public testing::Test {
+protected:
+    EmulatorTest(const char* name, const char* path, const char* interface)
+        : peer(name, path, interface,
+               "<method name='GetSpkVolume'><arg direction='out' type='i'/><arg direction='out' type='i'/>"
+               "<arg direction='out' type='i'/></method>"
+               "<method name='SetSpkVolume'><arg direction='in' type='i'/><arg direction='out' type='i'/>"
+               "<arg direction='out' type='i'/></method>",
+               {{"GetSpkVolume",
+                 [this](GVariant*) {
+                     return refuses ? nullptr
+                                    : g_variant_new("(iii)", first.load(), level.load(), result.load());
+                 }},
+                {"SetSpkVolume", [this](GVariant*) {
+                     return refuses ? nullptr : g_variant_new("(ii)", first.load(), result.load());
+                 }}}) {
+        NKavrel::KVUtils::GetConnection();
+        seam.Clear();
+    }
+
+    /** What a test leaves subscribed points to a speaker that is gone. */
+    ~EmulatorTest() override { gio::RemoveLeftovers(); }
+
+    auto VolumeHandler() {
+        return [this](int volume) { heard.push_back("volume " + std::to_string(volume)); };
+    }
+    auto MuteHandler() {
+        return [this](int mute) { heard.push_back("mute " + std::to_string(mute)); };
+    }
+
+    /** Emits a change signal and dispatches whatever of it reached the daemon's connection. */
+    void Announce(GVariant* body, const char* name = "SpkVolumeChanged", const char* path = DAEMON_PATH,
+                  const char* interface = DAEMON_INTERFACE) {
+        client.Emit(path, interface, name, body);
+        RunMainContextUntilQuiet();
+    }
+
+    /** What the peer answers. */
+    std::atomic<int> first = 3;
+    std::atomic<int> level = 17;
+    std::atomic<int> result = 0;
+    std::atomic<bool> refuses = false;
+
+    FakeSeam& seam = FakeSeam::Get();
+    std::vector<std::string> heard;
+    BusPeer peer;
+    BusClient client;
+};
+
+}  // namespace fake
+
+#endif

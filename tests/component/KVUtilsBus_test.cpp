@@ -1,0 +1,219 @@
+/** The platform utilities over the system bus. */
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <optional>
+
+#include "FakeSeam.h"
+#include "Gio.h"
+#include "KVUtils.h"
+#include "PrivateBus.h"
+
+using fake::FakeSeam;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+namespace KVUtils = NKavrel::KVUtils;
+
+namespace {
+
+constexpr const char* PATH = "/Org/Olvane/Test";
+constexpr const char* INTERFACE = "org.olvane.test";
+constexpr const char* PEER = "org.olvane.TestPeer";
+constexpr const char* EMIT_CALL =
+    "g_dbus_connection_emit_signal(*, /Org/Olvane/Test, org.olvane.test.Sig, (7,))";
+
+/** A signal body "(i)" that tells when its last reference is gone, on whatever thread that is. */
+class WatchedBody {
+public:
+    GVariant* Floating() {
+        return g_variant_new_from_data(G_VARIANT_TYPE("(i)"), &m_number, sizeof m_number, TRUE, OnFreed,
+                                       this);
+    }
+    bool WaitUntilFreed() {
+        return m_freed.get_future().wait_for(fake::PATIENCE) == std::future_status::ready;
+    }
+    bool IsFreed() const { return m_isFreed; }
+
+private:
+    static void OnFreed(void* self) {
+        auto* body = static_cast<WatchedBody*>(self);
+        body->m_isFreed = true;
+        body->m_freed.set_value();  // a second time would throw
+    }
+
+    int m_number = 7;
+    std::atomic<bool> m_isFreed = false;
+    std::promise<void> m_freed;
+};
+
+class KVUtilsBusTest : public testing::Test {
+protected:
+    KVUtilsBusTest()
+        : peer(PEER, PATH, INTERFACE,
+               "<method name='Double'><arg direction='in' type='i'/><arg direction='out' type='i'/></method>"
+               "<method name='Refuse'/>",
+               {{"Double",
+                 [](GVariant* arguments) {
+                     int number = 0;
+                     g_variant_get(arguments, "(i)", &number);
+                     return g_variant_new("(i)", 2 * number);
+                 }},
+                {"Refuse", [](GVariant*) -> GVariant* { return nullptr; }}}) {}
+
+    FakeSeam& seam = FakeSeam::Get();
+    fake::BusPeer peer;
+    fake::BusClient client;
+};
+
+TEST_F(KVUtilsBusTest, ThereIsOneConnectionForTheWholeProcess) {
+    GDBusConnection* first = KVUtils::GetConnection();
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(KVUtils::GetConnection(), first);
+    GDBusConnection* shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+    EXPECT_EQ(shared, first);
+    EXPECT_TRUE(g_dbus_connection_get_exit_on_close(shared)) << "a dead bus ends the process";
+    g_object_unref(shared);
+    EXPECT_THAT(seam.Log(DLOG_DEBUG), IsEmpty());
+}
+
+TEST_F(KVUtilsBusTest, ASignalIsBroadcastWithItsBody) {
+    client.Listen(PATH, INTERFACE);
+    EXPECT_EQ(KVUtils::DbusEmitSignal(PATH, INTERFACE, "Sig", g_variant_new("(i)", 7)), 0);
+    EXPECT_THAT(seam.JournalHere(), ElementsAre("I Signal 'Sig'", EMIT_CALL));
+    EXPECT_EQ(seam.FunctionOf("I Signal 'Sig'"), "DbusEmitSignal");
+    const fake::Signal heard = client.WaitForSignal();
+    EXPECT_EQ(heard.path, PATH);
+    EXPECT_EQ(heard.interface, INTERFACE);
+    EXPECT_EQ(heard.name, "Sig");
+    EXPECT_EQ(heard.body, "(7,)");
+    EXPECT_EQ(heard.sender, g_dbus_connection_get_unique_name(KVUtils::GetConnection()));
+}
+
+TEST_F(KVUtilsBusTest, ASignalMayComeWithoutABody) {
+    client.Listen(PATH, INTERFACE);
+    EXPECT_EQ(KVUtils::DbusEmitSignal(PATH, INTERFACE, "Sig", nullptr), 0);
+    EXPECT_EQ(client.WaitForSignal().body, "()");
+}
+
+TEST_F(KVUtilsBusTest, AFloatingBodyIsReleasedOnceTheSignalIsSent) {
+    WatchedBody body;
+    EXPECT_EQ(KVUtils::DbusEmitSignal(PATH, INTERFACE, "Sig", body.Floating()), 0);
+    EXPECT_TRUE(body.WaitUntilFreed());
+}
+
+TEST_F(KVUtilsBusTest, OfABodyThatIsHeldElsewhereOneReferenceIsTakenOver) {
+    WatchedBody body;
+    GVariant* mine = g_variant_ref_sink(body.Floating());
+    client.Listen(PATH, INTERFACE);
+    EXPECT_EQ(KVUtils::DbusEmitSignal(PATH, INTERFACE, "Sig", g_variant_ref(mine)), 0);
+    EXPECT_EQ(client.WaitForSignal().name, "Sig");
+    EXPECT_FALSE(body.IsFreed());
+    g_variant_unref(mine);
+    EXPECT_TRUE(body.WaitUntilFreed());
+}
+
+TEST_F(KVUtilsBusTest, ASignalThatCannotBeSentIsLoggedAndItsBodyReleased) {
+    WatchedBody body;
+    seam.Fail("g_dbus_connection_emit_signal", gio::REFUSED);
+    EXPECT_EQ(KVUtils::DbusEmitSignal(PATH, INTERFACE, "Sig", body.Floating()), -1);
+    EXPECT_THAT(seam.JournalHere(), ElementsAre("I Signal 'Sig'", EMIT_CALL,
+                                                "E g_dbus_connection_emit_signal 'Sig' Failed (" +
+                                                    std::string(gio::REFUSAL) + ")"));
+    EXPECT_TRUE(body.IsFreed());
+}
+
+TEST_F(KVUtilsBusTest, AMissingErrorObjectOfASignalPrintsAsNull) {
+    WatchedBody body;
+    seam.Fail("g_dbus_connection_emit_signal", gio::NOTHING);
+    EXPECT_EQ(KVUtils::DbusEmitSignal(PATH, INTERFACE, "Sig", body.Floating()), -1);
+    EXPECT_EQ(seam.Log().back(), "E g_dbus_connection_emit_signal 'Sig' Failed ((null))");
+    EXPECT_TRUE(body.IsFreed());
+}
+
+TEST_F(KVUtilsBusTest, ACallHandsItsReplyOver) {
+    GVariant* reply = nullptr;
+    EXPECT_EQ(KVUtils::DbusCallSync(PEER, PATH, INTERFACE, "Double", g_variant_new("(i)", 21), &reply), 0);
+    const fake::Variant owned(reply);
+    EXPECT_EQ(gio::Printed(reply), "(42,)");
+    EXPECT_THAT(seam.JournalHere(),
+                ElementsAre("I Method call 'Double'",
+                            "g_dbus_connection_call_sync(org.olvane.TestPeer, /Org/Olvane/Test, "
+                            "org.olvane.test.Double, (21,), *, 0, -1)"));
+    EXPECT_EQ(seam.FunctionOf("I Method call 'Double'"), "DbusCallSync");
+}
+
+TEST_F(KVUtilsBusTest, ACallNeedsNoPlaceForItsReply) {
+    EXPECT_EQ(KVUtils::DbusCallSync(PEER, PATH, INTERFACE, "Double", g_variant_new("(i)", 1), nullptr), 0);
+    EXPECT_THAT(peer.Calls(), ElementsAre("Double(1,)"));
+}
+
+TEST_F(KVUtilsBusTest, FloatingParametersOfACallAreReleased) {
+    WatchedBody parameters;
+    EXPECT_EQ(KVUtils::DbusCallSync(PEER, PATH, INTERFACE, "Double", parameters.Floating(), nullptr), 0);
+    EXPECT_TRUE(parameters.WaitUntilFreed());
+    EXPECT_THAT(peer.Calls(), ElementsAre("Double(7,)"));
+}
+
+TEST_F(KVUtilsBusTest, OfParametersThatAreHeldElsewhereOneReferenceIsTakenOver) {
+    WatchedBody parameters;
+    GVariant* mine = g_variant_ref_sink(parameters.Floating());
+    EXPECT_EQ(KVUtils::DbusCallSync(PEER, PATH, INTERFACE, "Double", g_variant_ref(mine), nullptr), 0);
+    EXPECT_FALSE(parameters.IsFreed());
+    g_variant_unref(mine);
+    EXPECT_TRUE(parameters.WaitUntilFreed());
+}
+
+TEST_F(KVUtilsBusTest, ARefusedCallIsLoggedWithThePeersWords) {
+    GVariant* reply = nullptr;
+    EXPECT_EQ(KVUtils::DbusCallSync(PEER, PATH, INTERFACE, "Refuse", nullptr, &reply), -1);
+    EXPECT_EQ(reply, nullptr);
+    EXPECT_THAT(seam.Log(),
+                ElementsAre("I Method call 'Refuse'",
+                            "E Method Call 'Refuse' Failed (GDBus.Error:org.olvane.Test.Refused: refused)"));
+}
+
+TEST_F(KVUtilsBusTest, ACallToNobodyFails) {
+    WatchedBody parameters;
+    EXPECT_EQ(
+        KVUtils::DbusCallSync("org.olvane.Nobody", PATH, INTERFACE, "Do", parameters.Floating(), nullptr),
+        -1);
+    EXPECT_THAT(seam.Log().back(), StartsWith("E Method Call 'Do' Failed (GDBus.Error:"));
+    EXPECT_TRUE(parameters.WaitUntilFreed());
+}
+
+TEST_F(KVUtilsBusTest, AMissingErrorObjectOfACallPrintsAsNull) {
+    WatchedBody parameters;
+    seam.Fail("g_dbus_connection_call_sync", gio::NOTHING);
+    EXPECT_EQ(KVUtils::DbusCallSync(PEER, PATH, INTERFACE, "Do", parameters.Floating(), nullptr), -1);
+    EXPECT_EQ(seam.Log().back(), "E Method Call 'Do' Failed ((null))");
+    EXPECT_TRUE(parameters.IsFreed());
+}
+
+NKavrel::CallSite Caller() {
+    return KV_HERE;
+}
+
+TEST_F(KVUtilsBusTest, ASignalOfAnotherTypeIsTheCallersError) {
+    const fake::Variant body(g_variant_ref_sink(g_variant_new("(is)", 1, "x")));
+    EXPECT_TRUE(KVUtils::IsSignalOfType(body.get(), "(is)", "Sig", Caller()));
+    EXPECT_THAT(seam.Log(), IsEmpty());
+    EXPECT_FALSE(KVUtils::IsSignalOfType(body.get(), "(iii)", "Sig", Caller()));
+    constexpr const char* line = "E Invalid parameters of signal Sig: expected (iii), got (is)";
+    EXPECT_THAT(seam.LogHere(), ElementsAre(line));
+    EXPECT_EQ(seam.FunctionOf(line), "Caller");
+}
+
+TEST_F(KVUtilsBusTest, AReplyOfAnotherTypeIsTheCallersError) {
+    const fake::Variant reply(g_variant_ref_sink(g_variant_new("(u)", 1)));
+    EXPECT_TRUE(KVUtils::IsReplyOfType(reply.get(), "(u)", "Do", Caller()));
+    EXPECT_FALSE(KVUtils::IsReplyOfType(reply.get(), "(i)", "Do", Caller()));
+    constexpr const char* line = "E Invalid reply to Do: expected (i), got (u)";
+    EXPECT_THAT(seam.LogHere(), ElementsAre(line));
+    EXPECT_EQ(seam.FunctionOf(line), "Caller");
+}
+
+}  // namespace
