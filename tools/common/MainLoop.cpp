@@ -48,6 +48,21 @@ int MainLoop::Run() {
     return m_exitCode;
 }
 
+MainLoop::Waited MainLoop::RunUntil(const std::function<bool()>& met, std::chrono::milliseconds timeout) {
+    bool isOver = timeout.count() <= 0;
+    const auto timer = After(timeout, [&isOver] { isOver = true; });
+    while (!m_ended && !met()) {
+        if (isOver) {
+            return Waited::EXPIRED;
+        }
+        g_main_context_iteration(nullptr, TRUE);
+    }
+    if (m_thrown) {
+        std::rethrow_exception(m_thrown);
+    }
+    return m_ended ? Waited::ENDED : Waited::MET;
+}
+
 void MainLoop::Quit(int exitCode) {
     if (!m_ended) {
         m_ended = true;

@@ -29,6 +29,12 @@ public:
      *  @throws what a guarded function has thrown */
     int Run();
     void Quit(int exitCode);
+
+    enum class Waited { MET, EXPIRED, ENDED };
+    /** Runs until the condition holds, which is looked at after each event, or the time is over.
+     *  @return ENDED when it was told to end meanwhile, and always from then on
+     *  @throws what a guarded function has thrown */
+    Waited RunUntil(const std::function<bool()>& met, std::chrono::milliseconds timeout);
     /** Calls the function, for use in GLib's callbacks, which no exception may leave: it ends Run() instead.
      */
     void Guard(const std::function<void()>& function);

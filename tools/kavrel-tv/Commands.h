@@ -19,6 +19,10 @@ void AddWatch(tools::CommandLine& line, const Options& options);
 void AddVerbs(tools::CommandLine& line, const Options& options);
 void AddDevices(tools::CommandLine& line, const Options& options);
 void AddEmulator(tools::CommandLine& line);
+void AddPlay(tools::CommandLine& line, const Options& options);
+void AddTour(tools::CommandLine& line, const Options& options);
+void AddRecord(tools::CommandLine& line, const Options& options);
+void AddPlot(tools::CommandLine& line);
 
 }  // namespace tv
 

@@ -22,6 +22,7 @@
 #include "Platform.h"
 #include "Routes.h"
 #include "Snapshot.h"
+#include "Verbs.h"
 
 namespace fs = std::filesystem;
 
@@ -29,8 +30,6 @@ namespace tv {
 
 namespace {
 
-/** What a verb does to the TV, once its arguments are understood. */
-using Deed = std::function<void()>;
 using Arguments = std::vector<std::string>;
 
 struct Argument {
@@ -381,6 +380,25 @@ void AddVerb(tools::CommandLine& line, const Options& options, const Verb& verb)
 }
 
 }  // namespace
+
+Deed UnderstandVerb(const std::vector<std::string>& words) {
+    for (const Verb& verb : Verbs()) {
+        if (verb.name != words.front()) {
+            continue;
+        }
+        const auto needed = std::count_if(verb.arguments.begin(), verb.arguments.end(),
+                                          [](const Argument& argument) { return !argument.isOptional; });
+        const auto given = static_cast<std::ptrdiff_t>(words.size()) - 1;
+        if (given < needed || given > static_cast<std::ptrdiff_t>(verb.arguments.size())) {
+            throw tools::UsageError(
+                "the form is, for example: " +
+                verb.example.substr(std::string("kavrel-tv ").size(),
+                                    verb.example.find('\n') - std::string("kavrel-tv ").size()));
+        }
+        return verb.understand({words.begin() + 1, words.end()});
+    }
+    throw tools::UsageError("there is no such verb: \"" + tools::Printable(words.front()) + "\"");
+}
 
 void AddVerbs(tools::CommandLine& line, const Options& options) {
     for (const Verb& verb : Verbs()) {

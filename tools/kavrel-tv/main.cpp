@@ -28,5 +28,9 @@ int main(int argc, char** argv) {
     tv::AddVerbs(line, options);
     tv::AddDevices(line, options);
     tv::AddEmulator(line);
+    tv::AddPlay(line, options);
+    tv::AddTour(line, options);
+    tv::AddRecord(line, options);
+    tv::AddPlot(line);
     return line.Run(argc, argv);
 }

@@ -1,0 +1,131 @@
+#include <directory.h>
+
+#include <algorithm>
+#include <chrono>
+#include <fstream>
+#include <memory>
+#include <string>
+
+#include "Commands.h"
+#include "DirectoryWatch.h"
+#include "Errors.h"
+#include "MainLoop.h"
+#include "Output.h"
+#include "Platform.h"
+#include "Recording.h"
+#include "Routes.h"
+
+namespace tv {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+/** Writes a line whenever something changes on the open TV; each is in the file when the next thing happens.
+ */
+class Recorder {
+public:
+    Recorder(tools::MainLoop& loop, const std::string& directory, const std::string& name)
+        : m_name(name),
+          m_file(name, std::ios::binary | std::ios::trunc),
+          m_watch(loop, directory,
+                  [this](DirectoryWatch::Event event, const std::string& path) { On(event, path); }) {
+        Write(RecordingHeader());
+        Note("start");
+    }
+
+    void Note(const std::string& event) {
+        Moment moment{std::chrono::duration<double>(Clock::now() - m_start).count(), {}, event};
+        for (std::size_t i = 0; i < COLUMNS.size(); ++i) {
+            std::string text;
+            int value = 0;
+            if (host::TryRead({COLUMNS[i].path, host::Range{}}, text) == 0 &&
+                host::ParseInteger(text, {}, value) == 0) {
+                moment.values[i] = value;
+            }
+        }
+        if (event.empty() && moment.values == m_last) {
+            return;
+        }
+        m_last = moment.values;
+        Write(ToLine(moment));
+        ++m_count;
+    }
+
+    int Count() const { return m_count; }
+
+private:
+    void On(DirectoryWatch::Event event, const std::string& path) {
+        if (event == DirectoryWatch::Event::LOST) {
+            Note("notifications lost");
+        } else if (event == DirectoryWatch::Event::WRITTEN && !path.empty()) {
+            const bool isColumn = std::any_of(COLUMNS.begin(), COLUMNS.end(),
+                                              [&](const Column& column) { return path == column.path; });
+            Note(isColumn ? "" : Describe(path));
+        }
+    }
+
+    /** "route hdmi", "settings/memory/sysman/spdif 0". */
+    static std::string Describe(const std::string& path) {
+        std::string text;
+        if (host::TryRead({path, std::nullopt}, text) != 0) {
+            return path;
+        }
+        int route = 0;
+        const bool isRoute = path.ends_with("/route") && host::ParseInteger(text, {}, route) == 0;
+        const std::string what = path == "sound/route" ? "route" : path == "zones/focus" ? "focus" : path;
+        return what + " " + (isRoute ? std::string(NameOfRoute(route)) : text);
+    }
+
+    void Write(const std::string& text) {
+        m_file << text << std::flush;
+        if (!m_file) {
+            throw tools::ToolError(tools::EXIT_REFUSED, "cannot write " + m_name);
+        }
+    }
+
+    const Clock::time_point m_start = Clock::now();
+    const std::string m_name;
+    std::ofstream m_file;
+    DirectoryWatch m_watch;
+    decltype(Moment::values) m_last;
+    int m_count = 0;
+};
+
+int Record(const std::string& directory, const std::string& name, double seconds) {
+    OpenTv(directory);
+    tools::MainLoop loop;
+    Recorder recorder(loop, directory, name);
+    tools::GLibPtr<GSource> end;
+    if (seconds > 0) {
+        const auto time =
+            std::chrono::ceil<std::chrono::milliseconds>(std::chrono::duration<double>(seconds));
+        end = loop.After(time, [&loop] { loop.Quit(tools::EXIT_DONE); });
+    } else {
+        tools::Complain("recording until Ctrl-C");
+    }
+    const int status = loop.Run();
+    recorder.Note("end");
+    tools::PrintLine(std::to_string(recorder.Count()) + " moments in " + tools::Printable(name));
+    return status == tools::EXIT_INTERRUPTED ? tools::EXIT_DONE : status;  // Ctrl-C is a way to end it
+}
+
+}  // namespace
+
+void AddRecord(tools::CommandLine& line, const Options& options) {
+    auto file = std::make_shared<std::string>();
+    auto seconds = std::make_shared<double>(0);
+    CLI::App& record = line.AddCommand(
+        "record",
+        "record both gains, volume and mute, with all that happens to the TV\n\n"
+        "Writes comma-separated values, a line for each change: seconds, main_gain, sub_gain,\n"
+        "volume, mute, event. Ends after the given time, or at Ctrl-C.",
+        "kavrel-tv record --seconds 5 fade.csv",
+        [&options, file, seconds] { return Record(options.directory, *file, *seconds); });
+    record.add_option("FILE", *file, "is written anew")->required();
+    record.add_option("--seconds", *seconds, "for how long")
+        ->type_name("S")
+        ->check(CLI::Range(0.001, 86400.0));
+}
+
+}  // namespace tv
