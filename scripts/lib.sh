@@ -25,13 +25,15 @@ declare -A proof=(
     [dbus-daemon]=dbus-daemon
     [libglib2.0-bin]=gdbus
     [systemd]=busctl
+    [gnuplot-nox]=gnuplot
     [libgtest-dev]=/usr/include/gtest/gtest.h
     [libgmock-dev]=/usr/include/gmock/gmock.h
     [python3-gi]=/usr/lib/python3/dist-packages/gi/__init__.py
     [python3-pytest]=/usr/lib/python3/dist-packages/pytest/__init__.py
     [libbenchmark-dev]=/usr/include/benchmark/benchmark.h
 )
-to_run=(g++ meson ninja-build pkg-config libglib2.0-dev libjsoncpp-dev libcli11-dev dbus-daemon libglib2.0-bin systemd)
+to_run=(g++ meson ninja-build pkg-config libglib2.0-dev libjsoncpp-dev libcli11-dev dbus-daemon libglib2.0-bin systemd
+    gnuplot-nox)
 to_test=("${to_run[@]}" libgtest-dev libgmock-dev python3-gi python3-pytest)
 to_bench=("${to_run[@]}" libbenchmark-dev)
 

@@ -38,6 +38,10 @@ _kavrel_tv() {
         */projector/0) choices='ready not-ready' ;;
         */key/0) choices=$(_kavrel_tv_below settings f) ;;
         */emulator/0) choices='tv bt' ;;
+        */play/0 | */record/0 | */plot/[01])
+            mapfile -t COMPREPLY < <(compgen -f -- "$word")
+            return
+            ;;
     esac
     mapfile -t COMPREPLY < <(compgen -W "$choices" -- "$word")
 }

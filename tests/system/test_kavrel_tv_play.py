@@ -1,0 +1,222 @@
+"""kavrel-tv plays scenarios against the real daemon, records what happens, and draws the record."""
+import csv
+import signal
+import time
+import xml.etree.ElementTree
+
+import pytest
+
+from harness import PATIENCE, ROOT, FolderWatch
+from kavrel_tv import Tool, refused
+
+SCENARIOS = sorted((ROOT / "scenarios").glob("*.txt"))
+HEADER = ["seconds", "main_gain", "sub_gain", "volume", "mute", "event"]
+FULL_FADE = list(range(0, 101, 5))
+
+
+@pytest.fixture
+def tool(scene):
+    scene.start()
+    tool = Tool(scene)
+    tool.devices("--delay", "20")
+    return tool
+
+
+@pytest.fixture
+def play(tool, tmp_path):
+    """Plays these lines: the finished process."""
+    def run(*lines, options=("--fast",)):
+        scenario = tmp_path / "scenario.txt"
+        scenario.write_text("\n".join(lines) + "\n")
+        return tool.run("play", *options, str(scenario))
+    return run
+
+
+def failed_at(done, line):
+    assert done.returncode == 1 and done.stderr.count("\n") == 1, done.stderr
+    place, message = done.stderr.removeprefix("kavrel-tv: ").removesuffix("\n").split(": ", 1)
+    assert place.endswith(f"scenario.txt:{line}")
+    return message
+
+
+# --- play
+
+@pytest.mark.parametrize("scenario", SCENARIOS, ids=lambda path: path.stem)
+def test_the_scenarios_that_come_with_it_are_met(tool, scenario):
+    tool("play", "--fast", str(scenario))
+
+
+def test_the_tour_checks_each_step_and_ends_well(tool):
+    lines = tool("tour", "--fast").splitlines()
+    assert sum(line.startswith("  ok  ") for line in lines) > 50
+    assert "main gain: " in "\n".join(lines)
+
+
+def test_steps_are_told_as_they_are_done(play):
+    done = play("# a comment", "", "say 'Now louder.'", "call SetSpeakerVolume 33 -> 0", "expect value audio/master_volume 33")
+    assert (done.returncode, done.stderr) == (0, "")
+    assert done.stdout.splitlines() == ["Now louder.", "  ok  call SetSpeakerVolume 33 -> 0",
+                                        "  ok  expect value audio/master_volume 33"]
+
+
+@pytest.mark.parametrize("line, message", [
+    ("call SetSpeakerVolume 101 -> 0", "expected the answer 0, seen: -2"),
+    ("expect signal SpeakerVolumeChanged * 77 within 0.1",
+     "expected the signal SpeakerVolumeChanged * 77 within 0.1 s, seen: nothing"),
+    ("expect value audio/master_volume 77 within 0.1", "expected 77 in audio/master_volume within 0.1 s, seen: 10"),
+    ("expect value no/such/file 1 within 0", "expected 1 in no/such/file within 0 s, seen: no readable value"),
+    ("expect gain main 50 within 0.1", "expected the main gain 50 within 0.1 s, seen: 100"),
+    ("expect fade sub within 0.1", "expected the sub gain to drop and to rise to 100 again, within 0.1 s, seen: 100"),
+    ("expect output hdmi within 0.7", "expected kavreld to follow the output hdmi within 0.7 s, seen: nothing"),
+    ("volume 10 # still", None),
+])
+def test_the_first_expectation_that_fails_is_named_with_what_was_seen(play, line, message):
+    done = play("route tv", line, "call SetSpeakerVolume 55")
+    if message is None:
+        assert (done.returncode, done.stderr) == (0, "")
+    else:
+        assert failed_at(done, 2) == message
+        assert "SetSpeakerVolume 55" not in done.stdout
+
+
+def test_an_unexpected_signal_fails_and_a_seen_one_is_listed(play):
+    done = play("call SetSpeakerVolume 44 -> 0", "expect no signal SpeakerVolumeChanged * * within 0.5")
+    assert failed_at(done, 2) == ("expected no signal SpeakerVolumeChanged * * within 0.5 s, "
+                                  "seen: SpeakerVolumeChanged 65535 44")
+
+
+@pytest.mark.parametrize("line, message", [
+    ("jump", 'there is no such verb: "jump"'),
+    ("route", "the form is, for example: route hdmi"),
+    ("route nowhere", 'the route is to be a code or one of the names, not "nowhere"'),
+    ("call Nothing", 'there is no such method: "Nothing"'),
+    ("call SetSpeakerVolume", "SetSpeakerVolume takes 1 arguments"),
+    ("call SetSpeakerVolume loud -> 0", 'each number must be a whole number of 32 bits, not "loud"'),
+    ("call SetSpeakerMute 1 -> 0", 'a switch must be false or true, not "1"'),
+    ("emit SpeakerVolumeChanged 1 2", 'there is no such signal: "SpeakerVolumeChanged"'),
+    ("expect", "expect is followed by signal, no signal, value, output, gain or fade"),
+    ("expect gain left 3", 'the output must be main or sub, not "left"'),
+    ("expect signal", "the form is: expect signal NAME [ARGUMENTS...] [within SECONDS]"),
+    ("expect signal X within soon", '"soon" is no number of seconds'),
+    ("1.5", "a time needs something to do"),
+    ("say 'half", "Text ended before matching quote was found for '. (The text was “'half”)"),
+])
+def test_a_line_that_is_wrong_is_refused_before_anything_is_done(play, tv, line, message):
+    done = play("volume 66", line)
+    assert done.returncode == 64 and done.stdout == ""
+    complaint = refused(done)
+    assert "scenario.txt:2: " in complaint and message.split(" (The text")[0] in complaint, complaint
+    assert tv.read("audio/master_volume") == "10"
+
+
+def test_times_are_the_earliest_moments_unless_fast(play, tv):
+    done = play("0.4 volume 21", "0.4 volume 22", options=())
+    assert done.returncode == 0 and tv.read("audio/master_volume") == "22"
+
+
+def test_a_missing_file_is_told(tool):
+    done = tool.run("play", "/no/such/scenario")
+    assert (done.returncode, done.stderr) == (1, "kavrel-tv: cannot read /no/such/scenario\n")
+
+
+def test_without_kavreld_it_says_so(scene, tmp_path):
+    scene.tv.path.mkdir()
+    (tmp_path / "scenario.txt").write_text("volume 20\n")
+    done = Tool(scene).run("play", str(tmp_path / "scenario.txt"))
+    assert done.returncode == 2
+    assert refused(done) == "kavreld is not running: nobody on the bus owns org.olvane.kavrel"
+
+
+def test_ctrl_c_ends_a_scenario_at_once(tool, tmp_path):
+    (tmp_path / "scenario.txt").write_text("say begun\nsettle 600\n")
+    running = tool.start("play", str(tmp_path / "scenario.txt"))
+    running.wait("begun")
+    status, complaints = running.end(signal.SIGINT)
+    assert status == 130 and len(complaints) == 1 and complaints[0].endswith(":2: interrupted")
+
+
+# --- record and plot
+
+def rows_of(path):
+    with open(path, newline="") as file:
+        rows = list(csv.reader(file))
+    assert rows[0] == HEADER
+    return rows[1:]
+
+
+def wait_until_recorded(path, condition):
+    with FolderWatch(path.parent) as watch:
+        deadline = time.monotonic() + PATIENCE
+        while not condition(rows_of(path)):
+            assert watch.wait(deadline), rows_of(path)
+
+
+@pytest.fixture
+def recording(tool, scene, client, tmp_path):
+    """One fade of the TV's speaker, with a route that changes after it."""
+    path = tmp_path / "fade.csv"
+    running = tool.start("record", str(path))
+    running.wait_for_complaint("recording until Ctrl-C")
+    assert client.set_mute(True) == 0 and client.set_mute(False) == 0
+    wait_until_recorded(path, lambda rows: rows[-1][1:3] == ["100", "100"] and any(row[1] != "100" for row in rows))
+    tool("route", "hdmi")
+    wait_until_recorded(path, lambda rows: any(row[5] == "route hdmi" for row in rows))
+    status, complaints = running.end(signal.SIGINT)
+    assert (status, complaints) == (0, ["kavrel-tv: recording until Ctrl-C"])
+    assert running.said(f"{len(rows_of(path))} moments in ")
+    return path
+
+
+def test_a_recorded_fade_rises_without_a_step_back(recording):
+    rows = rows_of(recording)
+    times = [float(row[0]) for row in rows]
+    assert times == sorted(times)
+    assert rows[0][1:] == ["100", "100", "10", "0", "start"] and rows[-1][5] == "end"
+    gains = [int(row[1]) for row in rows]
+    rise = gains[gains.index(min(gains)):]
+    assert rise == sorted(rise) and set(rise) <= set(FULL_FADE) and rise[-1] == 100
+    assert [row[4] for row in rows if row[4] == "1"]
+    assert "route hdmi" in [row[5] for row in rows]
+
+
+def test_a_plot_is_one_picture_with_axes_units_legend_and_marks(tool, recording, tmp_path):
+    picture = tmp_path / "fade.svg"
+    tool("plot", str(recording), str(picture))
+    text = picture.read_text()
+    xml.etree.ElementTree.fromstring(text)
+    for words in ("gain (%)", "time (s)", "volume", "muted", "main output gain", "sub output gain", "route hdmi", "fade.csv"):
+        assert words in text
+    assert "<image" not in text and "href=\"http" not in text
+
+
+@pytest.mark.parametrize("text, message", [
+    ("", "this is no recording of kavrel-tv record"), ("a,b\n", "this is no recording of kavrel-tv record"),
+    (",".join(HEADER) + "\n", "there is nothing in it"),
+    (",".join(HEADER) + "\n0.0,1,2\n", "a time, four values and an event were expected"),
+    (",".join(HEADER) + "\n0.0,1,2,x,0,\n", "a time, four values and an event were expected"),
+    (",".join(HEADER) + "\n1.0,1,2,3,0,\n0.5,1,2,3,0,\n", "the time runs backwards"),
+])
+def test_what_is_no_recording_is_refused_with_its_line(scene, tmp_path, text, message):
+    (tmp_path / "some.csv").write_text(text)
+    done = Tool(scene).run("plot", str(tmp_path / "some.csv"), str(tmp_path / "some.svg"))
+    assert done.returncode == 1 and not (tmp_path / "some.svg").exists()
+    assert message in refused(done) or (text == "" and "there is nothing in it" in refused(done))
+
+
+def test_hostile_event_texts_reach_neither_gnuplot_nor_the_csv_s_form(scene, tmp_path):
+    event = "it's `touch {0}/owned` \\\" $x @y \\n <b>&amp;".format(tmp_path)
+    (tmp_path / "odd.csv").write_text(",".join(HEADER) + f"\n0.0,100,100,10,0,start\n0.5,100,,10,1,{event}\n1.0,0,0,0,0,end\n")
+    Tool(scene)("plot", str(tmp_path / "odd.csv"), str(tmp_path / "odd.svg"))
+    xml.etree.ElementTree.parse(tmp_path / "odd.svg")
+    assert not (tmp_path / "owned").exists()
+
+
+def test_recording_for_some_time_ends_by_itself(tool, tmp_path):
+    out = tool("record", "--seconds", "0.2", str(tmp_path / "short.csv"))
+    rows = rows_of(tmp_path / "short.csv")
+    assert out.startswith(f"{len(rows)} moments in ") and float(rows[-1][0]) >= 0.2
+
+
+def test_a_recording_that_cannot_be_written_is_told(tool):
+    done = tool.run("record", "--seconds", "1", "/no/such/folder/file.csv")
+    assert done.returncode == 1 and refused(done) == "cannot write /no/such/folder/file.csv"
