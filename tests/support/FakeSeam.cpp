@@ -223,6 +223,7 @@ void FakeSeam::Reset() {
     m_hooks.clear();
     m_journal.clear();
     m_gainWrites.clear();
+    m_dropLogLines = false;
 }
 
 void FakeSeam::Clear() {
@@ -698,6 +699,10 @@ public:
         });
     }
 
+    static bool DropsLogLines() {
+        return FakeSeam::Get().m_dropLogLines.load(std::memory_order_relaxed);
+    }
+
     static int Log(int priority, const char* tag, const std::string& raw) {
         FakeSeam::Get().Record(LogEntry(priority, tag, raw));
         return 0;
@@ -796,6 +801,9 @@ extern "C" {
 // dlog.h
 
 int __dlog_print(int priority, const char* tag, const char* fmt, ...) {
+    if (Seam::DropsLogLines()) {
+        return 0;
+    }
     va_list arguments;
     va_start(arguments, fmt);
     const std::string raw = fake::Format(fmt, arguments);

@@ -326,6 +326,26 @@ TEST_F(FakeSeamTest, WaitingForALogLineEndsWithItOrWithTheTime) {
     EXPECT_FALSE(seam.WaitFor("E got -1: a(b) > [c:d] e", 2, std::chrono::milliseconds(1)));
 }
 
+TEST_F(FakeSeamTest, ACallOutsideTheSeamEntersTheJournalRunsHooksAndMayFail) {
+    int hooks = 0;
+    seam.Before("g_thing", [&] { ++hooks; });
+    EXPECT_EQ(seam.Enter("g_thing", "1, x"), std::nullopt);
+    seam.Fail("g_thing", -3, 1);
+    EXPECT_EQ(seam.Enter("g_thing", ""), -3);
+    EXPECT_THAT(seam.Calls(), ElementsAre("g_thing(1, x)", "g_thing()"));
+    EXPECT_EQ(hooks, 2);
+}
+
+TEST_F(FakeSeamTest, LogLinesCanBeDropped) {
+    seam.DropLogLines(true);
+    SayAs("F");
+    audio_set_master_mute(true);
+    EXPECT_THAT(seam.Journal(), ElementsAre("audio_set_master_mute(true)"));
+    seam.DropLogLines(false);
+    SayAs("F");
+    EXPECT_THAT(seam.Log(), testing::SizeIs(1));
+}
+
 TEST_F(FakeSeamTest, EventsAreDoneUntilTheyAreReset) {
     EXPECT_EQ(LwipcIsDone("/tmp/.x"), 0);
     EXPECT_EQ(LwipcEventDone("/tmp/.x"), 0);
