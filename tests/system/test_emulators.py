@@ -28,7 +28,7 @@ def tv_emulator(switches):
 
 
 @pytest.fixture
-def bluetooth_emulator(tv, switches):
+def bluetooth_emulator(scene, tv, switches):
     """A kavreld whose Bluetooth speaker is emulated, and in use."""
     scene.start().kill()
     switches.turn_on("bt")

@@ -328,7 +328,7 @@ def test_the_peer_answers_and_announces(tool, client, which, peer, route, suppor
     emulator.type("loud")
     emulator.type("37")
     client.expect("SpkVolumeChanged", route, support, 37)
-    assert emulator.end() == (0, ['kavrel-tv: a volume is to be a whole number, not "loud"'])
+    assert emulator.end() == (0, ['kavrel-tv: a volume must be a whole number of 32 bits, not "loud"'])
 
 
 def test_the_peer_needs_its_name(tool):

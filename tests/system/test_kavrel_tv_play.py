@@ -88,7 +88,7 @@ def test_an_unexpected_signal_fails_and_a_seen_one_is_listed(play):
 @pytest.mark.parametrize("line, message", [
     ("jump", 'there is no such verb: "jump"'),
     ("route", "the form is, for example: route hdmi"),
-    ("route nowhere", 'the route is to be a code or one of the names, not "nowhere"'),
+    ("route nowhere", 'the route must be a code or one of the names, not "nowhere"'),
     ("call Nothing", 'there is no such method: "Nothing"'),
     ("call SetSpeakerVolume", "SetSpeakerVolume takes 1 arguments"),
     ("call SetSpeakerVolume loud -> 0", 'each number must be a whole number of 32 bits, not "loud"'),

@@ -5,10 +5,12 @@ import re
 import select
 import signal
 import subprocess
+import threading
 import time
 from pathlib import Path
 
 import pytest
+from gi.repository import Gio
 
 from harness import NAME, PATIENCE, ROOT, TV_SUPPORT, Process
 from terminal import Terminal
@@ -358,9 +360,27 @@ def test_no_answer_from_the_bus_in_time(scene, ctl):
     assert complaint == "no answer from the bus within 0.2 s"
 
 
-def test_daemon_that_ends_before_it_answers(stopped, ctl):
+class Impostor:
+    """Owns the daemon's name and answers nothing."""
+
+    def __init__(self, client):
+        self.connection = client.connection
+        self.called = threading.Event()
+        self.connection.add_filter(self._filter)
+        client._call_bus("RequestName", "su", NAME, 0)
+
+    def _filter(self, _connection, message, incoming, *_):
+        if not incoming or message.get_message_type() != Gio.DBusMessageType.METHOD_CALL:
+            return message
+        self.called.set()
+        return None
+
+
+def test_daemon_that_ends_before_it_answers(scene, ctl):
+    impostor = Impostor(scene.client())
     view = ctl.view("status", "--timeout", "0")
-    stopped.kill()
+    assert impostor.called.wait(PATIENCE)
+    impostor.connection.close_sync(None)
     assert (view.wait(), view.errors()) == (UNREACHABLE, "kavrelctl: kavreld left the bus before it answered\n")
 
 
@@ -553,11 +573,10 @@ def test_monitor_says_when_the_daemon_is_back_and_does_not_answer(scene, daemon,
     daemon.kill()
     view.read_until("gone")
     # Stopped before it runs, it owns no name; a process of the test's own takes it, and answers nothing.
-    impostor = scene.client()
-    impostor._call_bus("RequestName", "su", NAME, 0)
-    impostor.connection.add_filter(lambda connection, message, incoming, *_: None if incoming else message)
+    impostor = Impostor(scene.client())
     assert events([view.read_line(), view.read_line()]) == [
         ("back", "kavreld is on the bus again"), ("error", "no answer within 0.2 s")]
+    assert impostor.called.is_set()
 
 
 def test_monitor_asks_only_once(daemon, ctl, client):

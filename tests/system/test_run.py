@@ -127,8 +127,8 @@ def test_the_bus_is_not_the_machines():
 
 
 def test_the_projects_tools_are_on_the_path():
-    tools = f"{os.environ['KAVREL_BUILD']}/tools"
-    assert run("sh", "-c", 'echo "$PATH"')[1].split(":")[0] == tools
+    for tool in ("kavrelctl", "kavrel-tv"):
+        assert run("sh", "-c", f"command -v {tool}")[1] == f"{os.environ['KAVREL_BUILD']}/tools/{tool}/{tool}\n"
 
 
 def test_command_keeps_its_input():

@@ -48,7 +48,7 @@ int SupportWord(const std::string& text) {
     int word = 0;
     const auto read = std::from_chars(digits.data(), digits.data() + digits.size(), word, isHex ? 16 : 10);
     if (read.ec != std::errc() || read.ptr != digits.data() + digits.size() || word < 0) {
-        throw tools::UsageError("--support is to be a word such as 15 or 0x000f, not \"" +
+        throw tools::UsageError("--support must be a word such as 15 or 0x000f, not \"" +
                                 tools::Printable(text) + "\"");
     }
     return word;

@@ -43,7 +43,7 @@ void AddPlay(tools::CommandLine& line, const Options& options) {
     CLI::App& play = line.AddCommand(
         "play",
         "play a scenario, and check what it expects\n\n"
-        "One line an event, done in order; a number in front is its earliest time in seconds:\n"
+        "One line an event, done in order, not before the number of seconds in front:\n"
         "  0.5 route hdmi                       any verb of this tool\n"
         "  call SetSpeakerVolume 30 -> 0        a method, and what it is to answer\n"
         "  emit BudsDisconnected 0              a signal for kavreld\n"

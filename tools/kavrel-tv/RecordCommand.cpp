@@ -117,9 +117,9 @@ void AddRecord(tools::CommandLine& line, const Options& options) {
     auto seconds = std::make_shared<double>(0);
     CLI::App& record = line.AddCommand(
         "record",
-        "record both gains, volume and mute, with all that happens to the TV\n\n"
-        "Writes comma-separated values, a line for each change: seconds, main_gain, sub_gain,\n"
-        "volume, mute, event. Ends after the given time, or at Ctrl-C.",
+        "record gains, volume and mute over time\n\n"
+        "Writes comma-separated values, a line for each change: seconds, main_gain,\n"
+        "sub_gain, volume, mute, event. Ends after the given time, or at Ctrl-C.",
         "kavrel-tv record --seconds 5 fade.csv",
         [&options, file, seconds] { return Record(options.directory, *file, *seconds); });
     record.add_option("FILE", *file, "is written anew")->required();

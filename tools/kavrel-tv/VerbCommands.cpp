@@ -60,7 +60,7 @@ int RouteIn(const std::string& text) {
     try {
         return tools::Number("the route", text);
     } catch (const tools::UsageError&) {
-        throw tools::UsageError("the route is to be a code or one of the names, not \"" +
+        throw tools::UsageError("the route must be a code or one of the names, not \"" +
                                 tools::Printable(text) + "\"");
     }
 }
