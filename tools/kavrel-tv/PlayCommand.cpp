@@ -67,7 +67,7 @@ void AddTour(tools::CommandLine& line, const Options& options) {
             "be shown all that kavreld does, in about a minute\n\n"
             "Every step is checked. Needs kavreld and the external outputs' components\n"
             "(kavrel-tv devices); ./run starts both.",
-            "./run kavrel-tv tour",
+            "kavrel-tv tour\n./run kavrel-tv tour",
             [&options, isFast] { return Play("tour", kavrel_tour_scenario, options.directory, *isFast); })
         .add_flag("--fast", *isFast, "without pauses");
 }
