@@ -267,9 +267,15 @@ def test_multiview_keeps_what_else_its_setting_holds(tool, tv):
     tool("key", "memory/multiscreen/info", '{"layout":"2x1","mode":"off"}')
     tool("multiview", "on")
     assert json.loads(tv.read("settings/memory/multiscreen/info")) == {"layout": "2x1", "mode": "on"}
-    tool("key", "memory/multiscreen/info", "junk")
+
+
+@pytest.mark.parametrize("junk", ["junk", "", '["mode"]', '{"mode":', "[" * 5000])
+def test_multiview_is_off_while_its_setting_is_junk(tool, tv, junk):
+    tool("key", "memory/multiscreen/info", junk)
+    assert tool.show()["multiview"] is False
     tool("multiview", "on")
     assert tv.read("settings/memory/multiscreen/info") == '{"mode":"on"}'
+    assert tool.show()["multiview"] is True
 
 
 def test_what_does_not_work_by_itself_is_said(tool):

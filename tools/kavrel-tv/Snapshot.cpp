@@ -69,16 +69,21 @@ Number ReadFeature(const std::string& key) {
     return text == "true" || text == "false" ? Number{0, text == "true" ? 1 : 0} : Number{EINVAL};
 }
 
-bool IsMultiviewOn() {
+Json::Value ReadMultiviewInfo() {
     std::string text;
-    if (ReadFeature(MULTIVIEW_FEATURE).value != 1 ||
-        host::TryRead({std::string(SETTINGS) + MULTIVIEW_KEY, std::nullopt}, text) != 0) {
-        return false;
+    Json::Value info;
+    host::TryRead({std::string(SETTINGS) + MULTIVIEW_KEY, std::nullopt}, text);
+    try {
+        const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+        reader->parse(text.data(), text.data() + text.size(), &info, nullptr);
+    } catch (const Json::Exception&) {
+        // It is nested too deeply, which is not what the TV writes.
     }
-    const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-    Json::Value root;
-    return reader->parse(text.data(), text.data() + text.size(), &root, nullptr) && root.isObject() &&
-           root["mode"] == "on";
+    return info.isObject() ? info : Json::Value(Json::objectValue);
+}
+
+bool IsMultiviewOn() {
+    return ReadFeature(MULTIVIEW_FEATURE).value == 1 && ReadMultiviewInfo()["mode"] == "on";
 }
 
 std::vector<Zone> ReadZones() {

@@ -2,6 +2,8 @@
 #ifndef KAVREL_TV_SNAPSHOT_H
 #define KAVREL_TV_SNAPSHOT_H
 
+#include <json/value.h>
+
 #include <cerrno>
 #include <optional>
 #include <string>
@@ -84,6 +86,8 @@ Number ReadSetting(const std::string& key);
 /** 0 or 1. */
 Number ReadFeature(const std::string& key);
 
+/** The setting's JSON object; an empty one for anything else. */
+Json::Value ReadMultiviewInfo();
 /** Whether the TV has multi-view and it is on. */
 bool IsMultiviewOn();
 std::vector<Zone> ReadZones();

@@ -1,6 +1,5 @@
 #include <audio_hal.h>
 #include <directory.h>
-#include <json/reader.h>
 #include <lwipc.h>
 #include <sound_manager.h>
 #include <vconf.h>
@@ -101,17 +100,7 @@ Deed SetSetting(const char* key, int value) {
 
 Deed SetMultiview(bool on) {
     return [=] {
-        Json::Value info;
-        std::istringstream present;
-        std::string text;
-        if (host::TryRead(KeyIn("settings", MULTIVIEW_KEY), text) == 0) {
-            present.str(text);
-            std::string errors;
-            Json::parseFromStream(Json::CharReaderBuilder(), present, &info, &errors);
-        }
-        if (!info.isObject()) {
-            info = Json::Value(Json::objectValue);
-        }
+        Json::Value info = ReadMultiviewInfo();  // whose other members stay
         info["mode"] = on ? "on" : "off";
         Require(vconf_set_str(MULTIVIEW_KEY, tools::JsonLine(info).c_str()), MULTIVIEW_KEY);
         if (on && ReadFeature(MULTIVIEW_FEATURE).value != 1) {

@@ -1,0 +1,479 @@
+/** The pulse worker and the gain-out worker. */
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <limits>
+
+#include "GainFixture.h"
+
+using fake::GainWrite;
+using fake::MainGain;
+using fake::SubGain;
+using KVDefine::GAIN_SRC_PLAYER;
+using NKavrel::GAIN_HANDLER_PLAYER_MAIN_OUT;
+using NKavrel::GAIN_HANDLER_PLAYER_SUB_OUT;
+using NKavrel::GAIN_HANDLER_PULSE_RAMP;
+using testing::Contains;
+using testing::Each;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::IsEmpty;
+using testing::Not;
+
+namespace {
+
+using namespace std::chrono_literals;
+using Milliseconds = std::chrono::duration<double, std::milli>;
+
+constexpr int LOWEST = std::numeric_limits<int>::min();
+constexpr int HIGHEST = std::numeric_limits<int>::max();
+
+constexpr const char* PULSE_WORKER = "PulseRampH";
+constexpr const char* OUT_WORKER = "AudioGainOutH";
+constexpr const char* WAKE = "I Wake PulseRampH";
+constexpr const char* IDLE = "I remain count is 0, Nothing to do!";
+constexpr const char* SLEEP = "I Sleep PulseRampH";
+
+/** A 32-bit number, as it wraps. */
+int Wrapped(int64_t number) {
+    return static_cast<int>(static_cast<uint32_t>(number));
+}
+
+/** The gains of a ramp's ten steps. */
+std::vector<int> RampGains(int start, int target) {
+    std::vector<int> gains;
+    for (int64_t step = 1; step <= 10; ++step) {
+        const int way = Wrapped(step * Wrapped(static_cast<int64_t>(target) - start));
+        gains.push_back(Wrapped(static_cast<int64_t>(start) + way / 10));
+    }
+    return gains;
+}
+
+/** What the pulse worker logs for the last steps of a ramp, one for each gain. */
+std::vector<std::string> StepLines(const std::vector<int>& gains, unsigned int timeout) {
+    std::vector<std::string> lines;
+    for (std::size_t remain = gains.size(); remain > 0; --remain) {
+        const int gain = gains[gains.size() - remain];
+        lines.push_back("I remain count is " + std::to_string(remain) + ", timedwait " +
+                        std::to_string(timeout));
+        lines.push_back("I Remain[" + std::to_string(remain - 1) + "]. gain:" + std::to_string(gain));
+    }
+    return lines;
+}
+
+std::string StartLine(int start, unsigned int timeout) {
+    return "I startVolume:" + std::to_string(start) + ", remainCount:10, timeout:" + std::to_string(timeout);
+}
+
+std::vector<std::string> operator+(std::vector<std::string> lines, const std::vector<std::string>& more) {
+    lines.insert(lines.end(), more.begin(), more.end());
+    return lines;
+}
+
+class KVAudioGainHandlerPulseTest : public fake::GainFixture {
+protected:
+    using Lines = std::vector<std::string>;
+
+    std::vector<int> PulseStores() const { return StoredGains(GAIN_HANDLER_PULSE_RAMP); }
+
+    /** Log lines of the pulse worker alone, without those of the outputs that it writes. */
+    Lines PulseLines() const {
+        Lines lines = Journal(PULSE_WORKER);
+        std::erase_if(lines, [](const std::string& line) {
+            return !line.starts_with("I ") || line.starts_with("I Path:") || line.starts_with("I [Path:");
+        });
+        return lines;
+    }
+
+    std::pair<int, int> Target() {
+        int target = 12345;
+        int duration = 12345;
+        gain->GetPulseTargetValue(target, duration);
+        return {target, duration};
+    }
+
+    /** Times at which the gain-out worker looked at the main output's total. */
+    std::vector<fake::Clock::time_point> MainTurns() const {
+        std::vector<fake::Clock::time_point> times;
+        for (const fake::Entry& entry : Entries(OUT_WORKER)) {
+            if (entry.text.starts_with("I Path:1 ")) {
+                times.push_back(entry.time);
+            }
+        }
+        return times;
+    }
+
+    /** The shortest of the first periods of the gain-out worker; one that is long enough may be taken for it
+     *  on a slow machine, a shorter one never. Ends when one is below `expected`. */
+    Milliseconds ShortestPeriod(Milliseconds expected) {
+        constexpr std::size_t PERIODS = 50;
+        Milliseconds shortest = Milliseconds::max();
+        for (std::size_t count = 2; count < PERIODS && shortest >= expected; ++count) {
+            EXPECT_TRUE(seam.WaitUntil([&](const std::vector<fake::Entry>& journal) {
+                return static_cast<std::size_t>(std::ranges::count_if(journal, [](const fake::Entry& entry) {
+                           return entry.threadName == OUT_WORKER && entry.text.starts_with("I Path:1 ");
+                       })) >= count;
+            }));
+            const auto turns = MainTurns();
+            for (std::size_t i = 1; i < turns.size(); ++i) {
+                shortest = std::min<Milliseconds>(shortest, turns[i] - turns[i - 1]);
+            }
+        }
+        return shortest;
+    }
+};
+
+// Ramps
+
+TEST_F(KVAudioGainHandlerPulseTest, ARampGoesToItsTargetInTenSteps) {
+    const std::vector<int> gains = {92, 84, 76, 68, 60, 52, 44, 36, 28, 20};
+    Start();
+    EXPECT_EQ(gain->ApplyPulseAudioGain(20, 1000), 0);
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(PulseStores(), ElementsAreArray(gains));
+    EXPECT_THAT(Journal(PULSE_WORKER), ElementsAreArray(Lines{WAKE, StartLine(100, 100)} +
+                                                        StepLines(gains, 100) + Lines{IDLE, SLEEP}));
+
+    const auto stores = Stores(GAIN_HANDLER_PULSE_RAMP);
+    Milliseconds shortest = stores[0].time - Find(PULSE_WORKER, StartLine(100, 100)).time;
+    for (std::size_t i = 1; i < stores.size(); ++i) {
+        shortest = std::min<Milliseconds>(shortest, stores[i].time - stores[i - 1].time);
+    }
+    EXPECT_GE(shortest, 100ms);
+    EXPECT_LT(shortest, 200ms);
+}
+
+TEST_F(KVAudioGainHandlerPulseTest, TheGainOutWorkerWritesBothOutputsDuringARamp) {
+    Start();
+    gain->ApplyPulseAudioGain(0, 600);
+    ASSERT_TRUE(Rest());
+    EXPECT_EQ(Journal(OUT_WORKER).front(), "I AudioGainOut. Update(M:1/S:1)");
+    for (const auto out : {GainWrite::Out::MAIN, GainWrite::Out::SUB}) {
+        const std::vector<int> written = seam.GainWrites(out);
+        ASSERT_FALSE(written.empty());
+        EXPECT_EQ(written.back(), 0);
+        EXPECT_TRUE(std::ranges::is_sorted(written, std::greater<>()));
+        for (const int value : written) {
+            EXPECT_EQ(value % 10, 0);
+        }
+    }
+    for (const GainWrite& write : seam.GainWrites()) {
+        EXPECT_EQ(write.threadName, OUT_WORKER);
+    }
+}
+
+TEST_F(KVAudioGainHandlerPulseTest, BothOutputsCountAsUpdatingDuringARamp) {
+    Start();
+    bool main = false;
+    bool sub = false;
+    AfterStore(GAIN_HANDLER_PULSE_RAMP, 95, [&] {
+        main = gain->IsMainOutUpdating();
+        sub = gain->IsSubOutUpdating();
+    });
+    gain->ApplyPulseAudioGain(50, 20);
+    ASSERT_TRUE(Rest());
+    EXPECT_TRUE(main);
+    EXPECT_TRUE(sub);
+    EXPECT_FALSE(gain->IsMainOutUpdating());
+    EXPECT_FALSE(gain->IsSubOutUpdating());
+}
+
+TEST_F(KVAudioGainHandlerPulseTest, StepsAreTruncatedTowardTheStart) {
+    Start();
+    gain->ApplyPulseAudioGain(93, 20);
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(PulseStores(), ElementsAre(100, 99, 98, 98, 97, 96, 96, 95, 94, 93));
+    gain->ApplyPulseAudioGain(100, 20);
+    ASSERT_TRUE(Rest());
+    const std::vector<int> stores = PulseStores();
+    EXPECT_THAT(std::vector<int>(stores.begin() + 10, stores.end()),
+                ElementsAre(93, 94, 95, 95, 96, 97, 97, 98, 99, 100));
+}
+
+TEST_F(KVAudioGainHandlerPulseTest, StepsOfNoMillisecondFollowEachOtherWithoutPause) {
+    Start();
+    gain->ApplyPulseAudioGain(0, 5);
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(Journal(PULSE_WORKER),
+                ElementsAreArray(Lines{WAKE, StartLine(100, 0)} + StepLines(RampGains(100, 0), 0) +
+                                 Lines{IDLE, SLEEP}));
+    Mark();
+    gain->ApplyPulseAudioGain(100, -9);
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(Journal(PULSE_WORKER),
+                ElementsAreArray(Lines{WAKE, StartLine(0, 0)} + StepLines(RampGains(0, 100), 0) +
+                                 Lines{IDLE, SLEEP}));
+}
+
+TEST_F(KVAudioGainHandlerPulseTest, RampsOfAnyIntWrapIn32Bits) {
+    Start();
+    for (const auto& [start, target] : {std::pair{LOWEST, 100},
+                                        {100, LOWEST},
+                                        {-HIGHEST, 0},
+                                        {0, 1 - HIGHEST},
+                                        {LOWEST, LOWEST},
+                                        {-1000000000, 99},
+                                        {7, -2000000000}}) {
+        gain->SetSrcGain(GAIN_HANDLER_PULSE_RAMP, start);
+        Mark();
+        gain->ApplyPulseAudioGain(target, 5);
+        ASSERT_TRUE(Rest());
+        EXPECT_THAT(PulseLines(),
+                    ElementsAreArray(Lines{WAKE, StartLine(start, 0)} +
+                                     StepLines(RampGains(start, target), 0) + Lines{IDLE, SLEEP}));
+    }
+}
+
+TEST_F(KVAudioGainHandlerPulseTest, AStepAboveFullGainIsNotStored) {
+    Start();
+    gain->SetSrcGain(GAIN_HANDLER_PULSE_RAMP, LOWEST);
+    gain->ApplyPulseAudioGain(100, 5);
+    ASSERT_TRUE(Rest());
+    int last = LOWEST;
+    std::vector<int> stored;
+    for (const int step : RampGains(LOWEST, 100)) {
+        last = step > 100 ? last : step;
+        stored.push_back(last);
+    }
+    EXPECT_THAT(PulseStores(), ElementsAreArray(stored));
+}
+
+// At once
+
+TEST_F(KVAudioGainHandlerPulseTest, WithoutADurationThePulseWorkerWritesBothOutputsItself) {
+    Start();
+    auto gainOut = seam.BlockNext("I AudioGainOut. Update(M:1/S:1)");
+    EXPECT_EQ(gain->ApplyPulseAudioGain(50, 0), 0);
+    ASSERT_TRUE(gainOut.WaitReached());
+    ASSERT_TRUE(Waits(GAIN_HANDLER_PULSE_RAMP, SLEEP));
+    EXPECT_THAT(
+        Journal(PULSE_WORKER),
+        ElementsAre(WAKE, "AudioControl_getInstance()", "I Path:1 player:100 pulse: 50 unmute:100 Total: 50",
+                    "get_main_out_gain2()", "set_main_out_gain2(50)", "I [Path:01] gain2:50",
+                    "AudioControl_getInstance()", "I Path:2 player:100 pulse: 50 unmute:100 Total: 50",
+                    "get_sub_out_gain2()", "set_sub_out_gain2(50)", "I [Path:02] gain2:50", IDLE, SLEEP));
+    EXPECT_THAT(PulseStores(), ElementsAre(50));
+    gainOut.Open();
+    ASSERT_TRUE(Rest());
+}
+
+TEST_F(KVAudioGainHandlerPulseTest, AWriteThatFailsDoesNotHoldThePulseWorkerUp) {
+    Start();
+    seam.Fail("set_main_out_gain2", -9);
+    EXPECT_EQ(gain->ApplyPulseAudioGain(50, 0), 0);
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(Journal(PULSE_WORKER), Contains("E Failed to set gain2(50). ret:-9"));
+    EXPECT_EQ(seam.MainGainValue(), 100);
+    seam.Succeed("set_main_out_gain2");
+    EXPECT_EQ(gain->ApplyPulseAudioGain(40, 0), 0);
+    ASSERT_TRUE(Rest());
+    EXPECT_EQ(seam.MainGainValue(), 40);
+    EXPECT_EQ(seam.SubGainValue(), 40);
+}
+
+TEST_F(KVAudioGainHandlerPulseTest, WithGainControlDisabledThePulseGainIsOnlyStored) {
+    seam.SetFeature("com.norvik/featureconf/projector_feature_support", true);
+    Start();
+    EXPECT_EQ(gain->ApplyPulseAudioGain(50, 0), 0);
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(Journal(PULSE_WORKER), ElementsAre(WAKE, "E Disable Gain Control", IDLE, SLEEP));
+    EXPECT_EQ(Gain(GAIN_HANDLER_PULSE_RAMP), 50);
+    EXPECT_THAT(seam.GainWrites(), IsEmpty());
+}
+
+// Targets
+
+TEST_F(KVAudioGainHandlerPulseTest, ATargetAboveFullGainIsDroppedWithItsDuration) {
+    Start();
+    gain->SetPulseTargetValue(30, 200);
+    gain->SetPulseTargetValue(101, 7);
+    EXPECT_EQ(Target(), std::pair(30, 200));
+    gain->SetPulseTargetValue(HIGHEST, 7);
+    EXPECT_EQ(Target(), std::pair(30, 200));
+    gain->SetPulseTargetValue(LOWEST, LOWEST);
+    EXPECT_EQ(Target(), std::pair(LOWEST, LOWEST));
+    EXPECT_THAT(Journal(""), IsEmpty());
+}
+
+TEST_F(KVAudioGainHandlerPulseTest, ARequestWithADroppedTargetRunsTheOneBeforeAgain) {
+    Start();
+    gain->ApplyPulseAudioGain(30, 20);
+    ASSERT_TRUE(Rest());
+    gain->SetSrcGain(GAIN_HANDLER_PULSE_RAMP, 80);
+    Mark();
+    EXPECT_EQ(gain->ApplyPulseAudioGain(101, 5000), 0);
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(PulseLines(), ElementsAreArray(Lines{WAKE, StartLine(80, 2)} +
+                                               StepLines(RampGains(80, 30), 2) + Lines{IDLE, SLEEP}));
+}
+
+TEST_F(KVAudioGainHandlerPulseTest, ADroppedTargetAsTheFirstRequestBringsFullGainAtOnce) {
+    Start();
+    gain->SetSrcGain(GAIN_HANDLER_PULSE_RAMP, 10);
+    EXPECT_EQ(gain->ApplyPulseAudioGain(101, 5000), 0);
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(PulseStores(), ElementsAre(100));
+}
+
+// Requests during a ramp
+
+TEST_F(KVAudioGainHandlerPulseTest, ANewRequestStartsTenNewStepsFromTheGainInForce) {
+    Start();
+    AfterStore(GAIN_HANDLER_PULSE_RAMP, 60, [this] { gain->ApplyPulseAudioGain(100, 300); });
+    gain->ApplyPulseAudioGain(20, 200);
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(PulseLines(),
+                ElementsAreArray(Lines{WAKE, StartLine(100, 20), "I remain count is 10, timedwait 20",
+                                       "I Remain[9]. gain:92", "I remain count is 9, timedwait 20",
+                                       "I Remain[8]. gain:84", "I remain count is 8, timedwait 20",
+                                       "I Remain[7]. gain:76", "I remain count is 7, timedwait 20",
+                                       "I Remain[6]. gain:68", "I remain count is 6, timedwait 20",
+                                       "I Remain[5]. gain:60", "I remain count is 5, timedwait 20",
+                                       StartLine(60, 30)} +
+                                 StepLines(RampGains(60, 100), 30) + Lines{IDLE, SLEEP}));
+}
+
+TEST_F(KVAudioGainHandlerPulseTest, AnAtOnceRequestIsWrittenAndTheRampGoesOnToTheNewTarget) {
+    Start();
+    AfterStore(GAIN_HANDLER_PULSE_RAMP, 76, [this] { gain->ApplyPulseAudioGain(50, 0); });
+    gain->ApplyPulseAudioGain(20, 200);
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(PulseStores(), ElementsAre(92, 84, 76, 50, 80, 75, 70, 65, 60, 55, 50));
+    EXPECT_THAT(PulseLines(),
+                ElementsAreArray(Lines{WAKE, StartLine(100, 20), "I remain count is 10, timedwait 20",
+                                       "I Remain[9]. gain:92", "I remain count is 9, timedwait 20",
+                                       "I Remain[8]. gain:84", "I remain count is 8, timedwait 20",
+                                       "I Remain[7]. gain:76", "I remain count is 7, timedwait 20"} +
+                                 StepLines({80, 75, 70, 65, 60, 55, 50}, 20) + Lines{IDLE, SLEEP}))
+        << "the steps that remain, from the start of the ramp to the new target";
+    EXPECT_EQ(seam.MainGainValue(), 50);
+}
+
+TEST_F(KVAudioGainHandlerPulseTest, ANegativeDurationHoldsTheRampUntilTheNextRequest) {
+    Start();
+    gain->ApplyPulseAudioGain(20, -1000);
+    ASSERT_TRUE(Waits(GAIN_HANDLER_PULSE_RAMP, "I remain count is 10, timedwait 4294967196"));
+    EXPECT_THAT(PulseLines(),
+                ElementsAre(WAKE, StartLine(100, 4294967196), "I remain count is 10, timedwait 4294967196"));
+    EXPECT_TRUE(gain->IsMainOutUpdating());
+    EXPECT_THAT(PulseStores(), IsEmpty());
+    Mark();
+    gain->ApplyPulseAudioGain(50, 20);
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(PulseLines(), ElementsAreArray(Lines{StartLine(100, 2)} + StepLines(RampGains(100, 50), 2) +
+                                               Lines{IDLE, SLEEP}));
+}
+
+TEST_F(KVAudioGainHandlerPulseTest, TheStepTimeOfAnyDurationIsItsTenthAsAnUnsignedNumber) {
+    Start();
+    for (const auto& [duration, timeout] :
+         {std::pair{LOWEST, 4080218932U}, {-10, 4294967295U}, {HIGHEST, 214748364U}, {600000, 60000U}}) {
+        Mark();
+        gain->ApplyPulseAudioGain(20, duration);
+        const std::string waits = "I remain count is 10, timedwait " + std::to_string(timeout);
+        ASSERT_TRUE(Waits(GAIN_HANDLER_PULSE_RAMP, waits));
+        EXPECT_EQ(Find(PULSE_WORKER, StartLine(100, timeout)).text, StartLine(100, timeout));
+    }
+}
+
+// The gain-out worker
+
+TEST_F(KVAudioGainHandlerPulseTest, WithNothingUpdatingTheGainOutWorkerWaitsOnePeriodAndWritesBothOutputs) {
+    Start();
+    seam.BeforeNext("I AudioGainOut. Update(M:0/S:0)", [this] { seam.SetGain(1, 2); });
+    EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_PLAYER, 50, 1), 0);
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(Journal(OUT_WORKER),
+                ElementsAre("I AudioGainOut. Update(M:0/S:0)", "AudioControl_getInstance()",
+                            "I Path:1 player: 50 pulse:100 unmute:100 Total: 50", "get_main_out_gain2()",
+                            "set_main_out_gain2(50)", "I [Path:01] gain2:50", "AudioControl_getInstance()",
+                            "I Path:2 player:100 pulse:100 unmute:100 Total:100", "get_sub_out_gain2()",
+                            "set_sub_out_gain2(100)", "I [Path:02] gain2:100", "I Sleep AudioGainOut"));
+    EXPECT_GE(Find(OUT_WORKER, "AudioControl_getInstance()").time -
+                  Find(OUT_WORKER, "I AudioGainOut. Update(M:0/S:0)").time,
+              60ms);
+}
+
+TEST_F(KVAudioGainHandlerPulseTest, WhileAGainMovesItsOutputIsReadEvery60MillisecondsAndNotWrittenInVain) {
+    Start();
+    auto pulse = seam.BlockNext("I Remain[9]. gain:92");
+    gain->ApplyPulseAudioGain(20, 1000);
+    ASSERT_TRUE(pulse.WaitReached());
+    ASSERT_TRUE(seam.WaitForGainWrite(MainGain(92)));
+    ASSERT_TRUE(seam.WaitForGainWrite(SubGain(92)));
+    seam.Clear();
+    Mark();
+    const Milliseconds period = ShortestPeriod(90ms);
+    EXPECT_GE(period, 60ms);
+    EXPECT_LT(period, 90ms);
+    EXPECT_THAT(seam.GainWrites(), IsEmpty());
+    EXPECT_THAT(seam.Calls("set_"), IsEmpty());
+    EXPECT_THAT(seam.Calls("get_sub_out_gain2"), Not(IsEmpty()));
+}
+
+TEST_F(KVAudioGainHandlerPulseTest, WhileARequestIsPendingThePeriodIsATwentiethOfItsDuration) {
+    constexpr const char* LOOK_AT_REQUEST =
+        "D \t[IN]void NKavrel::KVAudioGainHandler::GetPulseTargetValue(int&, int&)";
+    Start();
+    {
+        auto pending = seam.BlockNext(LOOK_AT_REQUEST);
+        gain->ApplyPulseAudioGain(100, 800);
+        ASSERT_TRUE(pending.WaitReached());
+        const Milliseconds period = ShortestPeriod(55ms);
+        EXPECT_GE(period, 40ms);
+        EXPECT_LT(period, 55ms);
+    }
+    ASSERT_TRUE(Rest());
+    for (const int duration : {10, 19, -1000}) {
+        seam.Clear();
+        Mark();
+        auto pending = seam.BlockNext(LOOK_AT_REQUEST);
+        gain->ApplyPulseAudioGain(100, duration);
+        ASSERT_TRUE(pending.WaitReached());
+        EXPECT_LT(ShortestPeriod(20ms), 20ms) << "it does not wait at all";
+        pending.Open();
+    }
+}
+
+TEST_F(KVAudioGainHandlerPulseTest, AHardwareThatFailsDoesNotEndTheGainOutWorkersRounds) {
+    Start();
+    seam.Fail("AudioControl_getInstance", 0);
+    gain->ApplyPulseAudioGain(0, 100);
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(Journal(OUT_WORKER), Contains("E AudioControl_getInstance is failed"));
+    EXPECT_EQ(Journal(OUT_WORKER).back(), "I Sleep AudioGainOut");
+    EXPECT_THAT(PulseStores(), ElementsAreArray(RampGains(100, 0)));
+    seam.Succeed("AudioControl_getInstance");
+    gain->ApplyPulseAudioGain(10, 0);
+    ASSERT_TRUE(Rest());
+    EXPECT_EQ(seam.MainGainValue(), 10);
+}
+
+// The end of the controller
+
+TEST_F(KVAudioGainHandlerPulseTest, DestructionLetsARampTakeOnlyTheStepUnderWay) {
+    for (const auto& [duration, timeout] : {std::pair{-1000, 4294967196U}, {600000, 60000U}}) {
+        Start();
+        gain->ApplyPulseAudioGain(20, duration);
+        ASSERT_TRUE(
+            Waits(GAIN_HANDLER_PULSE_RAMP, "I remain count is 10, timedwait " + std::to_string(timeout)));
+        Mark();
+        gain.reset();
+        EXPECT_THAT(PulseLines(), ElementsAre("I Remain[9]. gain:92", "I PulseRampH is done"));
+        EXPECT_EQ(Journal(OUT_WORKER).back(), "I AudioGainOutH is done");
+        EXPECT_EQ(seam.MainGainValue(), 92) << "the gain-out worker finishes its loop";
+        seam.Reset();
+    }
+}
+
+TEST_F(KVAudioGainHandlerPulseTest, DestructionRightAfterARequestEnds) {
+    Start();
+    gain->ApplyPulseAudioGain(20, 1000);
+    gain.reset();
+    EXPECT_EQ(PulseLines().back(), "I PulseRampH is done");
+    EXPECT_THAT(PulseLines(), Not(Contains("I Remain[0]. gain:20")));
+}
+
+}  // namespace
