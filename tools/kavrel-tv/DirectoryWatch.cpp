@@ -17,6 +17,8 @@ namespace tv {
 
 namespace {
 
+constexpr std::size_t BUFFER_SIZE = 65536;
+
 // Where a rename's both ends are watched, the kernel does not merge two renames to one name into one
 // notification.
 constexpr std::uint32_t EVENTS = IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_FROM | IN_MOVED_TO | IN_CREATE |
@@ -50,7 +52,7 @@ DirectoryWatch::~DirectoryWatch() {
 }
 
 void DirectoryWatch::Read() {
-    alignas(inotify_event) std::array<char, 64 * 1024> buffer;
+    alignas(inotify_event) std::array<char, BUFFER_SIZE> buffer;
     const ssize_t size = read(m_inotify, buffer.data(), buffer.size());
     for (const char* at = buffer.data(); at < buffer.data() + size;) {
         const auto& event = *reinterpret_cast<const inotify_event*>(at);

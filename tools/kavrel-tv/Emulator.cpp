@@ -84,8 +84,9 @@ void Emulator::Turn(int volume) {
         std::to_string(volume));
 }
 
-void Emulator::OnCall(GDBusConnection*, const char*, const char*, const char*, const char* method,
-                      GVariant* parameters, GDBusMethodInvocation* invocation, void* self) {
+void Emulator::OnCall(GDBusConnection* /*connection*/, const char* /*sender*/, const char* /*path*/,
+                      const char* /*interface*/, const char* method, GVariant* parameters,
+                      GDBusMethodInvocation* invocation, void* self) {
     auto* emulator = static_cast<Emulator*>(self);
     emulator->m_loop.Guard([&] { emulator->Answer(method, parameters, invocation); });
 }
@@ -105,7 +106,7 @@ void Emulator::Answer(const std::string& method, GVariant* parameters, GDBusMeth
     Turn(volume);
 }
 
-void Emulator::OnNameAcquired(GDBusConnection*, const char* name, void* self) {
+void Emulator::OnNameAcquired(GDBusConnection* /*connection*/, const char* name, void* self) {
     auto* emulator = static_cast<Emulator*>(self);
     emulator->m_loop.Guard(
         [&] { Say(std::string(name) + " is here, volume " + std::to_string(emulator->m_volume)); });

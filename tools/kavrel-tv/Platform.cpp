@@ -2,12 +2,12 @@
 
 #include <directory.h>
 #include <dlog.h>
+#include <glib.h>
 
 #include <algorithm>
 #include <array>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <system_error>
 #include <utility>
@@ -71,7 +71,7 @@ void OpenTv(const std::string& directory) {
         throw tools::ToolError(tools::EXIT_UNREACHABLE,
                                "cannot read " + shown + ": " + failure.code().message());
     }
-    setenv("KAVREL_TV_DIR", directory.c_str(), 1);
+    g_setenv("KAVREL_TV_DIR", directory.c_str(), TRUE);
     host::Root();
     if (const std::string said = TakePlatformError(); !said.empty()) {
         throw tools::ToolError(tools::EXIT_UNREACHABLE, said);

@@ -115,13 +115,13 @@ int Record(const std::string& directory, const std::string& name, double seconds
 void AddRecord(tools::CommandLine& line, const Options& options) {
     auto file = std::make_shared<std::string>();
     auto seconds = std::make_shared<double>(0);
-    CLI::App& record = line.AddCommand(
-        "record",
-        "record gains, volume and mute over time\n\n"
-        "Writes comma-separated values, a line for each change: seconds, main_gain,\n"
-        "sub_gain, volume, mute, event. Ends after the given time, or at Ctrl-C.",
-        "kavrel-tv record --seconds 5 fade.csv",
-        [&options, file, seconds] { return Record(options.directory, *file, *seconds); });
+    CLI::App& record =
+        line.AddCommand("record",
+                        "record gains, volume and mute over time\n\n"
+                        "Writes comma-separated values, a line for each change: seconds, main_gain,\n"
+                        "sub_gain, volume, mute, event. Ends after the given time, or at Ctrl-C.",
+                        "kavrel-tv record --seconds 5 fade.csv",
+                        [&options, file, seconds] { return Record(options.directory, *file, *seconds); });
     record.add_option("FILE", *file, "is written anew")->required();
     record.add_option("--seconds", *seconds, "for how long")
         ->type_name("S")

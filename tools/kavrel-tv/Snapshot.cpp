@@ -90,6 +90,7 @@ std::vector<Zone> ReadZones() {
     std::vector<int> ids;
     host::GetZones(ids);
     std::vector<Zone> zones;
+    zones.reserve(ids.size());
     for (const int id : ids) {
         zones.push_back({id, ReadNumber(host::ZoneRoute(id).path)});
     }

@@ -1,7 +1,6 @@
 #include "View.h"
 
 #include <glib.h>
-#include <langinfo.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -41,7 +40,7 @@ constexpr Shapes ASCII = {"|- ", "`- ", "|  ", "   ", "#", "."};
 constexpr Shapes BOXES = {"├─ ", "└─ ", "│  ", "   ", "█", "░"};
 
 const Shapes& ShapesOfTerminal() {
-    return std::string_view(nl_langinfo(CODESET)) == "UTF-8" ? BOXES : ASCII;
+    return g_get_charset(nullptr) == TRUE ? BOXES : ASCII;
 }
 
 /** A line in pieces of one colour each. */

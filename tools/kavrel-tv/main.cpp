@@ -15,7 +15,7 @@ Colours are for a terminal alone, and only without NO_COLOR.)";
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::setlocale(LC_CTYPE, "");
+    std::setlocale(LC_CTYPE, "");  // NOLINT(concurrency-mt-unsafe): there is no other thread yet
     tools::CommandLine line("kavrel-tv", "Plays the rest of the TV on the TV directory.", FOOTER);
     tv::Options options{"/run/kavrel"};
     line.App()
