@@ -13,6 +13,9 @@ KAVREL_TV = os.environ["KAVREL_TV"]
 COMMANDS = ["show", "watch", "route", "multiview", "zones", "focus", "zone-route", "cable", "mobile", "projector", "sub-bt",
             "feature", "popup", "volume", "mute", "key", "devices", "emulator", "play", "tour", "record", "plot"]
 
+# ThreadSanitizer brings a thread of its own, which wakes up now and then.
+FOREIGN_THREADS = 1 if "thread" in os.environ["KAVREL_SANITIZER"] else 0
+
 
 class Running:
     """A kavrel-tv that stays, and the lines that it prints as it prints them."""
@@ -126,6 +129,8 @@ def assert_idle(pid):
     while True:  # it may have been about to rest
         before = switches()
         time.sleep(2)  # the observation itself
-        if switches() == before:
+        after = switches()
+        woken = [task for task in before.keys() | after.keys() if before.get(task) != after.get(task)]
+        if len(woken) <= FOREIGN_THREADS:
             return
-        assert time.monotonic() < deadline, f"it never rests: {before}, {switches()}"
+        assert time.monotonic() < deadline, f"it never rests: {before}, {after}"
