@@ -1,0 +1,472 @@
+/**
+ * The controller's workers at the level of the thread library: how they are started, woken, locked out and
+ * joined. This program defines the library's functions in its place; each enters the journal and passes on.
+ */
+#include <dlfcn.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <system_error>
+
+#include "GainFixture.h"
+
+using fake::FakeSeam;
+using KVDefine::GAIN_SRC_PLAYER;
+using KVDefine::GAIN_SRC_UNMUTE;
+using NKavrel::GAIN_HANDLER_PLAYER_MAIN_OUT;
+using NKavrel::GAIN_HANDLER_PULSE_RAMP;
+using NKavrel::GAIN_HANDLER_UNMUTE_MAIN_OUT;
+using NKavrel::KVAudioGainHandler;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::IsEmpty;
+
+namespace {
+
+/** What stands behind a function that this program defines. */
+template <typename Function>
+Function* Library(const char* name) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+std::mutex startsMutex;
+/** Threads in the order of their starts; guarded by startsMutex. */
+std::vector<pthread_t> starts;
+/** Whether starts and joins enter the journal. */
+std::atomic<bool> watchesThreads = false;
+
+/** First of the controller's seven condition variables, once known; one of its bytes till then. */
+std::atomic<const char*> conditions = nullptr;
+/** The last condition variable inside the controller that was notified. */
+std::atomic<const char*> notified = nullptr;
+
+/** Lets this thread's timed locks fail. */
+thread_local bool locksFail = false;
+
+std::string Place(pthread_t thread) {
+    const std::lock_guard lock(startsMutex);
+    const auto found =
+        std::ranges::find_if(starts, [&](pthread_t start) { return pthread_equal(start, thread) != 0; });
+    return std::to_string(found - starts.begin() + 1);
+}
+
+}  // namespace
+
+extern "C" {
+
+int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
+                   void* argument) noexcept {
+    static auto* const create = Library<decltype(pthread_create)>("pthread_create");
+    if (!watchesThreads) {
+        return create(thread, attributes, body, argument);
+    }
+    if (const auto failure = FakeSeam::Get().Enter("pthread_create", "")) {
+        return *failure;
+    }
+    const int result = create(thread, attributes, body, argument);
+    const std::lock_guard lock(startsMutex);
+    starts.push_back(*thread);
+    return result;
+}
+
+int pthread_join(pthread_t thread, void** result) {
+    static auto* const join = Library<decltype(pthread_join)>("pthread_join");
+    if (watchesThreads) {
+        FakeSeam::Get().Enter("pthread_join", Place(thread));
+    }
+    return join(thread, result);
+}
+
+int pthread_cond_broadcast(pthread_cond_t* condition) noexcept {
+    static auto* const broadcast = Library<decltype(pthread_cond_broadcast)>("pthread_cond_broadcast");
+    const auto* address = reinterpret_cast<const char*>(condition);
+    const char* first = conditions;
+    if (first != nullptr && address >= first && address < first + sizeof(KVAudioGainHandler)) {
+        notified = address;
+        const auto place = static_cast<std::size_t>(address - first) / sizeof(std::condition_variable);
+        FakeSeam::Get().Enter("notify", std::to_string(place));
+    }
+    return broadcast(condition);
+}
+
+#ifdef __SANITIZE_THREAD__
+// The shim of that build makes one of these of the other.
+int pthread_mutex_timedlock(pthread_mutex_t* mutex, const timespec* deadline) noexcept {
+    static auto* const lock = Library<decltype(pthread_mutex_timedlock)>("pthread_mutex_timedlock");
+    return locksFail ? ETIMEDOUT : lock(mutex, deadline);
+}
+#else
+int pthread_mutex_clocklock(pthread_mutex_t* mutex, clockid_t clock, const timespec* deadline) noexcept {
+    static auto* const lock = Library<decltype(pthread_mutex_clocklock)>("pthread_mutex_clocklock");
+    return locksFail ? ETIMEDOUT : lock(mutex, clock, deadline);
+}
+#endif
+
+}  // extern "C"
+
+namespace {
+
+constexpr const char* OF = "NKavrel::KVAudioGainHandler::";
+constexpr const char* WAKE_GAIN_OUT = "notify(6)";
+constexpr const char* LOCK_FAILED = "E mutex lock failed";
+
+std::string In(const std::string& function) {
+    return "D \t[IN]void " + std::string(OF) + function;
+}
+std::string Out(const std::string& function) {
+    return "D \t[OUT]void " + std::string(OF) + function;
+}
+constexpr const char* GET_GAIN = "GetSrcGain(NKavrel::eKVGainHandlerType, int&)";
+constexpr const char* SET_GAIN = "SetSrcGain(NKavrel::eKVGainHandlerType, int)";
+constexpr const char* GET_TARGET = "GetPulseTargetValue(int&, int&)";
+
+class KVAudioGainHandlerThreadsTest : public fake::GainFixture {
+protected:
+    ~KVAudioGainHandlerThreadsTest() override {
+        gain.reset();
+        watchesThreads = false;
+        conditions = nullptr;
+    }
+
+    /** From here on the notifications of the controller's condition variables are in the journal, as
+     *  "notify(2)" for that of worker 2. */
+    void WatchNotifications() {
+        conditions = reinterpret_cast<const char*>(&*gain);
+        EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_PLAYER, 100, 1), 0);  // wakes the gain-out worker, the last
+        conditions = notified - 6 * sizeof(std::condition_variable);
+        ASSERT_TRUE(Rest());
+        Mark();
+    }
+
+    void WatchThreads() {
+        const std::lock_guard lock(startsMutex);
+        starts.clear();
+        watchesThreads = true;
+    }
+
+    /** The journal of a thread without the calls and lines of which the text begins with none of these. */
+    std::vector<std::string> Journal(const std::string& thread,
+                                     const std::vector<std::string>& beginnings) const {
+        std::vector<std::string> texts = GainFixture::Journal(thread);
+        std::erase_if(texts, [&](const std::string& text) {
+            return std::ranges::none_of(
+                beginnings, [&](const std::string& beginning) { return text.starts_with(beginning); });
+        });
+        return texts;
+    }
+
+    /** Lets the timed lock inside the n-th call of a worker's function fail. */
+    void FailLock(const std::string& worker, const std::string& function, int nth) {
+        const auto isThere = [worker] {
+            std::array<char, 16> name = {};
+            pthread_getname_np(pthread_self(), name.data(), name.size());
+            return worker == name.data();
+        };
+        seam.Before(In(function), [isThere, nth, seen = std::make_shared<std::atomic<int>>(0)] {
+            locksFail = isThere() && ++*seen == nth;
+        });
+        seam.Before(Out(function), [] { locksFail = false; });
+    }
+};
+
+// Starting
+
+TEST_F(KVAudioGainHandlerThreadsTest, WorkersAreStartedInAFixedOrder) {
+    WatchThreads();
+    Start();
+    std::vector<std::string> names;
+    for (const pthread_t thread : starts) {
+        std::array<char, 16> name = {};
+        pthread_getname_np(thread, name.data(), name.size());
+        names.emplace_back(name.data());
+    }
+    EXPECT_THAT(names, ElementsAre("UnMuteMainOutH", "UnMuteSubOutH", "PlayerMainOutH", "PlayerSubOutH",
+                                   "PulseRampH", "AudioGainOutH"));
+}
+
+class KVAudioGainHandlerThreadsFailureTest : public KVAudioGainHandlerThreadsTest,
+                                             public testing::WithParamInterface<int> {};
+
+INSTANTIATE_TEST_SUITE_P(NthThread, KVAudioGainHandlerThreadsFailureTest, testing::Range(1, 7));
+
+TEST_P(KVAudioGainHandlerThreadsFailureTest, AThreadThatCannotStartStopsThoseBeforeAndThrows) {
+    const int failing = GetParam();
+    /** The places, in the order of their starts, of those before it, in the order of their keys. */
+    const std::vector<std::vector<std::string>> joins = {
+        {},
+        {"pthread_join(1)"},
+        {"pthread_join(1)", "pthread_join(2)"},
+        {"pthread_join(3)", "pthread_join(1)", "pthread_join(2)"},
+        {"pthread_join(3)", "pthread_join(4)", "pthread_join(1)", "pthread_join(2)"},
+        {"pthread_join(5)", "pthread_join(3)", "pthread_join(4)", "pthread_join(1)", "pthread_join(2)"},
+    };
+    const std::vector<std::string> before = fake::ThreadNames();
+    seam.SetFeature("com.norvik/featureconf/projector_feature_support", true);
+    seam.SetGain(0, 0);
+    WatchThreads();
+    seam.Fail("pthread_create", EAGAIN, failing);
+    try {
+        gain.emplace();
+        FAIL() << "the constructor returned";
+    } catch (const std::system_error& error) {
+        EXPECT_EQ(error.code(), std::errc::resource_unavailable_try_again);
+    }
+    EXPECT_EQ(fake::ThreadNames(), before);
+    EXPECT_THAT(seam.Calls("pthread_join"), ElementsAreArray(joins[static_cast<std::size_t>(failing - 1)]));
+    EXPECT_EQ(
+        std::ranges::count_if(seam.Log(), [](const std::string& line) { return line.ends_with(" is done"); }),
+        failing - 1);
+    EXPECT_THAT(seam.GainWrites(), IsEmpty());
+    EXPECT_THAT(seam.Calls("vconf_"), IsEmpty());
+    EXPECT_THAT(seam.Calls("system_info_"), IsEmpty());
+
+    seam.Succeed("pthread_create");
+    Start();
+    EXPECT_EQ(seam.MainGainValue(), 100) << "the next controller is as good as any";
+}
+
+// Waking
+
+TEST_F(KVAudioGainHandlerThreadsTest, AGainSetAtOnceWakesTheGainOutWorkerAndAFadeItsOwn) {
+    Start();
+    WatchNotifications();
+    gain->ApplyAudioGain(GAIN_SRC_PLAYER, 100, 1);
+    gain->ApplyAudioGain(GAIN_SRC_PLAYER, 100, 2);
+    gain->ApplyAudioGain(GAIN_SRC_UNMUTE, 100, 1);
+    EXPECT_THAT(Journal("", {"notify"}), ElementsAre("notify(6)", "notify(6)", "notify(6)", "notify(6)"));
+    Mark();
+    gain->SetFadeInInterruptable(true);
+    gain->ApplyVolumeFadeIn(GAIN_SRC_UNMUTE, 1);
+    gain->ApplyVolumeFadeIn(GAIN_SRC_PLAYER, 1);
+    gain->ApplyVolumeFadeIn(GAIN_SRC_PLAYER, 2);
+    gain->ApplyPulseAudioGain(100, 0);
+    EXPECT_THAT(Journal("", {"notify"}),
+                ElementsAre("notify(4)", "notify(5)", "notify(2)", "notify(3)", "notify(1)"));
+    Mark();
+    seam.Fail("AudioControl_getInstance", 0);
+    gain->ApplyAudioGain(GAIN_SRC_UNMUTE, 10, 1);
+    gain->ApplyVolumeFadeIn(GAIN_SRC_PLAYER, 1);
+    gain->SetSrcGain(GAIN_HANDLER_UNMUTE_MAIN_OUT, 50);
+    gain->ApplyAudioGain(GAIN_SRC_PLAYER, 10, 4);
+    EXPECT_THAT(Journal("", {"notify"}), IsEmpty());
+}
+
+TEST_F(KVAudioGainHandlerThreadsTest, AFadeWakesTheGainOutWorkerAtItsBeginningAndAtItsEnd) {
+    Start();
+    WatchNotifications();
+    for (const int from : {90, 100}) {
+        Mark();
+        gain->_ApplyAudioGain(GAIN_HANDLER_PLAYER_MAIN_OUT, 1, from, false);
+        ASSERT_TRUE(Rest());
+        EXPECT_THAT(GainFixture::Journal("PlayerMainOutH"),
+                    ElementsAre("I Wake PlayerMainOutH. gain:" + std::to_string(from), WAKE_GAIN_OUT,
+                                "I handlerGainType:2, LastGain:100", WAKE_GAIN_OUT,
+                                "LwipcIsDone(\"FadeInPopup\")", "I Sleep PlayerMainOutH"));
+    }
+}
+
+TEST_F(KVAudioGainHandlerThreadsTest, ARampWakesTheGainOutWorkerAtItsStartAndAfterSteps1And4And7) {
+    Start();
+    WatchNotifications();
+    gain->ApplyPulseAudioGain(20, 100);
+    ASSERT_TRUE(Rest());
+    const std::string waits = ", timedwait 10";
+    EXPECT_THAT(
+        Journal("PulseRampH", {"notify", "I "}),
+        ElementsAre("I Wake PulseRampH", WAKE_GAIN_OUT, "I startVolume:100, remainCount:10, timeout:10",
+                    "I remain count is 10" + waits, "I Remain[9]. gain:92", "I remain count is 9" + waits,
+                    WAKE_GAIN_OUT, "I Remain[8]. gain:84", "I remain count is 8" + waits,
+                    "I Remain[7]. gain:76", "I remain count is 7" + waits, "I Remain[6]. gain:68",
+                    "I remain count is 6" + waits, WAKE_GAIN_OUT, "I Remain[5]. gain:60",
+                    "I remain count is 5" + waits, "I Remain[4]. gain:52", "I remain count is 4" + waits,
+                    "I Remain[3]. gain:44", "I remain count is 3" + waits, WAKE_GAIN_OUT,
+                    "I Remain[2]. gain:36", "I remain count is 2" + waits, "I Remain[1]. gain:28",
+                    "I remain count is 1" + waits, "I Remain[0]. gain:20",
+                    "I remain count is 0, Nothing to do!", "I Sleep PulseRampH"));
+}
+
+TEST_F(KVAudioGainHandlerThreadsTest, ANewRampWakesTheGainOutWorkerOnlyWhereAStepWouldHave) {
+    Start();
+    WatchNotifications();
+    for (const auto& [gainBefore, wakes] : {std::pair{84, false}, {68, true}}) {
+        ASSERT_TRUE(Rest());
+        gain->SetSrcGain(GAIN_HANDLER_PULSE_RAMP, 100);
+        Mark();
+        AfterStore(GAIN_HANDLER_PULSE_RAMP, gainBefore, [this] { gain->ApplyPulseAudioGain(100, 10); });
+        gain->ApplyPulseAudioGain(20, 100);
+        ASSERT_TRUE(Rest());
+        const std::vector<std::string> journal = Journal("PulseRampH", {"notify", "I startVolume"});
+        const std::string restart =
+            "I startVolume:" + std::to_string(gainBefore) + ", remainCount:10, timeout:1";
+        const auto found = std::ranges::find(journal, restart);
+        ASSERT_NE(found, journal.end());
+        const auto before = std::count(journal.begin(), found, WAKE_GAIN_OUT);
+        EXPECT_EQ(before, wakes ? 3 : 2) << "at the start, after step 1, and here after step 4";
+        EXPECT_EQ(std::count(found, journal.end(), WAKE_GAIN_OUT), 3);
+    }
+}
+
+TEST_F(KVAudioGainHandlerThreadsTest, AnIdlePulseWorkerThatIsWokenWithoutARequestDoesNotStep) {
+    Start();
+    WatchNotifications();
+    const char* first = conditions;
+    auto* ofPulseWorker = reinterpret_cast<pthread_cond_t*>(
+        const_cast<char*>(first + GAIN_HANDLER_PULSE_RAMP * sizeof(std::condition_variable)));
+    for (int i = 0; i < 5; ++i) {
+        pthread_cond_broadcast(ofPulseWorker);
+        ASSERT_TRUE(Rest());
+    }
+    EXPECT_THAT(Journal("", {"notify"}),
+                ElementsAre("notify(1)", "notify(1)", "notify(1)", "notify(1)", "notify(1)"));
+    EXPECT_THAT(Entries("PulseRampH"), IsEmpty());
+    gain->ApplyPulseAudioGain(50, 0);
+    ASSERT_TRUE(Rest());
+    EXPECT_EQ(GainFixture::Journal("PulseRampH").front(), "I Wake PulseRampH");
+    EXPECT_THAT(StoredGains(GAIN_HANDLER_PULSE_RAMP), ElementsAre(50));
+}
+
+// Ending
+
+TEST_F(KVAudioGainHandlerThreadsTest, DestructionWakesAllAndJoinsThemInTheOrderOfTheirNumbers) {
+    WatchThreads();
+    Start();
+    WatchNotifications();
+    gain.reset();
+    EXPECT_THAT(GainFixture::Journal(""),
+                ElementsAre("notify(1)", "notify(2)", "notify(3)", "notify(4)", "notify(5)", "notify(6)",
+                            "pthread_join(5)", "pthread_join(3)", "pthread_join(4)", "pthread_join(1)",
+                            "pthread_join(2)", "pthread_join(6)",
+                            "system_info_get_custom_bool(\"com.norvik/featureconf/projector_feature_"
+                            "support\")",
+                            "vconf_ignore_key_changed(\"memory/org.olvane.btapp/sub_audio_zoneid\")"))
+        << "started 5th, 3rd, 4th, 1st, 2nd and 6th";
+}
+
+// Locks that are not had in time
+
+TEST_F(KVAudioGainHandlerThreadsTest, WithoutTheLockAGetterLeavesTheCallersValueAndASetterTheSlot) {
+    Start();
+    gain->SetPulseTargetValue(30, 200);
+    int value = 12345;
+    int target = 1;
+    int duration = 2;
+    locksFail = true;
+    gain->GetSrcGain(GAIN_HANDLER_PULSE_RAMP, value);
+    gain->SetSrcGain(GAIN_HANDLER_PULSE_RAMP, 40);
+    gain->GetPulseTargetValue(target, duration);
+    gain->SetPulseTargetValue(90, 900);
+    EXPECT_EQ(gain->SetMainOutGain2(1), -1);
+    EXPECT_EQ(gain->SetSubOutGain2(2), -1);
+    EXPECT_EQ(gain->SetAudioGain(3), -1);
+    locksFail = false;
+    EXPECT_EQ(value, 12345);
+    EXPECT_EQ(target, 1);
+    EXPECT_EQ(duration, 2);
+    std::vector<std::string> functions;
+    for (const fake::Entry& entry : Entries("")) {
+        if (entry.text == LOCK_FAILED) {
+            functions.push_back(entry.site.function);
+        }
+    }
+    EXPECT_THAT(functions,
+                ElementsAre("GetSrcGain", "SetSrcGain", "GetPulseTargetValue", "SetPulseTargetValue",
+                            "SetMainOutGain2", "SetSubOutGain2", "SetMainOutGain2"));
+    EXPECT_EQ(Gain(GAIN_HANDLER_PULSE_RAMP), 100);
+    gain->GetPulseTargetValue(target, duration);
+    EXPECT_EQ(target, 30);
+    EXPECT_EQ(duration, 200);
+    EXPECT_THAT(seam.GainWrites(), IsEmpty());
+}
+
+TEST_F(KVAudioGainHandlerThreadsTest, AGainThatCannotBeReadCountsAsZeroInTheTotal) {
+    Start();
+    int total = 12345;
+    locksFail = true;
+    gain->GetAudioGain(1, total);
+    locksFail = false;
+    EXPECT_EQ(total, 0);
+    EXPECT_THAT(GainFixture::Journal(""), ElementsAre(LOCK_FAILED, LOCK_FAILED, LOCK_FAILED,
+                                                      "I Path:1 player:  0 pulse:  0 unmute:  0 Total:  0"));
+}
+
+TEST_F(KVAudioGainHandlerThreadsTest, AFadeWhoseFirstReadFailsBeginsAtZero) {
+    Start();
+    FailLock("PlayerMainOutH", GET_GAIN, 1);
+    gain->_ApplyAudioGain(GAIN_HANDLER_PLAYER_MAIN_OUT, 1, 97, false);
+    ASSERT_TRUE(seam.WaitForLog("I Wake PlayerMainOutH. gain:0"));
+    AfterStore(GAIN_HANDLER_PLAYER_MAIN_OUT, 10, [this] { gain->ApplyAudioGain(GAIN_SRC_PLAYER, 100, 1); });
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(StoredGains(GAIN_HANDLER_PLAYER_MAIN_OUT), ElementsAre(5, 10));
+}
+
+TEST_F(KVAudioGainHandlerThreadsTest, AFadeWhoseReadFailsStepsFromTheOldGainAgain) {
+    Start();
+    // It reads at the beginning and after each step; this test reads each store, too.
+    FailLock("PlayerMainOutH", GET_GAIN, 5);
+    gain->_ApplyAudioGain(GAIN_HANDLER_PLAYER_MAIN_OUT, 1, 80, false);
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(StoredGains(GAIN_HANDLER_PLAYER_MAIN_OUT), ElementsAre(85, 90, 90, 95, 100));
+    EXPECT_THAT(GainFixture::Journal("PlayerMainOutH"), Contains(LOCK_FAILED).Times(1));
+}
+
+TEST_F(KVAudioGainHandlerThreadsTest, AFadeWhoseStoreFailsTakesTheStepAgain) {
+    FailLock("PlayerMainOutH", SET_GAIN, 2);  // before this test's own reading of each store
+    Start();
+    gain->_ApplyAudioGain(GAIN_HANDLER_PLAYER_MAIN_OUT, 1, 85, false);
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(StoredGains(GAIN_HANDLER_PLAYER_MAIN_OUT), ElementsAre(90, 90, 95, 100));
+    EXPECT_THAT(GainFixture::Journal("PlayerMainOutH"), Contains(LOCK_FAILED).Times(1));
+}
+
+TEST_F(KVAudioGainHandlerThreadsTest, APulseWorkerThatCannotReadItsTargetRampsToTheOneBefore) {
+    Start();
+    gain->ApplyPulseAudioGain(20, 20);
+    ASSERT_TRUE(Rest());
+    gain->SetSrcGain(GAIN_HANDLER_PULSE_RAMP, 70);
+    Mark();
+    FailLock("PulseRampH", GET_TARGET, 1);
+    EXPECT_EQ(gain->ApplyPulseAudioGain(90, 5000), 0);
+    ASSERT_TRUE(Rest());
+    const std::vector<std::string> journal = Journal("PulseRampH", {"I startVolume", "I Remain", "E "});
+    EXPECT_EQ(journal[0], LOCK_FAILED);
+    EXPECT_EQ(journal[1], "I startVolume:70, remainCount:10, timeout:2");
+    EXPECT_EQ(journal.back(), "I Remain[0]. gain:20");
+}
+
+TEST_F(KVAudioGainHandlerThreadsTest, ARequestWhoseTargetCannotBeStoredIsRaisedAllTheSame) {
+    Start();
+    gain->ApplyPulseAudioGain(20, 20);
+    ASSERT_TRUE(Rest());
+    gain->SetSrcGain(GAIN_HANDLER_PULSE_RAMP, 70);
+    Mark();
+    locksFail = true;
+    EXPECT_EQ(gain->ApplyPulseAudioGain(90, 5000), 0);
+    locksFail = false;
+    EXPECT_EQ(Find("", LOCK_FAILED).site.function, "SetPulseTargetValue");
+    ASSERT_TRUE(Rest());
+    EXPECT_EQ(StoredGains(GAIN_HANDLER_PULSE_RAMP).back(), 20);
+}
+
+TEST_F(KVAudioGainHandlerThreadsTest, ARampWhoseStartCannotBeReadBeginsAtTheStartBefore) {
+    Start();
+    gain->ApplyPulseAudioGain(20, 20);
+    ASSERT_TRUE(Rest());
+    gain->SetSrcGain(GAIN_HANDLER_PULSE_RAMP, 70);
+    Mark();
+    FailLock("PulseRampH", GET_GAIN, 1);
+    gain->ApplyPulseAudioGain(90, 20);
+    ASSERT_TRUE(Rest());
+    EXPECT_EQ(Find("PulseRampH", "I startVolume:100, remainCount:10, timeout:2").thread,
+              Find("PulseRampH", "I Remain[0]. gain:90").thread);
+}
+
+}  // namespace
