@@ -215,14 +215,14 @@ TEST_F(ChangeSignalsTest, AnOutputChangeNeedsNoConnection) {
 TEST_F(ChangeSignalsOfTheDaemonTest, ASetVolumeIsAnnouncedBeforeItsReply) {
     Wire wire(client);
     EXPECT_EQ(Call("SetSpeakerVolume", g_variant_new("(i)", 30)), "(0,)");
-    EXPECT_THAT(wire.Received(), ElementsAre("signal SpeakerVolumeChanged (65535, 30)", "reply (0,)"));
+    EXPECT_THAT(wire.Messages(), ElementsAre("signal SpeakerVolumeChanged (65535, 30)", "reply (0,)"));
 }
 
 TEST_F(ChangeSignalsOfTheDaemonTest, AVolumeThatUnmutesAnnouncesBothBeforeItsReply) {
     Call("SetSpeakerMute", g_variant_new("(b)", TRUE));
     Wire wire(client);
     EXPECT_EQ(Call("SetSpeakerVolume", g_variant_new("(i)", 30)), "(0,)");
-    EXPECT_THAT(wire.Received(), ElementsAre("signal SpeakerMuteChanged (65535, false)",
+    EXPECT_THAT(wire.Messages(), ElementsAre("signal SpeakerMuteChanged (65535, false)",
                                              "signal SpeakerVolumeChanged (65535, 30)", "reply (0,)"));
 }
 
@@ -230,7 +230,7 @@ TEST_F(ChangeSignalsOfTheDaemonTest, AnEqualVolumeIsNotAnnounced) {
     Call("SetSpeakerVolume", g_variant_new("(i)", 30));
     Wire wire(client);
     EXPECT_EQ(Call("SetSpeakerVolume", g_variant_new("(i)", 30)), "(0,)");
-    EXPECT_THAT(wire.Received(), ElementsAre("reply (0,)"));
+    EXPECT_THAT(wire.Messages(), ElementsAre("reply (0,)"));
 }
 
 TEST_F(ChangeSignalsOfTheDaemonTest, AReportOfAPlatformThreadIsEmittedFromThatThread) {

@@ -68,7 +68,7 @@ private:
     std::thread m_thread;
 };
 
-/** What a client sent and was sent, in the order of the wire. */
+/** What a client is sent from now on, in the order of the wire. */
 class Wire {
 public:
     explicit Wire(const fake::BusClient& client);
@@ -77,18 +77,17 @@ public:
     Wire& operator=(const Wire&) = delete;
 
     /** "signal MEMBER BODY", "reply BODY", "error NAME". */
-    std::vector<std::string> Received() const;
-    void Clear();
+    std::vector<std::string> Messages() const;
 
 private:
+    using Received = std::vector<std::string>;
+
     static GDBusMessage* OnMessage(GDBusConnection* connection, GDBusMessage* message, gboolean incoming,
-                                   void* wire);
+                                   void* received);
 
     GDBusConnection* m_connection;
     guint m_filter;
-    mutable std::mutex m_mutex;
-    /** Guarded by m_mutex. */
-    std::vector<std::string> m_received;
+    std::shared_ptr<Received> m_received;
 };
 
 /** A real call of one of the daemon's methods that waits for its answer: an invocation, off the daemon's bus

@@ -81,7 +81,7 @@ class MainTest : public testing::Test {
 protected:
     ~MainTest() override {
         fake::RunMainContextUntilQuiet();
-        delete static_cast<KVServer*>(lastServer.exchange(nullptr));
+        std::unique_ptr<KVServer>{static_cast<KVServer*>(lastServer.exchange(nullptr))};
         gio::RemoveLeftovers();
     }
 
