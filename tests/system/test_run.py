@@ -223,7 +223,7 @@ def test_ctrl_c_reaches_the_command_on_its_terminal_and_run_waits_for_it():
         signal.signal(signal.SIGINT, signal.SIG_DFL)
         os.execve(RUN, [RUN, "sh", "-c", "trap 'echo told; exit 5' INT; echo ready; while :; do read line; done"],
                   environment({}))
-    said = b""
+    status, said = None, b""
     try:
         while True:
             assert select.select([terminal], [], [], PATIENCE)[0], said
@@ -232,9 +232,13 @@ def test_ctrl_c_reaches_the_command_on_its_terminal_and_run_waits_for_it():
                 os.write(terminal, b"\x03")
                 said += b"\x03"
     except OSError:  # the terminal of a session that has ended
-        pass
-    os.close(terminal)
-    assert os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1]) == 5
+        status = os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1])
+    finally:
+        if status is None:
+            os.kill(pid, signal.SIGKILL)
+            os.waitpid(pid, 0)
+        os.close(terminal)
+    assert status == 5
     assert b"told" in said
 
 
