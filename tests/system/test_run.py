@@ -131,6 +131,11 @@ def test_the_projects_tools_are_on_the_path():
         assert run("sh", "-c", f"command -v {tool}")[1] == f"{os.environ['KAVREL_BUILD']}/tools/{tool}/{tool}\n"
 
 
+def test_the_external_outputs_have_said_what_they_support():
+    support = "settings/memory/menu/network/screenmirroring/volume_support_hdmi"
+    assert run("sh", "-c", f'cat "$KAVREL_TV_DIR/{support}"')[:2] == (0, "15\n")
+
+
 def test_command_keeps_its_input():
     assert run("cat", input="some text\n") == (0, "some text\n", "")
 

@@ -78,6 +78,7 @@ int Play(const std::string& directory, const Given& given) {
     OpenTv(directory);
     tools::MainLoop loop;
     const Devices devices(loop, manners);
+    tools::PrintLine("the devices behind the external outputs play until Ctrl-C");
     const int status = loop.Run();
     return status == tools::EXIT_INTERRUPTED ? tools::EXIT_DONE : status;  // Ctrl-C is how it ends
 }
