@@ -21,7 +21,6 @@ declare -A proof=(
     [libglib2.0-dev]=/usr/include/glib-2.0/gio/gio.h
     [libjsoncpp-dev]=/usr/include/jsoncpp/json/json.h
     [libcli11-dev]=/usr/include/CLI/CLI.hpp
-    [libcli11-dev]=/usr/include/CLI/CLI.hpp
     [dbus-daemon]=dbus-daemon
     [libglib2.0-bin]=gdbus
     [systemd]=busctl

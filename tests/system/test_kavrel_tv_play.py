@@ -116,7 +116,10 @@ def test_times_are_the_earliest_moments_unless_fast(play, tv):
 
 def test_a_missing_file_is_told(tool):
     done = tool.run("play", "/no/such/scenario")
-    assert (done.returncode, done.stderr) == (1, "kavrel-tv: cannot read /no/such/scenario\n")
+    assert (done.returncode, done.stderr) == (
+        1,
+        "kavrel-tv: Failed to open file “/no/such/scenario”: No such file or directory\n",
+    )
 
 
 def test_without_kavreld_it_says_so(scene, tmp_path):

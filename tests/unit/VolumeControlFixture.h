@@ -82,6 +82,12 @@ protected:
         Start();
     }
 
+    /** Leaves the unmute gain there, and no worker about to write it once more. */
+    void SetUnmuteGain(int gain) {
+        ASSERT_EQ(control->ApplyAudioGain(UNMUTE, gain, 3, false), 0);
+        ASSERT_TRUE(WorkersRest());
+    }
+
     /** Registers a listener that writes down what it is told: "VOLUME_CHANGED 0xffff 30". */
     void Listen(const std::string& event) {
         control->SetEventHandler(event, [this, event](int support, int value) {

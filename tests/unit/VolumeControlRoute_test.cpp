@@ -450,7 +450,7 @@ TEST_F(VolumeControlRouteTest, AnUnreadableMirroringValueIsLoggedAndDropped) {
 
 TEST_F(VolumeControlRouteTest, MirroringRestoresTheGainFirstAndStopsSourceThreeAfterwards) {
     Start();
-    control->ApplyAudioGain(fake::UNMUTE, 40, 3, false);
+    SetUnmuteGain(40);
     seam.Clear();
     seam.FireKey(fake::TV2MOBILE_KEY, 1);
     EXPECT_THAT(seam.LogHere(),

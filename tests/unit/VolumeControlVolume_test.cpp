@@ -124,7 +124,7 @@ TEST_F(VolumeControlVolumeTest, AFailedUnmuteEndsTheVolumeChange) {
 
 TEST_F(VolumeControlVolumeTest, AFailedGainWhileMutedIsOnlyLogged) {
     StartMuted();
-    control->ApplyAudioGain(fake::UNMUTE, 40, 3, false);
+    SetUnmuteGain(40);
     seam.Clear();
     seam.Fail("set_main_out_gain2", -1, 1);
     EXPECT_EQ(control->SetTVVolume(30), 0);
@@ -234,7 +234,7 @@ TEST_F(VolumeControlVolumeTest, TheGainOperationsNeedNoLock) {
 
 TEST_F(VolumeControlVolumeTest, AnUnmuteFadeWhileUnmutedRecoversTheGainInstead) {
     Start();
-    control->ApplyAudioGain(fake::UNMUTE, 40, 3, false);
+    SetUnmuteGain(40);
     seam.Clear();
     EXPECT_EQ(control->ApplyVolumeFadeIn(fake::UNMUTE, 3), 0);
     EXPECT_THAT(seam.LogHere(),

@@ -211,7 +211,7 @@ TEST_F(VolumeControlZonesTest, LeavingMultiViewOnABluetoothRouteRestoresTheGain)
         ModeOn();
         Start();
         seam.FireZoneRoute(route, 1);
-        control->ApplyAudioGain(fake::UNMUTE, 40, 3, false);
+        SetUnmuteGain(40);
         seam.Clear();
         seam.FireKey(fake::MULTIVIEW_KEY, R"({"mode": "off"})");
         EXPECT_THAT(seam.LogHere(),
@@ -227,7 +227,7 @@ TEST_F(VolumeControlZonesTest, LeavingMultiViewOnABluetoothRouteRestoresTheGain)
 TEST_F(VolumeControlZonesTest, LeavingMultiViewOnAnotherRouteRestoresNoGain) {
     ModeOn();
     Start();
-    control->ApplyAudioGain(fake::UNMUTE, 40, 3, false);
+    SetUnmuteGain(40);
     seam.Clear();
     seam.FireKey(fake::MULTIVIEW_KEY, R"({"mode": "off"})");
     EXPECT_THAT(seam.LogHere(), ElementsAre("I MSmode:off"));

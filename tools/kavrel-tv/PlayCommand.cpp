@@ -1,5 +1,3 @@
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <string>
 
@@ -7,6 +5,7 @@
 #include "Errors.h"
 #include "MainLoop.h"
 #include "Platform.h"
+#include "ReadFile.h"
 #include "Scenario.h"
 #include "Stage.h"
 
@@ -16,15 +15,6 @@ extern "C" const char kavrel_tour_scenario[];
 namespace tv {
 
 namespace {
-
-std::string ReadFile(const std::string& name) {
-    std::ifstream file(name, std::ios::binary);
-    std::string text(std::istreambuf_iterator<char>(file), {});
-    if (!file.is_open() || file.bad()) {
-        throw tools::ToolError(tools::EXIT_REFUSED, "cannot read " + name);
-    }
-    return text;
-}
 
 int Play(const std::string& name, std::string_view text, const std::string& directory, bool isFast) {
     const Scenario scenario = ParseScenario(name, text);

@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -13,6 +11,7 @@
 #include "Errors.h"
 #include "GLibPtr.h"
 #include "Output.h"
+#include "ReadFile.h"
 #include "Recording.h"
 
 namespace tv {
@@ -21,15 +20,6 @@ namespace {
 
 constexpr double CLOSEST_MARKS = 0.04;  // of the time shown
 constexpr double LEAST_SPAN = 0.1;      // seconds
-
-std::string ReadFile(const std::string& name) {
-    std::ifstream file(name, std::ios::binary);
-    std::string text(std::istreambuf_iterator<char>(file), {});
-    if (!file.is_open() || file.bad()) {
-        throw tools::ToolError(tools::EXIT_REFUSED, "cannot read " + name);
-    }
-    return text;
-}
 
 /** For a single-quoted string of gnuplot. */
 std::string Quoted(const std::string& text) {

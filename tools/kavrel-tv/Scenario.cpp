@@ -106,6 +106,12 @@ bool IsTrue(const std::string& word) {
     return tools::Choice("a switch", word, {"false", "true"}) == 1;
 }
 
+tools::Variant Argument(char type, const std::string& word) {
+    return tools::Variant(g_variant_ref_sink(type == 'i'   ? g_variant_new_int32(NumberOf(word))
+                                             : type == 'b' ? g_variant_new_boolean(IsTrue(word))
+                                                           : g_variant_new_string(word.c_str())));
+}
+
 /** A member's arguments, taken from the words behind its name. */
 template <std::size_t COUNT>
 tools::Variant Arguments(const std::array<std::pair<std::string_view, std::string_view>, COUNT>& members,
@@ -117,15 +123,13 @@ tools::Variant Arguments(const std::array<std::pair<std::string_view, std::strin
         if (words.size() != types.size() + 1) {
             throw tools::UsageError(words[0] + " takes " + std::to_string(types.size()) + " arguments");
         }
-        GVariantBuilder builder;
-        g_variant_builder_init(&builder, G_VARIANT_TYPE_TUPLE);
+        std::vector<tools::Variant> owners;
+        std::vector<GVariant*> arguments;
         for (std::size_t i = 0; i < types.size(); ++i) {
-            const std::string& word = words[i + 1];
-            g_variant_builder_add_value(&builder, types[i] == 'i'   ? g_variant_new_int32(NumberOf(word))
-                                                  : types[i] == 'b' ? g_variant_new_boolean(IsTrue(word))
-                                                                    : g_variant_new_string(word.c_str()));
+            owners.push_back(Argument(types[i], words[i + 1]));
+            arguments.push_back(owners.back().get());
         }
-        return tools::Variant(g_variant_ref_sink(g_variant_builder_end(&builder)));
+        return tools::Variant(g_variant_ref_sink(g_variant_new_tuple(arguments.data(), arguments.size())));
     }
     throw tools::UsageError(std::string("there is no such ") + kind + ": \"" +
                             tools::Printable(words.empty() ? "" : words[0]) + "\"");

@@ -1,0 +1,22 @@
+#include "ReadFile.h"
+
+#include <gio/gio.h>
+
+#include "Errors.h"
+#include "GLibPtr.h"
+#include "Output.h"
+
+namespace tv {
+
+std::string ReadFile(const std::string& name) {
+    char* contents = nullptr;
+    gsize length = 0;
+    tools::Failure error;
+    if (!g_file_get_contents(name.c_str(), &contents, &length, error)) {
+        throw tools::ToolError(tools::EXIT_REFUSED, tools::Printable(error.Get()->message));
+    }
+    const tools::GLibPtr<char> owner(contents);
+    return {contents, length};
+}
+
+}  // namespace tv
