@@ -117,7 +117,9 @@ private:
     std::atomic<int> m_pulseOutPeriod{60};
     std::atomic<bool> m_pulseRequested{false};
     std::timed_mutex m_pulseMutex;
-    /** Entry t guards m_srcGain[t]; that of the gain-out worker also serialises the writes of both outputs.
+    /**
+     * Entry t guards m_srcGain[t]; that of the gain-out worker
+     * also serialises the writes of both outputs.
      */
     std::array<std::timed_mutex, GAIN_HANDLER_COUNT> m_srcGainMutex;
     /** Entry t is held by worker t whenever it does not wait. */

@@ -103,8 +103,8 @@ std::string KVDbusSender::GetSenderNameByPID(unsigned int pid) {
         LOGW("Failed to open cmdLine(%u,%s) : %d", pid, path.c_str(), errno);
         return "";
     }
-    // The buffer counts, not the stream's state: a first argument that fills it, or an empty file, is no
-    // error.
+    // The buffer counts, not the stream's state: neither a first argument that fills it nor an empty file
+    // is an error.
     std::array<char, CMDLINE_BUFFER_SIZE> buffer{};
     file.getline(buffer.data(), buffer.size(), ' ');
     const std::string program = buffer.data();  // the arguments are apart by NUL: the first one

@@ -47,7 +47,9 @@ bool ReadStatus(keynode_t* node, const std::string& key, int& value, const CallS
     return true;
 }
 
-/** The multi-view mode in the platform's JSON text. What cannot be understood is "error", that is, not "on".
+/**
+ * The multi-view mode in the platform's JSON text. What cannot
+ * be understood is "error", that is, not "on".
  */
 std::string ParseMode(const std::string& info) {
     try {

@@ -7,8 +7,8 @@
 
 namespace {
 
-// The callers hold locks of their own, so nothing here may touch the delivery lock. Nobody hears a gain
-// change anyway.
+// The callers hold locks of their own, so nothing here may touch the delivery lock; and nobody hears of a
+// gain that changes.
 
 host::Item MainOutGain() {
     return {"audio/main_out_gain2", host::Range{}};

@@ -62,7 +62,9 @@ enum class Empty { text, unfinished };
 /** The errno of the failure, or 0. The text comes without its newline, that of an integer without blanks. */
 int TryRead(const Item& item, std::string& text, Empty empty = Empty::text);
 
-/** Like TryRead, but gives the seam's code and one error line, except for a missing file, which is no news.
+/**
+ * Like TryRead, but gives the seam's code and one error line,
+ * except for a missing file, which is no news.
  */
 int Read(const Item& item, std::string& text, Empty empty = Empty::text);
 int Read(const Item& item, int& value);

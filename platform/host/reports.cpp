@@ -147,7 +147,9 @@ bool Reports::IsHeard(const std::string& topic) const {
 
 // --- The platform thread
 
-/** With the first registration, so that a process that only reads and writes has neither thread nor watches.
+/**
+ * With the first registration, so that a process that only
+ * reads and writes has neither thread nor watches.
  */
 int Reports::Start() {
     if (m_inotify >= 0)

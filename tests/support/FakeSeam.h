@@ -82,7 +82,9 @@ struct Entry {
     /** Calls: the function's bare name. */
     std::string name;
 
-    /** Log lines: as handed over, and taken apart. The prefix names the place twice: `site` and `siteAgain`.
+    /**
+     * Log lines: as handed over, and taken apart. The prefix names
+     * the place twice: `site` and `siteAgain`.
      */
     int priority = 0;
     std::string tag;
@@ -193,7 +195,9 @@ public:
     std::vector<GainWrite> GainWrites() const;
     std::vector<int> GainWrites(GainWrite::Out out) const;
 
-    /** Waits until an entry, of any priority, has this text (`count` of them); false when PATIENCE is over.
+    /**
+     * Waits until an entry, of any priority, has this text
+     * (`count` of them); false when PATIENCE is over.
      */
     bool WaitFor(const std::string& text, int count = 1, std::chrono::milliseconds timeout = PATIENCE) const;
     bool WaitForLog(const std::string& text, std::chrono::milliseconds timeout = PATIENCE) const {

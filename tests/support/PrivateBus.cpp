@@ -103,7 +103,9 @@ std::string Printed(GVariant* variant) {
     return copy;
 }
 
-/** The bus keeps the order of one connection's messages: the answer comes after all that was under way to it.
+/**
+ * The bus keeps the order of one connection's messages: the
+ * answer comes after all that was under way to it.
  */
 void Ping(GDBusConnection* connection) {
     Checked error;

@@ -114,11 +114,15 @@ private:
     std::deque<Signal> m_signals;
 };
 
-/** Another service on the private bus, on a thread of its own: owns a name and answers one object's methods.
+/**
+ * Another service on the private bus, on a thread of its own:
+ * owns a name and answers one object's methods.
  */
 class BusPeer {
 public:
-    /** Answers a method: gets the arguments, gives the reply's tuple (floating), or null for a D-Bus error.
+    /**
+     * Answers a method: gets the arguments, gives the reply's
+     * tuple (floating), or null for a D-Bus error.
      */
     using Method = std::function<GVariant*(GVariant* arguments)>;
 

@@ -54,8 +54,8 @@ private:
     Action m_action;
 };
 
-/** The integer in a decimal text. @throws UsageError, which names the argument, if it is none or out of range
- */
+/** The integer in a decimal text.
+ *  @throws UsageError, which names the argument, if it is none or out of range */
 int Number(std::string_view argument, const std::string& text, int least = std::numeric_limits<int>::min(),
            int most = std::numeric_limits<int>::max());
 /** The position of the text in the list. @throws UsageError, which names the argument, if it is not there */

@@ -73,8 +73,8 @@ public:
      * returns. Consumes floating arguments. @throws ToolError if nobody owns the daemon's name */
     void Emit(const char* signal, GVariant* arguments) const;
 
-    /** The unique name of who owns the daemon's name; empty if nobody does. @throws ToolError without a bus
-     */
+    /** The unique name of who owns the daemon's name; empty if nobody does.
+     *  @throws ToolError without a bus */
     std::string Owner() const;
     /** The same. @throws ToolError if nobody does, too */
     std::string RequireOwner() const;
@@ -84,7 +84,9 @@ public:
     /** Calls back with each signal of the daemon's interface, whoever sends it, until the object's end. */
     using Heard = std::function<void(const std::string& sender, const std::string& signal, GVariant* body)>;
     void OnSignal(Heard heard);
-    /** Calls back when the daemon's name changes hands; empty if nobody owns it now. Not for the present one.
+    /**
+     * Calls back when the daemon's name changes hands; empty if
+     * nobody owns it now. Not for the present one.
      */
     using Changed = std::function<void(const std::string& owner)>;
     void OnOwnerChanged(Changed changed);

@@ -35,7 +35,9 @@ public:
      *  @return ENDED when it was told to end meanwhile, and always from then on
      *  @throws what a guarded function has thrown */
     Waited RunUntil(const std::function<bool()>& met, std::chrono::milliseconds timeout);
-    /** Calls the function, for use in GLib's callbacks, which no exception may leave: it ends Run() instead.
+    /**
+     * Calls the function, for use in GLib's callbacks, which no
+     * exception may leave: it ends Run() instead.
      */
     void Guard(const std::function<void()>& function);
 

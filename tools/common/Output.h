@@ -1,4 +1,6 @@
-/** Standard output, where a reader that goes away ends the tool quietly and a full disk does not pass unseen.
+/**
+ * Standard output, where a reader that goes away ends the tool
+ * quietly and a full disk does not pass unseen.
  */
 #ifndef KAVREL_TOOLS_OUTPUT_H
 #define KAVREL_TOOLS_OUTPUT_H

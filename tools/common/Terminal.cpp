@@ -102,8 +102,8 @@ void FullScreen::Show(std::string_view lines) const {
     std::string frame(TO_THE_TOP);
     for (int rows = SizeOfTerminal().rows; rows > 0 && !lines.empty(); --rows) {
         const size_t end = lines.find('\n');
-        // Cleared before it is written: after a line as wide as the screen the cursor still stands on its
-        // end.
+        // Cleared before it is written: after a line as wide as the screen the cursor still stands on the
+        // line's last column.
         frame.append(CLEAR_LINE).append(lines.substr(0, end));
         lines.remove_prefix(end == std::string_view::npos ? lines.size() : end + 1);
         if (rows > 1) {  // a newline in the last row would scroll the first one away

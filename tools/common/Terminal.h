@@ -20,7 +20,9 @@ TerminalSize SizeOfTerminal();
 /** The first `columns` characters of a line of plain text; if it is longer, the last three are "...". */
 std::string Clipped(std::string_view line, int columns);
 
-/** Colours for standard output, which are plain text unless it is a terminal and NO_COLOR is unset or empty.
+/**
+ * Colours for standard output, which are plain text unless it
+ * is a terminal and NO_COLOR is unset or empty.
  */
 class Style {
 public:
@@ -59,7 +61,9 @@ public:
      *  @throws ReaderGone, ToolError as Print() does */
     void Show(std::string_view lines) const;
 
-    /** For Ctrl-Z: gives the terminal back and stops the process. Returns once it goes on, to be shown anew.
+    /**
+     * For Ctrl-Z: gives the terminal back and stops the process.
+     * Returns once it goes on, to be shown anew.
      */
     void Suspend();
 

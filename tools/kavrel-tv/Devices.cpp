@@ -186,7 +186,9 @@ void Devices::GiveAnswer() {
     }
 }
 
-/** Publishes all three values: what was asked for, as the device understands it, and else what stands there.
+/**
+ * Publishes all three values: what was asked for, as the
+ * device understands it, and else what stands there.
  */
 void Devices::Publish(const DeviceKind& kind, const Request& request, const std::string& verb) {
     const auto present = [](const char* key, int otherwise) {

@@ -42,8 +42,8 @@ struct Manners {
  */
 class Devices {
 public:
-    /** Plays while it lives, on the main loop, and prints what it does. @throws ToolError if it cannot watch
-     */
+    /** Plays while it lives, on the main loop, and prints what it does.
+     *  @throws ToolError if it cannot watch */
     Devices(tools::MainLoop& loop, const Manners& manners);
     ~Devices();
     Devices(const Devices&) = delete;

@@ -19,7 +19,7 @@ namespace {
 
 constexpr std::size_t BUFFER_SIZE = 65536;
 
-// Where a rename's both ends are watched, the kernel does not merge two renames to one name into one
+// Where both ends of a rename are watched, the kernel never merges two renames to one name into a single
 // notification.
 constexpr std::uint32_t EVENTS = IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_FROM | IN_MOVED_TO | IN_CREATE |
                                  IN_DELETE | IN_DELETE_SELF | IN_ONLYDIR;

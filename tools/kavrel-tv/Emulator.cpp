@@ -9,8 +9,8 @@
 
 namespace tv {
 
-// The TV emulator calls its peer under the daemon's own name, which nobody else can own: this one is beside
-// it.
+// The TV emulator calls its peer under the daemon's own name, which nobody else can own: this one stands
+// beside it.
 const Peer TV_PEER = {"org.olvane.kavrel.tv", "/Org/Olvane/Kavrel", "org.olvane.kavrel.tv", 0, 0xFFFF};
 const Peer BT_PEER = {"com.norvik.tv.bt.connectionmanager", "/com/norvik/tv/bt/connectionmanager",
                       "com.norvik.tv.bt.connectionmanager.speaker", 3, 0xF};

@@ -41,7 +41,9 @@ std::string ShortMark(const std::string& event) {
     return slash == std::string::npos ? event : event.substr(slash + 1);
 }
 
-/** Dashed lines through a panel; the upper one names them. What happens too close for two names shares one.
+/**
+ * Dashed lines through a panel; the upper one names them. What
+ * happens too close for two names shares one.
  */
 std::string Marks(const std::vector<Moment>& moments, double closest, bool named) {
     std::ostringstream script;

@@ -21,7 +21,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/** Writes a line whenever something changes on the open TV; each is in the file when the next thing happens.
+/**
+ * Writes a line whenever something changes on the open TV;
+ * each is in the file when the next thing happens.
  */
 class Recorder {
 public:

@@ -107,8 +107,8 @@ CallWatch::~CallWatch() {
 }
 
 void CallWatch::BecomeMonitor() {
-    // The filter may still be at work, on the connection's thread, when it is removed: it keeps the inbox
-    // itself.
+    // When the filter is removed it may still be at work, on the connection's thread: it keeps the inbox
+    // alive itself.
     std::unique_lock lock(filterData);
     auto inbox = std::make_unique<std::shared_ptr<Inbox>>(m_inbox);
     lock.unlock();

@@ -10,7 +10,9 @@
 
 namespace ctl {
 
-/** What all commands of kavrelctl share: the command line with its common options, and the way to the daemon.
+/**
+ * What all commands of kavrelctl share: the command line with
+ * its common options, and the way to the daemon.
  */
 class Tool {
 public:
@@ -48,8 +50,8 @@ enum AudioPath : int { MAIN_OUT = 1, SUB_OUT = 2, BOTH_OUT = 3 };
 /** @throws tools::UsageError */
 AudioPath PathOf(const std::string& output);
 
-// One file for each group of commands; each adds its own. What they read their arguments into lives with the
-// command line.
+// One file for each group of commands; each adds its own. What they read their arguments into lives as long
+// as the command line.
 void AddStatusCommands(Tool& tool);
 void AddVolumeCommands(Tool& tool);
 void AddGainCommands(Tool& tool);
