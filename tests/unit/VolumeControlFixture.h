@@ -84,8 +84,10 @@ protected:
 
     /** Leaves the unmute gain there, and no worker about to write it once more. */
     void SetUnmuteGain(int gain) {
+        constexpr const char* ROUND_OVER = "I Sleep AudioGainOut";
+        const auto before = seam.Count(ROUND_OVER);
         ASSERT_EQ(control->ApplyAudioGain(UNMUTE, gain, 3, false), 0);
-        ASSERT_TRUE(WorkersRest());
+        ASSERT_TRUE(seam.WaitFor(ROUND_OVER, before + 1));
     }
 
     /** Registers a listener that writes down what it is told: "VOLUME_CHANGED 0xffff 30". */
