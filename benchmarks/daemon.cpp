@@ -5,11 +5,13 @@
 #include <benchmark/benchmark.h>
 #include <gio/gio.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -20,6 +22,7 @@ namespace {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
+constexpr guint PATIENCE = 20;  // seconds, for a daemon to start
 constexpr const char* NAME = "org.olvane.kavrel";
 constexpr const char* PATH = "/Org/Olvane/KavrelInternal";
 
@@ -36,16 +39,18 @@ using Reply = std::unique_ptr<GVariant, UnrefVariant>;
 class Scene {
 public:
     Scene() {
-        std::string name = "/dev/shm/kavrel-bench.XXXXXX";
+        const fs::path memory = "/dev/shm";
+        const fs::path place = access(memory.c_str(), W_OK) == 0 ? memory : fs::temp_directory_path();
+        std::string name = place / "kavrel-bench.XXXXXX";
         if (mkdtemp(name.data()) == nullptr) {
-            throw std::runtime_error("no folder on /dev/shm");
+            throw std::runtime_error("no folder in " + place.string());
         }
         m_folder = name;
         const auto flags =
             static_cast<GSubprocessFlags>(G_SUBPROCESS_FLAGS_STDOUT_PIPE | G_SUBPROCESS_FLAGS_STDERR_SILENCE);
-        m_bus.reset(
-            g_subprocess_new(flags, nullptr, "dbus-daemon", "--session", "--nofork", "--print-address=1",
-                             ("--address=unix:path=" + (m_folder / "bus").string()).c_str(), nullptr));
+        m_bus.reset(g_subprocess_new(
+            flags, nullptr, "setpriv", "--pdeathsig", "TERM", "dbus-daemon", "--session", "--nofork",
+            "--print-address=1", ("--address=unix:path=" + (m_folder / "bus").string()).c_str(), nullptr));
         const std::unique_ptr<GDataInputStream, Unref> output(
             g_data_input_stream_new(g_subprocess_get_stdout_pipe(m_bus.get())));
         g_autofree char* address = g_data_input_stream_read_line(output.get(), nullptr, nullptr, nullptr);
@@ -89,17 +94,24 @@ public:
         g_subprocess_launcher_setenv(launcher.get(), "DBUS_SYSTEM_BUS_ADDRESS", scene.Address().c_str(),
                                      TRUE);
         g_subprocess_launcher_set_stderr_file_path(launcher.get(), scene.Log().c_str());
-        bool owned = false;
-        const guint watch = g_bus_watch_name_on_connection(observer, NAME, G_BUS_NAME_WATCHER_FLAGS_NONE,
-                                                           OnOwned, nullptr, &owned, nullptr);
-        m_process.reset(g_subprocess_launcher_spawn(launcher.get(), nullptr, program, nullptr));
-        if (m_process == nullptr) {
+        if (program == nullptr) {
             throw std::runtime_error("KAVRELD does not name the daemon");
         }
-        while (!owned) {
+        bool owned = false;
+        bool late = false;
+        const guint watch = g_bus_watch_name_on_connection(observer, NAME, G_BUS_NAME_WATCHER_FLAGS_NONE,
+                                                           OnOwned, nullptr, &owned, nullptr);
+        const guint timer = g_timeout_add_seconds(PATIENCE, OnLate, &late);
+        m_process.reset(g_subprocess_launcher_spawn(launcher.get(), nullptr, "setpriv", "--pdeathsig", "TERM",
+                                                    program, nullptr));
+        while (m_process != nullptr && !owned && !late) {
             g_main_context_iteration(nullptr, TRUE);
         }
         g_bus_unwatch_name(watch);
+        if (!owned) {
+            throw std::runtime_error("the daemon did not start");
+        }
+        g_source_remove(timer);
     }
 
     ~Daemon() {
@@ -133,12 +145,24 @@ public:
     }
 
 private:
+    static gboolean OnLate(gpointer late) {
+        *static_cast<bool*>(late) = true;
+        return G_SOURCE_REMOVE;
+    }
     static void OnOwned(GDBusConnection*, const char*, const char*, gpointer owned) {
         *static_cast<bool*>(owned) = true;
     }
 
     std::unique_ptr<GSubprocess, Unref> m_process;
 };
+
+/// Whether a measurement has failed: the exit status tells.
+bool failed = false;
+
+void Fail(benchmark::State& state, const char* why) {
+    failed = true;
+    state.SkipWithError(why);
+}
 
 /// The status of a call: the last value of its reply.
 int Call(GDBusConnection* connection, const char* method, GVariant* arguments) {
@@ -158,7 +182,7 @@ void MeasureCall(benchmark::State& state, const char* method, MakeArguments make
     const Daemon daemon(scene, client.get());
     for (auto _ : state) {
         if (Call(client.get(), method, makeArguments()) != 0) {
-            state.SkipWithError("a call failed");
+            Fail(state, "a call failed");
             return;
         }
     }
@@ -187,7 +211,7 @@ void PingBus(benchmark::State& state) {
                                                       "org.freedesktop.DBus", "GetId", nullptr, nullptr,
                                                       G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr));
         if (reply == nullptr) {
-            state.SkipWithError("the bus does not answer");
+            Fail(state, "the bus does not answer");
             return;
         }
     }
@@ -229,4 +253,16 @@ BENCHMARK(Idle)->Unit(benchmark::kSecond)->UseRealTime()->Iterations(1);
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return EXIT_FAILURE;
+    }
+    try {
+        benchmark::RunSpecifiedBenchmarks();
+    } catch (const std::exception& error) {
+        std::cerr << "daemon-benchmark: " << error.what() << '\n';
+        return EXIT_FAILURE;
+    }
+    return failed ? EXIT_FAILURE : EXIT_SUCCESS;
+}

@@ -2,6 +2,7 @@
 # What run, test and bench share: the Debian packages they need, and how they build. Sourced, not run.
 set -euo pipefail
 
+unset CDPATH
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 me=./${0##*/}
 
@@ -74,7 +75,7 @@ need() {
     say "installing the Debian packages $missing"
     # One at a time: apt-get itself does not wait for another one that fetches the package lists.
     $as_root flock /var/lib/apt env DEBIAN_FRONTEND=noninteractive sh -c "$install" </dev/null >&2 ||
-        die "the packages could not be installed"
+        die "the packages could not be installed; as root, this installs them: $install"
     missing=$(missing_of "$@" | paste -sd ' ')
     [ -z "$missing" ] || die "still not there after the installation: $missing"
 }
@@ -84,6 +85,12 @@ build() {
     local directory=$root/build/$1 lock
     shift
     mkdir -p "$root/build"
+    # A tree that another user has built serves everybody until it changes.
+    if [ -e "$directory.lock" ] && [ ! -w "$directory.lock" ]; then
+        [[ $(ninja -C "$directory" -n 2>&1) == *'no work to do.'* ]] ||
+            die "$directory belongs to another user and is out of date; remove it, or use a clone of your own"
+        return
+    fi
     exec {lock}>"$directory.lock"
     flock "$lock"
     # Another place or other options than those it was made with: made anew.

@@ -18,6 +18,8 @@
 
 #include <dlog.h>
 
+#include "write_all.h"
+
 namespace fs = std::filesystem;
 
 namespace host {
@@ -121,17 +123,6 @@ void RemoveLeftovers(const fs::path& folder, const std::string& prefix) {
     }
 }
 
-bool WriteAll(int fd, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t count = write(fd, text.data(), text.size());
-        if (count < 0 && errno != EINTR)
-            return false;
-        if (count > 0)
-            text.remove_prefix(static_cast<std::size_t>(count));
-    }
-    return true;
-}
-
 enum class Replace { yes, no };
 enum class Sync { yes, no };
 
@@ -141,13 +132,14 @@ int WriteOnce(const fs::path& path, const fs::path& temporary, std::string_view 
     const File file(temporary, O_WRONLY | O_CREAT | O_EXCL);
     if (!file || flock(file.Get(), LOCK_EX | LOCK_NB) != 0)
         return errno;
-    const bool written = WriteAll(file.Get(), text) && (sync == Sync::no || fsync(file.Get()) == 0) &&
-                         renameat2(AT_FDCWD, temporary.c_str(), AT_FDCWD, path.c_str(),
-                                   replace == Replace::yes ? 0 : RENAME_NOREPLACE) == 0;
-    if (written)
-        return 0;
-    const int error = errno;
-    unlink(temporary.c_str());
+    int error = WriteAll(file.Get(), text);
+    if (error == 0 && sync == Sync::yes && fsync(file.Get()) != 0)
+        error = errno;
+    const unsigned int how = replace == Replace::yes ? 0 : RENAME_NOREPLACE;
+    if (error == 0 && renameat2(AT_FDCWD, temporary.c_str(), AT_FDCWD, path.c_str(), how) != 0)
+        error = errno;
+    if (error != 0)
+        unlink(temporary.c_str());
     return error;
 }
 

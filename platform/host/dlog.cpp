@@ -1,19 +1,17 @@
 #include <dlog.h>
 
-#include <poll.h>
-#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <string>
 #include <string_view>
+
+#include "write_all.h"
 
 namespace {
 
@@ -27,7 +25,7 @@ struct Marks {
 
 constexpr std::array<Marks, 4> MARKS = {{
     {"D ", "<7>", "\033[2m"},
-    {"I ", "<6>", ""},
+    {"I ", "<6>", "\033[36m"},
     {"W ", "<4>", "\033[33m"},
     {"E ", "<3>", "\033[31m"},
 }};
@@ -68,7 +66,7 @@ Style FindStyle() {
 void AppendLine(std::string& out, Style style, const Marks& marks, std::string_view line) {
     if (style == Style::journal)
         out.append(marks.journal).append(line);
-    else if (style == Style::plain || *marks.colour == '\0')
+    else if (style == Style::plain)
         out.append(marks.plain).append(line);
     else
         out.append(marks.colour).append(marks.plain).append(line).append("\033[0m");
@@ -105,57 +103,6 @@ std::string Format(const char* fmt, va_list arguments) {
     return text;
 }
 
-/**
- * Keeps a reader that has gone from ending the process, without a word to the rest of it: SIGPIPE goes to
- * the writing thread, so it is enough to block it here and to take away the one that came.
- */
-class NoBrokenPipe {
-public:
-    NoBrokenPipe() {
-        sigemptyset(&m_pipe);
-        sigaddset(&m_pipe, SIGPIPE);
-        sigset_t pending;
-        sigpending(&pending);
-        m_wasPending = sigismember(&pending, SIGPIPE) == 1;
-        pthread_sigmask(SIG_BLOCK, &m_pipe, &m_before);
-    }
-    ~NoBrokenPipe() {
-        const timespec now{};
-        if (m_broken && !m_wasPending)
-            sigtimedwait(&m_pipe, nullptr, &now);
-        pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
-    }
-    NoBrokenPipe(const NoBrokenPipe&) = delete;
-    NoBrokenPipe& operator=(const NoBrokenPipe&) = delete;
-
-    void Broken() { m_broken = true; }
-
-private:
-    sigset_t m_pipe{};
-    sigset_t m_before{};
-    bool m_wasPending = false;
-    bool m_broken = false;
-};
-
-/** @return 0 or an errno */
-int Write(std::string_view text) {
-    NoBrokenPipe guard;
-    while (!text.empty()) {
-        const ssize_t count = write(STDERR_FILENO, text.data(), text.size());
-        if (count >= 0) {
-            text.remove_prefix(static_cast<std::size_t>(count));
-        } else if (errno == EAGAIN) {  // a terminal that another program has made non-blocking
-            pollfd stream{STDERR_FILENO, POLLOUT, 0};
-            poll(&stream, 1, -1);
-        } else if (errno != EINTR) {
-            if (errno == EPIPE)
-                guard.Broken();
-            return errno;
-        }
-    }
-    return 0;
-}
-
 }  // namespace
 
 int __dlog_print(int priority, const char* /*tag*/, const char* fmt, ...) {
@@ -166,7 +113,7 @@ int __dlog_print(int priority, const char* /*tag*/, const char* fmt, ...) {
     static const Style style = FindStyle();
     va_list arguments;
     va_start(arguments, fmt);
-    const int error = Write(Mark(Format(fmt, arguments), style, MarksOf(priority)));
+    const int error = host::WriteAll(STDERR_FILENO, Mark(Format(fmt, arguments), style, MarksOf(priority)));
     va_end(arguments);
     errno = savedErrno;
     return error == 0 ? 0 : -1000 - error;

@@ -241,13 +241,13 @@ int Reports::Rewatch() {
     m_watchError = 0;
     for (const auto& [id, registration] : m_registrations) {
         if (registration.item.topic == ZONE_ROUTES)
-            Follow(Root(), ZONE_ROUTES);
+            FollowTv(ZONE_ROUTES);
         for (const Item& item : ItemsOf(registration.item))
             m_values.try_emplace(item.path, Value{item, std::nullopt});
     }
     for (const auto& [path, value] : m_values) {
         const fs::path file(path);
-        const int folder = Follow(Root(), file.parent_path());
+        const int folder = FollowTv(file.parent_path());
         if (folder >= 0)
             m_places.insert_or_assign({folder, file.filename()}, path);
     }
@@ -269,22 +269,26 @@ int Reports::Follow(fs::path here, const fs::path& way) {
         watch = Watch(here);
         std::error_code ignored;
         if (watch < 0 && errno == ENOENT && fs::is_symlink(here, ignored))
-            watch = FollowDangling(here);
+            watch = FollowMissing(here.parent_path() / fs::read_symlink(here, ignored));
     }
     return watch;
 }
 
-/**
- * Only while a link leads nowhere is anything watched outside the TV directory: the folders on the way to
- * its target from the nearest one that exists.
- */
-int Reports::FollowDangling(const fs::path& link) {
+int Reports::FollowTv(const fs::path& way) {
     std::error_code ignored;
-    const fs::path target = link.parent_path() / fs::read_symlink(link, ignored);
-    fs::path start = target.parent_path();
+    return fs::is_directory(Root(), ignored) ? Follow(Root(), way) : FollowMissing(Root() / way);
+}
+
+/**
+ * Only while the TV directory itself is missing, or a link in it leads nowhere, is anything watched outside:
+ * the folders on the way there from the nearest one that exists.
+ */
+int Reports::FollowMissing(const fs::path& folder) {
+    std::error_code ignored;
+    fs::path start = folder.parent_path();
     while (start.has_relative_path() && !fs::is_directory(start, ignored))
         start = start.parent_path();
-    return Follow(start, target.lexically_relative(start));
+    return Follow(start, folder.lexically_relative(start));
 }
 
 int Reports::Watch(const fs::path& folder) {

@@ -78,7 +78,8 @@ private:
     bool IsHeard(const std::string& topic) const;
     int Rewatch();
     int Follow(std::filesystem::path here, const std::filesystem::path& way);
-    int FollowDangling(const std::filesystem::path& link);
+    int FollowTv(const std::filesystem::path& way);
+    int FollowMissing(const std::filesystem::path& folder);
     int Watch(const std::filesystem::path& folder);
 
     std::recursive_mutex m_lock;  // the delivery lock: guards all of the following

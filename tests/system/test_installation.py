@@ -9,7 +9,7 @@ import pytest
 
 from harness import METHODS_PATH, NAME, PATIENCE, READY, ROOT, SIGNALS_PATH, Bus
 
-PREFIX = "usr/local"
+PREFIX = "usr"
 
 
 @pytest.fixture(scope="module")

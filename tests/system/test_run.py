@@ -66,10 +66,11 @@ def assert_nothing_is_left(pids, tv):
 class Started:
     """A ./run that goes on while the test looks at it."""
 
-    def __init__(self, *command, **changes):
+    def __init__(self, *command, terminal=True, ignored=None, **changes):
         self.process = subprocess.Popen(
             [RUN, *command], env=environment(changes), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-            stderr=subprocess.PIPE, preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL))
+            stderr=subprocess.PIPE, start_new_session=not terminal,
+            preexec_fn=lambda: ignored and signal.signal(ignored, signal.SIG_IGN))
         self.output = ""
 
     def read_until(self, pattern):
@@ -95,8 +96,8 @@ class Started:
 def start():
     started = []
 
-    def begin(*command, **changes):
-        started.append(Started(*command, **changes))
+    def begin(*command, **options):
+        started.append(Started(*command, **options))
         return started[-1]
 
     yield begin
@@ -158,10 +159,24 @@ def test_a_commands_failure_is_runs_own_and_the_log_is_kept(script, status):
     assert "main.cpp: main(" in kept_log(errors)
 
 
-def test_a_command_that_is_not_there_is_127():
-    code, output, errors = run("no-such-command")
-    assert (code, output) == (127, "")
+@pytest.mark.parametrize("name, status", [("no-such-command", 127), ("no=such=command", 127), ("/etc/passwd", 126)])
+def test_a_command_that_cannot_be_run_is_told(name, status):
+    code, output, errors = run(name)
+    assert (code, output) == (status, "")
+    assert re.match(f"./run: line 1: (exec: )?{name}: ", errors)
     kept_log(errors)
+
+
+def test_the_devices_never_stop_for_want_of_a_reader():
+    """What they print of so many requests fills more than a pipe."""
+    level = "settings/memory/menu/network/screenmirroring/get_volume_level_hdmi"
+    script = f"""kavrel-tv route hdmi
+        for i in $(seq 1200); do
+            echo $((i % 100)) > "$KAVREL_TV_DIR/settings/memory/menu/network/screenmirroring/set_volume_level"
+        done
+        kavrel-tv key memory/menu/network/screenmirroring/set_volume_level 77
+        timeout {PATIENCE} sh -c 'until [ "$(cat "$KAVREL_TV_DIR/{level}")" = 77 ]; do sleep 0.1; done'"""
+    assert run("bash", "-c", script)[0] == 0
 
 
 def test_nothing_is_left_after_a_success():
@@ -182,6 +197,13 @@ def test_a_signal_to_run_ends_the_command_and_all_else(start, number):
     process = start("sh", "-c", f"{PIDS}\nexec sleep 1000")
     found = pids_and_tv(process.read_until("TV .*\n"))
     assert process.end(number)[0] == 128 + number
+    assert_nothing_is_left(*found)
+
+
+def test_ctrl_c_to_run_without_a_terminal_is_passed_on(start):
+    process = start("sh", "-c", f"{PIDS}\nexec sleep 1000", terminal=False)
+    found = pids_and_tv(process.read_until("TV .*\n"))
+    assert process.end(signal.SIGINT) == (128 + signal.SIGINT, "")
     assert_nothing_is_left(*found)
 
 
@@ -251,7 +273,7 @@ def test_ctrl_c_reaches_the_command_on_its_terminal_and_run_waits_for_it():
 
 
 def in_a_second_terminal(introduction, command):
-    """Runs a command with the two variables that a second terminal is told to set."""
+    """Runs a command with the variables that a second terminal is told to set."""
     exports = "\n".join(re.findall("^  (export .*)$", introduction, re.M))
     done = subprocess.run(["bash", "-ec", f"{exports}\n{command}"], capture_output=True, text=True, timeout=PATIENCE,
                           check=False, env=environment({}))
@@ -273,6 +295,11 @@ def test_alone_it_says_how_to_join_and_shows_log_and_signals_until_ctrl_c(start)
     assert_nothing_is_left(*found)
 
 
+def test_a_second_terminal_finds_the_tools(start):
+    introduction = start().read_until("Ctrl-C")
+    assert in_a_second_terminal(introduction, "kavrelctl volume; kavrel-tv key memory/no/such/key || true") == "10\n"
+
+
 def test_the_five_commands_that_it_suggests_work(start):
     introduction = start().read_until("Ctrl-C")
     commands = re.findall(r"^  ((?:gdbus|busctl) .*)$", introduction, re.M)
@@ -281,6 +308,13 @@ def test_the_five_commands_that_it_suggests_work(start):
         patience = "timeout 1 " if " monitor " in command else ""
         in_a_second_terminal(introduction, f"{patience}{command} || [ $? = 124 ]")
     assert in_a_second_terminal(introduction, "cat $KAVREL_TV_DIR/audio/master_mute") == "1\n"
+
+
+def test_alone_ctrl_c_ends_it_even_if_a_script_started_it_with_an_ampersand(start):
+    process = start(ignored=signal.SIGINT)
+    found = pids_and_tv(in_a_second_terminal(process.read_until("Ctrl-C"), PIDS))
+    assert process.end(signal.SIGINT) == (0, "")
+    assert_nothing_is_left(*found)
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGHUP])
@@ -298,6 +332,17 @@ def test_alone_the_end_of_the_daemon_ends_it(start):
     status, errors = process.wait()
     assert status == 1
     assert "kavreld has ended (status 137). The end of its log:" in errors
+    assert "main.cpp: main(" in kept_log(errors)
+    assert_nothing_is_left(*found)
+
+
+def test_alone_the_end_of_the_bus_ends_it(start):
+    process = start()
+    found = pids_and_tv(in_a_second_terminal(process.read_until("Ctrl-C"), PIDS))
+    os.kill(found[0][1], signal.SIGKILL)
+    status, errors = process.wait()
+    assert status == 1
+    assert "./run: the bus has ended\n" in errors
     assert "main.cpp: main(" in kept_log(errors)
     assert_nothing_is_left(*found)
 

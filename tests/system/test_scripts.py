@@ -73,7 +73,7 @@ def test_what_the_installation_prints_is_no_output_of_run(shell):
 def test_a_failed_installation_ends_it(shell):
     done, _ = shell(f"{MISSING}; echo went on", sudo=SUDO, apt_get="exit 100")
     assert (done.returncode, done.stdout) == (1, "")
-    assert done.stderr.splitlines()[-1] == "./run: the packages could not be installed"
+    assert done.stderr.splitlines()[-1] == f"./run: the packages could not be installed; as root, this installs them: {INSTALL}"
 
 
 def test_an_installation_that_brings_nothing_is_noticed(shell):

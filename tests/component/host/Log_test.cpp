@@ -175,4 +175,15 @@ TEST_F(LogTest, AReaderThatHasGoneEndsNothing) {
     }
 }
 
+TEST_F(LogTest, AFileThatMayNotGrowEndsNothing) {
+    const int file = open((tv / "log").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
+    ASSERT_GE(file, 0);
+    Peer peer(tv, {}, file);
+    close(file);
+    EXPECT_EQ(peer.Do("limit-files 6"), "0");
+    EXPECT_EQ(peer.Do("log 6 lost"), "-1027");
+    EXPECT_EQ(tv.Content("log"), "E lost");
+    EXPECT_EQ(peer.Do("log 6 lost too"), "-1027");
+}
+
 }  // namespace

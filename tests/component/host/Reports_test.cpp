@@ -772,6 +772,21 @@ TEST_F(ReportsTest, AWatchSurvivesItsFolder) {
     fs::remove_all(folder);
 }
 
+TEST_F(ReportsTest, AWatchSurvivesTheWholeTv) {
+    HearKey(KEY, listener);
+    const fs::path away = tv.Path().string() + ".away";
+    for (const std::string value : {"1", "2"}) {
+        fs::rename(tv.Path(), away);
+        tv.Echo("settings/memory/key", value);
+        Settle();
+        EXPECT_EQ(ear.Heard().back(), value);
+        fs::remove_all(tv.Path());
+        fs::rename(away, tv.Path());
+        Settle();
+    }
+    EXPECT_THAT(ear.Heard(), ElementsAre("1", "2"));
+}
+
 TEST_F(ReportsTest, TheFolderForDbMayBecomeALinkAndTheLinkMayLeadElsewhere) {
     const Folder one;
     const Folder two;

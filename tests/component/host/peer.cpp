@@ -114,7 +114,6 @@ int DropCapabilities() {
 }
 
 int LimitFiles(rlim_t bytes) {
-    std::signal(SIGXFSZ, SIG_IGN);
     const rlimit limit{bytes, RLIM_INFINITY};
     return setrlimit(RLIMIT_FSIZE, &limit);
 }
