@@ -699,9 +699,7 @@ public:
         });
     }
 
-    static bool DropsLogLines() {
-        return FakeSeam::Get().m_dropLogLines.load(std::memory_order_relaxed);
-    }
+    static bool DropsLogLines() { return FakeSeam::Get().m_dropLogLines.load(std::memory_order_relaxed); }
 
     static int Log(int priority, const char* tag, const std::string& raw) {
         FakeSeam::Get().Record(LogEntry(priority, tag, raw));

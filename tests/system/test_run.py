@@ -325,24 +325,15 @@ def test_alone_a_signal_ends_it_all(start, number):
     assert_nothing_is_left(*found)
 
 
-def test_alone_the_end_of_the_daemon_ends_it(start):
+@pytest.mark.parametrize("which, told", [(0, "kavreld has ended (status 137). The end of its log:"),
+                                         (1, "./run: the bus has ended\n")], ids=["daemon", "bus"])
+def test_alone_the_end_of_a_part_ends_it(start, which, told):
     process = start()
     found = pids_and_tv(in_a_second_terminal(process.read_until("Ctrl-C"), PIDS))
-    os.kill(found[0][0], signal.SIGKILL)
+    os.kill(found[0][which], signal.SIGKILL)
     status, errors = process.wait()
     assert status == 1
-    assert "kavreld has ended (status 137). The end of its log:" in errors
-    assert "main.cpp: main(" in kept_log(errors)
-    assert_nothing_is_left(*found)
-
-
-def test_alone_the_end_of_the_bus_ends_it(start):
-    process = start()
-    found = pids_and_tv(in_a_second_terminal(process.read_until("Ctrl-C"), PIDS))
-    os.kill(found[0][1], signal.SIGKILL)
-    status, errors = process.wait()
-    assert status == 1
-    assert "./run: the bus has ended\n" in errors
+    assert told in errors
     assert "main.cpp: main(" in kept_log(errors)
     assert_nothing_is_left(*found)
 
