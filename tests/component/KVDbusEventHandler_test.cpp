@@ -1,6 +1,7 @@
 #include "KVDbusEventHandler.h"
 
 #include "Daemon.h"
+#include "GainFixture.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -48,6 +49,7 @@ class KVDbusEventHandlerTest : public testing::Test {
 protected:
     void SetUp() override {
         handler.Init();
+        ASSERT_TRUE(fake::WorkersRest());
         seam.Clear();
     }
 
