@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "GainFixture.h"
+
 /** What the daemon compiles at its start. */
 extern "C" const char kavrel_interface_xml[];
 
@@ -261,6 +263,7 @@ void DaemonTest::Start() {
     daemon.emplace();
     Call("GetSpeakerSupportType");
     daemon->WaitUntilIdle();
+    ASSERT_TRUE(fake::WorkersRest());
     seam.Clear();
 }
 
@@ -290,6 +293,7 @@ ServerTest::~ServerTest() {
 void ServerTest::InitWithoutName() {
     seam.Fail("g_bus_own_name", gio::NOTHING);
     server->Init();
+    ASSERT_TRUE(fake::WorkersRest());
     seam.Clear();
 }
 
