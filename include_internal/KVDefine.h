@@ -6,6 +6,22 @@
 
 namespace KVDefine {
 
+/** The daemon's place on the bus; its methods have an object of their own. */
+inline constexpr const char* BUS_NAME = "org.olvane.kavrel";
+inline constexpr const char* PUBLIC_PATH = "/Org/Olvane/Kavrel";
+
+/** Statuses of operations: failed or busy, a bad argument, nothing this output can do. 0 is success, other
+ *  negative ones are the platform's own. */
+inline constexpr int FAILED = -1;
+inline constexpr int INVALID_ARGUMENT = -2;
+inline constexpr int NOT_SUPPORTED = -4;
+
+/** Output routes with rules of their own. */
+inline constexpr int TV_SPEAKER_ROUTE = 0;
+inline constexpr int MULTI_OUTPUT_ROUTE = 6;
+
+inline constexpr int NO_ZONE = -1;
+
 /** Where a gain request comes from. Any int may be carried; only the named values are accepted. */
 enum eKVGainSrcType : int {
     GAIN_SRC_PLAYER = 2,

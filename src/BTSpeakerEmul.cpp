@@ -1,15 +1,16 @@
 #include "BTSpeakerEmul.h"
 
+#include "KVDefine.h"
 #include "KVUtils.h"
 #include "SpeakerPeer.h"
 
 namespace NKavrel {
 namespace {
 
+using KVDefine::NOT_SUPPORTED;
+
 constexpr SpeakerPeer PEER("com.norvik.tv.bt.connectionmanager", "/com/norvik/tv/bt/connectionmanager",
                            "com.norvik.tv.bt.connectionmanager.speaker");
-
-constexpr int NOT_SUPPORTED = -4;
 
 }  // namespace
 

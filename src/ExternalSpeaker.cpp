@@ -1,15 +1,16 @@
 #include "ExternalSpeaker.h"
 
+#include "KVDefine.h"
 #include "KVUtils.h"
 
 namespace NKavrel {
 namespace {
 
+using KVDefine::FAILED;
+using KVDefine::NOT_SUPPORTED;
+
 constexpr const char* SET_VOLUME_LEVEL_KEY = "memory/menu/network/screenmirroring/set_volume_level";
 constexpr const char* SET_VOLUME_MUTE_KEY = "memory/menu/network/screenmirroring/set_volume_mute";
-
-constexpr int FAILED = -1;
-constexpr int NOT_SUPPORTED = -4;
 
 constexpr const char* SUPPORT_UNREADABLE = "Failed to get volume support status";
 

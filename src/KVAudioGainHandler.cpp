@@ -16,11 +16,11 @@ using namespace std::chrono_literals;
 using KVDefine::AUDIO_PATH_BOTH;
 using KVDefine::AUDIO_PATH_MAIN_OUT;
 using KVDefine::AUDIO_PATH_SUB_OUT;
+using KVDefine::FAILED;
 using KVDefine::GAIN_MAX;
+using KVDefine::INVALID_ARGUMENT;
+using KVDefine::NO_ZONE;
 using SteadyClock = std::chrono::steady_clock;
-
-constexpr int FAILED = -1;
-constexpr int INVALID_ARGUMENT = -2;
 
 constexpr auto LOCK_TIMEOUT = 3s;
 constexpr auto SETTLE_TIME = 200ms;  // of a worker between its last look at m_running and its wait
@@ -33,7 +33,6 @@ constexpr int PULSE_PERIODS = 20;
 constexpr auto OUT_PERIOD = 60ms;
 constexpr std::chrono::duration<double> POPUP_THRESHOLD = 0.5s;
 
-constexpr int NO_ZONE = -1;
 constexpr const char* PROJECTOR_FEATURE = "com.norvik/featureconf/projector_feature_support";
 constexpr const char* PROJECTOR_READY_KEY = "memory/projector/status/ready";
 
@@ -378,8 +377,8 @@ void KVAudioGainHandler::FadeInGainHandler(eKVGainHandlerType type, void* self) 
             }
             handler.SetSrcGain(type, std::min(gain + FADE_STEP, GAIN_MAX));
             wake.wait_until(lock, SteadyClock::now() + FADE_INTERVAL);
-            handler.GetSrcGain(type,
-                               gain);  // another request may have changed it: the fade goes on from there
+            // Another request may have changed it: the fade goes on from there.
+            handler.GetSrcGain(type, gain);
         }
         LOGI("handlerGainType:%d, LastGain:%d", static_cast<int>(type), gain);
         wakeGainOut.notify_all();

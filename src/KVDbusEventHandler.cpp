@@ -10,8 +10,8 @@
 namespace NKavrel {
 namespace {
 
-constexpr int TV_SPEAKER_ROUTE = 0;
-constexpr int MULTI_OUTPUT_ROUTE = 6;
+using KVDefine::MULTI_OUTPUT_ROUTE;
+using KVDefine::TV_SPEAKER_ROUTE;
 
 // Volume setters look at the user data first, gain and connection handlers at the parameters first.
 bool IsParametersNull(const GVariant* parameters, const CallSite& site) {
@@ -281,7 +281,7 @@ void KVDbusEventHandler::_OnBudsDisconnected(GVariant* parameters, gpointer user
     }
     VolumeControlImpl& control = ControlOf(user_data);
     const int target = ChooseFallback(control, KV_HERE);
-    KVUtils::DbusEmitSignal("/Org/Olvane/Kavrel", "org.olvane.kavrel", "SpeakerChangeRequest",
+    KVUtils::DbusEmitSignal(KVDefine::PUBLIC_PATH, KVDefine::BUS_NAME, "SpeakerChangeRequest",
                             g_variant_new("(ii)", target, 1));
     LOGI("Buds disconnected. Connect to previous(type:%d)", target);
     if (target == TV_SPEAKER_ROUTE || target == MULTI_OUTPUT_ROUTE) {

@@ -31,7 +31,6 @@ public:
     void _AddMedthodCallEvents();
     void _AddSignalEvents();
 
-private:
     void _OnGetSpeakerSupportType(GVariant* parameters, GDBusMethodInvocation* invocation,
                                   gpointer user_data);
     void _OnSetSpeakerVolume(GVariant* parameters, GDBusMethodInvocation* invocation, gpointer user_data);
@@ -52,6 +51,7 @@ private:
     void _OnBudsConnected(GVariant* parameters, gpointer user_data);
     void _OnBudsDisconnected(GVariant* parameters, gpointer user_data);
 
+private:
     std::map<std::string, std::function<void(GVariant*, GDBusMethodInvocation*, gpointer)>> m_methodEvents;
     std::map<std::string, std::function<void(GVariant*, gpointer)>> m_signalEvents;
 };

@@ -4,6 +4,7 @@
 
 #include "KVDebug.h"
 #include "KVDefine.h"
+#include "KVUtils.h"
 
 /** The introspection XML; the build makes it from the file that is installed, too. */
 extern "C" const char kavrel_interface_xml[];
@@ -11,15 +12,13 @@ extern "C" const char kavrel_interface_xml[];
 namespace NKavrel {
 namespace {
 
-constexpr const char* BUS_NAME = "org.olvane.kavrel";
-constexpr const char* INTERFACE_NAME = "org.olvane.kavrel";
-constexpr const char* OBJECT_PATH = "/Org/Olvane/KavrelInternal";
-constexpr const char* PUBLIC_PATH = "/Org/Olvane/Kavrel";
-constexpr const char* READY_EVENT = "/tmp/.kavrel_ready";
+using KVDefine::BUS_NAME;
+using KVDefine::PUBLIC_PATH;
+using KVUtils::MessageOf;
 
-const char* MessageOf(const GError* error) {
-    return error != nullptr ? error->message : "(null)";
-}
+constexpr const char* INTERFACE_NAME = BUS_NAME;
+constexpr const char* OBJECT_PATH = "/Org/Olvane/KavrelInternal";
+constexpr const char* READY_EVENT = "/tmp/.kavrel_ready";
 
 bool IsConnectionNull(const void* connection, const CallSite& site) {
     return IsNull(connection, "Connection is NULL", site);
@@ -33,10 +32,9 @@ bool IsServerNull(const void* server, const CallSite& site) {
 void EmitChange(GDBusConnection* connection, const char* signalName, GVariant* parameters,
                 const CallSite& site) {
     g_autoptr(GError) error = nullptr;
-    g_dbus_connection_emit_signal(connection, nullptr, OBJECT_PATH, INTERFACE_NAME, signalName, parameters,
-                                  &error);
-    if (error != nullptr) {
-        LOGE_AT(site, "Failed g_dbus_connection_emit_signal(). err=%s", error->message);
+    if (!g_dbus_connection_emit_signal(connection, nullptr, OBJECT_PATH, INTERFACE_NAME, signalName,
+                                       parameters, &error)) {
+        LOGE_AT(site, "Failed g_dbus_connection_emit_signal(). err=%s", MessageOf(error));
     }
 }
 

@@ -13,21 +13,21 @@
 namespace NKavrel::KVUtils {
 namespace {
 
+using KVDefine::FAILED;
+using KVDefine::INVALID_ARGUMENT;
+using KVDefine::NO_ZONE;
+using KVDefine::TV_SPEAKER_ROUTE;
+
 constexpr const char* INTERNAL_SPEAKER_FEATURE = "com.norvik/featureconf/internal_speaker_supported";
 constexpr const char* POPUP_EVENT = "FadeInPopup";
 
 constexpr int DEFAULT_SPEAKER_UNKNOWN = -1;
-constexpr int TV_SPEAKER_ROUTE = 0;
 constexpr int OPTICAL_ROUTE = 1;
 
 // Filled on first use and kept for the life of the process. Atomics, because any thread may be the first; a
 // race asks the platform twice and gets the same answer.
 std::atomic<GDBusConnection*> cachedConnection{nullptr};
 std::atomic<int> cachedDefaultSpeaker{DEFAULT_SPEAKER_UNKNOWN};
-
-const char* MessageOf(const GError* error) {
-    return error != nullptr ? error->message : "(null)";
-}
 
 /** Takes over one reference of a value that may be floating or null. */
 GVariant* TakeRef(GVariant* value) {
@@ -39,6 +39,10 @@ bool IsNullKey(const void* key, const CallSite& site) {
 }
 
 }  // namespace
+
+const char* MessageOf(const GError* error) {
+    return error != nullptr ? error->message : "(null)";
+}
 
 bool IsSpdifSpkType(int route) {
     return route == 1 || route == 9 || route == 11;
@@ -94,18 +98,18 @@ int DbusEmitSignal(const char* objectPath, const char* interfaceName, const char
     g_autoptr(GVariant) body = TakeRef(parameters);
     if (objectPath == nullptr || interfaceName == nullptr || signalName == nullptr) {
         LOGE("Invalid Argument");
-        return -2;
+        return INVALID_ARGUMENT;
     }
     LOGI("Signal '%s'", signalName);
     GDBusConnection* connection = GetConnection();
     if (IsNull(connection, "Failed to get GDBus Connection", KV_HERE)) {
-        return -1;
+        return FAILED;
     }
     g_autoptr(GError) error = nullptr;
     if (!g_dbus_connection_emit_signal(connection, nullptr, objectPath, interfaceName, signalName, body,
                                        &error)) {
         LOGE("g_dbus_connection_emit_signal '%s' Failed (%s)", signalName, MessageOf(error));
-        return -1;
+        return FAILED;
     }
     return 0;
 }
@@ -115,12 +119,12 @@ int DbusCallSync(const char* busName, const char* objectPath, const char* interf
     g_autoptr(GVariant) body = TakeRef(parameters);
     if (busName == nullptr || objectPath == nullptr || interfaceName == nullptr || methodName == nullptr) {
         LOGE("Invalid Argument");
-        return -2;
+        return INVALID_ARGUMENT;
     }
     LOGI("Method call '%s'", methodName);
     GDBusConnection* connection = GetConnection();
     if (IsNull(connection, "Failed to get GDBus Connection", KV_HERE)) {
-        return -1;
+        return FAILED;
     }
     g_autoptr(GError) error = nullptr;
     g_autoptr(GVariant) result =
@@ -128,7 +132,7 @@ int DbusCallSync(const char* busName, const char* objectPath, const char* interf
                                     G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
     if (result == nullptr) {
         LOGE("Method Call '%s' Failed (%s)", methodName, MessageOf(error));
-        return -1;
+        return FAILED;
     }
     if (reply != nullptr) {
         *reply = g_steal_pointer(&result);
@@ -207,7 +211,7 @@ bool VconfGetInt(const char* key, int& value) {
     if (IsNullKey(key, KV_HERE)) {
         return false;
     }
-    int read = 0;
+    int read = value;
     if (vconf_get_int(key, &read) != 0) {
         LOGE("Failed to get key %s", key);
         return false;
@@ -231,10 +235,10 @@ bool VconfGetStr(const char* key, std::string& value) {
 }
 
 int GetSubBTZoneID() {
-    int zone = -1;
+    int zone = NO_ZONE;
     if (!VconfGetInt(KVDefine::SUB_BT_ZONE_KEY, zone)) {
         LOGE("Failed to get subBT zone ID");
-        return -1;
+        return NO_ZONE;
     }
     LOGI("SubBT :%d", zone);
     return zone;

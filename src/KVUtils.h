@@ -14,6 +14,9 @@
 
 namespace NKavrel::KVUtils {
 
+/** What a failed call of GLib has to say; "(null)" if it says nothing. */
+const char* MessageOf(const GError* error);
+
 /** Whether the route goes out through the S/PDIF connector. */
 bool IsSpdifSpkType(int route);
 

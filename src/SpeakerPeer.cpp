@@ -1,15 +1,16 @@
 #include "SpeakerPeer.h"
 
+#include "KVDefine.h"
 #include "KVUtils.h"
 
 namespace NKavrel {
 namespace {
 
+using KVDefine::FAILED;
+
 constexpr const char* GET_VOLUME = "GetSpkVolume";
 constexpr const char* SET_VOLUME = "SetSpkVolume";
 constexpr const char* VOLUME_CHANGED = "SpkVolumeChanged";
-
-constexpr int FAILED = -1;
 
 }  // namespace
 
@@ -43,8 +44,8 @@ int SpeakerPeer::SetVolume(int volume, const CallSite& site) const {
 }
 
 guint SpeakerPeer::Subscribe(GDBusConnection* connection, GDBusSignalCallback callback, gpointer userData) {
-    return g_dbus_connection_signal_subscribe(connection, nullptr, "org.olvane.kavrel", VOLUME_CHANGED,
-                                              "/Org/Olvane/Kavrel", nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
+    return g_dbus_connection_signal_subscribe(connection, nullptr, KVDefine::BUS_NAME, VOLUME_CHANGED,
+                                              KVDefine::PUBLIC_PATH, nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
                                               callback, userData, nullptr);
 }
 

@@ -1,12 +1,13 @@
 #include "TVSpeakerEmul.h"
 
+#include "KVDefine.h"
 #include "KVUtils.h"
 #include "SpeakerPeer.h"
 
 namespace NKavrel {
 namespace {
 
-constexpr SpeakerPeer PEER("org.olvane.kavrel", "/Org/Olvane/Kavrel", "org.olvane.kavrel.tv");
+constexpr SpeakerPeer PEER(KVDefine::BUS_NAME, KVDefine::PUBLIC_PATH, "org.olvane.kavrel.tv");
 
 }  // namespace
 

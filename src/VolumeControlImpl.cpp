@@ -4,21 +4,22 @@
 #include <resource_center.h>
 #include <system_info.h>
 
+#include "KVDefine.h"
 #include "KVUtils.h"
 
 namespace NKavrel {
 namespace {
 
-constexpr int FAILED = -1;
-constexpr int INVALID_ARGUMENT = -2;
+using KVDefine::FAILED;
+using KVDefine::INVALID_ARGUMENT;
+using KVDefine::MULTI_OUTPUT_ROUTE;
+using KVDefine::NO_ZONE;
+using KVDefine::TV_SPEAKER_ROUTE;
 
 constexpr int VOLUME_MAX = 100;
-constexpr int NO_ZONE = -1;
 
-constexpr int TV_SPEAKER_ROUTE = 0;
 constexpr int BT_ROUTE = 3;
 constexpr int BT_BUDS_ROUTE = 5;
-constexpr int MULTI_OUTPUT_ROUTE = 6;
 
 /** The sound manager's answer for a zone of a multi-view that has ended. */
 constexpr int MULTIVIEW_TERMINATED = static_cast<int>(0xFE6A0004U);
@@ -528,8 +529,8 @@ void VolumeControlImpl::_OnVolumeChanged(int volume) {
         return;
     }
     if (volume == m_volume) {
-        LOGE("volume(%d) is same",
-             volume);  // an error here, yet only a notice for mute: log readers know both
+        // An error here, yet only a notice for mute: log readers know both.
+        LOGE("volume(%d) is same", volume);
         return;
     }
     LOGI("volume is changed : %d", volume);

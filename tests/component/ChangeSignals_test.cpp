@@ -67,6 +67,10 @@ TEST_F(ChangeSignalsTest, AVolumeChangeThatCannotBeEmittedIsLoggedAndNotRepeated
         ElementsAre("onVolumeChanged: I Send dbus signal VolumeChanged : 30",
                     Emission("SpeakerVolumeChanged, (1, 30)"),
                     "onVolumeChanged: E Failed g_dbus_connection_emit_signal(). err=refused by the test"));
+    seam.Clear();
+    seam.Fail("g_dbus_connection_emit_signal", gio::NOTHING);
+    KVServer::onVolumeChanged(1, 30, server.get());
+    EXPECT_THAT(Lines(), Contains("onVolumeChanged: E Failed g_dbus_connection_emit_signal(). err=(null)"));
     seam.Succeed("g_dbus_connection_emit_signal");
     seam.Clear();
     KVServer::onVolumeChanged(1, 31, server.get());

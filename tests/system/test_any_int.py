@@ -234,7 +234,8 @@ def test_zones_and_focuses(daemon, client, tv):
     focused = 1
     for zone in INTS:
         if zone != focused:
-            change(tv, daemon.log, FOCUS, zone, f"Focus ({focused}->{zone})")
+            found = change(tv, daemon.log, FOCUS, zone, f"Focus ({focused}->{zone})")
+            daemon.log.wait(f"zoneID:{zone} route:0", found.number)
             focused = zone
         change(tv, daemon.log, f"sound/zones/{zone}/route", 12, f"Zone:{zone} Type(0->12)")
         change(tv, daemon.log, f"sound/zones/{zone}/route", 0, f"Zone:{zone} Type(12->0)")

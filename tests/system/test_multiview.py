@@ -49,6 +49,10 @@ OTHER_MODES = {  # what counts as off, and how it is logged
 }
 
 
+# What follows a change of focus: until then another route may be read than the one that the test has set.
+ROUTE_READ = r"(zoneID:-?\d+ )?route:-?\d+|get current speaker type failed"
+
+
 def show(text):
     return text if len(text) < 40 else f"{text[:20]}... {len(text)}"
 
@@ -75,7 +79,9 @@ def change_mode(tv, log, text, logged):
 def change_focus(tv, log, zone, previous):
     before = log.end()
     tv.echo(zone, FOCUS)
-    return log.wait(f"Focus ({previous}->{zone})", before)
+    found = log.wait(f"Focus ({previous}->{zone})", before)
+    log.wait_matching(ROUTE_READ, found.number)
+    return found
 
 
 def change_zone(tv, log, zone, route, previous):

@@ -129,7 +129,7 @@ def agree_on_a_tv_speaker_in_single_view(tv, log, client):
 
 def agree_on_an_external_output_in_multi_view(tv, log, client):
     change(tv, log, MODE, ON, "zoneId:2")
-    change(tv, log, FOCUS, 1, "Focus (2->1)")
+    change(tv, log, FOCUS, 1, re.compile(r"zoneID:1 route:-?\d+"))
     change(tv, log, "sound/zones/1/route", 8, re.compile(r"Speaker changed\[-?\d+->8\]\. mode:0x000f.*"))
     assert client.get_support() == (15, 0)
 
