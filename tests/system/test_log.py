@@ -81,7 +81,11 @@ def trace_of(daemon, after):
 def test_nested_calls_are_traced_as_nested_pairs(scene, client):
     daemon = scene.start(KAVREL_LOG="debug")
     client.get_volume()
-    before = daemon.log.wait_matching(rf"Called by .*{client.name}/.* size:1").number  # and then it is idle
+    daemon.log.wait_matching(rf"Called by .*{client.name}/.* size:1")
+    asleep = daemon.log.wait("Sleep AudioGainOut")
+    daemon.log.wait("Sleep AudioGainOut", asleep.number)  # again, when the start gain is written
+    daemon.settle()
+    before = daemon.log.end()
     client.get_volume()
     daemon.log.wait_matching(r"\t\[OUT\].*methodCallHandler\(.*", before)
     open_calls = []

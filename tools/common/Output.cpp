@@ -57,6 +57,14 @@ std::string JsonLine(const Json::Value& value) {
     return Json::writeString(builder, value);
 }
 
+std::string Joined(const std::vector<std::string>& parts, std::string_view between) {
+    std::string text;
+    for (const std::string& part : parts) {
+        text.append(text.empty() ? "" : between).append(part);
+    }
+    return text;
+}
+
 std::string Printable(std::string_view text) {
     const GLibPtr<char> valid(g_utf8_make_valid(text.data(), static_cast<gssize>(text.size())));
     std::string printable;

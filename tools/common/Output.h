@@ -9,6 +9,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace tools {
 
@@ -24,6 +25,8 @@ void Complain(std::string_view line);
 
 /** Compact JSON without a newline in it: keys sorted, all in ASCII, so that it may be compared as text. */
 std::string JsonLine(const Json::Value& value);
+
+std::string Joined(const std::vector<std::string>& parts, std::string_view between = " ");
 
 /** Text of others, fit for a terminal: every control character, and what is not UTF-8, as "?". */
 std::string Printable(std::string_view text);

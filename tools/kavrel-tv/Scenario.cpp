@@ -140,11 +140,7 @@ tools::Variant Arguments(const std::array<std::pair<std::string_view, std::strin
 using Act = std::function<void(Stage&)>;
 
 Act Say(const Words& words) {
-    std::string text;
-    for (const std::string& word : words) {
-        text += (text.empty() ? "" : " ") + word;
-    }
-    return [=](Stage& stage) { stage.Say(text); };
+    return [text = tools::Joined(words)](Stage& stage) { stage.Say(text); };
 }
 
 Act Pause(const Words& words) {
@@ -269,11 +265,7 @@ Scenario ParseScenario(const std::string& name, std::string_view text) {
             if (words.empty()) {
                 throw tools::UsageError("a time needs something to do");
             }
-            std::string shown;
-            for (const std::string& word : words) {
-                shown += (shown.empty() ? "" : " ") + tools::Printable(word);
-            }
-            scenario.push_back({place, shown, at, Understand(words)});
+            scenario.push_back({place, tools::Printable(tools::Joined(words)), at, Understand(words)});
         } catch (const tools::UsageError& error) {
             throw tools::UsageError(place + ": " + error.what());
         }

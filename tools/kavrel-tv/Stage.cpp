@@ -51,14 +51,6 @@ Stage::Words ToWords(GVariant* tuple) {
     return words;
 }
 
-std::string Joined(const Stage::Words& words) {
-    std::string text;
-    for (const std::string& word : words) {
-        text += (text.empty() ? "" : " ") + word;
-    }
-    return text;
-}
-
 bool Matches(const Stage::Words& pattern, const Stage::Words& words) {
     return std::equal(pattern.begin(), pattern.end(), words.begin(), words.end(),
                       [](const std::string& expected, const std::string& seen) {
@@ -140,7 +132,7 @@ void Stage::Call(const std::string& method, GVariant* arguments, const Words& an
             return;
         }
         if (Clock::now() >= deadline) {
-            Miss("the answer " + Joined(answer), Joined(seen));
+            Miss("the answer " + tools::Joined(answer), tools::Joined(seen));
         }
         Wait([] { return false; }, BETWEEN_CALLS);
     }
@@ -157,7 +149,7 @@ void Stage::ExpectSignal(const Words& signal, Milliseconds patience) {
                             [&](const Words& heard) { return Matches(signal, heard); });
     };
     if (!Wait([&] { return find() != m_heard.end(); }, patience)) {
-        Miss("the signal " + Joined(signal) + " within " + InSeconds(patience), Heard());
+        Miss("the signal " + tools::Joined(signal) + " within " + InSeconds(patience), Heard());
     }
     m_heard.erase(m_heard.begin(), find() + 1);
 }
@@ -168,7 +160,7 @@ void Stage::ExpectNoSignal(const Words& signal, Milliseconds time) {
                            [&](const Words& heard) { return Matches(signal, heard); });
     };
     if (Wait(isHeard, time)) {
-        Miss("no signal " + Joined(signal) + " within " + InSeconds(time), Heard());
+        Miss("no signal " + tools::Joined(signal) + " within " + InSeconds(time), Heard());
     }
 }
 
@@ -307,19 +299,19 @@ void Stage::DrawGain(Out out) {
 }
 
 std::string Stage::Heard() const {
-    std::string text;
+    std::vector<std::string> signals;
     for (const Words& words : m_heard) {
-        text += (text.empty() ? "" : ", ") + Joined(words);
+        signals.push_back(tools::Joined(words));
     }
-    return text.empty() ? "nothing" : text;
+    return signals.empty() ? "nothing" : tools::Joined(signals, ", ");
 }
 
 std::string Stage::Gains(Out out) const {
-    std::string text;
+    std::vector<std::string> gains;
     for (const int gain : m_gains.at(out)) {
-        text += (text.empty() ? "" : " ") + std::to_string(gain);
+        gains.push_back(std::to_string(gain));
     }
-    return text;
+    return tools::Joined(gains);
 }
 
 void Stage::Miss(const std::string& expected, const std::string& seen) {
