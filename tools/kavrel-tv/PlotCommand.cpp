@@ -89,6 +89,7 @@ std::string Script(const std::vector<Moment>& moments, const std::string& title)
     const double begin = moments.front().seconds;
     const double end = std::max(moments.back().seconds, begin + LEAST_SPAN);
     const double closest = (end - begin) * CLOSEST_MARKS;
+    const bool hasMarks = std::any_of(moments.begin(), moments.end(), IsMark);
     std::ostringstream script;
     script << Data(moments)
            << "set terminal svg size 960,600 dynamic font 'sans-serif,13' background '#ffffff'\n"
@@ -96,7 +97,7 @@ std::string Script(const std::vector<Moment>& moments, const std::string& title)
            << "set xrange [" << begin << ":" << end << "]\n"
            << "set grid linecolor rgb '#e0e0e0'\n"
            << "set lmargin 9\nset rmargin 4\nset key outside bottom center horizontal\n"
-           << "set size 1,0.56\nset origin 0,0.40\nset tmargin 6\nset bmargin 3\n"
+           << "set size 1,0.56\nset origin 0,0.40\nset bmargin 3\nset tmargin " << (hasMarks ? 6 : 3) << '\n'
            << "set ylabel 'gain (%)'\nset yrange [-5:105]\nset ytics 20\n"
            << Marks(moments, closest, true)
            << "plot $data using 1:2 with steps linewidth 2.5 linecolor rgb '#0060c0' title 'main output "
