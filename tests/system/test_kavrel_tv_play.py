@@ -160,7 +160,9 @@ def recording(tool, scene, client, tmp_path):
     path = tmp_path / "fade.csv"
     running = tool.start("record", str(path))
     running.wait_for_complaint("recording until Ctrl-C")
-    assert client.set_mute(True) == 0 and client.set_mute(False) == 0
+    assert client.set_mute(True) == 0
+    wait_until_recorded(path, lambda rows: rows[-1][4] == "1")
+    assert client.set_mute(False) == 0
     wait_until_recorded(path, lambda rows: rows[-1][1:3] == ["100", "100"] and any(row[1] != "100" for row in rows))
     tool("route", "hdmi")
     wait_until_recorded(path, lambda rows: any(row[5] == "route hdmi" for row in rows))
