@@ -274,6 +274,28 @@ TEST_F(KVAudioGainHandlerFadeTest, AnOutputCountsAsUpdatingUntilItsWorkerSleepsA
 
 // Failures
 
+TEST_F(KVAudioGainHandlerFadeTest, ARequestAfterAFadeAndBeforeItsWorkerWaitsIsLostAndKeepsItsGain) {
+    Start();
+    for (const char* moment : {ASK_POPUP, "I Sleep PlayerMainOutH"}) {
+        SCOPED_TRACE(moment);
+        Mark();
+        auto fadeIsOver = seam.BlockNext(moment);
+        FadeFrom(GAIN_HANDLER_PLAYER_MAIN_OUT, 97);
+        ASSERT_TRUE(fadeIsOver.WaitReached());
+        EXPECT_EQ(gain->ApplyVolumeFadeIn(GAIN_SRC_PLAYER, 1), 0);
+        fadeIsOver.Open();
+        ASSERT_TRUE(Rest());
+        EXPECT_THAT(Journal("PlayerMainOutH"), FadesFromTo(GAIN_HANDLER_PLAYER_MAIN_OUT, 97, 100));
+        EXPECT_EQ(Gain(GAIN_HANDLER_PLAYER_MAIN_OUT), 0);
+        EXPECT_EQ(seam.MainGainValue(), 0) << "until the next request";
+
+        Mark();
+        FadeFrom(GAIN_HANDLER_PLAYER_MAIN_OUT, 95);
+        ASSERT_TRUE(Rest());
+        EXPECT_THAT(Journal("PlayerMainOutH"), FadesFromTo(GAIN_HANDLER_PLAYER_MAIN_OUT, 95, 100));
+    }
+}
+
 TEST_F(KVAudioGainHandlerFadeTest, AnUnmuteFadeWhoseSubOutputFailsRunsOnTheMainOutputOnly) {
     Start();
     seam.Fail("set_sub_out_gain2", -9, 1);
