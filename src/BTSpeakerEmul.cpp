@@ -9,8 +9,8 @@ namespace {
 
 using KVDefine::NOT_SUPPORTED;
 
-constexpr SpeakerPeer PEER("com.norvik.tv.bt.connectionmanager", "/com/norvik/tv/bt/connectionmanager",
-                           "com.norvik.tv.bt.connectionmanager.speaker");
+constexpr SpeakerPeer PEER = {"com.norvik.tv.bt.connectionmanager", "/com/norvik/tv/bt/connectionmanager",
+                              "com.norvik.tv.bt.connectionmanager.speaker"};
 
 }  // namespace
 
@@ -28,7 +28,7 @@ int BTSpeakerEmul::SetVolume(int volume) {
         LOGE("SET VOLUME is not supported.");
         return NOT_SUPPORTED;
     }
-    return PEER.SetVolume(volume, KV_HERE);
+    return SetPeerVolume(PEER, volume, KV_HERE);
 }
 
 int BTSpeakerEmul::GetVolume(int& volume) {
@@ -37,7 +37,7 @@ int BTSpeakerEmul::GetVolume(int& volume) {
         LOGE("GET VOLUME is not supported.");
         return NOT_SUPPORTED;
     }
-    return PEER.GetVolume(volume, KV_HERE);
+    return GetPeerVolume(PEER, volume, KV_HERE);
 }
 
 void BTSpeakerEmul::SetChangedCB() {
@@ -57,7 +57,7 @@ void BTSpeakerEmul::SetChangedCB() {
         LOGE("get_volume_support callback set failed");
         return;
     }
-    m_signalSubscriptionId = SpeakerPeer::Subscribe(connection, OnVolumeLevelChanged, this);
+    m_signalSubscriptionId = SubscribeToPeers(connection, OnVolumeLevelChanged, this);
 }
 
 void BTSpeakerEmul::UnsetChangedCB() {
@@ -86,7 +86,7 @@ void BTSpeakerEmul::OnVolumeLevelChanged(GDBusConnection* connection, const gcha
         return;
     }
     PeerVolume changed;
-    if (!SpeakerPeer::ReadVolumeChanged(parameters, changed, KV_HERE)) {
+    if (!ReadPeerVolume(parameters, changed, KV_HERE)) {
         return;
     }
     LOGI("Start sender:%s signal_name:%s route:%d, suppType:0x%04x vol:%d", senderName, signalName,

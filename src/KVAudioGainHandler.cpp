@@ -140,7 +140,7 @@ void NameThread(eKVGainHandlerType type) {
     pthread_setname_np(pthread_self(), GainHandlerName[type].c_str());
 }
 
-/** Tells the constructor that a worker, which holds its mutex, is about to wait. */
+/** Tells the constructor that a worker holds its mutex and keeps it until it waits. */
 void Settle(std::atomic<bool>& settled) {
     settled = true;
     settled.notify_all();
@@ -172,13 +172,17 @@ KVAudioGainHandler::~KVAudioGainHandler() {
 
 void KVAudioGainHandler::_StartWorkers() {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    const auto start = [this](int type, auto... body) {
+        std::thread& thread = m_threads[type];  // its place stands before it runs
+        thread = std::thread(body...);
+    };
     try {
         for (const auto type : {GAIN_HANDLER_UNMUTE_MAIN_OUT, GAIN_HANDLER_UNMUTE_SUB_OUT,
                                 GAIN_HANDLER_PLAYER_MAIN_OUT, GAIN_HANDLER_PLAYER_SUB_OUT}) {
-            m_threads.emplace(type, std::thread(FadeInGainHandler, type, this));
+            start(type, FadeInGainHandler, type, this);
         }
-        m_threads.emplace(GAIN_HANDLER_PULSE_RAMP, std::thread(PulseGainHandler, this));
-        m_threads.emplace(GAIN_HANDLER_AUDIO_GAIN_OUT, std::thread(AudioGainOutHandler, this));
+        start(GAIN_HANDLER_PULSE_RAMP, PulseGainHandler, this);
+        start(GAIN_HANDLER_AUDIO_GAIN_OUT, AudioGainOutHandler, this);
     } catch (...) {
         _AwaitWorkers();
         _StopWorkers();
@@ -190,6 +194,9 @@ void KVAudioGainHandler::_StartWorkers() {
 void KVAudioGainHandler::_AwaitWorkers() {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
     for (const auto& [type, thread] : m_threads) {
+        if (!thread.joinable()) {
+            continue;  // it could not be started
+        }
         m_settled[type].wait(false);
         // Free as soon as the worker waits, or has been woken and waits again.
         const std::lock_guard<std::mutex> waiting(m_handlerMutex[type]);
@@ -356,9 +363,9 @@ void KVAudioGainHandler::FadeInGainHandler(eKVGainHandlerType type, void* self) 
 
     while (handler.m_running) {
         std::unique_lock<std::mutex> lock(handler.m_handlerMutex[type]);
+        Settle(handler.m_settled[type]);
         handler.m_updating[type] = false;
         LOGI("Sleep %s", name);
-        Settle(handler.m_settled[type]);
         wake.wait(lock);
         if (!handler.m_running) {
             break;
@@ -413,10 +420,10 @@ void KVAudioGainHandler::PulseGainHandler(void* self) {
         std::unique_lock<std::mutex> lock(handler.m_handlerMutex[type]);
         bool wakeGainOut = true;
         if (remain == 0) {
+            Settle(handler.m_settled[type]);
             LOGI("remain count is %d, Nothing to do!", remain);
             handler.m_updating[type] = false;
             LOGI("Sleep %s", name);
-            Settle(handler.m_settled[type]);
             wake.wait(lock, [&handler] { return handler.m_pulseRequested || !handler.m_running; });
             if (!handler.m_running) {
                 break;
@@ -472,8 +479,8 @@ void KVAudioGainHandler::AudioGainOutHandler(void* self) {
 
     while (handler.m_running) {
         std::unique_lock<std::mutex> lock(handler.m_handlerMutex[type]);
-        LOGI("Sleep AudioGainOut");
         Settle(handler.m_settled[type]);
+        LOGI("Sleep AudioGainOut");
         wake.wait(lock);
         if (!handler.m_running) {
             break;

@@ -42,7 +42,7 @@ inline const std::array<std::string, GAIN_HANDLER_COUNT> GainHandlerName = {
  *
  * Gains are percentages, at most 100; a larger one is ignored, a negative one is taken as it is. An audio
  * path is a bit mask: 1 main output, 2 sub output. Statuses are 0, -1 failed, -2 invalid argument. Callable
- * from any thread; nothing waits longer than 3 s.
+ * from any thread; no lock is waited for longer than 3 s.
  *
  * Lock order: a worker's own m_handlerMutex, then m_srcGainMutex[GAIN_HANDLER_AUDIO_GAIN_OUT] (the write of
  * the outputs), then one other m_srcGainMutex or m_pulseMutex at a time. Requesters set values and notify;
@@ -133,7 +133,7 @@ private:
     std::atomic<bool> m_gainControlDisabled{false};
     /** A sub Bluetooth zone exists: the unmute gains of the outputs are apart. */
     std::atomic<bool> m_subBTActive{false};
-    /** Whether worker t has come, at least once, to where it holds its mutex and is about to wait. */
+    /** Whether worker t has come, at least once, to where it holds its mutex and keeps it until it waits. */
     std::array<std::atomic<bool>, GAIN_HANDLER_COUNT> m_settled{};
 };
 

@@ -14,9 +14,10 @@ constexpr const char* VOLUME_CHANGED = "SpkVolumeChanged";
 
 }  // namespace
 
-int SpeakerPeer::GetVolume(int& volume, const CallSite& site) const {
+int GetPeerVolume(const SpeakerPeer& peer, int& volume, const CallSite& site) {
     g_autoptr(GVariant) reply = nullptr;
-    if (KVUtils::DbusCallSync(m_busName, m_objectPath, m_interfaceName, GET_VOLUME, nullptr, &reply) != 0 ||
+    if (KVUtils::DbusCallSync(peer.busName, peer.objectPath, peer.interfaceName, GET_VOLUME, nullptr,
+                              &reply) != 0 ||
         !KVUtils::IsReplyOfType(reply, "(iii)", GET_VOLUME, site)) {
         return FAILED;
     }
@@ -29,9 +30,9 @@ int SpeakerPeer::GetVolume(int& volume, const CallSite& site) const {
     return result;
 }
 
-int SpeakerPeer::SetVolume(int volume, const CallSite& site) const {
+int SetPeerVolume(const SpeakerPeer& peer, int volume, const CallSite& site) {
     g_autoptr(GVariant) reply = nullptr;
-    if (KVUtils::DbusCallSync(m_busName, m_objectPath, m_interfaceName, SET_VOLUME,
+    if (KVUtils::DbusCallSync(peer.busName, peer.objectPath, peer.interfaceName, SET_VOLUME,
                               g_variant_new("(i)", volume), &reply) != 0 ||
         !KVUtils::IsReplyOfType(reply, "(ii)", SET_VOLUME, site)) {
         return FAILED;
@@ -43,13 +44,13 @@ int SpeakerPeer::SetVolume(int volume, const CallSite& site) const {
     return 0;
 }
 
-guint SpeakerPeer::Subscribe(GDBusConnection* connection, GDBusSignalCallback callback, gpointer userData) {
+guint SubscribeToPeers(GDBusConnection* connection, GDBusSignalCallback callback, gpointer userData) {
     return g_dbus_connection_signal_subscribe(connection, nullptr, KVDefine::BUS_NAME, VOLUME_CHANGED,
                                               KVDefine::PUBLIC_PATH, nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
                                               callback, userData, nullptr);
 }
 
-bool SpeakerPeer::ReadVolumeChanged(GVariant* parameters, PeerVolume& changed, const CallSite& site) {
+bool ReadPeerVolume(GVariant* parameters, PeerVolume& changed, const CallSite& site) {
     if (!KVUtils::IsSignalOfType(parameters, "(iii)", VOLUME_CHANGED, site)) {
         return false;
     }

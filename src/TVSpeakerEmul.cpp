@@ -7,7 +7,7 @@
 namespace NKavrel {
 namespace {
 
-constexpr SpeakerPeer PEER(KVDefine::BUS_NAME, KVDefine::PUBLIC_PATH, "org.olvane.kavrel.tv");
+constexpr SpeakerPeer PEER = {KVDefine::BUS_NAME, KVDefine::PUBLIC_PATH, "org.olvane.kavrel.tv"};
 
 }  // namespace
 
@@ -22,12 +22,12 @@ TVSpeakerEmul::~TVSpeakerEmul() {
 
 int TVSpeakerEmul::SetVolume(int volume) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    return PEER.SetVolume(volume, KV_HERE);
+    return SetPeerVolume(PEER, volume, KV_HERE);
 }
 
 int TVSpeakerEmul::GetVolume(int& volume) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    return PEER.GetVolume(volume, KV_HERE);
+    return GetPeerVolume(PEER, volume, KV_HERE);
 }
 
 void TVSpeakerEmul::SetEventHandler(const VolumeEventHandler_t& volumeHandler,
@@ -55,7 +55,7 @@ void TVSpeakerEmul::SetChangedCB() {
         LOGE("set mute changed_cb failed %x", static_cast<unsigned int>(result));
         return;
     }
-    m_signalSubscriptionId = SpeakerPeer::Subscribe(connection, VolumeChangedCB, this);
+    m_signalSubscriptionId = SubscribeToPeers(connection, VolumeChangedCB, this);
     m_changedCBRegistered = true;
 }
 
@@ -82,7 +82,7 @@ void TVSpeakerEmul::VolumeChangedCB(GDBusConnection* connection, const gchar* se
         return;
     }
     PeerVolume changed;
-    if (!SpeakerPeer::ReadVolumeChanged(parameters, changed, KV_HERE)) {
+    if (!ReadPeerVolume(parameters, changed, KV_HERE)) {
         return;
     }
     LOGI("Start sender:%s signal_name:%s route:%d, suppType:%d vol:%d", senderName, signalName, changed.route,

@@ -519,7 +519,8 @@ void VolumeControlImpl::_NotifyVolumeEvent(void* volumeControl, const std::strin
     } else if (event == KVDefine::SPEAKER_CHANGED) {
         value = control->m_speakerSelection;
     }
-    listener->second(type, value);
+    const auto handler = listener->second;  // it may take all listeners back
+    handler(type, value);
 }
 
 void VolumeControlImpl::_OnVolumeChanged(int volume) {

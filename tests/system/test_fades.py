@@ -314,9 +314,12 @@ def test_a_gain_on_mute_cuts_an_unmute_fade_short_and_stays(daemon, client, tv):
     assert client.call("ApplyGainOnMute", "ii", BOTH, 1) == (0,)
     rest(daemon)
     assert gains(tv) == (1, 1)
-    for slot in (4, 5):
-        cut = [f"Interruptable status[type:{slot}]. gain:1", f"handlerGainType:{slot}, LastGain:1"]
-        assert [text for text in daemon.log.texts(before) if text in cut] == cut
+    for slot in (4, 5):  # a step between the interruption and the gain that follows it still sees the fade's
+        theirs = re.compile(rf"(Interruptable status\[type:{slot}\]|handlerGainType:{slot},)")
+        cut = [text for text in daemon.log.texts(before) if theirs.match(text)]
+        last = cut[-1].rpartition(":")[2]
+        assert last == "1" or 15 <= int(last) < 100
+        assert cut == [f"Interruptable status[type:{slot}]. gain:{last}", f"handlerGainType:{slot}, LastGain:{last}"]
 
 
 def test_a_player_fade_is_never_cut_short(daemon, client):
@@ -655,13 +658,17 @@ def test_each_output_of_an_unmute_fade_has_its_own_popup(daemon, popups, tv):
 
 def test_a_fade_under_half_a_second_has_no_popup(daemon, popups, tv):
     tv.echo("done", POPUP_EVENT)
+    mute(popups)
     before = daemon.log.end()
-    popups.send("ApplyPlayerFadeIn", "i", MAIN)
-    popups.send("ResetPlayerGain", "i", MAIN)  # ends it before it has begun, or at its first step
-    line = daemon.log.wait(re.compile(r"Time\(0\.\d{6}\) is under \(0\.500000\)"), before)
-    assert (line.priority, line.function) == ("E", "SendPopupMsg")
+    popups.send("ApplyUnmuteFadeIn", "i", BOTH)
+    popups.send("ApplyGainOnMute", "ii", BOTH, 40)  # ends both fades before they have begun, or at their first step
+    for worker in ("UnMuteMainOutH", "UnMuteSubOutH"):
+        daemon.log.wait_matching(rf"Wake {worker}\. gain:\d+", before)
     rest(daemon)
-    assert not any(text.startswith("MSG :") for text in daemon.log.texts(before))
+    lines = [line for line in daemon.log.lines(before) if line.function == "SendPopupMsg"]
+    assert len(lines) == 2
+    for line in lines:
+        assert line.priority == "E" and re.fullmatch(r"Time\(0\.\d{6}\) is under \(0\.500000\)", line.text)
 
 
 def test_without_the_event_there_is_no_popup(daemon, popups):

@@ -257,6 +257,19 @@ TEST_F(VolumeControlImplTest, UnsetEventHandlerRemovesAllListeners) {
     EXPECT_EQ(seam.Count("E Already set VOLUME_CHANGED event handler"), 0);
 }
 
+TEST_F(VolumeControlImplTest, AListenerMayTakeAllListenersBackWhileItRuns) {
+    Start();
+    const std::string own(100, 'x');  // what it holds must outlive the listeners
+    std::vector<std::string> told;
+    control->SetEventHandler("VOLUME_CHANGED", [this, own, &told](int /*type*/, int /*volume*/) {
+        control->UnsetEventHandler();
+        told.push_back(own);
+    });
+    seam.FireVolume(30);
+    seam.FireVolume(31);
+    EXPECT_THAT(told, ElementsAre(own));
+}
+
 TEST_F(VolumeControlImplTest, ListenersRunUnderTheLockAndMayAskTheObjectOnTheSameThread) {
     Start();
     int fromHere = -9;
