@@ -233,10 +233,14 @@ const fs::path& Root() {
     return root;
 }
 
+bool IsKey(std::string_view key) {
+    const std::string wrapped = '/' + std::string(key) + '/';
+    return wrapped.find("//") == std::string::npos && wrapped.find("/.") == std::string::npos;
+}
+
 std::optional<Item> KeyItem(const char* folder, const char* key) {
     const std::string_view text = key != nullptr ? key : "";
-    const std::string wrapped = '/' + std::string(text) + '/';
-    if (wrapped.find("//") != std::string::npos || wrapped.find("/.") != std::string::npos) {
+    if (!IsKey(text)) {
         __dlog_print(DLOG_ERROR, TAG, "Refused the key \"%s\" of %s\n", text.data(),
                      (Root() / folder).c_str());
         return std::nullopt;

@@ -45,6 +45,8 @@ constexpr int Failure(int error) {
  */
 const std::filesystem::path& Root();
 
+/** Whether it names a value that no key of another's, and nothing outside the directory, can be meant by. */
+bool IsKey(std::string_view key);
 /** The value of `key` below `folder`; none, with an error line, for a key that could leave it. */
 std::optional<Item> KeyItem(const char* folder, const char* key);
 

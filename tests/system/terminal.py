@@ -50,11 +50,12 @@ class Terminal:
         self.output += os.read(self.master, 65536).decode(errors="replace")
         return True
 
-    def wait_until(self, condition):
+    def wait_until(self, condition, every=PATIENCE):
+        """Looks again whenever something is written, and after so many seconds at the latest."""
         deadline = time.monotonic() + PATIENCE
         while not condition():
-            left = deadline - time.monotonic()
-            assert left > 0 and self._read(left), "on the screen: " + "\n".join(self.rows())
+            self._read(min(every, max(0, deadline - time.monotonic())))
+            assert time.monotonic() < deadline, "on the screen: " + "\n".join(self.rows())
 
     def wait_for_row(self, text):
         self.wait_until(lambda: text in self.rows())

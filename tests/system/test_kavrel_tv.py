@@ -28,8 +28,7 @@ TV in {tv.path}, kavreld not ready
 ├─ output          0 tv, TV speaker
 ├─ sound
 │  ├─ route        0 tv, TV speaker
-│  ├─ volume       10
-│  ├─ mute         off
+│  ├─ volume       10, mute off
 │  ├─ main gain    100 %
 │  └─ sub gain     100 %
 ├─ multi-view      off, no zones
@@ -56,13 +55,11 @@ def test_show_tells_of_zones_focus_and_the_device_in_use(tool, tv):
     lines = tool("show").splitlines()
     assert lines[1:] == """\
 ├─ output          2 hdmi, HDMI receiver, of the zone in focus
-│  ├─ level        42
-│  ├─ mute         on
-│  └─ can          0x0007 get/set volume, get mute
+│  ├─ level        42, mute on
+│  └─ can          read volume, set volume, read mute (0x0007)
 ├─ sound
 │  ├─ route        0 tv, TV speaker
-│  ├─ volume       10
-│  ├─ mute         on
+│  ├─ volume       10, mute on
 │  ├─ main gain    100 %
 │  └─ sub gain     100 %
 ├─ multi-view      on
@@ -215,7 +212,8 @@ BAD = ["", "foo", "--foo", "show x", "watch x", "route", "route hdmy", "route 1.
        "feature /x on", "popup", "popup done", "volume", "volume -1", "volume 101", "volume loud", "mute", "mute toggle", "key",
        "key a//b", "key ../x", "key .x 1", "key a b c", "devices x", "devices --delay", "devices --delay x", "devices --delay -1",
        "devices --jitter x", "devices --support loud", "devices --support -1", "devices --fail 101", "devices --rounding 0",
-       "devices --vanish-after 0", "devices --seed x", "emulator", "emulator usb", "emulator bt --volume x", "--dir"]
+       "devices --vanish-after 0", "devices --seed x", "record /dev/null --seconds nan", "record /dev/null --seconds 0",
+       "record /dev/null --seconds x", "emulator", "emulator usb", "emulator bt --volume x", "--dir"]
 
 
 @pytest.mark.parametrize("command", BAD)
@@ -412,6 +410,11 @@ def test_popup_on_makes_the_daemon_announce_a_finished_fade(scene, tool, client)
     ("kavrel-tv --d", ["--dir"]),
     ("kavrel-tv emulator ", ["bt", "tv"]),
     ("kavrel-tv volume ", []),
+    ("kavrel-tv --dir = /tmp pro", ["projector"]),
+    ("kavrel-tv --dir /nowhere focus ", []),
+    ("kavrel-tv sub-bt -1 ", []),
+    ("kavrel-tv devices --seed 5 --d", ["--deaf", "--delay", "--double"]),
+    ("kavrel-tv devices --seed ", []),
 ])
 def test_bash_completes(tool, line, expected):
     tool("zones", "1,7")

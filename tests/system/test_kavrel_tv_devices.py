@@ -198,6 +198,21 @@ def test_devices_that_round(tool, tv, asked, level):
     wait_for(tv, 2, 15, level, 0)
 
 
+@pytest.mark.parametrize("asked, level", [(100, 80), (59, 40), (60, 80), (19, 0)])
+def test_devices_that_round_have_no_other_level(tool, tv, asked, level):
+    tool("route", "hdmi")
+    tool.devices("--rounding", "40")
+    ask(tv, level=asked)
+    wait_for(tv, 2, 15, level, 0)
+
+
+@pytest.mark.parametrize("present, level", [(2**31 - 1, 100), (-2**31, 0), (-500, 0)])
+def test_a_level_that_stands_there_is_brought_into_the_scale(tool, tv, present, level):
+    tool("key", "memory/menu/network/screenmirroring/get_volume_level_hdmi", str(present))
+    tool.devices("--rounding", "20")
+    wait_for(tv, 2, 15, level, 0)
+
+
 def test_devices_that_answer_twice(tool, tv):
     tool("route", "hdmi")
     devices = tool.devices("--double")

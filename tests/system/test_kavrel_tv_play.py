@@ -1,5 +1,7 @@
 """kavrel-tv plays scenarios against the real daemon, records what happens, and draws the record."""
 import csv
+import itertools
+import re
 import signal
 import time
 import xml.etree.ElementTree
@@ -27,7 +29,7 @@ def play(tool, tmp_path):
     """Plays these lines: the finished process."""
     def run(*lines, options=("--fast",)):
         scenario = tmp_path / "scenario.txt"
-        scenario.write_text("\n".join(lines) + "\n")
+        scenario.write_bytes(b"".join((line if isinstance(line, bytes) else line.encode()) + b"\n" for line in lines))
         return tool.run("play", *options, str(scenario))
     return run
 
@@ -68,7 +70,12 @@ def test_steps_are_told_as_they_are_done(play):
     ("expect gain main 50 within 0.1", "expected the main gain 50 within 0.1 s, seen: 100"),
     ("expect fade sub within 0.1", "expected the sub gain to drop and to rise to 100 again, within 0.1 s, seen: 100"),
     ("expect output hdmi within 0.7", "expected kavreld to follow the output hdmi within 0.7 s, seen: nothing"),
+    ("expect signal SpeakerMuteChanged within 0.1", "expected the signal SpeakerMuteChanged within 0.1 s, seen: nothing"),
+    ("focus 7", "there is no zone 7; kavrel-tv zones makes some"),
     ("volume 10 # still", None),
+    ("expect output 0", None),
+    ("call GetSpeakerVolume -> * 0", None),
+    ("call SetSpeakerVolume 101", None),
 ])
 def test_the_first_expectation_that_fails_is_named_with_what_was_seen(play, line, message):
     done = play("route tv", line, "call SetSpeakerVolume 55")
@@ -94,11 +101,21 @@ def test_an_unexpected_signal_fails_and_a_seen_one_is_listed(play):
     ("call SetSpeakerVolume loud -> 0", 'each number must be a whole number of 32 bits, not "loud"'),
     ("call SetSpeakerMute 1 -> 0", 'a switch must be false or true, not "1"'),
     ("emit SpeakerVolumeChanged 1 2", 'there is no such signal: "SpeakerVolumeChanged"'),
+    (b'emit SpkDisconnected 4 "a\xff"', 'each text must be UTF-8 text, not "a?"'),
+    ("call SetSpeakerVolume 30 ->", "SetSpeakerVolume answers 1 number"),
+    ("call SetSpeakerVolume 30 -> 0 0", "SetSpeakerVolume answers 1 number"),
+    ("call GetSpeakerVolume -> 0", "GetSpeakerVolume answers 2 numbers, a value and a status"),
+    ("expect signal Spelling", 'there is no such signal: "Spelling"'),
+    ("expect no signal SpeakerVolumeChanged 30", "SpeakerVolumeChanged takes 2 arguments"),
+    ("expect output nowhere", 'the route must be a code or one of the names, not "nowhere"'),
+    ("expect output 99", "there is no such output: 99"),
+    ("key ../x y", '"../x" is no key'),
     ("expect", "expect is followed by signal, no signal, value, output, gain or fade"),
     ("expect gain left 3", 'the output must be main or sub, not "left"'),
     ("expect signal", "the form is: expect signal NAME [ARGUMENTS...] [within SECONDS]"),
     ("expect signal X within soon", '"soon" is no number of seconds'),
     ("1.5", "a time needs something to do"),
+    ('say "\x1b[31m', "Text ended before matching quote was found for \"."),
     ("say 'half", "Text ended before matching quote was found for '. (The text was “'half”)"),
 ])
 def test_a_line_that_is_wrong_is_refused_before_anything_is_done(play, tv, line, message):
@@ -107,6 +124,17 @@ def test_a_line_that_is_wrong_is_refused_before_anything_is_done(play, tv, line,
     complaint = refused(done)
     assert "scenario.txt:2: " in complaint and message.split(" (The text")[0] in complaint, complaint
     assert tv.read("audio/master_volume") == "10"
+
+
+def test_what_is_said_reaches_the_terminal_without_control_characters(play):
+    assert play("say a\x1b[31mb").stdout == "a?[31mb\n"
+
+
+def test_a_name_alone_stands_for_any_arguments(play):
+    assert play("call SetSpeakerVolume 44 -> 0", "expect signal SpeakerVolumeChanged").returncode == 0
+    done = play("call SetSpeakerVolume 45 -> 0", "expect no signal SpeakerVolumeChanged within 0.5")
+    assert failed_at(done, 2) == ("expected no signal SpeakerVolumeChanged within 0.5 s, "
+                                  "seen: SpeakerVolumeChanged 65535 45")
 
 
 def test_times_are_the_earliest_moments_unless_fast(play, tv):
@@ -136,6 +164,36 @@ def test_ctrl_c_ends_a_scenario_at_once(tool, tmp_path):
     running.wait("begun")
     status, complaints = running.end(signal.SIGINT)
     assert status == 130 and len(complaints) == 1 and complaints[0].endswith(":2: interrupted")
+
+
+def test_ctrl_c_ends_a_scenario_that_never_waits(tool, tmp_path):
+    (tmp_path / "scenario.txt").write_text("say begun\n" + "call SetSpeakerVolume 30 -> 0\n" * 100_000)
+    running = tool.start("play", str(tmp_path / "scenario.txt"))
+    running.wait("begun")
+    status, complaints = running.end(signal.SIGINT)
+    assert status == 130 and len(complaints) == 1 and complaints[0].endswith(": interrupted")
+
+
+def test_ctrl_c_ends_the_line_of_a_gain_that_is_drawn(tool, tv, tmp_path):
+    (tmp_path / "scenario.txt").write_text("say begun\nexpect gain main 7 within 600\n")
+    terminal = tool.terminal("play", str(tmp_path / "scenario.txt"))
+    terminal.wait_for_row("begun")
+    gains = itertools.cycle((50, 51))
+
+    def is_drawn():
+        tv.echo(next(gains), "audio/main_out_gain2")
+        return "main gain" in terminal.output
+
+    terminal.wait_until(is_drawn, every=0.1)
+    terminal.type("\x03")
+    assert terminal.wait_for_end() == 130
+    assert terminal.output.replace("^C", "").splitlines()[-1].startswith("kavrel-tv: ")
+
+
+def test_the_tour_fits_into_80_columns(tool):
+    terminal = tool.terminal("tour", "--fast")
+    text = terminal.run()
+    assert [line for line in re.split(r"[\r\n]", re.sub(r"\033\[[0-9]*m", "", text)) if len(line) > 80] == []
 
 
 # --- record and plot
@@ -182,6 +240,19 @@ def test_a_recorded_fade_rises_without_a_step_back(recording):
     assert rise == sorted(rise) and set(rise) <= set(FULL_FADE) and rise[-1] == 100
     assert [row[4] for row in rows if row[4] == "1"]
     assert "route hdmi" in [row[5] for row in rows]
+
+
+def test_what_else_happens_is_recorded_by_its_name(tool, tv, tmp_path):
+    path = tmp_path / "events.csv"
+    running = tool.start("record", str(path))
+    running.wait_for_complaint("recording until Ctrl-C")
+    for command, event in (("zones 1,2", "zone 2 route tv"), ("zone-route 2 usb", "zone 2 route usb"), ("focus 2", "focus 2"),
+                           ("popup on", "events/FadeInPopup "), ("popup off", "events/FadeInPopup removed"),
+                           ("zones none", "zone 2 removed"), ("cable out", "settings/memory/sysman/spdif 0")):
+        tool(*command.split())
+        wait_until_recorded(path, lambda rows, event=event: any(row[5].startswith(event) for row in rows))
+    assert running.end() == (0, ["kavrel-tv: recording until Ctrl-C"])
+    assert not any("." in row[5] for row in rows_of(path))
 
 
 def test_a_plot_is_one_picture_with_axes_units_legend_and_marks(tool, recording, tmp_path):

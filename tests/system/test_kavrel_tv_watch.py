@@ -1,5 +1,7 @@
 """kavrel-tv watch: the TV live, in a terminal of 80 columns and 24 rows, and in a pipe."""
+import contextlib
 import json
+import os
 import signal
 import subprocess
 import time
@@ -19,20 +21,26 @@ def test_watch_shows_the_tv_live_in_80x24_and_leaves_the_terminal_as_it_was(tool
         tool(*command.split())
     tool.devices()
     terminal = tool.terminal("watch")
-    terminal.wait_for_row("│  ├─ volume       ██░░░░░░░░░░░░░░░░░░░░░░░ 10")
+    terminal.wait_for_row("│  ├─ volume       ██░░░░░░░░░░░░░░░░░░░░░░░ 10, mute off")
     assert ENTER in terminal.output
     for text in ("├─ output          2 hdmi, HDMI receiver, of the zone in focus", "│  └─ zone 2       0 tv, TV speaker",
                  "│  └─ sub gain     █████████████████████████ 100 %",
                  "   └─ com.norvik/featureconf/projector_feature_support    off"):
         terminal.wait_for_row(text)
     tool("volume", "40")
-    terminal.wait_for_row("│  ├─ volume       ██████████░░░░░░░░░░░░░░░ 40")
+    terminal.wait_for_row("│  ├─ volume       ██████████░░░░░░░░░░░░░░░ 40, mute off")
     tv.echo(100, LEVEL_REQUEST)
-    terminal.wait_for_row("│  ├─ level        █████████████████████████ 100")
-    tool("zones", "1,2,3")
-    terminal.wait_for_row("│  └─ zone 3       2 hdmi, HDMI receiver")
+    terminal.wait_for_row("│  ├─ level        █████████████████████████ 100, mute off")
+    tool("zones", "1,2,3,4")
+    terminal.wait_for_row("│  └─ zone 4       2 hdmi, HDMI receiver")
+    terminal.wait_until(lambda: len(terminal.rows()) == 24)  # all of the TV, even so
+    terminal.wait_for_row("   └─ com.norvik/featureconf/projector_feature_support    off")
+    tool("zones", "1,2,3,4,5")
+    terminal.wait_for_row("...")
+    assert terminal.rows()[22:] == ["   ├─ com.norvik/featureconf/internal_speaker_supported   on", "..."]
     tv.remove("audio/master_volume")
-    terminal.wait_for_row("│  ├─ volume       not set")
+    terminal.wait_for_row("│  ├─ volume       not set, mute off")
+    terminal.type("\x1c")  # Ctrl-\ would leave the terminal as it is now
     terminal.type("\x03")
     assert terminal.wait_for_end() == 0
     assert terminal.output.endswith(LEAVE)
@@ -58,7 +66,7 @@ def test_watch_gives_the_terminal_back_while_it_is_suspended(tool):
     assert terminal.modes() == terminal.modes_before
     tool("volume", "80")
     terminal.child.send_signal(signal.SIGCONT)
-    terminal.wait_for_row("│  ├─ volume       ████████████████████░░░░░ 80")
+    terminal.wait_for_row("│  ├─ volume       ████████████████████░░░░░ 80, mute off")
     terminal.type("\x03")
     assert terminal.wait_for_end() == 0
     assert terminal.modes() == terminal.modes_before
@@ -79,7 +87,7 @@ def test_watch_draws_at_most_20_times_a_second_and_the_last_state_always(tool, t
         for volume in range(50):
             tv.echo(volume, "audio/master_volume")
     tv.echo(96, "audio/master_volume")
-    terminal.wait_for_row("│  ├─ volume       ████████████████████████░ 96")
+    terminal.wait_for_row("│  ├─ volume       ████████████████████████░ 96, mute off")
     seconds = time.monotonic() - begin
     assert 5 <= terminal.frames() - frames <= 20 * seconds + 1
 
@@ -101,6 +109,59 @@ def test_watch_without_a_terminal_prints_each_state_without_colour(tool, tv):
     watch.wait("volume       ██░░")
     assert watch.end() == (0, [])
     assert not watch.said("\033")
+
+
+@contextlib.contextmanager
+def full_pipe():
+    """Its two ends; whoever writes to it and takes no waiting is told so."""
+    reader, writer = os.pipe()
+    os.set_blocking(writer, False)
+    with contextlib.suppress(BlockingIOError):
+        while True:
+            os.write(writer, b" " * 4096)
+    yield reader, writer
+    for end in (reader, writer):
+        with contextlib.suppress(OSError):
+            os.close(end)
+
+
+def wait_until_asleep(pid):
+    """Until it waits for the pipe, with nothing else to do."""
+    deadline = time.monotonic() + PATIENCE
+    asleep = 0
+    while asleep < 5:
+        assert time.monotonic() < deadline
+        time.sleep(0.01)
+        with open(f"/proc/{pid}/stat") as stat:
+            asleep = asleep + 1 if stat.read().rsplit(")", 1)[1].split()[0] == "S" else 0
+
+
+def test_watch_on_a_dumb_terminal_prints_each_state(tool):
+    terminal = tool.terminal("watch", TERM="dumb")
+    terminal.wait_until(lambda: "projector_feature_support" in terminal.output)
+    terminal.type("\x03")
+    assert terminal.wait_for_end() == 0
+    assert "\033" not in terminal.output
+
+
+def test_watch_ends_though_its_reader_does_not_read(tool, tv):
+    tool("show")
+    with full_pipe() as (_, writer), subprocess.Popen([KAVREL_TV, "watch", "--json"], env=tool.environment(), stdout=writer,
+                                                      stderr=subprocess.PIPE, text=True) as watch:
+        wait_until_asleep(watch.pid)
+        watch.send_signal(signal.SIGTERM)
+        assert watch.wait(PATIENCE) == 130
+        assert watch.stderr.read() == "kavrel-tv: interrupted while nobody read its output\n"
+
+
+def test_output_that_does_not_block_is_waited_for(tool):
+    with full_pipe() as (reader, writer):
+        with subprocess.Popen([KAVREL_TV, "show"], env=tool.environment(), stdout=writer) as show:
+            wait_until_asleep(show.pid)
+            os.close(writer)
+            with os.fdopen(os.dup(reader)) as output:
+                assert "projector_feature_support" in output.read()
+            assert show.wait(PATIENCE) == 0
 
 
 def test_watch_ends_with_its_reader(tool):

@@ -10,7 +10,7 @@ import time
 from pathlib import Path
 
 import pytest
-from gi.repository import Gio
+from gi.repository import Gio, GLib
 
 from harness import NAME, PATIENCE, ROOT, TV_SUPPORT, Process
 from terminal import Terminal
@@ -189,6 +189,8 @@ def test_volume_and_mute_as_objects(daemon, ctl, client):
     assert ctl("volume", "--json") == '{"volume":42,"volume_status":0}\n'
     client.set_mute(True)
     assert ctl("mute", "--json") == '{"mute":true,"mute_status":0}\n'
+    assert ctl("volume", "-2", "--json") == '{"volume":40,"volume_status":0}\n'
+    assert ctl("mute", "toggle", "--json") == '{"mute":true,"mute_status":0}\n'
 
 
 def test_volume_unmutes(daemon, ctl, client):
@@ -374,6 +376,9 @@ class Impostor:
             return message
         self.called.set()
         return None
+
+    def emit(self, signal, types, *values):
+        self.connection.emit_signal(None, "/Org/Olvane/KavrelInternal", NAME, signal, GLib.Variant(types, values))
 
 
 def test_daemon_that_ends_before_it_answers(scene, ctl):
@@ -577,6 +582,22 @@ def test_monitor_says_when_the_daemon_is_back_and_does_not_answer(scene, daemon,
     assert events([view.read_line(), view.read_line()]) == [
         ("back", "kavreld is on the bus again"), ("error", "no answer within 0.2 s")]
     assert impostor.called.is_set()
+    # From now on it tells what it hears.
+    impostor.emit("SpeakerVolumeChanged", "(ii)", 15, 44)
+    impostor.emit("SpeakerVolumeChanged", "(ii)", 15, 45)
+    impostor.emit("SpeakerMuteChanged", "(ib)", 15, True)
+    assert events([view.read_line() for _ in range(4)]) == [
+        ("support", ALL_WORDS.replace("0xffff", "0x000f")), ("volume", "44"), ("volume", "45"), ("mute", "on")]
+
+
+def test_monitor_goes_on_when_the_daemon_ends_before_its_first_answer(scene, ctl):
+    impostor = Impostor(scene.client())
+    view = ctl.view("monitor", "--timeout", "0")
+    assert impostor.called.wait(PATIENCE)
+    impostor.connection.close_sync(None)
+    assert events([view.read_line()]) == [("gone", "kavreld has left the bus")]
+    scene.start()
+    assert events(view.read_until("support"))[:2] == [("back", "kavreld is on the bus again"), ("volume", "10")]
 
 
 def test_monitor_asks_only_once(daemon, ctl, client):
@@ -767,6 +788,7 @@ def completed(*words):
     (["gain", ""], ["reset", "on-mute"]), (["gain", "reset", "m"], ["main"]), (["gain", "on-mute", ""], []),
     (["gain", "on-mute", "40", ""], ["main", "sub", "both"]), (["buds", "d"], ["disconnected"]),
     (["--timeout", ""], []), (["--timeout", "5", "mon"], ["monitor"]), (["status", "--timeout", "-"], []),
+    (["status", "--timeout", "="], []), (["--timeout", "=", "5", "mon"], ["monitor"]), (["--timeout", "=", "5"], []),
     (["status", "--j"], ["--json"]),
 ])
 def test_completion(words, offered):

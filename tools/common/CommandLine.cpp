@@ -3,6 +3,7 @@
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <csignal>
 #include <sstream>
@@ -47,6 +48,13 @@ public:
 
 std::string Quoted(std::string_view text) {
     return "\"" + Printable(text) + "\"";
+}
+
+/** Without an exponent. */
+std::string InFull(double number) {
+    std::array<char, 32> digits = {};
+    const auto end = std::to_chars(digits.begin(), digits.end(), number, std::chars_format::fixed).ptr;
+    return {digits.begin(), end};
 }
 
 std::string AsFooter(const std::string& examples) {
@@ -103,7 +111,7 @@ int CommandLine::Run(int argc, char** argv) {
     } catch (const ReaderGone&) {
         return EXIT_DONE;
     } catch (const UsageError& error) {
-        Complain(std::string(error.what()) + "; see " + CommandPath() + " --help");
+        Complain(InOneLine(error.what()) + "; see " + CommandPath() + " --help");
         return error.code;
     } catch (const ToolError& error) {
         Complain(InOneLine(error.what()));
@@ -158,6 +166,17 @@ int Number(std::string_view argument, const std::string& text, int least, int mo
             range = " of 32 bits";
         }
         throw UsageError(std::string(argument) + " must be a whole number" + range + ", not " + Quoted(text));
+    }
+    return number;
+}
+
+double Decimal(std::string_view argument, const std::string& text, double least, double most) {
+    double number = 0;
+    const char* end = text.data() + text.size();
+    const auto read = std::from_chars(text.data(), end, number);
+    if (read.ec != std::errc() || read.ptr != end || !(number >= least && number <= most)) {
+        throw UsageError(std::string(argument) + " must be a number from " + InFull(least) + " to " +
+                         InFull(most) + ", not " + Quoted(text));
     }
     return number;
 }

@@ -58,6 +58,8 @@ private:
  *  @throws UsageError, which names the argument, if it is none or out of range */
 int Number(std::string_view argument, const std::string& text, int least = std::numeric_limits<int>::min(),
            int most = std::numeric_limits<int>::max());
+/** The same for a number with decimals. */
+double Decimal(std::string_view argument, const std::string& text, double least, double most);
 /** The position of the text in the list. @throws UsageError, which names the argument, if it is not there */
 int Choice(std::string_view argument, const std::string& text,
            std::initializer_list<std::string_view> choices);

@@ -16,6 +16,7 @@ struct GLibRelease {
         g_source_destroy(source);
         g_source_unref(source);
     }
+    void operator()(GMainContext* context) const { g_main_context_unref(context); }
     void operator()(GDBusConnection* connection) const { g_object_unref(connection); }
     void operator()(GDBusMessage* message) const { g_object_unref(message); }
     void operator()(GCancellable* cancellable) const { g_object_unref(cancellable); }

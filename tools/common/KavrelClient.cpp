@@ -5,6 +5,8 @@
 #include <memory>
 #include <utility>
 
+#include "Output.h"
+
 namespace tools {
 
 namespace {
@@ -110,14 +112,15 @@ std::vector<std::string> SupportWords(int support) {
     return words;
 }
 
-std::string SupportInWords(int support) {
-    std::string words;
-    for (const auto& word : SupportWords(support)) {
-        words += (words.empty() ? "" : ", ") + word;
-    }
+std::string SupportInHex(int support) {
     std::array<char, 16> number = {};
-    std::snprintf(number.data(), number.size(), " (0x%04x)", static_cast<unsigned>(support));
-    return (words.empty() ? "nothing" : words) + number.data();
+    std::snprintf(number.data(), number.size(), "0x%04x", static_cast<unsigned>(support));
+    return number.data();
+}
+
+std::string SupportInWords(int support) {
+    const std::string words = Joined(SupportWords(support), ", ");
+    return (words.empty() ? "nothing" : words) + " (" + SupportInHex(support) + ")";
 }
 
 std::string StatusInWords(int status) {

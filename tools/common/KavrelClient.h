@@ -26,6 +26,8 @@ enum Support : int { READ_VOLUME = 1, SET_VOLUME = 2, READ_MUTE = 4, SET_MUTE = 
 
 /** "read volume", "set volume", ... */
 std::vector<std::string> SupportWords(int support);
+/** "0x000f" */
+std::string SupportInHex(int support);
 /** "read volume, set volume (0x0003)"; "nothing (0x0000)". */
 std::string SupportInWords(int support);
 /** "failed or busy (-1)", "platform error (-1002)"; "done (0)" from 0 on. */

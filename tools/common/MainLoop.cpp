@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "Errors.h"
+#include "Output.h"
 
 namespace tools {
 
@@ -25,7 +26,32 @@ struct MainLoop::Callback {
     static void Delete(void* data) { const std::unique_ptr<Callback> callback(static_cast<Callback*>(data)); }
 };
 
-MainLoop::MainLoop() : m_signals{QuitOn(SIGINT), QuitOn(SIGTERM), QuitOn(SIGHUP)} {}
+MainLoop::MainLoop() : m_stalled(g_main_context_new()) {
+    const auto interrupt = [](void* self) -> gboolean {
+        static_cast<MainLoop*>(self)->m_isInterrupted = true;
+        return G_SOURCE_CONTINUE;
+    };
+    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+        m_signals.push_back(OnSignal(number, [this, number] { Quit(128 + number); }));
+        m_signals.emplace_back(g_unix_signal_source_new(number));
+        g_source_set_callback(m_signals.back().get(), interrupt, this, nullptr);
+        g_source_attach(m_signals.back().get(), m_stalled.get());
+    }
+    WhileStalled([this] { LookAtSignals(); });
+}
+
+MainLoop::~MainLoop() {
+    WhileStalled({});
+}
+
+/** While nobody takes what is written nothing else is heard: these signals have a context of their own. */
+void MainLoop::LookAtSignals() {
+    while (g_main_context_iteration(m_stalled.get(), FALSE) != FALSE) {
+    }
+    if (m_isInterrupted) {
+        throw ToolError(EXIT_INTERRUPTED, "interrupted while nobody read its output");
+    }
+}
 
 void MainLoop::EndWithReader() {
     const auto quit = [](int, GIOCondition, void* loop) -> gboolean {
@@ -46,6 +72,11 @@ int MainLoop::Run() {
         std::rethrow_exception(m_thrown);
     }
     return m_exitCode;
+}
+
+int MainLoop::RunUntilInterrupted() {
+    const int exitCode = Run();
+    return exitCode == EXIT_INTERRUPTED ? EXIT_DONE : exitCode;
 }
 
 MainLoop::Waited MainLoop::RunUntil(const std::function<bool()>& met, std::chrono::milliseconds timeout) {
@@ -109,10 +140,6 @@ GLibPtr<GSource> MainLoop::Attach(GSource* source, std::function<void()> functio
     g_source_set_callback(source, Callback::Call, callback.release(), Callback::Delete);
     g_source_attach(source, nullptr);
     return GLibPtr<GSource>(source);
-}
-
-GLibPtr<GSource> MainLoop::QuitOn(int signalNumber) {
-    return OnSignal(signalNumber, [=, this] { Quit(128 + signalNumber); });
 }
 
 }  // namespace tools

@@ -3,10 +3,10 @@
 
 #include <glib.h>
 
-#include <array>
 #include <chrono>
 #include <exception>
 #include <functional>
+#include <vector>
 
 #include "GLibPtr.h"
 
@@ -15,11 +15,15 @@ namespace tools {
 /**
  * The default main context of a tool that stays, run until it is told to end: by Quit(), by Ctrl-C, SIGTERM
  * or SIGHUP, or because the reader of standard output has gone, which it notices at once and not at the next
- * write. Signals count from the construction on. One at a time, on the main thread.
+ * write. Signals count from the construction on, and end a wait for a reader that is there and does not read
+ * too. One at a time, on the main thread.
  */
 class MainLoop {
 public:
     MainLoop();
+    ~MainLoop();
+    MainLoop(const MainLoop&) = delete;
+    MainLoop& operator=(const MainLoop&) = delete;
 
     /** For tools whose output is all they are for: the end of its reader ends Run(), at once and not at the
      * next write, and with 0. */
@@ -28,6 +32,8 @@ public:
     /** @return what Quit() was given; 128 + the signal's number
      *  @throws what a guarded function has thrown */
     int Run();
+    /** The same for what Ctrl-C is the way to end: then 0. */
+    int RunUntilInterrupted();
     void Quit(int exitCode);
 
     enum class Waited { MET, EXPIRED, ENDED };
@@ -54,12 +60,14 @@ public:
 private:
     struct Callback;
     GLibPtr<GSource> Attach(GSource* source, std::function<void()> function, bool once);
-    GLibPtr<GSource> QuitOn(int signalNumber);
+    void LookAtSignals();
 
     bool m_ended = false;
     int m_exitCode = 0;
     std::exception_ptr m_thrown;
-    std::array<GLibPtr<GSource>, 3> m_signals;
+    bool m_isInterrupted = false;
+    const GLibPtr<GMainContext> m_stalled;
+    std::vector<GLibPtr<GSource>> m_signals;
     GLibPtr<GSource> m_reader;
 };
 

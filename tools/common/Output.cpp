@@ -2,9 +2,12 @@
 
 #include <glib.h>
 #include <json/writer.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
+#include <functional>
 #include <system_error>
 
 #include "Errors.h"
@@ -14,11 +17,26 @@ namespace tools {
 
 namespace {
 
+constexpr int BETWEEN_LOOKS = 100;  // milliseconds
+
+std::function<void()> whileStalled;
+
+/** Returns when a little can be written without waiting, or the write will tell why not. */
+void AwaitReader(int file) {
+    pollfd writable = {file, POLLOUT, 0};
+    while (poll(&writable, 1, BETWEEN_LOOKS) <= 0) {
+        if (whileStalled) {
+            whileStalled();
+        }
+    }
+}
+
 /** @return 0 or the errno */
 int WriteAll(int file, std::string_view text) {
     while (!text.empty()) {
-        const ssize_t written = write(file, text.data(), text.size());
-        if (written < 0 && errno != EINTR) {
+        AwaitReader(file);
+        const ssize_t written = write(file, text.data(), std::min<size_t>(text.size(), PIPE_BUF));
+        if (written < 0 && errno != EINTR && errno != EAGAIN) {
             return errno;
         }
         text.remove_prefix(written < 0 ? 0 : static_cast<size_t>(written));
@@ -27,6 +45,10 @@ int WriteAll(int file, std::string_view text) {
 }
 
 }  // namespace
+
+void WhileStalled(std::function<void()> look) {
+    whileStalled = std::move(look);
+}
 
 void Print(std::string_view text) {
     const int error = WriteAll(STDOUT_FILENO, text);
@@ -54,6 +76,7 @@ void Complain(std::string_view line) {
 std::string JsonLine(const Json::Value& value) {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
+    builder["precision"] = 15;
     return Json::writeString(builder, value);
 }
 

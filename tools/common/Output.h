@@ -7,11 +7,16 @@
 
 #include <json/value.h>
 
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace tools {
+
+/** Calls this several times a second while a reader does not take what is written, so that what it throws
+ *  ends the waiting; empty: nothing. */
+void WhileStalled(std::function<void()> look);
 
 /** Writes to standard output, unbuffered.
  *  @throws ReaderGone if nobody reads any more, ToolError if it cannot be written for another reason */

@@ -19,12 +19,17 @@ constexpr std::string_view LEAVE = "\033[?25h\033[?1049l";
 constexpr std::string_view TO_THE_TOP = "\033[H";
 constexpr std::string_view CLEAR_LINE = "\033[K";
 constexpr std::string_view CLEAR_REST_OF_SCREEN = "\033[J";
+constexpr std::string_view ELLIPSIS = "...";
+
+/** A terminal that understands more than text. */
+bool IsScreen() {
+    const char* terminal = g_getenv("TERM");
+    return isatty(STDOUT_FILENO) == 1 && (terminal == nullptr || std::string_view(terminal) != "dumb");
+}
 
 bool ColourIsWanted() {
     const char* noColour = g_getenv("NO_COLOR");
-    const char* terminal = g_getenv("TERM");
-    const bool isDumb = terminal != nullptr && std::string_view(terminal) == "dumb";
-    return isatty(STDOUT_FILENO) == 1 && !isDumb && (noColour == nullptr || *noColour == '\0');
+    return IsScreen() && (noColour == nullptr || *noColour == '\0');
 }
 
 }  // namespace
@@ -38,7 +43,6 @@ TerminalSize SizeOfTerminal() {
 }
 
 std::string Clipped(std::string_view line, int columns) {
-    constexpr std::string_view ELLIPSIS = "...";
     const char* begin = line.data();
     const auto bytes = static_cast<gssize>(line.size());
     if (g_utf8_strlen(begin, bytes) <= columns) {
@@ -58,7 +62,7 @@ std::string Style::Wrapped(std::string_view code, std::string_view text) const {
     return "\033[" + std::string(code) + "m" + std::string(text) + "\033[0m";
 }
 
-FullScreen::FullScreen() : m_isTerminal(isatty(STDOUT_FILENO) == 1) {
+FullScreen::FullScreen() : m_isScreen(IsScreen()) {
     Enter();
 }
 
@@ -71,18 +75,19 @@ FullScreen::~FullScreen() {
 }
 
 void FullScreen::Enter() {
-    if (!m_isTerminal) {
+    if (!m_isScreen) {
         return;
     }
     tcgetattr(STDOUT_FILENO, &m_before);
     termios silent = m_before;
     silent.c_lflag &= ~static_cast<tcflag_t>(ECHO | ICANON);
+    silent.c_cc[VQUIT] = _POSIX_VDISABLE;  // would end the process before it can put the terminal back
     tcsetattr(STDOUT_FILENO, TCSAFLUSH, &silent);
     Print(ENTER);
 }
 
 void FullScreen::Leave() const {
-    if (m_isTerminal) {
+    if (m_isScreen) {
         tcsetattr(STDOUT_FILENO, TCSAFLUSH, &m_before);
         Print(LEAVE);
     }
@@ -95,16 +100,17 @@ void FullScreen::Suspend() {
 }
 
 void FullScreen::Show(std::string_view lines) const {
-    if (!m_isTerminal) {
+    if (!m_isScreen) {
         Print(lines);
         return;
     }
     std::string frame(TO_THE_TOP);
     for (int rows = SizeOfTerminal().rows; rows > 0 && !lines.empty(); --rows) {
         const size_t end = lines.find('\n');
+        const bool isCut = rows == 1 && end != std::string_view::npos && end + 1 < lines.size();
         // Cleared before it is written: after a line as wide as the screen the cursor still stands on the
         // line's last column.
-        frame.append(CLEAR_LINE).append(lines.substr(0, end));
+        frame.append(CLEAR_LINE).append(isCut ? ELLIPSIS : lines.substr(0, end));
         lines.remove_prefix(end == std::string_view::npos ? lines.size() : end + 1);
         if (rows > 1) {  // a newline in the last row would scroll the first one away
             frame += lines.empty() ? std::string("\r\n").append(CLEAR_REST_OF_SCREEN) : "\r\n";

@@ -48,7 +48,7 @@ private:
 /**
  * The terminal as a canvas, for as long as the object lives: the alternate screen, without a cursor and
  * without what is typed. Leave by the end of the object, which a MainLoop brings about on Ctrl-C too, and the
- * terminal is as it was. Does nothing where standard output is no terminal.
+ * terminal is as it was. Does nothing where standard output is no terminal, or a dumb one.
  */
 class FullScreen {
 public:
@@ -57,7 +57,8 @@ public:
     FullScreen(const FullScreen&) = delete;
     FullScreen& operator=(const FullScreen&) = delete;
 
-    /** Shows the lines from the top on, what no longer fits left out, in one write and without flicker.
+    /** Shows the lines from the top on, in one write and without flicker. If they are too many, the last row
+     *  is "...".
      *  @throws ReaderGone, ToolError as Print() does */
     void Show(std::string_view lines) const;
 
@@ -71,7 +72,7 @@ private:
     void Enter();
     void Leave() const;
 
-    bool m_isTerminal;
+    bool m_isScreen;
     termios m_before = {};
 };
 

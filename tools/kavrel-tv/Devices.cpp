@@ -5,14 +5,13 @@
 #include <vconf.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <filesystem>
 
 #include "Clock.h"
 #include "Errors.h"
+#include "KavrelClient.h"
 #include "Output.h"
 #include "Platform.h"
 
@@ -197,9 +196,9 @@ void Devices::Publish(const DeviceKind& kind, const Request& request, const std:
     };
     const int support = m_manners.support.value_or(present(kind.supportKey, EVERYTHING));
     const int level =
-        request.level ? std::clamp(*request.level, 0, HIGHEST_LEVEL) : present(kind.levelKey, FIRST_LEVEL);
+        std::clamp(request.level.value_or(present(kind.levelKey, FIRST_LEVEL)), 0, HIGHEST_LEVEL);
     const int step = m_manners.rounding;
-    const int rounded = std::min((level + step / 2) / step * step, HIGHEST_LEVEL);
+    const int rounded = std::min((level + step / 2) / step, HIGHEST_LEVEL / step) * step;
     const int mute = request.mute ? static_cast<int>(*request.mute != 0) : present(kind.muteKey, 0);
 
     // The support word first: whoever hears of the level asks for it.
@@ -208,10 +207,8 @@ void Devices::Publish(const DeviceKind& kind, const Request& request, const std:
         tools::Complain(TakePlatformError());
         return;
     }
-    std::array<char, 16> word = {};
-    std::snprintf(word.data(), word.size(), "0x%04x", static_cast<unsigned>(support));
-    Say(kind.name,
-        verb + " level " + std::to_string(rounded) + ", mute " + OnOrOff(mute) + ", support " + word.data());
+    Say(kind.name, verb + " level " + std::to_string(rounded) + ", mute " + OnOrOff(mute) + ", support " +
+                       tools::SupportInHex(support));
 }
 
 void Devices::Vanish(const DeviceKind& kind) {

@@ -79,8 +79,7 @@ int Play(const std::string& directory, const Given& given) {
     tools::MainLoop loop;
     const Devices devices(loop, manners);
     tools::PrintLine("the devices behind the external outputs play until Ctrl-C");
-    const int status = loop.Run();
-    return status == tools::EXIT_INTERRUPTED ? tools::EXIT_DONE : status;  // Ctrl-C is how it ends
+    return loop.RunUntilInterrupted();
 }
 
 }  // namespace
@@ -101,7 +100,7 @@ void AddDevices(tools::CommandLine& line, const Options& options) {
     command.add_flag("--deaf", given->isDeaf, "take requests and do nothing");
     add("--fail", "PERCENT", given->failures, "leave so many of the requests unanswered, at random");
     add("--rounding", "N", given->rounding, "have only levels that are a multiple of N, up to 100");
-    command.add_flag("--double", given->answersTwice, "answer every request twice");
+    command.add_flag("--double", given->answersTwice, "answer every request twice, the same each time");
     add("--vanish-after", "N", given->vanishAfter,
         "after N answers the device in use takes its values\nback and answers no more");
     add("--seed", "N", given->seed, "make what is random the same each time");

@@ -24,10 +24,15 @@ constexpr std::size_t BUFFER_SIZE = 65536;
 constexpr std::uint32_t EVENTS = IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_FROM | IN_MOVED_TO | IN_CREATE |
                                  IN_DELETE | IN_DELETE_SELF | IN_ONLYDIR;
 
-/** Names with a dot are nobody's value: a writer's file before it is moved into place. In the directory
- * itself they may be something else. */
+/** Names with a dot are nobody's value: a writer's file or a folder before it is moved into place. In the
+ * directory itself they may be something else. */
 bool IsTemporary(const fs::path& path) {
     return path.has_parent_path() && path.filename().string().starts_with('.');
+}
+
+[[noreturn]] void CannotWatch(const fs::path& directory) {
+    throw tools::ToolError(tools::EXIT_REFUSED, "cannot watch " + directory.string() + ": " +
+                                                    std::generic_category().message(errno));
 }
 
 }  // namespace
@@ -36,12 +41,15 @@ DirectoryWatch::DirectoryWatch(tools::MainLoop& loop, fs::path directory, Handle
     : m_directory(std::move(directory)),
       m_handler(std::move(handler)),
       m_inotify(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
+    if (m_inotify < 0) {
+        CannotWatch(m_directory);
+    }
     Follow("", false);
     if (m_folders.empty()) {
         const int error = errno;
         close(m_inotify);
-        throw tools::ToolError(tools::EXIT_REFUSED, "cannot watch " + m_directory.string() + ": " +
-                                                        std::generic_category().message(error));
+        errno = error;
+        CannotWatch(m_directory);
     }
     m_source = loop.WhenReadable(m_inotify, [this] { Read(); });
 }
@@ -80,11 +88,17 @@ void DirectoryWatch::Handle(const inotify_event& event) {
     const fs::path path = event.len > 0 ? folder->second / event.name : folder->second;
     const bool isNew = (event.mask & (IN_CREATE | IN_MOVED_TO)) != 0;
     std::error_code ignored;
+    if (IsTemporary(path)) {
+        return;
+    }
     if (isNew && fs::is_directory(m_directory / path, ignored)) {
         Follow(path, true);
         m_handler(Event::WRITTEN, "");
-    } else if ((event.mask & IN_ISDIR) == 0 && !IsTemporary(path)) {
+    } else if ((event.mask & IN_ISDIR) == 0) {
         HandleFile(path, event.mask);
+    } else if ((event.mask & (IN_DELETE | IN_MOVED_FROM)) != 0) {
+        Leave(path);
+        m_handler(Event::REMOVED, path);
     }
 }
 
@@ -102,6 +116,19 @@ void DirectoryWatch::HandleFile(const fs::path& path, std::uint32_t mask) {
     }
 }
 
+/** A folder that was moved away is no longer heard of under its old name. */
+void DirectoryWatch::Leave(const fs::path& folder) {
+    const std::string below = folder.string() + "/";
+    std::erase_if(m_folders, [&](const auto& entry) {
+        const auto& [watch, path] = entry;
+        const bool isGone = path == folder || path.string().starts_with(below);
+        if (isGone) {
+            inotify_rm_watch(m_inotify, watch);
+        }
+        return isGone;
+    });
+}
+
 /** Watches a folder and those in it; what is written before the watch is set is told of by its name. */
 void DirectoryWatch::Follow(const fs::path& folder, bool tellOfFiles) {
     const int watch = inotify_add_watch(m_inotify, (m_directory / folder).c_str(), EVENTS);
@@ -116,6 +143,9 @@ void DirectoryWatch::Follow(const fs::path& folder, bool tellOfFiles) {
          !error && entry != fs::directory_iterator(); entry.increment(error)) {
         const fs::path path = folder / entry->path().filename();
         std::error_code ignored;
+        if (IsTemporary(path)) {
+            continue;
+        }
         if (entry->is_directory(ignored)) {
             Follow(path, tellOfFiles);
         } else if (tellOfFiles) {

@@ -26,7 +26,8 @@ public:
         REMOVED,
         LOST,  // notifications have been lost: anything may have happened
     };
-    /** @param path below the directory; empty for what has happened to a folder, or is lost */
+    /** @param path below the directory: of a file, or of a folder that was removed; empty for what else has
+     *  happened to a folder, or is lost */
     using Handler = std::function<void(Event event, const std::string& path)>;
 
     /** @throws ToolError if the directory cannot be watched */
@@ -39,6 +40,7 @@ private:
     void Read();
     void Handle(const inotify_event& event);
     void HandleFile(const std::filesystem::path& path, std::uint32_t mask);
+    void Leave(const std::filesystem::path& folder);
     void Follow(const std::filesystem::path& folder, bool tellOfFiles);
 
     const std::filesystem::path m_directory;

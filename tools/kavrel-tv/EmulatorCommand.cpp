@@ -49,6 +49,9 @@ private:
         const ssize_t size = read(m_file, chunk.data(), chunk.size());
         if (size <= 0) {
             m_source.reset();  // the end, or a terminal that other programs read from
+            if (!m_begun.empty()) {
+                m_handler(m_begun);
+            }
             return;
         }
         m_begun.append(chunk.data(), static_cast<std::size_t>(size));
@@ -80,8 +83,7 @@ int Emulate(const Given& given) {
             tools::Complain(error.what());
         }
     });
-    const int status = loop.Run();
-    return status == tools::EXIT_INTERRUPTED ? tools::EXIT_DONE : status;  // Ctrl-C is how it ends
+    return loop.RunUntilInterrupted();
 }
 
 }  // namespace

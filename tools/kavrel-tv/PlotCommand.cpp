@@ -13,6 +13,7 @@
 #include "Output.h"
 #include "ReadFile.h"
 #include "Recording.h"
+#include "Terminal.h"
 
 namespace tv {
 
@@ -20,6 +21,7 @@ namespace {
 
 constexpr double CLOSEST_MARKS = 0.04;  // of the time shown
 constexpr double LEAST_SPAN = 0.1;      // seconds
+constexpr int LONGEST_MARK = 24;        // characters, which fit above the panel
 
 /** For a single-quoted string of gnuplot. */
 std::string Quoted(const std::string& text) {
@@ -55,7 +57,7 @@ std::string Marks(const std::vector<Moment>& moments, double closest, bool named
     }
     for (std::size_t i = 0; i < marks.size();) {
         const double seconds = marks[i]->seconds;
-        std::string name = ShortMark(marks[i]->event);
+        std::string name = tools::Clipped(tools::Printable(ShortMark(marks[i]->event)), LONGEST_MARK);
         const std::size_t first = i;
         while (i < marks.size() && marks[i]->seconds < seconds + closest) {
             ++i;

@@ -60,23 +60,39 @@ private:
     void On(DirectoryWatch::Event event, const std::string& path) {
         if (event == DirectoryWatch::Event::LOST) {
             Note("notifications lost");
-        } else if (event == DirectoryWatch::Event::WRITTEN && !path.empty()) {
+        } else if (!path.empty()) {
             const bool isColumn = std::any_of(COLUMNS.begin(), COLUMNS.end(),
                                               [&](const Column& column) { return path == column.path; });
-            Note(isColumn ? "" : Describe(path));
+            const bool isRemoved = event == DirectoryWatch::Event::REMOVED;
+            Note(isColumn ? "" : NameOf(path) + " " + (isRemoved ? "removed" : ValueOf(path)));
         }
     }
 
-    /** "route hdmi", "settings/memory/sysman/spdif 0". */
-    static std::string Describe(const std::string& path) {
+    /** As the verbs call it: "route", "focus", "zone 2 route"; else its path. */
+    static std::string NameOf(const std::string& path) {
+        static constexpr std::string_view ZONES = "sound/zones/";
+        if (path == ROUTE_PATH) {
+            return "route";
+        }
+        if (path == FOCUS_PATH) {
+            return "focus";
+        }
+        if (!path.starts_with(ZONES)) {
+            return path;
+        }
+        std::string name = "zone " + path.substr(ZONES.size());
+        std::replace(name.begin(), name.end(), '/', ' ');
+        return name;
+    }
+
+    static std::string ValueOf(const std::string& path) {
         std::string text;
         if (host::TryRead({path, std::nullopt}, text) != 0) {
-            return path;
+            return "unreadable";
         }
         int route = 0;
         const bool isRoute = path.ends_with("/route") && host::ParseInteger(text, {}, route) == 0;
-        const std::string what = path == "sound/route" ? "route" : path == "zones/focus" ? "focus" : path;
-        return what + " " + (isRoute ? std::string(NameOfRoute(route)) : text);
+        return isRoute ? std::string(NameOfRoute(route)) : text;
     }
 
     void Write(const std::string& text) {
@@ -94,7 +110,8 @@ private:
     int m_count = 0;
 };
 
-int Record(const std::string& directory, const std::string& name, double seconds) {
+int Record(const std::string& directory, const std::string& name, const std::string& text) {
+    const double seconds = text.empty() ? 0 : tools::Decimal("--seconds", text, 0.001, 86400);
     OpenTv(directory);
     tools::MainLoop loop;
     Recorder recorder(loop, directory, name);
@@ -106,17 +123,17 @@ int Record(const std::string& directory, const std::string& name, double seconds
     } else {
         tools::Complain("recording until Ctrl-C");
     }
-    const int status = loop.Run();
+    const int status = loop.RunUntilInterrupted();
     recorder.Note("end");
     tools::PrintLine(std::to_string(recorder.Count()) + " moments in " + tools::Printable(name));
-    return status == tools::EXIT_INTERRUPTED ? tools::EXIT_DONE : status;  // Ctrl-C is a way to end it
+    return status;
 }
 
 }  // namespace
 
 void AddRecord(tools::CommandLine& line, const Options& options) {
     auto file = std::make_shared<std::string>();
-    auto seconds = std::make_shared<double>(0);
+    auto seconds = std::make_shared<std::string>();
     CLI::App& record =
         line.AddCommand("record",
                         "record gains, volume and mute over time\n\n"
@@ -125,9 +142,8 @@ void AddRecord(tools::CommandLine& line, const Options& options) {
                         "kavrel-tv record --seconds 5 fade.csv",
                         [&options, file, seconds] { return Record(options.directory, *file, *seconds); });
     record.add_option("FILE", *file, "is written anew")->required();
-    record.add_option("--seconds", *seconds, "for how long")
-        ->type_name("S")
-        ->check(CLI::Range(0.001, 86400.0));
+    record.add_option("--seconds", *seconds, "for how long, 0.001 to 86400; without it: until Ctrl-C")
+        ->type_name("S");
 }
 
 }  // namespace tv

@@ -16,6 +16,8 @@
 #include <string_view>
 #include <vector>
 
+#include "Snapshot.h"
+
 namespace tv {
 
 /** The recorded values, as the columns have them. */
@@ -24,10 +26,10 @@ struct Column {
     const char* path;  // below the TV directory
 };
 inline constexpr std::array<Column, 4> COLUMNS = {{
-    {"main_gain", "audio/main_out_gain2"},
-    {"sub_gain", "audio/sub_out_gain2"},
-    {"volume", "audio/master_volume"},
-    {"mute", "audio/master_mute"},
+    {"main_gain", MAIN_GAIN_PATH},
+    {"sub_gain", SUB_GAIN_PATH},
+    {"volume", VOLUME_PATH},
+    {"mute", MUTE_PATH},
 }};
 
 struct Moment {

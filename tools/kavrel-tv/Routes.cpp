@@ -3,6 +3,10 @@
 #include <algorithm>
 #include <array>
 
+#include "CommandLine.h"
+#include "Errors.h"
+#include "Output.h"
+
 namespace tv {
 
 namespace {
@@ -91,6 +95,18 @@ const Route* FindRoute(int code) {
 const Route* FindRoute(std::string_view name) {
     return EndToNull(
         std::find_if(ROUTES.begin(), ROUTES.end(), [&](const Route& it) { return it.name == name; }));
+}
+
+int RouteIn(const std::string& text) {
+    if (const Route* named = FindRoute(text); named != nullptr) {
+        return named->code;
+    }
+    try {
+        return tools::Number("the route", text);
+    } catch (const tools::UsageError&) {
+        throw tools::UsageError("the route must be a code or one of the names, not \"" +
+                                tools::Printable(text) + "\"");
+    }
 }
 
 std::string_view NameOfRoute(int code) {

@@ -36,6 +36,10 @@ std::span<const DeviceKind* const> DeviceKinds();
 const Route* FindRoute(int code);
 const Route* FindRoute(std::string_view name);
 
+/** The code that a person means by a name or a number; any number may be one.
+ *  @throws UsageError */
+int RouteIn(const std::string& text);
+
 /** "unknown" for a code without an entry. */
 std::string_view NameOfRoute(int code);
 

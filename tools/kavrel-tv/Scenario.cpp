@@ -8,7 +8,7 @@
 #include <cmath>
 #include <map>
 #include <memory>
-#include <utility>
+#include <span>
 
 #include "CommandLine.h"
 #include "Errors.h"
@@ -83,7 +83,12 @@ int NumberOf(const std::string& word) {
 
 // --- Methods and signals: their arguments' types
 
-constexpr std::array<std::pair<std::string_view, std::string_view>, 9> METHODS = {{
+struct Member {
+    std::string_view name;
+    std::string_view types;
+};
+
+constexpr std::array<Member, 9> METHODS = {{
     {"GetSpeakerSupportType", ""},
     {"SetSpeakerVolume", "i"},
     {"GetSpeakerVolume", ""},
@@ -95,12 +100,25 @@ constexpr std::array<std::pair<std::string_view, std::string_view>, 9> METHODS =
     {"ApplyGainOnMute", "ii"},
 }};
 
-constexpr std::array<std::pair<std::string_view, std::string_view>, 4> SIGNALS = {{
+/** What kavreld listens to. */
+constexpr std::array<Member, 4> SIGNALS = {{
     {"BudsConnected", "i"},
     {"BudsDisconnected", "i"},
     {"SpkDisconnected", "is"},
     {"ApplyPulseAudioGain", "ii"},
 }};
+
+/** What else can be heard. */
+constexpr std::array<Member, 4> NEWS = {{
+    {"SpeakerVolumeChanged", "ii"},
+    {"SpeakerMuteChanged", "ib"},
+    {"SpeakerChangeRequest", "ii"},
+    {"SpkVolumeChanged", "iii"},
+}};
+
+const std::string& Utf8(const std::string& word) {
+    return tools::Utf8("each text", word);
+}
 
 bool IsTrue(const std::string& word) {
     return tools::Choice("a switch", word, {"false", "true"}) == 1;
@@ -109,30 +127,55 @@ bool IsTrue(const std::string& word) {
 tools::Variant Argument(char type, const std::string& word) {
     return tools::Variant(g_variant_ref_sink(type == 'i'   ? g_variant_new_int32(NumberOf(word))
                                              : type == 'b' ? g_variant_new_boolean(IsTrue(word))
-                                                           : g_variant_new_string(word.c_str())));
+                                                           : g_variant_new_string(Utf8(word).c_str())));
+}
+
+const Member* Find(std::span<const Member> members, const Words& words) {
+    const auto found = std::find_if(members.begin(), members.end(), [&](const Member& member) {
+        return !words.empty() && words[0] == member.name;
+    });
+    return found != members.end() ? &*found : nullptr;
+}
+
+[[noreturn]] void RefuseMember(const char* kind, const Words& words) {
+    throw tools::UsageError(std::string("there is no such ") + kind + ": \"" +
+                            tools::Printable(words.empty() ? "" : words[0]) + "\"");
+}
+
+void NeedArguments(const Member& member, const Words& words) {
+    if (words.size() != member.types.size() + 1) {
+        throw tools::UsageError(words[0] + " takes " + std::to_string(member.types.size()) + " arguments");
+    }
 }
 
 /** A member's arguments, taken from the words behind its name. */
-template <std::size_t COUNT>
-tools::Variant Arguments(const std::array<std::pair<std::string_view, std::string_view>, COUNT>& members,
-                         const char* kind, const Words& words) {
-    for (const auto& [name, types] : members) {
-        if (words.empty() || words[0] != name) {
-            continue;
-        }
-        if (words.size() != types.size() + 1) {
-            throw tools::UsageError(words[0] + " takes " + std::to_string(types.size()) + " arguments");
-        }
-        std::vector<tools::Variant> owners;
-        std::vector<GVariant*> arguments;
-        for (std::size_t i = 0; i < types.size(); ++i) {
-            owners.push_back(Argument(types[i], words[i + 1]));
-            arguments.push_back(owners.back().get());
-        }
-        return tools::Variant(g_variant_ref_sink(g_variant_new_tuple(arguments.data(), arguments.size())));
+tools::Variant Arguments(std::span<const Member> members, const char* kind, const Words& words) {
+    const Member* member = Find(members, words);
+    if (member == nullptr) {
+        RefuseMember(kind, words);
     }
-    throw tools::UsageError(std::string("there is no such ") + kind + ": \"" +
-                            tools::Printable(words.empty() ? "" : words[0]) + "\"");
+    NeedArguments(*member, words);
+    std::vector<tools::Variant> owners;
+    std::vector<GVariant*> arguments;
+    for (std::size_t i = 0; i < member->types.size(); ++i) {
+        owners.push_back(Argument(member->types[i], words[i + 1]));
+        arguments.push_back(owners.back().get());
+    }
+    return tools::Variant(g_variant_ref_sink(g_variant_new_tuple(arguments.data(), arguments.size())));
+}
+
+/** A signal to be heard: the name alone stands for any arguments. */
+void NeedSignal(const Words& words) {
+    const Member* member = Find(NEWS, words);
+    if (member == nullptr) {
+        member = Find(SIGNALS, words);
+    }
+    if (member == nullptr) {
+        RefuseMember("signal", words);
+    }
+    if (words.size() > 1) {
+        NeedArguments(*member, words);
+    }
 }
 
 // --- What the lines do
@@ -158,9 +201,16 @@ Act Settle(const Words& words) {
 Act Call(Words words) {
     const milliseconds patience = TakeWithin(words).value_or(milliseconds(0));
     const auto arrow = std::find(words.begin(), words.end(), "->");
-    const Words answer(arrow == words.end() ? arrow : arrow + 1, words.end());
+    const bool isAnswerGiven = arrow != words.end();
+    const Words answer(isAnswerGiven ? arrow + 1 : arrow, words.end());
     words.erase(arrow, words.end());
     const std::shared_ptr<GVariant> arguments(Arguments(METHODS, "method", words).release(), g_variant_unref);
+    const std::size_t values =
+        words[0].starts_with("Get") ? 2 : 1;  // a getter's value comes before its status
+    if (isAnswerGiven && answer.size() != values) {
+        throw tools::UsageError(words[0] + " answers " + std::to_string(values) +
+                                (values == 1 ? " number" : " numbers, a value and a status"));
+    }
     return [=](Stage& stage) { stage.Call(words[0], arguments.get(), answer, patience); };
 }
 
@@ -173,6 +223,7 @@ Act ExpectSignal(const Words& words, milliseconds patience) {
     if (words.empty()) {
         throw tools::UsageError("the form is: expect signal NAME [ARGUMENTS...] [within SECONDS]");
     }
+    NeedSignal(words);
     return [=](Stage& stage) { stage.ExpectSignal(words, patience); };
 }
 
@@ -180,9 +231,9 @@ Act ExpectNoSignal(const Words& words, milliseconds time) {
     if (words.size() < 2 || words[0] != "signal") {
         throw tools::UsageError("the form is: expect no signal NAME [ARGUMENTS...] [within SECONDS]");
     }
-    return [=, signal = Words(words.begin() + 1, words.end())](Stage& stage) {
-        stage.ExpectNoSignal(signal, time);
-    };
+    const Words signal(words.begin() + 1, words.end());
+    NeedSignal(signal);
+    return [=](Stage& stage) { stage.ExpectNoSignal(signal, time); };
 }
 
 Act ExpectValue(const Words& words, milliseconds patience) {
@@ -192,9 +243,9 @@ Act ExpectValue(const Words& words, milliseconds patience) {
 
 Act ExpectOutput(const Words& words, milliseconds patience) {
     NeedCount(words, 1, "expect output ROUTE [within SECONDS]");
-    const Route* route = FindRoute(words[0]);
+    const Route* route = FindRoute(RouteIn(words[0]));
     if (route == nullptr) {
-        throw tools::UsageError("there is no such route: \"" + tools::Printable(words[0]) + "\"");
+        throw tools::UsageError("there is no such output: " + words[0]);
     }
     return [=](Stage& stage) { stage.ExpectOutput(*route, patience); };
 }

@@ -109,7 +109,7 @@ Output ReadOutput() {
             return {route, focus.value};
         }
     }
-    return {ReadNumber("sound/route"), std::nullopt};
+    return {ReadNumber(ROUTE_PATH), std::nullopt};
 }
 
 DeviceState ReadDevice(const DeviceKind& kind) {
@@ -124,14 +124,14 @@ Snapshot ReadTv() {
     if (const DeviceKind* kind = tv.output.Device(); kind != nullptr) {
         tv.device = ReadDevice(*kind);
     }
-    tv.route = ReadNumber("sound/route");
+    tv.route = ReadNumber(ROUTE_PATH);
     tv.multiview = IsMultiviewOn();
     tv.zones = ReadZones();
     tv.focus = ReadFocus();
-    tv.volume = ReadNumber("audio/master_volume", {0, 100});
-    tv.mute = ReadNumber(host::MasterMute().path, {0, 1});
-    tv.mainGain = ReadNumber("audio/main_out_gain2");
-    tv.subGain = ReadNumber("audio/sub_out_gain2");
+    tv.volume = ReadNumber(VOLUME_PATH, {0, 100});
+    tv.mute = ReadNumber(MUTE_PATH, {0, 1});
+    tv.mainGain = ReadNumber(MAIN_GAIN_PATH);
+    tv.subGain = ReadNumber(SUB_GAIN_PATH);
     tv.cable = ReadSetting(CABLE_KEY);
     tv.mobile = ReadSetting(MOBILE_KEY);
     tv.projector = ReadSetting(PROJECTOR_KEY);

@@ -26,7 +26,12 @@ inline constexpr const char* INTERNAL_SPEAKER_FEATURE = "com.norvik/featureconf/
 inline constexpr const char* MULTIVIEW_FEATURE = "com.norvik/featureconf/multiview.support";
 inline constexpr const char* PROJECTOR_FEATURE = "com.norvik/featureconf/projector_feature_support";
 
+inline constexpr const char* ROUTE_PATH = "sound/route";
 inline constexpr const char* FOCUS_PATH = "zones/focus";
+inline constexpr const char* VOLUME_PATH = "audio/master_volume";
+inline constexpr const char* MUTE_PATH = "audio/master_mute";
+inline constexpr const char* MAIN_GAIN_PATH = "audio/main_out_gain2";
+inline constexpr const char* SUB_GAIN_PATH = "audio/sub_out_gain2";
 
 /** A value as its file has it. */
 struct Number {

@@ -11,6 +11,7 @@
 #include "Errors.h"
 #include "Output.h"
 #include "Platform.h"
+#include "Snapshot.h"
 
 namespace tv {
 
@@ -28,8 +29,8 @@ constexpr int FULL_GAIN = 100;
 constexpr int HIGHEST_FADE_START = 25;
 constexpr int BAR_WIDTH = 50;
 
-std::string PathOf(Out out) {
-    return out == Out::MAIN ? "audio/main_out_gain2" : "audio/sub_out_gain2";
+const char* PathOf(Out out) {
+    return out == Out::MAIN ? MAIN_GAIN_PATH : SUB_GAIN_PATH;
 }
 
 std::string NameOf(Out out) {
@@ -51,11 +52,22 @@ Stage::Words ToWords(GVariant* tuple) {
     return words;
 }
 
+/** Cut where it would not fit on a terminal beside what stands before it. */
+std::string Fitting(const std::string& step) {
+    const int room = tools::SizeOfTerminal().columns - static_cast<int>(std::string_view("  ok  ").size());
+    return isatty(STDOUT_FILENO) != 0 ? tools::Clipped(step, room) : step;
+}
+
 bool Matches(const Stage::Words& pattern, const Stage::Words& words) {
     return std::equal(pattern.begin(), pattern.end(), words.begin(), words.end(),
                       [](const std::string& expected, const std::string& seen) {
                           return expected == "*" || expected == seen;
                       });
+}
+
+/** A name alone stands for any arguments. */
+bool MatchesSignal(const Stage::Words& pattern, const Stage::Words& signal) {
+    return pattern.size() == 1 ? pattern[0] == signal[0] : Matches(pattern, signal);
 }
 
 std::string InSeconds(std::chrono::milliseconds time) {
@@ -81,17 +93,20 @@ Stage::Stage(tools::MainLoop& loop, const std::string& directory, Pace pace)
 void Stage::Play(const Scenario& scenario) {
     const auto start = Clock::now();
     for (const Step& step : scenario) {
-        if (step.at && m_pace == Pace::AS_WRITTEN) {
-            const auto left = std::chrono::ceil<Milliseconds>(start + *step.at - Clock::now());
-            Wait([] { return false; }, std::max(left, Milliseconds(0)));
-        }
         try {
+            if (step.at && m_pace == Pace::AS_WRITTEN) {
+                const auto left = std::chrono::ceil<Milliseconds>(start + *step.at - Clock::now());
+                Settle(std::max(left, Milliseconds(0)));
+            }
+            CatchUp();
             step.act(*this);
         } catch (const tools::ToolError& error) {
             throw tools::ToolError(error.code, step.place + ": " + error.what());
+        } catch (const std::runtime_error& error) {
+            throw tools::ToolError(tools::EXIT_REFUSED, step.place + ": " + error.what());
         }
         if (!step.text.starts_with("say ") && !step.text.starts_with("pause ")) {
-            tools::PrintLine("  " + m_style.Green("ok") + "  " + step.text);
+            tools::PrintLine("  " + m_style.Green("ok") + "  " + Fitting(step.text));
         }
     }
 }
@@ -99,7 +114,7 @@ void Stage::Play(const Scenario& scenario) {
 // --- The steps
 
 void Stage::Say(const std::string& text) {
-    tools::PrintLine(m_style.Bold(text));
+    tools::PrintLine(m_style.Bold(tools::Printable(text)));
 }
 
 void Stage::Pause(Milliseconds time) {
@@ -146,7 +161,7 @@ void Stage::Emit(const std::string& signal, GVariant* arguments) {
 void Stage::ExpectSignal(const Words& signal, Milliseconds patience) {
     const auto find = [&] {
         return std::find_if(m_heard.begin(), m_heard.end(),
-                            [&](const Words& heard) { return Matches(signal, heard); });
+                            [&](const Words& heard) { return MatchesSignal(signal, heard); });
     };
     if (!Wait([&] { return find() != m_heard.end(); }, patience)) {
         Miss("the signal " + tools::Joined(signal) + " within " + InSeconds(patience), Heard());
@@ -157,7 +172,7 @@ void Stage::ExpectSignal(const Words& signal, Milliseconds patience) {
 void Stage::ExpectNoSignal(const Words& signal, Milliseconds time) {
     const auto isHeard = [&] {
         return std::any_of(m_heard.begin(), m_heard.end(),
-                           [&](const Words& heard) { return Matches(signal, heard); });
+                           [&](const Words& heard) { return MatchesSignal(signal, heard); });
     };
     if (Wait(isHeard, time)) {
         Miss("no signal " + tools::Joined(signal) + " within " + InSeconds(time), Heard());
@@ -256,10 +271,14 @@ void Stage::NoteGain(Out out) {
     }
 }
 
-void Stage::Begin() {
-    // What has happened so far belongs to the deeds before.
+void Stage::CatchUp() {
     for (int i = 0; i < MOST_PENDING && g_main_context_iteration(nullptr, FALSE) != FALSE; ++i) {
     }
+    Wait([] { return true; }, Milliseconds(0));
+}
+
+void Stage::Begin() {
+    CatchUp();
     for (const Out out : {Out::MAIN, Out::SUB}) {
         m_gains[out].clear();
         NoteGain(out);
@@ -280,12 +299,24 @@ bool Stage::Wait(const std::function<bool()>& met, Milliseconds patience) {
 
 /** Draws the gain as it moves: live on a terminal, else its values once it is there. */
 bool Stage::WaitForGain(Out out, const std::function<bool()>& met, Milliseconds patience) {
-    const bool live = isatty(STDOUT_FILENO) != 0;
-    m_drawn = live ? std::optional(out) : std::nullopt;
-    const bool isMet = Wait(met, patience);
-    m_drawn.reset();
-    tools::PrintLine(live ? "" : "      " + NameOf(out) + " gain: " + Gains(out));
-    return isMet;
+    if (isatty(STDOUT_FILENO) == 0) {
+        const bool isMet = Wait(met, patience);
+        tools::PrintLine("      " + NameOf(out) + " gain: " + Gains(out));
+        return isMet;
+    }
+    m_drawn = out;
+    const auto end_line = [this] {
+        m_drawn.reset();
+        tools::PrintLine("");
+    };
+    try {
+        const bool isMet = Wait(met, patience);
+        end_line();
+        return isMet;
+    } catch (const tools::ToolError&) {
+        end_line();
+        throw;
+    }
 }
 
 void Stage::DrawGain(Out out) {

@@ -54,7 +54,7 @@ public:
      *  @param patience for how long another answer, such as "busy", is asked again */
     void Call(const std::string& method, GVariant* arguments, const Words& answer, Milliseconds patience);
     void Emit(const std::string& signal, GVariant* arguments);
-    /** @param signal its name and its arguments, "*" for any */
+    /** @param signal its name and its arguments, "*" for any; the name alone for any arguments */
     void ExpectSignal(const Words& signal, Milliseconds patience);
     void ExpectNoSignal(const Words& signal, Milliseconds time);
     /** @param path below the TV directory */
@@ -70,6 +70,8 @@ private:
     void On(DirectoryWatch::Event event, const std::string& path);
     void Hear(const std::string& signal, GVariant* body);
     void NoteGain(Out out);
+    /** Hears what has happened so far. @throws ToolError when it was told to end */
+    void CatchUp();
     /** A new deed begins: what was seen of the gains before counts no more. */
     void Begin();
     bool Wait(const std::function<bool()>& met, Milliseconds patience);

@@ -51,19 +51,6 @@ bool IsOn(const std::string& text) {
     return tools::Choice("the state", text, {"off", "on"}) == 1;
 }
 
-int RouteIn(const std::string& text) {
-    const Route* named = FindRoute(text);
-    if (named != nullptr) {
-        return named->code;
-    }
-    try {
-        return tools::Number("the route", text);
-    } catch (const tools::UsageError&) {
-        throw tools::UsageError("the route must be a code or one of the names, not \"" +
-                                tools::Printable(text) + "\"");
-    }
-}
-
 std::set<int> ZonesIn(const std::string& text) {
     std::set<int> zones;
     std::istringstream list(text == "none" ? "" : text + ",");
@@ -73,6 +60,14 @@ std::set<int> ZonesIn(const std::string& text) {
     return zones;
 }
 
+/** @throws UsageError for a key that the platform would refuse */
+const std::string& KeyIn(const std::string& text) {
+    if (!host::IsKey(text)) {
+        throw tools::UsageError("\"" + tools::Printable(text) + "\" is no key");
+    }
+    return text;
+}
+
 std::string FeatureIn(const std::string& text) {
     if (text == "internal-speaker") {
         return INTERNAL_SPEAKER_FEATURE;
@@ -80,16 +75,7 @@ std::string FeatureIn(const std::string& text) {
     if (text == "multiview") {
         return MULTIVIEW_FEATURE;
     }
-    return text == "projector" ? PROJECTOR_FEATURE : text;
-}
-
-/** @throws UsageError for a key that the platform refuses; needs an open TV */
-host::Item KeyIn(const char* folder, const std::string& key) {
-    const auto item = host::KeyItem(folder, key.c_str());
-    if (!item) {
-        throw tools::UsageError("\"" + tools::Printable(key) + "\" is no key");
-    }
-    return *item;
+    return text == "projector" ? PROJECTOR_FEATURE : KeyIn(text);
 }
 
 // --- Acting
@@ -198,8 +184,7 @@ Deed SetProjector(bool ready) {
 
 Deed SetFeature(const std::string& key, bool on) {
     return [=] {
-        const host::Item feature = KeyIn("features", key);
-        Require(host::Write(feature, on ? "true" : "false"), key);
+        Require(host::Write(*host::KeyItem("features", key.c_str()), on ? "true" : "false"), key);
         tools::PrintLine("kavreld reads the flags when it starts: it knows this one after its next start");
     };
 }
@@ -209,15 +194,12 @@ Deed SetPopup(bool on) {
 }
 
 Deed SetKey(const std::string& key, const std::string& value) {
-    return [=] {
-        KeyIn("settings", key);
-        Require(vconf_set_str(key.c_str(), value.c_str()), key);
-    };
+    return [=] { Require(vconf_set_str(key.c_str(), value.c_str()), key); };
 }
 
 Deed PrintKey(const std::string& key) {
     return [=] {
-        const host::Item item = KeyIn("settings", key);
+        const host::Item item = *host::KeyItem("settings", key.c_str());
         if (host::Exists(item) == 0) {
             throw tools::ToolError(tools::EXIT_REFUSED, key + " is not set");
         }
@@ -344,7 +326,8 @@ std::vector<Verb> Verbs() {
          "kavrel-tv key memory/sysman/spdif\nkavrel-tv key memory/sysman/spdif 1",
          {{"KEY", "memory/... or db/..."}, {"VALUE", "any text", true}},
          [](const Arguments& given) {
-             return given.size() == 1 ? PrintKey(given[0]) : SetKey(given[0], given[1]);
+             const std::string& key = KeyIn(given[0]);
+             return given.size() == 1 ? PrintKey(key) : SetKey(key, given[1]);
          }},
     };
 }

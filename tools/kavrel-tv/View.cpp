@@ -4,12 +4,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <limits>
 #include <string_view>
 #include <vector>
 
+#include "KavrelClient.h"
 #include "Output.h"
 
 namespace tv {
@@ -154,19 +153,6 @@ Line Described(const Number& route) {
     return route ? Line(DescribeRoute(route.value)) : NoValue(route);
 }
 
-std::string Support(int word) {
-    std::array<char, 16> hex = {};
-    std::snprintf(hex.data(), hex.size(), "0x%04x", static_cast<unsigned>(word));
-    const auto verbs = [](int bits) {
-        constexpr std::array<std::string_view, 4> VERBS = {"", "get ", "set ", "get/set "};
-        return std::string(VERBS.at(static_cast<std::size_t>(bits & 3)));
-    };
-    const std::string volume = verbs(word) + ((word & 3) != 0 ? "volume" : "");
-    const std::string mute = verbs(word >> 2) + ((word >> 2 & 3) != 0 ? "mute" : "");
-    const std::string both = volume + (!volume.empty() && !mute.empty() ? ", " : "") + mute;
-    return std::string(hex.data()) + " " + (both.empty() ? "nothing" : both);
-}
-
 /** The nodes of one snapshot. */
 class Nodes {
 public:
@@ -181,10 +167,10 @@ private:
             output.value.Add(", of the zone in focus", FAINT);
         }
         if (m_tv.output.Device() != nullptr) {
-            output.children.push_back({"level", Level(m_tv.device.level, "")});
-            output.children.push_back({"mute", Mute(m_tv.device.mute)});
+            output.children.push_back({"level", Volume(m_tv.device.level, m_tv.device.mute)});
             const Number& support = m_tv.device.support;
-            output.children.push_back({"can", support ? Line(Support(support.value)) : NoValue(support)});
+            output.children.push_back(
+                {"can", support ? Line(tools::SupportInWords(support.value)) : NoValue(support)});
         }
         return output;
     }
@@ -194,8 +180,7 @@ private:
                 {},
                 {
                     {"route", Described(m_tv.route)},
-                    {"volume", Level(m_tv.volume, "")},
-                    {"mute", Mute(m_tv.mute)},
+                    {"volume", Volume(m_tv.volume, m_tv.mute)},
                     {"main gain", Level(m_tv.mainGain, " %")},
                     {"sub gain", Level(m_tv.subGain, " %")},
                 }};
@@ -250,6 +235,11 @@ private:
     bool HasZone(int id) const {
         return std::any_of(m_tv.zones.begin(), m_tv.zones.end(),
                            [&](const Zone& zone) { return zone.id == id; });
+    }
+
+    /** In one line: the whole TV, with zones and a device, is to fit into 24. */
+    Line Volume(const Number& level, const Number& mute) const {
+        return Level(level, "").Add(", mute ").Add(Mute(mute));
     }
 
     Line Level(const Number& level, std::string_view unit) const {

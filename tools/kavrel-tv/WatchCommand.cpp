@@ -107,8 +107,7 @@ int Watch(const std::string& directory, bool asJson) {
         }
     });
     view = std::make_unique<LiveView>(loop, asJson);
-    const int status = loop.Run();
-    return status == tools::EXIT_INTERRUPTED ? tools::EXIT_DONE : status;  // Ctrl-C is how it ends
+    return loop.RunUntilInterrupted();
 }
 
 }  // namespace

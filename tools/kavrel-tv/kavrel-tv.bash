@@ -7,23 +7,28 @@ _kavrel_tv_listed() {
 }
 
 _kavrel_tv_below() { # the names below a folder of the TV directory
-    local folder=${KAVREL_TV_DIR:-/run/kavrel}/$1
+    local folder=$directory/$1
     [ ! -d "$folder" ] || (cd "$folder" && find . -name '.?*' -prune -o -type "$2" -printf '%P\n')
 }
 
 _kavrel_tv() {
-    local tool=${COMP_WORDS[0]} word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
-    local command='' given=0 choices='' i
+    local tool=${COMP_WORDS[0]} word=${COMP_WORDS[COMP_CWORD]}
+    local command='' given=0 choices='' directory=${KAVREL_TV_DIR:-/run/kavrel} option='' i
     for ((i = 1; i < COMP_CWORD; i++)); do
         case ${COMP_WORDS[i]} in
-            --dir) i=$((i + 1)) ;;
-            -*) ;;
+            --json | --fast | --deaf | --double | -h | --help | --version) ;;
+            -[!0-9]*)
+                option=${COMP_WORDS[i]}
+                i=$((i + 1)) # its value, before which a "=" may be a word of its own
+                [ "${COMP_WORDS[i]}" != = ] || i=$((i + 1))
+                [ "$option" != --dir ] || directory=${COMP_WORDS[i]}
+                ;;
             *) if [ -z "$command" ]; then command=${COMP_WORDS[i]}; else given=$((given + 1)); fi ;;
         esac
     done
     COMPREPLY=()
-    if [ "$before" = --dir ]; then
-        mapfile -t COMPREPLY < <(compgen -d -- "$word")
+    if ((i > COMP_CWORD)); then # the value of an option
+        [ "$option" != --dir ] || mapfile -t COMPREPLY < <(compgen -d -- "${word#=}")
         return
     fi
     case $word/$command/$given in

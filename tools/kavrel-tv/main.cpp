@@ -8,8 +8,8 @@ namespace {
 constexpr const char* FOOTER = R"(Example:
   kavrel-tv route hdmi
 
-Exit status: 0 done, 1 refused or failed, 2 no TV directory or no bus,
-64 wrong usage.
+Exit status: 0 done, 1 refused or failed, 2 no TV directory, no bus or no
+daemon, 64 wrong usage; 130 when Ctrl-C has ended what was not done.
 Colours are for a terminal alone, and only without NO_COLOR.)";
 
 }  // namespace

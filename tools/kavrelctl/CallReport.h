@@ -10,7 +10,7 @@
 
 namespace ctl {
 
-/** "SetSpeakerVolume(30) -> 0, 0.4 ms, kavrelctl volume 30 (pid 4711)". */
+/** "SetSpeakerVolume(30) -> 0, 0.4 ms, by kavrelctl volume 30 (pid 4711)". */
 std::string InWords(const Call& call);
 /** The same as fields; what is not known is null. */
 Json::Value InJson(const Call& call);

@@ -38,12 +38,17 @@ tools::Variant Body(GDBusMessage* message) {
     return tools::Variant(body == nullptr ? nullptr : g_variant_ref(body));
 }
 
-/** Empty if the process has gone or is the kernel's. */
+/** Of a process that has ended, and is still waited for, the name alone; empty if it has gone altogether. */
 std::vector<std::string> CommandOf(unsigned process) {
-    std::ifstream file("/proc/" + std::to_string(process) + "/cmdline");
+    const std::string folder = "/proc/" + std::to_string(process);
     std::vector<std::string> command;
-    for (std::string argument; std::getline(file, argument, '\0');) {
+    std::ifstream arguments(folder + "/cmdline");
+    for (std::string argument; std::getline(arguments, argument, '\0');) {
         command.push_back(argument);
+    }
+    std::ifstream comm(folder + "/comm");
+    if (std::string name; command.empty() && std::getline(comm, name)) {
+        command.push_back(name);
     }
     return command;
 }

@@ -1,3 +1,4 @@
+#include <map>
 #include <memory>
 
 #include "Errors.h"
@@ -17,14 +18,17 @@ struct Arguments {
 };
 
 /** For the player's gain, whose path 3 writes both outputs and keeps the gain of the main one alone: both
- * outputs are two calls. */
+ * outputs are two calls. The second is made even if the first has failed, which is told. */
 void CommandEachOutput(const tools::KavrelClient& client, const char* method, AudioPath path,
                        const std::string& complaint) {
+    std::map<AudioPath, int> statuses;
     for (const AudioPath one : {MAIN_OUT, SUB_OUT}) {
         if ((path & one) != 0) {
-            Require(client.Command(method, g_variant_new("(i)", int{one})),
-                    complaint + (one == MAIN_OUT ? " (main output)" : " (sub output)"));
+            statuses[one] = client.Command(method, g_variant_new("(i)", int{one}));
         }
+    }
+    for (const auto& [one, status] : statuses) {
+        Require(status, complaint + (one == MAIN_OUT ? " (main output)" : " (sub output)"));
     }
 }
 

@@ -51,9 +51,7 @@ Monitor::Monitor(const Options& options) : m_options(options), m_client(options.
 int Monitor::Run() {
     m_owner = m_client.RequireOwner();
     AskForState();
-    const int exitCode = m_loop.Run();
-    // Ctrl-C is the way to end it.
-    return exitCode == tools::EXIT_INTERRUPTED ? tools::EXIT_DONE : exitCode;
+    return m_loop.RunUntilInterrupted();
 }
 
 void Monitor::OnSignal(const std::string& sender, const std::string& signal, GVariant* body) {
@@ -84,6 +82,8 @@ void Monitor::OnOwnerChanged(const std::string& owner) {
         Tell("gone", "kavreld has left the bus", {});
     }
     m_owner = owner;
+    m_hasBegun = true;
+    Forget();
     if (!m_owner.empty()) {
         Tell("back", "kavreld is on the bus again", {});
         AskForState();
@@ -94,9 +94,15 @@ void Monitor::OnCall(const Call& call) {
     TellAt(call.time, "call", InWords(call), InJson(call));
 }
 
-void Monitor::AskForState() {
+void Monitor::Forget() {
     m_state.clear();
+    m_isAsking = false;
     ++m_asked;
+}
+
+void Monitor::AskForState() {
+    Forget();
+    m_isAsking = true;
     for (const auto& info : ITEMS) {
         m_client.ReadLater(info.getter, [this, asked = m_asked, item = info.item](
                                             const tools::Reading& reading, const auto& error) {
@@ -110,11 +116,11 @@ void Monitor::OnAnswer(unsigned asked, Item item, const tools::Reading& reading,
     if (asked != m_asked) {
         return;
     }
-    if (error && !m_hasToldState) {
+    if (error && !m_hasBegun) {
         throw tools::ToolError(*error);
     }
     if (error) {
-        ++m_asked;  // one complaint is enough
+        Forget();  // one complaint is enough; from now on changes tell what they tell
         Json::Value fields;
         fields["message"] = error->what();
         Tell("error", error->what(), fields);
@@ -122,21 +128,20 @@ void Monitor::OnAnswer(unsigned asked, Item item, const tools::Reading& reading,
     }
     m_state[item] = reading;
     if (m_state.size() == ITEMS.size()) {
+        m_isAsking = false;
         TellState();
     }
 }
 
 void Monitor::OnChange(Item item, int support, int value) {
-    const bool isStateKnown = m_state.size() == ITEMS.size();
-    // What is not known yet is still to be answered, and the answer will be no older than this.
-    const bool isNewSupport = m_state.contains(Item::SUPPORT) && m_state[Item::SUPPORT].value != support;
-    if (isNewSupport) {
-        m_state[Item::SUPPORT] = {support, 0};
+    const bool isNewSupport = !m_state.contains(Item::SUPPORT) || m_state[Item::SUPPORT].value != support;
+    for (const auto& [changed, reading] : {std::pair(Item::SUPPORT, support), std::pair(item, value)}) {
+        // What is still to be answered will be no older than this.
+        if (!m_isAsking || m_state.contains(changed)) {
+            m_state[changed] = {reading, 0};
+        }
     }
-    if (m_state.contains(item)) {
-        m_state[item] = {value, 0};
-    }
-    if (!isStateKnown) {
+    if (m_isAsking) {
         return;
     }
     if (isNewSupport) {
@@ -146,7 +151,7 @@ void Monitor::OnChange(Item item, int support, int value) {
 }
 
 void Monitor::TellState() {
-    m_hasToldState = true;
+    m_hasBegun = true;
     if (m_options.isJson) {
         Json::Value fields;
         for (const auto& [item, reading] : m_state) {

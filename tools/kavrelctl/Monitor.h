@@ -43,6 +43,8 @@ private:
     void OnSignal(const std::string& sender, const std::string& signal, GVariant* body);
     void OnOwnerChanged(const std::string& owner);
     void OnCall(const Call& call);
+    /** What is known of the daemon, and its answers that are still to come, count no more. */
+    void Forget();
     void AskForState();
     void OnAnswer(unsigned asked, Item item, const tools::Reading& reading,
                   const std::optional<tools::ToolError>& error);
@@ -61,11 +63,14 @@ private:
     std::unique_ptr<CallWatch> m_calls;
     /** Unique name of the daemon, empty while there is none. */
     std::string m_owner;
-    /** What is known of it; the state is told once all is known. */
+    /** What is known of it. */
     std::map<Item, tools::Reading> m_state;
+    /** It is being asked for its state, which is told once all of it is known; changes wait until then. */
+    bool m_isAsking = false;
     /** How often it was asked for its state: answers to an earlier time are late. */
     unsigned m_asked = 0;
-    bool m_hasToldState = false;
+    /** From then on a daemon that does not answer ends nothing. */
+    bool m_hasBegun = false;
 };
 
 }  // namespace ctl

@@ -1,13 +1,10 @@
 #include "Tool.h"
 
-#include <glib.h>
-
 #include <chrono>
 #include <cmath>
 #include <utility>
 
 #include "Errors.h"
-#include "Output.h"
 
 namespace ctl {
 
@@ -19,7 +16,8 @@ constexpr const char* FOOTER = R"(Examples:
   kavrelctl monitor --calls
 
 Exit status: 0 done; 1 the daemon refused or failed; 2 no daemon, no bus or no
-answer in time; 64 wrong usage. kavrelctl never starts the daemon.
+answer in time; 64 wrong usage; 130 when Ctrl-C has ended a wait. kavrelctl
+never starts the daemon.
 
 Environment: DBUS_SYSTEM_BUS_ADDRESS names another bus than the system's;
 NO_COLOR, if not empty, keeps the terminal plain.)";
@@ -59,12 +57,7 @@ void Tool::OfferTimeout(CLI::App& command) {
 }
 
 tools::KavrelClient::Timeout Tool::Timeout() const {
-    char* end = nullptr;
-    const double seconds = g_ascii_strtod(m_timeout.c_str(), &end);
-    if (m_timeout.empty() || *end != '\0' || !(seconds >= 0 && seconds <= MOST_SECONDS)) {
-        throw tools::UsageError("SECONDS must be a number from 0 to 1000000, not \"" +
-                                tools::Printable(m_timeout) + "\"");
-    }
+    const double seconds = tools::Decimal("SECONDS", m_timeout, 0, MOST_SECONDS);
     if (seconds == 0) {
         return std::nullopt;
     }

@@ -19,15 +19,27 @@ int Current(const tools::KavrelClient& client, Item item) {
     return reading.value;
 }
 
+void PrintAsJson(Item item, int value) {
+    Json::Value object;
+    AddTo(object, item, {value, 0});
+    tools::PrintJson(object);
+}
+
 int Show(const Tool& tool, Item item) {
     const tools::KavrelClient client(tool.Timeout());
-    const tools::Reading reading{Current(client, item), 0};
+    const int value = Current(client, item);
     if (tool.Json()) {
-        Json::Value object;
-        AddTo(object, item, reading);
-        tools::PrintJson(object);
+        PrintAsJson(item, value);
     } else {
-        tools::PrintLine(InWords(item, reading));
+        tools::PrintLine(InWords(item, {value, 0}));
+    }
+    return tools::EXIT_DONE;
+}
+
+/** Words would only repeat what was asked for; an object is what asking with --json is for. */
+int TellSet(const Tool& tool, Item item, int value) {
+    if (tool.Json()) {
+        PrintAsJson(item, value);
     }
     return tools::EXIT_DONE;
 }
@@ -56,7 +68,7 @@ int SetVolume(const Tool& tool, const std::string& text) {
         volume = static_cast<int>(std::clamp(sum, 0L, long{MOST_VOLUME}));
     }
     Require(client.Command("SetSpeakerVolume", g_variant_new("(i)", volume)), "the volume was not set");
-    return tools::EXIT_DONE;
+    return TellSet(tool, Item::VOLUME, volume);
 }
 
 int SetMute(const Tool& tool, const std::string& text) {
@@ -66,7 +78,7 @@ int SetMute(const Tool& tool, const std::string& text) {
     const bool mute = choice == TOGGLE ? Current(client, Item::MUTE) == 0 : choice == ON;
     const gboolean argument = mute ? TRUE : FALSE;
     Require(client.Command("SetSpeakerMute", g_variant_new("(b)", argument)), "mute was not set");
-    return tools::EXIT_DONE;
+    return TellSet(tool, Item::MUTE, argument);
 }
 
 }  // namespace

@@ -3,13 +3,16 @@ _kavrelctl() {
     local current=${COMP_WORDS[COMP_CWORD]} arguments=() index words=''
     for ((index = 1; index < COMP_CWORD; index++)); do
         case ${COMP_WORDS[index]} in
-            --timeout) ((index++)) ;;
+            --timeout)
+                ((index++)) # its value, before which a "=" may be a word of its own
+                [ "${COMP_WORDS[index]}" != = ] || ((index++))
+                ;;
             -*) ;;
             *) arguments+=("${COMP_WORDS[index]}") ;;
         esac
     done
     COMPREPLY=()
-    [ "${COMP_WORDS[COMP_CWORD - 1]}" != --timeout ] || return 0
+    ((index == COMP_CWORD)) || return 0 # the value of --timeout
     case "${arguments[*]}" in
         '') words='status support volume mute fade gain pulse buds speaker-gone wait monitor' ;;
         mute) words='on off toggle' ;;
