@@ -190,18 +190,11 @@ def test_devices_that_fail_at_times_do_so_alike_for_one_seed(tool, tv):
     assert answered(2) != first
 
 
-@pytest.mark.parametrize("asked, level", [(42, 40), (43, 45), (100, 100), (1, 0)])
-def test_devices_that_round(tool, tv, asked, level):
+@pytest.mark.parametrize("rounding, asked, level", [
+    (5, 42, 40), (5, 43, 45), (5, 100, 100), (5, 1, 0), (40, 100, 80), (40, 59, 40), (40, 60, 80), (40, 19, 0)])
+def test_devices_that_round(tool, tv, rounding, asked, level):
     tool("route", "hdmi")
-    tool.devices("--rounding", "5")
-    ask(tv, level=asked)
-    wait_for(tv, 2, 15, level, 0)
-
-
-@pytest.mark.parametrize("asked, level", [(100, 80), (59, 40), (60, 80), (19, 0)])
-def test_devices_that_round_have_no_other_level(tool, tv, asked, level):
-    tool("route", "hdmi")
-    tool.devices("--rounding", "40")
+    tool.devices("--rounding", str(rounding))
     ask(tv, level=asked)
     wait_for(tv, 2, 15, level, 0)
 

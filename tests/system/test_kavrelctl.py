@@ -621,8 +621,9 @@ def test_monitor_into_head(scene, daemon, options):
     assert re.fullmatch(r"\d\d:.* volume   10\n|\{.*\}\n", first)
 
 
-def test_monitor_ends_with_the_bus(scene, daemon, ctl):
-    view = ctl.monitor()
+@pytest.mark.parametrize("options", [[], ["--calls"]])
+def test_monitor_ends_with_the_bus(scene, daemon, ctl, options):
+    view = ctl.monitor(*options)
     daemon.may_be_gone = True
     scene.bus.end()
     assert (view.wait(), view.errors()) == (UNREACHABLE, "kavrelctl: the bus has gone\n")

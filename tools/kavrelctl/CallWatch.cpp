@@ -105,9 +105,15 @@ CallWatch::CallWatch(tools::MainLoop& loop, const tools::KavrelClient& client,
       m_inbox(std::make_shared<Inbox>()),
       m_mail(loop.WhenReadable(m_inbox->bell, [this] { TakeMessages(); })) {
     BecomeMonitor();
+    const auto onClosed = [](GDBusConnection*, gboolean, GError*, void* watch) {
+        static_cast<CallWatch*>(watch)->m_loop.Guard(
+            [] { throw tools::ToolError(tools::EXIT_UNREACHABLE, "the bus has gone"); });
+    };
+    m_closed = g_signal_connect(m_connection.get(), "closed", G_CALLBACK(+onClosed), this);
 }
 
 CallWatch::~CallWatch() {
+    g_signal_handler_disconnect(m_connection.get(), m_closed);
     g_dbus_connection_remove_filter(m_connection.get(), m_filter);
 }
 

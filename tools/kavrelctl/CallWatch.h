@@ -58,7 +58,8 @@ public:
     /** Watches from now on. The calls of `client`, which looks callers up, are not told.
      *  @param seen called on the main loop when a call has ended, or has had no answer for the client's
      * timeout
-     *  @throws tools::ToolError if there is no bus or it does not allow it */
+     *  @throws tools::ToolError if there is no bus or it does not allow it; the loop ends with one when the
+     *  bus ends the connection */
     CallWatch(tools::MainLoop& loop, const tools::KavrelClient& client, tools::KavrelClient::Timeout timeout,
               Seen seen);
     ~CallWatch();
@@ -96,6 +97,7 @@ private:
     std::shared_ptr<Inbox> m_inbox;
     tools::GLibPtr<GSource> m_mail;
     guint m_filter = 0;
+    gulong m_closed = 0;
     std::map<Key, Pending> m_pending;
     std::map<std::string, Caller> m_callers;
 };
