@@ -115,6 +115,13 @@ void Ping(GDBusConnection* connection) {
     error.Throw();
 }
 
+/** All that this process has sent on its shared connection has reached the bus, and what came back is here. */
+void PingOnSharedConnection() {
+    GDBusConnection* shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+    Ping(shared);
+    g_object_unref(shared);
+}
+
 /** A timer that ends one wait of a main context. */
 class Timer {
 public:
@@ -209,9 +216,7 @@ bool RunMainContextUntil(const std::function<bool()>& met, std::chrono::millisec
 }
 
 void RunMainContextUntilQuiet() {
-    GDBusConnection* shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
-    Ping(shared);
-    g_object_unref(shared);
+    PingOnSharedConnection();
     while (g_main_context_iteration(nullptr, FALSE)) {
     }
 }
@@ -242,6 +247,7 @@ Variant BusClient::Call(const std::string& destination, const std::string& path,
 
 void BusClient::Emit(const std::string& path, const std::string& interface, const std::string& name,
                      GVariant* parameters) const {
+    PingOnSharedConnection();
     Checked error;
     g_dbus_connection_emit_signal(m_connection, nullptr, path.c_str(), interface.c_str(), name.c_str(),
                                   parameters, error);
@@ -275,6 +281,7 @@ Signal BusClient::WaitForSignal(std::chrono::milliseconds timeout) {
 }
 
 std::vector<Signal> BusClient::TakeSignals() {
+    PingOnSharedConnection();
     Ping(m_connection);
     while (g_main_context_iteration(m_context, FALSE)) {
     }

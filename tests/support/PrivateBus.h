@@ -97,7 +97,8 @@ public:
     /** Answers null, and the error's text in `error`, if the call failed. Consumes floating parameters. */
     Variant Call(const std::string& destination, const std::string& path, const std::string& interface,
                  const std::string& method, GVariant* parameters, std::string* error = nullptr) const;
-    /** Hands the signal to the bus before it returns. Consumes floating parameters. */
+    /** Hands the signal to the bus before it returns; it reaches every subscription that this process's shared
+     *  connection asked for before. Consumes floating parameters. */
     void Emit(const std::string& path, const std::string& interface, const std::string& name,
               GVariant* parameters) const;
 
@@ -105,7 +106,7 @@ public:
     void Listen(const std::string& path, const std::string& interface);
     /** The next collected signal; without a name when none came in time. */
     Signal WaitForSignal(std::chrono::milliseconds timeout = std::chrono::seconds(60));
-    /** Takes all that arrived before this call: whatever this client was sent until now is here after it. */
+    /** Takes whatever was sent to this client until now, by this process's shared connection too. */
     std::vector<Signal> TakeSignals();
 
 private:
