@@ -84,8 +84,9 @@ class LogLine(NamedTuple):
 class Log:
     """kavreld's log, in the file that its standard error is."""
 
-    def __init__(self, path):
+    def __init__(self, path, settle):
         self.path = path
+        self.settle = settle
 
     def raw_lines(self):
         text = self.path.read_text(errors="replace")
@@ -99,7 +100,8 @@ class Log:
         return [line.text for line in self.lines(after)]
 
     def end(self):
-        """The number of the last line so far: what comes now comes after it."""
+        """The number of the last line of what kavreld was told so far: what comes now comes after it."""
+        self.settle()
         return len(self.raw_lines()) - 1
 
     def find(self, text, after=-1):
@@ -365,7 +367,7 @@ class Daemon(Process):
     def __init__(self, log_path, environment):
         with open(log_path, "a") as file:  # at its end, also when a test has cut it short
             super().__init__(KAVRELD, stdout=file, stderr=file, env=environment)
-        self.log = Log(log_path)
+        self.log = Log(log_path, self.settle)
         self.may_be_gone = False  # set by a test that makes it end
 
     def kill(self):

@@ -77,6 +77,8 @@ private:
     bool Wait(const std::function<bool()>& met, Milliseconds patience);
     bool WaitForGain(Out out, const std::function<bool()>& met, Milliseconds patience);
     void DrawGain(Out out);
+    std::deque<Words>::const_iterator FindHeard(const Words& signal) const;
+    bool HasHeard(const Words& signal) const;
     std::string Heard() const;
     std::string Gains(Out out) const;
     [[noreturn]] static void Miss(const std::string& expected, const std::string& seen);
