@@ -144,13 +144,14 @@ def test_watch_on_a_dumb_terminal_prints_each_state(tool):
     assert "\033" not in terminal.output
 
 
-def test_watch_ends_though_its_reader_does_not_read(tool, tv):
+@pytest.mark.parametrize("number, status", [(signal.SIGINT, 130), (signal.SIGTERM, 143)])
+def test_watch_ends_though_its_reader_does_not_read(tool, number, status):
     tool("show")
     with full_pipe() as (_, writer), subprocess.Popen([KAVREL_TV, "watch", "--json"], env=tool.environment(), stdout=writer,
                                                       stderr=subprocess.PIPE, text=True) as watch:
         wait_until_asleep(watch.pid)
-        watch.send_signal(signal.SIGTERM)
-        assert watch.wait(PATIENCE) == 130
+        watch.send_signal(number)
+        assert watch.wait(PATIENCE) == status
         assert watch.stderr.read() == "kavrel-tv: interrupted while nobody read its output\n"
 
 

@@ -417,11 +417,11 @@ TEST_F(KVAudioGainHandlerPulseTest, WhileARequestIsPendingThePeriodIsATwentiethO
     Start();
     {
         auto pending = seam.BlockNext(LOOK_AT_REQUEST);
-        gain->ApplyPulseAudioGain(100, 400);
+        gain->ApplyPulseAudioGain(100, 800);
         ASSERT_TRUE(pending.WaitReached());
-        const Milliseconds period = ShortestPeriod(50ms);
-        EXPECT_GE(period, 20ms);
-        EXPECT_LT(period, 50ms);
+        const Milliseconds period = ShortestPeriod(55ms);
+        EXPECT_GE(period, 40ms);
+        EXPECT_LT(period, 55ms);
     }
     for (const int duration : {10, 19, -1000}) {
         ASSERT_TRUE(Waits(GAIN_HANDLER_PULSE_RAMP, SLEEP));

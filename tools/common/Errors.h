@@ -16,8 +16,10 @@ enum ExitCode : int {
     EXIT_UNREACHABLE = 2,
     /** Wrong usage; nothing was done. */
     EXIT_USAGE = 64,
-    /** After Ctrl-C, for what was interrupted before it was done. */
+    // What a signal has ended before it was done: 128 and the signal's number.
+    EXIT_HUNG_UP = 129,
     EXIT_INTERRUPTED = 130,
+    EXIT_TERMINATED = 143,
 };
 
 /** Ends the tool: `what()` is the one line for standard error, without the program's name and a newline. */

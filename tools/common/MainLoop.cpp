@@ -7,7 +7,6 @@
 #include <memory>
 #include <utility>
 
-#include "Errors.h"
 #include "Output.h"
 
 namespace tools {
@@ -27,14 +26,14 @@ struct MainLoop::Callback {
 };
 
 MainLoop::MainLoop() : m_stalled(g_main_context_new()) {
-    const auto interrupt = [](void* self) -> gboolean {
-        static_cast<MainLoop*>(self)->m_isInterrupted = true;
+    const auto interrupt = [](void* ending) -> gboolean {
+        static_cast<Ending*>(ending)->hasCome = true;
         return G_SOURCE_CONTINUE;
     };
-    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
-        m_signals.push_back(OnSignal(number, [this, number] { Quit(128 + number); }));
-        m_signals.emplace_back(g_unix_signal_source_new(number));
-        g_source_set_callback(m_signals.back().get(), interrupt, this, nullptr);
+    for (Ending& ending : m_endings) {
+        m_signals.push_back(OnSignal(ending.signal, [this, &ending] { Quit(ending.exitCode); }));
+        m_signals.emplace_back(g_unix_signal_source_new(ending.signal));
+        g_source_set_callback(m_signals.back().get(), interrupt, &ending, nullptr);
         g_source_attach(m_signals.back().get(), m_stalled.get());
     }
     WhileStalled([this] { LookAtSignals(); });
@@ -48,8 +47,10 @@ MainLoop::~MainLoop() {
 void MainLoop::LookAtSignals() {
     while (g_main_context_iteration(m_stalled.get(), FALSE) != FALSE) {
     }
-    if (m_isInterrupted) {
-        throw ToolError(EXIT_INTERRUPTED, "interrupted while nobody read its output");
+    for (const Ending& ending : m_endings) {
+        if (ending.hasCome) {
+            throw ToolError(ending.exitCode, "interrupted while nobody read its output");
+        }
     }
 }
 

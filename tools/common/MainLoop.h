@@ -3,11 +3,14 @@
 
 #include <glib.h>
 
+#include <array>
 #include <chrono>
+#include <csignal>
 #include <exception>
 #include <functional>
 #include <vector>
 
+#include "Errors.h"
 #include "GLibPtr.h"
 
 namespace tools {
@@ -59,13 +62,20 @@ public:
 
 private:
     struct Callback;
+    /** A signal that ends a tool. */
+    struct Ending {
+        int signal;
+        ExitCode exitCode;
+        bool hasCome = false;
+    };
     GLibPtr<GSource> Attach(GSource* source, std::function<void()> function, bool once);
     void LookAtSignals();
 
     bool m_ended = false;
     int m_exitCode = 0;
     std::exception_ptr m_thrown;
-    bool m_isInterrupted = false;
+    std::array<Ending, 3> m_endings = {
+        {{SIGINT, EXIT_INTERRUPTED}, {SIGTERM, EXIT_TERMINATED}, {SIGHUP, EXIT_HUNG_UP}}};
     const GLibPtr<GMainContext> m_stalled;
     std::vector<GLibPtr<GSource>> m_signals;
     GLibPtr<GSource> m_reader;
