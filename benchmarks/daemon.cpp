@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /// What the daemon costs its TV: the latency of its methods, its start, its memory, and what it does while
 /// idle.
 ///

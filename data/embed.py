@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 """embed.py SYMBOL INPUT OUTPUT: write a text file as a zero-terminated C++ character array."""
 import sys
 

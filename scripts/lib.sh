@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 # shellcheck shell=bash disable=SC2034
 # What run, test and bench share: the Debian packages they need, and how they build. Sourced, not run.
 set -euo pipefail

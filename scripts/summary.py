@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 """summary.py LOG.json...: count the test cases in the logs that meson keeps of its test runs.
 
 The cases are those that GoogleTest and `pytest -v` print; a program that prints none is one case. A skipped case is

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /**
  * The TV directory: one small text file per value, readable with `cat` and writable with `echo`.
  *

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 #include "reports.h"
 
 #include <pthread.h>

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /**
  * Change reports: who hears what, in which order and on which thread.
  *

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 #ifndef KAVREL_HOST_WRITE_ALL_H
 #define KAVREL_HOST_WRITE_ALL_H
 

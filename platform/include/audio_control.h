@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /** Audio control: the gains of the audio hardware behind the master volume. */
 #ifndef AUDIO_CONTROL_H
 #define AUDIO_CONTROL_H

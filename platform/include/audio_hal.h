@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /**
  * The audio HAL: master volume and mute of the TV's own speaker.
  *

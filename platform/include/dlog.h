@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /** The system log. */
 #ifndef DLOG_H
 #define DLOG_H

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /**
  * Boot events: named marks that any process may set, and others wait for while the TV starts.
  *

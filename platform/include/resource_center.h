@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /**
  * The resource centre: the multi-view zones on the screen, and which of them has the audio focus.
  *

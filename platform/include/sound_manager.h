@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /**
  * The sound manager: which output the sound of the TV goes to, as a whole and for each multi-view zone.
  *

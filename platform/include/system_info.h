@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /** Feature flags: what this model of TV can do. They are fixed while the TV runs. */
 #ifndef SYSTEM_INFO_H
 #define SYSTEM_INFO_H

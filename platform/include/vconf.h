@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /**
  * The settings store: text and integers under keys such as "memory/..." (gone after a restart of the TV) and
  * "db/..." (kept).

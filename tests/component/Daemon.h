@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /** The daemon in this process, and what its tests share. */
 #ifndef KAVREL_TESTS_DAEMON_H
 #define KAVREL_TESTS_DAEMON_H

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /** What the tests of the two speaker emulators share: the peer that keeps the volume, and a listener. */
 #ifndef KAVREL_TESTS_EMULATORPEER_H
 #define KAVREL_TESTS_EMULATORPEER_H

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /**
  * GLib's bus functions as the daemon calls them. The test program defines them in GLib's place: each call on
  * the shared bus connection enters the fake seam's journal, fails if the fake is told so

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /** Random and hostile values; the same seed gives the same values on every machine. */
 #ifndef KAVREL_TESTS_DICE_H
 #define KAVREL_TESTS_DICE_H

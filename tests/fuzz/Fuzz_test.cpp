@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /**
  * Hostile traffic against the daemon: calls, signals, settings, reports and failures of the platform, as
  * dice fall. What must hold: it lives, every request of the right form gets an answer of its own type, every

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /**
  * A gain controller over the fake seam, and its workers as they are seen from outside: what each does, by
  * its thread's name, and when all of them rest.

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /** What every test program shares: GLib's warnings are errors, and nothing hangs. */
 #include <gio/gio.h>
 #include <gmock/gmock.h>

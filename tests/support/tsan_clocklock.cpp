@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /**
  * ThreadSanitizer of g++ 12 does not know pthread_mutex_clocklock, which a timed mutex with a steady-clock
  * deadline uses: it would miss every such lock and report races that are none. It knows

@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 """Fixtures of the system tests: the pieces of a scene, each test with a fresh one."""
 import signal
 

@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 """What the system tests are written with: a private bus, a TV in a directory, the real kavreld, and clients of it.
 
 Everything waits for events (inotify, messages of the bus, the end of a process), nothing sleeps or polls.

@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 """kavrel-tv as the tests use it: run to its end, or beside them."""
 import json
 import os

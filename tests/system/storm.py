@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 """The programs of the storm, each a process of its own:
 
 storm.py change FILE SECONDS TEXT...   writes one text after the other, ends with the first, prints how many it wrote

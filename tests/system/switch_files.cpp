@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /**
  * Preloaded into kavreld: looks for the emulators' switch files, which are absolute paths, in a folder of the
  * test instead. So a test needs no right to write to /opt and does not meet another one there.

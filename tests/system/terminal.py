@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 """A program in a terminal of its own, and what it shows there."""
 import fcntl
 import os

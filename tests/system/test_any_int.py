@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 """Any 32-bit integer, in every method, signal and value: the daemon stays, and answers as it should."""
 import errno
 import re

@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 """Which program is behind a call: looked up when the daemon is idle, remembered for fifty callers."""
 import re
 import signal

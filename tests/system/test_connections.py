@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 """Earbuds and speakers that come and go: which output takes their place, and who switches to it."""
 import re
 

@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 """From the bus to the handlers: which calls and signals arrive, and what is logged of them."""
 import pytest
 

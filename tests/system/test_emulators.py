@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 """The two emulated speakers, switched on by a file each: their volume is a program's on the bus."""
 import re
 import threading

@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 """Outputs beside the TV's own speaker: each lives in three settings keys, and is asked through two shared ones."""
 import re
 from typing import NamedTuple

@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 """Gains over the bus and what reaches the outputs: fades, gains at once, the pulse ramp, the keys that rule them."""
 import os
 import re

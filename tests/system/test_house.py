@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 """The rules of the house that no compiler checks: who may include what, and what builds with what."""
 import re
 import subprocess

@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 """A daemon with nothing to do uses nothing: no thread is ever woken."""
 import os
 import time

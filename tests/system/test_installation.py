@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 """What is installed around the daemon: the bus policy, activation, the unit, what a TV forgets at boot."""
 import configparser
 import os

@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 """The wire contract: names, paths, signatures, and what is refused."""
 import xml.etree.ElementTree as ElementTree
 

@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 """kavrel-tv shows the TV and changes it; kavreld hears of that as of a TV's own changes."""
 import json
 import os

@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 """kavrel-tv plays the devices behind the external outputs, and the speakers that the emulators talk to."""
 import re
 import signal

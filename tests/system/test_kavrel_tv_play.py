@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 """kavrel-tv plays scenarios against the real daemon, records what happens, and draws the record."""
 import csv
 import itertools

@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 """kavrel-tv watch: the TV live, in a terminal of 80 columns and 24 rows, and in a pipe."""
 import contextlib
 import json

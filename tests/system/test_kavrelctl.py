@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 """kavrelctl as a person and a script have it: what it prints, how it exits, and what the daemon makes of it."""
 import json
 import os

@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 """The daemon's life as its surroundings see it: start, name, ready event, a second instance, the end of the bus."""
 import signal
 

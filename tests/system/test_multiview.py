@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 """Multi-view: the daemon follows the output of the zone that holds the audio focus."""
 import re
 

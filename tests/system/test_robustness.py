@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 """A TV whose directory is missing, wrong or full of junk, and clients that send anything: the daemon stays and answers."""
 import errno
 import shutil

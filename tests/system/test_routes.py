@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 """The daemon follows the TV's output: speakers replaced, the optical cable pulled, mirroring to a mobile."""
 
 import pytest

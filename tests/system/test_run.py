@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 """./run: the scene it sets, the COMMAND it runs in it, and that it leaves nothing behind."""
 import os
 import pty

@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 """What ./run, ./test and ./bench share: installing what is missing, and counting what was tested."""
 import json
 import os

@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 """A storm: other processes change all that the daemon follows while clients hammer it. Then it must agree again.
 
 KAVREL_STORM_SECONDS says how long it lasts.

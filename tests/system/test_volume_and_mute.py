@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 """Volume and mute over the bus and over the TV's directory, and what is announced of them."""
 import errno
 from itertools import cycle, islice

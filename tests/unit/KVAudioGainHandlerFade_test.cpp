@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /** The four fade-in workers. */
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

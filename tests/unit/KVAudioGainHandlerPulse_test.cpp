@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /** The pulse worker and the gain-out worker. */
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

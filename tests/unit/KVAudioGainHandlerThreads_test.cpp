@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /**
  * The controller's workers at the level of the thread library: how they are started, woken, locked out and
  * joined. This program defines the library's functions in its place; each enters the journal and passes on.

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /** The platform utilities, without a bus; with one they are tested among the components. */
 #include "KVUtils.h"
 

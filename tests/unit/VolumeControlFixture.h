@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /** What the tests of the volume control object share: a quiet TV, the object, and its workers at rest. */
 #ifndef KAVREL_TESTS_VOLUMECONTROLFIXTURE_H
 #define KAVREL_TESTS_VOLUMECONTROLFIXTURE_H

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /** The volume control object itself: its life, its listeners, its change filters. */
 #include "VolumeControlImpl.h"
 

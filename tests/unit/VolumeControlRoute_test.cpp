@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /** The volume control object follows the output route: reports, the optical cable, mirroring to a mobile. */
 #include "VolumeControlFixture.h"
 

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /** Volume, mute and gain of the current output through the volume control object. */
 #include "VolumeControlFixture.h"
 

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /** The volume control object in multi-view: the mode, the zones, the audio focus. */
 #include "VolumeControlFixture.h"
 

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /** How the tools end, and the exceptions that make them end. */
 #ifndef KAVREL_TOOLS_ERRORS_H
 #define KAVREL_TOOLS_ERRORS_H

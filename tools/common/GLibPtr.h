@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /** Owners of what GLib hands out. */
 #ifndef KAVREL_TOOLS_GLIBPTR_H
 #define KAVREL_TOOLS_GLIBPTR_H

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 #ifndef KAVREL_TOOLS_MAINLOOP_H
 #define KAVREL_TOOLS_MAINLOOP_H
 

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /**
  * Standard output, where a reader that goes away ends the tool
  * quietly and a full disk does not pass unseen.

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /** What the tools know of the terminal: its width, its colours, and how to leave it as it was. */
 #ifndef KAVREL_TOOLS_TERMINAL_H
 #define KAVREL_TOOLS_TERMINAL_H

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /** The commands, a file for each group of them: each adds its own to the command line. */
 #ifndef KAVREL_TV_COMMANDS_H
 #define KAVREL_TV_COMMANDS_H

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 #ifndef KAVREL_TV_EMULATOR_H
 #define KAVREL_TV_EMULATOR_H
 

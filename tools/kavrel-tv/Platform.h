@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /** The TV directory as the tool uses it: through the platform's own functions, with its failures as the
  * tool's. */
 #ifndef KAVREL_TV_PLATFORM_H

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /**
  * What record writes and plot reads: a text of comma-separated values, a line for each moment at which
  * something changed. Empty cells stand for what could not be read.

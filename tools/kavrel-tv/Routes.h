@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /** The TV's outputs: the platform's route codes, and the names by which a person calls them. */
 #ifndef KAVREL_TV_ROUTES_H
 #define KAVREL_TV_ROUTES_H

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /**
  * A scenario: one line an event, done in order. docs/scenarios.md describes the language.
  */

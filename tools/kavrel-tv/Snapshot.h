@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /** The state of the whole TV at one moment. */
 #ifndef KAVREL_TV_SNAPSHOT_H
 #define KAVREL_TV_SNAPSHOT_H

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 #ifndef KAVREL_TV_STAGE_H
 #define KAVREL_TV_STAGE_H
 

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 #include <audio_hal.h>
 #include <directory.h>
 #include <lwipc.h>

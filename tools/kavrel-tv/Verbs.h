@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /** The verbs, for whoever does them without a command line. */
 #ifndef KAVREL_TV_VERBS_H
 #define KAVREL_TV_VERBS_H

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /** The TV on one screen, for people and for scripts. */
 #ifndef KAVREL_TV_VIEW_H
 #define KAVREL_TV_VIEW_H

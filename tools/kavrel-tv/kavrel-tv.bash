@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 # Completion for kavrel-tv. Commands, options and routes are asked of the tool itself, values of the TV directory.
 
 # The first words of the lines below a headline of a help page.

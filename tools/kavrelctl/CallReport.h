@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /** A call as monitor tells it. */
 #ifndef KAVRELCTL_CALLREPORT_H
 #define KAVRELCTL_CALLREPORT_H

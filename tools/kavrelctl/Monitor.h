@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 #ifndef KAVRELCTL_MONITOR_H
 #define KAVRELCTL_MONITOR_H
 

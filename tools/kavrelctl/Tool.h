@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 #ifndef KAVRELCTL_TOOL_H
 #define KAVRELCTL_TOOL_H
 

@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
 # Completion of kavrelctl for bash; needs nothing but bash.
 _kavrelctl() {
     local current=${COMP_WORDS[COMP_CWORD]} arguments=() index words=''

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /** What the files hold, and how they are written: by other processes, each on a TV directory of its own. */
 #include <fcntl.h>
 #include <gmock/gmock.h>

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /** What `__dlog_print` writes to standard error. */
 #include <fcntl.h>
 #include <gmock/gmock.h>

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /**
  * Who hears which change, when, and on which thread: in this process, with others on the same TV.
  *

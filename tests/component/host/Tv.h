@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /** What the tests of the host platform share: a TV directory, other processes on it, and an ear. */
 #ifndef KAVREL_TESTS_HOST_TV_H
 #define KAVREL_TESTS_HOST_TV_H

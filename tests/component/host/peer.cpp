@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /**
  * Another process on the same TV, which does what its standard input says. Each line is answered by one that
  * begins with "= "; a report is told by a line "! WHAT VALUE own" or "... platform", by the thread it came
