@@ -1,59 +1,59 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /**
- * Logging and call tracing.
- *
- * Every message of the daemon goes to the TV platform's system log under one tag and in one form:
+ * Logging and call tracing, for use on any thread. Every message goes to the platform's log as
  *
  *     FILE: FUNCTION(LINE) > [FUNCTION:LINE] text
  *
- * LOGD, LOGI, LOGW and LOGE take a printf format without the closing newline. They log as the function
- * they stand in, so they are never used inside a lambda, whose function name would be "operator()".
- * Code that several functions share logs as its caller: the caller passes KV_HERE, and the helper uses
- * the _AT forms.
- *
- * All of this may be used from any thread.
+ * LOGD, LOGI, LOGW and LOGE take a printf format without the closing newline. Do not use them in a lambda:
+ * its function name would be "operator()". A helper that logs in the name of its caller takes a CallSite
+ * as its last, defaulted parameter and uses the _AT forms.
  */
 #ifndef KVDEBUG_H
 #define KVDEBUG_H
 
 #include <dlog.h>
 
+#include <string_view>
+
 namespace NKavrel {
 
 inline constexpr const char* LOG_TAG = "Kavrel";
 
-/** Where a message counts as issued: base name of the file, bare function name, line. */
+/** The place that calls a function whose last parameter is `const CallSite& site = {}`. */
 struct CallSite {
-    const char* file;
-    const char* function;
-    int line;
+    const char* path = __builtin_FILE();
+    const char* function = __builtin_FUNCTION();
+    int line = __builtin_LINE();
+
+    /** `path` without its folders. */
+    const char* FileName() const { return path + (std::string_view(path).rfind('/') + 1); }
 };
 
-}  // namespace NKavrel
-
+// Do not move: the line numbers below are fixed.
 // clang-format off
-#define KV_HERE (NKavrel::CallSite{__FILE_NAME__, __FUNCTION__, __LINE__})
-#define KV_LOG_AT(priority, site, format, ...)                                                           \
-    __dlog_print(priority, NKavrel::LOG_TAG, "%s: %s(%d) > [%s:%d] " format "\n", (site).file,           \
-                 (site).function, (site).line, (site).function, (site).line __VA_OPT__(,) __VA_ARGS__)
+#define KV_LOG(priority, file, function, line, format, ...)                                              \
+    __dlog_print(priority, NKavrel::LOG_TAG, "%s: %s(%d) > [%s:%d] " format "\n", file, function, line,  \
+                 function, line __VA_OPT__(,) __VA_ARGS__)
+#define KV_LOG_AT(priority, site, ...)                                                                   \
+    KV_LOG(priority, (site).FileName(), (site).function, (site).line, __VA_ARGS__)
+#define KV_LOG_HERE(priority, ...) KV_LOG(priority, __FILE_NAME__, __FUNCTION__, __LINE__, __VA_ARGS__)
 #define LOGI_AT(site, ...) KV_LOG_AT(DLOG_INFO, site, __VA_ARGS__)
 #define LOGE_AT(site, ...) KV_LOG_AT(DLOG_ERROR, site, __VA_ARGS__)
-#define LOGD(...) KV_LOG_AT(DLOG_DEBUG, KV_HERE, __VA_ARGS__)
-#define LOGI(...) KV_LOG_AT(DLOG_INFO, KV_HERE, __VA_ARGS__)
-#define LOGW(...) KV_LOG_AT(DLOG_WARN, KV_HERE, __VA_ARGS__)
-#define LOGE(...) KV_LOG_AT(DLOG_ERROR, KV_HERE, __VA_ARGS__)
+#define LOGD(...) KV_LOG_HERE(DLOG_DEBUG, __VA_ARGS__)
+#define LOGI(...) KV_LOG_HERE(DLOG_INFO, __VA_ARGS__)
+#define LOGW(...) KV_LOG_HERE(DLOG_WARN, __VA_ARGS__)
+#define LOGE(...) KV_LOG_HERE(DLOG_ERROR, __VA_ARGS__)
 
-namespace NKavrel {
-
-/** Traces one scope: the first statement of nearly every function is
- *  `CALLTRACKER tracker(__PRETTY_FUNCTION__);`. Log readers match the two lines below by number: keep them
- *  on lines 53 and 58. */
+/** Traces one scope. `CALLTRACKER tracker(__PRETTY_FUNCTION__);` opens nearly every function. Log readers
+ *  search for lines 53 and 58 of this file: keep the two log calls there. */
 class CALLTRACKER {
 public:
     explicit CALLTRACKER(const char* function) : m_function(function) {
         LOGD("\t[IN]%s", m_function);
     }
 
-    /** A failure to log ends the process: nothing may escape here. */
+    /** A failure to log ends the process, because no exception may leave this. */
     ~CALLTRACKER() {
         LOGD("\t[OUT]%s", m_function);
     }
@@ -66,8 +66,8 @@ private:
 };
 // clang-format on
 
-/** Whether the pointer is null; if so, logs `text` as an error of the call site. */
-inline bool IsNull(const void* pointer, const char* text, const CallSite& site) {
+/** Whether `pointer` is null. Logs `text` as an error of the caller if it is. */
+inline bool IsNull(const void* pointer, const char* text, const CallSite& site = {}) {
     if (pointer != nullptr) {
         return false;
     }

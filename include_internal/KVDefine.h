@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /** Names and types that several sources share. */
 #ifndef KVDEFINE_H
 #define KVDEFINE_H

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 #include "BTSpeakerEmul.h"
 
 #include "KVDefine.h"
@@ -28,7 +30,7 @@ int BTSpeakerEmul::SetVolume(int volume) {
         LOGE("SET VOLUME is not supported.");
         return NOT_SUPPORTED;
     }
-    return SetPeerVolume(PEER, volume, KV_HERE);
+    return SetPeerVolume(PEER, volume);
 }
 
 int BTSpeakerEmul::GetVolume(int& volume) {
@@ -37,7 +39,7 @@ int BTSpeakerEmul::GetVolume(int& volume) {
         LOGE("GET VOLUME is not supported.");
         return NOT_SUPPORTED;
     }
-    return GetPeerVolume(PEER, volume, KV_HERE);
+    return GetPeerVolume(PEER, volume);
 }
 
 void BTSpeakerEmul::SetChangedCB() {
@@ -81,12 +83,12 @@ void BTSpeakerEmul::OnVolumeLevelChanged(GDBusConnection* connection, const gcha
                                          const gchar* /*objectPath*/, const gchar* /*interfaceName*/,
                                          const gchar* signalName, GVariant* parameters, gpointer userData) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsNull(connection, "Conneciton is NULL", KV_HERE) ||
-        IsNull(signalName, "signal_name is NULL", KV_HERE) || IsNull(userData, "userdata is NULL", KV_HERE)) {
+    if (IsNull(connection, "Conneciton is NULL") || IsNull(signalName, "signal_name is NULL") ||
+        IsNull(userData, "userdata is NULL")) {
         return;
     }
     PeerVolume changed;
-    if (!ReadPeerVolume(parameters, changed, KV_HERE)) {
+    if (!ReadPeerVolume(parameters, changed)) {
         return;
     }
     LOGI("Start sender:%s signal_name:%s route:%d, suppType:0x%04x vol:%d", senderName, signalName,

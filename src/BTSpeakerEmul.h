@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 #ifndef BTSPEAKEREMUL_H
 #define BTSPEAKEREMUL_H
 

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 #include "ExternalSpeaker.h"
 
 #include "KVDefine.h"
@@ -14,13 +16,13 @@ constexpr const char* SET_VOLUME_MUTE_KEY = "memory/menu/network/screenmirroring
 
 constexpr const char* SUPPORT_UNREADABLE = "Failed to get volume support status";
 
-int Refuse(const char* operation, int supportFlags, const CallSite& site) {
+int Refuse(const char* operation, int supportFlags, const CallSite& site = {}) {
     LOGE_AT(site, "%s is not supported. 0x%04x", operation, static_cast<unsigned int>(supportFlags));
     return NOT_SUPPORTED;
 }
 
 /** Passes the result of a step on; a failed one is logged as the call site. */
-bool Succeeded(bool result, const char* failure, const CallSite& site) {
+bool Succeeded(bool result, const char* failure, const CallSite& site = {}) {
     if (!result) {
         LOGE_AT(site, "%s", failure);
     }
@@ -47,20 +49,19 @@ ExternalSpeaker::~ExternalSpeaker() {
 int ExternalSpeaker::SetVolume(int volume) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
     if (!CheckSupport(SUPPORT_SET_VOLUME)) {
-        return Refuse("SET VOLUME", m_supportFlags, KV_HERE);
+        return Refuse("SET VOLUME", m_supportFlags);
     }
     const bool done = KVUtils::VconfSetInt(m_setVolumeLevelKey.c_str(), volume);
-    return Succeeded(done, "Failed to set volume", KV_HERE) ? 0 : FAILED;
+    return Succeeded(done, "Failed to set volume") ? 0 : FAILED;
 }
 
 int ExternalSpeaker::GetVolume(int& volume) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
     if (!CheckSupport(SUPPORT_GET_VOLUME)) {
-        return Refuse("GET VOLUME", m_supportFlags, KV_HERE);
+        return Refuse("GET VOLUME", m_supportFlags);
     }
     int current = 0;
-    if (!Succeeded(KVUtils::VconfGetInt(m_volumeLevelKey.c_str(), current), "Failed to get volume",
-                   KV_HERE)) {
+    if (!Succeeded(KVUtils::VconfGetInt(m_volumeLevelKey.c_str(), current), "Failed to get volume")) {
         return FAILED;
     }
     LOGI("current Ext Speaker volume [%d]", current);
@@ -71,19 +72,19 @@ int ExternalSpeaker::GetVolume(int& volume) {
 int ExternalSpeaker::SetVolumeMute(bool mute) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
     if (!CheckSupport(SUPPORT_SET_MUTE)) {
-        return Refuse("SET MUTE", m_supportFlags, KV_HERE);
+        return Refuse("SET MUTE", m_supportFlags);
     }
     const bool done = KVUtils::VconfSetInt(m_setVolumeMuteKey.c_str(), mute ? 1 : 0);
-    return Succeeded(done, "Failed to set mute", KV_HERE) ? 0 : FAILED;
+    return Succeeded(done, "Failed to set mute") ? 0 : FAILED;
 }
 
 int ExternalSpeaker::GetVolumeMute(bool& mute) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
     if (!CheckSupport(SUPPORT_GET_MUTE)) {
-        return Refuse("GET MUTE", m_supportFlags, KV_HERE);
+        return Refuse("GET MUTE", m_supportFlags);
     }
     int current = 0;
-    if (!Succeeded(KVUtils::VconfGetInt(m_volumeMuteKey.c_str(), current), "Failed to get mute", KV_HERE)) {
+    if (!Succeeded(KVUtils::VconfGetInt(m_volumeMuteKey.c_str(), current), "Failed to get mute")) {
         return FAILED;
     }
     LOGI("current mute [%d]", current);
@@ -94,7 +95,7 @@ int ExternalSpeaker::GetVolumeMute(bool& mute) {
 int ExternalSpeaker::GetVolumeSupportType(int& supportType) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
     int flags = 0;
-    if (!Succeeded(KVUtils::VconfGetInt(m_supportKey.c_str(), flags), SUPPORT_UNREADABLE, KV_HERE)) {
+    if (!Succeeded(KVUtils::VconfGetInt(m_supportKey.c_str(), flags), SUPPORT_UNREADABLE)) {
         return FAILED;
     }
     m_supportFlags = flags;
@@ -106,12 +107,12 @@ int ExternalSpeaker::GetVolumeSupportType(int& supportType) {
 void ExternalSpeaker::SetEventHandler(const VolumeEventHandler_t& volumeHandler,
                                       const MuteEventHandler_t& muteHandler) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    StoreHandlers(m_volumeHandler, m_muteHandler, volumeHandler, muteHandler, KV_HERE);
+    StoreHandlers(m_volumeHandler, m_muteHandler, volumeHandler, muteHandler);
 }
 
 void ExternalSpeaker::UnsetEventHandler() {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    ClearHandlers(m_volumeHandler, m_muteHandler, KV_HERE);
+    ClearHandlers(m_volumeHandler, m_muteHandler);
 }
 
 void ExternalSpeaker::SetChangedCB() {
@@ -123,9 +124,9 @@ void ExternalSpeaker::SetChangedCB() {
         return KVUtils::RegisterVconfChangedCb(key.c_str(), OnVolumeControlChanged, this);
     };
     // What is registered before a failing step stays: nothing is rolled back.
-    if (Succeeded(watch(m_volumeLevelKey), "get_volume_level callback set failed", KV_HERE) &&
-        Succeeded(watch(m_volumeMuteKey), "get_volume_mute callback set failed", KV_HERE) &&
-        Succeeded(watch(m_supportKey), "get_volume_support callback set failed", KV_HERE)) {
+    if (Succeeded(watch(m_volumeLevelKey), "get_volume_level callback set failed") &&
+        Succeeded(watch(m_volumeMuteKey), "get_volume_mute callback set failed") &&
+        Succeeded(watch(m_supportKey), "get_volume_support callback set failed")) {
         m_changedCBRegistered = true;
     }
 }
@@ -139,9 +140,9 @@ void ExternalSpeaker::UnsetChangedCB() {
         return KVUtils::DeregisterVconfChangedCb(key.c_str(), OnVolumeControlChanged);
     };
     // The support key has no text of its own: it fails with the mute key's.
-    if (Succeeded(ignore(m_supportKey), "get_volume_mute callback unset failed", KV_HERE) &&
-        Succeeded(ignore(m_volumeMuteKey), "get_volume_mute callback unset failed", KV_HERE) &&
-        Succeeded(ignore(m_volumeLevelKey), "get_volume_level callback unset failed", KV_HERE)) {
+    if (Succeeded(ignore(m_supportKey), "get_volume_mute callback unset failed") &&
+        Succeeded(ignore(m_volumeMuteKey), "get_volume_mute callback unset failed") &&
+        Succeeded(ignore(m_volumeLevelKey), "get_volume_level callback unset failed")) {
         m_changedCBRegistered = false;
     }
 }
@@ -150,7 +151,7 @@ bool ExternalSpeaker::CheckSupport(int flag) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
     if (m_supportFlags == 0) {
         int flags = 0;
-        if (!Succeeded(KVUtils::VconfGetInt(m_supportKey.c_str(), flags), SUPPORT_UNREADABLE, KV_HERE)) {
+        if (!Succeeded(KVUtils::VconfGetInt(m_supportKey.c_str(), flags), SUPPORT_UNREADABLE)) {
             return false;
         }
         m_supportFlags = flags;
@@ -160,7 +161,7 @@ bool ExternalSpeaker::CheckSupport(int flag) {
 
 void ExternalSpeaker::OnVolumeControlChanged(keynode_t* keyNode, void* data) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsNull(keyNode, "keyNode is NULL", KV_HERE) || IsNull(data, "data is NULL", KV_HERE)) {
+    if (IsNull(keyNode, "keyNode is NULL") || IsNull(data, "data is NULL")) {
         return;
     }
     const char* keyName = vconf_keynode_get_name(keyNode);

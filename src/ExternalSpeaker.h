@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 #ifndef EXTERNALSPEAKER_H
 #define EXTERNALSPEAKER_H
 

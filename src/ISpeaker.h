@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 #ifndef ISPEAKER_H
 #define ISPEAKER_H
 
@@ -79,10 +81,10 @@ public:
 /** Stores both handlers unless a volume handler is already there (only that one is tested). */
 void StoreHandlers(VolumeEventHandler_t& volumeSlot, MuteEventHandler_t& muteSlot,
                    const VolumeEventHandler_t& volumeHandler, const MuteEventHandler_t& muteHandler,
-                   const CallSite& site);
+                   const CallSite& site = {});
 
 /** Empties both slots if there is a volume handler. */
-void ClearHandlers(VolumeEventHandler_t& volumeSlot, MuteEventHandler_t& muteSlot, const CallSite& site);
+void ClearHandlers(VolumeEventHandler_t& volumeSlot, MuteEventHandler_t& muteSlot, const CallSite& site = {});
 
 }  // namespace NKavrel
 

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 #include "KVAudioGainHandler.h"
 
 #include <pthread.h>
@@ -61,7 +63,7 @@ int WrappingMultiply(int a, int b) {
 }
 
 /** Waits for the lock, but not for ever; a busy one is logged as the call site. */
-std::unique_lock<std::timed_mutex> LockInTime(std::timed_mutex& mutex, const CallSite& site) {
+std::unique_lock<std::timed_mutex> LockInTime(std::timed_mutex& mutex, const CallSite& site = {}) {
     std::unique_lock<std::timed_mutex> lock(mutex, SteadyClock::now() + LOCK_TIMEOUT);
     if (!lock) {
         LOGE_AT(site, "mutex lock failed");
@@ -70,7 +72,7 @@ std::unique_lock<std::timed_mutex> LockInTime(std::timed_mutex& mutex, const Cal
 }
 
 int WriteOutput(KVAudioGainHandler& handler, const Output& output, std::timed_mutex& writeMutex,
-                const CallSite& site) {
+                const CallSite& site = {}) {
     const auto lock = LockInTime(writeMutex, site);
     if (!lock) {
         return FAILED;
@@ -97,7 +99,7 @@ int WriteOutput(KVAudioGainHandler& handler, const Output& output, std::timed_mu
 
 /** Which slots and outputs a request of a source and path reaches. */
 int ApplyToSource(KVAudioGainHandler& handler, KVDefine::eKVGainSrcType srcType, int path, int gain,
-                  bool direct, bool subBTActive, const CallSite& site) {
+                  bool direct, bool subBTActive, const CallSite& site = {}) {
     if ((path & AUDIO_PATH_BOTH) == 0) {
         LOGE_AT(site, "Invalid audioPath:%d", path);
         return INVALID_ARGUMENT;
@@ -126,7 +128,7 @@ int ApplyToSource(KVAudioGainHandler& handler, KVDefine::eKVGainSrcType srcType,
 }
 
 /** Whether the feature could be asked for; if not, that is logged as the call site. */
-bool AskProjectorFeature(bool& supported, const CallSite& site) {
+bool AskProjectorFeature(bool& supported, const CallSite& site = {}) {
     supported = false;
     const int result = system_info_get_custom_bool(PROJECTOR_FEATURE, &supported);
     if (result != 0) {
@@ -223,7 +225,7 @@ void KVAudioGainHandler::SetSrcGain(eKVGainHandlerType type, int gain) {
     if (gain > GAIN_MAX) {
         return;
     }
-    const auto lock = LockInTime(m_srcGainMutex[type], KV_HERE);
+    const auto lock = LockInTime(m_srcGainMutex[type]);
     if (!lock) {
         return;
     }
@@ -232,7 +234,7 @@ void KVAudioGainHandler::SetSrcGain(eKVGainHandlerType type, int gain) {
 
 void KVAudioGainHandler::GetSrcGain(eKVGainHandlerType type, int& gain) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    const auto lock = LockInTime(m_srcGainMutex[type], KV_HERE);
+    const auto lock = LockInTime(m_srcGainMutex[type]);
     if (!lock) {
         return;
     }
@@ -258,7 +260,7 @@ int KVAudioGainHandler::SetMainOutGain2(int path) {
     if ((path & MAIN_OUT.path) == 0) {
         return 0;
     }
-    return WriteOutput(*this, MAIN_OUT, m_srcGainMutex[GAIN_HANDLER_AUDIO_GAIN_OUT], KV_HERE);
+    return WriteOutput(*this, MAIN_OUT, m_srcGainMutex[GAIN_HANDLER_AUDIO_GAIN_OUT]);
 }
 
 int KVAudioGainHandler::SetSubOutGain2(int path) {
@@ -266,7 +268,7 @@ int KVAudioGainHandler::SetSubOutGain2(int path) {
     if ((path & SUB_OUT.path) == 0) {
         return 0;
     }
-    return WriteOutput(*this, SUB_OUT, m_srcGainMutex[GAIN_HANDLER_AUDIO_GAIN_OUT], KV_HERE);
+    return WriteOutput(*this, SUB_OUT, m_srcGainMutex[GAIN_HANDLER_AUDIO_GAIN_OUT]);
 }
 
 int KVAudioGainHandler::SetAudioGain(int path) {
@@ -291,12 +293,12 @@ int KVAudioGainHandler::_ApplyAudioGain(eKVGainHandlerType type, int path, int g
 
 int KVAudioGainHandler::ApplyAudioGain(KVDefine::eKVGainSrcType srcType, int gain, int path) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    return ApplyToSource(*this, srcType, path, gain, true, m_subBTActive, KV_HERE);
+    return ApplyToSource(*this, srcType, path, gain, true, m_subBTActive);
 }
 
 int KVAudioGainHandler::ApplyVolumeFadeIn(KVDefine::eKVGainSrcType srcType, int path) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    return ApplyToSource(*this, srcType, path, 0, false, m_subBTActive, KV_HERE);
+    return ApplyToSource(*this, srcType, path, 0, false, m_subBTActive);
 }
 
 int KVAudioGainHandler::ApplyPulseAudioGain(int gain, int duration) {
@@ -316,7 +318,7 @@ void KVAudioGainHandler::SetPulseTargetValue(int target, int duration) {
     if (target > GAIN_MAX) {
         return;
     }
-    const auto lock = LockInTime(m_pulseMutex, KV_HERE);
+    const auto lock = LockInTime(m_pulseMutex);
     if (!lock) {
         return;
     }
@@ -327,7 +329,7 @@ void KVAudioGainHandler::SetPulseTargetValue(int target, int duration) {
 
 void KVAudioGainHandler::GetPulseTargetValue(int& target, int& duration) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    const auto lock = LockInTime(m_pulseMutex, KV_HERE);
+    const auto lock = LockInTime(m_pulseMutex);
     if (!lock) {
         return;
     }
@@ -351,7 +353,7 @@ bool KVAudioGainHandler::IsSubOutUpdating() {
 // gain-out worker writes the hardware meanwhile. A fade under way never looks at m_running.
 void KVAudioGainHandler::FadeInGainHandler(eKVGainHandlerType type, void* self) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsNull(self, "Invalid userData", KV_HERE)) {
+    if (IsNull(self, "Invalid userData")) {
         return;
     }
     auto& handler = *static_cast<KVAudioGainHandler*>(self);
@@ -402,7 +404,7 @@ void KVAudioGainHandler::FadeInGainHandler(eKVGainHandlerType type, void* self) 
 // goes on to the new target, on purpose.
 void KVAudioGainHandler::PulseGainHandler(void* self) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsNull(self, "Invalid userData", KV_HERE)) {
+    if (IsNull(self, "Invalid userData")) {
         return;
     }
     constexpr auto type = GAIN_HANDLER_PULSE_RAMP;
@@ -469,7 +471,7 @@ void KVAudioGainHandler::PulseGainHandler(void* self) {
 // both once more when all is still. A write that would change nothing is skipped further down.
 void KVAudioGainHandler::AudioGainOutHandler(void* self) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsNull(self, "Invalid userData", KV_HERE)) {
+    if (IsNull(self, "Invalid userData")) {
         return;
     }
     constexpr auto type = GAIN_HANDLER_AUDIO_GAIN_OUT;
@@ -508,7 +510,7 @@ void KVAudioGainHandler::AudioGainOutHandler(void* self) {
 int KVAudioGainHandler::SetAudioGainControlChangedCb() {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
     bool supported = false;
-    if (!AskProjectorFeature(supported, KV_HERE)) {
+    if (!AskProjectorFeature(supported)) {
         return FAILED;
     }
     if (!supported) {
@@ -525,7 +527,7 @@ int KVAudioGainHandler::SetAudioGainControlChangedCb() {
 int KVAudioGainHandler::UnsetAudioGainControlChangedCb() {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
     bool supported = false;
-    if (!AskProjectorFeature(supported, KV_HERE)) {
+    if (!AskProjectorFeature(supported)) {
         return FAILED;
     }
     if (supported) {
@@ -537,7 +539,7 @@ int KVAudioGainHandler::UnsetAudioGainControlChangedCb() {
 // Neither key callback re-applies a gain: the hardware gets the totals at the next write.
 void KVAudioGainHandler::AudioGainControlChangedCb(keynode_t* node, void* data) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsNull(node, "pKeyNode is NULL", KV_HERE) || IsNull(data, "data is NULL", KV_HERE)) {
+    if (IsNull(node, "pKeyNode is NULL") || IsNull(data, "data is NULL")) {
         return;
     }
     const int ready = vconf_keynode_get_int(node);
@@ -548,7 +550,7 @@ void KVAudioGainHandler::AudioGainControlChangedCb(keynode_t* node, void* data) 
 
 void KVAudioGainHandler::SubBTChangedCb(keynode_t* node, void* data) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsNull(node, "pKeyNode is NULL", KV_HERE) || IsNull(data, "data is NULL", KV_HERE)) {
+    if (IsNull(node, "pKeyNode is NULL") || IsNull(data, "data is NULL")) {
         return;
     }
     const int zone = vconf_keynode_get_int(node);

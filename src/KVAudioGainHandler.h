@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 #ifndef KVAUDIOGAINHANDLER_H
 #define KVAUDIOGAINHANDLER_H
 

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 #include "KVDbusEventHandler.h"
 
 #include <sound_manager.h>
@@ -14,11 +16,11 @@ using KVDefine::MULTI_OUTPUT_ROUTE;
 using KVDefine::TV_SPEAKER_ROUTE;
 
 // Volume setters look at the user data first, gain and connection handlers at the parameters first.
-bool IsParametersNull(const GVariant* parameters, const CallSite& site) {
+bool IsParametersNull(const GVariant* parameters, const CallSite& site = {}) {
     return IsNull(parameters, "nullptr parameters", site);
 }
 
-bool IsUserDataNull(const void* userData, const CallSite& site) {
+bool IsUserDataNull(const void* userData, const CallSite& site = {}) {
     return IsNull(userData, "nullptr user data", site);
 }
 
@@ -36,7 +38,7 @@ void Reply(GDBusMethodInvocation* invocation, int value, int status) {
 
 /** Where to go when an output goes away: the previous output, or the default one if that may not be returned
  * to. Logs as the call site. */
-int ChooseFallback(VolumeControlImpl& control, const CallSite& site) {
+int ChooseFallback(VolumeControlImpl& control, const CallSite& site = {}) {
     const int previous = control.GetPrevSpeakerSelection();
     if (!KVUtils::IsBlockedLastSpkType(previous)) {
         return previous;
@@ -131,7 +133,7 @@ void KVDbusEventHandler::OnSignal(const std::string& name, GVariant* parameters,
 void KVDbusEventHandler::_OnGetSpeakerSupportType(GVariant* /*parameters*/, GDBusMethodInvocation* invocation,
                                                   gpointer user_data) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsUserDataNull(user_data, KV_HERE)) {
+    if (IsUserDataNull(user_data)) {
         return;
     }
     int supportType = 0;
@@ -143,7 +145,7 @@ void KVDbusEventHandler::_OnGetSpeakerSupportType(GVariant* /*parameters*/, GDBu
 void KVDbusEventHandler::_OnSetSpeakerVolume(GVariant* parameters, GDBusMethodInvocation* invocation,
                                              gpointer user_data) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsUserDataNull(user_data, KV_HERE) || IsParametersNull(parameters, KV_HERE)) {
+    if (IsUserDataNull(user_data) || IsParametersNull(parameters)) {
         return;
     }
     int volume = 0;
@@ -156,7 +158,7 @@ void KVDbusEventHandler::_OnSetSpeakerVolume(GVariant* parameters, GDBusMethodIn
 void KVDbusEventHandler::_OnGetSpeakerVolume(GVariant* /*parameters*/, GDBusMethodInvocation* invocation,
                                              gpointer user_data) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsUserDataNull(user_data, KV_HERE)) {
+    if (IsUserDataNull(user_data)) {
         return;
     }
     int volume = 0;
@@ -168,7 +170,7 @@ void KVDbusEventHandler::_OnGetSpeakerVolume(GVariant* /*parameters*/, GDBusMeth
 void KVDbusEventHandler::_OnSetSpeakerMute(GVariant* parameters, GDBusMethodInvocation* invocation,
                                            gpointer user_data) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsUserDataNull(user_data, KV_HERE) || IsParametersNull(parameters, KV_HERE)) {
+    if (IsUserDataNull(user_data) || IsParametersNull(parameters)) {
         return;
     }
     gboolean mute = FALSE;
@@ -181,7 +183,7 @@ void KVDbusEventHandler::_OnSetSpeakerMute(GVariant* parameters, GDBusMethodInvo
 void KVDbusEventHandler::_OnGetSpeakerMute(GVariant* /*parameters*/, GDBusMethodInvocation* invocation,
                                            gpointer user_data) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsUserDataNull(user_data, KV_HERE)) {
+    if (IsUserDataNull(user_data)) {
         return;
     }
     bool mute = false;
@@ -205,7 +207,7 @@ void KVDbusEventHandler::_OnApplyUnmuteVolumeFadeIn(GVariant* parameters, GDBusM
 void KVDbusEventHandler::_HandleApplyVolumeFadeIn(GVariant* parameters, GDBusMethodInvocation* invocation,
                                                   gpointer user_data, int source) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsParametersNull(parameters, KV_HERE) || IsUserDataNull(user_data, KV_HERE)) {
+    if (IsParametersNull(parameters) || IsUserDataNull(user_data)) {
         return;
     }
     int path = 0;
@@ -221,7 +223,7 @@ void KVDbusEventHandler::_HandleApplyVolumeFadeIn(GVariant* parameters, GDBusMet
 void KVDbusEventHandler::_OnResetPlayerGain(GVariant* parameters, GDBusMethodInvocation* invocation,
                                             gpointer user_data) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsParametersNull(parameters, KV_HERE) || IsUserDataNull(user_data, KV_HERE)) {
+    if (IsParametersNull(parameters) || IsUserDataNull(user_data)) {
         return;
     }
     int path = 0;
@@ -236,7 +238,7 @@ void KVDbusEventHandler::_OnResetPlayerGain(GVariant* parameters, GDBusMethodInv
 void KVDbusEventHandler::_OnApplyGainOnMute(GVariant* parameters, GDBusMethodInvocation* invocation,
                                             gpointer user_data) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsParametersNull(parameters, KV_HERE) || IsUserDataNull(user_data, KV_HERE)) {
+    if (IsParametersNull(parameters) || IsUserDataNull(user_data)) {
         return;
     }
     int path = 0;
@@ -250,8 +252,8 @@ void KVDbusEventHandler::_OnApplyGainOnMute(GVariant* parameters, GDBusMethodInv
 
 void KVDbusEventHandler::_OnApplyPulseAudioGain(GVariant* parameters, gpointer user_data) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsParametersNull(parameters, KV_HERE) || IsUserDataNull(user_data, KV_HERE) ||
-        !KVUtils::IsSignalOfType(parameters, "(ii)", "ApplyPulseAudioGain", KV_HERE)) {
+    if (IsParametersNull(parameters) || IsUserDataNull(user_data) ||
+        !KVUtils::IsSignalOfType(parameters, "(ii)", "ApplyPulseAudioGain")) {
         return;
     }
     int gain = 0;
@@ -264,8 +266,8 @@ void KVDbusEventHandler::_OnApplyPulseAudioGain(GVariant* parameters, gpointer u
 
 void KVDbusEventHandler::_OnBudsConnected(GVariant* parameters, gpointer user_data) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsParametersNull(parameters, KV_HERE) || IsUserDataNull(user_data, KV_HERE) ||
-        !KVUtils::IsSignalOfType(parameters, "(i)", "BudsConnected", KV_HERE)) {
+    if (IsParametersNull(parameters) || IsUserDataNull(user_data) ||
+        !KVUtils::IsSignalOfType(parameters, "(i)", "BudsConnected")) {
         return;
     }
     int reason = 0;
@@ -275,12 +277,12 @@ void KVDbusEventHandler::_OnBudsConnected(GVariant* parameters, gpointer user_da
 
 void KVDbusEventHandler::_OnBudsDisconnected(GVariant* parameters, gpointer user_data) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsParametersNull(parameters, KV_HERE) || IsUserDataNull(user_data, KV_HERE) ||
-        !KVUtils::IsSignalOfType(parameters, "(i)", "BudsDisconnected", KV_HERE)) {
+    if (IsParametersNull(parameters) || IsUserDataNull(user_data) ||
+        !KVUtils::IsSignalOfType(parameters, "(i)", "BudsDisconnected")) {
         return;
     }
     VolumeControlImpl& control = ControlOf(user_data);
-    const int target = ChooseFallback(control, KV_HERE);
+    const int target = ChooseFallback(control);
     KVUtils::DbusEmitSignal(KVDefine::PUBLIC_PATH, KVDefine::BUS_NAME, "SpeakerChangeRequest",
                             g_variant_new("(ii)", target, 1));
     LOGI("Buds disconnected. Connect to previous(type:%d)", target);
@@ -293,12 +295,12 @@ void KVDbusEventHandler::_OnBudsDisconnected(GVariant* parameters, gpointer user
 
 void KVDbusEventHandler::_OnSpeakerDisconnected(GVariant* parameters, gpointer user_data) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsParametersNull(parameters, KV_HERE) || IsUserDataNull(user_data, KV_HERE) ||
-        !KVUtils::IsSignalOfType(parameters, "(is)", "SpkDisconnected", KV_HERE)) {
+    if (IsParametersNull(parameters) || IsUserDataNull(user_data) ||
+        !KVUtils::IsSignalOfType(parameters, "(is)", "SpkDisconnected")) {
         return;
     }
     VolumeControlImpl& control = ControlOf(user_data);
-    const int target = ChooseFallback(control, KV_HERE);
+    const int target = ChooseFallback(control);
     int type = 0;
     const char* name = nullptr;
     g_variant_get(parameters, "(i&s)", &type, &name);

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 #ifndef KVDBUSEVENTHANDLER_H
 #define KVDBUSEVENTHANDLER_H
 

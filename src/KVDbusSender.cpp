@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 #include "KVDbusSender.h"
 
 #include <gio/gio.h>
@@ -49,7 +51,7 @@ bool KVDbusSender::IsNewSender(const std::string& sender) {
 
 gboolean KVDbusSender::UpdateSenderLists(gpointer data) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsNull(data, "Data is Null", KV_HERE)) {
+    if (IsNull(data, "Data is Null")) {
         return G_SOURCE_REMOVE;
     }
     auto& self = *static_cast<KVDbusSender*>(data);
@@ -78,13 +80,13 @@ gboolean KVDbusSender::UpdateSenderLists(gpointer data) {
 unsigned int KVDbusSender::GetConnectionPID(std::string sender) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
     GDBusConnection* connection = KVUtils::GetConnection();
-    if (IsNull(connection, "Failed to get GDBus Connection", KV_HERE)) {
+    if (IsNull(connection, "Failed to get GDBus Connection")) {
         return 0;
     }
     g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
         connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", GET_PID,
         g_variant_new("(s)", sender.c_str()), nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-    if (reply == nullptr || !KVUtils::IsReplyOfType(reply, "(u)", GET_PID, KV_HERE)) {
+    if (reply == nullptr || !KVUtils::IsReplyOfType(reply, "(u)", GET_PID)) {
         return 0;
     }
     guint32 pid = 0;

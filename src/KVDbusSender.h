@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 #ifndef KVDBUSSENDER_H
 #define KVDBUSSENDER_H
 

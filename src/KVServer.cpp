@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 #include "KVServer.h"
 
 #include <lwipc.h>
@@ -20,17 +22,17 @@ constexpr const char* INTERFACE_NAME = BUS_NAME;
 constexpr const char* OBJECT_PATH = "/Org/Olvane/KavrelInternal";
 constexpr const char* READY_EVENT = "/tmp/.kavrel_ready";
 
-bool IsConnectionNull(const void* connection, const CallSite& site) {
+bool IsConnectionNull(const void* connection, const CallSite& site = {}) {
     return IsNull(connection, "Connection is NULL", site);
 }
 
-bool IsServerNull(const void* server, const CallSite& site) {
+bool IsServerNull(const void* server, const CallSite& site = {}) {
     return IsNull(server, "pObj is NULL", site);
 }
 
 /** Broadcasts a change; a failure is logged as the call site and the change is lost. */
 void EmitChange(GDBusConnection* connection, const char* signalName, GVariant* parameters,
-                const CallSite& site) {
+                const CallSite& site = {}) {
     g_autoptr(GError) error = nullptr;
     if (!g_dbus_connection_emit_signal(connection, nullptr, OBJECT_PATH, INTERFACE_NAME, signalName,
                                        parameters, &error)) {
@@ -105,7 +107,7 @@ std::unique_ptr<VolumeControlImpl>& KVServer::getCurrentSpeaker() {
 
 void KVServer::onBusAcquired(GDBusConnection* connection, const gchar* /*name*/, gpointer user_data) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsConnectionNull(connection, KV_HERE) || IsServerNull(user_data, KV_HERE)) {
+    if (IsConnectionNull(connection) || IsServerNull(user_data)) {
         return;
     }
     static const GDBusInterfaceVTable VTABLE = {methodCallHandler, nullptr, nullptr, {}};
@@ -124,7 +126,7 @@ void KVServer::onBusAcquired(GDBusConnection* connection, const gchar* /*name*/,
 
 void KVServer::onNameAcquired(GDBusConnection* connection, const gchar* /*name*/, gpointer user_data) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsConnectionNull(connection, KV_HERE) || IsServerNull(user_data, KV_HERE)) {
+    if (IsConnectionNull(connection) || IsServerNull(user_data)) {
         return;
     }
     static_cast<KVServer*>(user_data)->m_connection = connection;
@@ -133,7 +135,7 @@ void KVServer::onNameAcquired(GDBusConnection* connection, const gchar* /*name*/
 
 void KVServer::onNameLost(GDBusConnection* connection, const gchar* /*name*/, gpointer user_data) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsConnectionNull(connection, KV_HERE) || IsServerNull(user_data, KV_HERE)) {
+    if (IsConnectionNull(connection) || IsServerNull(user_data)) {
         return;
     }
     auto* self = static_cast<KVServer*>(user_data);
@@ -149,9 +151,8 @@ void KVServer::methodCallHandler(GDBusConnection* connection, const gchar* sende
                                  GDBusMethodInvocation* invocation, gpointer user_data) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
     // The third text is the signal handler's wording: log readers know both by it.
-    if (IsConnectionNull(connection, KV_HERE) || IsNull(invocation, "invocation is NULL", KV_HERE) ||
-        IsNull(method_name, "signal_name is NULL", KV_HERE) ||
-        IsNull(user_data, "user data is NULL", KV_HERE)) {
+    if (IsConnectionNull(connection) || IsNull(invocation, "invocation is NULL") ||
+        IsNull(method_name, "signal_name is NULL") || IsNull(user_data, "user data is NULL")) {
         return;
     }
     auto* self = static_cast<KVServer*>(user_data);
@@ -165,9 +166,8 @@ void KVServer::signalCallHandler(GDBusConnection* connection, const gchar* sende
                                  const gchar* /*object_path*/, const gchar* /*interface_name*/,
                                  const gchar* signal_name, GVariant* parameters, gpointer user_data) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsConnectionNull(connection, KV_HERE) || IsNull(sender_name, "sender is NULL", KV_HERE) ||
-        IsNull(signal_name, "signal_name is NULL", KV_HERE) ||
-        IsNull(user_data, "user data is NULL", KV_HERE)) {
+    if (IsConnectionNull(connection) || IsNull(sender_name, "sender is NULL") ||
+        IsNull(signal_name, "signal_name is NULL") || IsNull(user_data, "user data is NULL")) {
         return;
     }
     auto* self = static_cast<KVServer*>(user_data);
@@ -178,34 +178,34 @@ void KVServer::signalCallHandler(GDBusConnection* connection, const gchar* sende
 
 void KVServer::onVolumeChanged(int supportType, int volume, void* server) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsServerNull(server, KV_HERE)) {
+    if (IsServerNull(server)) {
         return;
     }
     GDBusConnection* connection = static_cast<KVServer*>(server)->m_connection;
-    if (IsConnectionNull(connection, KV_HERE)) {
+    if (IsConnectionNull(connection)) {
         return;
     }
     LOGI("Send dbus signal VolumeChanged : %d", volume);
-    EmitChange(connection, "SpeakerVolumeChanged", g_variant_new("(ii)", supportType, volume), KV_HERE);
+    EmitChange(connection, "SpeakerVolumeChanged", g_variant_new("(ii)", supportType, volume));
 }
 
 void KVServer::onMuteChanged(int supportType, int mute, void* server) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsServerNull(server, KV_HERE)) {
+    if (IsServerNull(server)) {
         return;
     }
     GDBusConnection* connection = static_cast<KVServer*>(server)->m_connection;
-    if (IsConnectionNull(connection, KV_HERE)) {
+    if (IsConnectionNull(connection)) {
         return;
     }
     const gboolean muted = mute != 0;
     LOGI("Send dbus signal MuteChanged : %d", muted);
-    EmitChange(connection, "SpeakerMuteChanged", g_variant_new("(ib)", supportType, muted), KV_HERE);
+    EmitChange(connection, "SpeakerMuteChanged", g_variant_new("(ib)", supportType, muted));
 }
 
 void KVServer::onSpeakerChanged(int supportType, int speaker, void* server) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsServerNull(server, KV_HERE)) {
+    if (IsServerNull(server)) {
         return;
     }
     VolumeControlImpl& control = *static_cast<KVServer*>(server)->getCurrentSpeaker();

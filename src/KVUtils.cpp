@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 #include "KVUtils.h"
 
 #include <json/json.h>
@@ -34,7 +36,7 @@ GVariant* TakeRef(GVariant* value) {
     return value != nullptr ? g_variant_take_ref(value) : nullptr;
 }
 
-bool IsNullKey(const void* key, const CallSite& site) {
+bool IsNullKey(const void* key, const CallSite& site = {}) {
     return IsNull(key, "vconf key is NULL", site);
 }
 
@@ -102,7 +104,7 @@ int DbusEmitSignal(const char* objectPath, const char* interfaceName, const char
     }
     LOGI("Signal '%s'", signalName);
     GDBusConnection* connection = GetConnection();
-    if (IsNull(connection, "Failed to get GDBus Connection", KV_HERE)) {
+    if (IsNull(connection, "Failed to get GDBus Connection")) {
         return FAILED;
     }
     g_autoptr(GError) error = nullptr;
@@ -123,7 +125,7 @@ int DbusCallSync(const char* busName, const char* objectPath, const char* interf
     }
     LOGI("Method call '%s'", methodName);
     GDBusConnection* connection = GetConnection();
-    if (IsNull(connection, "Failed to get GDBus Connection", KV_HERE)) {
+    if (IsNull(connection, "Failed to get GDBus Connection")) {
         return FAILED;
     }
     g_autoptr(GError) error = nullptr;
@@ -159,7 +161,7 @@ bool IsReplyOfType(GVariant* reply, const char* type, const char* methodName, co
 }
 
 bool RegisterVconfChangedCb(const char* key, vconf_callback_fn callback, void* userData) {
-    if (IsNullKey(key, KV_HERE)) {
+    if (IsNullKey(key)) {
         return false;
     }
     if (vconf_notify_key_changed(key, callback, userData) != 0) {
@@ -171,7 +173,7 @@ bool RegisterVconfChangedCb(const char* key, vconf_callback_fn callback, void* u
 }
 
 bool DeregisterVconfChangedCb(const char* key, vconf_callback_fn callback) {
-    if (IsNullKey(key, KV_HERE)) {
+    if (IsNullKey(key)) {
         return false;
     }
     if (vconf_ignore_key_changed(key, callback) != 0) {
@@ -183,11 +185,11 @@ bool DeregisterVconfChangedCb(const char* key, vconf_callback_fn callback) {
 }
 
 bool GetVconfKeyFromKeynode(keynode_t* keyNode, std::string& key) {
-    if (IsNullKey(keyNode, KV_HERE)) {
+    if (IsNullKey(keyNode)) {
         return false;
     }
     const char* name = vconf_keynode_get_name(keyNode);
-    if (IsNull(name, "Failed to get keynode name", KV_HERE)) {
+    if (IsNull(name, "Failed to get keynode name")) {
         return false;
     }
     key = name;
@@ -196,7 +198,7 @@ bool GetVconfKeyFromKeynode(keynode_t* keyNode, std::string& key) {
 }
 
 bool VconfSetInt(const char* key, int value) {
-    if (IsNullKey(key, KV_HERE)) {
+    if (IsNullKey(key)) {
         return false;
     }
     if (vconf_set_int(key, value) != 0) {
@@ -208,7 +210,7 @@ bool VconfSetInt(const char* key, int value) {
 }
 
 bool VconfGetInt(const char* key, int& value) {
-    if (IsNullKey(key, KV_HERE)) {
+    if (IsNullKey(key)) {
         return false;
     }
     int read = value;
@@ -222,7 +224,7 @@ bool VconfGetInt(const char* key, int& value) {
 }
 
 bool VconfGetStr(const char* key, std::string& value) {
-    if (IsNullKey(key, KV_HERE)) {
+    if (IsNullKey(key)) {
         return false;
     }
     const std::unique_ptr<char, decltype(&std::free)> text(vconf_get_str(key), &std::free);

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /**
  * The TV platform's services as the daemon uses them: null keys and failures are handled and logged here,
  * once. Callable from any thread. Nothing here is traced.
@@ -51,10 +53,11 @@ int DbusCallSync(const char* busName, const char* objectPath, const char* interf
                  const char* methodName, GVariant* parameters, GVariant** reply);
 
 /** Whether a signal's body has the given type; if not, says so as the call site. */
-bool IsSignalOfType(GVariant* parameters, const char* type, const char* signalName, const CallSite& site);
+bool IsSignalOfType(GVariant* parameters, const char* type, const char* signalName,
+                    const CallSite& site = {});
 
 /** Whether a method's reply has the given type; if not, says so as the call site. */
-bool IsReplyOfType(GVariant* reply, const char* type, const char* methodName, const CallSite& site);
+bool IsReplyOfType(GVariant* reply, const char* type, const char* methodName, const CallSite& site = {});
 
 /** Watches a setting: the callback runs on the thread on which the platform reports the change. */
 bool RegisterVconfChangedCb(const char* key, vconf_callback_fn callback, void* userData);

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 #include "SpeakerPeer.h"
 
 #include "KVDefine.h"

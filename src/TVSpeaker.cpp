@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 #include "TVSpeaker.h"
 
 #include <audio_hal.h>
@@ -9,7 +11,7 @@ constexpr int VOLUME_MODE = 1;
 constexpr int SUPPORT_EVERYTHING = 0xFFFF;
 
 /** Whether a HAL call failed; if so, logs it as the call site. The text ends before the code. */
-bool Failed(int result, const char* what, const CallSite& site) {
+bool Failed(int result, const char* what, const CallSite& site = {}) {
     if (result == 0) {
         return false;
     }
@@ -31,7 +33,7 @@ TVSpeaker::~TVSpeaker() {
 int TVSpeaker::SetVolume(int volume) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
     const int result = audio_set_master_volume(volume, VOLUME_MODE);
-    Failed(result, "set master volume error", KV_HERE);
+    Failed(result, "set master volume error");
     return result;
 }
 
@@ -39,7 +41,7 @@ int TVSpeaker::GetVolume(int& volume) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
     int current = 0;
     const int result = audio_get_master_volume(&current);
-    if (!Failed(result, "get master volume error", KV_HERE)) {
+    if (!Failed(result, "get master volume error")) {
         LOGI("current tv volume [%d]", current);
         volume = current;
     }
@@ -49,7 +51,7 @@ int TVSpeaker::GetVolume(int& volume) {
 int TVSpeaker::SetVolumeMute(bool mute) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
     const int result = audio_set_master_mute(mute);
-    Failed(result, "set master mute error", KV_HERE);
+    Failed(result, "set master mute error");
     return result;
 }
 
@@ -57,7 +59,7 @@ int TVSpeaker::GetVolumeMute(bool& mute) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
     bool current = false;
     const int result = audio_get_master_mute(&current);
-    if (!Failed(result, "get master mute error", KV_HERE)) {
+    if (!Failed(result, "get master mute error")) {
         LOGI("current tv mute [%d]", current);
         mute = current;
     }
@@ -73,12 +75,12 @@ int TVSpeaker::GetVolumeSupportType(int& supportType) {
 void TVSpeaker::SetEventHandler(const VolumeEventHandler_t& volumeHandler,
                                 const MuteEventHandler_t& muteHandler) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    StoreHandlers(m_volumeHandler, m_muteHandler, volumeHandler, muteHandler, KV_HERE);
+    StoreHandlers(m_volumeHandler, m_muteHandler, volumeHandler, muteHandler);
 }
 
 void TVSpeaker::UnsetEventHandler() {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    ClearHandlers(m_volumeHandler, m_muteHandler, KV_HERE);
+    ClearHandlers(m_volumeHandler, m_muteHandler);
 }
 
 void TVSpeaker::SetChangedCB() {
@@ -87,12 +89,12 @@ void TVSpeaker::SetChangedCB() {
         return;
     }
     if (Failed(audio_register_master_volume_changed_cb(VolumeChangedCallback, this),
-               "set volume_changed_cb failed", KV_HERE)) {
+               "set volume_changed_cb failed")) {
         return;
     }
     // On failure the volume callback stays: the next call registers both again.
-    if (Failed(audio_register_master_mute_changed_cb(MuteChangedCallback, this), "set mute changed_cb failed",
-               KV_HERE)) {
+    if (Failed(audio_register_master_mute_changed_cb(MuteChangedCallback, this),
+               "set mute changed_cb failed")) {
         return;
     }
     m_changedCBRegistered = true;
@@ -103,10 +105,10 @@ void TVSpeaker::UnsetChangedCB() {
     if (!m_changedCBRegistered) {
         return;
     }
-    if (Failed(audio_unregister_master_mute_changed_cb(), "unset mute changed_cb failed", KV_HERE)) {
+    if (Failed(audio_unregister_master_mute_changed_cb(), "unset mute changed_cb failed")) {
         return;
     }
-    if (Failed(audio_unregister_master_volume_changed_cb(), "unset volume changed_cb failed", KV_HERE)) {
+    if (Failed(audio_unregister_master_volume_changed_cb(), "unset volume changed_cb failed")) {
         return;
     }
     m_changedCBRegistered = false;
@@ -114,7 +116,7 @@ void TVSpeaker::UnsetChangedCB() {
 
 void TVSpeaker::VolumeChangedCallback(unsigned int volume, void* data) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsNull(data, "data is NULL", KV_HERE)) {
+    if (IsNull(data, "data is NULL")) {
         return;
     }
     static_cast<TVSpeaker*>(data)->m_volumeHandler(static_cast<int>(volume));
@@ -122,7 +124,7 @@ void TVSpeaker::VolumeChangedCallback(unsigned int volume, void* data) {
 
 void TVSpeaker::MuteChangedCallback(unsigned int mute, void* data) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsNull(data, "data is NULL", KV_HERE)) {
+    if (IsNull(data, "data is NULL")) {
         return;
     }
     static_cast<TVSpeaker*>(data)->m_muteHandler(static_cast<int>(mute));

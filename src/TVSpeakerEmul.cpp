@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 #include "TVSpeakerEmul.h"
 
 #include "KVDefine.h"
@@ -22,23 +24,23 @@ TVSpeakerEmul::~TVSpeakerEmul() {
 
 int TVSpeakerEmul::SetVolume(int volume) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    return SetPeerVolume(PEER, volume, KV_HERE);
+    return SetPeerVolume(PEER, volume);
 }
 
 int TVSpeakerEmul::GetVolume(int& volume) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    return GetPeerVolume(PEER, volume, KV_HERE);
+    return GetPeerVolume(PEER, volume);
 }
 
 void TVSpeakerEmul::SetEventHandler(const VolumeEventHandler_t& volumeHandler,
                                     const MuteEventHandler_t& muteHandler) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    StoreHandlers(m_volumeHandler, m_muteHandler, volumeHandler, muteHandler, KV_HERE);
+    StoreHandlers(m_volumeHandler, m_muteHandler, volumeHandler, muteHandler);
 }
 
 void TVSpeakerEmul::UnsetEventHandler() {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    ClearHandlers(m_volumeHandler, m_muteHandler, KV_HERE);
+    ClearHandlers(m_volumeHandler, m_muteHandler);
 }
 
 void TVSpeakerEmul::SetChangedCB() {
@@ -77,12 +79,12 @@ void TVSpeakerEmul::VolumeChangedCB(GDBusConnection* connection, const gchar* se
                                     const gchar* /*objectPath*/, const gchar* /*interfaceName*/,
                                     const gchar* signalName, GVariant* parameters, gpointer userData) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsNull(connection, "Conneciton is NULL", KV_HERE) || IsNull(userData, "userdata is NULL", KV_HERE) ||
-        IsNull(signalName, "signal_name is NULL", KV_HERE)) {
+    if (IsNull(connection, "Conneciton is NULL") || IsNull(userData, "userdata is NULL") ||
+        IsNull(signalName, "signal_name is NULL")) {
         return;
     }
     PeerVolume changed;
-    if (!ReadPeerVolume(parameters, changed, KV_HERE)) {
+    if (!ReadPeerVolume(parameters, changed)) {
         return;
     }
     LOGI("Start sender:%s signal_name:%s route:%d, suppType:%d vol:%d", senderName, signalName, changed.route,
@@ -92,7 +94,7 @@ void TVSpeakerEmul::VolumeChangedCB(GDBusConnection* connection, const gchar* se
 
 void TVSpeakerEmul::MuteChangedCB(unsigned int mute, void* data) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsNull(data, "data is NULL", KV_HERE)) {
+    if (IsNull(data, "data is NULL")) {
         return;
     }
     static_cast<TVSpeakerEmul*>(data)->m_muteHandler(static_cast<int>(mute));

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 #ifndef TVSPEAKEREMUL_H
 #define TVSPEAKEREMUL_H
 

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 #include "VolumeControlImpl.h"
 
 #include <json/value.h>
@@ -26,7 +28,7 @@ constexpr int MULTIVIEW_TERMINATED = static_cast<int>(0xFE6A0004U);
 
 /** Tries the lock, never waits; a busy one is logged as the call site. */
 std::unique_lock<std::recursive_mutex> TryLock(std::recursive_mutex& mutex, const char* busyText,
-                                               const CallSite& site) {
+                                               const CallSite& site = {}) {
     std::unique_lock<std::recursive_mutex> lock(mutex, std::try_to_lock);
     if (!lock) {
         LOGE_AT(site, "%s", busyText);
@@ -34,12 +36,12 @@ std::unique_lock<std::recursive_mutex> TryLock(std::recursive_mutex& mutex, cons
     return lock;
 }
 
-bool IsNodeOrDataNull(const keynode_t* node, const void* data, const CallSite& site) {
+bool IsNodeOrDataNull(const keynode_t* node, const void* data, const CallSite& site = {}) {
     return IsNull(node, "pKeyNode is NULL", site) || IsNull(data, "data is NULL", site);
 }
 
 /** The value a notification carries; false, and logged as the call site, when it is negative. */
-bool ReadStatus(keynode_t* node, const std::string& key, int& value, const CallSite& site) {
+bool ReadStatus(keynode_t* node, const std::string& key, int& value, const CallSite& site = {}) {
     value = vconf_keynode_get_int(node);
     if (value < 0) {
         LOGE_AT(site, "get vconf %s error", key.c_str());
@@ -117,7 +119,7 @@ VolumeControlImpl::~VolumeControlImpl() {
 
 void VolumeControlImpl::SetEventHandler(const std::string& name, const VolumeEventHandler& handler) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    const auto lock = TryLock(m_mutex, "mutex lock failed", KV_HERE);
+    const auto lock = TryLock(m_mutex, "mutex lock failed");
     if (!lock) {
         return;
     }
@@ -128,7 +130,7 @@ void VolumeControlImpl::SetEventHandler(const std::string& name, const VolumeEve
 
 void VolumeControlImpl::UnsetEventHandler() {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    const auto lock = TryLock(m_mutex, "mutex lock failed", KV_HERE);
+    const auto lock = TryLock(m_mutex, "mutex lock failed");
     if (!lock) {
         return;
     }
@@ -142,7 +144,7 @@ std::unique_lock<std::recursive_mutex> VolumeControlImpl::WaitForLock() {
 
 int VolumeControlImpl::GetVolumeSupport(int& type) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    const auto lock = TryLock(m_mutex, "owns_lock", KV_HERE);
+    const auto lock = TryLock(m_mutex, "owns_lock");
     if (!lock) {
         return FAILED;
     }
@@ -151,7 +153,7 @@ int VolumeControlImpl::GetVolumeSupport(int& type) {
 
 int VolumeControlImpl::GetTVVolume(int& volume) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    const auto lock = TryLock(m_mutex, "owns_lock", KV_HERE);
+    const auto lock = TryLock(m_mutex, "owns_lock");
     if (!lock) {
         return FAILED;
     }
@@ -164,7 +166,7 @@ int VolumeControlImpl::SetTVVolume(int volume) {
         LOGE("invalid param SetTVVolume");
         return INVALID_ARGUMENT;
     }
-    const auto lock = TryLock(m_mutex, "owns_lock", KV_HERE);
+    const auto lock = TryLock(m_mutex, "owns_lock");
     if (!lock) {
         return FAILED;
     }
@@ -182,7 +184,7 @@ int VolumeControlImpl::SetTVVolume(int volume) {
 
 int VolumeControlImpl::GetTVVolumeMute(bool& mute) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    const auto lock = TryLock(m_mutex, "owns_lock", KV_HERE);
+    const auto lock = TryLock(m_mutex, "owns_lock");
     if (!lock) {
         return FAILED;
     }
@@ -191,7 +193,7 @@ int VolumeControlImpl::GetTVVolumeMute(bool& mute) {
 
 int VolumeControlImpl::SetTVVolumeMute(bool mute) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    const auto lock = TryLock(m_mutex, "owns_lock", KV_HERE);
+    const auto lock = TryLock(m_mutex, "owns_lock");
     if (!lock) {
         return FAILED;
     }
@@ -295,11 +297,11 @@ void VolumeControlImpl::SetOutputRoute(sound_tv_output_route_e route) {
 
 void VolumeControlImpl::SpeakerChangedCallback(sound_tv_output_route_e route, void* data) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsNull(data, "data is NULL", KV_HERE)) {
+    if (IsNull(data, "data is NULL")) {
         return;
     }
     auto* self = static_cast<VolumeControlImpl*>(data);
-    const auto lock = TryLock(self->m_mutex, "owns_lock", KV_HERE);
+    const auto lock = TryLock(self->m_mutex, "owns_lock");
     if (!lock) {
         return;
     }
@@ -312,7 +314,7 @@ void VolumeControlImpl::SpeakerChangedCallback(sound_tv_output_route_e route, vo
 void VolumeControlImpl::SpdifChangedCallback(keynode_t* node, void* data) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
     int connected = 0;
-    if (IsNodeOrDataNull(node, data, KV_HERE) || !ReadStatus(node, KVDefine::SPDIF_KEY, connected, KV_HERE)) {
+    if (IsNodeOrDataNull(node, data) || !ReadStatus(node, KVDefine::SPDIF_KEY, connected)) {
         return;
     }
     if (connected != 0) {
@@ -356,8 +358,7 @@ void VolumeControlImpl::SpdifChangedCallback(keynode_t* node, void* data) {
 void VolumeControlImpl::Tv2MobileChangedCallback(keynode_t* node, void* data) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
     int status = 0;
-    if (IsNodeOrDataNull(node, data, KV_HERE) ||
-        !ReadStatus(node, KVDefine::TV2MOBILE_KEY, status, KV_HERE)) {
+    if (IsNodeOrDataNull(node, data) || !ReadStatus(node, KVDefine::TV2MOBILE_KEY, status)) {
         return;
     }
     auto* self = static_cast<VolumeControlImpl*>(data);
@@ -371,18 +372,18 @@ void VolumeControlImpl::Tv2MobileChangedCallback(keynode_t* node, void* data) {
 
 void VolumeControlImpl::MSViewModeChangedCallback(keynode_t* node, void* data) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsNodeOrDataNull(node, data, KV_HERE)) {
+    if (IsNodeOrDataNull(node, data)) {
         return;
     }
     const char* info = vconf_keynode_get_str(node);
-    if (IsNull(info, "Failed to vconf_keynode_get_str", KV_HERE)) {
+    if (IsNull(info, "Failed to vconf_keynode_get_str")) {
         return;
     }
     const std::string mode = ParseMode(info);
     LOGI("MSmode:%s", mode.c_str());
 
     auto* self = static_cast<VolumeControlImpl*>(data);
-    const auto lock = TryLock(self->m_mutex, "owns_lock", KV_HERE);
+    const auto lock = TryLock(self->m_mutex, "owns_lock");
     if (!lock) {
         return;
     }
@@ -410,11 +411,11 @@ void VolumeControlImpl::MSViewModeChangedCallback(keynode_t* node, void* data) {
 
 void VolumeControlImpl::MSViewSpeakerChangedCallback(sound_tv_output_route_e route, int zone, void* data) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsNull(data, "data is NULL", KV_HERE)) {
+    if (IsNull(data, "data is NULL")) {
         return;
     }
     auto* self = static_cast<VolumeControlImpl*>(data);
-    const auto lock = TryLock(self->m_mutex, "owns_lock", KV_HERE);
+    const auto lock = TryLock(self->m_mutex, "owns_lock");
     if (!lock) {
         return;
     }
@@ -432,7 +433,7 @@ void VolumeControlImpl::MSViewSpeakerChangedCallback(sound_tv_output_route_e rou
 
 void VolumeControlImpl::FocusChangedCallback(int zone, void* data) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    if (IsNull(data, "data is NULL", KV_HERE)) {
+    if (IsNull(data, "data is NULL")) {
         return;
     }
     auto* self = static_cast<VolumeControlImpl*>(data);
@@ -440,7 +441,7 @@ void VolumeControlImpl::FocusChangedCallback(int zone, void* data) {
         LOGE("For single view. not this cb");
         return;
     }
-    const auto lock = TryLock(self->m_mutex, "mutex lock failed", KV_HERE);
+    const auto lock = TryLock(self->m_mutex, "mutex lock failed");
     if (!lock) {
         return;
     }
@@ -499,7 +500,7 @@ void VolumeControlImpl::_SetSpeakerEventHandler() {
 // Works on the object it is given, not on the one it is called on. Callers hold the lock.
 void VolumeControlImpl::_NotifyVolumeEvent(void* volumeControl, const std::string& event) {
     LOGI("event: [%s]", event.c_str());
-    if (IsNull(volumeControl, "pVolumeControl", KV_HERE)) {
+    if (IsNull(volumeControl, "pVolumeControl")) {
         return;
     }
     auto* control = static_cast<VolumeControlImpl*>(volumeControl);
@@ -525,7 +526,7 @@ void VolumeControlImpl::_NotifyVolumeEvent(void* volumeControl, const std::strin
 
 void VolumeControlImpl::_OnVolumeChanged(int volume) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    const auto lock = TryLock(m_mutex, "mutex lock failed", KV_HERE);
+    const auto lock = TryLock(m_mutex, "mutex lock failed");
     if (!lock) {
         return;
     }
@@ -541,7 +542,7 @@ void VolumeControlImpl::_OnVolumeChanged(int volume) {
 
 void VolumeControlImpl::_OnMuteChanged(int mute) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    const auto lock = TryLock(m_mutex, "mutex lock failed", KV_HERE);
+    const auto lock = TryLock(m_mutex, "mutex lock failed");
     if (!lock) {
         return;
     }

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 #ifndef VOLUMECONTROLIMPL_H
 #define VOLUMECONTROLIMPL_H
 

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 /** The platform utilities over the system bus. */
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -206,7 +208,7 @@ TEST_F(KVUtilsBusTest, AMissingErrorObjectOfACallPrintsAsNull) {
 }
 
 NKavrel::CallSite Caller() {
-    return KV_HERE;
+    return {};
 }
 
 TEST_F(KVUtilsBusTest, ASignalOfAnotherTypeIsTheCallersError) {

@@ -1,3 +1,5 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
 #include "KVDebug.h"
 
 #include <gmock/gmock.h>
@@ -30,7 +32,7 @@ void LogAllPriorities() {
 }
 
 NKavrel::CallSite HereIsTheCaller() {
-    return KV_HERE;
+    return {};
 }
 
 int Returns(bool early) {
