@@ -12,11 +12,11 @@ namespace tools {
 
 namespace {
 
-constexpr Moment SECOND = 1'000'000;
-constexpr Moment MILLISECOND = 1'000;
+constexpr WallTime SECOND = 1'000'000;
+constexpr WallTime MILLISECOND = 1'000;
 
-std::tm LocalTime(Moment moment) {
-    const auto seconds = static_cast<std::time_t>(moment / SECOND);
+std::tm LocalTime(WallTime time) {
+    const auto seconds = static_cast<std::time_t>(time / SECOND);
     std::tm local = {};
     localtime_r(&seconds, &local);
     return local;
@@ -27,25 +27,25 @@ std::string Formatted(const char* format, const std::tm& local) {
     return {text.data(), std::strftime(text.data(), text.size(), format, &local)};
 }
 
-std::string Milliseconds(Moment moment) {
+std::string Milliseconds(WallTime time) {
     std::array<char, 8> text = {};
-    std::snprintf(text.data(), text.size(), ".%03d", static_cast<int>(moment % SECOND / MILLISECOND));
+    std::snprintf(text.data(), text.size(), ".%03d", static_cast<int>(time % SECOND / MILLISECOND));
     return text.data();
 }
 
 }  // namespace
 
-Moment Now() {
+WallTime Now() {
     return g_get_real_time();
 }
 
-std::string TimeOfDay(Moment moment) {
-    return Formatted("%H:%M:%S", LocalTime(moment)) + Milliseconds(moment);
+std::string TimeOfDay(WallTime time) {
+    return Formatted("%H:%M:%S", LocalTime(time)) + Milliseconds(time);
 }
 
-std::string Timestamp(Moment moment) {
-    const std::tm local = LocalTime(moment);
-    return Formatted("%Y-%m-%dT%H:%M:%S", local) + Milliseconds(moment) + Formatted("%z", local);
+std::string Timestamp(WallTime time) {
+    const std::tm local = LocalTime(time);
+    return Formatted("%Y-%m-%dT%H:%M:%S", local) + Milliseconds(time) + Formatted("%z", local);
 }
 
 }  // namespace tools

@@ -8,14 +8,14 @@
 
 namespace tools {
 
-/** A moment of the wall clock, in microseconds since 1970. */
-using Moment = std::int64_t;
+/** A time of the wall clock, in microseconds since 1970. */
+using WallTime = std::int64_t;
 
-Moment Now();
+WallTime Now();
 /** Local time of day, "21:04:11.123". */
-std::string TimeOfDay(Moment moment);
+std::string TimeOfDay(WallTime time);
 /** "2026-02-01T21:04:11.123+0100", local time with its distance from UTC. */
-std::string Timestamp(Moment moment);
+std::string Timestamp(WallTime time);
 
 }  // namespace tools
 

@@ -13,7 +13,7 @@
 
 #include "Errors.h"
 #include "GLibPtr.h"
-#include "Output.h"
+#include "Print.h"
 
 namespace tools {
 

@@ -1,12 +1,13 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-/** Owners of what GLib hands out. */
+/** Owners of GLib's values, for tools, tests and benchmarks. */
 #ifndef KAVREL_TOOLS_GLIBPTR_H
 #define KAVREL_TOOLS_GLIBPTR_H
 
 #include <gio/gio.h>
 
 #include <memory>
+#include <string>
 
 namespace tools {
 
@@ -14,35 +15,47 @@ struct GLibRelease {
     void operator()(char* text) const { g_free(text); }
     void operator()(GVariant* variant) const { g_variant_unref(variant); }
     void operator()(GError* error) const { g_error_free(error); }
+    /** Removes the source from its context, too: its callback is not called again. */
     void operator()(GSource* source) const {
         g_source_destroy(source);
         g_source_unref(source);
     }
     void operator()(GMainContext* context) const { g_main_context_unref(context); }
-    void operator()(GDBusConnection* connection) const { g_object_unref(connection); }
-    void operator()(GDBusMessage* message) const { g_object_unref(message); }
-    void operator()(GCancellable* cancellable) const { g_object_unref(cancellable); }
+    void operator()(GMainLoop* loop) const { g_main_loop_unref(loop); }
+    void operator()(GDBusNodeInfo* node) const { g_dbus_node_info_unref(node); }
+    /** Every type that has no overload of its own is a GObject. */
+    template <typename Object>
+    void operator()(Object* object) const {
+        g_object_unref(object);
+    }
 };
 
+/** Owns one reference to a GLib value, or the memory of a `char*`. */
 template <typename T>
 using GLibPtr = std::unique_ptr<T, GLibRelease>;
 using Variant = GLibPtr<GVariant>;
 
-/** The GError out-parameter of one call: `Failure error; f(..., error);`. */
-class Failure {
+/** Receives and owns the error of one call: `GLibError error; if (!f(..., error)) { ... error->message ... }`. */
+class GLibError {
 public:
-    Failure() = default;
-    ~Failure() { g_clear_error(&m_error); }
-    Failure(const Failure&) = delete;
-    Failure& operator=(const Failure&) = delete;
+    GLibError() = default;
+    ~GLibError() { g_clear_error(&m_error); }
+    GLibError(const GLibError&) = delete;
+    GLibError& operator=(const GLibError&) = delete;
 
     operator GError**() { return &m_error; }
+    const GError* operator->() const { return m_error; }
     const GError* Get() const { return m_error; }
     explicit operator bool() const { return m_error != nullptr; }
 
 private:
     GError* m_error = nullptr;
 };
+
+/** The value in GVariant's text format, without type annotations: "(30, 'HDMI')". */
+inline std::string Printed(GVariant* value) {
+    return GLibPtr<char>(g_variant_print(value, FALSE)).get();
+}
 
 }  // namespace tools
 

@@ -7,7 +7,7 @@
 #include <memory>
 #include <utility>
 
-#include "Output.h"
+#include "Print.h"
 
 namespace tools {
 
@@ -79,7 +79,7 @@ Reading AsReading(GVariant* reply) {
 struct Attempt {
     bool over = false;
     GLibPtr<GDBusConnection> connection;
-    Failure failure;
+    GLibError failure;
 
     static void OnEnd(GObject* /*source*/, GAsyncResult* result, void* data) {
         auto* attempt = static_cast<Attempt*>(data);
@@ -130,7 +130,7 @@ std::string StatusInWords(int status) {
 }
 
 GLibPtr<GDBusConnection> ConnectToSystemBus(std::optional<std::chrono::milliseconds> timeout) {
-    Failure noAddress;
+    GLibError noAddress;
     const GLibPtr<char> address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, noAddress));
     if (address == nullptr) {
         throw ToolError(EXIT_UNREACHABLE, "no system bus: " + Message(noAddress.Get()));
@@ -162,7 +162,7 @@ struct KavrelClient::LateAnswer {
     static void OnAnswer(GObject* connection, GAsyncResult* result, void* data) {
         const std::unique_ptr<LateAnswer> late(static_cast<LateAnswer*>(data));
         late->client->m_unanswered -= 1;
-        Failure failure;
+        GLibError failure;
         const Variant reply(g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, failure));
         if (g_cancellable_is_cancelled(late->client->m_cancellable.get())) {
             return;
@@ -215,7 +215,7 @@ void KavrelClient::ReadLater(const char* method, Answered answered) {
 void KavrelClient::Emit(const char* signal, GVariant* arguments) const {
     const Variant body(g_variant_ref_sink(arguments));
     RequireOwner();
-    Failure failure;
+    GLibError failure;
     if (!g_dbus_connection_emit_signal(m_connection.get(), nullptr, KAVREL_SIGNAL_PATH, KAVREL_INTERFACE,
                                        signal, body.get(), failure)) {
         ThrowAs(failure);
@@ -225,7 +225,7 @@ void KavrelClient::Emit(const char* signal, GVariant* arguments) const {
 }
 
 std::string KavrelClient::Owner() const {
-    Failure failure;
+    GLibError failure;
     const Variant reply(g_dbus_connection_call_sync(
         m_connection.get(), BUS_NAME, BUS_PATH, BUS_NAME, "GetNameOwner", g_variant_new("(s)", KAVREL_NAME),
         G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NONE, Milliseconds(), nullptr, failure));
@@ -295,7 +295,7 @@ void KavrelClient::OnBusGone(std::function<void()> gone) {
 
 Variant KavrelClient::Call(const char* name, const char* path, const char* interface, const char* method,
                            GVariant* arguments, const char* replyType) const {
-    Failure failure;
+    GLibError failure;
     Variant reply(g_dbus_connection_call_sync(m_connection.get(), name, path, interface, method, arguments,
                                               G_VARIANT_TYPE(replyType), G_DBUS_CALL_FLAGS_NO_AUTO_START,
                                               Milliseconds(), nullptr, failure));
@@ -309,7 +309,7 @@ Variant KavrelClient::CallBus(const char* method, GVariant* arguments, const cha
     return Call(BUS_NAME, BUS_PATH, BUS_NAME, method, arguments, replyType);
 }
 
-void KavrelClient::ThrowAs(const Failure& failure) const {
+void KavrelClient::ThrowAs(const GLibError& failure) const {
     throw AsToolError(failure.Get(), m_timeout);
 }
 

@@ -102,7 +102,7 @@ private:
     Variant Call(const char* name, const char* path, const char* interface, const char* method,
                  GVariant* arguments, const char* replyType) const;
     Variant CallBus(const char* method, GVariant* arguments, const char* replyType) const;
-    [[noreturn]] void ThrowAs(const Failure& failure) const;
+    [[noreturn]] void ThrowAs(const GLibError& failure) const;
     int Milliseconds() const;
 
     const Timeout m_timeout;

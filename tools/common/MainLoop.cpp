@@ -9,7 +9,7 @@
 #include <memory>
 #include <utility>
 
-#include "Output.h"
+#include "Print.h"
 
 namespace tools {
 

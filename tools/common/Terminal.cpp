@@ -10,7 +10,7 @@
 #include <csignal>
 
 #include "Errors.h"
-#include "Output.h"
+#include "Print.h"
 
 namespace tools {
 

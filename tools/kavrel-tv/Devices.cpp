@@ -14,8 +14,8 @@
 #include "Clock.h"
 #include "Errors.h"
 #include "KavrelClient.h"
-#include "Output.h"
 #include "Platform.h"
+#include "Print.h"
 
 namespace tv {
 

@@ -11,8 +11,8 @@
 #include "Devices.h"
 #include "Errors.h"
 #include "MainLoop.h"
-#include "Output.h"
 #include "Platform.h"
+#include "Print.h"
 
 namespace tv {
 

@@ -7,7 +7,7 @@
 #include "Clock.h"
 #include "Errors.h"
 #include "KavrelClient.h"
-#include "Output.h"
+#include "Print.h"
 
 namespace tv {
 
@@ -68,7 +68,7 @@ Emulator::~Emulator() {
 void Emulator::Register() {
     static constexpr GDBusInterfaceVTable CALLS = {OnCall, nullptr, nullptr, {}};
     const Node node = Describe(m_peer);
-    tools::Failure failure;
+    tools::GLibError failure;
     m_object = g_dbus_connection_register_object(m_connection.get(), m_peer.path, node->interfaces[0], &CALLS,
                                                  this, nullptr, failure);
     if (m_object == 0) {

@@ -11,7 +11,7 @@
 #include "Emulator.h"
 #include "Errors.h"
 #include "MainLoop.h"
-#include "Output.h"
+#include "Print.h"
 
 namespace tv {
 

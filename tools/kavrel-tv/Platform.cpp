@@ -15,7 +15,7 @@
 #include <utility>
 
 #include "Errors.h"
-#include "Output.h"
+#include "Print.h"
 
 namespace fs = std::filesystem;
 

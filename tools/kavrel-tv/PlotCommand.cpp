@@ -12,7 +12,7 @@
 #include "Commands.h"
 #include "Errors.h"
 #include "GLibPtr.h"
-#include "Output.h"
+#include "Print.h"
 #include "ReadFile.h"
 #include "Recording.h"
 #include "Terminal.h"
@@ -124,7 +124,7 @@ struct ReleaseObject {
 };
 
 std::string RunGnuplot(const std::string& script) {
-    tools::Failure error;
+    tools::GLibError error;
     const auto flags = static_cast<GSubprocessFlags>(
         G_SUBPROCESS_FLAGS_STDIN_PIPE | G_SUBPROCESS_FLAGS_STDOUT_PIPE | G_SUBPROCESS_FLAGS_STDERR_PIPE);
     const std::unique_ptr<GSubprocess, ReleaseObject> process(
@@ -150,7 +150,7 @@ int Plot(const std::string& recording, const std::string& name) {
     const std::vector<Moment> moments = ParseRecording(recording, ReadFile(recording));
     const std::string picture = RunGnuplot(
         Script(moments, "Gains, volume and mute: " + std::filesystem::path(recording).filename().string()));
-    tools::Failure error;
+    tools::GLibError error;
     if (!g_file_set_contents(name.c_str(), picture.data(), static_cast<gssize>(picture.size()), error)) {
         throw tools::ToolError(tools::EXIT_REFUSED, error.Get()->message);
     }

@@ -6,14 +6,14 @@
 
 #include "Errors.h"
 #include "GLibPtr.h"
-#include "Output.h"
+#include "Print.h"
 
 namespace tv {
 
 std::string ReadFile(const std::string& name) {
     char* contents = nullptr;
     gsize length = 0;
-    tools::Failure error;
+    tools::GLibError error;
     if (!g_file_get_contents(name.c_str(), &contents, &length, error)) {
         throw tools::ToolError(tools::EXIT_REFUSED, tools::Printable(error.Get()->message));
     }

@@ -12,8 +12,8 @@
 #include "DirectoryWatch.h"
 #include "Errors.h"
 #include "MainLoop.h"
-#include "Output.h"
 #include "Platform.h"
+#include "Print.h"
 #include "Recording.h"
 #include "Routes.h"
 

@@ -7,7 +7,7 @@
 
 #include "CommandLine.h"
 #include "Errors.h"
-#include "Output.h"
+#include "Print.h"
 
 namespace tv {
 

@@ -14,7 +14,7 @@
 
 #include "CommandLine.h"
 #include "Errors.h"
-#include "Output.h"
+#include "Print.h"
 #include "Stage.h"
 #include "Verbs.h"
 
@@ -36,7 +36,7 @@ struct FreeWords {
 Words Split(const std::string& line) {
     char** words = nullptr;
     int count = 0;
-    tools::Failure error;
+    tools::GLibError error;
     if (!g_shell_parse_argv(line.c_str(), &count, &words, error)) {
         if (g_error_matches(error.Get(), G_SHELL_ERROR, G_SHELL_ERROR_EMPTY_STRING)) {
             return {};

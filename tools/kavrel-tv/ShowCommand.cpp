@@ -4,8 +4,8 @@
 
 #include "Commands.h"
 #include "Errors.h"
-#include "Output.h"
 #include "Platform.h"
+#include "Print.h"
 #include "Snapshot.h"
 #include "Terminal.h"
 #include "View.h"

@@ -11,8 +11,8 @@
 #include <utility>
 
 #include "Errors.h"
-#include "Output.h"
 #include "Platform.h"
+#include "Print.h"
 #include "Snapshot.h"
 
 namespace tv {

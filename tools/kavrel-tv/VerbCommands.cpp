@@ -19,8 +19,8 @@
 
 #include "Commands.h"
 #include "Errors.h"
-#include "Output.h"
 #include "Platform.h"
+#include "Print.h"
 #include "Routes.h"
 #include "Snapshot.h"
 #include "Verbs.h"

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "KavrelClient.h"
-#include "Output.h"
+#include "Print.h"
 
 namespace tv {
 

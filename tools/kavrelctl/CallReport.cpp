@@ -8,7 +8,7 @@
 #include <string_view>
 
 #include "KavrelClient.h"
-#include "Output.h"
+#include "Print.h"
 
 namespace ctl {
 

@@ -59,7 +59,7 @@ std::vector<std::string> CommandOf(unsigned process) {
 
 struct CallWatch::Message {
     tools::GLibPtr<GDBusMessage> message;
-    tools::Moment time;
+    tools::WallTime time;
     /** Of the monotonic clock, in microseconds. */
     std::int64_t moment;
 };
@@ -130,7 +130,7 @@ void CallWatch::BecomeMonitor() {
         const std::unique_ptr<std::shared_ptr<Inbox>> released(static_cast<std::shared_ptr<Inbox>*>(data));
     };
     m_filter = g_dbus_connection_add_filter(m_connection.get(), Filter, inbox.release(), release);
-    tools::Failure failure;
+    tools::GLibError failure;
     const int timeout = m_timeout ? static_cast<int>(m_timeout->count()) : G_MAXINT;
     const tools::Variant reply(g_dbus_connection_call_sync(
         m_connection.get(), BUS_NAME, "/org/freedesktop/DBus", "org.freedesktop.DBus.Monitoring",

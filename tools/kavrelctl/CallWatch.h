@@ -32,7 +32,7 @@ struct Caller {
 
 /** One method call to the daemon, with its end. */
 struct Call {
-    tools::Moment time = 0;
+    tools::WallTime time = 0;
     Caller caller;
     std::string interface;
     std::string method;

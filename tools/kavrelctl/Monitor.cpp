@@ -8,7 +8,7 @@
 
 #include "CallReport.h"
 #include "Errors.h"
-#include "Output.h"
+#include "Print.h"
 #include "Tool.h"
 
 namespace ctl {
@@ -177,7 +177,7 @@ void Monitor::Tell(const char* event, const std::string& words, Json::Value fiel
     TellAt(tools::Now(), event, words, std::move(fields));
 }
 
-void Monitor::TellAt(tools::Moment time, const char* event, const std::string& words, Json::Value fields) {
+void Monitor::TellAt(tools::WallTime time, const char* event, const std::string& words, Json::Value fields) {
     if (m_options.isJson) {
         fields["event"] = event;
         fields["time"] = tools::Timestamp(time);

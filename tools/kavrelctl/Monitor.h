@@ -56,7 +56,7 @@ private:
 
     /** One line: in words, or `fields` as an object together with the event's name and time. */
     void Tell(const char* event, const std::string& words, Json::Value fields);
-    void TellAt(tools::Moment time, const char* event, const std::string& words, Json::Value fields);
+    void TellAt(tools::WallTime time, const char* event, const std::string& words, Json::Value fields);
 
     const Options m_options;
     const tools::Style m_style;

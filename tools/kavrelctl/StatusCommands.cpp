@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
 #include "Errors.h"
-#include "Output.h"
+#include "Print.h"
 #include "State.h"
 #include "Terminal.h"
 #include "Tool.h"

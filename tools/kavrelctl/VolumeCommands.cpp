@@ -5,7 +5,7 @@
 #include <optional>
 
 #include "Errors.h"
-#include "Output.h"
+#include "Print.h"
 #include "State.h"
 #include "Tool.h"
 

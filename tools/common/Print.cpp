@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-#include "Output.h"
+#include "Print.h"
 
 #include <glib.h>
 #include <json/writer.h>

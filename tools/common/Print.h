@@ -4,8 +4,8 @@
  * Standard output, where a reader that goes away ends the tool
  * quietly and a full disk does not pass unseen.
  */
-#ifndef KAVREL_TOOLS_OUTPUT_H
-#define KAVREL_TOOLS_OUTPUT_H
+#ifndef KAVREL_TOOLS_PRINT_H
+#define KAVREL_TOOLS_PRINT_H
 
 #include <json/value.h>
 
