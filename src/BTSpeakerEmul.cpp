@@ -16,7 +16,7 @@ constexpr SpeakerPeer PEER = {"com.norvik.tv.bt.connectionmanager", "/com/norvik
 
 }  // namespace
 
-BTSpeakerEmul::BTSpeakerEmul() : ExternalSpeaker(BT_SUPPORT_KEY, BT_VOLUME_LEVEL_KEY, BT_VOLUME_MUTE_KEY) {
+BTSpeakerEmul::BTSpeakerEmul() : ExternalSpeaker(BT_DEVICE) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
 }
 
@@ -72,7 +72,7 @@ void BTSpeakerEmul::UnsetChangedCB() {
         return;
     }
     if (!KVUtils::DeregisterVconfChangedCb(m_supportKey.c_str(), OnVolumeControlChanged)) {
-        LOGE("get_volume_mute callback unset failed");  // the support key has no text of its own
+        LOGE("get_volume_mute callback unset failed");  // the support key shares this text
         return;
     }
     g_dbus_connection_signal_unsubscribe(KVUtils::GetConnection(), m_signalSubscriptionId);

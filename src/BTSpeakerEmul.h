@@ -10,9 +10,9 @@
 namespace NKavrel {
 
 /**
- * Development stand-in for a Bluetooth speaker: the volume is asked of the Bluetooth connection manager over
- * D-Bus and its changes come as a signal; mute and support stay with the settings keys of the real one. The
- * level key is not watched.
+ * Replaces a Bluetooth speaker during development. It asks the Bluetooth connection manager for the volume
+ * over D-Bus and hears of changes by a signal, so it does not watch the level key. Mute and support word come
+ * from the settings keys of the real speaker.
  */
 class BTSpeakerEmul : public ExternalSpeaker {
 public:
@@ -29,7 +29,7 @@ public:
                                      const gchar* signalName, GVariant* parameters, gpointer userData);
 
 private:
-    /** Non-zero while changes are watched. */
+    /** 0 while the emulator does not watch for changes. */
     unsigned int m_signalSubscriptionId = 0;
 };
 

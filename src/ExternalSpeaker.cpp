@@ -10,9 +10,7 @@ namespace {
 
 using KVDefine::FAILED;
 using KVDefine::NOT_SUPPORTED;
-
-constexpr const char* SET_VOLUME_LEVEL_KEY = "memory/menu/network/screenmirroring/set_volume_level";
-constexpr const char* SET_VOLUME_MUTE_KEY = "memory/menu/network/screenmirroring/set_volume_mute";
+using KVDefine::SCREEN_MIRRORING;
 
 constexpr const char* SUPPORT_UNREADABLE = "Failed to get volume support status";
 
@@ -21,7 +19,7 @@ int Refuse(const char* operation, int supportFlags, const CallSite& site = {}) {
     return NOT_SUPPORTED;
 }
 
-/** Passes the result of a step on; a failed one is logged as the call site. */
+/** Returns the result of a step. Logs `failure` as an error of the caller if the step failed. */
 bool Succeeded(bool result, const char* failure, const CallSite& site = {}) {
     if (!result) {
         LOGE_AT(site, "%s", failure);
@@ -36,10 +34,15 @@ ExternalSpeaker::ExternalSpeaker(const std::string& supportKey, const std::strin
     : m_supportKey(supportKey),
       m_volumeLevelKey(volumeLevelKey),
       m_volumeMuteKey(volumeMuteKey),
-      m_setVolumeLevelKey(SET_VOLUME_LEVEL_KEY),
-      m_setVolumeMuteKey(SET_VOLUME_MUTE_KEY) {
+      m_setVolumeLevelKey(SCREEN_MIRRORING + "set_volume_level"),
+      m_setVolumeMuteKey(SCREEN_MIRRORING + "set_volume_mute") {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
 }
+
+ExternalSpeaker::ExternalSpeaker(const std::string& device)
+    : ExternalSpeaker(SCREEN_MIRRORING + "volume_support_" + device,
+                      SCREEN_MIRRORING + "get_volume_level_" + device,
+                      SCREEN_MIRRORING + "get_volume_mute_" + device) {}
 
 ExternalSpeaker::~ExternalSpeaker() {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
@@ -123,7 +126,7 @@ void ExternalSpeaker::SetChangedCB() {
     const auto watch = [this](const std::string& key) {
         return KVUtils::RegisterVconfChangedCb(key.c_str(), OnVolumeControlChanged, this);
     };
-    // What is registered before a failing step stays: nothing is rolled back.
+    // A failing step leaves the registrations before it in place.
     if (Succeeded(watch(m_volumeLevelKey), "get_volume_level callback set failed") &&
         Succeeded(watch(m_volumeMuteKey), "get_volume_mute callback set failed") &&
         Succeeded(watch(m_supportKey), "get_volume_support callback set failed")) {
@@ -139,7 +142,7 @@ void ExternalSpeaker::UnsetChangedCB() {
     const auto ignore = [](const std::string& key) {
         return KVUtils::DeregisterVconfChangedCb(key.c_str(), OnVolumeControlChanged);
     };
-    // The support key has no text of its own: it fails with the mute key's.
+    // The support key shares the mute key's text.
     if (Succeeded(ignore(m_supportKey), "get_volume_mute callback unset failed") &&
         Succeeded(ignore(m_volumeMuteKey), "get_volume_mute callback unset failed") &&
         Succeeded(ignore(m_volumeLevelKey), "get_volume_level callback unset failed")) {
@@ -187,10 +190,7 @@ void ExternalSpeaker::OnVolumeControlChanged(keynode_t* keyNode, void* data) {
     }
 }
 
-HDMISpeaker::HDMISpeaker()
-    : ExternalSpeaker("memory/menu/network/screenmirroring/volume_support_hdmi",
-                      "memory/menu/network/screenmirroring/get_volume_level_hdmi",
-                      "memory/menu/network/screenmirroring/get_volume_mute_hdmi") {
+HDMISpeaker::HDMISpeaker() : ExternalSpeaker("hdmi") {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
 }
 
@@ -198,10 +198,7 @@ HDMISpeaker::~HDMISpeaker() {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
 }
 
-OpticalSpeaker::OpticalSpeaker()
-    : ExternalSpeaker("memory/menu/network/screenmirroring/volume_support_optical",
-                      "memory/menu/network/screenmirroring/get_volume_level_optical",
-                      "memory/menu/network/screenmirroring/get_volume_mute_optical") {
+OpticalSpeaker::OpticalSpeaker() : ExternalSpeaker("optical") {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
 }
 
@@ -209,10 +206,7 @@ OpticalSpeaker::~OpticalSpeaker() {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
 }
 
-WifiSpeaker::WifiSpeaker()
-    : ExternalSpeaker("memory/menu/network/screenmirroring/volume_support_mlr",
-                      "memory/menu/network/screenmirroring/get_volume_level_mlr",
-                      "memory/menu/network/screenmirroring/get_volume_mute_mlr") {
+WifiSpeaker::WifiSpeaker() : ExternalSpeaker("mlr") {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
 }
 
@@ -230,7 +224,7 @@ USBSpeaker::~USBSpeaker() {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
 }
 
-BTSpeaker::BTSpeaker() : ExternalSpeaker(BT_SUPPORT_KEY, BT_VOLUME_LEVEL_KEY, BT_VOLUME_MUTE_KEY) {
+BTSpeaker::BTSpeaker() : ExternalSpeaker(BT_DEVICE) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
 }
 
@@ -238,10 +232,7 @@ BTSpeaker::~BTSpeaker() {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
 }
 
-AuracastSpeaker::AuracastSpeaker()
-    : ExternalSpeaker("memory/menu/network/screenmirroring/volume_support_auracast",
-                      "memory/menu/network/screenmirroring/get_volume_level_auracast",
-                      "memory/menu/network/screenmirroring/get_volume_mute_auracast") {
+AuracastSpeaker::AuracastSpeaker() : ExternalSpeaker("auracast") {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
 }
 

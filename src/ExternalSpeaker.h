@@ -12,23 +12,23 @@
 
 namespace NKavrel {
 
-/** The Bluetooth speaker's keys, which its emulator uses too. */
-inline constexpr const char* BT_SUPPORT_KEY = "memory/menu/network/screenmirroring/volume_support_bt";
-inline constexpr const char* BT_VOLUME_LEVEL_KEY = "memory/menu/network/screenmirroring/get_volume_level_bt";
-inline constexpr const char* BT_VOLUME_MUTE_KEY = "memory/menu/network/screenmirroring/get_volume_mute_bt";
+/** The Bluetooth speaker's name in its settings keys. Its emulator uses the same keys. */
+inline constexpr const char* BT_DEVICE = "bt";
 
 /**
- * An output outside the TV. A component of its own publishes the device's support word, level and mute in
- * three settings keys; requests go into two keys that all external outputs share, the USB one included.
- * What the device does with a request shows only as a change of its own keys.
+ * Drives an output outside the TV. The output's own component publishes the device's support word, level and
+ * mute in three settings keys. Requests go into two keys that all external outputs share, the USB one
+ * included. Only a change of the device's own keys shows that it has carried out a request.
  *
- * All external speakers share one static callback: the platform tells registrations apart by key and
+ * All external speakers share one static callback; the platform tells registrations apart by key and
  * callback.
  */
 class ExternalSpeaker : public ISpeaker {
 public:
     ExternalSpeaker(const std::string& supportKey, const std::string& volumeLevelKey,
                     const std::string& volumeMuteKey);
+    /** For a device whose three keys differ from those of other devices only in this name. */
+    explicit ExternalSpeaker(const std::string& device);
     ~ExternalSpeaker() override;
 
     int SetVolume(int volume) override;
@@ -42,7 +42,7 @@ public:
     void SetChangedCB() override;
     void UnsetChangedCB() override;
 
-    /** Whether the device has all bits of `flag` (eVolumeSupport). Asks the device while its word is 0. */
+    /** Whether the support word has all bits of `flag` (eVolumeSupport). Reads the key while the word is 0. */
     bool CheckSupport(int flag);
 
     static void OnVolumeControlChanged(keynode_t* keyNode, void* data);
@@ -53,7 +53,7 @@ protected:
     std::string m_volumeMuteKey;
     std::string m_setVolumeLevelKey;
     std::string m_setVolumeMuteKey;
-    /** The device's word, 0 while unknown. Atomic: the platform's thread stores what the device announces. */
+    /** The support word, 0 while unknown. Atomic because the platform's thread stores a changed word. */
     std::atomic<int> m_supportFlags{0};
     VolumeEventHandler_t m_volumeHandler;
     MuteEventHandler_t m_muteHandler;

@@ -6,6 +6,7 @@
 
 #include "BTSpeakerEmul.h"
 #include "ExternalSpeaker.h"
+#include "Routes.h"
 #include "TVSpeaker.h"
 #include "TVSpeakerEmul.h"
 
@@ -23,49 +24,41 @@ bool Exists(const char* path) {
 
 ISpeaker* ISpeaker::CreateSpeaker(sound_tv_output_route_e route) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    switch (route) {
-        case 0:
-        case 6:
-        case 11:
-        case 12:
-        case 13:
-        case 14:
+    switch (OutputOf(route).kind) {
+        case eSpeakerKind::TV:
             if (Exists(TV_EMULATOR_SWITCH)) {
                 LOGI("Create TV Speaker Emulator");
                 return new TVSpeakerEmul();
             }
             LOGI("Create TV Speaker");
             return new TVSpeaker();
-        case 1:
-        case 9:
+        case eSpeakerKind::OPTICAL:
             LOGI("Create Optical Speaker");
             return new OpticalSpeaker();
-        case 2:
-        case 8:
+        case eSpeakerKind::HDMI:
             LOGI("Create HDMI Speaker");
             return new HDMISpeaker();
-        case 3:
-        case 5:
+        case eSpeakerKind::BT:
             if (Exists(BT_EMULATOR_SWITCH)) {
                 LOGI("Create BT Speaker Emulator");
                 return new BTSpeakerEmul();
             }
             LOGI("Create BT Speaker");
             return new BTSpeaker();
-        case 4:
-        case 10:
+        case eSpeakerKind::WIFI:
             LOGI("Create WIFI Speaker");
             return new WifiSpeaker();
-        case 15:
+        case eSpeakerKind::USB:
             LOGI("Create USB Speaker");
             return new USBSpeaker();
-        case 19:
+        case eSpeakerKind::AURACAST:
             LOGI("Create Auracast Speaker");
             return new AuracastSpeaker();
-        default:
-            LOGI("Type(%d) is invalid, Create Unknown Speaker", route);
-            return new UnknownSpeaker();
+        case eSpeakerKind::UNKNOWN:
+            break;
     }
+    LOGI("Type(%d) is invalid, Create Unknown Speaker", route);
+    return new UnknownSpeaker();
 }
 
 UnknownSpeaker::UnknownSpeaker() {

@@ -25,20 +25,22 @@ enum eVolumeSupport : int {
 };
 
 /**
- * One audio output of the TV.
+ * Drives one audio output of the TV.
  *
- * The owner calls: SetEventHandler, SetChangedCB, any get and set, then UnsetEventHandler, UnsetChangedCB and
- * the destructor back to back. A report that arrives while no handlers are set ends the process.
- * Speakers hold no locks: the owner serialises all calls; reports come on the platform's threads.
+ * The owner calls SetEventHandler and SetChangedCB, then any getter and setter, and at the end
+ * UnsetEventHandler, UnsetChangedCB and the destructor without a pause between them. A report that arrives
+ * while no handlers are set ends the process. A speaker has no lock: the owner serialises all calls, and
+ * reports arrive on the platform's threads.
  *
- * Operations that return an int answer 0 on success, the platform's own negative code, -1 when the access
- * failed, or -4 when the output does not support the operation; on failure an out value is untouched.
+ * An operation that returns an int answers 0 on success, the platform's own negative code, -1 if the access
+ * failed, or -4 if the output does not support the operation. A failed operation leaves an out value as it
+ * was.
  */
 class ISpeaker {
 public:
     virtual ~ISpeaker() = default;
 
-    /** Volume levels are the output's own, passed through unscaled. */
+    /** Volume levels are the output's own; nothing scales them. */
     virtual int SetVolume(int volume) = 0;
     virtual int GetVolume(int& volume) = 0;
     virtual int SetVolumeMute(bool mute) = 0;
@@ -48,19 +50,19 @@ public:
     virtual void SetEventHandler(const VolumeEventHandler_t& volumeHandler,
                                  const MuteEventHandler_t& muteHandler) = 0;
     virtual void UnsetEventHandler() = 0;
-    /** Starts and stops watching the output for changes. */
+    /** Starts to watch the output for changes of volume and mute. */
     virtual void SetChangedCB() = 0;
     virtual void UnsetChangedCB() = 0;
 
     /**
-     * Makes the speaker of a route; never null. The caller owns it.
-     * An unknown route gives a speaker that supports nothing. The emulator switch files are looked at on
-     * every call.
+     * Makes the speaker that drives the output of a route. The caller owns it. An unknown route gets a
+     * speaker that supports nothing. Every call looks for the emulator switch files again.
+     * @return never null
      */
     static ISpeaker* CreateSpeaker(sound_tv_output_route_e route);
 };
 
-/** Stands in for a route without volume control: every request succeeds, nothing is supported. */
+/** The speaker of a route without volume control: every request succeeds, and the support word is 0. */
 class UnknownSpeaker : public ISpeaker {
 public:
     UnknownSpeaker();
@@ -78,12 +80,12 @@ public:
     void UnsetChangedCB() override;
 };
 
-/** Stores both handlers unless a volume handler is already there (only that one is tested). */
+/** Stores both handlers, unless the volume slot is taken. It ignores the state of the mute slot. */
 void StoreHandlers(VolumeEventHandler_t& volumeSlot, MuteEventHandler_t& muteSlot,
                    const VolumeEventHandler_t& volumeHandler, const MuteEventHandler_t& muteHandler,
                    const CallSite& site = {});
 
-/** Empties both slots if there is a volume handler. */
+/** Empties both slots, unless the volume slot is empty already. */
 void ClearHandlers(VolumeEventHandler_t& volumeSlot, MuteEventHandler_t& muteSlot, const CallSite& site = {});
 
 }  // namespace NKavrel

@@ -25,7 +25,7 @@ using KVDefine::NO_ZONE;
 using SteadyClock = std::chrono::steady_clock;
 
 constexpr auto LOCK_TIMEOUT = 3s;
-constexpr auto SETTLE_TIME = 200ms;  // of a worker between its last look at m_running and its wait
+constexpr auto SETTLE_TIME = 200ms;  // enough for a worker that has read m_running to reach its wait
 
 constexpr int FADE_STEP = 5;
 constexpr auto FADE_INTERVAL = 75ms;
@@ -38,18 +38,17 @@ constexpr std::chrono::duration<double> POPUP_THRESHOLD = 0.5s;
 constexpr const char* PROJECTOR_FEATURE = "com.norvik/featureconf/projector_feature_support";
 constexpr const char* PROJECTOR_READY_KEY = "memory/projector/status/ready";
 
-/** One output of the audio hardware. */
-struct Output {
+struct HardwareOutput {
     int path;
     int (*AudioControl::*getGain2)(int*);
     int (*AudioControl::*setGain2)(int);
 };
-constexpr Output MAIN_OUT = {AUDIO_PATH_MAIN_OUT, &AudioControl::get_main_out_gain2,
-                             &AudioControl::set_main_out_gain2};
-constexpr Output SUB_OUT = {AUDIO_PATH_SUB_OUT, &AudioControl::get_sub_out_gain2,
-                            &AudioControl::set_sub_out_gain2};
+constexpr HardwareOutput MAIN_OUT = {AUDIO_PATH_MAIN_OUT, &AudioControl::get_main_out_gain2,
+                                     &AudioControl::set_main_out_gain2};
+constexpr HardwareOutput SUB_OUT = {AUDIO_PATH_SUB_OUT, &AudioControl::get_sub_out_gain2,
+                                    &AudioControl::set_sub_out_gain2};
 
-// Requests may carry any int: sums and products wrap in 32 bits, divisions truncate toward zero.
+// A request may carry any int, so sums and products wrap in 32 bits instead of overflowing.
 int WrappingAdd(int a, int b) {
     return static_cast<int>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
 }
@@ -62,21 +61,22 @@ int WrappingMultiply(int a, int b) {
     return static_cast<int>(static_cast<uint32_t>(a) * static_cast<uint32_t>(b));
 }
 
-/** Waits for the lock, but not for ever; a busy one is logged as the call site. */
-std::unique_lock<std::timed_mutex> LockInTime(std::timed_mutex& mutex, const CallSite& site = {}) {
-    std::unique_lock<std::timed_mutex> lock(mutex, SteadyClock::now() + LOCK_TIMEOUT);
-    if (!lock) {
-        LOGE_AT(site, "mutex lock failed");
+/** Waits at most LOCK_TIMEOUT. Logs an error of the caller if the mutex stays busy. */
+bool LockInTime(KVTimedMutex& mutex, const CallSite& site = {}) KV_TRY_ACQUIRE(true, mutex) {
+    if (mutex.try_lock_until(SteadyClock::now() + LOCK_TIMEOUT)) {
+        return true;
     }
-    return lock;
+    LOGE_AT(site, "mutex lock failed");
+    return false;
 }
 
-int WriteOutput(KVAudioGainHandler& handler, const Output& output, std::timed_mutex& writeMutex,
+/** Writes the total of one output, unless the hardware holds it already. Logs in the name of the caller. */
+int WriteOutput(KVAudioGainHandler& handler, const HardwareOutput& output, KVTimedMutex& writeMutex,
                 const CallSite& site = {}) {
-    const auto lock = LockInTime(writeMutex, site);
-    if (!lock) {
+    if (!LockInTime(writeMutex, site)) {
         return FAILED;
     }
+    const KVLockGuard lock(writeMutex, std::adopt_lock);
     const AudioControl* hardware = AudioControl_getInstance();
     if (IsNull(hardware, "AudioControl_getInstance is failed", site)) {
         return FAILED;
@@ -97,7 +97,7 @@ int WriteOutput(KVAudioGainHandler& handler, const Output& output, std::timed_mu
     return 0;
 }
 
-/** Which slots and outputs a request of a source and path reaches. */
+/** Applies `gain` to the slots of a source and path. Logs in the name of the caller. */
 int ApplyToSource(KVAudioGainHandler& handler, KVDefine::eKVGainSrcType srcType, int path, int gain,
                   bool direct, bool subBTActive, const CallSite& site = {}) {
     if ((path & AUDIO_PATH_BOTH) == 0) {
@@ -127,7 +127,7 @@ int ApplyToSource(KVAudioGainHandler& handler, KVDefine::eKVGainSrcType srcType,
     }
 }
 
-/** Whether the feature could be asked for; if not, that is logged as the call site. */
+/** @return false, after an error line of the caller, if the feature flag cannot be read */
 bool AskProjectorFeature(bool& supported, const CallSite& site = {}) {
     supported = false;
     const int result = system_info_get_custom_bool(PROJECTOR_FEATURE, &supported);
@@ -142,7 +142,7 @@ void NameThread(eKVGainHandlerType type) {
     pthread_setname_np(pthread_self(), GainHandlerName[type].c_str());
 }
 
-/** Tells the constructor that a worker holds its mutex and keeps it until it waits. */
+/** Lets the constructor know that a worker holds its mutex and keeps it until it waits. */
 void Settle(std::atomic<bool>& settled) {
     settled = true;
     settled.notify_all();
@@ -161,7 +161,7 @@ KVAudioGainHandler::KVAudioGainHandler() {
     const int result = ApplyAudioGain(KVDefine::GAIN_SRC_UNMUTE, GAIN_MAX, AUDIO_PATH_BOTH);
     LOGI("Create AudioGainHandler. Reset AudioGain(MAX). ret:%d", result);
     SetAudioGainControlChangedCb();
-    KVUtils::RegisterVconfChangedCb(KVDefine::SUB_BT_ZONE_KEY, SubBTChangedCb, this);
+    KVUtils::RegisterVconfChangedCb(KVDefine::SUB_BT_ZONE_KEY.c_str(), SubBTChangedCb, this);
     m_subBTActive = KVUtils::GetSubBTZoneID() != NO_ZONE;
 }
 
@@ -169,13 +169,13 @@ KVAudioGainHandler::~KVAudioGainHandler() {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
     _StopWorkers();
     UnsetAudioGainControlChangedCb();
-    KVUtils::DeregisterVconfChangedCb(KVDefine::SUB_BT_ZONE_KEY, SubBTChangedCb);
+    KVUtils::DeregisterVconfChangedCb(KVDefine::SUB_BT_ZONE_KEY.c_str(), SubBTChangedCb);
 }
 
 void KVAudioGainHandler::_StartWorkers() {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
     const auto start = [this](int type, auto... body) {
-        std::thread& thread = m_threads[type];  // its place stands before it runs
+        std::thread& thread = m_threads[type];  // allocated before the thread runs
         thread = std::thread(body...);
     };
     try {
@@ -197,10 +197,10 @@ void KVAudioGainHandler::_AwaitWorkers() {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
     for (const auto& [type, thread] : m_threads) {
         if (!thread.joinable()) {
-            continue;  // it could not be started
+            continue;  // this thread could not be started
         }
         m_settled[type].wait(false);
-        // Free as soon as the worker waits, or has been woken and waits again.
+        // The mutex is free as soon as the worker waits.
         const std::lock_guard<std::mutex> waiting(m_handlerMutex[type]);
     }
 }
@@ -225,19 +225,19 @@ void KVAudioGainHandler::SetSrcGain(eKVGainHandlerType type, int gain) {
     if (gain > GAIN_MAX) {
         return;
     }
-    const auto lock = LockInTime(m_srcGainMutex[type]);
-    if (!lock) {
+    if (!LockInTime(m_srcGainMutex[type])) {
         return;
     }
+    const KVLockGuard lock(m_srcGainMutex[type], std::adopt_lock);
     m_srcGain[type] = gain;
 }
 
 void KVAudioGainHandler::GetSrcGain(eKVGainHandlerType type, int& gain) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    const auto lock = LockInTime(m_srcGainMutex[type]);
-    if (!lock) {
+    if (!LockInTime(m_srcGainMutex[type])) {
         return;
     }
+    const KVLockGuard lock(m_srcGainMutex[type], std::adopt_lock);
     gain = m_srcGain[type];
 }
 
@@ -318,10 +318,10 @@ void KVAudioGainHandler::SetPulseTargetValue(int target, int duration) {
     if (target > GAIN_MAX) {
         return;
     }
-    const auto lock = LockInTime(m_pulseMutex);
-    if (!lock) {
+    if (!LockInTime(m_pulseMutex)) {
         return;
     }
+    const KVLockGuard lock(m_pulseMutex, std::adopt_lock);
     m_pulseDuration = duration;
     m_pulseTarget = target;
     m_pulseOutPeriod = duration / PULSE_PERIODS;
@@ -329,10 +329,10 @@ void KVAudioGainHandler::SetPulseTargetValue(int target, int duration) {
 
 void KVAudioGainHandler::GetPulseTargetValue(int& target, int& duration) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    const auto lock = LockInTime(m_pulseMutex);
-    if (!lock) {
+    if (!LockInTime(m_pulseMutex)) {
         return;
     }
+    const KVLockGuard lock(m_pulseMutex, std::adopt_lock);
     target = m_pulseTarget;
     duration = m_pulseDuration;
 }
@@ -349,8 +349,8 @@ bool KVAudioGainHandler::IsSubOutUpdating() {
            m_updating[GAIN_HANDLER_PULSE_RAMP];
 }
 
-// A fade worker's life: sleep until a fade is requested, then raise the gain of its slot step by step. The
-// gain-out worker writes the hardware meanwhile. A fade under way never looks at m_running.
+// A fade worker sleeps until a fade is requested, then raises the gain of its slot step by step. Meanwhile the
+// gain-out worker writes the hardware. A running fade does not look at m_running.
 void KVAudioGainHandler::FadeInGainHandler(eKVGainHandlerType type, void* self) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
     if (IsNull(self, "Invalid userData")) {
@@ -386,7 +386,7 @@ void KVAudioGainHandler::FadeInGainHandler(eKVGainHandlerType type, void* self) 
             }
             handler.SetSrcGain(type, std::min(gain + FADE_STEP, GAIN_MAX));
             wake.wait_until(lock, SteadyClock::now() + FADE_INTERVAL);
-            // Another request may have changed it: the fade goes on from there.
+            // If another request has changed the gain, the fade goes on from the new value.
             handler.GetSrcGain(type, gain);
         }
         LOGI("handlerGainType:%d, LastGain:%d", static_cast<int>(type), gain);
@@ -399,9 +399,9 @@ void KVAudioGainHandler::FadeInGainHandler(eKVGainHandlerType type, void* self) 
     LOGI("%s is done", name);
 }
 
-// The pulse worker's life: one turn of the loop is the start of a ramp, a gain set at once, or one step of
-// the ramp under way. A gain set at once during a ramp leaves start and remaining steps as they are: the ramp
-// goes on to the new target, on purpose.
+// Each turn of the pulse worker's loop starts a ramp, sets a gain at once, or makes one step of the running
+// ramp. A gain that is set at once during a ramp keeps the start and the remaining steps on purpose: the ramp
+// goes on to the new target.
 void KVAudioGainHandler::PulseGainHandler(void* self) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
     if (IsNull(self, "Invalid userData")) {
@@ -414,7 +414,7 @@ void KVAudioGainHandler::PulseGainHandler(void* self) {
     NameThread(type);
 
     int remain = 0;
-    unsigned int timeout = 0;  // milliseconds; a negative duration makes it nearly endless
+    unsigned int timeout = 0;  // in milliseconds; a negative duration makes it nearly endless
     int start = 0;
     int target = 0;
     int duration = 0;
@@ -434,7 +434,8 @@ void KVAudioGainHandler::PulseGainHandler(void* self) {
             LOGI("Wake %s", name);
         } else {
             LOGI("remain count is %d, timedwait %u", remain, timeout);
-            // A request cuts the step short. NOLINTNEXTLINE(bugprone-spuriously-wake-up-functions)
+            // No predicate, because a request shortens the step.
+            // NOLINTNEXTLINE(bugprone-spuriously-wake-up-functions)
             wake.wait_until(lock, SteadyClock::now() + std::chrono::milliseconds(timeout));
             wakeGainOut = remain % PULSE_STEPS_PER_WAKE == 0;
         }
@@ -467,8 +468,8 @@ void KVAudioGainHandler::PulseGainHandler(void* self) {
     LOGI("%s is done", name);
 }
 
-// The gain-out worker's life: sleep until something moves, write the outputs that move again and again, and
-// both once more when all is still. A write that would change nothing is skipped further down.
+// The gain-out worker sleeps until a gain moves. It then writes the outputs whose gain moves, period by period,
+// and at rest both outputs once more. WriteOutput skips a write that changes nothing.
 void KVAudioGainHandler::AudioGainOutHandler(void* self) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
     if (IsNull(self, "Invalid userData")) {
@@ -517,7 +518,7 @@ int KVAudioGainHandler::SetAudioGainControlChangedCb() {
         return 0;
     }
     KVUtils::RegisterVconfChangedCb(PROJECTOR_READY_KEY, AudioGainControlChangedCb, this);
-    int ready = 0;  // what cannot be read counts as not ready
+    int ready = 0;  // not ready if the setting cannot be read
     KVUtils::VconfGetInt(PROJECTOR_READY_KEY, ready);
     m_gainControlDisabled = ready == 0;
     LOGI("Key[%s] value:%d, %sable Gain control", PROJECTOR_READY_KEY, ready, ready == 0 ? "Dis" : "En");
@@ -536,7 +537,7 @@ int KVAudioGainHandler::UnsetAudioGainControlChangedCb() {
     return 0;
 }
 
-// Neither key callback re-applies a gain: the hardware gets the totals at the next write.
+// The two key callbacks write no gain: the hardware gets the totals at the next write.
 void KVAudioGainHandler::AudioGainControlChangedCb(keynode_t* node, void* data) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
     if (IsNull(node, "pKeyNode is NULL") || IsNull(data, "data is NULL")) {
@@ -555,7 +556,7 @@ void KVAudioGainHandler::SubBTChangedCb(keynode_t* node, void* data) {
     }
     const int zone = vconf_keynode_get_int(node);
     static_cast<KVAudioGainHandler*>(data)->m_subBTActive = zone != NO_ZONE;
-    LOGI("Key[%s] Changed to %d", KVDefine::SUB_BT_ZONE_KEY, zone);
+    LOGI("Key[%s] Changed to %d", KVDefine::SUB_BT_ZONE_KEY.c_str(), zone);
 }
 
 void KVAudioGainHandler::SendPopupMsg(eKVGainHandlerType type, std::chrono::duration<double> seconds) {

@@ -17,76 +17,80 @@
 
 #include "KVDebug.h"
 #include "KVDefine.h"
+#include "KVMutex.h"
 
 namespace NKavrel {
 
-/** One gain slot and one worker thread for each value; any int may be carried. Logs show the numbers. */
+/** Gain slots and worker threads: each value names one of both. Logs show the numbers. */
 enum eKVGainHandlerType : int {
-    GAIN_HANDLER_NONE = 0, /**< no worker; its gain stays at full */
+    GAIN_HANDLER_NONE = 0, /**< has no worker; its gain stays 100 */
     GAIN_HANDLER_PULSE_RAMP = 1,
     GAIN_HANDLER_PLAYER_MAIN_OUT = 2,
     GAIN_HANDLER_PLAYER_SUB_OUT = 3,
     GAIN_HANDLER_UNMUTE_MAIN_OUT = 4,
     GAIN_HANDLER_UNMUTE_SUB_OUT = 5,
-    GAIN_HANDLER_AUDIO_GAIN_OUT = 6, /**< writes the outputs; its gain stays at full */
+    GAIN_HANDLER_AUDIO_GAIN_OUT = 6, /**< writes the outputs; its gain stays 100 */
 };
 
 inline constexpr int GAIN_HANDLER_COUNT = 7;
 
-/** Thread names of the workers, by eKVGainHandlerType; also the gain sources' names in the popup. */
+/** Thread names of the workers, by eKVGainHandlerType. The popup shows them as names of gain sources. */
 inline const std::array<std::string, GAIN_HANDLER_COUNT> GainHandlerName = {
     "", "PulseRampH", "PlayerMainOutH", "PlayerSubOutH", "UnMuteMainOutH", "UnMuteSubOutH", "AudioGainOutH",
 };
 
 /**
- * The gain controller: keeps a gain for each source and output, multiplies them into one total for each
- * output and writes that to the audio hardware as the output's gain2. Six workers move gains over time.
+ * The gain controller. It keeps a gain for each source and hardware output, multiplies them into one total
+ * for each output and writes the total to the audio hardware as the output's gain2. Six workers move gains
+ * over time.
  *
- * Gains are percentages, at most 100; a larger one is ignored, a negative one is taken as it is. An audio
- * path is a bit mask: 1 main output, 2 sub output. Statuses are 0, -1 failed, -2 invalid argument. Callable
- * from any thread; no lock is waited for longer than 3 s.
+ * Gains are percentages up to 100: the controller ignores larger values and accepts negative ones. An audio
+ * path is a bit mask: 1 main output, 2 sub output. Statuses are 0, -1 failed, -2 invalid argument. Any thread
+ * may call any operation; none waits for a lock for more than 3 s.
  *
  * Lock order: a worker's own m_handlerMutex, then m_srcGainMutex[GAIN_HANDLER_AUDIO_GAIN_OUT] (the write of
- * the outputs), then one other m_srcGainMutex or m_pulseMutex at a time. Requesters set values and notify;
- * they never take a worker's mutex. A request in the moment in which its worker neither looks nor waits is
- * therefore not remembered.
+ * the outputs), then one other m_srcGainMutex or m_pulseMutex at a time. A requester sets values and notifies
+ * the worker without taking the worker's mutex. So a request is lost if it comes after the worker's last look
+ * at the gain and before its wait.
  */
 class KVAudioGainHandler {
 public:
-    /** Starts the workers and brings both outputs to full gain.
-     *  @throw std::system_error when a thread cannot be started */
+    /** Starts the workers and sets both outputs to gain 100.
+     *  @throw std::system_error if a thread cannot be started */
     KVAudioGainHandler();
-    /** Ends the workers. A fade-in under way is finished first (at most 1.5 s from 0), of a ramp only the
-     * step. */
+    /** Ends the workers. It waits for the end of a running fade-in (at most 1.5 s) or of one step of a running
+     *  ramp. */
     ~KVAudioGainHandler();
     KVAudioGainHandler(const KVAudioGainHandler&) = delete;
     KVAudioGainHandler& operator=(const KVAudioGainHandler&) = delete;
 
     void SetSrcGain(eKVGainHandlerType type, int gain);
-    /** @param[out] gain untouched when the slot could not be locked */
+    /** @param[out] gain stays as it was if the slot cannot be locked */
     void GetSrcGain(eKVGainHandlerType type, int& gain);
     /** @param path 1 or 3 for the main output, 2 for the sub output
-     *  @param[out] gain product of the three sources in percent, truncated toward zero */
+     *  @param[out] gain product of the three gains in percent, truncated toward zero */
     void GetAudioGain(int path, int& gain);
-    /** Write the total of one output, if the path has its bit and the hardware does not hold it already. */
+    /** Write the total of one output if the path has its bit and the hardware holds another value. */
     int SetMainOutGain2(int path);
     int SetSubOutGain2(int path);
-    /** Writes the outputs of the path; the sub output not when the main one failed. */
+    /** Writes the outputs of the path. It leaves the sub output alone if the main output fails. */
     int SetAudioGain(int path);
-    /** Stores, writes, and wakes the gain-out worker (direct) or the worker of the type. */
+    /** Stores the gain, writes the outputs of the path, and wakes the gain-out worker (direct) or the worker of
+     *  the type. */
     int _ApplyAudioGain(eKVGainHandlerType type, int path, int gain, bool direct);
 
-    /** Sets a gain at once. The unmute gain goes to both outputs whatever the path, unless a sub Bluetooth
-     * zone exists; the player gain of path 3 is the main output's, written to both. */
+    /** Sets a gain at once. Without a sub Bluetooth zone, any path sets the unmute gain of both outputs. Path 3
+     *  sets the main output's player gain and writes both outputs. */
     int ApplyAudioGain(KVDefine::eKVGainSrcType srcType, int gain, int path);
-    /** Drops a gain to 0 and lets it fade in: 5 % each 75 ms. Routed like ApplyAudioGain. */
+    /** Sets a gain to 0 and starts its fade-in of 5 % each 75 ms. A path selects the same gains as in
+     *  ApplyAudioGain. */
     int ApplyVolumeFadeIn(KVDefine::eKVGainSrcType srcType, int path);
     /** Ramps the pulse gain of both outputs in ten steps.
-     *  @param gain above 100: the previous target and duration are used again
-     *  @param duration milliseconds, 0 for at once
+     *  @param gain target; above 100, the ramp uses the previous target and duration
+     *  @param duration in milliseconds, 0 for at once
      *  @return always 0 */
     int ApplyPulseAudioGain(int gain, int duration);
-    /** Whether unmute fade-ins, also those under way, stop where they are. */
+    /** While true, each unmute fade-in, also a running one, stops at the gain it has reached. */
     void SetFadeInInterruptable(bool interruptable);
 
     void SetPulseTargetValue(int target, int duration);
@@ -102,7 +106,7 @@ public:
     static void AudioGainOutHandler(void* self);
     static void AudioGainControlChangedCb(keynode_t* node, void* data);
     static void SubBTChangedCb(keynode_t* node, void* data);
-    /** Announces a fade-in of half a second or more on the screen. */
+    /** Sends the popup of a finished fade-in that took half a second or more. */
     static void SendPopupMsg(eKVGainHandlerType type, std::chrono::duration<double> seconds);
 
 private:
@@ -110,32 +114,29 @@ private:
     void _AwaitWorkers();
     void _StopWorkers();
 
-    /** Slot t is guarded by m_srcGainMutex[t]. */
+    /** m_srcGainMutex[t] guards slot t. */
     std::array<int, GAIN_HANDLER_COUNT> m_srcGain;
-    // Guarded by m_pulseMutex; times in milliseconds.
-    int m_pulseTarget = KVDefine::GAIN_MAX;
-    int m_pulseDuration = 0;
-    /** Atomic: the gain-out worker reads it without the lock. */
+    // Times are in milliseconds.
+    int m_pulseTarget KV_GUARDED_BY(m_pulseMutex) = KVDefine::GAIN_MAX;
+    int m_pulseDuration KV_GUARDED_BY(m_pulseMutex) = 0;
+    /** Atomic because the gain-out worker reads it without the lock. */
     std::atomic<int> m_pulseOutPeriod{60};
     std::atomic<bool> m_pulseRequested{false};
-    std::timed_mutex m_pulseMutex;
-    /**
-     * Entry t guards m_srcGain[t]; that of the gain-out worker
-     * also serialises the writes of both outputs.
-     */
-    std::array<std::timed_mutex, GAIN_HANDLER_COUNT> m_srcGainMutex;
-    /** Entry t is held by worker t whenever it does not wait. */
+    KVTimedMutex m_pulseMutex;
+    /** Entry t guards m_srcGain[t]. The gain-out worker's entry also serialises the writes of both outputs. */
+    std::array<KVTimedMutex, GAIN_HANDLER_COUNT> m_srcGainMutex;
+    /** Worker t holds entry t, except while it waits. */
     std::array<std::mutex, GAIN_HANDLER_COUNT> m_handlerMutex;
     std::array<std::condition_variable, GAIN_HANDLER_COUNT> m_handlerCond;
-    /** Whether worker t is moving its gain. */
+    /** Entry t is true while worker t moves its gain. */
     std::array<std::atomic<bool>, GAIN_HANDLER_COUNT> m_updating{};
     std::map<int, std::thread> m_threads;
     std::atomic<bool> m_running{true};
     std::atomic<bool> m_fadeInInterruptable{false};
     std::atomic<bool> m_gainControlDisabled{false};
-    /** A sub Bluetooth zone exists: the unmute gains of the outputs are apart. */
+    /** True while a sub Bluetooth zone exists: then each output has an unmute gain of its own. */
     std::atomic<bool> m_subBTActive{false};
-    /** Whether worker t has come, at least once, to where it holds its mutex and keeps it until it waits. */
+    /** Set once worker t first holds m_handlerMutex[t]; from then on that mutex is free only while t waits. */
     std::array<std::atomic<bool>, GAIN_HANDLER_COUNT> m_settled{};
 };
 

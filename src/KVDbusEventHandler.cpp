@@ -7,15 +7,13 @@
 #include "KVDebug.h"
 #include "KVDefine.h"
 #include "KVUtils.h"
+#include "Routes.h"
 #include "VolumeControlImpl.h"
 
 namespace NKavrel {
 namespace {
 
-using KVDefine::MULTI_OUTPUT_ROUTE;
-using KVDefine::TV_SPEAKER_ROUTE;
-
-// Volume setters look at the user data first, gain and connection handlers at the parameters first.
+// Volume setters check the user data first; gain and connection handlers check the parameters first.
 bool IsParametersNull(const GVariant* parameters, const CallSite& site = {}) {
     return IsNull(parameters, "nullptr parameters", site);
 }
@@ -36,8 +34,8 @@ void Reply(GDBusMethodInvocation* invocation, int value, int status) {
     g_dbus_method_invocation_return_value(invocation, g_variant_new("(ii)", value, status));
 }
 
-/** Where to go when an output goes away: the previous output, or the default one if that may not be returned
- * to. Logs as the call site. */
+/** The route to select when an output goes away: the previous one, or the default one if the previous one is
+ * never restored. Logs in the name of the caller. */
 int ChooseFallback(VolumeControlImpl& control, const CallSite& site = {}) {
     const int previous = control.GetPrevSpeakerSelection();
     if (!KVUtils::IsBlockedLastSpkType(previous)) {
@@ -283,11 +281,11 @@ void KVDbusEventHandler::_OnBudsDisconnected(GVariant* parameters, gpointer user
     }
     VolumeControlImpl& control = ControlOf(user_data);
     const int target = ChooseFallback(control);
-    KVUtils::DbusEmitSignal(KVDefine::PUBLIC_PATH, KVDefine::BUS_NAME, "SpeakerChangeRequest",
+    KVUtils::DbusEmitSignal(KVDefine::PUBLIC_PATH.c_str(), KVDefine::BUS_NAME.c_str(), "SpeakerChangeRequest",
                             g_variant_new("(ii)", target, 1));
     LOGI("Buds disconnected. Connect to previous(type:%d)", target);
     if (target == TV_SPEAKER_ROUTE || target == MULTI_OUTPUT_ROUTE) {
-        // Set first: the change may be reported before the call returns.
+        // The flag comes first: the platform may report the change before the call returns.
         control.SetMuteOnSpkChanged(true);
         sound_manager_set_speaker_selection(target);
     }

@@ -12,9 +12,9 @@
 namespace NKavrel {
 
 /**
- * Brings each D-Bus method call and signal to its handler. The user data of all of them is the
- * VolumeControlImpl. A method handler answers exactly once, with the operation's status and never with a
- * D-Bus error; without parameters or user data it does not answer at all. Main loop only.
+ * Passes each D-Bus method call and signal to its handler. The user data of every handler is the
+ * VolumeControlImpl. A method handler replies exactly once, with the operation's status and never with a
+ * D-Bus error; it does not reply at all if the parameters or the user data are missing. Main loop only.
  */
 class KVDbusEventHandler {
 public:
@@ -23,7 +23,7 @@ public:
     KVDbusEventHandler(const KVDbusEventHandler&) = delete;
     KVDbusEventHandler& operator=(const KVDbusEventHandler&) = delete;
 
-    /** Fills the tables; entries that are there already stay. */
+    /** Fills both tables. Entries that are there already stay. */
     void Init();
     void Deinit();
     void OnMethodCall(const std::string& name, GVariant* parameters, GDBusMethodInvocation* invocation,

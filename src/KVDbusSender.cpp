@@ -32,20 +32,25 @@ KVDbusSender::~KVDbusSender() {
 void KVDbusSender::Print(std::string sender) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
     if (IsNewSender(sender)) {
-        const std::lock_guard<std::mutex> lock(m_pendingMutex);
+        const KVLockGuard lock(m_pendingMutex);
         m_pendingSenders.push_back(std::move(sender));
         g_idle_add(UpdateSenderLists, this);
         return;
     }
-    LOGI("Called by [%s/%s]", sender.c_str(), m_knownSenders.at(sender).c_str());
+    LOGI("Called by [%s/%s]", sender.c_str(), _ProgramOf(sender).c_str());
+}
+
+// Reads without the lock: only this thread, the main loop's, changes the map.
+const std::string& KVDbusSender::_ProgramOf(const std::string& knownSender) {
+    return m_knownSenders.at(knownSender);
 }
 
 bool KVDbusSender::IsNewSender(const std::string& sender) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    const std::unique_lock<std::mutex> lock(m_knownMutex, std::try_to_lock);
-    if (!lock) {
+    if (!m_knownMutex.try_lock()) {
         return true;
     }
+    const KVLockGuard lock(m_knownMutex, std::adopt_lock);
     return !m_knownSenders.contains(sender);
 }
 
@@ -57,7 +62,7 @@ gboolean KVDbusSender::UpdateSenderLists(gpointer data) {
     auto& self = *static_cast<KVDbusSender*>(data);
     std::string sender;
     {
-        const std::lock_guard<std::mutex> lock(self.m_pendingMutex);
+        const KVLockGuard lock(self.m_pendingMutex);
         if (self.m_pendingSenders.empty()) {
             return G_SOURCE_REMOVE;
         }
@@ -66,7 +71,7 @@ gboolean KVDbusSender::UpdateSenderLists(gpointer data) {
     }
     const std::string program = self.GetSenderNameByPID(self.GetConnectionPID(sender));
 
-    const std::lock_guard<std::mutex> lock(self.m_knownMutex);
+    const KVLockGuard lock(self.m_knownMutex);
     if (self.m_knownSenders.size() >= KNOWN_SENDERS_MAX) {
         self.m_knownSenders.clear();
     }
@@ -105,11 +110,11 @@ std::string KVDbusSender::GetSenderNameByPID(unsigned int pid) {
         LOGW("Failed to open cmdLine(%u,%s) : %d", pid, path.c_str(), errno);
         return "";
     }
-    // The buffer counts, not the stream's state: neither a first argument that fills it nor an empty file
-    // is an error.
+    // The stream fails on an empty file and on a first argument that fills the buffer. Neither is an error, so
+    // only the buffer is examined.
     std::array<char, CMDLINE_BUFFER_SIZE> buffer{};
     file.getline(buffer.data(), buffer.size(), ' ');
-    const std::string program = buffer.data();  // the arguments are apart by NUL: the first one
+    const std::string program = buffer.data();  // NUL separates the arguments: this is the first one
     return program.substr(program.rfind('/') + 1);
 }
 

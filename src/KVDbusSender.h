@@ -6,19 +6,19 @@
 #include <glib.h>
 
 #include <deque>
-#include <mutex>
 #include <string>
 #include <unordered_map>
+
+#include "KVMutex.h"
 
 namespace NKavrel {
 
 /**
- * Tells in the log which program is behind each caller. A caller seen for the first time is looked up when
- * the main loop is idle, so that its request is not delayed; a program that is gone by then, or cannot be
- * read, is remembered as "".
+ * Logs the program behind each caller. It looks up a new caller when the main loop is idle, so that no request
+ * waits for that. If the program has ended by then, or cannot be read, its name is "".
  *
- * Main loop only. Destroy it only when the main loop runs no more: look-ups that are still due hold a
- * pointer.
+ * Main loop only. Destroy the tracker only after the main loop has ended: look-ups that are still due hold a
+ * pointer to it.
  */
 class KVDbusSender {
 public:
@@ -27,23 +27,27 @@ public:
     KVDbusSender(const KVDbusSender&) = delete;
     KVDbusSender& operator=(const KVDbusSender&) = delete;
 
-    /** @param sender unique bus name */
+    /** Logs a known caller and queues the look-up of a new one. @param sender unique bus name */
     void Print(std::string sender);
-    /** Never waits: also true while the known callers are busy, so that a name may be looked up twice. */
+    /** Never waits. While the map of known callers is locked, every caller is new and may be looked up twice. */
     bool IsNewSender(const std::string& sender);
+    /** Looks up the first caller of the queue. An idle callback of the main loop. */
     static gboolean UpdateSenderLists(gpointer data);
     /** @return 0 on failure */
     unsigned int GetConnectionPID(std::string sender);
-    /** @return base name of the program's first argument, up to its first space; "" on failure */
+    /** @return the base name of the program's first argument, up to its first space; "" on failure */
     std::string GetSenderNameByPID(unsigned int pid);
 
 private:
-    /** Unique name to program name; emptied as a whole when full. */
-    std::unordered_map<std::string, std::string> m_knownSenders;
-    /** Waiting for their look-up, oldest first. */
-    std::deque<std::string> m_pendingSenders;
-    std::mutex m_pendingMutex; /**< guards m_pendingSenders; never held together with the other */
-    std::mutex m_knownMutex;   /**< guards m_knownSenders */
+    const std::string& _ProgramOf(const std::string& knownSender) KV_NO_LOCK_ANALYSIS;
+
+    /** Program name by unique bus name. A full map is emptied as a whole. */
+    std::unordered_map<std::string, std::string> m_knownSenders KV_GUARDED_BY(m_knownMutex);
+    /** The callers that wait for their look-up, oldest first. */
+    std::deque<std::string> m_pendingSenders KV_GUARDED_BY(m_pendingMutex);
+    // No thread holds both mutexes at once.
+    KVMutex m_pendingMutex;
+    KVMutex m_knownMutex;
 };
 
 }  // namespace NKavrel

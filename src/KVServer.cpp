@@ -8,7 +8,7 @@
 #include "KVDefine.h"
 #include "KVUtils.h"
 
-/** The introspection XML; the build makes it from the file that is installed, too. */
+/** The introspection XML. The build makes it from the file that is installed too. */
 extern "C" const char kavrel_interface_xml[];
 
 namespace NKavrel {
@@ -18,7 +18,7 @@ using KVDefine::BUS_NAME;
 using KVDefine::PUBLIC_PATH;
 using KVUtils::MessageOf;
 
-constexpr const char* INTERFACE_NAME = BUS_NAME;
+const char* const INTERFACE_NAME = BUS_NAME.c_str();
 constexpr const char* OBJECT_PATH = "/Org/Olvane/KavrelInternal";
 constexpr const char* READY_EVENT = "/tmp/.kavrel_ready";
 
@@ -30,7 +30,7 @@ bool IsServerNull(const void* server, const CallSite& site = {}) {
     return IsNull(server, "pObj is NULL", site);
 }
 
-/** Broadcasts a change; a failure is logged as the call site and the change is lost. */
+/** Broadcasts a change. If that fails, logs an error of the caller; the change is lost. */
 void EmitChange(GDBusConnection* connection, const char* signalName, GVariant* parameters,
                 const CallSite& site = {}) {
     g_autoptr(GError) error = nullptr;
@@ -62,8 +62,8 @@ KVServer::~KVServer() {
         g_bus_unown_name(m_busOwnerId);
     }
     m_introspectionData.reset();
-    // The volume control object goes with the first field. A reset() here would empty the pointer before the
-    // object is gone, and a report in that moment would make a second one.
+    // The first field destroys the volume control object after this. A reset() here would empty the pointer
+    // first, and a report in that moment would make a second object.
 }
 
 bool KVServer::Init() {
@@ -74,8 +74,8 @@ bool KVServer::Init() {
         LOGE("Failed g_dbus_node_info_new_for_xml. %s", MessageOf(error));
         return false;
     }
-    m_busOwnerId = g_bus_own_name(G_BUS_TYPE_SYSTEM, BUS_NAME, G_BUS_NAME_OWNER_FLAGS_NONE, onBusAcquired,
-                                  onNameAcquired, onNameLost, this, nullptr);
+    m_busOwnerId = g_bus_own_name(G_BUS_TYPE_SYSTEM, BUS_NAME.c_str(), G_BUS_NAME_OWNER_FLAGS_NONE,
+                                  onBusAcquired, onNameAcquired, onNameLost, this, nullptr);
     LOGI("g_bus_own_name return %d", static_cast<int>(m_busOwnerId));
 
     VolumeControlImpl& control = *getCurrentSpeaker();
@@ -120,8 +120,8 @@ void KVServer::onBusAcquired(GDBusConnection* connection, const gchar* /*name*/,
         return;
     }
     LOGI("m_DbusRegisterObjId:%u", self->m_DbusRegisterObjId);
-    g_dbus_connection_signal_subscribe(connection, nullptr, INTERFACE_NAME, nullptr, PUBLIC_PATH, nullptr,
-                                       G_DBUS_SIGNAL_FLAGS_NONE, signalCallHandler, self, nullptr);
+    g_dbus_connection_signal_subscribe(connection, nullptr, INTERFACE_NAME, nullptr, PUBLIC_PATH.c_str(),
+                                       nullptr, G_DBUS_SIGNAL_FLAGS_NONE, signalCallHandler, self, nullptr);
 }
 
 void KVServer::onNameAcquired(GDBusConnection* connection, const gchar* /*name*/, gpointer user_data) {
@@ -150,7 +150,7 @@ void KVServer::methodCallHandler(GDBusConnection* connection, const gchar* sende
                                  const gchar* method_name, GVariant* parameters,
                                  GDBusMethodInvocation* invocation, gpointer user_data) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    // The third text is the signal handler's wording: log readers know both by it.
+    // The third text says "signal" on purpose: log readers search for it.
     if (IsConnectionNull(connection) || IsNull(invocation, "invocation is NULL") ||
         IsNull(method_name, "signal_name is NULL") || IsNull(user_data, "user data is NULL")) {
         return;

@@ -15,23 +15,23 @@
 namespace NKavrel {
 
 /**
- * The daemon on the bus: owns the name and the exported object, receives all method calls and signals, and
- * announces changes of volume and mute. Everything runs on the main loop, but for the three change handlers,
+ * Serves the bus: owns the name and the exported object, receives all method calls and signals, and
+ * broadcasts changes of volume and mute. Everything runs on the main loop, except the three change handlers,
  * which run on the thread that reports the change.
  */
 class KVServer {
 public:
     KVServer();
-    /** Leaves the bus first and the volume control object last. Nothing may report then, and the main loop
-     * may not run again. */
+    /** Leaves the bus first and destroys the volume control object last. The platform may not report
+     *  meanwhile, and the main loop may not run afterwards. */
     ~KVServer();
     KVServer(const KVServer&) = delete;
     KVServer& operator=(const KVServer&) = delete;
 
-    /** Once. The bus callbacks come when the main loop runs.
-     *  @return whether the interface description could be compiled; if not, nothing else was done */
+    /** Call it once. The bus callbacks run when the main loop does.
+     *  @return false, after doing nothing else, if the interface description cannot be compiled */
     bool Init();
-    /** The volume control object, made by the first call. */
+    /** The volume control object. The first call makes it. */
     std::unique_ptr<VolumeControlImpl>& getCurrentSpeaker();
 
     static void onBusAcquired(GDBusConnection* connection, const gchar* name, gpointer user_data);
@@ -45,10 +45,10 @@ public:
                                   const gchar* object_path, const gchar* interface_name,
                                   const gchar* signal_name, GVariant* parameters, gpointer user_data);
 
-    /** Broadcast the change while the name is owned; otherwise it is lost. */
+    /** Broadcast the change. While the daemon does not own its name, the change is lost. */
     static void onVolumeChanged(int supportType, int volume, void* server);
     static void onMuteChanged(int supportType, int mute, void* server);
-    /** Not broadcast: mutes the new output if that was requested, else brings its unmute gain to full. */
+    /** Mutes the new output if that was requested, else sets its unmute gain to 100. Broadcasts nothing. */
     static void onSpeakerChanged(int supportType, int speaker, void* server);
 
 private:
@@ -56,16 +56,16 @@ private:
         void operator()(GDBusNodeInfo* info) const { g_dbus_node_info_unref(info); }
     };
 
-    /** First, so that it outlives all that may call into it. */
+    /** The first field, so that it outlives everything that calls it. */
     std::unique_ptr<VolumeControlImpl> m_volumeControl;
     std::unique_ptr<KVDbusEventHandler> m_eventHandler;
     std::unique_ptr<KVDbusSender> m_sender;
-    /** Of the owned name, not referenced; null while the name is not owned. Atomic: written on the main loop,
-     *  read by change handlers on any thread. */
+    /** The connection that owns the name, or null. Holds no reference. Atomic because the main loop writes it
+     *  and change handlers read it on any thread. */
     std::atomic<GDBusConnection*> m_connection{nullptr};
     std::unique_ptr<GDBusNodeInfo, NodeInfoDeleter> m_introspectionData;
     guint m_busOwnerId = 0;
-    /** Kept when the name is lost. */
+    /** Keeps its value when the name is lost. */
     guint m_DbusRegisterObjId = 0;
 };
 

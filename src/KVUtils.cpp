@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "KVDefine.h"
+#include "Routes.h"
 
 namespace NKavrel::KVUtils {
 namespace {
@@ -18,20 +19,18 @@ namespace {
 using KVDefine::FAILED;
 using KVDefine::INVALID_ARGUMENT;
 using KVDefine::NO_ZONE;
-using KVDefine::TV_SPEAKER_ROUTE;
 
 constexpr const char* INTERNAL_SPEAKER_FEATURE = "com.norvik/featureconf/internal_speaker_supported";
 constexpr const char* POPUP_EVENT = "FadeInPopup";
 
 constexpr int DEFAULT_SPEAKER_UNKNOWN = -1;
-constexpr int OPTICAL_ROUTE = 1;
 
-// Filled on first use and kept for the life of the process. Atomics, because any thread may be the first; a
-// race asks the platform twice and gets the same answer.
+// The first use fills each cache for the life of the process. They are atomic because any thread may be the
+// first; two threads at once ask the platform twice and get the same answer.
 std::atomic<GDBusConnection*> cachedConnection{nullptr};
 std::atomic<int> cachedDefaultSpeaker{DEFAULT_SPEAKER_UNKNOWN};
 
-/** Takes over one reference of a value that may be floating or null. */
+/** Takes over one reference to a value that may be floating or null. */
 GVariant* TakeRef(GVariant* value) {
     return value != nullptr ? g_variant_take_ref(value) : nullptr;
 }
@@ -47,21 +46,11 @@ const char* MessageOf(const GError* error) {
 }
 
 bool IsSpdifSpkType(int route) {
-    return route == 1 || route == 9 || route == 11;
+    return OutputOf(route).usesSpdif;
 }
 
 bool IsBlockedLastSpkType(int route) {
-    switch (route) {
-        case 5:
-        case 6:
-        case 13:
-        case 14:
-        case 15:
-        case 19:
-            return true;
-        default:
-            return false;
-    }
+    return OutputOf(route).isNeverRestored;
 }
 
 int GetDefaultSpeaker() {
@@ -69,7 +58,7 @@ int GetDefaultSpeaker() {
         return cached;
     }
     cachedDefaultSpeaker = TV_SPEAKER_ROUTE;
-    bool supported = true;  // a failed query counts as supported
+    bool supported = true;  // the answer if the query fails
     system_info_get_custom_bool(INTERNAL_SPEAKER_FEATURE, &supported);
     if (!supported) {
         cachedDefaultSpeaker = OPTICAL_ROUTE;
@@ -238,7 +227,7 @@ bool VconfGetStr(const char* key, std::string& value) {
 
 int GetSubBTZoneID() {
     int zone = NO_ZONE;
-    if (!VconfGetInt(KVDefine::SUB_BT_ZONE_KEY, zone)) {
+    if (!VconfGetInt(KVDefine::SUB_BT_ZONE_KEY.c_str(), zone)) {
         LOGE("Failed to get subBT zone ID");
         return NO_ZONE;
     }

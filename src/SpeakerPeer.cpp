@@ -47,9 +47,9 @@ int SetPeerVolume(const SpeakerPeer& peer, int volume, const CallSite& site) {
 }
 
 guint SubscribeToPeers(GDBusConnection* connection, GDBusSignalCallback callback, gpointer userData) {
-    return g_dbus_connection_signal_subscribe(connection, nullptr, KVDefine::BUS_NAME, VOLUME_CHANGED,
-                                              KVDefine::PUBLIC_PATH, nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
-                                              callback, userData, nullptr);
+    return g_dbus_connection_signal_subscribe(connection, nullptr, KVDefine::BUS_NAME.c_str(), VOLUME_CHANGED,
+                                              KVDefine::PUBLIC_PATH.c_str(), nullptr,
+                                              G_DBUS_SIGNAL_FLAGS_NONE, callback, userData, nullptr);
 }
 
 bool ReadPeerVolume(GVariant* parameters, PeerVolume& changed, const CallSite& site) {

@@ -9,7 +9,7 @@
 
 namespace NKavrel {
 
-/** What a "SpkVolumeChanged" signal carries. */
+/** The arguments of a "SpkVolumeChanged" signal. */
 struct PeerVolume {
     int route = 0;
     int supportType = 0;
@@ -17,8 +17,8 @@ struct PeerVolume {
 };
 
 /**
- * The D-Bus peer behind a speaker emulator: it keeps a volume and tells of its changes. What the functions
- * below log is logged as the emulator's operation that asks.
+ * Where to reach the D-Bus peer of a speaker emulator. The peer keeps a volume and signals its changes. The
+ * functions below log in the name of their caller.
  */
 struct SpeakerPeer {
     const char* busName;
@@ -26,15 +26,15 @@ struct SpeakerPeer {
     const char* interfaceName;
 };
 
-/** Blocks until the peer answers. @return the peer's own result, -1 when the call failed */
+/** Asks the peer and waits for its answer. @return the peer's own result, -1 if the call failed */
 int GetPeerVolume(const SpeakerPeer& peer, int& volume, const CallSite& site = {});
-/** Blocks until the peer answers. @return 0 whatever the peer says, -1 when the call failed */
+/** Asks the peer and waits for its answer. @return 0 for any answer, -1 if the call failed */
 int SetPeerVolume(const SpeakerPeer& peer, int volume, const CallSite& site = {});
 
-/** Every emulator hears the same signal, on the daemon's own interface and path, from any sender.
- *  The callback runs on the main loop. */
+/** Subscribes to "SpkVolumeChanged" on the daemon's own interface and path, from any sender, for both
+ *  emulators alike. The callback runs on the main loop. */
 guint SubscribeToPeers(GDBusConnection* connection, GDBusSignalCallback callback, gpointer userData);
-/** @return whether the body was as it should be; if not, that is logged and nothing is stored */
+/** Reads the signal's body. @return false, after an error line, if the body has another type */
 bool ReadPeerVolume(GVariant* parameters, PeerVolume& changed, const CallSite& site = {});
 
 }  // namespace NKavrel

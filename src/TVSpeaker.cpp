@@ -10,7 +10,7 @@ namespace {
 constexpr int VOLUME_MODE = 1;
 constexpr int SUPPORT_EVERYTHING = 0xFFFF;
 
-/** Whether a HAL call failed; if so, logs it as the call site. The text ends before the code. */
+/** Whether a HAL call failed. If so, logs `what` and the code as an error of the caller. */
 bool Failed(int result, const char* what, const CallSite& site = {}) {
     if (result == 0) {
         return false;
@@ -92,7 +92,7 @@ void TVSpeaker::SetChangedCB() {
                "set volume_changed_cb failed")) {
         return;
     }
-    // On failure the volume callback stays: the next call registers both again.
+    // If this fails, the volume callback stays registered and the next call registers both again.
     if (Failed(audio_register_master_mute_changed_cb(MuteChangedCallback, this),
                "set mute changed_cb failed")) {
         return;

@@ -8,8 +8,8 @@
 namespace NKavrel {
 
 /**
- * The TV's own speaker: the master volume and mute of the audio HAL, whose error codes are passed through.
- * The object is the user data of both HAL callbacks: UnsetChangedCB before it is destroyed.
+ * Drives the TV's own speaker: the audio HAL's master volume and mute. Operations return the HAL's error
+ * codes. The object is the user data of both HAL callbacks, so call UnsetChangedCB before destroying it.
  */
 class TVSpeaker : public ISpeaker {
 public:

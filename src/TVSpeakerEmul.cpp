@@ -9,7 +9,7 @@
 namespace NKavrel {
 namespace {
 
-constexpr SpeakerPeer PEER = {KVDefine::BUS_NAME, KVDefine::PUBLIC_PATH, "org.olvane.kavrel.tv"};
+const SpeakerPeer PEER = {KVDefine::BUS_NAME.c_str(), KVDefine::PUBLIC_PATH.c_str(), "org.olvane.kavrel.tv"};
 
 }  // namespace
 

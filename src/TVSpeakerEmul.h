@@ -10,9 +10,9 @@
 namespace NKavrel {
 
 /**
- * Development stand-in for the TV speaker: the volume is a D-Bus peer's, mute stays the audio HAL's.
- * It keeps handlers and a flag of its own beside the inherited ones, which stay empty; its destruction
- * therefore logs "Already unset event handler" once for each pair.
+ * Replaces the TV speaker during development: a D-Bus peer keeps the volume, the audio HAL keeps mute. It has
+ * handlers and a flag of its own. The inherited handlers stay empty, so its destruction logs "Already unset
+ * event handler" for each pair.
  */
 class TVSpeakerEmul : public TVSpeaker {
 public:
@@ -33,7 +33,7 @@ public:
     static void MuteChangedCB(unsigned int mute, void* data);
 
 private:
-    /** Stale once unsubscribed: the flag alone counts. */
+    /** Valid only while m_changedCBRegistered is true. */
     unsigned int m_signalSubscriptionId = 0;
     bool m_changedCBRegistered = false;
     VolumeEventHandler_t m_volumeHandler;

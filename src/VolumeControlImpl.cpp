@@ -8,39 +8,35 @@
 
 #include "KVDefine.h"
 #include "KVUtils.h"
+#include "Routes.h"
 
 namespace NKavrel {
 namespace {
 
 using KVDefine::FAILED;
 using KVDefine::INVALID_ARGUMENT;
-using KVDefine::MULTI_OUTPUT_ROUTE;
 using KVDefine::NO_ZONE;
-using KVDefine::TV_SPEAKER_ROUTE;
 
 constexpr int VOLUME_MAX = 100;
 
-constexpr int BT_ROUTE = 3;
-constexpr int BT_BUDS_ROUTE = 5;
-
-/** The sound manager's answer for a zone of a multi-view that has ended. */
+/** The sound manager's answer for a zone if multi-view has ended. */
 constexpr int MULTIVIEW_TERMINATED = static_cast<int>(0xFE6A0004U);
 
-/** Tries the lock, never waits; a busy one is logged as the call site. */
-std::unique_lock<std::recursive_mutex> TryLock(std::recursive_mutex& mutex, const char* busyText,
-                                               const CallSite& site = {}) {
-    std::unique_lock<std::recursive_mutex> lock(mutex, std::try_to_lock);
-    if (!lock) {
-        LOGE_AT(site, "%s", busyText);
+/** Locks without waiting. Logs `busyText` as an error of the caller if another thread holds the mutex. */
+bool TryLock(KVRecursiveMutex& mutex, const char* busyText, const CallSite& site = {})
+    KV_TRY_ACQUIRE(true, mutex) {
+    if (mutex.try_lock()) {
+        return true;
     }
-    return lock;
+    LOGE_AT(site, "%s", busyText);
+    return false;
 }
 
 bool IsNodeOrDataNull(const keynode_t* node, const void* data, const CallSite& site = {}) {
     return IsNull(node, "pKeyNode is NULL", site) || IsNull(data, "data is NULL", site);
 }
 
-/** The value a notification carries; false, and logged as the call site, when it is negative. */
+/** Reads the value of a reported setting. @return false, after an error line of the caller, if it is negative */
 bool ReadStatus(keynode_t* node, const std::string& key, int& value, const CallSite& site = {}) {
     value = vconf_keynode_get_int(node);
     if (value < 0) {
@@ -50,10 +46,7 @@ bool ReadStatus(keynode_t* node, const std::string& key, int& value, const CallS
     return true;
 }
 
-/**
- * The multi-view mode in the platform's JSON text. What cannot
- * be understood is "error", that is, not "on".
- */
+/** The multi-view mode in the platform's JSON text; "error" if the text is not as expected. */
 std::string ParseMode(const std::string& info) {
     try {
         return KVUtils::ParseJsonVal(info, "mode");
@@ -67,7 +60,7 @@ struct ZoneListDeleter {
 };
 using ZoneList = std::unique_ptr<_rc_zone_list, ZoneListDeleter>;
 
-/** Null, which counts as no zones, when there is none. */
+/** Null if the platform has no list, which means no zones. */
 ZoneList GetZoneList() {
     rc_zone_list_h list = nullptr;
     return ZoneList(rc_get_zone_list(&list) == 0 ? list : nullptr);
@@ -81,9 +74,9 @@ bool NextZone(const ZoneList& list, rc_zone_h& zone) {
 
 VolumeControlImpl::VolumeControlImpl() {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    // Reports may come from the first registration on: held until the first speaker stands, the lock turns
-    // them away instead of showing them a half-made object.
-    std::unique_lock<std::recursive_mutex> lock(m_mutex);
+    // The platform may report from the first registration on. The lock refuses such reports until the first
+    // speaker exists, so that none meets a half-made object.
+    std::unique_lock<KVRecursiveMutex> lock(m_mutex);
     try {
         _InitSoundCallback();
         _InitMSViewSoundCallback();
@@ -108,7 +101,7 @@ VolumeControlImpl::VolumeControlImpl() {
 
 VolumeControlImpl::~VolumeControlImpl() {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    const std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    const KVLockGuard lock(m_mutex);
     UnsetEventHandler();
     _DeInitMSViewSoundCallback();
     _DeInitSoundCallback();
@@ -119,10 +112,10 @@ VolumeControlImpl::~VolumeControlImpl() {
 
 void VolumeControlImpl::SetEventHandler(const std::string& name, const VolumeEventHandler& handler) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    const auto lock = TryLock(m_mutex, "mutex lock failed");
-    if (!lock) {
+    if (!TryLock(m_mutex, "mutex lock failed")) {
         return;
     }
+    const KVLockGuard lock(m_mutex, std::adopt_lock);
     if (!m_eventHandlers.emplace(name, handler).second) {
         LOGE("Already set %s event handler", name.c_str());
     }
@@ -130,10 +123,10 @@ void VolumeControlImpl::SetEventHandler(const std::string& name, const VolumeEve
 
 void VolumeControlImpl::UnsetEventHandler() {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    const auto lock = TryLock(m_mutex, "mutex lock failed");
-    if (!lock) {
+    if (!TryLock(m_mutex, "mutex lock failed")) {
         return;
     }
+    const KVLockGuard lock(m_mutex, std::adopt_lock);
     m_eventHandlers.clear();
 }
 
@@ -144,19 +137,19 @@ std::unique_lock<std::recursive_mutex> VolumeControlImpl::WaitForLock() {
 
 int VolumeControlImpl::GetVolumeSupport(int& type) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    const auto lock = TryLock(m_mutex, "owns_lock");
-    if (!lock) {
+    if (!TryLock(m_mutex, "owns_lock")) {
         return FAILED;
     }
+    const KVLockGuard lock(m_mutex, std::adopt_lock);
     return _GetCurrentSpeaker()->GetVolumeSupportType(type);
 }
 
 int VolumeControlImpl::GetTVVolume(int& volume) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    const auto lock = TryLock(m_mutex, "owns_lock");
-    if (!lock) {
+    if (!TryLock(m_mutex, "owns_lock")) {
         return FAILED;
     }
+    const KVLockGuard lock(m_mutex, std::adopt_lock);
     return _GetCurrentSpeaker()->GetVolume(volume);
 }
 
@@ -166,10 +159,10 @@ int VolumeControlImpl::SetTVVolume(int volume) {
         LOGE("invalid param SetTVVolume");
         return INVALID_ARGUMENT;
     }
-    const auto lock = TryLock(m_mutex, "owns_lock");
-    if (!lock) {
+    if (!TryLock(m_mutex, "owns_lock")) {
         return FAILED;
     }
+    const KVLockGuard lock(m_mutex, std::adopt_lock);
     if (m_mute) {
         LOGI("SetTvVolumeMute to false");
         _SetGainOnMute(KVDefine::GAIN_MAX);
@@ -184,25 +177,25 @@ int VolumeControlImpl::SetTVVolume(int volume) {
 
 int VolumeControlImpl::GetTVVolumeMute(bool& mute) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    const auto lock = TryLock(m_mutex, "owns_lock");
-    if (!lock) {
+    if (!TryLock(m_mutex, "owns_lock")) {
         return FAILED;
     }
+    const KVLockGuard lock(m_mutex, std::adopt_lock);
     return _GetCurrentSpeaker()->GetVolumeMute(mute);
 }
 
 int VolumeControlImpl::SetTVVolumeMute(bool mute) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    const auto lock = TryLock(m_mutex, "owns_lock");
-    if (!lock) {
+    if (!TryLock(m_mutex, "owns_lock")) {
         return FAILED;
     }
+    const KVLockGuard lock(m_mutex, std::adopt_lock);
     _ApplyUnmuteFadeIn(mute);
     return _GetCurrentSpeaker()->SetVolumeMute(mute);
 }
 
-// A fade-in is protected from interruption, a gain change may cut into one: the two operations set the flag
-// oppositely on purpose.
+// The two operations below set the interruptible flag oppositely on purpose: nothing interrupts a fade-in that
+// was just requested, but a gain change may end a running one.
 int VolumeControlImpl::ApplyVolumeFadeIn(KVDefine::eKVGainSrcType src, int value) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
     KVAudioGainHandler* gainHandler = m_readyGainHandler;
@@ -217,7 +210,7 @@ int VolumeControlImpl::ApplyVolumeFadeIn(KVDefine::eKVGainSrcType src, int value
             return 0;
         }
         gainHandler->SetFadeInInterruptable(false);
-        bool mute = false;  // what cannot be read counts as unmuted
+        bool mute = false;  // unmuted if it cannot be read
         GetTVVolumeMute(mute);
         if (!mute) {
             LOGW("UnMute State, Recover gain instead of FadeIn");
@@ -301,10 +294,10 @@ void VolumeControlImpl::SpeakerChangedCallback(sound_tv_output_route_e route, vo
         return;
     }
     auto* self = static_cast<VolumeControlImpl*>(data);
-    const auto lock = TryLock(self->m_mutex, "owns_lock");
-    if (!lock) {
+    if (!TryLock(self->m_mutex, "owns_lock")) {
         return;
     }
+    const KVLockGuard lock(self->m_mutex, std::adopt_lock);
     LOGI("Type(%d->%d)", self->m_speakerSelection.load(), route);
     if (route != self->m_speakerSelection) {
         self->_ReplaceSpeaker(route, 0);
@@ -330,7 +323,7 @@ void VolumeControlImpl::SpdifChangedCallback(keynode_t* node, void* data) {
         rc_get_audio_focus(&focusedZone);
         const int subBTZone = KVUtils::GetSubBTZoneID();
         if (subBTZone != NO_ZONE && subBTZone == focusedZone) {
-            // Read before the route is set: the platform may report the change on this very thread.
+            // Read it first: setting the route may make the platform report the change on this thread.
             const int previous = self->m_prevSpeakerSelection;
             if (KVUtils::IsSpdifSpkType(previous)) {
                 self->SetOutputRoute(defaultSpeaker);
@@ -349,7 +342,7 @@ void VolumeControlImpl::SpdifChangedCallback(keynode_t* node, void* data) {
     const int previous = self->m_prevSpeakerSelection;
     LOGI("Skip. Curr:%d Prev:%d", route, previous);
     if (KVUtils::IsSpdifSpkType(previous)) {
-        // A later return to the previous output must not go to the unplugged one.
+        // So that no later request selects the unplugged output again.
         LOGI("Prev:%d->%d", previous, defaultSpeaker);
         self->m_prevSpeakerSelection = defaultSpeaker;
     }
@@ -364,7 +357,7 @@ void VolumeControlImpl::Tv2MobileChangedCallback(keynode_t* node, void* data) {
     auto* self = static_cast<VolumeControlImpl*>(data);
     LOGE("TV To Mobile %sable", status != 0 ? "En" : "Dis");
     if (status != 0) {
-        // Before the status is stored, which would make the gain operation do nothing.
+        // The new status is stored later, because it would make the gain operation do nothing.
         self->ApplyAudioGain(KVDefine::GAIN_SRC_UNMUTE, KVDefine::GAIN_MAX, KVDefine::AUDIO_PATH_BOTH, false);
     }
     self->m_tv2MobileStatus = status;
@@ -383,11 +376,11 @@ void VolumeControlImpl::MSViewModeChangedCallback(keynode_t* node, void* data) {
     LOGI("MSmode:%s", mode.c_str());
 
     auto* self = static_cast<VolumeControlImpl*>(data);
-    const auto lock = TryLock(self->m_mutex, "owns_lock");
-    if (!lock) {
+    if (!TryLock(self->m_mutex, "owns_lock")) {
         return;
     }
-    // The speaker is left alone: the route change that follows a mode change has its own report.
+    const KVLockGuard lock(self->m_mutex, std::adopt_lock);
+    // The speaker stays: the platform reports the route change that follows a mode change.
     if (mode == "on") {
         self->m_msviewModeOn = true;
         int zone = 0;
@@ -415,10 +408,10 @@ void VolumeControlImpl::MSViewSpeakerChangedCallback(sound_tv_output_route_e rou
         return;
     }
     auto* self = static_cast<VolumeControlImpl*>(data);
-    const auto lock = TryLock(self->m_mutex, "owns_lock");
-    if (!lock) {
+    if (!TryLock(self->m_mutex, "owns_lock")) {
         return;
     }
+    const KVLockGuard lock(self->m_mutex, std::adopt_lock);
     LOGI("Zone:%d Type(%d->%d)", zone, self->m_speakerSelection.load(), route);
     if (route == self->m_speakerSelection) {
         return;
@@ -441,15 +434,15 @@ void VolumeControlImpl::FocusChangedCallback(int zone, void* data) {
         LOGE("For single view. not this cb");
         return;
     }
-    const auto lock = TryLock(self->m_mutex, "mutex lock failed");
-    if (!lock) {
+    if (!TryLock(self->m_mutex, "mutex lock failed")) {
         return;
     }
+    const KVLockGuard lock(self->m_mutex, std::adopt_lock);
     LOGI("Focus (%d->%d)", self->m_zoneId.load(), zone);
     self->m_zoneId = zone;
     const int route = self->_GetOutputRoute();
     if (route != self->m_speakerSelection) {
-        // Only a route change is announced and remembered as the previous one; a focus change is silent.
+        // Unlike a route change, a focus change notifies no listener and keeps the previous route.
         self->_DestroySpeaker();
         self->_CreateSpeaker(route);
     }
@@ -497,7 +490,7 @@ void VolumeControlImpl::_SetSpeakerEventHandler() {
     speaker->SetChangedCB();
 }
 
-// Works on the object it is given, not on the one it is called on. Callers hold the lock.
+// Works on the object that it gets as its argument. The caller holds the lock.
 void VolumeControlImpl::_NotifyVolumeEvent(void* volumeControl, const std::string& event) {
     LOGI("event: [%s]", event.c_str());
     if (IsNull(volumeControl, "pVolumeControl")) {
@@ -520,18 +513,18 @@ void VolumeControlImpl::_NotifyVolumeEvent(void* volumeControl, const std::strin
     } else if (event == KVDefine::SPEAKER_CHANGED) {
         value = control->m_speakerSelection;
     }
-    const auto handler = listener->second;  // it may take all listeners back
+    const auto handler = listener->second;  // a copy, because the listener may remove all listeners
     handler(type, value);
 }
 
 void VolumeControlImpl::_OnVolumeChanged(int volume) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    const auto lock = TryLock(m_mutex, "mutex lock failed");
-    if (!lock) {
+    if (!TryLock(m_mutex, "mutex lock failed")) {
         return;
     }
+    const KVLockGuard lock(m_mutex, std::adopt_lock);
     if (volume == m_volume) {
-        // An error here, yet only a notice for mute: log readers know both.
+        // An error on purpose, although the mute filter logs the same case at info.
         LOGE("volume(%d) is same", volume);
         return;
     }
@@ -542,10 +535,10 @@ void VolumeControlImpl::_OnVolumeChanged(int volume) {
 
 void VolumeControlImpl::_OnMuteChanged(int mute) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
-    const auto lock = TryLock(m_mutex, "mutex lock failed");
-    if (!lock) {
+    if (!TryLock(m_mutex, "mutex lock failed")) {
         return;
     }
+    const KVLockGuard lock(m_mutex, std::adopt_lock);
     const bool muted = mute != 0;
     if (muted == m_mute) {
         LOGI("mute is same : %d", m_mute);

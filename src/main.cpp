@@ -14,14 +14,14 @@ int main() {
         LOGE("Failed to create a main loop");
         return 0;
     }
-    // Never deleted: the process ends with it alive.
+    // Nothing deletes the server: it lives until the process ends.
     auto* server = new (std::nothrow) NKavrel::KVServer();
     if (server == nullptr) {
         LOGE("Failed to create KVServer");
         g_main_loop_unref(loop);
         return 0;
     }
-    server->Init();  // without an interface the process idles, for its supervisor to see
+    server->Init();  // if it fails, the process idles
     g_main_loop_run(loop);
     g_main_loop_unref(loop);
     LOGI("Stopped");
