@@ -1,7 +1,7 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash disable=SC2034
-# What run, test and bench share: the Debian packages they need, and how they build. Sourced, not run.
+# run, test, bench and lint source this file: it knows the Debian packages that they need, and builds.
 set -euo pipefail
 
 unset CDPATH
@@ -15,32 +15,38 @@ die() {
     exit 1
 }
 
-# Each Debian package with one command or file that it brings: looking for that costs nothing, asking dpkg does.
+# A command or a file of each Debian package: looking for that takes no time, asking dpkg does.
 declare -A proof=(
+    [clang]=clang++
+    [clang-format]=clang-format
+    [clang-tidy]=clang-tidy
+    [dbus-daemon]=dbus-daemon
     [g++]=g++
+    [gnuplot-nox]=gnuplot
+    [libbenchmark-dev]=/usr/include/benchmark/benchmark.h
+    [libcli11-dev]=/usr/include/CLI/CLI.hpp
+    [libglib2.0-bin]=gdbus
+    [libglib2.0-dev]=/usr/include/glib-2.0/gio/gio.h
+    [libgmock-dev]=/usr/include/gmock/gmock.h
+    [libgtest-dev]=/usr/include/gtest/gtest.h
+    [libjsoncpp-dev]=/usr/include/jsoncpp/json/json.h
     [meson]=meson
     [ninja-build]=ninja
     [pkg-config]=pkg-config
-    [libglib2.0-dev]=/usr/include/glib-2.0/gio/gio.h
-    [libjsoncpp-dev]=/usr/include/jsoncpp/json/json.h
-    [libcli11-dev]=/usr/include/CLI/CLI.hpp
-    [dbus-daemon]=dbus-daemon
-    [libglib2.0-bin]=gdbus
-    [systemd]=busctl
-    [gnuplot-nox]=gnuplot
-    [libgtest-dev]=/usr/include/gtest/gtest.h
-    [libgmock-dev]=/usr/include/gmock/gmock.h
     [python3-gi]=/usr/lib/python3/dist-packages/gi/__init__.py
     [python3-pytest]=/usr/lib/python3/dist-packages/pytest/__init__.py
-    [libbenchmark-dev]=/usr/include/benchmark/benchmark.h
+    [shellcheck]=shellcheck
+    [systemd]=busctl
 )
-to_run=(g++ meson ninja-build pkg-config libglib2.0-dev libjsoncpp-dev libcli11-dev dbus-daemon libglib2.0-bin systemd
-    gnuplot-nox)
-to_test=("${to_run[@]}" libgtest-dev libgmock-dev python3-gi python3-pytest)
+to_build=(g++ meson ninja-build pkg-config libglib2.0-dev libjsoncpp-dev libcli11-dev)
+to_run=("${to_build[@]}" dbus-daemon libglib2.0-bin systemd)
+to_test=("${to_run[@]}" libgtest-dev libgmock-dev python3-gi python3-pytest gnuplot-nox)
 to_bench=("${to_run[@]}" libbenchmark-dev)
+to_lint=("${to_build[@]}" libgtest-dev libgmock-dev libbenchmark-dev clang clang-format clang-tidy shellcheck)
 
 is_there() {
-    case ${proof[$1]} in
+    case ${proof[$1]-} in
+        '') die "lib.sh does not know the package $1" ;;
         /*) [ -e "${proof[$1]}" ] ;;
         *) command -v "${proof[$1]}" >/dev/null ;;
     esac
@@ -53,7 +59,7 @@ missing_of() {
     done
 }
 
-# Prints what has to stand before a command for it to run as root; fails where nobody may become root.
+# Prints the command that runs another one as root: nothing for root itself, sudo for others. Fails without either.
 become_root() {
     if [ "$(id -u)" = 0 ]; then
         return
@@ -64,7 +70,7 @@ become_root() {
     fi
 }
 
-# Installs those of the packages that are not there.
+# need PACKAGE...: installs the packages that are missing.
 need() {
     local missing as_root
     missing=$(missing_of "$@" | paste -sd ' ')
@@ -75,33 +81,39 @@ need() {
         die "as root, this installs them: $install"
     fi
     say "installing the Debian packages $missing"
-    # One at a time: apt-get itself does not wait for another one that fetches the package lists.
+    # apt-get fails while another apt-get fetches the package lists; with the lock the second one waits.
     $as_root flock /var/lib/apt env DEBIAN_FRONTEND=noninteractive sh -c "$install" </dev/null >&2 ||
         die "the packages could not be installed; as root, this installs them: $install"
     missing=$(missing_of "$@" | paste -sd ' ')
     [ -z "$missing" ] || die "still not there after the installation: $missing"
 }
 
-# build NAME MESON_OPTION...: brings build/NAME up to date. Copies that run at once take turns.
-build() {
-    local directory=$root/build/$1 lock
+# configure NAME MESON_OPTION...: sets up build/NAME, anew if the clone was moved or the options are others. Leaves it
+# locked in $lock, so that another script that builds the same directory waits.
+configure() {
+    local directory=$root/build/$1 made_with
     shift
+    made_with="$root $*"
     mkdir -p "$root/build"
-    # A tree that another user has built serves everybody until it changes.
-    if [ -e "$directory.lock" ] && [ ! -w "$directory.lock" ]; then
-        [[ $(ninja -C "$directory" -n 2>&1) == *'no work to do.'* ]] ||
-            die "$directory belongs to another user and is out of date; remove it, or use a clone of your own"
-        return
-    fi
     exec {lock}>"$directory.lock"
     flock "$lock"
-    # Another place or other options than those it was made with: made anew.
-    local made_with="$root $*"
     if [ ! -f "$directory/build.ninja" ] || [ "$(cat "$directory/made-with" 2>/dev/null)" != "$made_with" ]; then
         rm -rf "$directory"
         meson setup "$@" "$directory" "$root" </dev/null >&2 || die "meson could not set up $directory"
         printf '%s\n' "$made_with" >"$directory/made-with"
     fi
+}
+
+# build NAME MESON_OPTION...: brings build/NAME up to date.
+build() {
+    local directory=$root/build/$1 lock
+    # A directory of another user can be used as it is while it is up to date.
+    if [ -e "$directory.lock" ] && [ ! -w "$directory.lock" ]; then
+        [[ $(ninja -C "$directory" -n 2>&1) == *'no work to do.'* ]] ||
+            die "$directory belongs to another user and is out of date; remove it, or use a clone of your own"
+        return
+    fi
+    configure "$@"
     case $(cd "$directory" && ninja -n) in
         *'no work to do.'*) ;;
         *) (cd "$directory" && ninja -j "$(nproc)") </dev/null >&2 || die "the build in $directory failed" ;;
@@ -109,4 +121,4 @@ build() {
     exec {lock}>&-
 }
 
-build_release() { build release --buildtype=release -Dtests=false; }
+build_release() { build release --buildtype=release; }

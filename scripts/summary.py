@@ -1,9 +1,9 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-"""summary.py LOG.json...: count the test cases in the logs that meson keeps of its test runs.
+"""summary.py LOG.json...: count the test cases in meson's logs of its test runs.
 
-The cases are those that GoogleTest and `pytest -v` print; a program that prints none is one case. A skipped case is
-named and counts as failed, and so does finding none at all.
+GoogleTest and `pytest -v` print a line for each case; a program that prints no such line is one case. A skipped case is
+named and is a failure, and a run without any case is a failure, too.
 """
 import json
 import re
@@ -17,7 +17,7 @@ CASE = re.compile(r"""
 
 
 def failures_of(test):
-    """For each case of one of meson's tests: None, or what is wrong with it."""
+    """For each case of a meson test: None if it passed, otherwise a text with the reason."""
     failures = []
     for case in CASE.finditer(test.get("stdout", "")):
         outcome = case["gtest"] or case["pytest"]

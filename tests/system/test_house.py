@@ -1,6 +1,6 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-"""The rules of the house that no compiler checks: who may include what, and what builds with what."""
+"""The rules of the house that no compiler checks: which files may include which, and the libraries that each needs."""
 import re
 import subprocess
 
@@ -16,7 +16,7 @@ POSIX = {"pthread.h", "unistd.h"}
 
 
 def includes_of(path):
-    """[(opening bracket or quote, name)]"""
+    """Returns [(opening bracket or quote, name)]."""
     return re.findall(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', path.read_text(), re.M)
 
 
@@ -53,7 +53,7 @@ def test_the_daemon_includes_its_own_headers_the_seam_and_its_two_libraries(path
 
 
 @pytest.mark.parametrize("path", sorted((ROOT / "platform").rglob("*.[ch]*")), ids=name_of)
-def test_the_platform_knows_nothing_of_the_daemon(path):
+def test_the_platform_includes_nothing_of_the_daemon(path):
     daemon = {header.name for header in HEADERS}
     for _bracket, name in includes_of(path):
         assert name.rpartition("/")[2] not in daemon
@@ -61,7 +61,7 @@ def test_the_platform_knows_nothing_of_the_daemon(path):
 
 
 @pytest.mark.parametrize("source", SOURCES, ids=name_of)
-def test_each_source_compiles_alone_with_nothing_but_its_folders(source):
+def test_each_source_compiles_with_three_include_paths_and_two_libraries(source):
     subprocess.run(["g++", "-std=c++20", "-fsyntax-only", *(f"-I{ROOT}/{folder}" for folder in
                     ("src", "include_internal", "platform/include")), *flags_of("gio-2.0", "jsoncpp"), source],
                    check=True)
@@ -82,6 +82,6 @@ def test_the_tracer_logs_on_its_two_lines():
     assert "[IN]" in lines[53 - 1] and "[OUT]" in lines[58 - 1]
 
 
-@pytest.mark.parametrize("script", ["run", "test", "bench", ".ci/run", "scripts/lib.sh"])
+@pytest.mark.parametrize("script", ["run", "test", "bench", "lint", ".ci/run", "scripts/lib.sh", "scripts/install-packages"])
 def test_scripts_are_valid_bash(script):
     subprocess.run(["bash", "-n", ROOT / script], check=True)

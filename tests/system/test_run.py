@@ -1,6 +1,6 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-"""./run: the scene it sets, the COMMAND it runs in it, and that it leaves nothing behind."""
+"""./run: it sets up a scene, runs COMMAND in it, and leaves nothing behind."""
 import os
 import pty
 import re
@@ -30,7 +30,7 @@ def environment(changes):
 
 
 def run(*command, **changes):
-    """Its exit status, standard output and standard error."""
+    """Runs ./run; returns its exit status, standard output and standard error."""
     options = {"stdin": subprocess.DEVNULL} | {key: changes.pop(key) for key in ("input", "cwd") if key in changes}
     if "input" in options:
         del options["stdin"]
@@ -40,7 +40,7 @@ def run(*command, **changes):
 
 
 def kept_log(stderr):
-    """The text of the daemon's log that was kept, which is removed."""
+    """Removes the log that ./run kept, and returns its text."""
     path = Path(re.search(r"log is kept in (\S+)", stderr).group(1))
     text = path.read_text()
     path.unlink()
@@ -66,7 +66,7 @@ def assert_nothing_is_left(pids, tv):
 
 
 class Started:
-    """A ./run that goes on while the test looks at it."""
+    """A ./run in the background, for tests that watch it run."""
 
     def __init__(self, *command, terminal=True, ignored=None, **changes):
         self.process = subprocess.Popen(
@@ -76,7 +76,7 @@ class Started:
         self.output = ""
 
     def read_until(self, pattern):
-        """Its standard output up to where the pattern is found, or further."""
+        """Reads standard output until the pattern is in it; returns all output so far."""
         while not re.search(pattern, self.output):
             assert select.select([self.process.stdout], [], [], PATIENCE)[0], f"no {pattern} in:\n{self.output}"
             more = os.read(self.process.stdout.fileno(), 65536).decode()
@@ -85,7 +85,7 @@ class Started:
         return self.output
 
     def end(self, number):
-        """Its exit status after this signal, and what it has still to say on standard error."""
+        """Sends the signal; returns the exit status and the unread rest of standard error."""
         self.process.send_signal(number)
         return self.wait()
 
@@ -111,11 +111,11 @@ def start():
 # --- ./run COMMAND ------------------------------------------------------------------------------------------------
 
 
-def test_command_is_served_and_standard_output_is_its_own():
+def test_command_reaches_the_daemon_and_nothing_else_writes_to_standard_output():
     assert run(*GET_VOLUME) == (0, "(10, 0)\n", "")
 
 
-def test_command_has_the_tv_and_the_ready_event():
+def test_command_finds_the_tv_and_the_ready_event():
     status, output, _ = run("sh", "-c", 'cat "$KAVREL_TV_DIR/audio/master_volume"; ls "$KAVREL_TV_DIR/events"')
     assert (status, output) == (0, f"10\n{READY.removeprefix('events/')}\n")
 
@@ -124,7 +124,7 @@ def test_the_tv_is_on_a_tmpfs():
     assert run("sh", "-c", 'stat -f -c %T "$KAVREL_TV_DIR"')[1] == "tmpfs\n"
 
 
-def test_the_bus_is_not_the_machines():
+def test_the_bus_is_private():
     address = run("sh", "-c", 'echo "$DBUS_SYSTEM_BUS_ADDRESS"')[1]
     assert address.startswith("unix:path=/dev/shm/kavrel.")
 
@@ -134,7 +134,7 @@ def test_the_projects_tools_are_on_the_path():
         assert run("sh", "-c", f"command -v {tool}")[1] == f"{os.environ['KAVREL_BUILD']}/tools/{tool}/{tool}\n"
 
 
-def test_the_external_outputs_have_said_what_they_support():
+def test_the_external_outputs_have_published_their_support_words():
     support = "settings/memory/menu/network/screenmirroring/volume_support_hdmi"
     assert run("sh", "-c", f'cat "$KAVREL_TV_DIR/{support}"')[:2] == (0, "15\n")
 
@@ -154,7 +154,7 @@ def test_command_gets_its_arguments_unchanged():
 
 @pytest.mark.parametrize("script, status", [("exit 1", 1), ("exit 77", 77), ("exit 255", 255),
                                             ("kill -TERM $$", 128 + 15), ("kill -KILL $$", 128 + 9)])
-def test_a_commands_failure_is_runs_own_and_the_log_is_kept(script, status):
+def test_run_exits_with_a_failed_commands_status_and_keeps_the_log(script, status):
     code, output, errors = run("sh", "-c", script)
     assert (code, output) == (status, "")
     assert f"sh ended with status {status}" in errors
@@ -162,15 +162,15 @@ def test_a_commands_failure_is_runs_own_and_the_log_is_kept(script, status):
 
 
 @pytest.mark.parametrize("name, status", [("no-such-command", 127), ("no=such=command", 127), ("/etc/passwd", 126)])
-def test_a_command_that_cannot_be_run_is_told(name, status):
+def test_a_command_that_cannot_start_is_reported(name, status):
     code, output, errors = run(name)
     assert (code, output) == (status, "")
     assert re.match(f"./run: line 1: (exec: )?{name}: ", errors)
     kept_log(errors)
 
 
-def test_the_devices_never_stop_for_want_of_a_reader():
-    """What they print of so many requests fills more than a pipe."""
+def test_the_devices_never_block_on_their_output():
+    """So many requests make them print more than a pipe holds."""
     level = "settings/memory/menu/network/screenmirroring/get_volume_level_hdmi"
     script = f"""kavrel-tv route hdmi
         for i in $(seq 1200); do
@@ -195,7 +195,7 @@ def test_nothing_is_left_after_a_failure():
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGHUP])
-def test_a_signal_to_run_ends_the_command_and_all_else(start, number):
+def test_a_signal_to_run_ends_the_command_and_the_scene(start, number):
     process = start("sh", "-c", f"{PIDS}\nexec sleep 1000")
     found = pids_and_tv(process.read_until("TV .*\n"))
     assert process.end(number)[0] == 128 + number
@@ -209,7 +209,7 @@ def test_ctrl_c_to_run_without_a_terminal_is_passed_on(start):
     assert_nothing_is_left(*found)
 
 
-def test_the_end_of_the_daemon_is_told_and_the_commands_status_counts():
+def test_the_end_of_the_daemon_is_reported_and_run_exits_with_the_commands_status():
     code, output, errors = run("sh", "-c", f"{PIDS}\nkill -KILL $(busctl --system status org.olvane.kavrel |"
                                            " sed -n s/^PID=//p); gdbus wait --system --timeout 1 nobody.owns.this; exit 5")
     assert code == 5
@@ -218,7 +218,7 @@ def test_the_end_of_the_daemon_is_told_and_the_commands_status_counts():
     assert_nothing_is_left(*pids_and_tv(output))
 
 
-def test_a_given_tv_is_used_kept_and_has_its_memory_emptied(tmp_path):
+def test_a_given_tv_is_kept_after_its_memory_settings_are_removed(tmp_path):
     tv = tmp_path / "tv"
     for key in ("memory/sysman/spdif", "memory/.hidden", "db/usbsound/volume_level"):
         (tv / "settings" / key).parent.mkdir(parents=True, exist_ok=True)
@@ -232,13 +232,13 @@ def test_a_given_tv_is_used_kept_and_has_its_memory_emptied(tmp_path):
     assert not (tv / "settings/memory/.hidden").exists()
 
 
-def test_a_given_tv_is_made_when_it_is_not_there(tmp_path):
+def test_a_given_tv_that_does_not_exist_is_made(tmp_path):
     code, output, _ = run(*GET_VOLUME, KAVREL_TV_DIR="a tv", cwd=tmp_path)
     assert (code, output) == (0, "(10, 0)\n")
     assert (tmp_path / "a tv/audio/master_volume").read_text() == "10\n"
 
 
-def test_two_at_once_have_nothing_in_common(start):
+def test_two_at_once_share_nothing(start):
     first = start("sh", "-c", f"{PIDS}\nexec sleep 1000")
     second = start("sh", "-c", f"{PIDS}\nexec sleep 1000")
     found = [pids_and_tv(process.read_until("TV .*\n")) for process in (first, second)]
@@ -250,7 +250,7 @@ def test_ctrl_c_reaches_the_command_on_its_terminal_and_run_waits_for_it():
     pid, terminal = pty.fork()
     if pid == 0:
         signal.signal(signal.SIGINT, signal.SIG_DFL)
-        os.execve(RUN, [RUN, "sh", "-c", "trap 'echo told; exit 5' INT; echo ready; while :; do read line; done"],
+        os.execve(RUN, [RUN, "sh", "-c", "trap 'echo interrupted; exit 5' INT; echo ready; while :; do read line; done"],
                   environment({}))
     status, said = None, b""
     try:
@@ -268,14 +268,14 @@ def test_ctrl_c_reaches_the_command_on_its_terminal_and_run_waits_for_it():
             os.waitpid(pid, 0)
         os.close(terminal)
     assert status == 5
-    assert b"told" in said
+    assert b"interrupted" in said
 
 
 # --- ./run alone --------------------------------------------------------------------------------------------------
 
 
 def in_a_second_terminal(introduction, command):
-    """Runs a command with the variables that a second terminal is told to set."""
+    """Runs a command with the variables that the introduction suggests for a second terminal."""
     exports = "\n".join(re.findall("^  (export .*)$", introduction, re.M))
     done = subprocess.run(["bash", "-ec", f"{exports}\n{command}"], capture_output=True, text=True, timeout=PATIENCE,
                           check=False, env=environment({}))
@@ -283,7 +283,7 @@ def in_a_second_terminal(introduction, command):
     return done.stdout
 
 
-def test_alone_it_says_how_to_join_and_shows_log_and_signals_until_ctrl_c(start):
+def test_alone_it_explains_how_to_join_and_shows_log_and_signals_until_ctrl_c(start):
     process = start()
     introduction = process.read_until("Ctrl-C")
     found = pids_and_tv(in_a_second_terminal(introduction, PIDS))
@@ -320,27 +320,27 @@ def test_alone_ctrl_c_ends_it_even_if_a_script_started_it_with_an_ampersand(star
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGHUP])
-def test_alone_a_signal_ends_it_all(start, number):
+def test_alone_a_signal_ends_everything(start, number):
     process = start()
     found = pids_and_tv(in_a_second_terminal(process.read_until("Ctrl-C"), PIDS))
     assert process.end(number) == (128 + number, "")
     assert_nothing_is_left(*found)
 
 
-@pytest.mark.parametrize("which, told", [(0, "kavreld has ended (status 137). The end of its log:"),
-                                         (1, "./run: the bus has ended\n")], ids=["daemon", "bus"])
-def test_alone_the_end_of_a_part_ends_it(start, which, told):
+@pytest.mark.parametrize("which, message", [(0, "kavreld has ended (status 137). The end of its log:"),
+                                            (1, "./run: the bus has ended\n")], ids=["daemon", "bus"])
+def test_alone_the_end_of_one_program_ends_everything(start, which, message):
     process = start()
     found = pids_and_tv(in_a_second_terminal(process.read_until("Ctrl-C"), PIDS))
     os.kill(found[0][which], signal.SIGKILL)
     status, errors = process.wait()
     assert status == 1
-    assert told in errors
+    assert message in errors
     assert "main.cpp: main(" in kept_log(errors)
     assert_nothing_is_left(*found)
 
 
-def test_a_daemon_that_does_not_start_is_told(tmp_path):
+def test_a_daemon_that_does_not_start_is_reported(tmp_path):
     (tmp_path / "src").mkdir()
     broken = tmp_path / "src/kavreld"
     broken.write_text("#!/bin/sh\necho 'E cannot' >&2\nexit 3\n")
@@ -354,7 +354,7 @@ def test_a_daemon_that_does_not_start_is_told(tmp_path):
 # --- the command line ---------------------------------------------------------------------------------------------
 
 
-def test_help_needs_nothing_and_names_the_variables():
+def test_help_names_the_variables():
     code, output, errors = run("--help")
     assert (code, errors) == (0, "")
     assert all(word in output for word in ("Usage: ./run", "KAVREL_TV_DIR", "KAVREL_LOG", "Example"))

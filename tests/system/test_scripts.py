@@ -84,6 +84,14 @@ def test_an_installation_that_brings_nothing_is_noticed(shell):
     assert done.stderr.splitlines()[-1] == "./run: still not there after the installation: one two"
 
 
+def test_a_command_can_install_a_package_of_its_own(shell):
+    done, calls = shell(f"{ROOT}/scripts/install-packages gnuplot-nox")
+    assert (done.returncode, done.stdout, done.stderr, calls) == (0, "", "", [])
+    done, calls = shell(f"{ROOT}/scripts/install-packages no-such-package")
+    assert (done.returncode, done.stderr, calls) == (
+        1, "install-packages: lib.sh does not know the package no-such-package\n", [])
+
+
 def test_run_needs_the_fewest_packages(shell):
     done, _ = shell('echo "${#to_run[@]} ${#to_test[@]} ${#to_bench[@]}"; for p in "${to_run[@]}"; do '
                     'case " ${to_test[*]} ${to_bench[*]} " in *" $p "*" $p "*) ;; *) echo "$p";; esac; done')
