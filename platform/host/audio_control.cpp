@@ -5,30 +5,27 @@
 #include <cerrno>
 #include <string>
 
-#include "directory.h"
+#include "seam.h"
 
 namespace {
 
-// The callers hold locks of their own, so nothing here may touch the delivery lock; and nobody hears of a
-// gain that changes.
+// The callers hold locks of their own, so nothing here may take the delivery lock. Changes of a gain are not
+// reported.
 
-host::Item MainOutGain() {
-    return {"audio/main_out_gain2", host::Range{}};
-}
-host::Item SubOutGain() {
-    return {"audio/sub_out_gain2", host::Range{}};
+int Get(const host::NamedValue& value, int* gain) {
+    return gain != nullptr ? host::Result(host::Read(value, *gain)) : host::FailureCode(EINVAL);
 }
 
-int Get(const host::Item& item, int* gain) {
-    return gain != nullptr ? host::Read(item, *gain) : host::Failure(EINVAL);
+int Set(const host::NamedValue& value, int gain) {
+    return host::Result(host::Write(value, std::to_string(gain)));
 }
 
 AudioControl MakeTable() {
     AudioControl table{};
-    table.get_main_out_gain2 = [](int* gain) { return Get(MainOutGain(), gain); };
-    table.set_main_out_gain2 = [](int gain) { return host::Write(MainOutGain(), std::to_string(gain)); };
-    table.get_sub_out_gain2 = [](int* gain) { return Get(SubOutGain(), gain); };
-    table.set_sub_out_gain2 = [](int gain) { return host::Write(SubOutGain(), std::to_string(gain)); };
+    table.get_main_out_gain2 = [](int* gain) { return Get(host::MAIN_OUT_GAIN, gain); };
+    table.set_main_out_gain2 = [](int gain) { return Set(host::MAIN_OUT_GAIN, gain); };
+    table.get_sub_out_gain2 = [](int* gain) { return Get(host::SUB_OUT_GAIN, gain); };
+    table.set_sub_out_gain2 = [](int gain) { return Set(host::SUB_OUT_GAIN, gain); };
     return table;
 }
 

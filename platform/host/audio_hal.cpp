@@ -5,25 +5,19 @@
 #include <cerrno>
 #include <string>
 
-#include <dlog.h>
-#include "directory.h"
 #include "reports.h"
+#include "seam.h"
 
 namespace {
-
-constexpr host::Range VOLUMES{0, 100};
 
 host::Slot volumeSlot;
 host::Slot muteSlot;
 
-host::Item MasterVolume() {
-    return {"audio/master_volume", VOLUMES};
-}
-
-int Register(host::Slot& slot, const host::Item& item, audio_master_changed_cb callback, void* user_data) {
-    if (callback == nullptr)
-        return host::Failure(EINVAL);
-    return slot.Set(item, [=](const host::Change& change) {
+int Register(host::Slot& slot, const host::Value& value, audio_master_changed_cb callback, void* user_data) {
+    if (callback == nullptr) {
+        return host::FailureCode(EINVAL);
+    }
+    return slot.Set(value, [=](const host::Change& change) {
         callback(static_cast<unsigned int>(change.Integer()), user_data);
     });
 }
@@ -31,39 +25,43 @@ int Register(host::Slot& slot, const host::Item& item, audio_master_changed_cb c
 }  // namespace
 
 int audio_get_master_volume(int* volume) {
-    return volume != nullptr ? host::Read(MasterVolume(), *volume) : host::Failure(EINVAL);
+    return volume != nullptr ? host::Result(host::Read(host::MASTER_VOLUME, *volume))
+                             : host::FailureCode(EINVAL);
 }
 
 int audio_set_master_volume(int volume, int /*mode*/) {
-    if (volume < VOLUMES.min || volume > VOLUMES.max)
-        return host::Failure(ERANGE);
-    return host::Reports::Get().Set(MasterVolume(), std::to_string(volume));
+    if (volume < host::PERCENTAGE.min || volume > host::PERCENTAGE.max) {
+        return host::FailureCode(ERANGE);
+    }
+    return host::Result(host::Reports::Get().Set(host::MASTER_VOLUME, std::to_string(volume)));
 }
 
 int audio_get_master_mute(bool* mute) {
     int value = 0;
-    const int result = mute != nullptr ? host::Read(host::MasterMute(), value) : host::Failure(EINVAL);
-    if (result == 0)
+    const int result =
+        mute != nullptr ? host::Result(host::Read(host::MASTER_MUTE, value)) : host::FailureCode(EINVAL);
+    if (result == 0) {
         *mute = value == 1;
+    }
     return result;
 }
 
 int audio_set_master_mute(bool mute) {
-    return host::Reports::Get().Set(host::MasterMute(), mute ? "1" : "0");
+    return host::Result(host::Reports::Get().Set(host::MASTER_MUTE, mute ? "1" : "0"));
 }
 
 int audio_register_master_volume_changed_cb(audio_master_changed_cb callback, void* user_data) {
-    return Register(volumeSlot, MasterVolume(), callback, user_data);
+    return Register(volumeSlot, host::MASTER_VOLUME, callback, user_data);
 }
 
 int audio_register_master_mute_changed_cb(audio_master_changed_cb callback, void* user_data) {
-    return Register(muteSlot, host::MasterMute(), callback, user_data);
+    return Register(muteSlot, host::MASTER_MUTE, callback, user_data);
 }
 
 int audio_unregister_master_volume_changed_cb(void) {
-    return volumeSlot.Clear(MasterVolume());
+    return volumeSlot.Clear(host::MASTER_VOLUME);
 }
 
 int audio_unregister_master_mute_changed_cb(void) {
-    return muteSlot.Clear(host::MasterMute());
+    return muteSlot.Clear(host::MASTER_MUTE);
 }

@@ -33,18 +33,21 @@ constexpr std::array<Marks, 4> MARKS = {{
 }};
 
 const Marks& MarksOf(int priority) {
-    if (priority <= DLOG_DEBUG)
+    if (priority <= DLOG_DEBUG) {
         return MARKS.front();
+    }
     return priority >= DLOG_ERROR ? MARKS.back() : MARKS.at(static_cast<std::size_t>(priority - DLOG_DEBUG));
 }
 
 int LowestPriority() {
     const char* const name = std::getenv("KAVREL_LOG");
     const std::string_view lowest = name != nullptr ? name : "";
-    if (lowest == "debug")
+    if (lowest == "debug") {
         return DLOG_DEBUG;
-    if (lowest == "warn")
+    }
+    if (lowest == "warn") {
         return DLOG_WARN;
+    }
     return lowest == "error" ? DLOG_ERROR : DLOG_INFO;
 }
 
@@ -60,18 +63,20 @@ bool IsJournal() {
 }
 
 Style FindStyle() {
-    if (IsJournal())
+    if (IsJournal()) {
         return Style::journal;
+    }
     return isatty(STDERR_FILENO) == 1 ? Style::terminal : Style::plain;
 }
 
 void AppendLine(std::string& out, Style style, const Marks& marks, std::string_view line) {
-    if (style == Style::journal)
+    if (style == Style::journal) {
         out.append(marks.journal).append(line);
-    else if (style == Style::plain)
+    } else if (style == Style::plain) {
         out.append(marks.plain).append(line);
-    else
+    } else {
         out.append(marks.colour).append(marks.plain).append(line).append("\033[0m");
+    }
 }
 
 /** Marks each line of the text, so that none can pass for one of another priority. */
@@ -81,8 +86,9 @@ std::string Mark(std::string_view text, Style style, const Marks& marks) {
     while (!text.empty()) {
         const std::size_t end = text.find('\n');
         AppendLine(out, style, marks, text.substr(0, end));
-        if (end == std::string_view::npos)
+        if (end == std::string_view::npos) {
             break;
+        }
         out += '\n';
         text.remove_prefix(end + 1);
     }
@@ -109,8 +115,9 @@ std::string Format(const char* fmt, va_list arguments) {
 
 int __dlog_print(int priority, const char* /*tag*/, const char* fmt, ...) {
     static const int lowest = LowestPriority();
-    if (priority < lowest)
+    if (priority < lowest) {
         return 0;
+    }
     const int savedErrno = errno;
     static const Style style = FindStyle();
     va_list arguments;

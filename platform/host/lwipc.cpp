@@ -3,44 +3,31 @@
 #include <lwipc.h>
 
 #include <cerrno>
-#include <optional>
-#include <string>
-#include <string_view>
 
-#include "directory.h"
+#include "seam.h"
 
 namespace {
 
-/** Every byte but letters, digits, '_' and '-' becomes %XX, so that any name makes one file name. */
-std::optional<host::Item> EventItem(const char* event) {
-    constexpr std::string_view PLAIN = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-";
-    constexpr std::string_view HEX = "0123456789ABCDEF";
-    if (event == nullptr || *event == '\0')
-        return std::nullopt;
-    std::string path = "events/";
-    for (const char letter : std::string_view(event)) {
-        const auto byte = static_cast<unsigned char>(letter);
-        if (PLAIN.find(letter) != std::string_view::npos)
-            path += letter;
-        else
-            path.append({'%', HEX[byte / 16], HEX[byte % 16]});
-    }
-    return host::Item{path, std::nullopt};
+bool IsName(const char* event) {
+    return event != nullptr && *event != '\0';
 }
 
 }  // namespace
 
 int LwipcEventDone(const char* event) {
-    const auto item = EventItem(event);
-    return item ? host::Write(*item, "done") : host::Failure(EINVAL);
+    return IsName(event) ? host::Result(host::Write(host::EventValue(event), "done"))
+                         : host::FailureCode(EINVAL);
 }
 
 int LwipcResetEvent(const char* event) {
-    const auto item = EventItem(event);
-    return item ? host::Remove(*item) : host::Failure(EINVAL);
+    return IsName(event) ? host::Result(host::Remove(host::EventValue(event))) : host::FailureCode(EINVAL);
 }
 
 int LwipcIsDone(const char* event) {
-    const auto item = EventItem(event);
-    return item ? host::Exists(*item) : host::Failure(EINVAL);
+    if (!IsName(event)) {
+        return host::FailureCode(EINVAL);
+    }
+    bool isDone = false;
+    const int result = host::Result(host::Exists(host::EventValue(event), isDone));
+    return result == 0 ? static_cast<int>(isDone) : result;
 }

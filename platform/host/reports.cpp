@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include <dlog.h>
+#include "seam.h"
 
 namespace fs = std::filesystem;
 
@@ -30,19 +30,16 @@ constexpr std::uint32_t FINISHED = IN_CLOSE_WRITE | IN_MOVED_TO;
 constexpr std::uint32_t WATCHED = FINISHED | IN_CREATE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 constexpr std::uint32_t MOVED_GROUND = IN_Q_OVERFLOW | IN_ISDIR | IN_DELETE_SELF | IN_MOVE_SELF;
 
-int Fail(const char* what, int error) {
-    __dlog_print(DLOG_ERROR, "Kavrel", "Cannot %s: %s\n", what, std::strerror(error));
-    return Failure(error);
-}
-
-std::vector<Item> ItemsOf(const Item& registered) {
-    if (registered.topic != ZONE_ROUTES)
+std::vector<Value> ValuesOf(const Value& registered) {
+    if (registered.topic != ZONE_ROUTES) {
         return {registered};
+    }
     std::vector<int> zones;
-    GetZones(zones);
-    std::vector<Item> routes;
-    for (const int zone : zones)
+    Log(GetZones(zones));
+    std::vector<Value> routes;
+    for (const int zone : zones) {
         routes.push_back(ZoneRoute(zone));
+    }
     return routes;
 }
 
@@ -61,54 +58,61 @@ Reports& Reports::Get() {
 
 // --- The calling thread
 
-int Reports::Set(const Item& item, std::string_view text) {
+Error Reports::Set(const Value& value, std::string_view text) {
     const Guard guard(m_lock);
     std::string present;
-    const bool readable = TryRead(item, present) == 0;
-    const int result = Write(item, text);
-    if (result != 0 || !IsHeard(item.topic))
-        return result;
-
-    Value& value = m_values.try_emplace(item.path, Value{item, std::nullopt}).first->second;
+    const bool isReadable = !Read(value, present);
+    Error error = Write(value, text);
+    if (error || !IsHeard(value.topic)) {
+        return error;
+    }
+    Followed& followed = m_values.try_emplace(value.path, Followed{value, std::nullopt}).first->second;
     // An equal value is not news here, even if the last one known is another: then the change to it was made
     // by another process, and its notification is on the way to the platform thread.
-    if (readable ? present != text : value.known != text)
-        Deliver(value, std::string(text));
-    return 0;
+    if (isReadable ? present != text : followed.known != text) {
+        Deliver(followed, std::string(text));
+    }
+    return {};
 }
 
-int Reports::Add(const Item& item, Handler handler) {
+Error Reports::Add(const Value& value, Handler handler, int& id) {
     const Guard guard(m_lock);
-    if (const int result = Start(); result != 0)
-        return result;
-    const bool first = !IsHeard(item.topic);
-    const int id = ++m_lastId;
-    m_registrations.try_emplace(id, Registration{item, std::move(handler)});
+    if (Error error = Start()) {
+        return error;
+    }
+    const bool isFirst = !IsHeard(value.topic);
+    const int added = ++m_lastId;
+    m_registrations.try_emplace(added, Registration{value, std::move(handler)});
     if (const int error = Rewatch(); error != 0) {
-        Remove(item.topic, id);
-        return Fail("watch the TV", error);
+        static_cast<void>(Remove(value.topic, added));
+        return MakeError("watch", "the TV", error);
     }
-    if (!first)
-        return id;
-    for (auto& [path, value] : m_values) {
+    id = added;
+    if (!isFirst) {
+        return {};
+    }
+    for (auto& [path, followed] : m_values) {
         std::string text;
-        if (value.item.topic == item.topic && TryRead(value.item, text) == 0)
-            value.known = text;
+        if (followed.value.topic == value.topic && !Read(followed.value, text)) {
+            followed.known = text;
+        }
     }
-    return id;
+    return {};
 }
 
-int Reports::Remove(const std::string& topic, int id) {
+Error Reports::Remove(const std::string& topic, int id) {
     const Guard guard(m_lock);
     const auto found = m_registrations.find(id);
-    if (found == m_registrations.end() || found->second.item.topic != topic)
-        return Failure(ENOENT);
+    if (found == m_registrations.end() || found->second.value.topic != topic) {
+        return {ENOENT, {}};
+    }
     m_registrations.erase(found);
-    if (IsHeard(topic))
-        return 0;
-    std::erase_if(m_values, [&](const auto& entry) { return entry.second.item.topic == topic; });
+    if (IsHeard(topic)) {
+        return {};
+    }
+    std::erase_if(m_values, [&](const auto& entry) { return entry.second.value.topic == topic; });
     Rewatch();
-    return 0;
+    return {};
 }
 
 void Reports::Replace(int id, Handler handler) {
@@ -120,29 +124,32 @@ void Reports::Replace(int id, Handler handler) {
  * Calls those that were registered when the report began and still are. A callback may write the same value:
  * that report then has gone to all of them, and this one, now the older, ends.
  */
-void Reports::Deliver(Value& value, const std::string& text) {
-    value.known = text;
-    const std::uint64_t report = value.report = ++m_reports;
-    const Item item = value.item;
+void Reports::Deliver(Followed& followed, const std::string& text) {
+    followed.known = text;
+    const std::uint64_t report = followed.report = ++m_reports;
+    const Value value = followed.value;
     const int lastId = m_lastId;
     int id = 0;
     for (auto next = m_registrations.begin(); next != m_registrations.end() && next->first <= lastId;
          next = m_registrations.upper_bound(id)) {
         id = next->first;
-        if (next->second.item.topic != item.topic)
+        if (next->second.value.topic != value.topic) {
             continue;
+        }
         const Handler handler = next->second.handler;  // the callback may remove it
-        handler({item.path, text});
-        const auto still = m_values.find(item.path);
-        if (still == m_values.end() || still->second.report != report)
+        handler({value.path, text});
+        const auto still = m_values.find(value.path);
+        if (still == m_values.end() || still->second.report != report) {
             return;
+        }
     }
 }
 
 bool Reports::IsHeard(const std::string& topic) const {
     for (const auto& [id, registration] : m_registrations) {
-        if (registration.item.topic == topic)
+        if (registration.value.topic == topic) {
             return true;
+        }
     }
     return false;
 }
@@ -153,20 +160,22 @@ bool Reports::IsHeard(const std::string& topic) const {
  * With the first registration, so that a process that only
  * reads and writes has neither thread nor watches.
  */
-int Reports::Start() {
-    if (m_inotify >= 0)
-        return 0;
+Error Reports::Start() {
+    if (m_inotify >= 0) {
+        return {};
+    }
     m_inotify = inotify_init1(IN_CLOEXEC);
-    if (m_inotify < 0)
-        return Fail("watch the TV", errno);
+    if (m_inotify < 0) {
+        return MakeError("watch", "the TV", errno);
+    }
     try {
         std::thread(&Reports::Listen, this, m_inotify).detach();
     } catch (const std::system_error& error) {
         close(m_inotify);
         m_inotify = -1;
-        return Fail("start the platform thread", error.code().value());
+        return MakeError("start", "the platform thread", error.code().value());
     }
-    return 0;
+    return {};
 }
 
 void Reports::Listen(int inotify) {
@@ -174,10 +183,11 @@ void Reports::Listen(int inotify) {
     alignas(inotify_event) std::array<char, 64 * 1024> buffer;
     for (;;) {
         const ssize_t size = read(inotify, buffer.data(), buffer.size());
-        if (size < 0 && errno == EINTR)
+        if (size < 0 && errno == EINTR) {
             continue;
+        }
         if (size <= 0) {
-            Fail("listen to the TV", errno);
+            Log(MakeError("listen to", "the TV", errno));
             return;
         }
         for (const char* at = buffer.data(); at < buffer.data() + size;) {
@@ -190,8 +200,9 @@ void Reports::Listen(int inotify) {
 
 void Reports::Handle(const inotify_event& event) {
     const bool written = (event.mask & FINISHED) != 0 && (event.mask & IN_ISDIR) == 0;
-    for (const std::string& path : Affected(event))
+    for (const std::string& path : Affected(event)) {
         Check(path, written);
+    }
 }
 
 /**
@@ -203,10 +214,12 @@ std::set<std::string> Reports::Affected(const inotify_event& event) {
     const Place place{event.wd, event.len > 0 ? event.name : ""};
     std::set<std::string> paths;
     if ((event.mask & MOVED_GROUND) != 0 || m_folders.contains(place)) {
-        if (const int error = Rewatch(); error != 0)
-            Fail("watch the TV", error);
-        for (const auto& [path, value] : m_values)
+        if (const int error = Rewatch(); error != 0) {
+            Log(MakeError("watch", "the TV", error));
+        }
+        for (const auto& [path, followed] : m_values) {
             paths.insert(path);
+        }
     } else if (const auto found = m_places.find(place);
                found != m_places.end() && (event.mask & FINISHED) != 0) {
         paths.insert(found->second);
@@ -214,19 +227,21 @@ std::set<std::string> Reports::Affected(const inotify_event& event) {
     return paths;
 }
 
-/** @param written whether it is this value's file that was finished: if it is unreadable, that is worth a
- * line */
-void Reports::Check(const std::string& path, bool written) {
+/** @param isWritten whether this value's own file was finished: then an unreadable one is worth a line */
+void Reports::Check(const std::string& path, bool isWritten) {
     const Guard guard(m_lock);
     const auto found = m_values.find(path);
-    if (found == m_values.end())
+    if (found == m_values.end()) {
         return;
-    Value& value = found->second;
+    }
+    Followed& followed = found->second;
     std::string text;
-    const int result =
-        written ? Read(value.item, text, Empty::unfinished) : TryRead(value.item, text, Empty::unfinished);
-    if (result == 0 && value.known != text)
-        Deliver(value, text);
+    const Error error = Read(followed.value, text, Empty::UNFINISHED);
+    if (!error && followed.known != text) {
+        Deliver(followed, text);
+    } else if (isWritten) {
+        Log(error);
+    }
 }
 
 // --- Watches
@@ -242,20 +257,24 @@ int Reports::Rewatch() {
     m_places.clear();
     m_watchError = 0;
     for (const auto& [id, registration] : m_registrations) {
-        if (registration.item.topic == ZONE_ROUTES)
+        if (registration.value.topic == ZONE_ROUTES) {
             FollowTv(ZONE_ROUTES);
-        for (const Item& item : ItemsOf(registration.item))
-            m_values.try_emplace(item.path, Value{item, std::nullopt});
+        }
+        for (const Value& value : ValuesOf(registration.value)) {
+            m_values.try_emplace(value.path, Followed{value, std::nullopt});
+        }
     }
-    for (const auto& [path, value] : m_values) {
+    for (const auto& [path, followed] : m_values) {
         const fs::path file(path);
         const int folder = FollowTv(file.parent_path());
-        if (folder >= 0)
+        if (folder >= 0) {
             m_places.insert_or_assign({folder, file.filename()}, path);
+        }
     }
     for (const int folder : before) {
-        if (!m_watched.contains(folder))
+        if (!m_watched.contains(folder)) {
             inotify_rm_watch(m_inotify, folder);
+        }
     }
     return m_watchError;
 }
@@ -264,14 +283,16 @@ int Reports::Rewatch() {
 int Reports::Follow(fs::path here, const fs::path& way) {
     int watch = Watch(here);
     for (const fs::path& part : way) {
-        if (watch < 0)
+        if (watch < 0) {
             break;
+        }
         m_folders.insert({watch, part});
         here /= part;
         watch = Watch(here);
         std::error_code ignored;
-        if (watch < 0 && errno == ENOENT && fs::is_symlink(here, ignored))
+        if (watch < 0 && errno == ENOENT && fs::is_symlink(here, ignored)) {
             watch = FollowMissing(here.parent_path() / fs::read_symlink(here, ignored));
+        }
     }
     return watch;
 }
@@ -288,36 +309,40 @@ int Reports::FollowTv(const fs::path& way) {
 int Reports::FollowMissing(const fs::path& folder) {
     std::error_code ignored;
     fs::path start = folder.parent_path();
-    while (start.has_relative_path() && !fs::is_directory(start, ignored))
+    while (start.has_relative_path() && !fs::is_directory(start, ignored)) {
         start = start.parent_path();
+    }
     return Follow(start, folder.lexically_relative(start));
 }
 
 int Reports::Watch(const fs::path& folder) {
     const int watch = inotify_add_watch(m_inotify, folder.c_str(), WATCHED);
-    if (watch >= 0)
+    if (watch >= 0) {
         m_watched.insert(watch);
-    else if (errno != ENOENT && errno != ENOTDIR)
+    } else if (errno != ENOENT && errno != ENOTDIR) {
         m_watchError = errno;
+    }
     return watch;
 }
 
 // --- Slots
 
-int Slot::Set(const Item& item, Handler handler) {
+int Slot::Set(const Value& value, Handler handler) {
     const Guard guard(Reports::Get().DeliveryLock());
-    const int id = Reports::Get().Add(item, std::move(handler));
-    if (id < 0)
-        return id;
-    if (m_id != 0)
-        Reports::Get().Remove(item.topic, m_id);
+    int id = 0;
+    if (const Error error = Reports::Get().Add(value, std::move(handler), id)) {
+        return Result(error);
+    }
+    if (m_id != 0) {
+        static_cast<void>(Reports::Get().Remove(value.topic, m_id));
+    }
     m_id = id;
     return 0;
 }
 
-int Slot::Clear(const Item& item) {
+int Slot::Clear(const Value& value) {
     const Guard guard(Reports::Get().DeliveryLock());
-    return Reports::Get().Remove(item.topic, std::exchange(m_id, 0));
+    return Reports::Get().Remove(value.topic, std::exchange(m_id, 0)).Code();
 }
 
 }  // namespace host

@@ -37,7 +37,7 @@ struct Change {
     std::string path;
     std::string text;
 
-    /** Of an item with a range, which is only reported if it is in it. */
+    /** The value as an integer. Only for values with a range; others are not integers. */
     int Integer() const;
 };
 
@@ -51,31 +51,31 @@ public:
     std::recursive_mutex& DeliveryLock() { return m_lock; }
 
     /** Writes the value and, if it is not the present one, reports it before it returns. */
-    int Set(const Item& item, std::string_view text);
+    Error Set(const Value& value, std::string_view text);
 
-    /** @return the registration's id, above 0, or the seam's code for a failure */
-    int Add(const Item& item, Handler handler);
-    int Remove(const std::string& topic, int id);
+    /** @param id the registration's, above 0; set on success only */
+    Error Add(const Value& value, Handler handler, int& id);
+    Error Remove(const std::string& topic, int id);
     void Replace(int id, Handler handler);
 
 private:
     struct Registration {
-        Item item;
+        Value value;
         Handler handler;
     };
-    struct Value {
-        Item item;
-        std::optional<std::string> known;  // the last value known, if there was one
-        std::uint64_t report = 0;          // the latest one of this value
+    struct Followed {
+        Value value;
+        std::optional<std::string> known;  // the last text known, if there was one
+        std::uint64_t report = 0;          // the number of its latest report
     };
     using Place = std::pair<int, std::string>;  // a watched folder and a name in it
 
-    int Start();
+    Error Start();
     void Listen(int inotify);
     void Handle(const inotify_event& event);
     std::set<std::string> Affected(const inotify_event& event);
     void Check(const std::string& path, bool written);
-    void Deliver(Value& value, const std::string& text);
+    void Deliver(Followed& followed, const std::string& text);
 
     bool IsHeard(const std::string& topic) const;
     int Rewatch();
@@ -86,7 +86,7 @@ private:
 
     std::recursive_mutex m_lock;  // the delivery lock: guards all of the following
     std::map<int, Registration> m_registrations;
-    std::map<std::string, Value> m_values;  // by path; those that somebody hears
+    std::map<std::string, Followed> m_values;  // by path; those that somebody hears
     int m_lastId = 0;
     std::uint64_t m_reports = 0;
 
@@ -100,8 +100,8 @@ private:
 /** The one registration of a call whose removal takes no argument. */
 class Slot {
 public:
-    int Set(const Item& item, Handler handler);
-    int Clear(const Item& item);
+    int Set(const Value& value, Handler handler);
+    int Clear(const Value& value);
 
 private:
     int m_id = 0;  // guarded by the delivery lock

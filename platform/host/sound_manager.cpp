@@ -6,8 +6,8 @@
 #include <charconv>
 #include <string>
 
-#include "directory.h"
 #include "reports.h"
+#include "seam.h"
 
 namespace {
 
@@ -17,13 +17,9 @@ host::Slot speakerSlot;
 host::Slot multiviewSlot;
 host::Slot muteSlot;
 
-host::Item Route() {
-    return {"sound/route", host::Range{}};
-}
-
-/** The registration for all zones; the path is that of no value. */
-host::Item AnyZoneRoute() {
-    return {host::ZONE_ROUTES, host::Range{}};
+/** What a registration for the routes of all zones names. */
+host::Value AnyZoneRoute() {
+    return {host::ZONE_ROUTES, host::ANY_INTEGER};
 }
 
 int ZoneOf(const host::Change& change) {
@@ -36,40 +32,44 @@ int ZoneOf(const host::Change& change) {
 }  // namespace
 
 int sound_manager_get_speaker_selection(sound_tv_output_route_e* route) {
-    return route != nullptr ? host::Read(Route(), *route) : host::Failure(EINVAL);
+    return route != nullptr ? host::Result(host::Read(host::ROUTE, *route)) : host::FailureCode(EINVAL);
 }
 
 int sound_manager_set_speaker_selection(sound_tv_output_route_e route) {
-    return host::Reports::Get().Set(Route(), std::to_string(route));
+    return host::Result(host::Reports::Get().Set(host::ROUTE, std::to_string(route)));
 }
 
 int sound_manager_get_multiview_speaker_selection_with_zone_id(sound_tv_output_route_e* route, int zone_id) {
-    if (route == nullptr)
-        return host::Failure(EINVAL);
-    return host::HasZone(zone_id) ? host::Read(host::ZoneRoute(zone_id), *route) : NO_SUCH_ZONE;
+    if (route == nullptr) {
+        return host::FailureCode(EINVAL);
+    }
+    return host::HasZone(zone_id) ? host::Result(host::Read(host::ZoneRoute(zone_id), *route)) : NO_SUCH_ZONE;
 }
 
 int sound_manager_set_multiview_speaker_selection_with_zone_id(sound_tv_output_route_e route, int zone_id) {
-    if (!host::HasZone(zone_id))
+    if (!host::HasZone(zone_id)) {
         return NO_SUCH_ZONE;
-    return host::Reports::Get().Set(host::ZoneRoute(zone_id), std::to_string(route));
+    }
+    return host::Result(host::Reports::Get().Set(host::ZoneRoute(zone_id), std::to_string(route)));
 }
 
 int sound_manager_set_speaker_changed_cb(sound_manager_speaker_changed_cb callback, void* user_data) {
-    if (callback == nullptr)
-        return host::Failure(EINVAL);
-    return speakerSlot.Set(Route(),
+    if (callback == nullptr) {
+        return host::FailureCode(EINVAL);
+    }
+    return speakerSlot.Set(host::ROUTE,
                            [=](const host::Change& change) { callback(change.Integer(), user_data); });
 }
 
 int sound_manager_unset_speaker_changed_cb(void) {
-    return speakerSlot.Clear(Route());
+    return speakerSlot.Clear(host::ROUTE);
 }
 
 int sound_manager_set_multiview_speaker_selection_changed_cb(
     sound_manager_multiview_speaker_selection_changed_cb callback, void* user_data) {
-    if (callback == nullptr)
-        return host::Failure(EINVAL);
+    if (callback == nullptr) {
+        return host::FailureCode(EINVAL);
+    }
     return multiviewSlot.Set(AnyZoneRoute(), [=](const host::Change& change) {
         callback(change.Integer(), ZoneOf(change), user_data);
     });
@@ -81,13 +81,14 @@ int sound_manager_unset_multiview_speaker_selection_changed_cb(void) {
 
 int sound_manager_set_tv_master_mute_changed_cb(sound_manager_tv_master_mute_changed_cb callback,
                                                 void* user_data) {
-    if (callback == nullptr)
-        return host::Failure(EINVAL);
-    return muteSlot.Set(host::MasterMute(), [=](const host::Change& change) {
+    if (callback == nullptr) {
+        return host::FailureCode(EINVAL);
+    }
+    return muteSlot.Set(host::MASTER_MUTE, [=](const host::Change& change) {
         callback(static_cast<unsigned int>(change.Integer()), user_data);
     });
 }
 
 int sound_manager_unset_tv_master_mute_changed_cb(void) {
-    return muteSlot.Clear(host::MasterMute());
+    return muteSlot.Clear(host::MASTER_MUTE);
 }

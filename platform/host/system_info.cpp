@@ -5,20 +5,20 @@
 #include <cerrno>
 #include <string>
 
-#include <dlog.h>
-#include "directory.h"
+#include "seam.h"
 
 int system_info_get_custom_bool(const char* key, bool* value) {
-    const auto item = host::KeyItem("features", key);
-    if (!item || value == nullptr)
-        return host::Failure(EINVAL);
+    const auto flag = host::FindKey(host::FEATURES, key);
+    if (!flag || value == nullptr) {
+        return host::FailureCode(EINVAL);
+    }
     std::string text;
-    if (const int result = host::Read(*item, text); result != 0)
-        return result;
+    if (const host::Error error = host::Read(*flag, text)) {
+        return host::Result(error);
+    }
     if (text != "true" && text != "false") {
-        __dlog_print(DLOG_ERROR, "Kavrel", "Cannot read %s: neither true nor false\n",
-                     (host::Root() / item->path).c_str());
-        return host::Failure(EINVAL);
+        const std::string path = host::Root() / flag->path;
+        return host::Result({EINVAL, "Cannot read " + path + ": neither true nor false"});
     }
     *value = text == "true";
     return 0;

@@ -10,9 +10,8 @@
 #include <string>
 #include <vector>
 
-#include <dlog.h>
-#include "directory.h"
 #include "reports.h"
+#include "seam.h"
 
 struct _keynode_t {
     std::string name;
@@ -20,8 +19,6 @@ struct _keynode_t {
 };
 
 namespace {
-
-constexpr const char* FOLDER = "settings";
 
 /** A setting's registration as its caller knows it. */
 struct Registration {
@@ -46,8 +43,9 @@ std::vector<Registration>::iterator Find(const char* key, vconf_callback_fn call
 }  // namespace
 
 int vconf_get_int(const char* key, int* value) {
-    const auto item = host::KeyItem(FOLDER, key);
-    return item && value != nullptr ? host::Read(*item, *value) : host::Failure(EINVAL);
+    const auto setting = host::FindKey(host::SETTINGS, key);
+    return setting && value != nullptr ? host::Result(host::Read(*setting, *value))
+                                       : host::FailureCode(EINVAL);
 }
 
 int vconf_set_int(const char* key, int value) {
@@ -55,20 +53,22 @@ int vconf_set_int(const char* key, int value) {
 }
 
 char* vconf_get_str(const char* key) {
-    const auto item = host::KeyItem(FOLDER, key);
+    const auto setting = host::FindKey(host::SETTINGS, key);
     std::string text;
-    return item && host::Read(*item, text) == 0 ? strdup(text.c_str()) : nullptr;
+    return setting && host::Result(host::Read(*setting, text)) == 0 ? strdup(text.c_str()) : nullptr;
 }
 
 int vconf_set_str(const char* key, const char* value) {
-    const auto item = host::KeyItem(FOLDER, key);
-    return item && value != nullptr ? host::Reports::Get().Set(*item, value) : host::Failure(EINVAL);
+    const auto setting = host::FindKey(host::SETTINGS, key);
+    return setting && value != nullptr ? host::Result(host::Reports::Get().Set(*setting, value))
+                                       : host::FailureCode(EINVAL);
 }
 
 int vconf_notify_key_changed(const char* key, vconf_callback_fn callback, void* user_data) {
-    const auto item = host::KeyItem(FOLDER, key);
-    if (!item || callback == nullptr)
-        return host::Failure(EINVAL);
+    const auto setting = host::FindKey(host::SETTINGS, key);
+    if (!setting || callback == nullptr) {
+        return host::FailureCode(EINVAL);
+    }
     const auto report = [name = std::string(key), callback, user_data](const host::Change& change) {
         keynode_t node{name, change.text};
         callback(&node, user_data);
@@ -79,25 +79,28 @@ int vconf_notify_key_changed(const char* key, vconf_callback_fn callback, void* 
         reports.Replace(found->id, report);
         return 0;
     }
-    const int id = reports.Add(*item, report);
-    if (id < 0)
-        return id;
+    int id = 0;
+    if (const host::Error error = reports.Add(*setting, report, id)) {
+        return host::Result(error);
+    }
     Registrations().push_back({key, callback, id});
     return 0;
 }
 
 int vconf_ignore_key_changed(const char* key, vconf_callback_fn callback) {
-    const auto item = host::KeyItem(FOLDER, key);
-    if (!item)
-        return host::Failure(EINVAL);
+    const auto setting = host::FindKey(host::SETTINGS, key);
+    if (!setting) {
+        return host::FailureCode(EINVAL);
+    }
     host::Reports& reports = host::Reports::Get();
     const std::lock_guard guard(reports.DeliveryLock());
     const auto found = Find(key, callback);
-    if (found == Registrations().end())
-        return host::Failure(ENOENT);
+    if (found == Registrations().end()) {
+        return host::FailureCode(ENOENT);
+    }
     const int id = found->id;
     Registrations().erase(found);
-    return reports.Remove(item->topic, id);
+    return reports.Remove(setting->topic, id).Code();
 }
 
 char* vconf_keynode_get_name(keynode_t* node) {
@@ -106,9 +109,10 @@ char* vconf_keynode_get_name(keynode_t* node) {
 
 int vconf_keynode_get_int(keynode_t* node) {
     int value = -1;
-    if (node != nullptr && host::ParseInteger(node->text, {}, value) != 0)
-        __dlog_print(DLOG_ERROR, "Kavrel", "No integer in %s/%s/%s\n", host::Root().c_str(), FOLDER,
-                     node->name.c_str());
+    if (node != nullptr && host::ParseInteger(node->text, host::ANY_INTEGER, value) != 0) {
+        const std::string path = host::Root() / host::KeyValue(host::SETTINGS, node->name).path;
+        host::Log({EINVAL, "No integer in " + path});
+    }
     return value;
 }
 

@@ -31,8 +31,9 @@ public:
 
     void TakeThatOf(int error) const {
         const int number = error == EPIPE ? SIGPIPE : SIGXFSZ;
-        if ((error != EPIPE && error != EFBIG) || sigismember(&m_pendingBefore, number) == 1)
+        if ((error != EPIPE && error != EFBIG) || sigismember(&m_pendingBefore, number) == 1) {
             return;
+        }
         sigset_t signal;
         sigemptyset(&signal);
         sigaddset(&signal, number);

@@ -26,7 +26,7 @@ constexpr int FIRST_LEVEL = 10;  // of a device that was never set
 constexpr int HIGHEST_LEVEL = 100;
 
 /** Holds the process id of the one that plays. Its name begins with a dot: it is nobody's value. */
-host::Item Player() {
+host::Value Player() {
     return {".devices", host::Range{}};
 }
 
@@ -57,7 +57,7 @@ Devices::Devices(tools::MainLoop& loop, const Manners& manners)
 
 Devices::~Devices() {
     if (m_isPlayer) {
-        host::Remove(Player());
+        static_cast<void>(host::Remove(Player()));
     }
 }
 
@@ -92,7 +92,7 @@ void Devices::BecomePlayer() {
 
 void Devices::LookAtPlayer() {
     int player = 0;
-    const bool isThere = host::Read(Player(), player) == 0 && (kill(player, 0) == 0 || errno == EPERM);
+    const bool isThere = !host::Read(Player(), player) && (kill(player, 0) == 0 || errno == EPERM);
     if (!isThere) {
         Say("devices", "the other ones have gone; playing again");
         BecomePlayer();
@@ -216,7 +216,7 @@ void Devices::Publish(const DeviceKind& kind, const Request& request, const std:
 void Devices::Vanish(const DeviceKind& kind) {
     m_vanished[kind.name] = true;
     for (const char* key : {kind.supportKey, kind.levelKey, kind.muteKey}) {
-        host::Remove({PathOf(key), std::nullopt});
+        static_cast<void>(host::Remove({PathOf(key), std::nullopt}));
     }
     Say(kind.name, "vanishes");
 }

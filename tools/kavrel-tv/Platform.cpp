@@ -74,9 +74,8 @@ void OpenTv(const std::string& directory) {
                                "cannot read " + shown + ": " + failure.code().message());
     }
     g_setenv("KAVREL_TV_DIR", directory.c_str(), TRUE);
-    host::Root();
-    if (const std::string said = TakePlatformError(); !said.empty()) {
-        throw tools::ToolError(tools::EXIT_UNREACHABLE, said);
+    if (const host::Error& failure = host::OpenTv()) {
+        throw tools::ToolError(tools::EXIT_UNREACHABLE, failure.text);
     }
 }
 
@@ -87,6 +86,13 @@ void Require(int result, const std::string& what) {
     const std::string said = TakePlatformError();
     const std::string reason = std::generic_category().message(-1000 - result);
     throw tools::ToolError(tools::EXIT_REFUSED, !said.empty() ? said : what + ": " + reason);
+}
+
+void Require(const host::Error& error, const std::string& what) {
+    if (error) {
+        const std::string reason = std::generic_category().message(error.number);
+        throw tools::ToolError(tools::EXIT_REFUSED, !error.text.empty() ? error.text : what + ": " + reason);
+    }
 }
 
 std::string TakePlatformError() {

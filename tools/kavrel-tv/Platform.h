@@ -5,6 +5,8 @@
 #ifndef KAVREL_TV_PLATFORM_H
 #define KAVREL_TV_PLATFORM_H
 
+#include <directory.h>
+
 #include <string>
 
 namespace tv {
@@ -16,6 +18,7 @@ void OpenTv(const std::string& directory);
 /** Passes 0 on in silence.
  *  @throws ToolError with what the platform has said about a failure */
 void Require(int result, const std::string& what);
+void Require(const host::Error& error, const std::string& what);
 
 /** What the platform has said last, since the last time it was asked; mostly nothing. */
 std::string TakePlatformError();

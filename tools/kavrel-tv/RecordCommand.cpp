@@ -43,7 +43,7 @@ public:
         for (std::size_t i = 0; i < COLUMNS.size(); ++i) {
             std::string text;
             int value = 0;
-            if (host::TryRead({COLUMNS[i].path, host::Range{}}, text) == 0 &&
+            if (!host::Read({COLUMNS[i].path, host::Range{}}, text) &&
                 host::ParseInteger(text, {}, value) == 0) {
                 moment.values[i] = value;
             }
@@ -89,7 +89,7 @@ private:
 
     static std::string ValueOf(const std::string& path) {
         std::string text;
-        if (host::TryRead({path, std::nullopt}, text) != 0) {
+        if (host::Read({path, std::nullopt}, text)) {
             return "unreadable";
         }
         int route = 0;

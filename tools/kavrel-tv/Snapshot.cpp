@@ -26,7 +26,7 @@ constexpr const char* FEATURES = "features/";
 Number ReadNumber(const std::string& path, host::Range range = {}) {
     Number number;
     std::string text;
-    number.error = host::TryRead({path, range}, text);
+    number.error = host::Read({path, range}, text).number;
     if (number) {
         host::ParseInteger(text, range, number.value);
     }
@@ -64,9 +64,8 @@ Number ReadSetting(const std::string& key) {
 
 Number ReadFeature(const std::string& key) {
     std::string text;
-    const int error = host::TryRead({FEATURES + key, std::nullopt}, text);
-    if (error != 0) {
-        return {error};
+    if (const host::Error error = host::Read(host::KeyValue(host::FEATURES, key), text)) {
+        return {error.number};
     }
     return text == "true" || text == "false" ? Number{0, text == "true" ? 1 : 0} : Number{EINVAL};
 }
@@ -74,7 +73,7 @@ Number ReadFeature(const std::string& key) {
 Json::Value ReadMultiviewInfo() {
     std::string text;
     Json::Value info;
-    host::TryRead({std::string(SETTINGS) + MULTIVIEW_KEY, std::nullopt}, text);
+    static_cast<void>(host::Read(host::KeyValue(host::SETTINGS, MULTIVIEW_KEY), text));
     try {
         const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
         reader->parse(text.data(), text.data() + text.size(), &info, nullptr);
@@ -90,7 +89,7 @@ bool IsMultiviewOn() {
 
 std::vector<Zone> ReadZones() {
     std::vector<int> ids;
-    host::GetZones(ids);
+    static_cast<void>(host::GetZones(ids));
     std::vector<Zone> zones;
     zones.reserve(ids.size());
     for (const int id : ids) {

@@ -177,7 +177,7 @@ void Stage::ExpectValue(const std::string& path, const std::string& text, Millis
     std::string present;
     const auto isThere = [&] {
         present = "no readable value";
-        return host::TryRead({path, std::nullopt}, present) == 0 && present == text;
+        return !host::Read({path, std::nullopt}, present) && present == text;
     };
     if (!Wait(isThere, patience)) {
         Miss(text + " in " + path + " within " + InSeconds(patience), tools::Printable(present));
@@ -249,7 +249,7 @@ void Stage::Hear(const std::string& signal, GVariant* body) {
 
 void Stage::NoteGain(Out out) {
     int gain = 0;
-    if (host::Read({PathOf(out), host::Range{}}, gain) != 0) {
+    if (host::Read({PathOf(out), host::Range{}}, gain)) {
         return;
     }
     std::vector<int>& gains = m_gains[out];

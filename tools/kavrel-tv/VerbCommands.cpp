@@ -186,7 +186,7 @@ Deed SetProjector(bool ready) {
 
 Deed SetFeature(const std::string& key, bool on) {
     return [=] {
-        Require(host::Write(*host::KeyItem("features", key.c_str()), on ? "true" : "false"), key);
+        Require(host::Write(host::KeyValue(host::FEATURES, key), on ? "true" : "false"), key);
         tools::PrintLine("kavreld reads the flags when it starts: it knows this one after its next start");
     };
 }
@@ -201,12 +201,14 @@ Deed SetKey(const std::string& key, const std::string& value) {
 
 Deed PrintKey(const std::string& key) {
     return [=] {
-        const host::Item item = *host::KeyItem("settings", key.c_str());
-        if (host::Exists(item) == 0) {
+        const host::Value setting = host::KeyValue(host::SETTINGS, key);
+        bool isSet = false;
+        Require(host::Exists(setting, isSet), key);
+        if (!isSet) {
             throw tools::ToolError(tools::EXIT_REFUSED, key + " is not set");
         }
         std::string text;
-        Require(host::Read(item, text), key);
+        Require(host::Read(setting, text), key);
         tools::PrintLine(text);
     };
 }
