@@ -62,7 +62,7 @@ enum class Empty { TEXT, UNFINISHED };
  * a line.
  */
 Error Read(const Value& value, std::string& text, Empty empty = Empty::TEXT);
-/** Of a value without a range: any integer. */
+/** Accepts any integer for a value without a range. */
 Error Read(const Value& value, int& number);
 
 /**
@@ -79,7 +79,7 @@ Error Remove(const Value& value);
 
 /**
  * The integer in `text`, which may have blanks around it.
- * @return 0, EINVAL if there is none, or ERANGE
+ * @return 0, EINVAL without an integer, or ERANGE
  */
 int ParseInteger(std::string_view text, Range range, int& number);
 

@@ -33,7 +33,7 @@ struct NamedValue {
     std::optional<Range> range;
     const char* initial;  // in a new TV; null: a new TV does not have it
 
-    /** What the settings store or the feature flags call it: its path without the folder. */
+    /** The key in the settings store or the feature flags: the path without the folder. */
     constexpr const char* Key() const { return path + std::string_view(path).find('/') + 1; }
     operator Value() const { return {path, range}; }
 };
@@ -52,7 +52,7 @@ inline constexpr const char* ZONE_ROUTES = ZONES;
 inline constexpr std::array DEFAULT_FOLDERS = {"settings/memory", "settings/db", FEATURES, ZONES,
                                                "zones",           "audio",       EVENTS};
 
-// --- What may be in a file
+// --- Contents of a file
 
 inline constexpr std::optional<Range> TEXT = std::nullopt;
 inline constexpr Range ANY_INTEGER = {};

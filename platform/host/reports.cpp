@@ -20,8 +20,6 @@ namespace fs = std::filesystem;
 namespace host {
 namespace {
 
-using Guard = std::lock_guard<std::recursive_mutex>;
-
 /**
  * Files count when they are closed or moved into place, folders and links when they appear. What disappears
  * is no news, but a folder that is gone may come back elsewhere: where its link leads.
@@ -45,6 +43,8 @@ std::vector<Value> ValuesOf(const Value& registered) {
 
 }  // namespace
 
+RecursiveMutex delivery_lock;
+
 int Change::Integer() const {
     int value = 0;
     ParseInteger(text, {}, value);
@@ -59,7 +59,7 @@ Reports& Reports::Get() {
 // --- The calling thread
 
 Error Reports::Set(const Value& value, std::string_view text) {
-    const Guard guard(m_lock);
+    const Guard guard(delivery_lock);
     std::string present;
     const bool isReadable = !Read(value, present);
     Error error = Write(value, text);
@@ -76,7 +76,7 @@ Error Reports::Set(const Value& value, std::string_view text) {
 }
 
 Error Reports::Add(const Value& value, Handler handler, int& id) {
-    const Guard guard(m_lock);
+    const Guard guard(delivery_lock);
     if (Error error = Start()) {
         return error;
     }
@@ -101,7 +101,7 @@ Error Reports::Add(const Value& value, Handler handler, int& id) {
 }
 
 Error Reports::Remove(const std::string& topic, int id) {
-    const Guard guard(m_lock);
+    const Guard guard(delivery_lock);
     const auto found = m_registrations.find(id);
     if (found == m_registrations.end() || found->second.value.topic != topic) {
         return {ENOENT, {}};
@@ -116,7 +116,7 @@ Error Reports::Remove(const std::string& topic, int id) {
 }
 
 void Reports::Replace(int id, Handler handler) {
-    const Guard guard(m_lock);
+    const Guard guard(delivery_lock);
     m_registrations.at(id).handler = std::move(handler);
 }
 
@@ -210,7 +210,7 @@ void Reports::Handle(const inotify_event& event) {
  * lost, that is every one; the folders are watched anew before, so that nothing is missed in between.
  */
 std::set<std::string> Reports::Affected(const inotify_event& event) {
-    const Guard guard(m_lock);
+    const Guard guard(delivery_lock);
     const Place place{event.wd, event.len > 0 ? event.name : ""};
     std::set<std::string> paths;
     if ((event.mask & MOVED_GROUND) != 0 || m_folders.contains(place)) {
@@ -229,7 +229,7 @@ std::set<std::string> Reports::Affected(const inotify_event& event) {
 
 /** @param isWritten whether this value's own file was finished: then an unreadable one is worth a line */
 void Reports::Check(const std::string& path, bool isWritten) {
-    const Guard guard(m_lock);
+    const Guard guard(delivery_lock);
     const auto found = m_values.find(path);
     if (found == m_values.end()) {
         return;
@@ -328,7 +328,7 @@ int Reports::Watch(const fs::path& folder) {
 // --- Slots
 
 int Slot::Set(const Value& value, Handler handler) {
-    const Guard guard(Reports::Get().DeliveryLock());
+    const Guard guard(delivery_lock);
     int id = 0;
     if (const Error error = Reports::Get().Add(value, std::move(handler), id)) {
         return Result(error);
@@ -341,7 +341,7 @@ int Slot::Set(const Value& value, Handler handler) {
 }
 
 int Slot::Clear(const Value& value) {
-    const Guard guard(Reports::Get().DeliveryLock());
+    const Guard guard(delivery_lock);
     return Reports::Get().Remove(value.topic, std::exchange(m_id, 0)).Code();
 }
 

@@ -5,7 +5,7 @@
  *
  * One recursive lock, the delivery lock, guards everything here. It is held while callbacks run, over every
  * write that can be reported, and while a registration is added or removed. Three things follow from that
- * one rule: reports come one at a time and in the order of the writes; whoever removes a registration waits
+ * one rule: reports come one at a time and in the order of the writes; removing a registration waits
  * for a report in flight on another thread; and a callback may write, register and remove in its turn.
  *
  * The last value known of each watched file decides what is news. A write through the seam is reported by
@@ -22,7 +22,6 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -30,6 +29,7 @@
 #include <utility>
 
 #include "directory.h"
+#include "thread_safety.h"
 
 namespace host {
 
@@ -41,14 +41,15 @@ struct Change {
     int Integer() const;
 };
 
+/** The delivery lock; see above. */
+extern RecursiveMutex delivery_lock;
+
 using Handler = std::function<void(const Change&)>;
 
 class Reports {
 public:
     /** Never destroyed: the platform thread may outlive main(). */
     static Reports& Get();
-
-    std::recursive_mutex& DeliveryLock() { return m_lock; }
 
     /** Writes the value and, if it is not the present one, reports it before it returns. */
     Error Set(const Value& value, std::string_view text);
@@ -70,31 +71,30 @@ private:
     };
     using Place = std::pair<int, std::string>;  // a watched folder and a name in it
 
-    Error Start();
+    Error Start() REQUIRES(delivery_lock);
     void Listen(int inotify);
     void Handle(const inotify_event& event);
     std::set<std::string> Affected(const inotify_event& event);
     void Check(const std::string& path, bool written);
-    void Deliver(Followed& followed, const std::string& text);
+    void Deliver(Followed& followed, const std::string& text) REQUIRES(delivery_lock);
 
-    bool IsHeard(const std::string& topic) const;
-    int Rewatch();
-    int Follow(std::filesystem::path here, const std::filesystem::path& way);
-    int FollowTv(const std::filesystem::path& way);
-    int FollowMissing(const std::filesystem::path& folder);
-    int Watch(const std::filesystem::path& folder);
+    bool IsHeard(const std::string& topic) const REQUIRES(delivery_lock);
+    int Rewatch() REQUIRES(delivery_lock);
+    int Follow(std::filesystem::path here, const std::filesystem::path& way) REQUIRES(delivery_lock);
+    int FollowTv(const std::filesystem::path& way) REQUIRES(delivery_lock);
+    int FollowMissing(const std::filesystem::path& folder) REQUIRES(delivery_lock);
+    int Watch(const std::filesystem::path& folder) REQUIRES(delivery_lock);
 
-    std::recursive_mutex m_lock;  // the delivery lock: guards all of the following
-    std::map<int, Registration> m_registrations;
-    std::map<std::string, Followed> m_values;  // by path; those that somebody hears
-    int m_lastId = 0;
-    std::uint64_t m_reports = 0;
+    std::map<int, Registration> m_registrations GUARDED_BY(delivery_lock);
+    std::map<std::string, Followed> m_values GUARDED_BY(delivery_lock);  // by path; those that somebody hears
+    int m_lastId GUARDED_BY(delivery_lock) = 0;
+    std::uint64_t m_reports GUARDED_BY(delivery_lock) = 0;
 
-    int m_inotify = -1;
-    std::set<int> m_watched;                // the watched folders
-    std::set<Place> m_folders;              // what is, or would be, on the way to a value
-    std::map<Place, std::string> m_places;  // the values' files; to their paths
-    int m_watchError = 0;                   // errno met by the latest Rewatch(), or 0
+    int m_inotify GUARDED_BY(delivery_lock) = -1;
+    std::set<int> m_watched GUARDED_BY(delivery_lock);    // the watched folders
+    std::set<Place> m_folders GUARDED_BY(delivery_lock);  // what is, or would be, on the way to a value
+    std::map<Place, std::string> m_places GUARDED_BY(delivery_lock);  // the values' files; to their paths
+    int m_watchError GUARDED_BY(delivery_lock) = 0;  // errno met by the latest Rewatch(), or 0
 };
 
 /** The one registration of a call whose removal takes no argument. */
@@ -104,7 +104,7 @@ public:
     int Clear(const Value& value);
 
 private:
-    int m_id = 0;  // guarded by the delivery lock
+    int m_id GUARDED_BY(delivery_lock) = 0;
 };
 
 }  // namespace host

@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-/** What the functions of the seam share: they log what went wrong and answer with its code. */
+/** Shared by the functions of the seam: they log an error once and answer with its code. */
 #ifndef KAVREL_HOST_SEAM_H
 #define KAVREL_HOST_SEAM_H
 

@@ -17,7 +17,7 @@ host::Slot speakerSlot;
 host::Slot multiviewSlot;
 host::Slot muteSlot;
 
-/** What a registration for the routes of all zones names. */
+/** The topic of a registration for the routes of all zones. */
 host::Value AnyZoneRoute() {
     return {host::ZONE_ROUTES, host::ANY_INTEGER};
 }

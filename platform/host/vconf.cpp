@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -27,13 +26,14 @@ struct Registration {
     int id;
 };
 
-/** Guarded by the delivery lock. Never destroyed, like all that callbacks may meet. */
-std::vector<Registration>& Registrations() {
+/** Never destroyed: a callback may meet it after the end of main(). */
+std::vector<Registration>& Registrations() REQUIRES(host::delivery_lock) {
     static auto& registrations = *std::make_unique<std::vector<Registration>>().release();
     return registrations;
 }
 
-std::vector<Registration>::iterator Find(const char* key, vconf_callback_fn callback) {
+std::vector<Registration>::iterator Find(const char* key, vconf_callback_fn callback)
+    REQUIRES(host::delivery_lock) {
     auto& all = Registrations();
     return std::find_if(all.begin(), all.end(), [&](const Registration& registration) {
         return registration.key == key && registration.callback == callback;
@@ -74,7 +74,7 @@ int vconf_notify_key_changed(const char* key, vconf_callback_fn callback, void* 
         callback(&node, user_data);
     };
     host::Reports& reports = host::Reports::Get();
-    const std::lock_guard guard(reports.DeliveryLock());
+    const host::Guard guard(host::delivery_lock);
     if (const auto found = Find(key, callback); found != Registrations().end()) {
         reports.Replace(found->id, report);
         return 0;
@@ -93,7 +93,7 @@ int vconf_ignore_key_changed(const char* key, vconf_callback_fn callback) {
         return host::FailureCode(EINVAL);
     }
     host::Reports& reports = host::Reports::Get();
-    const std::lock_guard guard(reports.DeliveryLock());
+    const host::Guard guard(host::delivery_lock);
     const auto found = Find(key, callback);
     if (found == Registrations().end()) {
         return host::FailureCode(ENOENT);

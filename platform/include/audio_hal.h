@@ -33,7 +33,7 @@ int audio_get_master_mute(bool* mute);
 int audio_set_master_mute(bool mute);
 
 /**
- * Hears the new volume (0 to 100) or mute (0 or 1) when it differs from the last one.
+ * Gets the new volume (0 to 100) or mute (0 or 1) when it differs from the last one.
  *
  * Callbacks of the whole seam run one at a time: on the thread that makes the change, before its call
  * returns, when this process makes it, else on a thread of the platform. A callback may register and
@@ -41,7 +41,7 @@ int audio_set_master_mute(bool mute);
  */
 typedef void (*audio_master_changed_cb)(unsigned int value, void* user_data);
 
-/** One slot each in the process: registering again replaces what was there. */
+/** One slot each in the process: registering again replaces the callback. */
 int audio_register_master_volume_changed_cb(audio_master_changed_cb callback, void* user_data);
 int audio_register_master_mute_changed_cb(audio_master_changed_cb callback, void* user_data);
 

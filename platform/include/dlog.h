@@ -16,10 +16,10 @@ enum {
 };
 
 /**
- * Writes one message. The text brings its own newline; none is added.
+ * Writes one message. The text ends in a newline of its own: the log adds none.
  *
- * Any thread may call this, and callers may hold locks of their own: it waits for nothing but the log's own
- * reader. The log filters by priority before it formats. `errno` is left as it was.
+ * Any thread may call this, and callers may hold locks of their own: it waits for nothing but the reader of
+ * the log. The log filters by priority before it formats. `errno` is left as it was.
  *
  * @param priority one of the four above
  * @param tag      the component that speaks, for logs that keep it; may be null

@@ -27,7 +27,7 @@ typedef struct _rc_zone* rc_zone_h;
 int rc_get_zone_list(rc_zone_list_h* list);
 
 /**
- * Steps to the next zone, at first to the first one.
+ * Steps to the next zone; the first call steps to the first one.
  * @return 0 while there is one; non-zero, with `*zone` as it was, at the end
  */
 int rc_get_next_zone(rc_zone_list_h list, rc_zone_h* zone);
@@ -42,7 +42,7 @@ int rc_free_zone_list(rc_zone_list_h list);
 int rc_get_audio_focus(int* zone_id);
 
 /**
- * Hears the zone that has the focus when it is another one than before.
+ * Gets the zone that has the focus when the focus has moved.
  *
  * Callbacks of the whole seam run one at a time: on the thread that makes the change, before its call
  * returns, when this process makes it, else on a thread of the platform. A callback may register and

@@ -8,9 +8,9 @@
  *
  * Callbacks of the whole seam run one at a time: on the thread that makes the change, before its call
  * returns, when this process makes it, else on a thread of the platform. They hear changes only, never a
- * value equal to the last one. Each kind has one slot in the process: setting it again replaces what was
- * there. Unsetting waits for a callback that is running on another thread, after which it is never called
- * again; it fails if the slot is empty.
+ * value equal to the last one. Each kind has one slot in the process: setting it again replaces the callback.
+ * Unsetting waits for a callback that is running on another thread, after which it is never called again; it
+ * fails if the slot is empty.
  */
 #ifndef SOUND_MANAGER_H
 #define SOUND_MANAGER_H
@@ -44,7 +44,7 @@ int sound_manager_unset_speaker_changed_cb(void);
 typedef void (*sound_manager_multiview_speaker_selection_changed_cb)(sound_tv_output_route_e route,
                                                                      int zone_id, void* user_data);
 
-/** Hears every zone, those that appear later too; the first route of a new zone counts as a change. */
+/** Reports changes in every zone, also in one that appears later; the first route of a new zone is a change. */
 int sound_manager_set_multiview_speaker_selection_changed_cb(
     sound_manager_multiview_speaker_selection_changed_cb callback, void* user_data);
 int sound_manager_unset_multiview_speaker_selection_changed_cb(void);
@@ -52,10 +52,7 @@ int sound_manager_unset_multiview_speaker_selection_changed_cb(void);
 /** @param mute 1 muted, 0 not */
 typedef void (*sound_manager_tv_master_mute_changed_cb)(unsigned int mute, void* user_data);
 
-/**
- * Hears the audio HAL's master mute: it is one value, which each of the two interfaces reports to its own
- * callback.
- */
+/** Reports the audio HAL's master mute: both interfaces share this value, and each has a callback for it. */
 int sound_manager_set_tv_master_mute_changed_cb(sound_manager_tv_master_mute_changed_cb callback,
                                                 void* user_data);
 int sound_manager_unset_tv_master_mute_changed_cb(void);

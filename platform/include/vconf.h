@@ -20,7 +20,7 @@ extern "C" {
 typedef struct _keynode_t keynode_t;
 
 /**
- * Hears that a key has another value than before.
+ * Gets a key whose value has changed.
  *
  * Callbacks of the whole seam run one at a time: on the thread that makes the change, before its call
  * returns, when this process makes it, else on a thread of the platform. A callback may register and remove

@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-/** What the files hold, and how they are written: by other processes, each on a TV directory of its own. */
+/** The contents of the files and how they are written. Each test runs processes on a TV directory of its own. */
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -17,11 +17,11 @@
 #include <thread>
 #include <vector>
 
-#include "Tv.h"
+#include "HostTest.h"
 
 namespace fs = std::filesystem;
 using host_test::Folder;
-using host_test::Peer;
+using host_test::OtherProcess;
 using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -39,60 +39,60 @@ protected:
 // --- The default TV
 
 TEST_F(DirectoryTest, AnEmptyDirectoryBecomesTheDefaultTv) {
-    Peer peer(tv);
-    EXPECT_EQ(peer.Do("flag com.norvik/featureconf/internal_speaker_supported"), "0 1");
-    EXPECT_EQ(peer.Do("flag com.norvik/featureconf/multiview.support"), "0 1");
-    EXPECT_EQ(peer.Do("flag com.norvik/featureconf/projector_feature_support"), "0 0");
-    EXPECT_EQ(peer.Do("text memory/multiscreen/info"), R"(0 {"mode":"off"})");
-    EXPECT_EQ(peer.Do("route"), "0 0");
-    EXPECT_EQ(peer.Do("volume"), "0 10");
-    EXPECT_EQ(peer.Do("mute"), "0 0");
-    EXPECT_EQ(peer.Do("zones"), "0 ");
-    EXPECT_EQ(peer.Do("gain"), "0 100");
-    EXPECT_EQ(peer.Do("sub-gain"), "0 100");
+    OtherProcess other(tv);
+    EXPECT_EQ(other.Do("flag com.norvik/featureconf/internal_speaker_supported"), "0 1");
+    EXPECT_EQ(other.Do("flag com.norvik/featureconf/multiview.support"), "0 1");
+    EXPECT_EQ(other.Do("flag com.norvik/featureconf/projector_feature_support"), "0 0");
+    EXPECT_EQ(other.Do("text memory/multiscreen/info"), R"(0 {"mode":"off"})");
+    EXPECT_EQ(other.Do("route"), "0 0");
+    EXPECT_EQ(other.Do("volume"), "0 10");
+    EXPECT_EQ(other.Do("mute"), "0 0");
+    EXPECT_EQ(other.Do("zones"), "0 ");
+    EXPECT_EQ(other.Do("gain"), "0 100");
+    EXPECT_EQ(other.Do("sub-gain"), "0 100");
     EXPECT_EQ(tv.Content("audio/master_volume"), "10\n");
     EXPECT_THAT(tv.Leftovers("."), IsEmpty());
 }
 
 TEST_F(DirectoryTest, AMissingDirectoryIsMade) {
-    Peer peer(tv, {{"KAVREL_TV_DIR", tv / "a/b"}});
-    EXPECT_EQ(peer.Do("volume"), "0 10");
+    OtherProcess other(tv, {{"KAVREL_TV_DIR", tv / "a/b"}});
+    EXPECT_EQ(other.Do("volume"), "0 10");
     EXPECT_TRUE(fs::exists(tv / "a/b/audio/master_volume"));
 }
 
 TEST_F(DirectoryTest, ADirectoryThatHoldsSomethingIsLeftAsItIs) {
     tv.Echo("audio/master_volume", "55");
-    Peer peer(tv);
-    EXPECT_EQ(peer.Do("volume"), "0 55");
-    EXPECT_EQ(peer.Do("route"), "-1002");
-    EXPECT_EQ(peer.Do("flag com.norvik/featureconf/multiview.support"), "-1002");
-    EXPECT_EQ(peer.Do("zones"), "0 ");
-    EXPECT_THAT(peer.Log(), IsEmpty());
+    OtherProcess other(tv);
+    EXPECT_EQ(other.Do("volume"), "0 55");
+    EXPECT_EQ(other.Do("route"), "-1002");
+    EXPECT_EQ(other.Do("flag com.norvik/featureconf/multiview.support"), "-1002");
+    EXPECT_EQ(other.Do("zones"), "0 ");
+    EXPECT_THAT(other.Log(), IsEmpty());
 }
 
 TEST_F(DirectoryTest, AKilledFillingIsFinishedByTheNextProcess) {
     tv.Echo("audio/master_volume", "55");
     tv.Put(".filling", "");
-    Peer peer(tv);
-    EXPECT_EQ(peer.Do("volume"), "0 55");
-    EXPECT_EQ(peer.Do("route"), "0 0");
+    OtherProcess other(tv);
+    EXPECT_EQ(other.Do("volume"), "0 55");
+    EXPECT_EQ(other.Do("route"), "0 0");
     EXPECT_THAT(tv.Leftovers("."), IsEmpty());
 }
 
 TEST_F(DirectoryTest, ProcessesThatStartAtOnceFindAWholeTvAndOverwriteNothing) {
     for (int round = 0; round < 10; ++round) {
         const Folder folder;
-        std::vector<std::unique_ptr<Peer>> peers;
+        std::vector<std::unique_ptr<OtherProcess>> others;
         for (int i = 0; i < 6; ++i) {
-            peers.push_back(std::make_unique<Peer>(folder));
-            peers.back()->Tell("set-volume 77");
-            peers.back()->Tell("flag com.norvik/featureconf/multiview.support");
-            peers.back()->Tell("route");
+            others.push_back(std::make_unique<OtherProcess>(folder));
+            others.back()->Tell("set-volume 77");
+            others.back()->Tell("flag com.norvik/featureconf/multiview.support");
+            others.back()->Tell("route");
         }
-        for (const auto& peer : peers) {
-            EXPECT_EQ(peer->Answer(), "0");
-            EXPECT_EQ(peer->Answer(), "0 1");
-            EXPECT_EQ(peer->Answer(), "0 0");
+        for (const auto& other : others) {
+            EXPECT_EQ(other->Answer(), "0");
+            EXPECT_EQ(other->Answer(), "0 1");
+            EXPECT_EQ(other->Answer(), "0 0");
         }
         EXPECT_EQ(folder.Content("audio/master_volume"), "77\n");
         EXPECT_THAT(folder.Leftovers("."), IsEmpty());
@@ -101,9 +101,9 @@ TEST_F(DirectoryTest, ProcessesThatStartAtOnceFindAWholeTvAndOverwriteNothing) {
 
 TEST_F(DirectoryTest, AnUnusableDirectoryIsOneErrorAndNoCrash) {
     tv.Echo("file", "");
-    Peer peer(tv, {{"KAVREL_TV_DIR", tv / "file/tv"}});
-    EXPECT_THAT(peer.Do("volume"), StartsWith("-10"));
-    EXPECT_THAT(peer.Log().front(), AllOf(StartsWith("E "), HasSubstr(tv / "file/tv")));
+    OtherProcess other(tv, {{"KAVREL_TV_DIR", tv / "file/tv"}});
+    EXPECT_THAT(other.Do("volume"), StartsWith("-10"));
+    EXPECT_THAT(other.Log().front(), AllOf(StartsWith("E "), HasSubstr(tv / "file/tv")));
     EXPECT_EQ(tv.Content("file"), "\n");
 }
 
@@ -112,8 +112,8 @@ TEST_F(DirectoryTest, AnUnusableDirectoryIsOneErrorAndNoCrash) {
 TEST_F(DirectoryTest, EveryValueComesBackFromAnotherProcess) {
     fs::create_directories(tv / "sound/zones/-3");
     tv.Echo("zones/focus", "2147483647");
-    Peer one(tv);
-    Peer two(tv);
+    OtherProcess one(tv);
+    OtherProcess two(tv);
     const std::vector<std::array<std::string, 4>> values = {
         {"set-volume 0", "volume", "0 0", "audio/master_volume"},
         {"set-volume 100", "volume", "0 100", "audio/master_volume"},
@@ -138,19 +138,19 @@ TEST_F(DirectoryTest, EveryValueComesBackFromAnotherProcess) {
 }
 
 TEST_F(DirectoryTest, AVolumeOutsideItsRangeChangesNothing) {
-    Peer peer(tv);
-    EXPECT_EQ(peer.Do("set-volume 101"), "-1034");
-    EXPECT_EQ(peer.Do("set-volume -1"), "-1034");
-    EXPECT_EQ(peer.Do("volume"), "0 10");
+    OtherProcess other(tv);
+    EXPECT_EQ(other.Do("set-volume 101"), "-1034");
+    EXPECT_EQ(other.Do("set-volume -1"), "-1034");
+    EXPECT_EQ(other.Do("volume"), "0 10");
 }
 
 TEST_F(DirectoryTest, AnIntegerMayHaveBlanksAround) {
-    Peer peer(tv);
+    OtherProcess other(tv);
     tv.Put("audio/master_volume", "  42\t \n");
-    EXPECT_EQ(peer.Do("volume"), "0 42");
+    EXPECT_EQ(other.Do("volume"), "0 42");
     tv.Put("audio/master_volume", "7");
-    EXPECT_EQ(peer.Do("volume"), "0 7");
-    EXPECT_THAT(peer.Log(), IsEmpty());
+    EXPECT_EQ(other.Do("volume"), "0 7");
+    EXPECT_THAT(other.Log(), IsEmpty());
 }
 
 struct Junk {
@@ -165,9 +165,9 @@ class JunkTest : public DirectoryTest, public testing::WithParamInterface<Junk> 
 TEST_P(JunkTest, FailsWithOneErrorLineThatNamesTheFile) {
     fs::create_directories(tv / "sound/zones/1");
     tv.Put(GetParam().file, GetParam().content);
-    Peer peer(tv);
-    EXPECT_EQ(peer.Do(GetParam().get), GetParam().answer);
-    EXPECT_THAT(peer.Log(),
+    OtherProcess other(tv);
+    EXPECT_EQ(other.Do(GetParam().get), GetParam().answer);
+    EXPECT_THAT(other.Log(),
                 ElementsAre(AllOf(StartsWith("E "), HasSubstr((tv / GetParam().file).string() + ": "))));
 }
 
@@ -195,119 +195,120 @@ INSTANTIATE_TEST_SUITE_P(
                     Junk{KEY, "text memory/key", std::string(1024 * 1024 + 1, 'a'), "null"}));
 
 TEST_F(DirectoryTest, AFolderOrAPipeInAValuesPlaceFailsAtOnce) {
-    Peer peer(tv);
-    EXPECT_EQ(peer.Do("text memory"), "null");
+    OtherProcess other(tv);
+    EXPECT_EQ(other.Do("text memory"), "null");
     ASSERT_EQ(mkfifo((tv / KEY).c_str(), 0600), 0);
-    EXPECT_EQ(peer.Do("text memory/key"), "null");
-    EXPECT_THAT(peer.Log(), ElementsAre(HasSubstr("settings/memory: Is a directory"), HasSubstr(KEY)));
+    EXPECT_EQ(other.Do("text memory/key"), "null");
+    EXPECT_THAT(other.Log(), ElementsAre(HasSubstr("settings/memory: Is a directory"), HasSubstr(KEY)));
 }
 
 TEST_F(DirectoryTest, WhatIsMissingFailsWithoutAnErrorLine) {
-    Peer peer(tv);
-    EXPECT_EQ(peer.Do("int memory/none"), "-1002");
-    EXPECT_EQ(peer.Do("text memory/none"), "null");
-    EXPECT_EQ(peer.Do("flag com.norvik/none"), "-1002");
-    EXPECT_EQ(peer.Do("focus"), "-1002");
-    EXPECT_THAT(peer.Log(), IsEmpty());
+    OtherProcess other(tv);
+    EXPECT_EQ(other.Do("int memory/none"), "-1002");
+    EXPECT_EQ(other.Do("text memory/none"), "null");
+    EXPECT_EQ(other.Do("flag com.norvik/none"), "-1002");
+    EXPECT_EQ(other.Do("focus"), "-1002");
+    EXPECT_THAT(other.Log(), IsEmpty());
 }
 
 TEST_F(DirectoryTest, AKeyThatCouldLeaveTheDirectoryIsRefused) {
     tv.Echo("secret", "1");
-    Peer peer(tv, {{"KAVREL_TV_DIR", tv / "tv"}});
+    OtherProcess other(tv, {{"KAVREL_TV_DIR", tv / "tv"}});
     const std::vector<std::string> keys = {
         "../secret",  "memory/../../../secret", "/etc/passwd", "memory//a", "memory/", "memory/.hid", ".",
         "memory/a/.."};
     for (const std::string& key : keys) {
-        EXPECT_EQ(peer.Do("int " + key), "-1022") << key;
-        EXPECT_EQ(peer.Do("flag " + key), "-1022") << key;
-        EXPECT_EQ(peer.Do("set-int " + key + " 5"), "-1022") << key;
-        EXPECT_EQ(peer.Do("hear " + key), "-1022") << key;
+        EXPECT_EQ(other.Do("int " + key), "-1022") << key;
+        EXPECT_EQ(other.Do("flag " + key), "-1022") << key;
+        EXPECT_EQ(other.Do("set-int " + key + " 5"), "-1022") << key;
+        EXPECT_EQ(other.Do("hear " + key), "-1022") << key;
     }
-    EXPECT_EQ(peer.Do("int"), "-1022");  // the empty key
-    EXPECT_THAT(peer.Log(), SizeIs(4 * keys.size() + 1));
+    EXPECT_EQ(other.Do("int"), "-1022");  // the empty key
+    EXPECT_THAT(other.Log(), SizeIs(4 * keys.size() + 1));
     EXPECT_EQ(tv.Content("secret"), "1\n");
 }
 
 TEST_F(DirectoryTest, ZonesAreTheFoldersInAscendingOrder) {
-    for (const char* const name : {"10", "9", "-1", "01", "1x", "x", "+2", "-0", "2147483648", ".3", " 4"})
+    for (const char* const name : {"10", "9", "-1", "01", "1x", "x", "+2", "-0", "2147483648", ".3", " 4"}) {
         fs::create_directories(tv / "sound/zones" / name);
+    }
     tv.Echo("sound/zones/5", "a file");
-    Peer peer(tv);
-    EXPECT_EQ(peer.Do("zones"), "0 -1,9,10");
-    EXPECT_EQ(peer.Do("zone-route 9"), "-1002");
-    EXPECT_EQ(peer.Do("zone-route 1"), "-26607612");
-    EXPECT_EQ(peer.Do("set-zone-route 1 2"), "-26607612");
-    EXPECT_EQ(peer.Do("zone-route 5"), "-26607612");
+    OtherProcess other(tv);
+    EXPECT_EQ(other.Do("zones"), "0 -1,9,10");
+    EXPECT_EQ(other.Do("zone-route 9"), "-1002");
+    EXPECT_EQ(other.Do("zone-route 1"), "-26607612");
+    EXPECT_EQ(other.Do("set-zone-route 1 2"), "-26607612");
+    EXPECT_EQ(other.Do("zone-route 5"), "-26607612");
     EXPECT_FALSE(fs::exists(tv / "sound/zones/1"));
     fs::remove_all(tv / "sound");
-    EXPECT_EQ(peer.Do("zones"), "0 ");
+    EXPECT_EQ(other.Do("zones"), "0 ");
 }
 
 TEST_F(DirectoryTest, AnEventIsAFileWithAnEscapedName) {
-    Peer peer(tv);
-    EXPECT_EQ(peer.Do("is-done /tmp/.kavrel_ready"), "0");
-    EXPECT_EQ(peer.Do("done /tmp/.kavrel_ready"), "0");
+    OtherProcess other(tv);
+    EXPECT_EQ(other.Do("is-done /tmp/.kavrel_ready"), "0");
+    EXPECT_EQ(other.Do("done /tmp/.kavrel_ready"), "0");
     EXPECT_TRUE(fs::exists(tv / "events/%2Ftmp%2F%2Ekavrel_ready"));
-    EXPECT_EQ(peer.Do("is-done /tmp/.kavrel_ready"), "1");
-    EXPECT_EQ(peer.Do("reset /tmp/.kavrel_ready"), "0");
-    EXPECT_EQ(peer.Do("reset /tmp/.kavrel_ready"), "0");
-    EXPECT_EQ(peer.Do("is-done /tmp/.kavrel_ready"), "0");
-    EXPECT_EQ(peer.Do("done .."), "0");
-    EXPECT_EQ(peer.Do("done a-Z_0%\xC3\xA4"), "0");
+    EXPECT_EQ(other.Do("is-done /tmp/.kavrel_ready"), "1");
+    EXPECT_EQ(other.Do("reset /tmp/.kavrel_ready"), "0");
+    EXPECT_EQ(other.Do("reset /tmp/.kavrel_ready"), "0");
+    EXPECT_EQ(other.Do("is-done /tmp/.kavrel_ready"), "0");
+    EXPECT_EQ(other.Do("done .."), "0");
+    EXPECT_EQ(other.Do("done a-Z_0%\xC3\xA4"), "0");
     EXPECT_TRUE(fs::exists(tv / "events/%2E%2E"));
     EXPECT_TRUE(fs::exists(tv / "events/a-Z_0%25%C3%A4"));
-    EXPECT_EQ(peer.Do("done"), "-1022");
-    EXPECT_EQ(peer.Do("is-done"), "-1022");
+    EXPECT_EQ(other.Do("done"), "-1022");
+    EXPECT_EQ(other.Do("is-done"), "-1022");
 }
 
 TEST_F(DirectoryTest, TheFolderForDbMayBeALink) {
     const Folder persistent;
     fs::create_directories(tv / "settings");
     fs::create_directory_symlink(persistent.Path(), tv / "settings/db");
-    Peer peer(tv);
-    EXPECT_EQ(peer.Do("set-int db/usb/level 4"), "0");
+    OtherProcess other(tv);
+    EXPECT_EQ(other.Do("set-int db/usb/level 4"), "0");
     EXPECT_EQ(persistent.Content("usb/level"), "4\n");
-    EXPECT_EQ(peer.Do("int db/usb/level"), "0 4");
+    EXPECT_EQ(other.Do("int db/usb/level"), "0 4");
     EXPECT_TRUE(fs::is_symlink(tv / "settings/db"));
 }
 
 TEST_F(DirectoryTest, AMissingFolderIsMadeForAValue) {
     tv.Echo("sound/route", "0");
-    Peer peer(tv);
-    EXPECT_EQ(peer.Do("set-volume 1"), "0");
-    EXPECT_EQ(peer.Do("done ready"), "0");
-    EXPECT_EQ(peer.Do("set-int memory/a/b/c 1"), "0");
+    OtherProcess other(tv);
+    EXPECT_EQ(other.Do("set-volume 1"), "0");
+    EXPECT_EQ(other.Do("done ready"), "0");
+    EXPECT_EQ(other.Do("set-int memory/a/b/c 1"), "0");
     EXPECT_EQ(tv.Content("settings/memory/a/b/c"), "1\n");
 }
 
 // --- Writing
 
 TEST_F(DirectoryTest, ALeftoverIsRemovedByTheNextWriterOfThatValueOnly) {
-    Peer peer(tv);
-    ASSERT_EQ(peer.Do("volume"), "0 10");
+    OtherProcess other(tv);
+    ASSERT_EQ(other.Do("volume"), "0 10");
     tv.Put("audio/.master_volume.aB3-_9", "5");
     tv.Put("audio/.master_mute.aB3-_9", "1");
     tv.Put("audio/.master_volume.longer1", "5");
-    EXPECT_EQ(peer.Do("set-volume 20"), "0");
+    EXPECT_EQ(other.Do("set-volume 20"), "0");
     EXPECT_THAT(tv.Leftovers("audio"), ElementsAre(".master_mute.aB3-_9", ".master_volume.longer1"));
 }
 
 TEST_F(DirectoryTest, ALiveWritersFileIsNoLeftover) {
-    Peer peer(tv);
-    ASSERT_EQ(peer.Do("volume"), "0 10");
+    OtherProcess other(tv);
+    ASSERT_EQ(other.Do("volume"), "0 10");
     tv.Put("audio/.master_volume.writer", "5");
     const int writer = open((tv / "audio/.master_volume.writer").c_str(), O_WRONLY | O_CLOEXEC);
     ASSERT_EQ(flock(writer, LOCK_EX), 0);
-    EXPECT_EQ(peer.Do("set-volume 20"), "0");
+    EXPECT_EQ(other.Do("set-volume 20"), "0");
     EXPECT_THAT(tv.Leftovers("audio"), ElementsAre(".master_volume.writer"));
-    close(writer);  // as when it is killed
-    EXPECT_EQ(peer.Do("set-volume 20"), "0");
+    close(writer);  // as the kernel does when it kills a process
+    EXPECT_EQ(other.Do("set-volume 20"), "0");
     EXPECT_THAT(tv.Leftovers("audio"), IsEmpty());
 }
 
 TEST_F(DirectoryTest, WritersOfOneValueNeverDisturbEachOther) {
-    Peer one(tv);
-    Peer two(tv);
+    OtherProcess one(tv);
+    OtherProcess two(tv);
     ASSERT_EQ(one.Do("volume"), "0 10");
     one.Tell("storm memory/key 3000 1");
     two.Tell("storm memory/key 3000 1");
@@ -321,17 +322,17 @@ TEST_F(DirectoryTest, WritersOfOneValueNeverDisturbEachOther) {
 TEST_F(DirectoryTest, AWriterKilledAtAnyMomentLeavesAWholeValue) {
     constexpr int KILLS = 500;
     constexpr std::size_t SIZE = 100'000;
-    Peer reader(tv);
+    OtherProcess reader(tv);
     ASSERT_EQ(reader.Do("set-text memory/key a"), "0");
     const unsigned int seed = std::random_device()();
     SCOPED_TRACE(seed);
     std::mt19937 random(seed);
     std::size_t leftovers = 0;
     for (int i = 0; i < KILLS; ++i) {
-        Peer writer(tv);
+        OtherProcess writer(tv);
         ASSERT_EQ(writer.Do("set-text memory/begun " + std::to_string(i)), "0");
         writer.Tell("storm memory/key 0 " + std::to_string(SIZE));
-        // Later and later until one has met a writer at its work, which begins late on a busy machine.
+        // The limit grows until a kill has met a writer at work: on a busy machine writers start late.
         const unsigned int latest = leftovers > 0 ? 2000U : 2000U + static_cast<unsigned int>(i) * 100U;
         std::this_thread::sleep_for(std::chrono::microseconds(random() % latest));
         writer.Kill();
@@ -348,40 +349,40 @@ TEST_F(DirectoryTest, AWriterKilledAtAnyMomentLeavesAWholeValue) {
 }
 
 TEST_F(DirectoryTest, AFullDiskIsAClearErrorAndTheOldValueStands) {
-    Peer peer(tv);
+    OtherProcess other(tv);
     const std::string old(3000, 'o');
     const std::string wanted(5000, 'n');
     for (const std::string folder : {"memory", "db"}) {
-        ASSERT_EQ(peer.Do("set-text " + folder + "/key " + old), "0");
-        ASSERT_EQ(peer.Do("limit-files 4096"), "0");
-        EXPECT_EQ(peer.Do("set-text " + folder + "/key " + wanted), "-1027");
-        EXPECT_EQ(peer.Do("text " + folder + "/key"), "0 " + old);
+        ASSERT_EQ(other.Do("set-text " + folder + "/key " + old), "0");
+        ASSERT_EQ(other.Do("limit-files 4096"), "0");
+        EXPECT_EQ(other.Do("set-text " + folder + "/key " + wanted), "-1027");
+        EXPECT_EQ(other.Do("text " + folder + "/key"), "0 " + old);
         EXPECT_THAT(tv.Leftovers("settings/" + folder), IsEmpty());
-        EXPECT_THAT(peer.Log().back(), AllOf(StartsWith("E Cannot write "),
-                                             HasSubstr("settings/" + folder + "/key: File too large")));
+        EXPECT_THAT(other.Log().back(), AllOf(StartsWith("E Cannot write "),
+                                              HasSubstr("settings/" + folder + "/key: File too large")));
     }
-    EXPECT_THAT(peer.Log(), SizeIs(2));
+    EXPECT_THAT(other.Log(), SizeIs(2));
 }
 
 TEST_F(DirectoryTest, AReadOnlyFolderIsAClearErrorAndTheOldValueStands) {
-    Peer peer(tv);
-    ASSERT_EQ(peer.Do("set-volume 20"), "0");
-    ASSERT_EQ(peer.Do("drop-capabilities"), "0");
+    OtherProcess other(tv);
+    ASSERT_EQ(other.Do("set-volume 20"), "0");
+    ASSERT_EQ(other.Do("drop-capabilities"), "0");
     fs::permissions(tv / "audio", fs::perms::owner_read | fs::perms::owner_exec);
-    EXPECT_EQ(peer.Do("set-volume 30"), "-1013");
-    EXPECT_EQ(peer.Do("volume"), "0 20");
-    EXPECT_THAT(peer.Log(), ElementsAre("E Cannot write " + (tv / VOLUME).string() + ": Permission denied"));
+    EXPECT_EQ(other.Do("set-volume 30"), "-1013");
+    EXPECT_EQ(other.Do("volume"), "0 20");
+    EXPECT_THAT(other.Log(), ElementsAre("E Cannot write " + (tv / VOLUME).string() + ": Permission denied"));
     fs::permissions(tv / "audio", fs::perms::owner_all);
-    EXPECT_EQ(peer.Do("set-volume 30"), "0");
+    EXPECT_EQ(other.Do("set-volume 30"), "0");
 }
 
 TEST_F(DirectoryTest, TextLongerThanAMebibyteIsRefused) {
-    Peer peer(tv);
-    ASSERT_EQ(peer.Do("set-text memory/key a"), "0");
-    EXPECT_EQ(peer.Do("storm memory/key 1 1048577"), "-1027");
-    EXPECT_EQ(peer.Do("text memory/key"), "0 a");
-    EXPECT_EQ(peer.Do("storm memory/key 1 1048576"), "0");
-    EXPECT_EQ(peer.Do("text memory/key"), "0 " + std::string(1048576, 'a'));
+    OtherProcess other(tv);
+    ASSERT_EQ(other.Do("set-text memory/key a"), "0");
+    EXPECT_EQ(other.Do("storm memory/key 1 1048577"), "-1027");
+    EXPECT_EQ(other.Do("text memory/key"), "0 a");
+    EXPECT_EQ(other.Do("storm memory/key 1 1048576"), "0");
+    EXPECT_EQ(other.Do("text memory/key"), "0 " + std::string(1048576, 'a'));
 }
 
 }  // namespace

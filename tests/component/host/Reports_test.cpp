@@ -1,10 +1,10 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
 /**
- * Who hears which change, when, and on which thread: in this process, with others on the same TV.
+ * Reports of changes: which callback hears one, when, and on which thread. Other processes share the TV.
  *
- * What must not be heard is shown without waiting for time to pass: notifications come in order, so whatever
- * was to come has come when a later change in the same process has been heard (see Settle).
+ * To show that a change is not reported no test waits for time to pass: notifications come in order, so once
+ * a later change has been reported, every earlier one has been handled (see Settle).
  */
 #include <audio_control.h>
 #include <audio_hal.h>
@@ -37,12 +37,12 @@
 #include <thread>
 #include <vector>
 
-#include "Tv.h"
+#include "HostTest.h"
 
 namespace fs = std::filesystem;
 using host_test::Ear;
 using host_test::Folder;
-using host_test::Peer;
+using host_test::OtherProcess;
 using testing::AnyOf;
 using testing::Contains;
 using testing::Each;
@@ -53,14 +53,14 @@ using testing::SizeIs;
 
 namespace {
 
-/** This process's TV: the platform looks at KAVREL_TV_DIR once. */
-class Tv : public testing::Environment {
+/** Makes this process's TV: the platform looks at KAVREL_TV_DIR once. */
+class TvEnvironment : public testing::Environment {
 public:
     void SetUp() override {
         s_folder = std::make_unique<Folder>();
         setenv("KAVREL_TV_DIR", s_folder->Path().c_str(), 1);
         int volume = 0;
-        ASSERT_EQ(audio_get_master_volume(&volume), 0);  // makes it
+        ASSERT_EQ(audio_get_master_volume(&volume), 0);  // the first call fills the directory
     }
     void TearDown() override { s_folder.reset(); }
 
@@ -71,11 +71,11 @@ private:
 };
 
 [[maybe_unused]] const auto* const environment =
-    testing::AddGlobalTestEnvironment(std::make_unique<Tv>().release());
+    testing::AddGlobalTestEnvironment(std::make_unique<TvEnvironment>().release());
 
 using Action = std::function<void()>;
 
-/** A registration's user data: notes what it hears in the ear, then acts. */
+/** The user data of a registration: it notes in `ear` what it hears, then it acts. */
 struct Listener {
     Ear& ear;
     std::string name;
@@ -83,8 +83,9 @@ struct Listener {
 
     void Hear(const std::string& what) const {
         ear.Hear(name + what);
-        if (act)
+        if (act) {
             act();
+        }
     }
 };
 
@@ -116,7 +117,7 @@ std::string Text(const char* key) {
     return text ? text.get() : "(null)";
 }
 
-/** Runs `meanwhile` on this thread inside a report, where the platform thread can report nothing. */
+/** Runs `meanwhile` inside a report on this thread: the platform thread cannot report until it returns. */
 void WhileReporting(const Action& meanwhile) {
     Ear ignored;
     Listener busy{ignored, "", meanwhile};
@@ -156,36 +157,37 @@ protected:
         ASSERT_EQ(vconf_notify_key_changed(key.c_str(), callback, &listener), 0);
     }
     /**
-     * Until the platform thread has handled all that happened on the TV before. A key of its own each time,
-     * so that no older notification finds the mark too early. Three times: a mark may also be found while
-     * everything is read again, before values that come after it, or before a new zone's route.
+     * Waits until the platform thread has handled everything that happened on the TV before. Each mark has a
+     * key of its own, so that no older notification finds it too early. It takes three marks: when everything
+     * is read again, the first one may be found before values that come after it, or before a new zone's route.
      */
     void Settle() {
         static int count = 0;
         for (int i = 0; i < 3; ++i) {
             const std::string key = "memory/mark" + std::to_string(++count);
             ASSERT_EQ(vconf_notify_key_changed(key.c_str(), OnMark, &m_mark), 0);
-            ASSERT_EQ(peer.Do("set-text " + key + ' ' + key), "0");
+            ASSERT_EQ(other.Do("set-text " + key + ' ' + key), "0");
             m_markEar.WaitFor(key);
             ASSERT_EQ(vconf_ignore_key_changed(key.c_str(), OnMark), 0);
             fs::remove(tv / "settings" / key);
         }
     }
-    /** Another process's change: a line for the peer, or "focus N", which nobody sets through the seam. */
+    /** Has the other process do what the line says. "focus N" is an echo: the seam has no call that sets it. */
     void Change(const std::string& what) {
         constexpr std::string_view FOCUS = "focus ";
-        if (what.starts_with(FOCUS))
+        if (what.starts_with(FOCUS)) {
             tv.Echo("zones/focus", what.substr(FOCUS.size()));
-        else
-            ASSERT_EQ(peer.Do(what), "0");
+        } else {
+            ASSERT_EQ(other.Do(what), "0");
+        }
     }
-    /** Outlives its registration, which the fixture removes. */
+    /** Makes a listener that lives until the fixture has removed all registrations. */
     Listener& NewListener(const std::string& name, const Action& act = nullptr) {
         return m_listeners.emplace_back(Listener{ear, name, act});
     }
 
-    const Folder& tv = Tv::Get();
-    Peer peer{tv};
+    const Folder& tv = TvEnvironment::Get();
+    OtherProcess other{tv};
     Ear ear;
     Listener listener{ear, ""};
 
@@ -211,25 +213,25 @@ TEST_F(ReportsTest, AnothersChangeIsReportedOnThePlatformThread) {
     Listener& route = NewListener("route ");
     HearVolume(listener);
     ASSERT_EQ(sound_manager_set_speaker_changed_cb(OnNumber, &route), 0);
-    EXPECT_EQ(peer.Do("set-volume 31"), "0");
-    EXPECT_EQ(peer.Do("set-route 7"), "0");
+    EXPECT_EQ(other.Do("set-volume 31"), "0");
+    EXPECT_EQ(other.Do("set-route 7"), "0");
     Settle();
     EXPECT_THAT(ear.Heard(), ElementsAre("31", "route 7"));
     EXPECT_NE(ear.Threads().front(), std::this_thread::get_id());
     EXPECT_THAT(ear.Threads(), Each(ear.Threads().front()));
-    EXPECT_EQ(peer.Do("set-route 0"), "0");
+    EXPECT_EQ(other.Do("set-route 0"), "0");
 }
 
 TEST_F(ReportsTest, EveryProcessHearsEveryOther) {
-    Peer second(tv);
-    EXPECT_EQ(peer.Do("hear volume"), "0");
+    OtherProcess second(tv);
+    EXPECT_EQ(other.Do("hear volume"), "0");
     EXPECT_EQ(second.Do("hear volume"), "0");
     EXPECT_EQ(audio_set_master_volume(33, 0), 0);
-    EXPECT_EQ(peer.Report(), "volume 33 platform");
+    EXPECT_EQ(other.Report(), "volume 33 platform");
     EXPECT_EQ(second.Report(), "volume 33 platform");
     EXPECT_EQ(second.Do("set-volume 34"), "0");
     EXPECT_EQ(second.Report(), "volume 34 own");
-    EXPECT_EQ(peer.Report(), "volume 34 platform");
+    EXPECT_EQ(other.Report(), "volume 34 platform");
 }
 
 TEST_F(ReportsTest, AnEqualValueIsWrittenButNotReported) {
@@ -237,7 +239,7 @@ TEST_F(ReportsTest, AnEqualValueIsWrittenButNotReported) {
     std::ofstream(tv / "audio/master_volume") << " 10";
     EXPECT_EQ(audio_set_master_volume(10, 0), 0);
     EXPECT_EQ(tv.Content("audio/master_volume"), "10\n");
-    EXPECT_EQ(peer.Do("set-volume 10"), "0");
+    EXPECT_EQ(other.Do("set-volume 10"), "0");
     tv.Echo("audio/master_volume", "10 ");
     Settle();
     EXPECT_THAT(ear.Heard(), IsEmpty());
@@ -258,7 +260,7 @@ TEST_F(ReportsTest, ReportsComeInTheOrderOfTheWrites) {
 
 TEST_F(ReportsTest, AnothersQuickChangesNeverGoBackAndEndWithTheLast) {
     HearVolume(listener);
-    ASSERT_EQ(peer.Do("volume-storm 101"), "0");  // 0, 1, 2 ... 100
+    ASSERT_EQ(other.Do("volume-storm 101"), "0");  // 0, 1, 2 ... 100
     Settle();
     int last = -1;
     for (const std::string& value : ear.Heard()) {
@@ -269,11 +271,11 @@ TEST_F(ReportsTest, AnothersQuickChangesNeverGoBackAndEndWithTheLast) {
 }
 
 TEST_F(ReportsTest, OnlyChangesSinceTheRegistrationAreReported) {
-    EXPECT_EQ(peer.Do("set-volume 50"), "0");
+    EXPECT_EQ(other.Do("set-volume 50"), "0");
     HearVolume(listener);
     Settle();
     EXPECT_THAT(ear.Heard(), IsEmpty());
-    EXPECT_EQ(peer.Do("set-volume 10"), "0");
+    EXPECT_EQ(other.Do("set-volume 10"), "0");
     Settle();
     EXPECT_THAT(ear.Heard(), ElementsAre("10"));
 }
@@ -287,7 +289,7 @@ TEST_F(ReportsTest, MasterMuteIsOneValueForBothInterfaces) {
     EXPECT_EQ(audio_set_master_mute(true), 0);
     EXPECT_THAT(ear.Heard(), ElementsAre("hal 1", "manager 1"));
     EXPECT_EQ(audio_unregister_master_mute_changed_cb(), 0);
-    EXPECT_EQ(peer.Do("set-mute 0"), "0");
+    EXPECT_EQ(other.Do("set-mute 0"), "0");
     Settle();
     EXPECT_THAT(ear.Heard(), ElementsAre("hal 1", "manager 1", "manager 0"));
 }
@@ -304,7 +306,7 @@ TEST_F(ReportsTest, ThePersonsEchoCountsWhenTheFileIsClosed) {
     EXPECT_THAT(ear.Heard(), ElementsAre("42"));
 }
 
-/** Whatever makes the platform look at the file meanwhile. */
+/** The platform looks at the file meanwhile for other reasons. */
 TEST_F(ReportsTest, AnEchoAtWorkIsNoEmptyText) {
     EXPECT_EQ(vconf_set_str(KEY, "old"), 0);
     HearKey(KEY, listener);
@@ -339,7 +341,7 @@ TEST_F(ReportsTest, AFileMovedIntoPlaceCounts) {
     EXPECT_THAT(ear.Heard(), ElementsAre("43"));
 }
 
-TEST_F(ReportsTest, JunkAndRemovalAreNoReportsAndTheValueThatReturnsIsNoNews) {
+TEST_F(ReportsTest, JunkAndRemovalAreNotReportedNorIsAnEqualValueThatReturns) {
     HearVolume(listener);
     testing::internal::CaptureStderr();
     tv.Echo("audio/master_volume", "loud");
@@ -348,7 +350,7 @@ TEST_F(ReportsTest, JunkAndRemovalAreNoReportsAndTheValueThatReturnsIsNoNews) {
               "E Cannot read " + (tv / "audio/master_volume").string() + ": not a valid value\n");
     fs::remove(tv / "audio/master_volume");
     Settle();
-    EXPECT_EQ(peer.Do("set-volume 10"), "0");
+    EXPECT_EQ(other.Do("set-volume 10"), "0");
     Settle();
     EXPECT_THAT(ear.Heard(), IsEmpty());
     fs::remove(tv / "audio/master_volume");
@@ -359,7 +361,7 @@ TEST_F(ReportsTest, JunkAndRemovalAreNoReportsAndTheValueThatReturnsIsNoNews) {
     EXPECT_THAT(ear.Heard(), ElementsAre("11"));
 }
 
-TEST_F(ReportsTest, ASettingIsToldByItsNodeAsTextAndAsInteger) {
+TEST_F(ReportsTest, ANodeGivesASettingAsTextAndAsInteger) {
     struct Node {
         std::string name, text;
         int number;
@@ -393,13 +395,13 @@ TEST_F(ReportsTest, AnyTextComesBackAsItWas) {
     }
 }
 
-TEST_F(ReportsTest, ZonesAreHeardThoseThatAppearLaterToo) {
+TEST_F(ReportsTest, EveryZonesRouteIsReportedThatOfALaterZoneToo) {
     Listener& zones = NewListener("");
     fs::remove_all(tv / "sound/zones");
     tv.Echo("sound/zones/1/route", "4");
     ASSERT_EQ(sound_manager_set_multiview_speaker_selection_changed_cb(OnZoneRoute, &zones), 0);
     EXPECT_EQ(sound_manager_set_multiview_speaker_selection_with_zone_id(5, 1), 0);
-    EXPECT_EQ(peer.Do("set-zone-route 1 6"), "0");
+    EXPECT_EQ(other.Do("set-zone-route 1 6"), "0");
     Settle();
     EXPECT_THAT(ear.Heard(), ElementsAre("1:5", "1:6"));
     ear.Forget();
@@ -413,7 +415,7 @@ TEST_F(ReportsTest, ZonesAreHeardThoseThatAppearLaterToo) {
     ear.Forget();
 
     fs::remove_all(tv / "sound/zones");
-    tv.Echo("sound/zones/30/route", "8");  // as last known
+    tv.Echo("sound/zones/30/route", "8");  // the last route that this process knows
     tv.Echo("sound/zones/1/route", "9");
     Settle();
     EXPECT_THAT(ear.Heard(), ElementsAre("1:9"));
@@ -444,7 +446,7 @@ TEST_F(ReportsTest, ASetterDeliversNothingElseThatIsPending) {
     HearVolume(listener);
     HearKey(KEY, listener);
     WhileReporting([&] {
-        EXPECT_EQ(peer.Do("set-volume 60"), "0");
+        EXPECT_EQ(other.Do("set-volume 60"), "0");
         EXPECT_EQ(vconf_set_str(KEY, "own"), 0);
         EXPECT_THAT(ear.Heard(), ElementsAre("own"));
     });
@@ -456,7 +458,7 @@ TEST_F(ReportsTest, ASetterDeliversNothingElseThatIsPending) {
 TEST_F(ReportsTest, AnOwnChangeFromAPendingValueIsReportedThoughItEqualsTheLastOneHeard) {
     HearVolume(listener);
     WhileReporting([&] {
-        EXPECT_EQ(peer.Do("set-volume 20"), "0");
+        EXPECT_EQ(other.Do("set-volume 20"), "0");
         EXPECT_EQ(audio_set_master_volume(10, 0), 0);
         EXPECT_THAT(ear.Heard(), ElementsAre("10"));
     });
@@ -467,7 +469,7 @@ TEST_F(ReportsTest, AnOwnChangeFromAPendingValueIsReportedThoughItEqualsTheLastO
 TEST_F(ReportsTest, AnOwnWriteOfAPendingValueLeavesItsReportToThePlatformThread) {
     HearVolume(listener);
     WhileReporting([&] {
-        EXPECT_EQ(peer.Do("set-volume 20"), "0");
+        EXPECT_EQ(other.Do("set-volume 20"), "0");
         EXPECT_EQ(audio_set_master_volume(20, 0), 0);
         EXPECT_THAT(ear.Heard(), IsEmpty());
     });
@@ -480,7 +482,7 @@ TEST_F(ReportsTest, AChangeAfterAnOwnOneIsReportedThoughItWasWrittenBeforeItsNot
     HearVolume(listener);
     WhileReporting([&] {
         EXPECT_EQ(audio_set_master_volume(20, 0), 0);
-        EXPECT_EQ(peer.Do("set-volume 30"), "0");
+        EXPECT_EQ(other.Do("set-volume 30"), "0");
     });
     Settle();
     EXPECT_THAT(ear.Heard(), ElementsAre("20", "30"));
@@ -508,8 +510,9 @@ TEST_F(ReportsTest, RemovingWhatIsNotRegisteredFails) {
     EXPECT_EQ(sound_manager_unset_multiview_speaker_selection_changed_cb(), -1002);
     EXPECT_EQ(sound_manager_unset_tv_master_mute_changed_cb(), -1002);
     HearVolume(listener);
-    for (int id = -1; id < 1000; ++id)
+    for (int id = -1; id < 1000; ++id) {
         EXPECT_EQ(rc_unregister_audio_focus_changed_callback(id), -1002);
+    }
     HearKey(KEY, listener);
     EXPECT_EQ(vconf_ignore_key_changed(KEY, OnKeyToo), -1002);
     EXPECT_EQ(vconf_ignore_key_changed(OTHER, OnKey), -1002);
@@ -545,7 +548,7 @@ TEST_F(ReportsTest, NullArgumentsFail) {
     EXPECT_EQ(LwipcIsDone(nullptr), -1022);
 }
 
-TEST_F(ReportsTest, SettingsRegistrationsAreToldApartByKeyAndCallback) {
+TEST_F(ReportsTest, KeyAndCallbackTogetherNameASettingsRegistration) {
     Listener& one = NewListener("one ");
     Listener& two = NewListener("two ");
     Listener& three = NewListener("three ");
@@ -554,7 +557,7 @@ TEST_F(ReportsTest, SettingsRegistrationsAreToldApartByKeyAndCallback) {
     HearKey(OTHER, three);
     EXPECT_EQ(vconf_set_int(KEY, 1), 0);
     EXPECT_THAT(ear.Heard(), ElementsAre("one 1", "two 1"));
-    HearKey(KEY, three);  // instead of `one`, in its place
+    HearKey(KEY, three);  // replaces `one` and keeps its place
     EXPECT_EQ(vconf_set_int(KEY, 2), 0);
     EXPECT_THAT(ear.Heard(), ElementsAre("one 1", "two 1", "three 2", "two 2"));
     EXPECT_EQ(vconf_ignore_key_changed(KEY, OnKey), 0);
@@ -584,8 +587,9 @@ TEST_F(ReportsTest, RemovalWaitsForAReportInFlightOnAnotherThread) {
         std::atomic<bool> returned = false;
         listener.act = [&] {
             running.count_down();
-            while (remover == 0 || !(removed || host_test::IsAsleep(remover)))
+            while (remover == 0 || !(removed || host_test::IsAsleep(remover))) {
                 std::this_thread::yield();
+            }
             returned = true;
         };
         add();
@@ -634,25 +638,25 @@ TEST_F(ReportsTest, ANewRegistrationDoesNotHearTheReportUnderWay) {
     EXPECT_THAT(ear.Heard(), ElementsAre("one 1", "one 2", "added 2"));
 }
 
-/** As the daemon does it when the route changes: on the platform thread, one speaker's registrations for
- * another's. */
+/** The daemon does it when the route changes: on the platform thread it replaces one speaker's
+ *  registrations by another's. */
 TEST_F(ReportsTest, ACallbackOnThePlatformThreadMayChangeRegistrationsOfOtherValues) {
     Listener& route = NewListener("route ");
-    Listener& other = NewListener("other ");
+    Listener& later = NewListener("later ");
     HearVolume(listener);
     route.act = [&] {
         EXPECT_EQ(audio_unregister_master_volume_changed_cb(), 0);
-        HearKey(OTHER, other);
+        HearKey(OTHER, later);
         EXPECT_EQ(vconf_set_int(OTHER, 1), 0);
     };
     ASSERT_EQ(sound_manager_set_speaker_changed_cb(OnNumber, &route), 0);
-    EXPECT_EQ(peer.Do("set-route 3"), "0");
-    EXPECT_EQ(peer.Do("set-volume 80"), "0");
+    EXPECT_EQ(other.Do("set-route 3"), "0");
+    EXPECT_EQ(other.Do("set-volume 80"), "0");
     Settle();
-    EXPECT_THAT(ear.Heard(), ElementsAre("route 3", "other 1"));
-    EXPECT_EQ(peer.Do("set-int memory/other 2"), "0");
+    EXPECT_THAT(ear.Heard(), ElementsAre("route 3", "later 1"));
+    EXPECT_EQ(other.Do("set-int memory/other 2"), "0");
     Settle();
-    EXPECT_THAT(ear.Heard(), ElementsAre("route 3", "other 1", "other 2"));
+    EXPECT_THAT(ear.Heard(), ElementsAre("route 3", "later 1", "later 2"));
     EXPECT_EQ(sound_manager_unset_speaker_changed_cb(), 0);
     EXPECT_EQ(sound_manager_set_speaker_selection(0), 0);
 }
@@ -671,13 +675,13 @@ TEST_F(ReportsTest, ACallbacksOwnWritesNest) {
         }
     };
     EXPECT_EQ(vconf_set_int(KEY, 1), 0);
-    // The report of 1 has become the older one: it does not go on to the second after the report of 2.
+    // The report of 1 ends with the first listener, because the report of 2 has overtaken it.
     EXPECT_THAT(ear.Heard(), ElementsAre("first 1", "90", "first 2", "second 2"));
     Settle();
     EXPECT_THAT(ear.Heard(), SizeIs(4));
 }
 
-/** Each call comes from another thread while this one holds the delivery lock and waits for it. */
+/** Another thread makes the calls while this one holds the delivery lock and waits for that thread. */
 TEST_F(ReportsTest, GainsLogAndReadsNeverTakeTheDeliveryLock) {
     fs::create_directories(tv / "sound/zones/1");
     WhileReporting([] {
@@ -718,14 +722,16 @@ TEST_F(ReportsTest, AStormOfWritesAndRegistrationsOnManyThreads) {
     };
     listener.act = count;
     Listener& key = NewListener("key ", count);
-    peer.Tell("volume-storm " + std::to_string(ROUNDS));
+    other.Tell("volume-storm " + std::to_string(ROUNDS));
     std::thread writer([&] {
-        for (int i = 0; i < ROUNDS; ++i)
+        for (int i = 0; i < ROUNDS; ++i) {
             EXPECT_EQ(audio_set_master_volume(i % 101, 0), 0);
+        }
     });
-    std::thread other([&] {
-        for (int i = 0; i < ROUNDS; ++i)
+    std::thread second([&] {
+        for (int i = 0; i < ROUNDS; ++i) {
             EXPECT_EQ(vconf_set_int(KEY, i), 0);
+        }
     });
     for (int i = 0; i < ROUNDS; ++i) {
         HearVolume(listener);
@@ -734,15 +740,15 @@ TEST_F(ReportsTest, AStormOfWritesAndRegistrationsOnManyThreads) {
         EXPECT_EQ(vconf_ignore_key_changed(KEY, OnKey), 0);
     }
     writer.join();
-    other.join();
-    EXPECT_EQ(peer.Answer(), "0");
+    second.join();
+    EXPECT_EQ(other.Answer(), "0");
 }
 
-// --- Watches on what does not exist yet, or no more
+// --- Watches on files and folders that come and go
 
 TEST_F(ReportsTest, AWatchMayBeSetBeforeTheFileAndItsFoldersExist) {
     HearKey("memory/later/deep/key", listener);
-    EXPECT_EQ(peer.Do("set-int memory/later/deep/key 1"), "0");
+    EXPECT_EQ(other.Do("set-int memory/later/deep/key 1"), "0");
     Settle();
     EXPECT_THAT(ear.Heard(), ElementsAre("1"));
     tv.Echo("settings/memory/later/deep/key", "2");
@@ -760,7 +766,7 @@ TEST_F(ReportsTest, AWatchSurvivesItsFolder) {
     HearKey(key, listener);
     for (int value = 2; value < 20; value += 2) {
         fs::remove_all(folder);
-        EXPECT_EQ(peer.Do("set-int " + key + ' ' + std::to_string(value)), "0");
+        EXPECT_EQ(other.Do("set-int " + key + ' ' + std::to_string(value)), "0");
         Settle();
         EXPECT_EQ(ear.Heard().back(), std::to_string(value));
         fs::rename(folder, tv / "settings/memory/away");
@@ -796,7 +802,7 @@ TEST_F(ReportsTest, TheFolderForDbMayBecomeALinkAndTheLinkMayLeadElsewhere) {
     HearKey("db/key", listener);
     fs::remove_all(tv / "settings/db");
     fs::create_directory_symlink(one.Path(), tv / "settings/db");
-    EXPECT_EQ(peer.Do("set-int db/key 1"), "0");
+    EXPECT_EQ(other.Do("set-int db/key 1"), "0");
     Settle();
     two.Echo("key", "2");
     fs::create_directory_symlink(two.Path(), tv / "settings/link");
@@ -815,7 +821,7 @@ TEST_F(ReportsTest, TheLinkForDbMayLeadToAFolderThatIsMadeLaterOrAnew) {
     fs::remove_all(tv / "settings/db");
     fs::create_directory_symlink(outside / "to/come", tv / "settings/db");
     HearKey("db/deep/key", listener);
-    EXPECT_LT(vconf_set_int("db/deep/key", 1), -1000);  // nobody but its owner makes that folder
+    EXPECT_LT(vconf_set_int("db/deep/key", 1), -1000);  // only its owner makes that folder
     for (const std::string value : {"1", "2"}) {
         outside.Echo("to/come/deep/key", value);
         Settle();
@@ -832,13 +838,13 @@ TEST_F(ReportsTest, TheLinkForDbMayLeadToAFolderThatIsMadeLaterOrAnew) {
 
 TEST_F(ReportsTest, TenThousandWritesEachByTwoProcessesAreAllReadable) {
     constexpr int WRITES = 10'000;
-    Peer watcher(tv);
+    OtherProcess watcher(tv);
     ASSERT_EQ(watcher.Do("hear volume"), "0");
-    Peer second(tv);
-    peer.Tell("volume-storm " + std::to_string(WRITES));
+    OtherProcess second(tv);
+    other.Tell("volume-storm " + std::to_string(WRITES));
     second.Tell("volume-storm " + std::to_string(WRITES));
     auto writers = std::async(std::launch::async, [&] {
-        EXPECT_EQ(peer.Answer(), "0");
+        EXPECT_EQ(other.Answer(), "0");
         EXPECT_EQ(second.Answer(), "0");
     });
     while (writers.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
@@ -849,18 +855,18 @@ TEST_F(ReportsTest, TenThousandWritesEachByTwoProcessesAreAllReadable) {
     int last = -1;
     ASSERT_EQ(audio_get_master_volume(&last), 0);
     ASSERT_EQ(watcher.Do("hear memory/end"), "0");
-    ASSERT_EQ(peer.Do("set-text memory/end " + std::to_string(getpid())), "0");
+    ASSERT_EQ(other.Do("set-text memory/end " + std::to_string(getpid())), "0");
     std::vector<std::string> reports;
-    do
+    do {
         reports.push_back(watcher.Report());
-    while (!reports.back().starts_with("memory/end"));
+    } while (!reports.back().starts_with("memory/end"));
     ASSERT_GE(reports.size(), 2U);
     EXPECT_EQ(reports[reports.size() - 2], "volume " + std::to_string(last) + " platform");
     EXPECT_THAT(watcher.Log(), IsEmpty());
     EXPECT_THAT(tv.Leftovers("audio"), IsEmpty());
 }
 
-/** Whether a queue like the platform's, on the same folder and not read, has overflowed. */
+/** Watches a folder like the platform but never reads: it shows when such a queue overflows. */
 class UnreadQueue {
 public:
     explicit UnreadQueue(const fs::path& folder) {
@@ -876,8 +882,9 @@ public:
         while ((size = read(m_inotify, buffer.data(), buffer.size())) > 0) {
             for (const char* at = buffer.data(); at < buffer.data() + size;) {
                 const auto& event = *reinterpret_cast<const inotify_event*>(at);
-                if ((event.mask & IN_Q_OVERFLOW) != 0)
+                if ((event.mask & IN_Q_OVERFLOW) != 0) {
                     return true;
+                }
                 at += sizeof(event) + event.len;
             }
         }
@@ -902,13 +909,13 @@ TEST_F(ReportsTest, AfterAnOverflowOfTheQueueEverythingIsReadAgain) {
     HearKey(OTHER, busy);
     HearKey(KEY, listener);
     HearVolume(listener);
-    ASSERT_EQ(peer.Do("set-int memory/other 1"), "0");
+    ASSERT_EQ(other.Do("set-int memory/other 1"), "0");
     running.wait();
-    const int writes = capacity / 2;  // of at least two notifications each
-    ASSERT_EQ(peer.Do("storm memory/noise " + std::to_string(writes) + " 1"), "0");
+    const int writes = capacity / 2;  // each causes at least two notifications
+    ASSERT_EQ(other.Do("storm memory/noise " + std::to_string(writes) + " 1"), "0");
     ASSERT_TRUE(queue.HasOverflowed());
-    ASSERT_EQ(peer.Do("set-text memory/key last"), "0");
-    ASSERT_EQ(peer.Do("set-volume 99"), "0");
+    ASSERT_EQ(other.Do("set-text memory/key last"), "0");
+    ASSERT_EQ(other.Do("set-volume 99"), "0");
     written.count_down();
     ear.WaitFor("last");
     ear.WaitFor("99");
@@ -919,15 +926,16 @@ TEST_F(ReportsTest, AfterAnOverflowOfTheQueueEverythingIsReadAgain) {
 
 TEST_F(ReportsTest, AnIdleProcessIsNeverWoken) {
     const Folder quiet;
-    Peer idle(quiet);
-    // With the first thread a sanitizer may start one of its own, which does wake up.
+    OtherProcess idle(quiet);
+    // A sanitizer may start a thread of its own with the first one, and that thread does wake up.
     ASSERT_EQ(idle.Do("start-and-end-a-thread"), "0");
     auto foreign = host_test::ContextSwitches(idle.Process());
     foreign.erase(idle.Process());
     const auto look = [&] {
         auto switches = host_test::ContextSwitches(idle.Process());
-        for (const auto& [thread, counters] : foreign)
+        for (const auto& [thread, counters] : foreign) {
             switches.erase(thread);
+        }
         return switches;
     };
     ASSERT_EQ(idle.Do("set-volume 30"), "0");
@@ -935,7 +943,7 @@ TEST_F(ReportsTest, AnIdleProcessIsNeverWoken) {
     ASSERT_EQ(idle.Do("hear volume"), "0");
     ASSERT_EQ(idle.Do("hear memory/key"), "0");
     ASSERT_EQ(idle.Do("set-volume 20"), "0");
-    // Until it has come to rest: its last answer may be out before it waits for the next line.
+    // Its last answer may be out before it waits for the next line: look until nothing changes.
     auto before = look();
     for (auto earlier = decltype(before)(); earlier != before; before = look()) {
         earlier = before;

@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-#include "Tv.h"
+#include "HostTest.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -22,13 +22,14 @@ namespace fs = std::filesystem;
 namespace host_test {
 namespace {
 
-/** In memory, as on a TV, where that is possible: the tests write much. */
+/** Makes the folder in memory if possible, as on a TV: the tests write much. */
 fs::path MakeFolder() {
     constexpr const char* MEMORY = "/dev/shm";
     std::string name =
         (access(MEMORY, W_OK) == 0 ? fs::path(MEMORY) : fs::temp_directory_path()) / "kavrel-host-XXXXXX";
-    if (mkdtemp(name.data()) == nullptr)
+    if (mkdtemp(name.data()) == nullptr) {
         throw std::system_error(errno, std::generic_category(), name);
+    }
     return name;
 }
 
@@ -42,23 +43,26 @@ std::string ReadAll(const fs::path& file) {
 std::vector<std::string> Lines(const std::string& text) {
     std::istringstream stream(text);
     std::vector<std::string> lines;
-    for (std::string line; std::getline(stream, line);)
+    for (std::string line; std::getline(stream, line);) {
         lines.push_back(line);
+    }
     return lines;
 }
 
-/** This process's environment without what the platform reads, then the given one. */
-std::vector<std::string> EnvironmentOf(const Folder& tv, const Peer::Environment& given) {
-    Peer::Environment set = given;
+/** This process's environment without the platform's variables, then the given ones. */
+std::vector<std::string> EnvironmentOf(const Folder& tv, const OtherProcess::Environment& given) {
+    OtherProcess::Environment set = given;
     set.try_emplace("KAVREL_TV_DIR", tv.Path());
     std::vector<std::string> all;
     for (char** entry = environ; *entry != nullptr; ++entry) {
         const std::string_view text = *entry;
-        if (!text.starts_with("KAVREL_") && !text.starts_with("JOURNAL_STREAM="))
+        if (!text.starts_with("KAVREL_") && !text.starts_with("JOURNAL_STREAM=")) {
             all.emplace_back(text);
+        }
     }
-    for (const auto& [name, value] : set)
+    for (const auto& [name, value] : set) {
         all.push_back(name + '=' + value);
+    }
     return all;
 }
 
@@ -76,8 +80,9 @@ void Folder::Put(std::string_view file, const std::string& content) const {
     std::ofstream stream(m_path / file);
     stream << content;
     stream.close();
-    if (!stream)
+    if (!stream) {
         throw std::runtime_error("cannot write " + std::string(file));
+    }
 }
 
 std::string Folder::Content(std::string_view file) const {
@@ -87,17 +92,19 @@ std::string Folder::Content(std::string_view file) const {
 std::set<std::string> Folder::Leftovers(std::string_view folder) const {
     std::set<std::string> names;
     for (const auto& entry : fs::directory_iterator(m_path / folder)) {
-        if (entry.path().filename().string().starts_with('.'))
+        if (entry.path().filename().string().starts_with('.')) {
             names.insert(entry.path().filename());
+        }
     }
     return names;
 }
 
-Peer::Peer(const Folder& tv, const Environment& environment, int errorStream) {
+OtherProcess::OtherProcess(const Folder& tv, const Environment& environment, int errorStream) {
     std::array<int, 2> in{};
     std::array<int, 2> out{};
-    if (pipe2(in.data(), O_CLOEXEC) != 0 || pipe2(out.data(), O_CLOEXEC) != 0)
+    if (pipe2(in.data(), O_CLOEXEC) != 0 || pipe2(out.data(), O_CLOEXEC) != 0) {
         throw std::system_error(errno, std::generic_category(), "pipe");
+    }
     m_in = in[1];
     m_out = out[0];
 
@@ -106,82 +113,90 @@ Peer::Peer(const Folder& tv, const Environment& environment, int errorStream) {
     posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
     posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
     const std::string log = m_own / "log";
-    if (errorStream < 0)
+    if (errorStream < 0) {
         posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, log.c_str(), O_WRONLY | O_CREAT, 0600);
-    else
+    } else {
         posix_spawn_file_actions_adddup2(&actions, errorStream, STDERR_FILENO);
+    }
 
-    std::string program = HOST_PEER;
+    std::string program = HOST_OTHER_PROCESS;
     std::array<char*, 2> arguments = {program.data(), nullptr};
     std::vector<std::string> variables = EnvironmentOf(tv, environment);
     std::vector<char*> pointers;
-    for (std::string& variable : variables)
+    for (std::string& variable : variables) {
         pointers.push_back(variable.data());
+    }
     pointers.push_back(nullptr);
     const int error =
         posix_spawn(&m_process, program.c_str(), &actions, nullptr, arguments.data(), pointers.data());
     posix_spawn_file_actions_destroy(&actions);
     close(in[0]);
     close(out[1]);
-    if (error != 0)
+    if (error != 0) {
         throw std::system_error(error, std::generic_category(), program);
+    }
 }
 
-Peer::~Peer() {
+OtherProcess::~OtherProcess() {
     close(m_in);
     close(m_out);
-    if (m_process < 0)
+    if (m_process < 0) {
         return;
+    }
     int status = 0;
     waitpid(m_process, &status, 0);
     EXPECT_EQ(status, 0) << ReadAll(m_own / "log");
 }
 
-std::string Peer::Do(const std::string& line) {
+std::string OtherProcess::Do(const std::string& line) {
     Tell(line);
     return Answer();
 }
 
-void Peer::Tell(const std::string& line) const {
+void OtherProcess::Tell(const std::string& line) const {
     const std::string text = line + '\n';
-    if (write(m_in, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
-        throw std::runtime_error("the peer hears nothing");
+    if (write(m_in, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+        throw std::runtime_error("the other hears nothing");
+    }
 }
 
-std::string Peer::Answer() {
+std::string OtherProcess::Answer() {
     for (;;) {
         const std::string line = Line();
-        if (line.starts_with("= "))
+        if (line.starts_with("= ")) {
             return line.substr(2);
+        }
         m_reports.push_back(line.substr(2));
     }
 }
 
-std::string Peer::Report() {
-    if (m_reports.empty())
+std::string OtherProcess::Report() {
+    if (m_reports.empty()) {
         return Line().substr(2);
+    }
     const std::string report = m_reports.front();
     m_reports.pop_front();
     return report;
 }
 
-void Peer::Kill() {
+void OtherProcess::Kill() {
     kill(m_process, SIGKILL);
     waitpid(m_process, nullptr, 0);
     m_process = -1;
 }
 
-std::vector<std::string> Peer::Log() const {
+std::vector<std::string> OtherProcess::Log() const {
     return Lines(ReadAll(m_own / "log"));
 }
 
-std::string Peer::Line() {
+std::string OtherProcess::Line() {
     std::size_t end = 0;
     while ((end = m_read.find('\n')) == std::string::npos) {
         std::array<char, 4096> chunk;
         const ssize_t count = read(m_out, chunk.data(), chunk.size());
-        if (count <= 0)
-            throw std::runtime_error("the peer has ended:\n" + ReadAll(m_own / "log"));
+        if (count <= 0) {
+            throw std::runtime_error("the other has ended:\n" + ReadAll(m_own / "log"));
+        }
         m_read.append(chunk.data(), static_cast<std::size_t>(count));
     }
     const std::string line = m_read.substr(0, end);
@@ -228,8 +243,9 @@ std::map<int, std::string> ContextSwitches(pid_t process) {
     for (const auto& task : fs::directory_iterator("/proc/" + std::to_string(process) + "/task")) {
         std::string& counters = switches[std::stoi(task.path().filename())];
         for (const std::string& line : Lines(ReadAll(task.path() / "status"))) {
-            if (line.find("ctxt_switches") != std::string::npos)
+            if (line.find("ctxt_switches") != std::string::npos) {
                 counters += line + '\n';
+            }
         }
     }
     return switches;

@@ -1,9 +1,9 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
 /**
- * Another process on the same TV, which does what its standard input says. Each line is answered by one that
- * begins with "= "; a report is told by a line "! WHAT VALUE own" or "... platform", by the thread it came
- * on.
+ * Another process on the same TV, which does what its standard input says. It answers each line by a line
+ * that begins with "= ". For a report it writes "! NAME VALUE own" or "! NAME VALUE platform", which names the
+ * thread of the report.
  */
 #include <audio_control.h>
 #include <audio_hal.h>
@@ -32,24 +32,26 @@
 
 namespace {
 
-/** One write each: reports come from several threads. */
+/** Writes the line with one call: several threads report. */
 void Say(const std::string& line) {
     const std::string text = line + '\n';
-    if (write(STDOUT_FILENO, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+    if (write(STDOUT_FILENO, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
         std::_Exit(EXIT_FAILURE);
+    }
 }
 
 void Report(const std::string& what) {
     Say("! " + what + (gettid() == getpid() ? " own" : " platform"));
 }
 
-/** "RESULT" or, of a success, "0 VALUE". */
+/** "RESULT"; "0 VALUE" after a success. */
 template <typename Value>
 std::string Answer(int result, const Value& value) {
     std::ostringstream text;
     text << result;
-    if (result == 0)
+    if (result == 0) {
         text << ' ' << value;
+    }
     return text.str();
 }
 
@@ -82,33 +84,37 @@ int HearKey(const std::string& key) {
 }
 
 int Hear(const std::string& what) {
-    if (what == "volume")
+    if (what == "volume") {
         return audio_register_master_volume_changed_cb(
             [](unsigned int value, void*) { Report("volume " + std::to_string(value)); }, nullptr);
-    if (what == "route")
+    }
+    if (what == "route") {
         return sound_manager_set_speaker_changed_cb(
             [](int route, void*) { Report("route " + std::to_string(route)); }, nullptr);
+    }
     return HearKey(what);
 }
 
-/** Writes texts of one letter, another one each time, so that a mixture of two can be told. 0: for ever. */
+/** Writes `count` texts (0: without end), each of another letter, so that a mixture of two shows. */
 int Storm(const std::string& key, int count, int size) {
     int result = 0;
-    for (int i = 0; result == 0 && (i < count || count == 0); ++i)
+    for (int i = 0; result == 0 && (i < count || count == 0); ++i) {
         result = vconf_set_str(
             key.c_str(),
             std::string(static_cast<std::size_t>(size), static_cast<char>('a' + i % 26)).c_str());
+    }
     return result;
 }
 
 int VolumeStorm(int count) {
     int result = 0;
-    for (int i = 0; result == 0 && i < count; ++i)
+    for (int i = 0; result == 0 && i < count; ++i) {
         result = audio_set_master_volume(i % 101, 0);
+    }
     return result;
 }
 
-/** So that the rights on files count for root too. */
+/** Makes the rights on files apply to root too. */
 int DropCapabilities() {
     __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
     __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3] = {};
@@ -126,10 +132,10 @@ int PipePending() {
     return sigismember(&pending, SIGPIPE);
 }
 
-/** An argument that the format must never reach. */
+/** Logs with an argument that ends the process if it is formatted. */
 int LogUnreadable(int priority) {
     const auto* const nowhere = reinterpret_cast<const char*>(std::uintptr_t{1});
-    return __dlog_print(priority, "Peer", "%s\n", nowhere);
+    return __dlog_print(priority, "OtherProcess", "%s\n", nowhere);
 }
 
 std::string Word(std::istream& words) {
@@ -231,12 +237,14 @@ const std::map<std::string, Command>& Commands() {
         {"log",
          [](std::istream& words) {
              const int priority = Number(words);
-             return std::to_string(__dlog_print(priority, "Peer", "%s\n", Rest(words).c_str()));
+             return std::to_string(__dlog_print(priority, "OtherProcess", "%s\n", Rest(words).c_str()));
          }},
-        {"log-lines", Does([](int priority) { return __dlog_print(priority, "Peer", "one\ntwo\n"); })},
-        {"log-unended", Does([](int priority) { return __dlog_print(priority, "Peer", "no newline"); })},
+        {"log-lines",
+         Does([](int priority) { return __dlog_print(priority, "OtherProcess", "one\ntwo\n"); })},
+        {"log-unended",
+         Does([](int priority) { return __dlog_print(priority, "OtherProcess", "no newline"); })},
         {"log-long", Does([](int size) {
-             return __dlog_print(DLOG_INFO, "Peer", "%s\n",
+             return __dlog_print(DLOG_INFO, "OtherProcess", "%s\n",
                                  std::string(static_cast<std::size_t>(size), 'x').c_str());
          })},
         {"log-unreadable", Does(LogUnreadable)},

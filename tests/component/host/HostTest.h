@@ -1,8 +1,8 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-/** What the tests of the host platform share: a TV directory, other processes on it, and an ear. */
-#ifndef KAVREL_TESTS_HOST_TV_H
-#define KAVREL_TESTS_HOST_TV_H
+/** Tools for the tests of the host platform: a TV directory, other processes on it, and an ear. */
+#ifndef KAVREL_TESTS_HOST_HOSTTEST_H
+#define KAVREL_TESTS_HOST_HOSTTEST_H
 
 #include <sys/types.h>
 
@@ -21,7 +21,7 @@
 
 namespace host_test {
 
-/** A folder of its own below the system's temporary one, removed at the end. */
+/** A new folder in memory or, without such, below the system's temporary one. Removed at the end. */
 class Folder {
 public:
     Folder();
@@ -32,7 +32,7 @@ public:
     const std::filesystem::path& Path() const { return m_path; }
     std::filesystem::path operator/(std::string_view name) const { return m_path / name; }
 
-    /** As `echo` does it: in place, with a newline. Makes missing folders. */
+    /** Writes like `echo`: in place, with a newline. Makes missing folders. */
     void Echo(std::string_view file, const std::string& text) const { Put(file, text + '\n'); }
     void Put(std::string_view file, const std::string& content) const;
     std::string Content(std::string_view file) const;
@@ -43,23 +43,23 @@ private:
     const std::filesystem::path m_path;
 };
 
-/** Another process on a TV directory: see peer.cpp for what it can be told. */
-class Peer {
+/** Another process on a TV directory. other_process.cpp lists the lines that it understands. */
+class OtherProcess {
 public:
     using Environment = std::map<std::string, std::string>;
 
-    /** @param errorStream its standard error, which stays the caller's; -1: a file, see Log() */
-    explicit Peer(const Folder& tv, const Environment& environment = {}, int errorStream = -1);
-    /** Ends it, waits, and fails the test if it did not end well by itself. */
-    ~Peer();
-    Peer(const Peer&) = delete;
-    Peer& operator=(const Peer&) = delete;
+    /** @param errorStream standard error of the process, still the caller's to close; -1: a file, see Log() */
+    explicit OtherProcess(const Folder& tv, const Environment& environment = {}, int errorStream = -1);
+    /** Closes its input, waits for its end, and fails the test unless its status is 0. */
+    ~OtherProcess();
+    OtherProcess(const OtherProcess&) = delete;
+    OtherProcess& operator=(const OtherProcess&) = delete;
 
-    /** The answer to the line. Reports that come before it are kept. */
+    /** Sends the line and waits for the answer. Keeps the reports that come before it. */
     std::string Do(const std::string& line);
     void Tell(const std::string& line) const;
     std::string Answer();
-    /** The next report, which is waited for. */
+    /** Waits for the next report. */
     std::string Report();
     std::deque<std::string> TakeReports() { return std::exchange(m_reports, {}); }
 
@@ -78,7 +78,7 @@ private:
     std::deque<std::string> m_reports;
 };
 
-/** What callbacks were told, in order, from any thread. */
+/** Collects what callbacks hear, in order, from any thread. */
 class Ear {
 public:
     void Hear(const std::string& text);
@@ -95,10 +95,10 @@ private:
     std::vector<std::thread::id> m_threads;
 };
 
-/** Whether the thread of this process sleeps: in a lock, since that is all it can be waiting for. */
+/** Whether a thread of this process sleeps. The test lets it wait for nothing but a lock. */
 bool IsAsleep(pid_t thread);
 
-/** Of all threads of a process, by id: how often each has been switched to or from. */
+/** How often each thread of a process, by id, has been switched to or from. */
 std::map<int, std::string> ContextSwitches(pid_t process);
 
 }  // namespace host_test
