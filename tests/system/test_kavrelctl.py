@@ -400,7 +400,9 @@ def test_timeout_of_zero_is_none(stopped, ctl):
     assert view.wait() == DONE
 
 
-# Wrong usage: told without asking anybody
+# Wrong usage: reported without a call
+
+NO_VOLUME = "VOLUME: {} is not N, +N or -N with N from 0 to 2147483647; see kavrelctl volume --help"
 
 
 @pytest.mark.parametrize("arguments, complaint", [
@@ -410,54 +412,61 @@ def test_timeout_of_zero_is_none(stopped, ctl):
     (["status", "x"], 'unexpected argument "x"; see kavrelctl status --help'),
     (["status", "--bogus"], 'unexpected argument "--bogus"; see kavrelctl status --help'),
     (["support", "volume"], 'unexpected argument "volume"; see kavrelctl support --help'),
-    (["volume", "loud"], 'VOLUME must be N, +N or -N, not "loud"; see kavrelctl volume --help'),
-    (["volume", ""], 'VOLUME must be N, +N or -N, not ""; see kavrelctl volume --help'),
-    (["volume", "+"], 'VOLUME must be N, +N or -N, not "+"; see kavrelctl volume --help'),
-    (["volume", "+-5"], 'VOLUME must be N, +N or -N, not "+-5"; see kavrelctl volume --help'),
-    (["volume", "-5x"], 'VOLUME must be N, +N or -N, not "-5x"; see kavrelctl volume --help'),
-    (["volume", "0x10"], 'VOLUME must be N, +N or -N, not "0x10"; see kavrelctl volume --help'),
-    (["volume", " 5"], 'VOLUME must be N, +N or -N, not " 5"; see kavrelctl volume --help'),
-    (["volume", "2147483648"], 'N of VOLUME must be a whole number from 0 to 2147483647, not "2147483648"; '
-                               'see kavrelctl volume --help'),
+    (["volume", "loud"], NO_VOLUME.format('"loud"')),
+    (["volume", ""], NO_VOLUME.format('""')),
+    (["volume", "+"], NO_VOLUME.format('"+"')),
+    (["volume", "+-5"], NO_VOLUME.format('"+-5"')),
+    (["volume", "-5x"], NO_VOLUME.format('"-5x"')),
+    (["volume", "0x10"], NO_VOLUME.format('"0x10"')),
+    (["volume", " 5"], NO_VOLUME.format('" 5"')),
+    (["volume", "2147483648"], NO_VOLUME.format('"2147483648"')),
+    (["volume", "loud", "--bogus"], NO_VOLUME.format('"loud"')),
     (["volume", "5", "6"], 'unexpected argument "6"; see kavrelctl volume --help'),
-    (["mute", "maybe"], 'STATE must be on, off or toggle, not "maybe"; see kavrelctl mute --help'),
-    (["mute", ""], 'STATE must be on, off or toggle, not ""; see kavrelctl mute --help'),
+    (["mute", "maybe"], 'STATE: "maybe" is not one of on, off, toggle; see kavrelctl mute --help'),
+    (["mute", ""], 'STATE: "" is not one of on, off, toggle; see kavrelctl mute --help'),
     (["fade"], "SOURCE is required; see kavrelctl fade --help"),
-    (["fade", "pulse"], 'SOURCE must be player or unmute, not "pulse"; see kavrelctl fade --help'),
-    (["fade", "player", "left"], 'OUTPUT must be main, sub or both, not "left"; see kavrelctl fade --help'),
+    (["fade", "pulse"], 'SOURCE: "pulse" is not one of player, unmute; see kavrelctl fade --help'),
+    (["fade", "player", "left"], 'OUTPUT: "left" is not one of main, sub, both; see kavrelctl fade --help'),
     (["gain"], "a command is missing; see kavrelctl gain --help"),
     (["gain", "set"], 'unexpected argument "set"; see kavrelctl gain --help'),
-    (["gain", "reset", "left"], 'OUTPUT must be main, sub or both, not "left"; see kavrelctl gain reset --help'),
+    (["gain", "reset", "left"], 'OUTPUT: "left" is not one of main, sub, both; see kavrelctl gain reset --help'),
     (["gain", "on-mute"], "GAIN is required; see kavrelctl gain on-mute --help"),
-    (["gain", "on-mute", "101"], 'GAIN must be a whole number from 0 to 100, not "101"; '
+    (["gain", "on-mute", "101"], 'GAIN: "101" is not a whole number from 0 to 100; '
                                  'see kavrelctl gain on-mute --help'),
-    (["gain", "on-mute", "-1"], 'GAIN must be a whole number from 0 to 100, not "-1"; '
+    (["gain", "on-mute", "-1"], 'GAIN: "-1" is not a whole number from 0 to 100; '
                                 'see kavrelctl gain on-mute --help'),
-    (["gain", "on-mute", "1.5"], 'GAIN must be a whole number from 0 to 100, not "1.5"; '
+    (["gain", "on-mute", "1.5"], 'GAIN: "1.5" is not a whole number from 0 to 100; '
                                  'see kavrelctl gain on-mute --help'),
     (["pulse", "20"], "MS is required; see kavrelctl pulse --help"),
-    (["pulse", "101", "5"], 'GAIN must be a whole number from 0 to 100, not "101"; see kavrelctl pulse --help'),
-    (["pulse", "5", "-1"], 'MS must be a whole number from 0 to 2147483647, not "-1"; see kavrelctl pulse --help'),
+    (["pulse", "101", "5"], 'GAIN: "101" is not a whole number from 0 to 100; see kavrelctl pulse --help'),
+    (["pulse", "5", "-1"], 'MS: "-1" is not a whole number from 0 to 2147483647; see kavrelctl pulse --help'),
     (["buds"], "EVENT is required; see kavrelctl buds --help"),
-    (["buds", "lost"], 'EVENT must be connected or disconnected, not "lost"; see kavrelctl buds --help'),
-    (["buds", "connected", "x"], 'REASON must be a whole number of 32 bits, not "x"; see kavrelctl buds --help'),
+    (["buds", "lost"], 'EVENT: "lost" is not one of connected, disconnected; see kavrelctl buds --help'),
+    (["buds", "connected", "x"], 'REASON: "x" is not a whole number of 32 bits; see kavrelctl buds --help'),
     (["speaker-gone", "4"], "NAME is required; see kavrelctl speaker-gone --help"),
-    (["speaker-gone", "hdmi", "x"], 'TYPE must be a whole number of 32 bits, not "hdmi"; '
+    (["speaker-gone", "hdmi", "x"], 'TYPE: "hdmi" is not a whole number of 32 bits; '
                                     'see kavrelctl speaker-gone --help'),
-    (["speaker-gone", "4", b"\xff"], 'NAME must be UTF-8 text, not "?"; see kavrelctl speaker-gone --help'),
+    (["speaker-gone", "4", b"\xff"], 'NAME: "?" is not UTF-8 text; see kavrelctl speaker-gone --help'),
     (["wait", "x"], 'unexpected argument "x"; see kavrelctl wait --help'),
     (["monitor", "--color"], 'unexpected argument "--color"; see kavrelctl monitor --help'),
-    (["status", "--timeout", "-1"], 'SECONDS must be a number from 0 to 1000000, not "-1"; '
+    (["status", "--timeout", "-1"], '--timeout: "-1" is not a number from 0 to 1000000; '
                                     'see kavrelctl status --help'),
-    (["status", "--timeout", "nan"], 'SECONDS must be a number from 0 to 1000000, not "nan"; '
+    (["status", "--timeout", "nan"], '--timeout: "nan" is not a number from 0 to 1000000; '
                                      'see kavrelctl status --help'),
-    (["status", "--timeout", ""], 'SECONDS must be a number from 0 to 1000000, not ""; '
+    (["status", "--timeout", ""], '--timeout: "" is not a number from 0 to 1000000; '
                                   'see kavrelctl status --help'),
     (["wait", "--timeout"], "--timeout: 1 required SECONDS missing; see kavrelctl wait --help"),
     (["status", "a\nb\x1b"], 'unexpected argument "a?b?"; see kavrelctl status --help'),
 ])
 def test_wrong_usage(ctl, arguments, complaint):
     assert ctl.fails(USAGE, *arguments) == complaint
+
+
+def test_numbers_are_decimal(daemon, ctl, client):
+    ctl("volume", "010")
+    assert client.get_volume() == (10, 0)
+    ctl("gain", "on-mute", "010")
+    assert heard(daemon, client, "Apply GainOnMute") == ["Apply GainOnMute path:3 gain:10"]
 
 
 # Help
@@ -472,6 +481,11 @@ def test_help_fits_the_terminal_and_has_an_example(ctl, page):
     text = help_of(ctl, page)
     assert [line for line in text.splitlines() if len(line) > 80] == []
     assert re.search(rf"^  {' '.join(['kavrelctl', *page])}\b", text.split("Example")[1], re.MULTILINE)
+
+
+def test_help_is_shown_whatever_else_is_wrong(ctl):
+    assert ctl("volume", "loud", "--help") == help_of(ctl, ["volume"])
+    assert ctl("--help", "gain", "on-mute", "101") == help_of(ctl, ["gain", "on-mute"])
 
 
 def test_help_names_every_command(ctl):

@@ -8,6 +8,7 @@
 #include <array>
 #include <charconv>
 #include <csignal>
+#include <optional>
 #include <sstream>
 #include <utility>
 
@@ -46,10 +47,23 @@ public:
     std::string make_option_opts(const CLI::Option* option) const override {
         return option->get_positional() || option->get_type_size() == 0 ? "" : " " + option->get_type_name();
     }
+
+    /** Puts the words that OneOf() lists in front: CLI11 appends them to the type as "TEXT:on|off". */
+    std::string make_option_desc(const CLI::Option* option) const override {
+        const std::string type = option->get_type_name();
+        const size_t colon = type.find(':');
+        const std::string words = colon == std::string::npos ? "" : type.substr(colon + 1);
+        const std::string& description = option->get_description();
+        return words + (words.empty() || description.empty() ? "" : "; ") + description;
+    }
 };
 
-std::string Quoted(std::string_view text) {
-    return "\"" + Printable(text) + "\"";
+template <typename Number>
+std::optional<Number> Parsed(const std::string& text) {
+    Number number{};
+    const char* end = text.data() + text.size();
+    const auto read = std::from_chars(text.data(), end, number);
+    return read.ec == std::errc() && read.ptr == end ? std::optional(number) : std::nullopt;
 }
 
 /** Without an exponent. */
@@ -60,12 +74,8 @@ std::string InFull(double number) {
 }
 
 std::string AsFooter(const std::string& examples) {
-    std::string footer = examples.find('\n') == std::string::npos ? "Example:\n  " : "Examples:\n  ";
-    for (const char character : examples) {
-        footer += character;
-        footer += character == '\n' ? "  " : "";
-    }
-    return footer;
+    const bool isOne = examples.find('\n') == std::string::npos;
+    return (isOne ? "Example:\n  " : "Examples:\n  ") + CLI::detail::find_and_replace(examples, "\n", "\n  ");
 }
 
 std::string InOneLine(std::string text) {
@@ -133,7 +143,11 @@ int CommandLine::ParseAndAct(int argc, char** argv) {
         Print(page.str());
         return EXIT_DONE;
     } catch (const CLI::ParseError& error) {
-        throw UsageError(Explained(error));
+        if (!HelpIsAsked()) {
+            throw UsageError(Explained(error));
+        }
+        Print(m_app.help());
+        return EXIT_DONE;
     }
     if (!m_action) {
         throw UsageError("a command is missing");
@@ -141,12 +155,27 @@ int CommandLine::ParseAndAct(int argc, char** argv) {
     return m_action();
 }
 
-std::string CommandLine::CommandPath() const {
-    std::string path = m_app.get_name();
-    for (auto parsed = m_app.get_subcommands(); !parsed.empty(); parsed = parsed.back()->get_subcommands()) {
-        path += " " + parsed.back()->get_name();
+std::vector<const CLI::App*> CommandLine::Given() const {
+    std::vector<const CLI::App*> given = {&m_app};
+    for (auto next = m_app.get_subcommands(); !next.empty(); next = next.back()->get_subcommands()) {
+        given.push_back(next.back());
     }
-    return path;
+    return given;
+}
+
+/** A wrong argument ends CLI11's parsing before it looks at --help. */
+bool CommandLine::HelpIsAsked() const {
+    const auto given = Given();
+    return std::any_of(given.begin(), given.end(),
+                       [](const CLI::App* app) { return app->get_help_ptr()->count() > 0; });
+}
+
+std::string CommandLine::CommandPath() const {
+    std::vector<std::string> names;
+    for (const CLI::App* app : Given()) {
+        names.push_back(app->get_name());
+    }
+    return Joined(names);
 }
 
 std::string CommandLine::Explained(const CLI::ParseError& error) const {
@@ -156,6 +185,54 @@ std::string CommandLine::Explained(const CLI::ParseError& error) const {
         return (isCommand ? "no such command: " : "unexpected argument ") + Quoted(unexpected.front());
     }
     return InOneLine(error.what());
+}
+
+CLI::Validator WholeNumber(int least, int most) {
+    const bool isAny = least == std::numeric_limits<int>::min() && most == std::numeric_limits<int>::max();
+    const std::string range =
+        isAny ? "of 32 bits" : "from " + std::to_string(least) + " to " + std::to_string(most);
+    const auto check = [=](std::string& text) -> std::string {
+        const auto number = Parsed<int>(text);
+        if (!number || *number < least || *number > most) {
+            return Quoted(text) + " is not a whole number " + range;
+        }
+        text = std::to_string(*number);  // CLI11 would read "010" as an octal number
+        return {};
+    };
+    return {check, ""};
+}
+
+CLI::Validator DecimalNumber(double least, double most) {
+    const auto check = [=](const std::string& text) {
+        const auto number = Parsed<double>(text);
+        const bool isValid = number && *number >= least && *number <= most;
+        return isValid ? "" : Quoted(text) + " is not a number from " + InFull(least) + " to " + InFull(most);
+    };
+    return {check, ""};
+}
+
+CLI::Validator OneOf(const std::vector<std::pair<std::string, int>>& choices) {
+    std::vector<std::string> words;
+    for (const auto& [word, value] : choices) {
+        words.push_back(word);
+    }
+    const auto check = [=](std::string& text) -> std::string {
+        const auto chosen = std::find(words.begin(), words.end(), text);
+        if (chosen == words.end()) {
+            return Quoted(text) + " is not one of " + Joined(words, ", ");
+        }
+        text = std::to_string(choices[static_cast<size_t>(chosen - words.begin())].second);
+        return {};
+    };
+    return {check, Joined(words, "|")};
+}
+
+CLI::Validator Utf8Text() {
+    const auto check = [](const std::string& text) {
+        const bool isValid = g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr) == TRUE;
+        return isValid ? "" : Quoted(text) + " is not UTF-8 text";
+    };
+    return {check, ""};
 }
 
 int Number(std::string_view argument, const std::string& text, int least, int most) {

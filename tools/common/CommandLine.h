@@ -9,6 +9,8 @@
 #include <limits>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 namespace tools {
 
@@ -48,13 +50,28 @@ public:
 
 private:
     int ParseAndAct(int argc, char** argv);
-    /** The command as far as it was recognised: "kavrelctl gain reset". */
+    /** The tool and the commands that were recognised, the outermost first. */
+    std::vector<const CLI::App*> Given() const;
+    bool HelpIsAsked() const;
+    /** "kavrelctl gain reset". */
     std::string CommandPath() const;
     std::string Explained(const CLI::ParseError& error) const;
 
     CLI::App m_app;
     Action m_action;
 };
+
+// Validators for CLI::Option::transform(). What they accept, CLI11 can convert to the type of the argument.
+
+/** Accepts a whole number in decimal digits. */
+CLI::Validator WholeNumber(int least = std::numeric_limits<int>::min(),
+                           int most = std::numeric_limits<int>::max());
+/** Accepts a number, with or without decimals. */
+CLI::Validator DecimalNumber(double least, double most);
+/** Accepts one of the words, which the help shows, and stores its number in an int, bool or enum. */
+CLI::Validator OneOf(const std::vector<std::pair<std::string, int>>& choices);
+/** Accepts UTF-8, without which text cannot be sent over the bus. */
+CLI::Validator Utf8Text();
 
 /** The integer in a decimal text.
  *  @throws UsageError, which names the argument, if it is none or out of range */

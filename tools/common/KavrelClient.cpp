@@ -11,10 +11,18 @@
 
 namespace tools {
 
+/** Of a method call. */
+struct Destination {
+    const char* name;
+    const char* path;
+    const char* interface;
+};
+
 namespace {
 
 constexpr const char* BUS_NAME = "org.freedesktop.DBus";
-constexpr const char* BUS_PATH = "/org/freedesktop/DBus";
+constexpr Destination BUS = {BUS_NAME, "/org/freedesktop/DBus", BUS_NAME};
+constexpr Destination DAEMON = {KAVREL_NAME, KAVREL_PATH, KAVREL_INTERFACE};
 
 constexpr std::array<std::pair<Support, const char*>, 4> SUPPORT_WORDS = {{
     {READ_VOLUME, "read volume"},
@@ -52,7 +60,7 @@ std::string NotRunning() {
     return std::string("kavreld is not running: nobody on the bus owns ") + KAVREL_NAME;
 }
 
-ToolError AsToolError(const GError* error, KavrelClient::Timeout timeout) {
+ToolError AsToolError(const GError* error, Timeout timeout) {
     std::string line = "the call failed: " + Message(error);
     if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_SERVICE_UNKNOWN) ||
         g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER)) {
@@ -75,32 +83,23 @@ Reading AsReading(GVariant* reply) {
     return reading;
 }
 
-/** The end of a connection attempt: made, or failed. */
+/** Of one attempt to connect. */
 struct Attempt {
-    bool over = false;
+    GLibPtr<GCancellable> cancellable{g_cancellable_new()};
     GLibPtr<GDBusConnection> connection;
-    GLibError failure;
+    GLibError error;
+    bool isOver = false;
 
     static void OnEnd(GObject* /*source*/, GAsyncResult* result, void* data) {
         auto* attempt = static_cast<Attempt*>(data);
-        attempt->connection.reset(g_dbus_connection_new_for_address_finish(result, attempt->failure));
-        attempt->over = true;
+        attempt->connection.reset(g_dbus_connection_new_for_address_finish(result, attempt->error));
+        attempt->isOver = true;
+    }
+    static gboolean OnTimeout(void* attempt) {
+        g_cancellable_cancel(static_cast<Attempt*>(attempt)->cancellable.get());
+        return G_SOURCE_REMOVE;
     }
 };
-
-GLibPtr<GSource> CancelAfter(KavrelClient::Timeout timeout, GCancellable* cancellable) {
-    if (!timeout) {
-        return nullptr;
-    }
-    const auto cancel = [](void* data) -> gboolean {
-        g_cancellable_cancel(static_cast<GCancellable*>(data));
-        return G_SOURCE_REMOVE;
-    };
-    GLibPtr<GSource> timer(g_timeout_source_new(static_cast<guint>(timeout->count())));
-    g_source_set_callback(timer.get(), cancel, cancellable, nullptr);
-    g_source_attach(timer.get(), nullptr);
-    return timer;
-}
 
 }  // namespace
 
@@ -129,32 +128,43 @@ std::string StatusInWords(int status) {
     return std::string(StatusWords(status)) + " (" + std::to_string(status) + ")";
 }
 
-GLibPtr<GDBusConnection> ConnectToSystemBus(std::optional<std::chrono::milliseconds> timeout) {
-    GLibError noAddress;
-    const GLibPtr<char> address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, noAddress));
+GLibPtr<GDBusConnection> ConnectToSystemBus(Timeout timeout) {
+    GLibError error;
+    const GLibPtr<char> address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, error));
     if (address == nullptr) {
-        throw ToolError(EXIT_UNREACHABLE, "no system bus: " + Message(noAddress.Get()));
+        throw ToolError(EXIT_UNREACHABLE, "no system bus: " + Message(error.Get()));
     }
     const auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
-    const GLibPtr<GCancellable> cancellable(g_cancellable_new());
-    const auto timer = CancelAfter(timeout, cancellable.get());
     Attempt attempt;
-    g_dbus_connection_new_for_address(address.get(), flags, nullptr, cancellable.get(), Attempt::OnEnd,
-                                      &attempt);
-    while (!attempt.over) {
+    const GLibPtr<GSource> timer(g_timeout_source_new(timeout ? static_cast<guint>(timeout->count()) : 0));
+    g_source_set_callback(timer.get(), Attempt::OnTimeout, &attempt, nullptr);
+    if (timeout) {
+        g_source_attach(timer.get(), nullptr);
+    }
+    g_dbus_connection_new_for_address(address.get(), flags, nullptr, attempt.cancellable.get(),
+                                      Attempt::OnEnd, &attempt);
+    while (!attempt.isOver) {
         g_main_context_iteration(nullptr, TRUE);
     }
     if (attempt.connection == nullptr) {
-        const bool isLate = g_cancellable_is_cancelled(cancellable.get()) == TRUE;
+        const bool isLate = g_cancellable_is_cancelled(attempt.cancellable.get()) == TRUE;
         throw ToolError(EXIT_UNREACHABLE, isLate ? "no answer from the bus within " + Seconds(*timeout)
-                                                 : "no system bus: " + Message(attempt.failure.Get()));
+                                                 : "no system bus: " + Message(attempt.error.Get()));
     }
     g_dbus_connection_set_exit_on_close(attempt.connection.get(), FALSE);
     return std::move(attempt.connection);
 }
 
-/** A call under way, which keeps the client until its answer. */
+gulong EndWithBus(MainLoop& loop, GDBusConnection* connection) {
+    const auto onClosed = [](GDBusConnection*, gboolean, GError*, void* mainLoop) {
+        static_cast<MainLoop*>(mainLoop)->Guard(
+            [] { throw ToolError(EXIT_UNREACHABLE, "the bus has gone"); });
+    };
+    return g_signal_connect(connection, "closed", G_CALLBACK(+onClosed), &loop);
+}
+
+/** A call under way; the client waits for its end. */
 struct KavrelClient::LateAnswer {
     KavrelClient* client;
     Answered answered;
@@ -162,13 +172,13 @@ struct KavrelClient::LateAnswer {
     static void OnAnswer(GObject* connection, GAsyncResult* result, void* data) {
         const std::unique_ptr<LateAnswer> late(static_cast<LateAnswer*>(data));
         late->client->m_unanswered -= 1;
-        GLibError failure;
-        const Variant reply(g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, failure));
+        GLibError error;
+        const Variant reply(g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, error));
         if (g_cancellable_is_cancelled(late->client->m_cancellable.get())) {
             return;
         }
         if (reply == nullptr) {
-            late->answered({}, AsToolError(failure.Get(), late->client->m_timeout));
+            late->answered({}, AsToolError(error.Get(), late->client->m_timeout));
         } else {
             late->answered(AsReading(reply.get()), std::nullopt);
         }
@@ -179,10 +189,8 @@ KavrelClient::KavrelClient(Timeout timeout)
     : m_timeout(timeout), m_connection(ConnectToSystemBus(timeout)), m_cancellable(g_cancellable_new()) {}
 
 KavrelClient::~KavrelClient() {
-    for (const guint subscription : {m_signals, m_owners}) {
-        if (subscription != 0) {
-            g_dbus_connection_signal_unsubscribe(m_connection.get(), subscription);
-        }
+    for (const guint subscription : m_subscriptions) {
+        g_dbus_connection_signal_unsubscribe(m_connection.get(), subscription);
     }
     if (m_closed != 0) {
         g_signal_handler_disconnect(m_connection.get(), m_closed);
@@ -194,13 +202,12 @@ KavrelClient::~KavrelClient() {
 }
 
 Reading KavrelClient::Read(const char* method) const {
-    return AsReading(Call(KAVREL_NAME, KAVREL_PATH, KAVREL_INTERFACE, method, nullptr, "(ii)").get());
+    return AsReading(CallOrThrow(DAEMON, method, nullptr, "(ii)").get());
 }
 
 int KavrelClient::Command(const char* method, GVariant* arguments) const {
-    const Variant reply = Call(KAVREL_NAME, KAVREL_PATH, KAVREL_INTERFACE, method, arguments, "(i)");
     int status = 0;
-    g_variant_get(reply.get(), "(i)", &status);
+    g_variant_get(CallOrThrow(DAEMON, method, arguments, "(i)").get(), "(i)", &status);
     return status;
 }
 
@@ -215,25 +222,23 @@ void KavrelClient::ReadLater(const char* method, Answered answered) {
 void KavrelClient::Emit(const char* signal, GVariant* arguments) const {
     const Variant body(g_variant_ref_sink(arguments));
     RequireOwner();
-    GLibError failure;
+    GLibError error;
     if (!g_dbus_connection_emit_signal(m_connection.get(), nullptr, KAVREL_SIGNAL_PATH, KAVREL_INTERFACE,
-                                       signal, body.get(), failure)) {
-        ThrowAs(failure);
+                                       signal, body.get(), error)) {
+        throw AsToolError(error.Get(), m_timeout);
     }
-    // The bus takes messages in order: what it answers now, it has read after the signal.
-    CallBus("GetId", nullptr, "(s)");
+    // The bus takes messages in order: when it answers this call, it has the signal.
+    CallOrThrow(BUS, "GetId", nullptr, "(s)");
 }
 
 std::string KavrelClient::Owner() const {
-    GLibError failure;
-    const Variant reply(g_dbus_connection_call_sync(
-        m_connection.get(), BUS_NAME, BUS_PATH, BUS_NAME, "GetNameOwner", g_variant_new("(s)", KAVREL_NAME),
-        G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NONE, Milliseconds(), nullptr, failure));
+    GLibError error;
+    const Variant reply = Call(BUS, "GetNameOwner", g_variant_new("(s)", KAVREL_NAME), "(s)", error);
+    if (g_error_matches(error.Get(), G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER)) {
+        return {};
+    }
     if (reply == nullptr) {
-        if (g_error_matches(failure.Get(), G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER)) {
-            return {};
-        }
-        ThrowAs(failure);
+        throw AsToolError(error.Get(), m_timeout);
     }
     const char* owner = nullptr;
     g_variant_get(reply.get(), "(&s)", &owner);
@@ -249,10 +254,8 @@ std::string KavrelClient::RequireOwner() const {
 }
 
 std::optional<unsigned> KavrelClient::ProcessOf(const std::string& name) const {
-    const Variant reply(g_dbus_connection_call_sync(
-        m_connection.get(), BUS_NAME, BUS_PATH, BUS_NAME, "GetConnectionUnixProcessID",
-        g_variant_new("(s)", name.c_str()), G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, Milliseconds(),
-        nullptr, nullptr));
+    const Variant reply =
+        Call(BUS, "GetConnectionUnixProcessID", g_variant_new("(s)", name.c_str()), "(u)", nullptr);
     if (reply == nullptr) {
         return std::nullopt;
     }
@@ -267,9 +270,7 @@ void KavrelClient::OnSignal(Heard heard) {
                              const char* signal, GVariant* body, void* client) {
         static_cast<KavrelClient*>(client)->m_heard(sender, signal, body);
     };
-    m_signals =
-        g_dbus_connection_signal_subscribe(m_connection.get(), nullptr, KAVREL_INTERFACE, nullptr, nullptr,
-                                           nullptr, G_DBUS_SIGNAL_FLAGS_NONE, onSignal, this, nullptr);
+    Subscribe(nullptr, KAVREL_INTERFACE, nullptr, nullptr, onSignal);
 }
 
 void KavrelClient::OnOwnerChanged(Changed changed) {
@@ -280,37 +281,35 @@ void KavrelClient::OnOwnerChanged(Changed changed) {
         g_variant_get(body, "(&s&s&s)", nullptr, nullptr, &owner);
         static_cast<KavrelClient*>(client)->m_changed(owner);
     };
-    m_owners = g_dbus_connection_signal_subscribe(m_connection.get(), BUS_NAME, BUS_NAME, "NameOwnerChanged",
-                                                  BUS_PATH, KAVREL_NAME, G_DBUS_SIGNAL_FLAGS_NONE, onSignal,
-                                                  this, nullptr);
+    Subscribe(BUS_NAME, BUS_NAME, "NameOwnerChanged", KAVREL_NAME, onSignal);
 }
 
-void KavrelClient::OnBusGone(std::function<void()> gone) {
-    m_gone = std::move(gone);
-    const auto onClosed = [](GDBusConnection*, gboolean, GError*, void* client) {
-        static_cast<KavrelClient*>(client)->m_gone();
-    };
-    m_closed = g_signal_connect(m_connection.get(), "closed", G_CALLBACK(+onClosed), this);
+void KavrelClient::EndWithBus(MainLoop& loop) {
+    m_closed = tools::EndWithBus(loop, m_connection.get());
 }
 
-Variant KavrelClient::Call(const char* name, const char* path, const char* interface, const char* method,
-                           GVariant* arguments, const char* replyType) const {
-    GLibError failure;
-    Variant reply(g_dbus_connection_call_sync(m_connection.get(), name, path, interface, method, arguments,
-                                              G_VARIANT_TYPE(replyType), G_DBUS_CALL_FLAGS_NO_AUTO_START,
-                                              Milliseconds(), nullptr, failure));
+Variant KavrelClient::Call(const Destination& to, const char* method, GVariant* arguments,
+                           const char* replyType, GError** error) const {
+    return Variant(g_dbus_connection_call_sync(
+        m_connection.get(), to.name, to.path, to.interface, method, arguments, G_VARIANT_TYPE(replyType),
+        G_DBUS_CALL_FLAGS_NO_AUTO_START, Milliseconds(), nullptr, error));
+}
+
+Variant KavrelClient::CallOrThrow(const Destination& to, const char* method, GVariant* arguments,
+                                  const char* replyType) const {
+    GLibError error;
+    Variant reply = Call(to, method, arguments, replyType, error);
     if (reply == nullptr) {
-        ThrowAs(failure);
+        throw AsToolError(error.Get(), m_timeout);
     }
     return reply;
 }
 
-Variant KavrelClient::CallBus(const char* method, GVariant* arguments, const char* replyType) const {
-    return Call(BUS_NAME, BUS_PATH, BUS_NAME, method, arguments, replyType);
-}
-
-void KavrelClient::ThrowAs(const GLibError& failure) const {
-    throw AsToolError(failure.Get(), m_timeout);
+void KavrelClient::Subscribe(const char* sender, const char* interface, const char* signal, const char* name,
+                             GDBusSignalCallback callback) {
+    m_subscriptions.push_back(
+        g_dbus_connection_signal_subscribe(m_connection.get(), sender, interface, signal, nullptr, name,
+                                           G_DBUS_SIGNAL_FLAGS_NONE, callback, this, nullptr));
 }
 
 int KavrelClient::Milliseconds() const {

@@ -13,17 +13,18 @@
 
 #include "Errors.h"
 #include "GLibPtr.h"
+#include "MainLoop.h"
 
 namespace tools {
 
 inline constexpr const char* KAVREL_NAME = "org.olvane.kavrel";
 inline constexpr const char* KAVREL_INTERFACE = "org.olvane.kavrel";
-/** Where its methods are, and where its change signals come from. */
+/** Object path of the daemon's methods and of its change signals. */
 inline constexpr const char* KAVREL_PATH = "/Org/Olvane/KavrelInternal";
-/** Where it listens for signals, and where its requests to change the output come from. */
+/** Object path of the signals that the daemon listens to, and of its requests to change the output. */
 inline constexpr const char* KAVREL_SIGNAL_PATH = "/Org/Olvane/Kavrel";
 
-/** Bits of the support word: what the output in use can do. */
+/** Bits of the support word, each for one thing that the output in use can do. */
 enum Support : int { READ_VOLUME = 1, SET_VOLUME = 2, READ_MUTE = 4, SET_MUTE = 8 };
 
 /** "read volume", "set volume", ... */
@@ -35,26 +36,33 @@ std::string SupportInWords(int support);
 /** "failed or busy (-1)", "platform error (-1002)"; "done (0)" from 0 on. */
 std::string StatusInWords(int status);
 
-/** One connection of its own to the bus that GLib takes for the system bus (DBUS_SYSTEM_BUS_ADDRESS).
- *  @param timeout at most; nothing: no limit
- *  @throws ToolError if there is no bus, or it does not answer in time */
-GLibPtr<GDBusConnection> ConnectToSystemBus(std::optional<std::chrono::milliseconds> timeout);
+/** The longest wait for an answer; nothing: no limit. */
+using Timeout = std::optional<std::chrono::milliseconds>;
 
-/** The answer of a getter: the value counts if the status is not below 0. */
+/** Connects to the bus that GLib takes for the system bus (DBUS_SYSTEM_BUS_ADDRESS); the connection is not shared.
+ *  @throws ToolError if there is no bus, or it does not answer in time */
+GLibPtr<GDBusConnection> ConnectToSystemBus(Timeout timeout);
+/** Makes the loop end with a ToolError when the bus closes the connection.
+ *  @return the signal handler, to be disconnected before the loop ends */
+gulong EndWithBus(MainLoop& loop, GDBusConnection* connection);
+
+/** The answer of a getter: the value is valid if the status is not below 0. */
 struct Reading {
     int value = 0;
     int status = 0;
 };
 
+struct Destination;
+
 /**
- * The daemon, over a connection of its own. Whatever waits gives up after the timeout; nothing ever starts
- * the daemon. Callbacks come from the default main context and not after the object's end.
+ * A client of the daemon, over a connection of its own. Every wait ends after the timeout, and no call starts the
+ * daemon. The default main context runs the callbacks, and none of them after the object's end.
  */
 class KavrelClient {
 public:
-    using Timeout = std::optional<std::chrono::milliseconds>;
+    using Timeout = tools::Timeout;
 
-    /** @param timeout of each call; nothing: no limit
+    /** @param timeout of each call
      *  @throws ToolError if there is no bus, or it does not answer in time */
     explicit KavrelClient(Timeout timeout);
     ~KavrelClient();
@@ -63,58 +71,57 @@ public:
 
     GDBusConnection* Connection() const { return m_connection.get(); }
 
-    /** Calls a getter, "(ii)". @throws ToolError without an answer */
+    /** Calls a getter, which answers "(ii)". @throws ToolError without an answer */
     Reading Read(const char* method) const;
-    /** Calls a method that answers "(i)", its status. Consumes floating arguments. @throws ToolError without
-     * an answer */
+    /** Calls a method that answers "(i)", its status. Consumes floating arguments.
+     *  @throws ToolError without an answer */
     int Command(const char* method, GVariant* arguments) const;
 
-    /** Calls a getter and goes on; the callback gets the answer, or the error if there is none. */
+    /** Calls a getter without waiting; the callback gets the answer, or the error if there is none. */
     using Answered = std::function<void(const Reading&, const std::optional<ToolError>&)>;
     void ReadLater(const char* method, Answered answered);
 
-    /** Broadcasts one of the signals that the daemon listens to, and has handed it to the bus when it
-     * returns. Consumes floating arguments. @throws ToolError if nobody owns the daemon's name */
+    /** Broadcasts one of the signals that the daemon listens to; when it returns, the bus has the signal. Consumes
+     *  floating arguments. @throws ToolError if nobody owns the daemon's name */
     void Emit(const char* signal, GVariant* arguments) const;
 
-    /** The unique name of who owns the daemon's name; empty if nobody does.
+    /** The unique name of the owner of the daemon's name; empty if there is none.
      *  @throws ToolError without a bus */
     std::string Owner() const;
-    /** The same. @throws ToolError if nobody does, too */
+    /** The same. @throws ToolError if there is no owner, too */
     std::string RequireOwner() const;
     /** Process id of a connection to the bus; nothing if it has gone. */
     std::optional<unsigned> ProcessOf(const std::string& name) const;
 
-    /** Calls back with each signal of the daemon's interface, whoever sends it, until the object's end. */
+    /** Calls back with each signal of the daemon's interface, from every sender, until the object's end. */
     using Heard = std::function<void(const std::string& sender, const std::string& signal, GVariant* body)>;
     void OnSignal(Heard heard);
-    /**
-     * Calls back when the daemon's name changes hands; empty if
-     * nobody owns it now. Not for the present one.
-     */
+    /** Calls back when the owner of the daemon's name changes, with the new one: empty if there is none. */
     using Changed = std::function<void(const std::string& owner)>;
     void OnOwnerChanged(Changed changed);
-    /** Calls back when the connection to the bus has ended. */
-    void OnBusGone(std::function<void()> gone);
+    /** Makes the loop end with a ToolError when the bus closes the connection. */
+    void EndWithBus(MainLoop& loop);
 
 private:
     struct LateAnswer;
-    Variant Call(const char* name, const char* path, const char* interface, const char* method,
-                 GVariant* arguments, const char* replyType) const;
-    Variant CallBus(const char* method, GVariant* arguments, const char* replyType) const;
-    [[noreturn]] void ThrowAs(const GLibError& failure) const;
+    /** @return null and sets the error without an answer */
+    Variant Call(const Destination& to, const char* method, GVariant* arguments, const char* replyType,
+                 GError** error) const;
+    /** @throws ToolError without an answer */
+    Variant CallOrThrow(const Destination& to, const char* method, GVariant* arguments,
+                        const char* replyType) const;
+    void Subscribe(const char* sender, const char* interface, const char* signal, const char* name,
+                   GDBusSignalCallback callback);
     int Milliseconds() const;
 
     const Timeout m_timeout;
     GLibPtr<GDBusConnection> m_connection;
     GLibPtr<GCancellable> m_cancellable;
     int m_unanswered = 0;
-    guint m_signals = 0;
-    guint m_owners = 0;
+    std::vector<guint> m_subscriptions;
     gulong m_closed = 0;
     Heard m_heard;
     Changed m_changed;
-    std::function<void()> m_gone;
 };
 
 }  // namespace tools

@@ -103,4 +103,8 @@ std::string Printable(std::string_view text) {
     return printable;
 }
 
+std::string Quoted(std::string_view text) {
+    return "\"" + Printable(text) + "\"";
+}
+
 }  // namespace tools

@@ -37,6 +37,8 @@ std::string Joined(const std::vector<std::string>& parts, std::string_view betwe
 
 /** Text of others, fit for a terminal: every control character, and what is not UTF-8, as "?". */
 std::string Printable(std::string_view text);
+/** The same between double quotes. */
+std::string Quoted(std::string_view text);
 
 }  // namespace tools
 

@@ -19,7 +19,8 @@ namespace {
 
 constexpr const char* BUS_NAME = "org.freedesktop.DBus";
 
-/** The daemon's calls, their answers - an error may be the bus's own - and who joins and leaves the bus. */
+/** The daemon's calls, their answers and errors (some errors come from the bus), and connections that join or
+ *  leave the bus. */
 constexpr const char* RULES[] = {
     "type='method_call',destination='org.olvane.kavrel'",
     "type='method_return',sender='org.olvane.kavrel'",
@@ -27,9 +28,6 @@ constexpr const char* RULES[] = {
     "type='error',sender='org.freedesktop.DBus'",
     "type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged'",
 };
-
-/** Held by whoever touches what belongs to a filter: GLib's own hand-over is hidden from ThreadSanitizer. */
-constinit std::mutex filterData;
 
 std::string Text(const char* text) {
     return text == nullptr ? "" : text;
@@ -40,7 +38,8 @@ tools::Variant Body(GDBusMessage* message) {
     return tools::Variant(body == nullptr ? nullptr : g_variant_ref(body));
 }
 
-/** Of a process that has ended, and is still waited for, the name alone; empty if it has gone altogether. */
+/** Program and arguments; the name alone of a process that has ended and that its parent has not waited for yet;
+ *  empty if there is no such process. */
 std::vector<std::string> CommandOf(unsigned process) {
     const std::string folder = "/proc/" + std::to_string(process);
     std::vector<std::string> command;
@@ -59,12 +58,12 @@ std::vector<std::string> CommandOf(unsigned process) {
 
 struct CallWatch::Message {
     tools::GLibPtr<GDBusMessage> message;
-    tools::WallTime time;
-    /** Of the monotonic clock, in microseconds. */
-    std::int64_t moment;
+    tools::WallTime wallTime;
+    /** Microseconds of the monotonic clock. */
+    std::int64_t time;
 };
 
-/** Carries messages from the connection's thread to the main loop. */
+/** Takes messages from the connection's thread to the main loop. */
 struct CallWatch::Inbox {
     Inbox() : bell(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
         if (bell < 0) {
@@ -107,11 +106,7 @@ CallWatch::CallWatch(tools::MainLoop& loop, const tools::KavrelClient& client,
       m_inbox(std::make_shared<Inbox>()),
       m_mail(loop.WhenReadable(m_inbox->bell, [this] { TakeMessages(); })) {
     BecomeMonitor();
-    const auto onClosed = [](GDBusConnection*, gboolean, GError*, void* watch) {
-        static_cast<CallWatch*>(watch)->m_loop.Guard(
-            [] { throw tools::ToolError(tools::EXIT_UNREACHABLE, "the bus has gone"); });
-    };
-    m_closed = g_signal_connect(m_connection.get(), "closed", G_CALLBACK(+onClosed), this);
+    m_closed = tools::EndWithBus(loop, m_connection.get());
 }
 
 CallWatch::~CallWatch() {
@@ -120,27 +115,22 @@ CallWatch::~CallWatch() {
 }
 
 void CallWatch::BecomeMonitor() {
-    // When the filter is removed it may still be at work, on the connection's thread: it keeps the inbox
-    // alive itself.
-    std::unique_lock lock(filterData);
+    // The filter may still run on the connection's thread when it has been removed: it owns the inbox, too.
     auto inbox = std::make_unique<std::shared_ptr<Inbox>>(m_inbox);
-    lock.unlock();
     const auto release = [](void* data) {
-        const std::lock_guard releasing(filterData);
         const std::unique_ptr<std::shared_ptr<Inbox>> released(static_cast<std::shared_ptr<Inbox>*>(data));
     };
     m_filter = g_dbus_connection_add_filter(m_connection.get(), Filter, inbox.release(), release);
-    tools::GLibError failure;
+    tools::GLibError error;
     const int timeout = m_timeout ? static_cast<int>(m_timeout->count()) : G_MAXINT;
     const tools::Variant reply(g_dbus_connection_call_sync(
         m_connection.get(), BUS_NAME, "/org/freedesktop/DBus", "org.freedesktop.DBus.Monitoring",
         "BecomeMonitor", g_variant_new("(@asu)", g_variant_new_strv(RULES, std::size(RULES)), 0U), nullptr,
-        G_DBUS_CALL_FLAGS_NONE, timeout, nullptr, failure));
+        G_DBUS_CALL_FLAGS_NONE, timeout, nullptr, error));
     if (reply == nullptr) {
         g_dbus_connection_remove_filter(m_connection.get(), m_filter);
-        throw tools::ToolError(
-            tools::EXIT_UNREACHABLE,
-            std::string("the bus does not let this user see calls: ") + failure.Get()->message);
+        throw tools::ToolError(tools::EXIT_UNREACHABLE,
+                               std::string("the bus does not let this user see calls: ") + error->message);
     }
 }
 
@@ -150,12 +140,9 @@ GDBusMessage* CallWatch::Filter(GDBusConnection* connection, GDBusMessage* messa
     if (!isIncoming || to == g_dbus_connection_get_unique_name(connection)) {
         return message;
     }
-    // Not passed on: a call that is only overheard must not be answered.
-    std::unique_lock lock(filterData);
-    const auto keeper = *static_cast<std::shared_ptr<Inbox>*>(inbox);
-    lock.unlock();
-    keeper->Put({tools::GLibPtr<GDBusMessage>(message), tools::Now(), g_get_monotonic_time()});
-    return nullptr;
+    (*static_cast<std::shared_ptr<Inbox>*>(inbox))
+        ->Put({tools::GLibPtr<GDBusMessage>(message), tools::Now(), g_get_monotonic_time()});
+    return nullptr;  // so that GLib does not answer a call that is meant for the daemon
 }
 
 void CallWatch::TakeMessages() {
@@ -167,17 +154,14 @@ void CallWatch::TakeMessages() {
 void CallWatch::OnMessage(const Message& message) {
     switch (g_dbus_message_get_message_type(message.message.get())) {
         case G_DBUS_MESSAGE_TYPE_METHOD_CALL:
-            OnCall(message);
-            break;
+            return OnCall(message);
         case G_DBUS_MESSAGE_TYPE_METHOD_RETURN:
         case G_DBUS_MESSAGE_TYPE_ERROR:
-            OnReply(message);
-            break;
+            return OnReply(message);
         case G_DBUS_MESSAGE_TYPE_SIGNAL:
-            OnOwnerChanged(message);
-            break;
+            return OnOwnerChanged(message);
         default:
-            break;
+            return;
     }
 }
 
@@ -188,8 +172,8 @@ void CallWatch::OnCall(const Message& message) {
         return;
     }
     Pending pending;
-    pending.begin = message.moment;
-    pending.call.time = message.time;
+    pending.begin = message.time;
+    pending.call.time = message.wallTime;
     pending.call.caller = CallerOf(sender);
     pending.call.interface = Text(g_dbus_message_get_interface(raw));
     pending.call.method = Text(g_dbus_message_get_member(raw));
@@ -217,7 +201,7 @@ void CallWatch::OnReply(const Message& message) {
     const bool isError = g_dbus_message_get_message_type(raw) == G_DBUS_MESSAGE_TYPE_ERROR;
     found->second.call.answer = Body(raw);
     found->second.call.error = Text(g_dbus_message_get_error_name(raw));
-    Finish(key, isError ? Call::End::REFUSED : Call::End::ANSWERED, message.moment);
+    Finish(key, isError ? Call::End::REFUSED : Call::End::ANSWERED, message.time);
 }
 
 void CallWatch::OnOwnerChanged(const Message& message) {

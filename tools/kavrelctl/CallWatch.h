@@ -8,60 +8,29 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <optional>
 #include <string>
 #include <utility>
-#include <vector>
 
-#include "Clock.h"
+#include "Call.h"
 #include "GLibPtr.h"
 #include "KavrelClient.h"
 #include "MainLoop.h"
 
 namespace ctl {
 
-/** Who calls: what the kernel tells of the process behind a connection to the bus. */
-struct Caller {
-    /** Unique name on the bus. */
-    std::string name;
-    /** Nothing if the connection had gone before it could be looked up. */
-    std::optional<unsigned> process;
-    /** Program and arguments; empty if the process had gone, or does not tell. */
-    std::vector<std::string> command;
-};
-
-/** One method call to the daemon, with its end. */
-struct Call {
-    tools::WallTime time = 0;
-    Caller caller;
-    std::string interface;
-    std::string method;
-    /** A tuple; null without arguments. */
-    tools::Variant arguments;
-
-    enum class End { ANSWERED, REFUSED, NO_REPLY_WANTED, NO_ANSWER } end = End::NO_ANSWER;
-    /** The answer's tuple; null without values. */
-    tools::Variant answer;
-    /** Name of the D-Bus error, if refused. */
-    std::string error;
-    /** From the call's passing the bus to the answer's, in microseconds. */
-    std::int64_t duration = 0;
-};
-
 /**
  * Sees every method call to the daemon through the bus's monitoring interface, over a connection of its own
- * that can do nothing else. What a caller is, is looked up as soon as it joins the bus, for many are gone
- * right after their call.
+ * that can do nothing else. It looks a caller up as soon as the caller joins the bus: many callers leave right
+ * after their call.
  */
 class CallWatch {
 public:
     using Seen = std::function<void(const Call&)>;
 
-    /** Watches from now on. The calls of `client`, which looks callers up, are not told.
-     *  @param seen called on the main loop when a call has ended, or has had no answer for the client's
-     * timeout
-     *  @throws tools::ToolError if there is no bus or it does not allow it; the loop ends with one when the
-     *  bus ends the connection */
+    /** Watches from now on, but leaves out the calls of `client`, with which it looks callers up.
+     *  @param seen called on the main loop when a call has ended, or had no answer within the timeout
+     *  @throws tools::ToolError if there is no bus or it does not allow monitoring; the loop ends with one when
+     *  the bus closes the connection */
     CallWatch(tools::MainLoop& loop, const tools::KavrelClient& client, tools::KavrelClient::Timeout timeout,
               Seen seen);
     ~CallWatch();

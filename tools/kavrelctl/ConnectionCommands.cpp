@@ -1,7 +1,5 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-#include <memory>
-
 #include "Errors.h"
 #include "MainLoop.h"
 #include "Tool.h"
@@ -10,91 +8,87 @@ namespace ctl {
 
 namespace {
 
-int TellBuds(const Tool& tool, const std::string& event, const std::string& reason) {
-    constexpr const char* SIGNALS[] = {"BudsConnected", "BudsDisconnected"};
-    const int choice = tools::Choice("EVENT", event, {"connected", "disconnected"});
-    const int number = tools::Number("REASON", reason);
-    const tools::KavrelClient client(tool.Timeout());
-    client.Emit(SIGNALS[choice], g_variant_new("(i)", number));
-    return tools::EXIT_DONE;
-}
+struct Buds {
+    bool isConnected = false;
+    int reason = 0;
 
-int TellSpeakerGone(const Tool& tool, const std::string& type, const std::string& name) {
-    const int number = tools::Number("TYPE", type);
-    tools::Utf8("NAME", name);
-    const tools::KavrelClient client(tool.Timeout());
-    client.Emit("SpkDisconnected", g_variant_new("(is)", number, name.c_str()));
-    return tools::EXIT_DONE;
-}
+    void AddArguments(CLI::App& command) {
+        command.add_option("EVENT", isConnected)
+            ->required()
+            ->transform(tools::OneOf({{"connected", 1}, {"disconnected", 0}}));
+        command.add_option("REASON", reason, "an integer for the log (default: 0)")
+            ->transform(tools::WholeNumber());
+    }
 
-int Wait(const Tool& tool) {
-    const auto timeout = tool.Timeout();
-    tools::KavrelClient client(timeout);
-    tools::MainLoop loop;
-    client.OnOwnerChanged([&](const std::string& owner) {
-        if (!owner.empty()) {
-            loop.Quit(tools::EXIT_DONE);
-        }
-    });
-    client.OnBusGone(
-        [&] { loop.Guard([] { throw tools::ToolError(tools::EXIT_UNREACHABLE, "the bus has gone"); }); });
-    if (!client.Owner().empty()) {
+    int Run(const Tool& tool) const {
+        tool.Connect().Emit(isConnected ? "BudsConnected" : "BudsDisconnected", g_variant_new("(i)", reason));
         return tools::EXIT_DONE;
     }
-    tools::GLibPtr<GSource> limit;
-    if (timeout) {
-        limit = loop.After(*timeout, [] {
-            throw tools::ToolError(
-                tools::EXIT_UNREACHABLE,
-                std::string("kavreld did not come in time: nobody on the bus owns ") + tools::KAVREL_NAME);
-        });
+};
+
+struct SpeakerGone {
+    int type = 0;
+    std::string name;
+
+    void AddArguments(CLI::App& command) {
+        command.add_option("TYPE", type, "route code of the output, for the log")
+            ->required()
+            ->transform(tools::WholeNumber());
+        command.add_option("NAME", name, "name of the output, for the log")
+            ->required()
+            ->transform(tools::Utf8Text());
     }
-    return loop.Run();
-}
 
-void AddBuds(Tool& tool) {
-    struct Arguments {
-        std::string event;
-        std::string reason = "0";
-    };
-    const auto arguments = std::make_shared<Arguments>();
-    CLI::App& command =
-        tool.AddCommand("buds",
-                        "Tell the daemon that a wireless headset came or went\n"
-                        "When it goes, the daemon asks for the previous output, or the default one.\n"
-                        "A signal: it is sent when the daemon is there, and nothing comes back.",
-                        "kavrelctl buds disconnected",
-                        [&tool, arguments] { return TellBuds(tool, arguments->event, arguments->reason); });
-    command.add_option("EVENT", arguments->event, "connected or disconnected")->required();
-    command.add_option("REASON", arguments->reason, "an integer for the log; none: 0");
-}
+    int Run(const Tool& tool) const {
+        tool.Connect().Emit("SpkDisconnected", g_variant_new("(is)", type, name.c_str()));
+        return tools::EXIT_DONE;
+    }
+};
 
-void AddSpeakerGone(Tool& tool) {
-    struct Arguments {
-        std::string type;
-        std::string name;
-    };
-    const auto arguments = std::make_shared<Arguments>();
-    CLI::App& command = tool.AddCommand(
-        "speaker-gone",
-        "Tell the daemon that an output went away\n"
-        "It then sets the previous output, or the default one, whichever is in use now.\n"
-        "A signal: it is sent when the daemon is there, and nothing comes back.",
-        "kavrelctl speaker-gone 4 \"Living room\"",
-        [&tool, arguments] { return TellSpeakerGone(tool, arguments->type, arguments->name); });
-    command.add_option("TYPE", arguments->type, "route code of the output, for the log")->required();
-    command.add_option("NAME", arguments->name, "name of the output, for the log")->required();
-}
+struct Wait {
+    void AddArguments(CLI::App& /*command*/) {}
+    int Run(const Tool& tool) const {
+        tools::KavrelClient daemon = tool.Connect();
+        tools::MainLoop loop;
+        daemon.OnOwnerChanged([&](const std::string& owner) {
+            if (!owner.empty()) {
+                loop.Quit(tools::EXIT_DONE);
+            }
+        });
+        daemon.EndWithBus(loop);
+        if (!daemon.Owner().empty()) {
+            return tools::EXIT_DONE;
+        }
+        tools::GLibPtr<GSource> limit;
+        if (const auto timeout = tool.Timeout()) {
+            limit = loop.After(*timeout, [] {
+                throw tools::ToolError(tools::EXIT_UNREACHABLE,
+                                       std::string("kavreld did not come in time: nobody on the bus owns ") +
+                                           tools::KAVREL_NAME);
+            });
+        }
+        return loop.Run();
+    }
+};
 
 }  // namespace
 
 void AddConnectionCommands(Tool& tool) {
-    AddBuds(tool);
-    AddSpeakerGone(tool);
-    tool.AddCommand("wait",
-                    "Wait until the daemon is on the bus\n"
-                    "Exits with 2 if it does not come within the timeout.",
-                    "kavrelctl wait --timeout 30", [&tool] { return Wait(tool); });
+    tool.Add<Buds>("buds",
+                   "Announce that a wireless headset has come or gone\n"
+                   "When it has gone, the daemon asks for the previous output, or the default one.\n"
+                   "Sends a signal if the daemon is on the bus; the daemon does not answer it.",
+                   "kavrelctl buds disconnected");
+    tool.Add<SpeakerGone>("speaker-gone",
+                          "Announce that an output has gone\n"
+                          "The daemon then sets the previous output, or the default one, even if another\n"
+                          "output is in use. Sends a signal if the daemon is on the bus; the daemon does\n"
+                          "not answer it.",
+                          "kavrelctl speaker-gone 4 \"Living room\"");
+    tool.Add<Wait>("wait",
+                   "Wait until the daemon is on the bus\n"
+                   "Exits with 2 if it does not come within the timeout.",
+                   "kavrelctl wait --timeout 30");
 }
 
 }  // namespace ctl

@@ -1,8 +1,5 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-#include <map>
-#include <memory>
-
 #include "Errors.h"
 #include "Tool.h"
 
@@ -12,123 +9,127 @@ namespace {
 
 constexpr int MOST_GAIN = 100;
 
-struct Arguments {
-    std::string source;
-    std::string output = "both";
-    std::string gain;
-    std::string duration;
+/** The outputs whose gain changes, as the daemon's bit mask. */
+enum Path : int { MAIN = 1, SUB = 2, BOTH = 3 };
+
+void AddGain(CLI::App& command, int& gain) {
+    command.add_option("GAIN", gain, "0 to 100, in percent")
+        ->required()
+        ->transform(tools::WholeNumber(0, MOST_GAIN));
+}
+
+void AddOutput(CLI::App& command, Path& path) {
+    command.add_option("OUTPUT", path, "default: both")
+        ->transform(tools::OneOf({{"main", MAIN}, {"sub", SUB}, {"both", BOTH}}));
+}
+
+/**
+ * Calls a method of the player gain for each output of the path, the second even if the first failed. One call
+ * for both would write both outputs, but make the daemon remember the gain of the main output alone.
+ */
+void CommandEachOutput(const tools::KavrelClient& daemon, const char* method, Path path,
+                       const std::string& complaint) {
+    const auto command = [&](Path output) {
+        return (path & output) == 0 ? 0 : daemon.Command(method, g_variant_new("(i)", int{output}));
+    };
+    const int mainStatus = command(MAIN);
+    const int subStatus = command(SUB);
+    ThrowIfFailed(mainStatus, complaint + " (main output)");
+    ThrowIfFailed(subStatus, complaint + " (sub output)");
+}
+
+struct Fade {
+    enum Source { PLAYER, UNMUTE } source = PLAYER;
+    Path path = BOTH;
+
+    void AddArguments(CLI::App& command) {
+        command.add_option("SOURCE", source)
+            ->required()
+            ->transform(tools::OneOf({{"player", PLAYER}, {"unmute", UNMUTE}}));
+        AddOutput(command, path);
+    }
+
+    int Run(const Tool& tool) const {
+        const tools::KavrelClient daemon = tool.Connect();
+        if (source == PLAYER) {
+            CommandEachOutput(daemon, "ApplyPlayerFadeIn", path, "the player fade-in was not started");
+        } else {
+            ThrowIfFailed(daemon.Command("ApplyUnmuteFadeIn", g_variant_new("(i)", int{path})),
+                          "the unmute fade-in was not started");
+        }
+        return tools::EXIT_DONE;
+    }
 };
 
-/** For the player's gain, whose path 3 writes both outputs and keeps the gain of the main one alone: both
- * outputs are two calls. The second is made even if the first has failed, which is told. */
-void CommandEachOutput(const tools::KavrelClient& client, const char* method, AudioPath path,
-                       const std::string& complaint) {
-    std::map<AudioPath, int> statuses;
-    for (const AudioPath one : {MAIN_OUT, SUB_OUT}) {
-        if ((path & one) != 0) {
-            statuses[one] = client.Command(method, g_variant_new("(i)", int{one}));
-        }
+struct GainReset {
+    Path path = BOTH;
+
+    void AddArguments(CLI::App& command) { AddOutput(command, path); }
+    int Run(const Tool& tool) const {
+        CommandEachOutput(tool.Connect(), "ResetPlayerGain", path, "the player gain was not reset");
+        return tools::EXIT_DONE;
     }
-    for (const auto& [one, status] : statuses) {
-        Require(status, complaint + (one == MAIN_OUT ? " (main output)" : " (sub output)"));
+};
+
+struct GainOnMute {
+    int gain = 0;
+    Path path = BOTH;
+
+    void AddArguments(CLI::App& command) {
+        AddGain(command, gain);
+        AddOutput(command, path);
     }
-}
 
-int Fade(const Tool& tool, const Arguments& arguments) {
-    enum { PLAYER, UNMUTE };
-    const int source = tools::Choice("SOURCE", arguments.source, {"player", "unmute"});
-    const AudioPath path = PathOf(arguments.output);
-    const tools::KavrelClient client(tool.Timeout());
-    if (source == PLAYER) {
-        CommandEachOutput(client, "ApplyPlayerFadeIn", path, "the player fade-in was not started");
-    } else {
-        Require(client.Command("ApplyUnmuteFadeIn", g_variant_new("(i)", int{path})),
-                "the unmute fade-in was not started");
+    int Run(const Tool& tool) const {
+        ThrowIfFailed(tool.Connect().Command("ApplyGainOnMute", g_variant_new("(ii)", int{path}, gain)),
+                      "the unmute gain was not set");
+        return tools::EXIT_DONE;
     }
-    return tools::EXIT_DONE;
-}
+};
 
-int ResetGain(const Tool& tool, const Arguments& arguments) {
-    const AudioPath path = PathOf(arguments.output);
-    const tools::KavrelClient client(tool.Timeout());
-    CommandEachOutput(client, "ResetPlayerGain", path, "the player gain was not reset");
-    return tools::EXIT_DONE;
-}
+struct Pulse {
+    int gain = 0;
+    int milliseconds = 0;
 
-int SetGainOnMute(const Tool& tool, const Arguments& arguments) {
-    const int gain = tools::Number("GAIN", arguments.gain, 0, MOST_GAIN);
-    const AudioPath path = PathOf(arguments.output);
-    const tools::KavrelClient client(tool.Timeout());
-    Require(client.Command("ApplyGainOnMute", g_variant_new("(ii)", int{path}, gain)),
-            "the unmute gain was not set");
-    return tools::EXIT_DONE;
-}
+    void AddArguments(CLI::App& command) {
+        AddGain(command, gain);
+        command.add_option("MS", milliseconds, "duration of the ramp in milliseconds; 0: at once")
+            ->required()
+            ->transform(tools::WholeNumber(0));
+    }
 
-int Pulse(const Tool& tool, const Arguments& arguments) {
-    const int gain = tools::Number("GAIN", arguments.gain, 0, MOST_GAIN);
-    const int duration = tools::Number("MS", arguments.duration, 0);
-    const tools::KavrelClient client(tool.Timeout());
-    client.Emit("ApplyPulseAudioGain", g_variant_new("(ii)", gain, duration));
-    return tools::EXIT_DONE;
-}
-
-void OfferOutput(CLI::App& command, Arguments& arguments) {
-    command.add_option("OUTPUT", arguments.output, "main, sub or both; none: both");
-}
-
-void AddFade(Tool& tool) {
-    const auto arguments = std::make_shared<Arguments>();
-    CLI::App& command =
-        tool.AddCommand("fade",
-                        "Fade a gain in, from 0 to 100 in about 1.5 s\n"
-                        "player  Fades the outputs asked for; both is two calls, main and then sub.\n"
-                        "unmute  Acts on more than was asked for: without a sub Bluetooth zone, on both\n"
-                        "        outputs whatever OUTPUT is. With one, both is main alone; sub is a call\n"
-                        "        of its own. Unless the output is muted the gain is 100 at once. Nothing\n"
-                        "        happens, without an error, on multi-output audio or TV-to-mobile.",
-                        "kavrelctl fade player main\nkavrelctl fade unmute",
-                        [&tool, arguments] { return Fade(tool, *arguments); });
-    command.add_option("SOURCE", arguments->source, "player or unmute")->required();
-    OfferOutput(command, *arguments);
-}
-
-void AddGain(Tool& tool) {
-    const auto arguments = std::make_shared<Arguments>();
-    CLI::App& group = tool.AddGroup("gain", "Set a gain at once", "kavrelctl gain reset");
-    CLI::App& reset = tool.AddCommand(group, "reset",
-                                      "Put the player gain back to 100\n"
-                                      "both is two calls, main and then sub.",
-                                      "kavrelctl gain reset sub",
-                                      [&tool, arguments] { return ResetGain(tool, *arguments); });
-    OfferOutput(reset, *arguments);
-    CLI::App& onMute = tool.AddCommand(
-        group, "on-mute",
-        "Set the unmute gain\n"
-        "Acts on more than was asked for: without a sub Bluetooth zone, on both outputs\n"
-        "whatever OUTPUT is. With one, both is main alone; sub is a call of its own.\n"
-        "Nothing happens, without an error, on multi-output audio or TV-to-mobile.",
-        "kavrelctl gain on-mute 40", [&tool, arguments] { return SetGainOnMute(tool, *arguments); });
-    onMute.add_option("GAIN", arguments->gain, "0 to 100, in percent")->required();
-    OfferOutput(onMute, *arguments);
-}
-
-void AddPulse(Tool& tool) {
-    const auto arguments = std::make_shared<Arguments>();
-    CLI::App& command =
-        tool.AddCommand("pulse",
-                        "Ramp the pulse gain of both outputs, in ten steps\n"
-                        "A signal: it is sent when the daemon is there, and nothing comes back.",
-                        "kavrelctl pulse 20 1000", [&tool, arguments] { return Pulse(tool, *arguments); });
-    command.add_option("GAIN", arguments->gain, "0 to 100, in percent")->required();
-    command.add_option("MS", arguments->duration, "how long the ramp takes; 0: at once")->required();
-}
+    int Run(const Tool& tool) const {
+        tool.Connect().Emit("ApplyPulseAudioGain", g_variant_new("(ii)", gain, milliseconds));
+        return tools::EXIT_DONE;
+    }
+};
 
 }  // namespace
 
 void AddGainCommands(Tool& tool) {
-    AddFade(tool);
-    AddGain(tool);
-    AddPulse(tool);
+    tool.Add<Fade>("fade",
+                   "Fade a gain in, from 0 to 100 in about 1.5 s\n"
+                   "player  Fades OUTPUT. both is two calls, main and then sub.\n"
+                   "unmute  Without a sub Bluetooth zone it fades both outputs whatever OUTPUT is.\n"
+                   "        With one, both is main alone; sub needs a call of its own. Unless the\n"
+                   "        output is muted the gain is 100 at once. With multi-output audio or\n"
+                   "        TV-to-mobile nothing happens, without an error.",
+                   "kavrelctl fade player main\nkavrelctl fade unmute");
+    CLI::App& gain = tool.AddGroup("gain", "Set a gain at once", "kavrelctl gain reset");
+    tool.Add<GainReset>("reset",
+                        "Set the player gain back to 100\n"
+                        "both is two calls, main and then sub.",
+                        "kavrelctl gain reset sub", &gain);
+    tool.Add<GainOnMute>("on-mute",
+                         "Set the unmute gain\n"
+                         "Without a sub Bluetooth zone it sets both outputs whatever OUTPUT is. With one,\n"
+                         "both is main alone; sub needs a call of its own. With multi-output audio or\n"
+                         "TV-to-mobile nothing happens, without an error.",
+                         "kavrelctl gain on-mute 40", &gain);
+    tool.Add<Pulse>("pulse",
+                    "Ramp the pulse gain of both outputs in ten steps\n"
+                    "Sends a signal if the daemon is on the bus; the daemon does not answer it.",
+                    "kavrelctl pulse 20 1000");
 }
 
 }  // namespace ctl

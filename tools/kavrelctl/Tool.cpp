@@ -18,63 +18,49 @@ constexpr const char* FOOTER = R"(Examples:
   kavrelctl monitor --calls
 
 Exit status: 0 done; 1 the daemon refused or failed; 2 no daemon, no bus or no
-answer in time; 64 wrong usage; 130 when Ctrl-C has ended a wait. kavrelctl
-never starts the daemon.
+answer in time; 64 wrong usage; 130 Ctrl-C ended a wait. kavrelctl never starts
+the daemon.
 
 Environment: DBUS_SYSTEM_BUS_ADDRESS names another bus than the system's;
-NO_COLOR, if not empty, keeps the terminal plain.)";
+NO_COLOR, if not empty, turns colours off.)";
 
 constexpr double MOST_SECONDS = 1e6;
 
 }  // namespace
 
-Tool::Tool() : m_line("kavrelctl", "Reads, sets and watches the TV's volume, mute and gains.", FOOTER) {
-    OfferTimeout(m_line.App());
-}
-
-CLI::App& Tool::AddCommand(const std::string& name, const std::string& description,
-                           const std::string& example, tools::CommandLine::Action action) {
-    return AddCommand(m_line.App(), name, description, example, std::move(action));
-}
-
-CLI::App& Tool::AddCommand(CLI::App& group, const std::string& name, const std::string& description,
-                           const std::string& example, tools::CommandLine::Action action) {
-    CLI::App& command = m_line.AddCommand(group, name, description, example, std::move(action));
-    OfferTimeout(command);
-    return command;
-}
-
-CLI::App& Tool::AddGroup(const std::string& name, const std::string& description,
-                         const std::string& example) {
-    return m_line.AddGroup(name, description, example);
-}
-
-void Tool::OfferJson(CLI::App& command) {
-    command.add_flag("--json", m_json, "one JSON object on one line");
-}
-
-void Tool::OfferTimeout(CLI::App& command) {
-    command.add_option("--timeout", m_timeout, "at most so long for an answer, 0: no limit; else 5")
-        ->type_name("SECONDS");
+Tool::Tool() : m_line("kavrelctl", "Read, set and watch the TV's volume, mute and gains.", FOOTER) {
+    AddTimeout(m_line.App());
 }
 
 tools::KavrelClient::Timeout Tool::Timeout() const {
-    const double seconds = tools::Decimal("SECONDS", m_timeout, 0, MOST_SECONDS);
-    if (seconds == 0) {
+    if (m_seconds == 0) {
         return std::nullopt;
     }
-    return std::chrono::milliseconds(static_cast<long>(std::ceil(seconds * 1000)));
+    return std::chrono::milliseconds(static_cast<long>(std::ceil(m_seconds * 1000)));
 }
 
-void Require(int status, const std::string& what) {
+CLI::App& Tool::AddCommand(CLI::App* group, const char* name, const char* description, const char* example,
+                           tools::CommandLine::Action action) {
+    CLI::App& parent = group == nullptr ? m_line.App() : *group;
+    CLI::App& command = m_line.AddCommand(parent, name, description, example, std::move(action));
+    AddTimeout(command);
+    return command;
+}
+
+void Tool::AddTimeout(CLI::App& command) {
+    command.add_option("--timeout", m_seconds, "wait so long for an answer; 0: no limit (default: 5)")
+        ->type_name("SECONDS")
+        ->transform(tools::DecimalNumber(0, MOST_SECONDS));
+}
+
+void AddJson(CLI::App& command, bool& asJson) {
+    command.add_flag("--json", asJson, "print one JSON object on one line");
+}
+
+void ThrowIfFailed(int status, const std::string& complaint) {
     if (status < 0) {
-        throw tools::ToolError(tools::EXIT_REFUSED, what + ": " + tools::StatusInWords(status));
+        throw tools::ToolError(tools::EXIT_REFUSED, complaint + ": " + tools::StatusInWords(status));
     }
-}
-
-AudioPath PathOf(const std::string& output) {
-    constexpr AudioPath PATHS[] = {MAIN_OUT, SUB_OUT, BOTH_OUT};
-    return PATHS[tools::Choice("OUTPUT", output, {"main", "sub", "both"})];
 }
 
 }  // namespace ctl

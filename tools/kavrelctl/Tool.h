@@ -3,59 +3,58 @@
 #ifndef KAVRELCTL_TOOL_H
 #define KAVRELCTL_TOOL_H
 
-#include <initializer_list>
+#include <memory>
 #include <string>
-#include <string_view>
 
 #include "CommandLine.h"
 #include "KavrelClient.h"
 
 namespace ctl {
 
-/**
- * What all commands of kavrelctl share: the command line with
- * its common options, and the way to the daemon.
- */
+/** The command line of kavrelctl, with the option that all commands share. */
 class Tool {
 public:
     Tool();
 
-    /** As those of CommandLine, with the option --timeout. */
-    CLI::App& AddCommand(const std::string& name, const std::string& description, const std::string& example,
-                         tools::CommandLine::Action action);
-    CLI::App& AddCommand(CLI::App& group, const std::string& name, const std::string& description,
-                         const std::string& example, tools::CommandLine::Action action);
-    CLI::App& AddGroup(const std::string& name, const std::string& description, const std::string& example);
-    /** Adds the option --json. */
-    void OfferJson(CLI::App& command);
+    /**
+     * Adds a command, whose struct holds its arguments and has two functions: AddArguments(CLI::App&) declares
+     * them, and Run(const Tool&) acts on them and returns the exit code.
+     * @param group of AddGroup(); null for a command without a group
+     */
+    template <typename Command>
+    void Add(const char* name, const char* description, const char* example, CLI::App* group = nullptr) {
+        const auto command = std::make_shared<Command>();
+        command->AddArguments(
+            AddCommand(group, name, description, example, [this, command] { return command->Run(*this); }));
+    }
+    CLI::App& AddGroup(const char* name, const char* description, const char* example) {
+        return m_line.AddGroup(name, description, example);
+    }
 
     int Run(int argc, char** argv) { return m_line.Run(argc, argv); }
 
-    bool Json() const { return m_json; }
-    /** Of each call; nothing: no limit. @throws tools::UsageError */
+    /** The time limit of each call that the user asked for. */
     tools::KavrelClient::Timeout Timeout() const;
+    /** @throws tools::ToolError if there is no bus, or it does not answer in time */
+    tools::KavrelClient Connect() const { return tools::KavrelClient(Timeout()); }
 
 private:
-    void OfferTimeout(CLI::App& command);
+    CLI::App& AddCommand(CLI::App* group, const char* name, const char* description, const char* example,
+                         tools::CommandLine::Action action);
+    void AddTimeout(CLI::App& command);
 
     tools::CommandLine m_line;
-    std::string m_timeout = "5";
-    bool m_json = false;
+    double m_seconds = 5;
 };
 
-/** A status below 0 ends the tool. @param what was tried: "the volume was not set"
- *  @throws tools::ToolError that tells both */
-void Require(int status, const std::string& what);
+/** Adds the option --json. */
+void AddJson(CLI::App& command, bool& asJson);
 
-/** The output that a gain belongs to, as the daemon's bit mask. */
-enum AudioPath : int { MAIN_OUT = 1, SUB_OUT = 2, BOTH_OUT = 3 };
-/** @throws tools::UsageError */
-AudioPath PathOf(const std::string& output);
+/** @param complaint what a status below 0 means: "the volume was not set"
+ *  @throws tools::ToolError with the complaint and the status in words, if it is below 0 */
+void ThrowIfFailed(int status, const std::string& complaint);
 
-// One file for each group of commands; each adds its own. What they read their arguments into lives as long
-// as the command line.
-void AddStatusCommands(Tool& tool);
-void AddVolumeCommands(Tool& tool);
+void AddPropertyCommands(Tool& tool);
 void AddGainCommands(Tool& tool);
 void AddConnectionCommands(Tool& tool);
 void AddMonitorCommand(Tool& tool);

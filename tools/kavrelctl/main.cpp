@@ -4,8 +4,7 @@
 
 int main(int argc, char** argv) {
     ctl::Tool tool;
-    ctl::AddStatusCommands(tool);
-    ctl::AddVolumeCommands(tool);
+    ctl::AddPropertyCommands(tool);
     ctl::AddGainCommands(tool);
     ctl::AddConnectionCommands(tool);
     ctl::AddMonitorCommand(tool);

@@ -1,11 +1,9 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-#include "CallReport.h"
+#include "Call.h"
 
 #include <array>
 #include <cstdio>
-#include <optional>
-#include <string_view>
 
 #include "KavrelClient.h"
 #include "Print.h"
@@ -14,33 +12,28 @@ namespace ctl {
 
 namespace {
 
-/** What the daemon's own methods answer: "(i)", a status, or "(ii)", a value and a status. */
+/** The daemon's own methods answer "(i)", a status, or "(ii)", a value and a status. */
 struct Answer {
     std::optional<int> value;
     std::optional<int> status;
 };
 
 Answer AnswerOf(const Call& call) {
-    Answer answer;
-    if (call.end != Call::End::ANSWERED || call.interface != tools::KAVREL_INTERFACE ||
-        call.answer == nullptr) {
-        return answer;
+    const bool isKavrels = call.interface == tools::KAVREL_INTERFACE;
+    if (call.end != Call::End::ANSWERED || !isKavrels || call.answer == nullptr) {
+        return {};
     }
     gint32 first = 0;
     gint32 second = 0;
     if (g_variant_is_of_type(call.answer.get(), G_VARIANT_TYPE("(ii)"))) {
         g_variant_get(call.answer.get(), "(ii)", &first, &second);
-        answer = {first, second};
-    } else if (g_variant_is_of_type(call.answer.get(), G_VARIANT_TYPE("(i)"))) {
-        g_variant_get(call.answer.get(), "(i)", &first);
-        answer = {std::nullopt, first};
+        return {first, second};
     }
-    return answer;
-}
-
-std::string Printed(GVariant* value) {
-    const tools::GLibPtr<char> text(g_variant_print(value, FALSE));
-    return text.get();
+    if (g_variant_is_of_type(call.answer.get(), G_VARIANT_TYPE("(i)"))) {
+        g_variant_get(call.answer.get(), "(i)", &first);
+        return {std::nullopt, first};
+    }
+    return {};
 }
 
 std::vector<tools::Variant> Children(GVariant* tuple) {
@@ -53,13 +46,11 @@ std::vector<tools::Variant> Children(GVariant* tuple) {
 
 /** "(30, true)"; "()" for null. */
 std::string Listed(GVariant* tuple) {
-    std::string list = "(";
-    const char* separator = "";
+    std::vector<std::string> values;
     for (const auto& value : Children(tuple)) {
-        list += separator + Printed(value.get());
-        separator = ", ";
+        values.push_back(tools::Printed(value.get()));
     }
-    return list += ")";
+    return "(" + tools::Joined(values, ", ") + ")";
 }
 
 Json::Value InJson(GVariant* value) {
@@ -72,7 +63,7 @@ Json::Value InJson(GVariant* value) {
     if (g_variant_is_of_type(value, G_VARIANT_TYPE_STRING)) {
         return g_variant_get_string(value, nullptr);
     }
-    return Printed(value);
+    return tools::Printed(value);
 }
 
 template <typename T>
@@ -90,8 +81,12 @@ std::string Duration(const Call& call) {
     return text.data();
 }
 
-std::string_view ProgramOf(const Caller& caller) {
-    const std::string_view path = caller.command.empty() ? std::string_view() : caller.command.front();
+/** The program's name without its folder, if it is known. */
+std::optional<std::string> ProgramOf(const Caller& caller) {
+    if (caller.command.empty()) {
+        return std::nullopt;
+    }
+    const std::string& path = caller.command.front();
     return path.substr(path.rfind('/') + 1);
 }
 
@@ -99,11 +94,11 @@ std::string InWords(const Caller& caller) {
     if (!caller.process) {
         return "by " + caller.name + ", which has gone";
     }
-    std::string command(caller.command.empty() ? "a program that has gone" : ProgramOf(caller));
-    for (size_t index = 1; index < caller.command.size(); ++index) {
-        command += " " + caller.command[index];
-    }
-    return "by " + tools::Printable(command) + " (pid " + std::to_string(*caller.process) + ")";
+    std::vector<std::string> command = caller.command;
+    command.resize(std::max<size_t>(command.size(), 1));
+    command.front() = ProgramOf(caller).value_or("a program that has gone");
+    return "by " + tools::Printable(tools::Joined(command)) + " (pid " + std::to_string(*caller.process) +
+           ")";
 }
 
 std::string AnswerInWords(const Call& call) {
@@ -134,13 +129,14 @@ std::string EndInWords(const Call& call) {
 
 std::string InWords(const Call& call) {
     const bool isKavrels = call.interface.empty() || call.interface == tools::KAVREL_INTERFACE;
-    std::string words = isKavrels ? call.method : call.interface + "." + call.method;
-    words += Listed(call.arguments.get()) + " -> " + EndInWords(call);
-    return words += ", " + InWords(call.caller);
+    return (isKavrels ? "" : call.interface + ".") + call.method + Listed(call.arguments.get()) + " -> " +
+           EndInWords(call) + ", " + InWords(call.caller);
 }
 
 Json::Value InJson(const Call& call) {
     const Answer answer = AnswerOf(call);
+    const bool isRefused = call.end == Call::End::REFUSED;
+    const bool isTimed = call.end == Call::End::ANSWERED || isRefused;
     Json::Value fields;
     fields["interface"] = call.interface;
     fields["method"] = call.method;
@@ -150,13 +146,11 @@ Json::Value InJson(const Call& call) {
     }
     fields["value"] = OrNull(answer.value);
     fields["status"] = OrNull(answer.status);
-    fields["error"] = call.end == Call::End::REFUSED ? Json::Value(call.error) : Json::Value();
-    const bool isTimed = call.end == Call::End::ANSWERED || call.end == Call::End::REFUSED;
+    fields["error"] = isRefused ? Json::Value(call.error) : Json::Value();
     fields["duration_ms"] = isTimed ? Json::Value(Milliseconds(call)) : Json::Value();
     fields["caller"] = call.caller.name;
     fields["pid"] = OrNull(call.caller.process);
-    fields["program"] =
-        call.caller.command.empty() ? Json::Value() : Json::Value(std::string(ProgramOf(call.caller)));
+    fields["program"] = OrNull(ProgramOf(call.caller));
     fields["command"] = Json::Value(Json::arrayValue);
     for (const auto& argument : call.caller.command) {
         fields["command"].append(argument);
