@@ -42,7 +42,7 @@ to_build=(g++ meson ninja-build pkg-config libglib2.0-dev libjsoncpp-dev libcli1
 to_run=("${to_build[@]}" dbus-daemon libglib2.0-bin systemd)
 to_test=("${to_run[@]}" libgtest-dev libgmock-dev python3-gi python3-pytest gnuplot-nox)
 to_bench=("${to_run[@]}" libbenchmark-dev)
-to_lint=("${to_build[@]}" libgtest-dev libgmock-dev libbenchmark-dev clang clang-format clang-tidy shellcheck)
+to_lint=("${to_test[@]}" libbenchmark-dev clang clang-format clang-tidy shellcheck)
 
 is_there() {
     case ${proof[$1]-} in
