@@ -61,9 +61,9 @@ def prose_of(path, text):
 
 def pattern_of(phrase):
     body = phrase.removeprefix("^").replace(" ", r"[ \t]*(?:[ \t]|\n)[ \t]*")
-    begin = r"^[ \t]*" if phrase.startswith("^") else r"\b"
+    begin = r"^[ \t]*" if phrase.startswith("^") else r"(?<!\w)"
     flags = "" if phrase != phrase.lower() else "i"
-    return f"{begin}(?{flags}:{body})" + r"\b"
+    return f"{begin}(?{flags}:{body})" + r"(?!\w)"
 
 
 def patterns_in(path):
