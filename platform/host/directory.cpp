@@ -187,9 +187,9 @@ bool HasValues(const fs::path& folder) {
 }
 
 /**
- * Several processes may start at once, and none waits for another: whoever finds the directory empty, or the
- * mark of one that is still filling it (or was killed), fills in what is missing and replaces nothing. So no
- * process goes on with half a TV, and none overwrites what another has set since.
+ * Several processes may start at once, and none waits for another. Each process that finds the directory empty,
+ * or marked by a process that is still filling it (or was killed), adds the missing files and replaces none. So
+ * no process goes on with half a TV, and none overwrites a value that another has set since.
  */
 void FillIfEmpty(const fs::path& root) {
     const fs::path mark = root / ".filling";

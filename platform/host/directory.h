@@ -33,7 +33,7 @@ struct [[nodiscard]] Error {
     std::string text;  // a line for a person, without a newline; empty if the failure is an ordinary answer
 
     explicit operator bool() const { return number != 0; }
-    /** What the seam answers: 0 or FailureCode(). */
+    /** The result for the seam: 0 or FailureCode(). */
     int Code() const { return number == 0 ? 0 : FailureCode(number); }
 };
 

@@ -83,7 +83,7 @@ inline constexpr NamedValue PROJECTOR_READY = {"settings/memory/projector/status
 /** The zone that a sub Bluetooth headset holds, -1 for none. */
 inline constexpr NamedValue SUB_BLUETOOTH_ZONE = {"settings/memory/org.olvane.btapp/sub_audio_zoneid",
                                                   ANY_INTEGER, nullptr};
-/** What an external output is asked for: a level from 0 to 100, and a mute, 0 or 1. */
+/** Requests to an external output: a level from 0 to 100, and a mute, 0 or 1. */
 inline constexpr NamedValue LEVEL_REQUEST = {"settings/memory/menu/network/screenmirroring/set_volume_level",
                                              ANY_INTEGER, nullptr};
 inline constexpr NamedValue MUTE_REQUEST = {"settings/memory/menu/network/screenmirroring/set_volume_mute",

@@ -13,8 +13,7 @@
 namespace host {
 namespace {
 
-/** The kernel sends both to the writing thread: it is enough to block them here and to take away what came.
- */
+/** Blocks SIGPIPE and SIGXFSZ, which the kernel sends to the writing thread, and discards those of failed writes. */
 class WriteSignals {
 public:
     WriteSignals() {

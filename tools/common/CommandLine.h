@@ -15,28 +15,26 @@
 namespace tools {
 
 /**
- * The command line of a tool made of commands. Brings what all tools have in common: --help and --version, an
- * example on every help page, one line and a hint on wrong usage, and the exit codes.
+ * The command line of a tool made of commands. All tools have the same --help and --version, an example on
+ * every help page, one line and a hint on wrong usage, and the same exit codes.
  *
- * Arguments are best taken as text and read in the command's action with the functions below, so that wrong
- * ones are told in the same words everywhere.
+ * The validators and functions below read the arguments, so that the tools report wrong ones in the same words.
  */
 class CommandLine {
 public:
-    /** What a command does; gives its exit code, or throws ToolError. */
+    /** Carries out a command. Returns the exit code, or throws ToolError. */
     using Action = std::function<int()>;
 
     /** @param description one line
      *  @param footer the lines below the help, such as examples and the environment */
     CommandLine(const std::string& name, const std::string& description, const std::string& footer);
 
-    /** For the options that stand before the command. */
+    /** Returns the tool itself, to add options that come before the command. */
     CLI::App& App() { return m_app; }
 
-    /** @param description its first line stands in the list of commands, all of it on the command's own help
-     * page
-     *  @param example a command line, without a prompt; several, each on a line of its own
-     *  @return for its arguments */
+    /** @param description the first line appears in the list of commands, all lines on the command's help page
+     *  @param example one or more command lines, without prompts
+     *  @return the command, to add arguments and options to */
     CLI::App& AddCommand(const std::string& name, const std::string& description, const std::string& example,
                          Action action);
     /** A command within a group. */
@@ -74,7 +72,7 @@ CLI::Validator OneOf(const std::vector<std::pair<std::string, int>>& choices);
 CLI::Validator Utf8Text();
 
 /** The integer in a decimal text.
- *  @throws UsageError, which names the argument, if it is none or out of range */
+ *  @throws UsageError, which names the argument, if the text is no integer or out of range */
 int Number(std::string_view argument, const std::string& text, int least = std::numeric_limits<int>::min(),
            int most = std::numeric_limits<int>::max());
 /** The same for a number with decimals. */

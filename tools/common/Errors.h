@@ -18,7 +18,7 @@ enum ExitCode : int {
     EXIT_UNREACHABLE = 2,
     /** Wrong usage; nothing was done. */
     EXIT_USAGE = 64,
-    // What a signal has ended before it was done: 128 and the signal's number.
+    // A signal ended the command early: 128 plus the signal's number.
     EXIT_HUNG_UP = 129,
     EXIT_INTERRUPTED = 130,
     EXIT_TERMINATED = 143,

@@ -11,7 +11,7 @@
 
 namespace tools {
 
-/** Of a method call. */
+/** The addressee of a method call. */
 struct Destination {
     const char* name;
     const char* path;
@@ -83,7 +83,7 @@ Reading AsReading(GVariant* reply) {
     return reading;
 }
 
-/** Of one attempt to connect. */
+/** One attempt to connect to the bus. */
 struct Attempt {
     GLibPtr<GCancellable> cancellable{g_cancellable_new()};
     GLibPtr<GDBusConnection> connection;

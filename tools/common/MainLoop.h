@@ -18,10 +18,9 @@
 namespace tools {
 
 /**
- * The default main context of a tool that stays, run until it is told to end: by Quit(), by Ctrl-C, SIGTERM
- * or SIGHUP, or because the reader of standard output has gone, which it notices at once and not at the next
- * write. Signals count from the construction on, and end a wait for a reader that is there and does not read
- * too. One at a time, on the main thread.
+ * Runs the default main context until Quit(), Ctrl-C, SIGTERM or SIGHUP, or until the reader of standard output
+ * closes it, which the loop notices before the next write. The object catches these signals from its
+ * construction on, also while a write waits for a slow reader. One object at a time, on the main thread.
  */
 class MainLoop {
 public:
@@ -30,20 +29,19 @@ public:
     MainLoop(const MainLoop&) = delete;
     MainLoop& operator=(const MainLoop&) = delete;
 
-    /** For tools whose output is all they are for: the end of its reader ends Run(), at once and not at the
-     * next write, and with 0. */
+    /** Makes Run() return 0 as soon as the reader of standard output closes it: for tools that only print. */
     void EndWithReader();
 
-    /** @return what Quit() was given; 128 + the signal's number
+    /** @return the argument of Quit(), or 128 plus the signal's number
      *  @throws what a guarded function has thrown */
     int Run();
-    /** The same for what Ctrl-C is the way to end: then 0. */
+    /** Like Run(), but returns 0 after Ctrl-C: for commands that end in no other way. */
     int RunUntilInterrupted();
     void Quit(int exitCode);
 
     enum class Waited { MET, EXPIRED, ENDED };
-    /** Runs until the condition holds, which is looked at after each event, or the time is over.
-     *  @return ENDED when it was told to end meanwhile, and always from then on
+    /** Runs until the condition holds or the time has passed; checks the condition after each event.
+     *  @return ENDED if something ended the loop meanwhile, and in all later calls
      *  @throws what a guarded function has thrown */
     Waited RunUntil(const std::function<bool()>& met, std::chrono::milliseconds timeout);
     /**

@@ -110,8 +110,8 @@ void FullScreen::Show(std::string_view lines) const {
     for (int rows = SizeOfTerminal().rows; rows > 0 && !lines.empty(); --rows) {
         const size_t end = lines.find('\n');
         const bool isCut = rows == 1 && end != std::string_view::npos && end + 1 < lines.size();
-        // Cleared before it is written: after a line as wide as the screen the cursor still stands on the
-        // line's last column.
+        // Clears the row before it writes the line: after a line as wide as the screen the cursor is still on
+        // the last column, which a later clearing would blank.
         frame.append(CLEAR_LINE).append(isCut ? ELLIPSIS : lines.substr(0, end));
         lines.remove_prefix(end == std::string_view::npos ? lines.size() : end + 1);
         if (rows > 1) {  // a newline in the last row would scroll the first one away

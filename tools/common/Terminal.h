@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-/** What the tools know of the terminal: its width, its colours, and how to leave it as it was. */
+/** The terminal of the tools: its size, its colours, and a full screen that restores it at the end. */
 #ifndef KAVREL_TOOLS_TERMINAL_H
 #define KAVREL_TOOLS_TERMINAL_H
 
@@ -16,7 +16,7 @@ struct TerminalSize {
     int rows = 24;
 };
 
-/** Of the terminal behind standard output; 80x24 where there is none or it does not say. */
+/** Returns the size of the terminal behind standard output; 80x24 without a terminal or an answer. */
 TerminalSize SizeOfTerminal();
 
 /** The first `columns` characters of a line of plain text; if it is longer, the last three are "...". */
@@ -48,9 +48,9 @@ private:
 };
 
 /**
- * The terminal as a canvas, for as long as the object lives: the alternate screen, without a cursor and
- * without what is typed. Leave by the end of the object, which a MainLoop brings about on Ctrl-C too, and the
- * terminal is as it was. Does nothing where standard output is no terminal, or a dumb one.
+ * Shows the alternate screen of the terminal, without a cursor and without the typed text. The destructor
+ * restores the terminal; with a MainLoop it runs after Ctrl-C, too. Does nothing if standard output is no
+ * terminal, or a dumb one.
  */
 class FullScreen {
 public:

@@ -12,7 +12,7 @@
 
 namespace ctl {
 
-/** What a client can read about the output in use. */
+/** A property of the output in use that a client can read. */
 enum class Property { VOLUME, MUTE, SUPPORT };
 
 inline constexpr std::array PROPERTIES = {Property::VOLUME, Property::MUTE, Property::SUPPORT};
