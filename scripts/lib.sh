@@ -33,15 +33,17 @@ declare -A proof=(
     [meson]=meson
     [ninja-build]=ninja
     [pkg-config]=pkg-config
+    [python3]=/usr/bin/python3
     [python3-gi]=/usr/lib/python3/dist-packages/gi/__init__.py
     [python3-pytest]=/usr/lib/python3/dist-packages/pytest/__init__.py
     [shellcheck]=shellcheck
+    [strace]=strace
     [systemd]=busctl
 )
 to_build=(g++ meson ninja-build pkg-config libglib2.0-dev libjsoncpp-dev libcli11-dev)
 to_run=("${to_build[@]}" dbus-daemon libglib2.0-bin systemd)
 to_test=("${to_run[@]}" libgtest-dev libgmock-dev python3-gi python3-pytest gnuplot-nox)
-to_bench=("${to_run[@]}" libbenchmark-dev)
+to_bench=("${to_run[@]}" libbenchmark-dev python3 strace)
 to_lint=("${to_test[@]}" libbenchmark-dev clang clang-format clang-tidy shellcheck)
 
 is_there() {

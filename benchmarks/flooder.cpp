@@ -1,0 +1,151 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
+/**
+ * A hostile program: floods the server with getters that want no reply, over many connections, for some
+ * seconds, as fast as the bus takes them. It speaks the bus's protocol itself, so that it costs little.
+ *
+ * Usage: flooder SOCKET CONNECTIONS SECONDS
+ * Prints how many messages the bus has taken.
+ */
+#include <fcntl.h>
+#include <gio/gio.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int MESSAGES_PER_WRITE = 256;
+
+std::string BlobOf(const char* name, const char* path, const char* interface, const char* method,
+                   GDBusMessageFlags flags) {
+    g_autoptr(GDBusMessage) message = g_dbus_message_new_method_call(name, path, interface, method);
+    g_dbus_message_set_flags(message, flags);
+    g_dbus_message_set_serial(message, 1);
+    gsize size = 0;
+    g_autofree guchar* blob = g_dbus_message_to_blob(message, &size, G_DBUS_CAPABILITY_FLAGS_NONE, nullptr);
+    return {blob, blob + size};
+}
+
+[[noreturn]] void Fail(const char* what) {
+    throw std::system_error(errno, std::generic_category(), what);
+}
+
+/** One connection, authenticated and with its name, that never waits. */
+class Connection {
+public:
+    explicit Connection(const std::string& socketPath)
+        : m_socket(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        socketPath.copy(address.sun_path, sizeof(address.sun_path) - 1);
+        if (connect(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+            Fail("connect");
+        }
+        Ask(std::string_view("\0AUTH EXTERNAL\r\n", 16), "DATA\r\n");
+        Ask("DATA\r\n", "OK ");
+        constexpr const char* BUS = "org.freedesktop.DBus";
+        Ask("BEGIN\r\n" + BlobOf(BUS, "/org/freedesktop/DBus", BUS, "Hello", G_DBUS_MESSAGE_FLAGS_NONE), "l");
+        fcntl(m_socket, F_SETFL, O_NONBLOCK);
+    }
+    ~Connection() {
+        if (m_socket >= 0) {
+            close(m_socket);
+        }
+    }
+    Connection(Connection&& other) noexcept : m_socket(std::exchange(other.m_socket, -1)) {}
+    Connection& operator=(Connection&&) = delete;
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+    int Socket() const { return m_socket; }
+
+    /** Goes on with the text, which it sends again and again, until the bus takes no more. */
+    long SendAllOf(std::string_view text) {
+        long sent = 0;
+        for (;;) {
+            const std::string_view rest = text.substr(m_position);
+            const ssize_t count = send(m_socket, rest.data(), rest.size(), MSG_NOSIGNAL);
+            if (count < 0) {
+                return sent;
+            }
+            sent += count;
+            m_position = (m_position + static_cast<std::size_t>(count)) % text.size();
+        }
+    }
+
+private:
+    void Ask(std::string_view question, std::string_view answer) const {
+        std::array<char, 4096> reply{};
+        if (write(m_socket, question.data(), question.size()) < 0 ||
+            read(m_socket, reply.data(), reply.size() - 1) <= 0 ||
+            !std::string_view(reply.data()).starts_with(answer)) {
+            throw std::runtime_error("the bus does not let it in");
+        }
+    }
+
+    int m_socket;
+    std::size_t m_position = 0;  // in the text
+};
+
+/** @return the number of messages that the bus has taken */
+long Flood(std::vector<Connection>& connections, std::chrono::duration<double> time) {
+    const std::string message = BlobOf("org.olvane.kavrel", "/Org/Olvane/KavrelInternal", "org.olvane.kavrel",
+                                       "GetSpeakerVolume", G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
+    std::string text;
+    for (int i = 0; i < MESSAGES_PER_WRITE; ++i) {
+        text += message;
+    }
+    std::vector<pollfd> sockets;
+    for (const Connection& connection : connections) {
+        sockets.push_back({connection.Socket(), POLLOUT, 0});
+    }
+    long sent = 0;
+    const auto end = Clock::now() + time;
+    while (Clock::now() < end) {
+        poll(sockets.data(), sockets.size(), 10);
+        for (std::size_t i = 0; i < sockets.size() && Clock::now() < end; ++i) {
+            if ((sockets[i].revents & POLLOUT) != 0) {
+                sent += connections[i].SendAllOf(text);
+            }
+        }
+    }
+    return sent / static_cast<long>(message.size());
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 4) {
+        std::cerr << "Usage: flooder SOCKET CONNECTIONS SECONDS\n";
+        return EXIT_FAILURE;
+    }
+    try {
+        std::vector<Connection> connections;
+        for (int i = 0; i < std::atoi(argv[2]); ++i) {
+            connections.emplace_back(argv[1]);
+        }
+        std::cout << Flood(connections, std::chrono::duration<double>(std::atof(argv[3]))) << '\n';
+    } catch (const std::exception& error) {
+        std::cerr << "flooder: " << error.what() << '\n';
+        return EXIT_FAILURE;
+    }
+    return EXIT_SUCCESS;
+}
