@@ -2,12 +2,54 @@
 // SPDX-License-Identifier: MIT
 #include <glib.h>
 
+#include <cstdio>
 #include <new>
+#include <string_view>
 
 #include "KVDebug.h"
 #include "KVServer.h"
 
-int main() {
+/** The version as text. The build makes it. */
+extern "C" const char kavrel_version[];
+
+namespace {
+
+constexpr int EXIT_WRONG_USAGE = 64;
+
+constexpr const char* HELP = R"(Usage: kavreld [--help | --version]
+
+Serves org.olvane.kavrel on the D-Bus system bus: one place to read and change
+the volume and mute of the TV's audio output. It runs until it is killed.
+
+  --help      Show this text
+  --version   Show the version
+
+Environment of a TV in a directory:
+  KAVREL_TV_DIR   The directory with the TV's state (default /run/kavrel)
+  KAVREL_LOG      The lowest priority to log: debug, info (default), warn, error
+)";
+
+/** Answers a start with arguments, without touching the bus or the TV. @return the exit status */
+int AnswerArguments(int count, char** arguments) {
+    const std::string_view first = arguments[1];
+    if (count == 2 && first == "--help") {
+        std::fputs(HELP, stdout);
+        return 0;
+    }
+    if (count == 2 && first == "--version") {
+        std::printf("kavreld %s\n", kavrel_version);
+        return 0;
+    }
+    std::fputs("kavreld: it takes no argument except --help or --version\n", stderr);
+    return EXIT_WRONG_USAGE;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc > 1) {
+        return AnswerArguments(argc, argv);
+    }
     LOGI("Started");
     GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
     if (loop == nullptr) {

@@ -15,9 +15,13 @@ using testing::ElementsAre;
 using testing::Not;
 
 /** main() of the daemon. */
-extern "C" int DaemonMain();
+extern "C" int DaemonMain(int argc, char** argv);
 
 namespace {
+
+/** A start without arguments. */
+char name[] = "kavreld";
+char* arguments[] = {name, nullptr};
 
 constexpr const char* NEW_LOOP = "g_main_loop_new()";
 constexpr const char* RUN_LOOP = "g_main_loop_run()";
@@ -98,7 +102,7 @@ protected:
             };
             g_idle_add(quit, nullptr);
         });
-        const int result = DaemonMain();
+        const int result = DaemonMain(1, arguments);
         visitor.join();
         return result;
     }
@@ -108,13 +112,13 @@ protected:
 
 TEST_F(MainTest, WithoutALoopItEndsWithZero) {
     seam.Fail("g_main_loop_new", 0);
-    EXPECT_EQ(DaemonMain(), 0);
+    EXPECT_EQ(DaemonMain(1, arguments), 0);
     EXPECT_THAT(Lines(), ElementsAre("main: I Started", NEW_LOOP, "main: E Failed to create a main loop"));
 }
 
 TEST_F(MainTest, WithoutAServerItReleasesTheLoopAndEndsWithZero) {
     seam.Fail("new KVServer", 0);
-    EXPECT_EQ(DaemonMain(), 0);
+    EXPECT_EQ(DaemonMain(1, arguments), 0);
     EXPECT_THAT(Lines(), ElementsAre("main: I Started", NEW_LOOP, NEW_SERVER,
                                      "main: E Failed to create KVServer", RELEASE_LOOP));
 }
