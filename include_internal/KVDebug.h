@@ -53,7 +53,7 @@ public:
         LOGD("\t[IN]%s", m_function);
     }
 
-    /** A failure to log ends the process, because no exception may leave this. */
+    /** A failure to log ends the process, because no exception may leave a destructor. */
     ~CALLTRACKER() {
         LOGD("\t[OUT]%s", m_function);
     }

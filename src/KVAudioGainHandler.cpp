@@ -400,8 +400,8 @@ void KVAudioGainHandler::FadeInGainHandler(eKVGainHandlerType type, void* self) 
 }
 
 // Each turn of the pulse worker's loop starts a ramp, sets a gain at once, or makes one step of the running
-// ramp. A gain that is set at once during a ramp keeps the start and the remaining steps on purpose: the ramp
-// goes on to the new target.
+// ramp. A request with duration 0 sets the gain at once and leaves the start and the remaining steps of a ramp
+// as they are: on purpose, the ramp then goes on to the new target.
 void KVAudioGainHandler::PulseGainHandler(void* self) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
     if (IsNull(self, "Invalid userData")) {

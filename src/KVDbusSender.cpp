@@ -31,8 +31,10 @@ KVDbusSender::~KVDbusSender() {
 
 void KVDbusSender::Print(std::string sender) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
+    const std::shared_ptr<void> message = std::exchange(m_messageInHand, nullptr);
     if (IsNewSender(sender)) {
         const KVLockGuard lock(m_pendingMutex);
+        m_pendingMessages.push_back(message);
         m_pendingSenders.push_back(std::move(sender));
         g_idle_add(UpdateSenderLists, this);
         return;
@@ -61,6 +63,7 @@ gboolean KVDbusSender::UpdateSenderLists(gpointer data) {
     }
     auto& self = *static_cast<KVDbusSender*>(data);
     std::string sender;
+    std::shared_ptr<void> message;  // released when the look-up has run
     {
         const KVLockGuard lock(self.m_pendingMutex);
         if (self.m_pendingSenders.empty()) {
@@ -68,6 +71,10 @@ gboolean KVDbusSender::UpdateSenderLists(gpointer data) {
         }
         sender = self.m_pendingSenders.front();
         self.m_pendingSenders.pop_front();
+        if (!self.m_pendingMessages.empty()) {
+            message = self.m_pendingMessages.front();
+            self.m_pendingMessages.pop_front();
+        }
     }
     const std::string program = self.GetSenderNameByPID(self.GetConnectionPID(sender));
 

@@ -6,6 +6,7 @@
 #include <glib.h>
 
 #include <deque>
+#include <memory>
 #include <string>
 #include <unordered_map>
 
@@ -38,6 +39,9 @@ public:
     /** @return the base name of the program's first argument, up to its first space; "" on failure */
     std::string GetSenderNameByPID(unsigned int pid);
 
+    /** Set it before Print. A look-up that Print queues keeps it until the look-up has run. */
+    std::shared_ptr<void> m_messageInHand;
+
 private:
     const std::string& _ProgramOf(const std::string& knownSender) KV_NO_LOCK_ANALYSIS;
 
@@ -45,6 +49,8 @@ private:
     std::unordered_map<std::string, std::string> m_knownSenders KV_GUARDED_BY(m_knownMutex);
     /** The callers that wait for their look-up, oldest first. */
     std::deque<std::string> m_pendingSenders KV_GUARDED_BY(m_pendingMutex);
+    /** The messages that asked for these look-ups, in the same order. */
+    std::deque<std::shared_ptr<void>> m_pendingMessages KV_GUARDED_BY(m_pendingMutex);
     // No thread holds both mutexes at once.
     KVMutex m_pendingMutex;
     KVMutex m_knownMutex;

@@ -53,6 +53,7 @@ KVServer::~KVServer() {
         const gboolean done = g_dbus_connection_unregister_object(connection, m_DbusRegisterObjId);
         LOGE("unregister_object() result %s", done ? "OK" : "FAILED");
     }
+    m_filter.reset();
     m_sender.reset();
     if (m_eventHandler != nullptr) {
         m_eventHandler->Deinit();
@@ -112,6 +113,10 @@ void KVServer::onBusAcquired(GDBusConnection* connection, const gchar* /*name*/,
     }
     static const GDBusInterfaceVTable VTABLE = {methodCallHandler, nullptr, nullptr, {}};
     auto* self = static_cast<KVServer*>(user_data);
+    if (self->m_filter == nullptr || !self->m_filter->IsOn(connection)) {
+        self->m_filter = std::make_unique<KVMessageFilter>(
+            connection, *self->m_introspectionData->interfaces[0], OBJECT_PATH, PUBLIC_PATH.c_str());
+    }
     g_autoptr(GError) error = nullptr;
     self->m_DbusRegisterObjId = g_dbus_connection_register_object(
         connection, OBJECT_PATH, self->m_introspectionData->interfaces[0], &VTABLE, self, nullptr, &error);
@@ -145,6 +150,11 @@ void KVServer::onNameLost(GDBusConnection* connection, const gchar* /*name*/, gp
     LwipcResetEvent(READY_EVENT);
 }
 
+// Not traced, like everything that concerns the filter: the trace is the same with and without one.
+KVMessageFilter::Waiting KVServer::TakeMessage(const GVariant* parameters) {
+    return m_filter != nullptr ? m_filter->Take(parameters) : nullptr;
+}
+
 void KVServer::methodCallHandler(GDBusConnection* connection, const gchar* sender,
                                  const gchar* /*object_path*/, const gchar* /*interface_name*/,
                                  const gchar* method_name, GVariant* parameters,
@@ -156,8 +166,10 @@ void KVServer::methodCallHandler(GDBusConnection* connection, const gchar* sende
         return;
     }
     auto* self = static_cast<KVServer*>(user_data);
+    const KVMessageFilter::Waiting message = self->TakeMessage(parameters);
     const std::string caller = sender != nullptr ? sender : "";
     LOGI("Start sender:%s method_name:%s", caller.c_str(), method_name);
+    self->m_sender->m_messageInHand = message;
     self->m_sender->Print(caller);
     self->m_eventHandler->OnMethodCall(method_name, parameters, invocation, self->getCurrentSpeaker().get());
 }
@@ -171,7 +183,9 @@ void KVServer::signalCallHandler(GDBusConnection* connection, const gchar* sende
         return;
     }
     auto* self = static_cast<KVServer*>(user_data);
+    const KVMessageFilter::Waiting message = self->TakeMessage(parameters);
     LOGI("Start sender:%s signal_name:%s", sender_name, signal_name);
+    self->m_sender->m_messageInHand = message;
     self->m_sender->Print(sender_name);
     self->m_eventHandler->OnSignal(signal_name, parameters, self->getCurrentSpeaker().get());
 }

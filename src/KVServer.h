@@ -10,6 +10,7 @@
 
 #include "KVDbusEventHandler.h"
 #include "KVDbusSender.h"
+#include "KVMessageFilter.h"
 #include "VolumeControlImpl.h"
 
 namespace NKavrel {
@@ -52,6 +53,8 @@ public:
     static void onSpeakerChanged(int supportType, int speaker, void* server);
 
 private:
+    KVMessageFilter::Waiting TakeMessage(const GVariant* parameters);
+
     struct NodeInfoDeleter {
         void operator()(GDBusNodeInfo* info) const { g_dbus_node_info_unref(info); }
     };
@@ -64,6 +67,8 @@ private:
      *  and change handlers read it on any thread. */
     std::atomic<GDBusConnection*> m_connection{nullptr};
     std::unique_ptr<GDBusNodeInfo, NodeInfoDeleter> m_introspectionData;
+    /** Null until the bus is acquired. */
+    std::unique_ptr<KVMessageFilter> m_filter;
     guint m_busOwnerId = 0;
     /** Keeps its value when the name is lost. */
     guint m_DbusRegisterObjId = 0;

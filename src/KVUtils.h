@@ -28,7 +28,7 @@ bool IsBlockedLastSpkType(int route);
 /** The TV's default route: 0 if the TV has an internal speaker, else 1. Asks the platform once per process. */
 int GetDefaultSpeaker();
 
-/** Whether the TV shows a popup for each finished fade-in. */
+/** Whether the TV shows a popup for each fade-in that took half a second or more. */
 bool IsPopupSupported();
 
 /** The process's shared connection to the system bus, or null if it cannot be made now; then the next call

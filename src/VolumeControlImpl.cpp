@@ -342,7 +342,7 @@ void VolumeControlImpl::SpdifChangedCallback(keynode_t* node, void* data) {
     const int previous = self->m_prevSpeakerSelection;
     LOGI("Skip. Curr:%d Prev:%d", route, previous);
     if (KVUtils::IsSpdifSpkType(previous)) {
-        // So that no later request selects the unplugged output again.
+        // This keeps a later request from selecting the unplugged output again.
         LOGI("Prev:%d->%d", previous, defaultSpeaker);
         self->m_prevSpeakerSelection = defaultSpeaker;
     }

@@ -1,0 +1,287 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
+#include "KVMessageFilter.h"
+
+#include <map>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+
+#include "KVMutex.h"
+
+namespace NKavrel {
+namespace {
+
+constexpr int GETTERS_OF_SENDER_MAX = 64;
+constexpr int GETTERS_OF_ALL_MAX = 256;
+constexpr int OTHERS_OF_SENDER_MAX = 16384;
+
+constexpr const char* BUS_SENDER = "org.freedesktop.DBus";
+constexpr const char* LIMITS_EXCEEDED = "org.freedesktop.DBus.Error.LimitsExceeded";
+/** The data of a message that owns its ticket. */
+constexpr const char* TICKET_KEY = "kavrel-ticket";
+
+/** What a message asks for. The shipped bus policy lets everybody call the getters. */
+enum class eMessageKind { GETTER, OTHER, NOT_HANDLED };
+
+struct Method {
+    std::string signature;
+    eMessageKind kind;
+};
+
+std::string_view TextOf(const char* text) {
+    return text != nullptr ? text : "";
+}
+
+std::map<std::string, Method, std::less<>> MethodsOf(const GDBusInterfaceInfo& interface) {
+    std::map<std::string, Method, std::less<>> methods;
+    for (GDBusMethodInfo** method = interface.methods; method != nullptr && *method != nullptr; ++method) {
+        std::string signature;
+        for (GDBusArgInfo** arg = (*method)->in_args; arg != nullptr && *arg != nullptr; ++arg) {
+            signature += (*arg)->signature;
+        }
+        const bool isGetter = std::string_view((*method)->name).starts_with("Get");
+        methods[(*method)->name] = {signature, isGetter ? eMessageKind::GETTER : eMessageKind::OTHER};
+    }
+    return methods;
+}
+
+bool IsCall(GDBusMessage* message) {
+    return g_dbus_message_get_message_type(message) == G_DBUS_MESSAGE_TYPE_METHOD_CALL;
+}
+
+bool IsSignal(GDBusMessage* message) {
+    return g_dbus_message_get_message_type(message) == G_DBUS_MESSAGE_TYPE_SIGNAL;
+}
+
+/** Drops the message, with its file descriptors. */
+void Refuse(GDBusConnection* connection, GDBusMessage* message, const char* why) {
+    const bool wantsReply =
+        IsCall(message) && (g_dbus_message_get_flags(message) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) == 0;
+    if (wantsReply) {
+        g_autoptr(GDBusMessage) reply =
+            g_dbus_message_new_method_error_literal(message, LIMITS_EXCEEDED, why);
+        g_dbus_connection_send_message(connection, reply, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
+    }
+    g_object_unref(message);
+}
+
+/** GDBus locks a message before it filters it, so a change needs a copy. Consumes the message. */
+GDBusMessage* UnlockedCopy(GDBusMessage* message) {
+    GDBusMessage* copy = g_dbus_message_copy(message, nullptr);
+    g_object_unref(message);
+    return copy;
+}
+
+/** Gives a message without arguments an empty tuple, so that its handler gets this very object. */
+GDBusMessage* WithBody(GDBusMessage* message) {
+    if (g_dbus_message_get_body(message) == nullptr) {
+        message = UnlockedCopy(message);
+        g_dbus_message_set_body(message, g_variant_new("()"));
+    }
+    return message;
+}
+
+}  // namespace
+
+/** The numbers of waiting messages. Any thread may use them. */
+class KVMessageFilter::Counts : public std::enable_shared_from_this<Counts> {
+public:
+    Counts(const GDBusInterfaceInfo& interface, const char* methodPath, const char* signalPath)
+        : m_interface(interface.name),
+          m_methodPath(methodPath),
+          m_signalPath(signalPath),
+          m_methods(MethodsOf(interface)) {}
+
+    /** What a message asks for, if a handler will get it. */
+    eMessageKind KindOf(GDBusMessage* message) const;
+    /** Counts a message. @return false if too many wait already */
+    bool Admit(GDBusMessage* message, eMessageKind kind);
+    /** Takes a message off the counts, once. */
+    void Leave(Ticket& ticket);
+    Waiting Take(const GVariant* arguments);
+
+private:
+    struct Sender {
+        int getters = 0;
+        int others = 0;
+    };
+
+    bool Enter(const std::string& sender, eMessageKind kind) KV_REQUIRES(m_mutex);
+
+    const std::string m_interface;
+    const std::string m_methodPath;
+    const std::string m_signalPath;
+    const std::map<std::string, Method, std::less<>> m_methods;
+
+    KVMutex m_mutex;
+    /** Only senders of which something waits. */
+    std::unordered_map<std::string, Sender> m_senders KV_GUARDED_BY(m_mutex);
+    int m_getters KV_GUARDED_BY(m_mutex) = 0;
+    std::unordered_map<const GVariant*, std::weak_ptr<Ticket>> m_tickets KV_GUARDED_BY(m_mutex);
+};
+
+/** One counted message. The message owns it, so that a message which no handler gets is taken off, too. */
+class KVMessageFilter::Ticket {
+public:
+    Ticket(std::shared_ptr<Counts> counts, std::string sender, eMessageKind kind, GVariant* body)
+        : m_counts(std::move(counts)),
+          m_sender(std::move(sender)),
+          m_kind(kind),
+          m_body(g_variant_ref(body)) {}
+    ~Ticket() {
+        m_counts->Leave(*this);
+        g_variant_unref(m_body);
+    }
+    Ticket(const Ticket&) = delete;
+    Ticket& operator=(const Ticket&) = delete;
+
+private:
+    friend class Counts;
+
+    const std::shared_ptr<Counts> m_counts;
+    const std::string m_sender;
+    const eMessageKind m_kind;
+    /** Referenced, so that no other message can have the same address meanwhile. */
+    GVariant* const m_body;
+    bool m_isCounted = true; /**< guarded by the mutex of m_counts */
+};
+
+eMessageKind KVMessageFilter::Counts::KindOf(GDBusMessage* message) const {
+    const std::string_view path = TextOf(g_dbus_message_get_path(message));
+    const std::string_view interface = TextOf(g_dbus_message_get_interface(message));
+    if (IsSignal(message)) {
+        const bool isHeard = path == m_signalPath && interface == m_interface;
+        return isHeard ? eMessageKind::OTHER : eMessageKind::NOT_HANDLED;
+    }
+    if (!IsCall(message) || path != m_methodPath || interface != m_interface) {
+        return eMessageKind::NOT_HANDLED;
+    }
+    const auto method = m_methods.find(TextOf(g_dbus_message_get_member(message)));
+    const bool fits = method != m_methods.end() &&
+                      method->second.signature == TextOf(g_dbus_message_get_signature(message));
+    return fits ? method->second.kind : eMessageKind::NOT_HANDLED;
+}
+
+bool KVMessageFilter::Counts::Admit(GDBusMessage* message, eMessageKind kind) {
+    const std::string sender(TextOf(g_dbus_message_get_sender(message)));
+    GVariant* body = g_dbus_message_get_body(message);
+    std::shared_ptr<Ticket> ticket;
+    {
+        const KVLockGuard lock(m_mutex);
+        if (!Enter(sender, kind)) {
+            return false;
+        }
+        ticket = std::make_shared<Ticket>(shared_from_this(), sender, kind, body);
+        m_tickets[body] = ticket;
+    }
+    g_object_set_data_full(
+        G_OBJECT(message), TICKET_KEY, std::make_unique<std::shared_ptr<Ticket>>(std::move(ticket)).release(),
+        [](gpointer owned) {
+            const std::unique_ptr<std::shared_ptr<Ticket>> last(static_cast<std::shared_ptr<Ticket>*>(owned));
+        });
+    return true;
+}
+
+bool KVMessageFilter::Counts::Enter(const std::string& sender, eMessageKind kind) {
+    Sender& waiting = m_senders[sender];
+    const bool nothingWaits = waiting.getters == 0 && waiting.others == 0;
+    if (kind == eMessageKind::GETTER) {
+        const bool isFull = waiting.getters >= GETTERS_OF_SENDER_MAX || m_getters >= GETTERS_OF_ALL_MAX;
+        if (isFull && !nothingWaits) {
+            return false;
+        }
+        ++waiting.getters;
+        ++m_getters;
+        return true;
+    }
+    if (waiting.others >= OTHERS_OF_SENDER_MAX) {
+        return false;
+    }
+    ++waiting.others;
+    return true;
+}
+
+void KVMessageFilter::Counts::Leave(Ticket& ticket) {
+    const KVLockGuard lock(m_mutex);
+    if (!std::exchange(ticket.m_isCounted, false)) {
+        return;
+    }
+    m_tickets.erase(ticket.m_body);
+    const auto sender = m_senders.find(ticket.m_sender);
+    if (ticket.m_kind == eMessageKind::GETTER) {
+        --sender->second.getters;
+        --m_getters;
+    } else {
+        --sender->second.others;
+    }
+    if (sender->second.getters == 0 && sender->second.others == 0) {
+        m_senders.erase(sender);
+    }
+}
+
+KVMessageFilter::Waiting KVMessageFilter::Counts::Take(const GVariant* arguments) {
+    std::shared_ptr<Ticket> ticket;
+    {
+        const KVLockGuard lock(m_mutex);
+        const auto found = m_tickets.find(arguments);
+        if (found == m_tickets.end()) {
+            return nullptr;
+        }
+        ticket = found->second.lock();
+    }
+    if (ticket == nullptr) {
+        return nullptr;
+    }
+    // The handler's end counts, not the message's: a call without a reply keeps its message for ever.
+    return {ticket.get(), [ticket](void*) { ticket->m_counts->Leave(*ticket); }};
+}
+
+KVMessageFilter::KVMessageFilter(GDBusConnection* connection, const GDBusInterfaceInfo& interface,
+                                 const char* methodPath, const char* signalPath)
+    : m_connection(static_cast<GDBusConnection*>(g_object_ref(connection))),
+      m_counts(std::make_shared<Counts>(interface, methodPath, signalPath)),
+      m_id(g_dbus_connection_add_filter(connection, OnMessage,
+                                        std::make_unique<std::shared_ptr<Counts>>(m_counts).release(),
+                                        [](gpointer owned) {
+                                            const std::unique_ptr<std::shared_ptr<Counts>> last(
+                                                static_cast<std::shared_ptr<Counts>*>(owned));
+                                        })) {}
+
+KVMessageFilter::~KVMessageFilter() {
+    g_dbus_connection_remove_filter(m_connection.get(), m_id);
+}
+
+KVMessageFilter::Waiting KVMessageFilter::Take(const GVariant* arguments) {
+    return m_counts->Take(arguments);
+}
+
+GDBusMessage* KVMessageFilter::OnMessage(GDBusConnection* connection, GDBusMessage* message,
+                                         gboolean incoming, gpointer userData) {
+    if (!incoming || TextOf(g_dbus_message_get_sender(message)) == BUS_SENDER) {
+        return message;
+    }
+    const bool mayBeRefused = IsCall(message) || IsSignal(message);
+    if (g_dbus_message_get_unix_fd_list(message) != nullptr) {
+        if (mayBeRefused) {
+            Refuse(connection, message, "File descriptors are not accepted");
+            return nullptr;
+        }
+        message = UnlockedCopy(message);
+        g_dbus_message_set_unix_fd_list(message, nullptr);
+    }
+    Counts& counts = **static_cast<std::shared_ptr<Counts>*>(userData);
+    const eMessageKind kind = counts.KindOf(message);
+    if (kind == eMessageKind::NOT_HANDLED) {
+        return message;
+    }
+    message = WithBody(message);
+    if (!counts.Admit(message, kind)) {
+        Refuse(connection, message, "Too many messages of this sender wait already");
+        return nullptr;
+    }
+    return message;
+}
+
+}  // namespace NKavrel

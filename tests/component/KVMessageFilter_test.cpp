@@ -1,0 +1,382 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
+#include <fcntl.h>
+#include <gio/gunixfdlist.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <condition_variable>
+#include <csignal>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "Daemon.h"
+
+using NKavrel::KVServer;
+using testing::Each;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+constexpr const char* REFUSED = "error org.freedesktop.DBus.Error.LimitsExceeded";
+constexpr const char* INVALID_ARGUMENTS = "error org.freedesktop.DBus.Error.InvalidArgs";
+
+/** A connection that sends messages to the server without waiting for answers, and collects the answers. */
+class Sender {
+public:
+    explicit Sender(GDBusConnection* server) : m_server(g_dbus_connection_get_unique_name(server)) {
+        m_filter = g_dbus_connection_add_filter(m_client.Connection(), OnMessage, this, nullptr);
+    }
+    ~Sender() {
+        Ping();
+        g_dbus_connection_remove_filter(m_client.Connection(), m_filter);
+    }
+    Sender(const Sender&) = delete;
+    Sender& operator=(const Sender&) = delete;
+
+    std::string Name() const { return m_client.Name(); }
+
+    GDBusMessage* NewCall(const char* method, GVariant* arguments = nullptr,
+                          const char* interface = INTERFACE, const char* path = OBJECT_PATH) const {
+        GDBusMessage* message = g_dbus_message_new_method_call(m_server.c_str(), path, interface, method);
+        if (arguments != nullptr) {
+            g_dbus_message_set_body(message, arguments);
+        }
+        return message;
+    }
+    GDBusMessage* NewSignal(const char* name, GVariant* arguments) const {
+        GDBusMessage* message = g_dbus_message_new_signal(PUBLIC_PATH, INTERFACE, name);
+        g_dbus_message_set_destination(message, m_server.c_str());
+        g_dbus_message_set_body(message, arguments);
+        return message;
+    }
+
+    /** Consumes the message. @return its serial, for AnswerTo() */
+    guint32 Send(GDBusMessage* message) {
+        guint32 serial = 0;
+        g_dbus_connection_send_message(m_client.Connection(), message, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
+                                       &serial, nullptr);
+        g_object_unref(message);
+        return serial;
+    }
+    std::vector<guint32> SendGetters(int count) {
+        std::vector<guint32> serials;
+        for (int i = 0; i < count; ++i) {
+            serials.push_back(Send(NewCall("GetSpeakerVolume")));
+        }
+        return serials;
+    }
+
+    /** Returns when the server's connection has read, and its filter has seen, everything sent before. */
+    void Ping() { AnswerTo(Send(NewCall("Ping", nullptr, "org.freedesktop.DBus.Peer"))); }
+
+    /** Waits for the answer: "reply BODY" or "error NAME". */
+    std::string AnswerTo(guint32 serial) {
+        std::unique_lock lock(m_mutex);
+        const bool hasCome =
+            m_arrived.wait_for(lock, std::chrono::seconds(60), [&] { return m_answers.contains(serial); });
+        return hasCome ? m_answers[serial] : "no answer";
+    }
+    /** Not waiting. */
+    bool HasAnswer(guint32 serial) {
+        const std::lock_guard lock(m_mutex);
+        return m_answers.contains(serial);
+    }
+    std::size_t CountAnswers(const std::vector<guint32>& serials) {
+        return static_cast<std::size_t>(std::count_if(serials.begin(), serials.end(),
+                                                      [this](guint32 serial) { return HasAnswer(serial); }));
+    }
+
+private:
+    static GDBusMessage* OnMessage(GDBusConnection*, GDBusMessage* message, gboolean incoming, void* self) {
+        const GDBusMessageType type = g_dbus_message_get_message_type(message);
+        if (incoming && (type == G_DBUS_MESSAGE_TYPE_METHOD_RETURN || type == G_DBUS_MESSAGE_TYPE_ERROR)) {
+            auto& sender = *static_cast<Sender*>(self);
+            const std::lock_guard lock(sender.m_mutex);
+            sender.m_answers[g_dbus_message_get_reply_serial(message)] =
+                type == G_DBUS_MESSAGE_TYPE_ERROR
+                    ? std::string("error ") + g_dbus_message_get_error_name(message)
+                    : "reply " + gio::Printed(g_dbus_message_get_body(message));
+            sender.m_arrived.notify_all();
+            g_main_context_wakeup(nullptr);
+        }
+        return message;
+    }
+
+    const std::string m_server;
+    fake::BusClient m_client;
+    guint m_filter;
+    std::mutex m_mutex;
+    std::condition_variable m_arrived;
+    std::map<guint32, std::string> m_answers;  // by serial
+};
+
+/** A server on the bus whose main loop stands still unless a test runs it. */
+class KVMessageFilterTest : public ServerTest {
+protected:
+    void SetUp() override {
+        InitWithoutName();
+        KVServer::onBusAcquired(Shared(), BUS_NAME, server.get());
+        fake::RunMainContextUntilQuiet();
+        seam.Clear();
+    }
+    void TearDown() override {
+        fake::RunMainContextUntilQuiet();
+        KVServer::onNameLost(Shared(), BUS_NAME, server.get());
+        End();
+        gio::RemoveLeftovers();
+    }
+
+    void ExpectRefused(Sender& sender, guint32 serial) { EXPECT_EQ(sender.AnswerTo(serial), REFUSED); }
+    void ExpectServed(Sender& sender, const std::vector<guint32>& serials) {
+        EXPECT_TRUE(
+            fake::RunMainContextUntil([&] { return sender.CountAnswers(serials) == serials.size(); }));
+        for (const guint32 serial : serials) {
+            EXPECT_EQ(sender.AnswerTo(serial), "reply (10, 0)");
+        }
+    }
+};
+
+TEST_F(KVMessageFilterTest, SixtyFourGettersOfOneSenderWaitAndTheNextIsRefusedAtOnce) {
+    Sender sender(Shared());
+    const auto waiting = sender.SendGetters(64);
+    ExpectRefused(sender, sender.SendGetters(1).front());
+    EXPECT_EQ(sender.CountAnswers(waiting), 0U);
+    ExpectServed(sender, waiting);
+}
+
+TEST_F(KVMessageFilterTest, ServedGettersMakeRoomForOthers) {
+    Sender sender(Shared());
+    ExpectServed(sender, sender.SendGetters(64));
+    fake::RunMainContextUntilQuiet();
+    const auto waiting = sender.SendGetters(64);
+    ExpectRefused(sender, sender.SendGetters(1).front());
+    ExpectServed(sender, waiting);
+}
+
+TEST_F(KVMessageFilterTest, AllThreeGettersShareOneLimit) {
+    Sender sender(Shared());
+    for (const char* getter : {"GetSpeakerVolume", "GetSpeakerMute", "GetSpeakerSupportType"}) {
+        for (int i = 0; i < 21; ++i) {
+            sender.Send(sender.NewCall(getter));
+        }
+    }
+    const guint32 last = sender.Send(sender.NewCall("GetSpeakerVolume"));
+    ExpectRefused(sender, sender.Send(sender.NewCall("GetSpeakerMute")));
+    ExpectServed(sender, {last});
+}
+
+TEST_F(KVMessageFilterTest, TwoHundredFiftySixGettersOfAllSendersWait) {
+    std::array<std::unique_ptr<Sender>, 4> senders;
+    for (auto& sender : senders) {
+        sender = std::make_unique<Sender>(Shared());
+        sender->SendGetters(64);
+        sender->Ping();
+    }
+    Sender late(Shared());
+    const auto admitted = late.SendGetters(1);
+    ExpectRefused(late, late.SendGetters(1).front());
+    EXPECT_FALSE(late.HasAnswer(admitted.front()));
+    ExpectServed(late, admitted);
+}
+
+TEST_F(KVMessageFilterTest, ASenderOfWhichNothingWaitsIsAlwaysAdmitted) {
+    std::array<std::unique_ptr<Sender>, 4> busy;
+    for (auto& sender : busy) {
+        sender = std::make_unique<Sender>(Shared());
+        sender->SendGetters(64);
+        sender->Ping();
+    }
+    std::array<std::unique_ptr<Sender>, 8> late;
+    for (auto& sender : late) {
+        sender = std::make_unique<Sender>(Shared());
+        const auto admitted = sender->SendGetters(1);
+        sender->Ping();
+        EXPECT_FALSE(sender->HasAnswer(admitted.front()));
+    }
+}
+
+TEST_F(KVMessageFilterTest, ARefusedCallThatWantsNoReplyGetsNone) {
+    Sender sender(Shared());
+    sender.SendGetters(64);
+    GDBusMessage* call = sender.NewCall("GetSpeakerVolume");
+    g_dbus_message_set_flags(call, G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
+    const guint32 serial = sender.Send(call);
+    sender.Ping();
+    fake::RunMainContextUntilQuiet();
+    EXPECT_FALSE(sender.HasAnswer(serial));
+    EXPECT_EQ(std::ranges::count_if(
+                  LogLines(),
+                  [](const std::string& line) { return line.ends_with("method_name:GetSpeakerVolume"); }),
+              64);
+}
+
+TEST_F(KVMessageFilterTest, SixteenThousandOtherMessagesOfOneSenderWait) {
+    Sender sender(Shared());
+    ExpectServed(sender, sender.SendGetters(1));
+    fake::RunMainContextUntilQuiet();  // so that no message of this sender asks for a look-up
+    for (int i = 0; i < 8192; ++i) {
+        GDBusMessage* call = sender.NewCall("ResetPlayerGain", g_variant_new("(i)", 4));
+        g_dbus_message_set_flags(call, G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
+        sender.Send(call);
+        sender.Send(sender.NewSignal("BudsConnected", g_variant_new("(i)", i)));
+    }
+    ExpectRefused(sender, sender.Send(sender.NewCall("SetSpeakerVolume", g_variant_new("(i)", 20))));
+    sender.Send(sender.NewSignal("BudsConnected", g_variant_new("(i)", -1)));
+    Sender another(Shared());
+    const guint32 served = another.Send(another.NewCall("SetSpeakerVolume", g_variant_new("(i)", 30)));
+    EXPECT_TRUE(fake::RunMainContextUntil([&] { return another.HasAnswer(served); }));
+    EXPECT_EQ(another.AnswerTo(served), "reply (0,)");
+    EXPECT_THAT(LogLines(), testing::Contains(HasSubstr("Buds Connected. reason:8191")));
+    EXPECT_THAT(LogLines(), Each(Not(HasSubstr("Buds Connected. reason:-1"))));
+}
+
+TEST_F(KVMessageFilterTest, WhatGDBusAnswersItselfIsNotCounted) {
+    Sender sender(Shared());
+    for (int i = 0; i < 100; ++i) {
+        const guint32 wrongArguments =
+            sender.Send(sender.NewCall("GetSpeakerVolume", g_variant_new("(i)", 1)));
+        const guint32 wrongPath =
+            sender.Send(sender.NewCall("GetSpeakerVolume", nullptr, INTERFACE, "/nowhere"));
+        const guint32 noInterface = sender.Send(sender.NewCall("GetSpeakerVolume", nullptr, nullptr));
+        const guint32 wrongInterface =
+            sender.Send(sender.NewCall("GetSpeakerVolume", nullptr, "org.olvane.other"));
+        EXPECT_EQ(sender.AnswerTo(wrongArguments), INVALID_ARGUMENTS);
+        EXPECT_THAT(sender.AnswerTo(wrongPath), HasSubstr("Unknown"));
+        EXPECT_THAT(sender.AnswerTo(noInterface), HasSubstr("Unknown"));
+        EXPECT_THAT(sender.AnswerTo(wrongInterface), HasSubstr("Unknown"));
+    }
+    const auto admitted = sender.SendGetters(64);
+    sender.Ping();
+    EXPECT_EQ(sender.CountAnswers(admitted), 0U);
+    ExpectServed(sender, admitted);
+}
+
+TEST_F(KVMessageFilterTest, AMessageWaitsUntilTheLookUpOfItsCallerHasRun) {
+    Sender sender(Shared());
+    const auto served = sender.SendGetters(64);
+    sender.Ping();
+    const auto isServed = [](const std::string& line) { return line.ends_with("state(10), ret:0"); };
+    while (std::ranges::count_if(LogLines(), isServed) < 64) {
+        g_main_context_iteration(nullptr, TRUE);  // a look-up, an idle source, comes after all of the calls
+    }
+    ASSERT_THAT(LogLines(), Each(Not(HasSubstr("size:")))) << "a look-up has run";
+    ExpectRefused(sender, sender.SendGetters(1).front());
+    fake::RunMainContextUntilQuiet();
+    ExpectServed(sender, sender.SendGetters(64));
+}
+
+TEST_F(KVMessageFilterTest, AHandlerThatIsCalledForAnotherMessageChangesNoCount) {
+    Sender sender(Shared());
+    sender.SendGetters(64);
+    sender.Ping();
+    const auto parameters = gio::Parsed("(1,)");
+    KVServer::signalCallHandler(Shared(), sender.Name().c_str(), PUBLIC_PATH, INTERFACE, "BudsConnected",
+                                parameters.get(), server.get());
+    PendingCall call("GetSpeakerVolume");
+    KVServer::methodCallHandler(Shared(), sender.Name().c_str(), OBJECT_PATH, INTERFACE, "GetSpeakerVolume",
+                                nullptr, call.Invocation(), server.get());
+    ExpectRefused(sender, sender.SendGetters(1).front());
+}
+
+TEST_F(KVMessageFilterTest, ASecondAcquisitionOfTheBusDoesNotCountTwice) {
+    KVServer::onNameLost(Shared(), BUS_NAME, server.get());
+    KVServer::onBusAcquired(Shared(), BUS_NAME, server.get());
+    Sender sender(Shared());
+    const auto admitted = sender.SendGetters(64);
+    sender.Ping();
+    EXPECT_EQ(sender.CountAnswers(admitted), 0U);
+}
+
+TEST_F(KVMessageFilterTest, AMessageThatNoHandlerGetsIsTakenOffTheCounts) {
+    Sender sender(Shared());
+    const auto lost = sender.SendGetters(64);
+    sender.Ping();
+    KVServer::onNameLost(Shared(), BUS_NAME, server.get());
+    fake::RunMainContextUntilQuiet();
+    for (const guint32 serial : lost) {
+        EXPECT_THAT(sender.AnswerTo(serial), HasSubstr("error"));
+    }
+    KVServer::onBusAcquired(Shared(), BUS_NAME, server.get());
+    ExpectServed(sender, sender.SendGetters(64));
+}
+
+TEST_F(KVMessageFilterTest, MessagesMayOutliveTheServerThatCountedThem) {
+    Sender sender(Shared());
+    const auto lost = sender.SendGetters(64);
+    sender.Ping();
+    KVServer::onNameLost(Shared(), BUS_NAME, server.get());
+    server = std::make_unique<KVServer>();
+    fake::RunMainContextUntilQuiet();
+    for (const guint32 serial : lost) {
+        EXPECT_THAT(sender.AnswerTo(serial), HasSubstr("error"));
+    }
+    InitWithoutName();
+}
+
+/** A message with the reading end of a pipe, of which nobody but the receiver keeps a copy. */
+class KVMessageFilterDescriptorTest : public KVMessageFilterTest {
+protected:
+    void SetUp() override {
+        KVMessageFilterTest::SetUp();
+        signal(SIGPIPE, SIG_IGN);
+        ASSERT_EQ(pipe2(m_pipe.data(), O_CLOEXEC | O_NONBLOCK), 0);
+    }
+    void TearDown() override {
+        close(m_pipe[1]);
+        KVMessageFilterTest::TearDown();
+    }
+    GDBusMessage* WithDescriptor(GDBusMessage* message) {
+        GUnixFDList* list = g_unix_fd_list_new_from_array(&m_pipe[0], 1);
+        g_dbus_message_set_unix_fd_list(message, list);
+        g_object_unref(list);
+        return message;
+    }
+    /** Whether every copy of the reading end is closed. */
+    bool IsClosed() const { return write(m_pipe[1], "x", 1) < 0 && errno == EPIPE; }
+
+    std::array<int, 2> m_pipe{-1, -1};
+};
+
+TEST_F(KVMessageFilterDescriptorTest, ACallWithADescriptorIsRefusedAndTheDescriptorClosed) {
+    Sender sender(Shared());
+    ExpectRefused(sender, sender.Send(WithDescriptor(sender.NewCall("GetSpeakerVolume"))));
+    sender.Ping();
+    EXPECT_TRUE(IsClosed());
+}
+
+TEST_F(KVMessageFilterDescriptorTest, ACallWithADescriptorThatWantsNoReplyIsDropped) {
+    Sender sender(Shared());
+    GDBusMessage* call = WithDescriptor(sender.NewCall("GetSpeakerVolume"));
+    g_dbus_message_set_flags(call, G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
+    const guint32 serial = sender.Send(call);
+    sender.Ping();
+    EXPECT_TRUE(IsClosed());
+    fake::RunMainContextUntilQuiet();
+    EXPECT_FALSE(sender.HasAnswer(serial));
+    EXPECT_THAT(LogLines(), Each(Not(HasSubstr("method_name"))));
+}
+
+TEST_F(KVMessageFilterDescriptorTest, ASignalWithADescriptorIsDropped) {
+    Sender sender(Shared());
+    sender.Send(WithDescriptor(sender.NewSignal("BudsConnected", g_variant_new("(i)", 1))));
+    sender.Ping();
+    EXPECT_TRUE(IsClosed());
+    fake::RunMainContextUntilQuiet();
+    EXPECT_THAT(LogLines(), Each(Not(HasSubstr("BudsConnected"))));
+}
+
+TEST_F(KVMessageFilterDescriptorTest, AMessageForAnyOtherObjectLosesItsDescriptorToo) {
+    Sender sender(Shared());
+    ExpectRefused(sender,
+                  sender.Send(WithDescriptor(sender.NewCall("Ping", nullptr, "org.freedesktop.DBus.Peer"))));
+    sender.Ping();
+    EXPECT_TRUE(IsClosed());
+}
+
+}  // namespace
