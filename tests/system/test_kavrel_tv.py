@@ -280,7 +280,7 @@ def test_multiview_is_off_while_its_setting_is_junk(tool, tv, junk):
 
 def test_what_does_not_work_by_itself_is_said(tool):
     assert "no zones" in tool("multiview", "on")
-    assert "reads the flags when it starts" in tool("feature", "multiview", "off")
+    assert "reads the features only when it starts" in tool("feature", "multiview", "off")
     assert "feature multiview on" in tool("multiview", "on")
     assert "feature projector on" in tool("projector", "ready")
     tool("feature", "projector", "on")
@@ -334,7 +334,7 @@ def test_without_a_tv_directory_it_makes_none(tool, scene, command):
     nowhere.mkdir()
     (nowhere / "somebody's file").write_text("mine")
     done = tool.run("--dir", str(nowhere), *command)
-    assert done.returncode == 2 and refused(done) == f"{nowhere} is no TV directory"
+    assert done.returncode == 2 and refused(done) == f"{nowhere} is not a TV directory"
     assert [path.name for path in nowhere.iterdir()] == ["somebody's file"]
 
 

@@ -131,7 +131,7 @@ def test_a_device_has_no_level_beyond_its_scale(tool, tv, asked, level):
 def test_without_an_external_output_nobody_answers(tool, tv):
     devices = tool.devices()
     ask(tv, level=40)
-    devices.wait("level 40 asked for, of an output that is not external")
+    devices.wait("level 40 asked for, but the output is not external")
     assert not devices.said("level 40, mute off")
 
 
@@ -241,12 +241,12 @@ def test_the_last_devices_play_and_the_others_wait(tool, tv):
     tool("route", "hdmi")
     first = tool.devices()
     second = tool.devices("--rounding", "10")
-    first.wait("others have begun to play")
+    first.wait("plays now; these wait until it ends")
     ask(tv, level=42)
     second.wait("publishes level 40")
     assert not first.said("level 42")
     second.end()
-    first.wait("the other ones have gone; playing again")
+    first.wait("the other devices have gone; these play again")
     ask(tv, level=43)
     first.wait("publishes level 43")
 
@@ -255,7 +255,7 @@ def test_devices_take_over_from_others_that_were_killed(tool, tv):
     tool("route", "hdmi")
     first = tool.devices()
     second = tool.devices()
-    first.wait("others have begun to play")
+    first.wait("plays now; these wait until it ends")
     second.child.kill()
     second.child.wait(PATIENCE)
     ask(tv, level=43)
@@ -338,7 +338,7 @@ def test_the_peer_answers_and_announces(tool, client, which, peer, route, suppor
     emulator.type("loud")
     emulator.type("37")
     client.expect("SpkVolumeChanged", route, support, 37)
-    assert emulator.end() == (0, ['kavrel-tv: a volume must be a whole number of 32 bits, not "loud"'])
+    assert emulator.end() == (0, ['kavrel-tv: "loud" is not a whole number of 32 bits'])
 
 
 def test_the_peer_needs_its_name(tool):

@@ -98,27 +98,31 @@ def test_an_unexpected_signal_fails_and_a_seen_one_is_listed(play):
 
 @pytest.mark.parametrize("line, message", [
     ("jump", 'there is no such verb: "jump"'),
-    ("route", "the form is, for example: route hdmi"),
-    ("route nowhere", 'the route must be a code or one of the names, not "nowhere"'),
+    ("route", "ROUTE is required"),
+    ("route nowhere", 'ROUTE: "nowhere" is neither the code nor the name of a route'),
     ("call Nothing", 'there is no such method: "Nothing"'),
-    ("call SetSpeakerVolume", "SetSpeakerVolume takes 1 arguments"),
-    ("call SetSpeakerVolume loud -> 0", 'each number must be a whole number of 32 bits, not "loud"'),
-    ("call SetSpeakerMute 1 -> 0", 'a switch must be false or true, not "1"'),
-    ("emit SpeakerVolumeChanged 1 2", 'there is no such signal: "SpeakerVolumeChanged"'),
-    (b'emit SpkDisconnected 4 "a\xff"', 'each text must be UTF-8 text, not "a?"'),
+    ("call SetSpeakerVolume", "SetSpeakerVolume takes 1 argument;"),
+    ("call SetSpeakerVolume loud -> 0", '"loud" is not a whole number of 32 bits'),
+    ("call SetSpeakerMute 1 -> 0", '"1" is not one of false, true'),
+    ("emit SpeakerVolumeChanged 1 2", 'there is no such signal for kavreld: "SpeakerVolumeChanged"'),
+    (b'emit SpkDisconnected 4 "a\xff"', '"a?" is not UTF-8 text'),
     ("call SetSpeakerVolume 30 ->", "SetSpeakerVolume answers 1 number"),
     ("call SetSpeakerVolume 30 -> 0 0", "SetSpeakerVolume answers 1 number"),
     ("call GetSpeakerVolume -> 0", "GetSpeakerVolume answers 2 numbers, a value and a status"),
     ("expect signal Spelling", 'there is no such signal: "Spelling"'),
     ("expect no signal SpeakerVolumeChanged 30", "SpeakerVolumeChanged takes 2 arguments"),
-    ("expect output nowhere", 'the route must be a code or one of the names, not "nowhere"'),
+    ("expect output nowhere", 'ROUTE: "nowhere" is neither the code nor the name of a route'),
     ("expect output 99", "there is no such output: 99"),
-    ("key ../x y", '"../x" is no key'),
+    ("key ../x y", 'KEY: "../x" is not a key'),
     ("expect", "expect is followed by signal, no signal, value, output, gain or fade"),
-    ("expect gain left 3", 'the output must be main or sub, not "left"'),
-    ("expect signal", "the form is: expect signal NAME [ARGUMENTS...] [within SECONDS]"),
-    ("expect signal X within soon", '"soon" is no number of seconds'),
-    ("1.5", "a time needs something to do"),
+    ("expect gain left 3", 'OUTPUT: "left" is not one of main, sub'),
+    ("expect signal", "the name of the signal is missing"),
+    ("call", "the name of the method is missing"),
+    ("volume 30 40", 'unexpected word "40"'),
+    ("expect value x", "TEXT is required"),
+    ("expect output tv within", 'unexpected word "within"'),
+    ("expect signal X within soon", '--within: "soon" is not a number from 0 to 86400'),
+    ("1.5", "a time must be followed by a verb"),
     ('say "\x1b[31m', "Text ended before matching quote was found for \"."),
     ("say 'half", "Text ended before matching quote was found for '. (The text was “'half”)"),
 ])
@@ -132,6 +136,12 @@ def test_a_line_that_is_wrong_is_refused_before_anything_is_done(play, tv, line,
 
 def test_what_is_said_reaches_the_terminal_without_control_characters(play):
     assert play("say a\x1b[31mb").stdout == "a?[31mb\n"
+
+
+def test_words_behind_the_verb_are_never_options(play):
+    assert play("say --help -> [a,b] {} within 5").stdout == "--help -> [a,b] {} within 5\n"
+    done = play("key db/some/text --dir", "expect value settings/db/some/text --dir", "emit SpkDisconnected 4 '[x,y]'")
+    assert (done.returncode, done.stderr) == (0, "")
 
 
 def test_a_name_alone_stands_for_any_arguments(play):
@@ -224,7 +234,7 @@ def recording(tool, scene, client, tmp_path):
     wait_until_recorded(path, lambda rows: any(row[5] == "route hdmi" for row in rows))
     status, complaints = running.end(signal.SIGINT)
     assert (status, complaints) == (0, ["kavrel-tv: recording until Ctrl-C"])
-    assert running.said(f"{len(rows_of(path))} moments in ")
+    assert running.said(f"{len(rows_of(path))} lines in ")
     return path
 
 
@@ -264,17 +274,17 @@ def test_a_plot_is_one_picture_with_axes_units_legend_and_marks(tool, recording,
 
 
 @pytest.mark.parametrize("text, message", [
-    ("", "this is no recording of kavrel-tv record"), ("a,b\n", "this is no recording of kavrel-tv record"),
-    (",".join(HEADER) + "\n", "there is nothing in it"),
+    ("", "this is not a recording of kavrel-tv record"), ("a,b\n", "this is not a recording of kavrel-tv record"),
+    (",".join(HEADER) + "\n", "the recording is empty"),
     (",".join(HEADER) + "\n0.0,1,2\n", "a time, four values and an event were expected"),
     (",".join(HEADER) + "\n0.0,1,2,x,0,\n", "a time, four values and an event were expected"),
-    (",".join(HEADER) + "\n1.0,1,2,3,0,\n0.5,1,2,3,0,\n", "the time runs backwards"),
+    (",".join(HEADER) + "\n1.0,1,2,3,0,\n0.5,1,2,3,0,\n", "the time is earlier than on the line before"),
 ])
 def test_what_is_no_recording_is_refused_with_its_line(scene, tmp_path, text, message):
     (tmp_path / "some.csv").write_text(text)
     done = Tool(scene).run("plot", str(tmp_path / "some.csv"), str(tmp_path / "some.svg"))
     assert done.returncode == 1 and not (tmp_path / "some.svg").exists()
-    assert message in refused(done) or (text == "" and "there is nothing in it" in refused(done))
+    assert message in refused(done) or (text == "" and "the recording is empty" in refused(done))
 
 
 def test_hostile_event_texts_reach_neither_gnuplot_nor_the_csv_s_form(scene, tmp_path):
@@ -288,7 +298,7 @@ def test_hostile_event_texts_reach_neither_gnuplot_nor_the_csv_s_form(scene, tmp
 def test_recording_for_some_time_ends_by_itself(tool, tmp_path):
     out = tool("record", "--seconds", "0.2", str(tmp_path / "short.csv"))
     rows = rows_of(tmp_path / "short.csv")
-    assert out.startswith(f"{len(rows)} moments in ") and float(rows[-1][0]) >= 0.2
+    assert out.startswith(f"{len(rows)} lines in ") and float(rows[-1][0]) >= 0.2
 
 
 def test_a_recording_that_cannot_be_written_is_told(tool):

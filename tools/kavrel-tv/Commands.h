@@ -1,30 +1,54 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-/** The commands, a file for each group of them: each adds its own to the command line. */
+/** The commands: each function adds its own to the command line. */
 #ifndef KAVREL_TV_COMMANDS_H
 #define KAVREL_TV_COMMANDS_H
 
+#include <functional>
+#include <memory>
 #include <string>
 
 #include "CommandLine.h"
 
 namespace tv {
 
-/** What stands before the command. */
+/** The options before the command. */
 struct Options {
-    std::string directory;
+    std::string directory = "/run/kavrel";
 };
 
-void AddShow(tools::CommandLine& line, const Options& options);
-void AddWatch(tools::CommandLine& line, const Options& options);
-/** One verb for each thing that can happen to a TV. */
+/** The help page of a command; the examples are whole command lines. */
+struct About {
+    std::string name;
+    std::string description;
+    std::string examples;
+};
+
+/** Adds a command: a struct whose AddOptions() binds its members to arguments, and whose Run() gives the exit code. */
+template <typename Command>
+void AddCommand(tools::CommandLine& line, const Options& options, const About& about) {
+    const auto command = std::make_shared<Command>();
+    const auto run = [command, &options] { return command->Run(options.directory); };
+    command->AddOptions(line.AddCommand(about.name, about.description, about.examples, run));
+}
+
+/** Changes the open TV. @throws tools::ToolError */
+using Change = std::function<void()>;
+
+/** Adds a verb's subcommand. @param parsed returns the change that the last words ask for
+ *  @return the subcommand, to add arguments to */
+using AddVerb = std::function<CLI::App&(const About& about, std::function<Change()> parsed)>;
+
+/** Adds the verbs, one for each thing that can change on a TV; lines of scenarios are verbs, too. */
+void AddVerbs(const AddVerb& add);
+
+void AddShowAndWatch(tools::CommandLine& line, const Options& options);
 void AddVerbs(tools::CommandLine& line, const Options& options);
 void AddDevices(tools::CommandLine& line, const Options& options);
-void AddEmulator(tools::CommandLine& line);
-void AddPlay(tools::CommandLine& line, const Options& options);
-void AddTour(tools::CommandLine& line, const Options& options);
+void AddEmulator(tools::CommandLine& line, const Options& options);
+void AddPlayAndTour(tools::CommandLine& line, const Options& options);
 void AddRecord(tools::CommandLine& line, const Options& options);
-void AddPlot(tools::CommandLine& line);
+void AddPlot(tools::CommandLine& line, const Options& options);
 
 }  // namespace tv
 

@@ -26,8 +26,8 @@ constexpr std::size_t BUFFER_SIZE = 65536;
 constexpr std::uint32_t EVENTS = IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_FROM | IN_MOVED_TO | IN_CREATE |
                                  IN_DELETE | IN_DELETE_SELF | IN_ONLYDIR;
 
-/** Names with a dot are nobody's value: a writer's file or a folder before it is moved into place. In the
- * directory itself they may be something else. */
+/** A name with a dot in front is a file or a folder before its writer moves it into place. Only in the directory
+ * itself may it be something else. */
 bool IsTemporary(const fs::path& path) {
     return path.has_parent_path() && path.filename().string().starts_with('.');
 }
@@ -104,8 +104,8 @@ void DirectoryWatch::Handle(const inotify_event& event) {
     }
 }
 
-/** A file counts as written when it is moved into place, or closed after it has been written to: whoever
- * moves a finished file may close it before or after. */
+/** Reports a file as written when it is moved into place, or closed after a write: a program that moves a finished
+ * file may close it before or after. */
 void DirectoryWatch::HandleFile(const fs::path& path, std::uint32_t mask) {
     if ((mask & IN_MODIFY) != 0) {
         m_modified.insert(path);
@@ -118,7 +118,7 @@ void DirectoryWatch::HandleFile(const fs::path& path, std::uint32_t mask) {
     }
 }
 
-/** A folder that was moved away is no longer heard of under its old name. */
+/** Stops to watch a folder that was moved away, with those in it. */
 void DirectoryWatch::Leave(const fs::path& folder) {
     const std::string below = folder.string() + "/";
     std::erase_if(m_folders, [&](const auto& entry) {
@@ -131,8 +131,8 @@ void DirectoryWatch::Leave(const fs::path& folder) {
     });
 }
 
-/** Watches a folder and those in it; what is written before the watch is set is told of by its name. */
-void DirectoryWatch::Follow(const fs::path& folder, bool tellOfFiles) {
+/** Watches a folder and those in it. @param reportFiles whether to report the files that are there already */
+void DirectoryWatch::Follow(const fs::path& folder, bool reportFiles) {
     const int watch = inotify_add_watch(m_inotify, (m_directory / folder).c_str(), EVENTS);
     if (watch < 0) {
         return;
@@ -149,8 +149,8 @@ void DirectoryWatch::Follow(const fs::path& folder, bool tellOfFiles) {
             continue;
         }
         if (entry->is_directory(ignored)) {
-            Follow(path, tellOfFiles);
-        } else if (tellOfFiles) {
+            Follow(path, reportFiles);
+        } else if (reportFiles) {
             m_handler(Event::WRITTEN, path);
         }
     }

@@ -18,8 +18,8 @@ struct inotify_event;
 namespace tv {
 
 /**
- * Tells of every write below a directory, whether in place or by a rename and whether the value is another
- * one or not, through the kernel's notifications on the main loop. The folders themselves may come and go.
+ * Reports every write below a directory on the main loop: in place or by a rename, of a new or of an equal text. The
+ * folders themselves may come and go.
  */
 class DirectoryWatch {
 public:
@@ -28,8 +28,8 @@ public:
         REMOVED,
         LOST,  // notifications have been lost: anything may have happened
     };
-    /** @param path below the directory: of a file, or of a folder that was removed; empty for what else has
-     *  happened to a folder, or is lost */
+    /** @param path below the directory: of a file, or of a folder that was removed; empty for LOST and for any other
+     *  change of a folder */
     using Handler = std::function<void(Event event, const std::string& path)>;
 
     /** @throws ToolError if the directory cannot be watched */
@@ -43,7 +43,7 @@ private:
     void Handle(const inotify_event& event);
     void HandleFile(const std::filesystem::path& path, std::uint32_t mask);
     void Leave(const std::filesystem::path& folder);
-    void Follow(const std::filesystem::path& folder, bool tellOfFiles);
+    void Follow(const std::filesystem::path& folder, bool reportFiles);
 
     const std::filesystem::path m_directory;
     const Handler m_handler;

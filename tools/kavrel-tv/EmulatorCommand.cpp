@@ -1,15 +1,18 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
+#include <gio/gio.h>
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <csignal>
-#include <memory>
+#include <functional>
 #include <string>
 
+#include "Clock.h"
 #include "Commands.h"
-#include "Emulator.h"
 #include "Errors.h"
+#include "KavrelClient.h"
 #include "MainLoop.h"
 #include "Print.h"
 
@@ -17,28 +20,156 @@ namespace tv {
 
 namespace {
 
-constexpr const char* DESCRIPTION = R"(play the speaker behind one of kavreld's emulators
+constexpr const char* DESCRIPTION = R"(Play the speaker behind one of kavreld's emulators
 
 kavreld takes an emulator for a speaker while /opt/etc/.enable_tv_spk or
 /opt/etc/.enable_bt_spk exists. A number typed here turns the speaker's own
-knob; both emulators hear of that. Ctrl-C ends it.
+knob; both emulators are notified. Ctrl-C ends the command.
 
 The Bluetooth emulator works in full once its support word is set, which
 "kavrel-tv devices" does. The TV emulator calls GetSpkVolume and SetSpkVolume
 under kavreld's own name, where nobody else can answer: they fail as long as
-kavreld owns it. The speaker is therefore beside it, as org.olvane.kavrel.tv,
-for any other caller.)";
+kavreld owns it. This speaker therefore has the name org.olvane.kavrel.tv, for
+any other caller.)";
 
-struct Given {
-    std::string which;
-    std::string volume = "10";
-    std::string result = "0";
+constexpr std::chrono::seconds PATIENCE(5);
+
+/** One of the two speakers that an emulator of the daemon takes its volume from. */
+struct EmulatorPeer {
+    const char* name;  // on the bus
+    const char* path;
+    const char* interface;
+    int route;    // in its signals and answers
+    int support;  // in its signals
 };
 
-/** Lines of text from a file without blocking on it. */
+// Nobody but the daemon can own the name under which the TV emulator calls its peer.
+constexpr std::array<EmulatorPeer, 2> PEERS = {
+    {{"org.olvane.kavrel.tv", "/Org/Olvane/Kavrel", "org.olvane.kavrel.tv", 0, 0xFFFF},
+     {"com.norvik.tv.bt.connectionmanager", "/com/norvik/tv/bt/connectionmanager",
+      "com.norvik.tv.bt.connectionmanager.speaker", 3, 0xF}}};
+
+tools::GLibPtr<GDBusNodeInfo> Describe(const EmulatorPeer& peer) {
+    const std::string xml = std::string("<node><interface name='") + peer.interface + R"('>
+        <method name='GetSpkVolume'>
+          <arg name='route' type='i' direction='out'/>
+          <arg name='volume' type='i' direction='out'/>
+          <arg name='result' type='i' direction='out'/>
+        </method>
+        <method name='SetSpkVolume'>
+          <arg name='volume' type='i' direction='in'/>
+          <arg name='route' type='i' direction='out'/>
+          <arg name='result' type='i' direction='out'/>
+        </method>
+      </interface></node>)";
+    return tools::GLibPtr<GDBusNodeInfo>(g_dbus_node_info_new_for_xml(xml.c_str(), nullptr));
+}
+
+void Say(const std::string& what) {
+    tools::PrintLine(tools::TimeOfDay(tools::Now()) + " " + what);
+}
+
+/**
+ * A speaker on the bus: answers "GetSpkVolume" and "SetSpkVolume", announces each volume that it is set to with
+ * "SpkVolumeChanged", and prints what it does.
+ */
+class Emulator {
+public:
+    /** @param result the last value of every answer of GetSpkVolume: 0 for success
+     *  @throws tools::ToolError without a bus; the main loop throws one if the name cannot be owned */
+    Emulator(tools::MainLoop& loop, const EmulatorPeer& peer, int volume, int result)
+        : m_loop(loop),
+          m_peer(peer),
+          m_volume(volume),
+          m_result(result),
+          m_connection(tools::ConnectToSystemBus(PATIENCE)) {
+        Register();
+        m_name =
+            g_bus_own_name_on_connection(m_connection.get(), peer.name, G_BUS_NAME_OWNER_FLAGS_DO_NOT_QUEUE,
+                                         OnNameAcquired, OnNameLost, this, nullptr);
+    }
+    ~Emulator() {
+        g_bus_unown_name(m_name);
+        g_dbus_connection_unregister_object(m_connection.get(), m_object);
+    }
+    Emulator(const Emulator&) = delete;
+    Emulator& operator=(const Emulator&) = delete;
+
+    /** Sets the volume as the speaker's own knob does. */
+    void Turn(int volume) {
+        m_volume = volume;
+        // On the daemon's interface and path, where both of its emulators listen for signals of any sender.
+        g_dbus_connection_emit_signal(m_connection.get(), nullptr, tools::KAVREL_SIGNAL_PATH,
+                                      tools::KAVREL_INTERFACE, "SpkVolumeChanged",
+                                      g_variant_new("(iii)", m_peer.route, m_peer.support, volume), nullptr);
+        Say("SpkVolumeChanged " + std::to_string(m_peer.route) + " " + std::to_string(m_peer.support) + " " +
+            std::to_string(volume));
+    }
+
+private:
+    void Register() {
+        static constexpr GDBusInterfaceVTable CALLS = {OnCall, nullptr, nullptr, {}};
+        const auto node = Describe(m_peer);
+        tools::GLibError error;
+        m_object = g_dbus_connection_register_object(m_connection.get(), m_peer.path, node->interfaces[0],
+                                                     &CALLS, this, nullptr, error);
+        if (m_object == 0) {
+            throw tools::ToolError(tools::EXIT_REFUSED, error->message);
+        }
+    }
+
+    static void OnCall(GDBusConnection* /*connection*/, const char* /*sender*/, const char* /*path*/,
+                       const char* /*interface*/, const char* method, GVariant* parameters,
+                       GDBusMethodInvocation* invocation, void* self) {
+        auto* emulator = static_cast<Emulator*>(self);
+        emulator->m_loop.Guard([&] { emulator->Answer(method, parameters, invocation); });
+    }
+
+    /** GLib lets only the two methods through, with arguments of their types. */
+    void Answer(const std::string& method, GVariant* parameters, GDBusMethodInvocation* invocation) {
+        if (method == "GetSpkVolume") {
+            g_dbus_method_invocation_return_value(invocation,
+                                                  g_variant_new("(iii)", m_peer.route, m_volume, m_result));
+            Say("GetSpkVolume: " + std::to_string(m_volume));
+            return;
+        }
+        int volume = 0;
+        g_variant_get(parameters, "(i)", &volume);
+        g_dbus_method_invocation_return_value(invocation, g_variant_new("(ii)", m_peer.route, 0));
+        Say("SetSpkVolume " + std::to_string(volume));
+        Turn(volume);
+    }
+
+    static void OnNameAcquired(GDBusConnection* /*connection*/, const char* name, void* self) {
+        auto* emulator = static_cast<Emulator*>(self);
+        emulator->m_loop.Guard(
+            [&] { Say(std::string(name) + " is here, volume " + std::to_string(emulator->m_volume)); });
+    }
+
+    static void OnNameLost(GDBusConnection* connection, const char* name, void* self) {
+        static_cast<Emulator*>(self)->m_loop.Guard([&] {
+            if (connection == nullptr || g_dbus_connection_is_closed(connection) == TRUE) {
+                throw tools::ToolError(tools::EXIT_UNREACHABLE, "the bus has gone");
+            }
+            throw tools::ToolError(tools::EXIT_REFUSED,
+                                   std::string("cannot own the name ") + name +
+                                       ": another program does, or the bus does not allow it");
+        });
+    }
+
+    tools::MainLoop& m_loop;
+    const EmulatorPeer& m_peer;
+    int m_volume;
+    const int m_result;
+    tools::GLibPtr<GDBusConnection> m_connection;
+    guint m_object = 0;
+    guint m_name = 0;
+};
+
+/** Reads lines of text from a file without blocking. */
 class Lines {
 public:
-    using Handler = std::function<void(const std::string& line)>;
+    using Handler = std::function<void(std::string line)>;
 
     Lines(tools::MainLoop& loop, int file, Handler handler)
         : m_file(file),
@@ -50,54 +181,61 @@ private:
         std::array<char, 256> chunk = {};
         const ssize_t size = read(m_file, chunk.data(), chunk.size());
         if (size <= 0) {
-            m_source.reset();  // the end, or a terminal that other programs read from
-            if (!m_begun.empty()) {
-                m_handler(m_begun);
+            m_source.reset();  // the end, or a terminal that another program reads from
+            if (!m_text.empty()) {
+                m_handler(m_text);
             }
             return;
         }
-        m_begun.append(chunk.data(), static_cast<std::size_t>(size));
-        for (std::size_t end = 0; (end = m_begun.find('\n')) != std::string::npos;) {
-            const std::string line = m_begun.substr(0, end);
-            m_begun.erase(0, end + 1);
+        m_text.append(chunk.data(), static_cast<std::size_t>(size));
+        for (std::size_t end = 0; (end = m_text.find('\n')) != std::string::npos;) {
+            const std::string line = m_text.substr(0, end);
+            m_text.erase(0, end + 1);
             m_handler(line);
         }
     }
 
     const int m_file;
     const Handler m_handler;
-    std::string m_begun;
+    std::string m_text;
     tools::GLibPtr<GSource> m_source;
 };
 
-int Emulate(const Given& given) {
-    const bool isTv = tools::Choice("the speaker", given.which, {"tv", "bt"}) == 0;
-    const int volume = tools::Number("--volume", given.volume);
-    const int result = tools::Number("--result", given.result);
-    std::signal(SIGTTIN,
-                SIG_IGN);  // in the background, reading from the terminal fails instead of stopping it
-    tools::MainLoop loop;
-    Emulator emulator(loop, isTv ? TV_PEER : BT_PEER, volume, result);
-    const Lines knob(loop, STDIN_FILENO, [&](const std::string& line) {
-        try {
-            emulator.Turn(tools::Number("a volume", line));
-        } catch (const tools::UsageError& error) {
-            tools::Complain(error.what());
-        }
-    });
-    return loop.RunUntilInterrupted();
-}
+struct EmulatorCommand {
+    std::size_t peer = 0;
+    int volume = 10;
+    int result = 0;
+
+    void AddOptions(CLI::App& command) {
+        command.add_option("SPEAKER", peer)->required()->transform(tools::OneOf({{"tv", 0}, {"bt", 1}}));
+        command.add_option("--volume", volume, "Set the first volume (default: 10)")
+            ->type_name("N")
+            ->transform(tools::WholeNumber());
+        command.add_option("--result", result, "Set the result that GetSpkVolume answers (default: 0)")
+            ->type_name("N")
+            ->transform(tools::WholeNumber());
+    }
+
+    int Run(const std::string& /*directory*/) const {
+        std::signal(SIGTTIN, SIG_IGN);  // a read from the terminal then fails in the background
+        tools::MainLoop loop;
+        Emulator emulator(loop, PEERS.at(peer), volume, result);
+        const Lines knob(loop, STDIN_FILENO, [&](std::string line) {
+            if (const std::string error = tools::WholeNumber()(line); !error.empty()) {
+                tools::Complain(error);
+            } else {
+                emulator.Turn(std::stoi(line));
+            }
+        });
+        return loop.RunUntilInterrupted();
+    }
+};
 
 }  // namespace
 
-void AddEmulator(tools::CommandLine& line) {
-    auto given = std::make_shared<Given>();
-    CLI::App& command = line.AddCommand("emulator", DESCRIPTION, "kavrel-tv emulator bt --volume 20",
-                                        [given] { return Emulate(*given); });
-    command.add_option("SPEAKER", given->which, "tv or bt")->required();
-    command.add_option("--volume", given->volume, "what it begins with (default: 10)")->type_name("N");
-    command.add_option("--result", given->result, "what GetSpkVolume answers as its result (default: 0)")
-        ->type_name("N");
+void AddEmulator(tools::CommandLine& line, const Options& options) {
+    AddCommand<EmulatorCommand>(line, options,
+                                {"emulator", DESCRIPTION, "kavrel-tv emulator bt --volume 20"});
 }
 
 }  // namespace tv

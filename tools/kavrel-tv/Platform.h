@@ -1,7 +1,6 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-/** The TV directory as the tool uses it: through the platform's own functions, with its failures as the
- * tool's. */
+/** The TV directory, through the core of the host platform, whose errors become the tool's. */
 #ifndef KAVREL_TV_PLATFORM_H
 #define KAVREL_TV_PLATFORM_H
 
@@ -11,17 +10,12 @@
 
 namespace tv {
 
-/** Makes the directory the TV of this process; to be called before anything else of the platform.
- *  @throws ToolError if it is none: this tool makes no TV by accident */
+/** Makes the directory the TV of this process; everything else here and in the host core needs that.
+ *  @throws tools::ToolError if it is not a TV directory, so that this tool never makes one by mistake */
 void OpenTv(const std::string& directory);
 
-/** Passes 0 on in silence.
- *  @throws ToolError with what the platform has said about a failure */
-void Require(int result, const std::string& what);
-void Require(const host::Error& error, const std::string& what);
-
-/** What the platform has said last, since the last time it was asked; mostly nothing. */
-std::string TakePlatformError();
+/** @throws tools::ToolError if there is an error */
+void ThrowIfFailed(const host::Error& error);
 
 }  // namespace tv
 

@@ -1,10 +1,10 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
 #include <gio/gio.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
-#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -25,8 +25,41 @@ constexpr double CLOSEST_MARKS = 0.04;  // of the time shown
 constexpr double LEAST_SPAN = 0.1;      // seconds
 constexpr int LONGEST_MARK = 24;        // characters, which fit above the panel
 
-/** For a single-quoted string of gnuplot. */
-std::string Quoted(const std::string& text) {
+constexpr const char* SETTINGS = R"(
+set terminal svg size 960,600 dynamic font 'sans-serif,13' background '#ffffff'
+set multiplot title title noenhanced font ',15'
+set xrange [begin:end]
+set grid linecolor rgb '#e0e0e0'
+set lmargin 9
+set rmargin 4
+set key outside bottom center horizontal
+)";
+
+/** The gains in the upper panel; volume and mute in the lower one, with the same marks but without their names. */
+constexpr const char* PANELS = R"(
+set size 1,0.56
+set origin 0,0.40
+set bmargin 3
+set ylabel 'gain (%)'
+set yrange [-5:105]
+set ytics 20
+plot $data using 1:2 with steps linewidth 2.5 linecolor rgb '#0060c0' title 'main output gain', \
+     $data using 1:3 with steps linewidth 1.5 dashtype 2 linecolor rgb '#e07000' title 'sub output gain'
+unset label
+set size 1,0.40
+set origin 0,0
+set tmargin 1
+set bmargin 5
+set ylabel 'volume'
+set xlabel 'time (s)'
+set style fill solid 0.25 noborder
+plot $data using 1:($5 == 1 ? 105 : NaN):(-5) with fillsteps linecolor rgb '#c02020' title 'muted', \
+     $data using 1:4 with steps linewidth 2.5 linecolor rgb '#208040' title 'volume'
+unset multiplot
+)";
+
+/** The text as a string of gnuplot. */
+std::string InQuotes(const std::string& text) {
     std::string quoted = "'";
     for (const char letter : tools::Printable(text)) {
         quoted += letter == '\'' ? "''" : std::string(1, letter);
@@ -34,104 +67,89 @@ std::string Quoted(const std::string& text) {
     return quoted + "'";
 }
 
-bool IsMark(const Moment& moment) {
-    return !moment.event.empty() && moment.event != "start" && moment.event != "end";
+bool HasMark(const Sample& sample) {
+    return !sample.event.empty() && sample.event != "start" && sample.event != "end";
 }
 
-/** The last part of a long path says enough beside a line. */
-std::string ShortMark(const std::string& event) {
+/** The event, with the last part alone of a long path. */
+std::string MarkOf(const std::string& event) {
     const std::size_t value = event.find(' ');
     const std::size_t slash = event.rfind('/', value);
-    return slash == std::string::npos ? event : event.substr(slash + 1);
+    return tools::Clipped(tools::Printable(slash == std::string::npos ? event : event.substr(slash + 1)),
+                          LONGEST_MARK);
 }
 
-/**
- * Dashed lines through a panel; the upper one names them. What
- * happens too close for two names shares one.
- */
-std::string Marks(const std::vector<Moment>& moments, double closest, bool named) {
-    std::ostringstream script;
-    std::vector<const Moment*> marks;
-    for (const Moment& moment : moments) {
-        if (IsMark(moment)) {
-            marks.push_back(&moment);
-        }
-    }
-    for (std::size_t i = 0; i < marks.size();) {
-        const double seconds = marks[i]->seconds;
-        std::string name = tools::Clipped(tools::Printable(ShortMark(marks[i]->event)), LONGEST_MARK);
-        const std::size_t first = i;
-        while (i < marks.size() && marks[i]->seconds < seconds + closest) {
-            ++i;
-        }
-        name += i - first > 1 ? " +" + std::to_string(i - first - 1) : "";
+/** A dashed line with a name at each event; events that are too close for two names share the first one's. */
+void AddMarks(std::ostream& script, const std::vector<Sample>& samples, double closest) {
+    std::vector<Sample> marks;
+    std::copy_if(samples.begin(), samples.end(), std::back_inserter(marks), HasMark);
+    for (auto first = marks.begin(); first != marks.end();) {
+        const double seconds = first->seconds;
+        const auto next = std::find_if(first, marks.end(),
+                                       [&](const Sample& mark) { return mark.seconds >= seconds + closest; });
+        const auto others = next - first - 1;
+        const std::string name = MarkOf(first->event) + (others > 0 ? " +" + std::to_string(others) : "");
         script << "set arrow from " << seconds << ", graph 0 to " << seconds
-               << ", graph 1 nohead dashtype 3 linecolor rgb '#808080'\n";
-        if (named) {
-            script << "set label " << Quoted(name) << " at " << seconds
-                   << ", graph 1.02 rotate by 35 font ',10' textcolor rgb '#505050' noenhanced\n";
-        }
+               << ", graph 1 nohead dashtype 3 linecolor rgb '#808080'\n"
+               << "set label " << InQuotes(name) << " at " << seconds
+               << ", graph 1.02 rotate by 35 font ',10' textcolor rgb '#505050' noenhanced\n";
+        first = next;
     }
-    return script.str();
 }
 
-std::string Data(const std::vector<Moment>& moments) {
-    std::ostringstream data;
-    data << "$data << END_OF_DATA\n";
-    for (const Moment& moment : moments) {
-        data << moment.seconds;
-        for (const auto& value : moment.values) {
-            data << ' ' << (value ? std::to_string(*value) : "NaN");
+void AddData(std::ostream& script, const std::vector<Sample>& samples) {
+    script << "$data << END_OF_DATA\n";
+    for (const Sample& sample : samples) {
+        script << sample.seconds;
+        for (const auto& value : sample.values) {
+            script << ' ' << (value ? std::to_string(*value) : "NaN");
         }
-        data << '\n';
+        script << '\n';
     }
-    data << "END_OF_DATA\n";
-    return data.str();
+    script << "END_OF_DATA\n";
 }
 
-std::string Script(const std::vector<Moment>& moments, const std::string& title) {
-    const double begin = moments.front().seconds;
-    const double end = std::max(moments.back().seconds, begin + LEAST_SPAN);
-    const double closest = (end - begin) * CLOSEST_MARKS;
-    const bool hasMarks = std::any_of(moments.begin(), moments.end(), IsMark);
+std::string Script(const std::vector<Sample>& samples, const std::string& title) {
+    const double begin = samples.front().seconds;
+    const double end = std::max(samples.back().seconds, begin + LEAST_SPAN);
+    const bool hasMarks = std::any_of(samples.begin(), samples.end(), HasMark);
     std::ostringstream script;
-    script << Data(moments)
-           << "set terminal svg size 960,600 dynamic font 'sans-serif,13' background '#ffffff'\n"
-           << "set multiplot title " << Quoted(title) << " noenhanced font ',15'\n"
-           << "set xrange [" << begin << ":" << end << "]\n"
-           << "set grid linecolor rgb '#e0e0e0'\n"
-           << "set lmargin 9\nset rmargin 4\nset key outside bottom center horizontal\n"
-           << "set size 1,0.56\nset origin 0,0.40\nset bmargin 3\nset tmargin " << (hasMarks ? 6 : 3) << '\n'
-           << "set ylabel 'gain (%)'\nset yrange [-5:105]\nset ytics 20\n"
-           << Marks(moments, closest, true)
-           << "plot $data using 1:2 with steps linewidth 2.5 linecolor rgb '#0060c0' title 'main output "
-              "gain', \\\n"
-           << "     $data using 1:3 with steps linewidth 1.5 dashtype 2 linecolor rgb '#e07000' "
-              "title 'sub output gain'\n"
-           << "unset label\nunset arrow\n"
-           << "set size 1,0.40\nset origin 0,0\nset tmargin 1\nset bmargin 5\n"
-           << "set ylabel 'volume'\nset xlabel 'time (s)'\n"
-           << Marks(moments, closest, false) << "set style fill solid 0.25 noborder\n"
-           << "plot $data using 1:($5 == 1 ? 105 : NaN):(-5) with fillsteps linecolor rgb '#c02020' "
-              "title 'muted', \\\n"
-           << "     $data using 1:4 with steps linewidth 2.5 linecolor rgb '#208040' title 'volume'\n"
-           << "unset multiplot\n";
+    AddData(script, samples);
+    script << "begin = " << begin << "\nend = " << end << "\ntitle = " << InQuotes(title) << SETTINGS
+           << "set tmargin " << (hasMarks ? 6 : 3) << '\n';
+    AddMarks(script, samples, (end - begin) * CLOSEST_MARKS);
+    script << PANELS;
     return script.str();
 }
 
-struct ReleaseObject {
-    void operator()(void* object) const { g_object_unref(object); }
-};
+/** Runs the installer that ./run names; its messages go to standard error. */
+void InstallGnuplot() {
+    const char* const installer = g_getenv("KAVREL_INSTALL");
+    if (installer == nullptr || *installer == '\0') {
+        return;
+    }
+    const tools::GLibPtr<GSubprocessLauncher> launcher(g_subprocess_launcher_new(G_SUBPROCESS_FLAGS_NONE));
+    g_subprocess_launcher_take_stdout_fd(launcher.get(), dup(STDERR_FILENO));
+    const tools::GLibPtr<GSubprocess> process(
+        g_subprocess_launcher_spawn(launcher.get(), nullptr, installer, "gnuplot-nox", nullptr));
+    if (process != nullptr) {
+        g_subprocess_wait(process.get(), nullptr, nullptr);
+    }
+}
 
 std::string RunGnuplot(const std::string& script) {
+    const tools::GLibPtr<char> program(g_find_program_in_path("gnuplot"));
+    if (program == nullptr) {
+        InstallGnuplot();
+    }
     tools::GLibError error;
     const auto flags = static_cast<GSubprocessFlags>(
         G_SUBPROCESS_FLAGS_STDIN_PIPE | G_SUBPROCESS_FLAGS_STDOUT_PIPE | G_SUBPROCESS_FLAGS_STDERR_PIPE);
-    const std::unique_ptr<GSubprocess, ReleaseObject> process(
-        g_subprocess_new(flags, error, "gnuplot", "-", nullptr));
+    const tools::GLibPtr<GSubprocess> process(g_subprocess_new(flags, error, "gnuplot", "-", nullptr));
     if (process == nullptr) {
-        throw tools::ToolError(tools::EXIT_REFUSED,
-                               "cannot start gnuplot (Debian package gnuplot-nox), which draws the picture");
+        throw tools::ToolError(
+            tools::EXIT_REFUSED,
+            "cannot start gnuplot, which draws the picture: install the Debian package gnuplot-nox");
     }
     char* output = nullptr;
     char* errors = nullptr;
@@ -146,30 +164,38 @@ std::string RunGnuplot(const std::string& script) {
     return picture.get();
 }
 
-int Plot(const std::string& recording, const std::string& name) {
-    const std::vector<Moment> moments = ParseRecording(recording, ReadFile(recording));
-    const std::string picture = RunGnuplot(
-        Script(moments, "Gains, volume and mute: " + std::filesystem::path(recording).filename().string()));
-    tools::GLibError error;
-    if (!g_file_set_contents(name.c_str(), picture.data(), static_cast<gssize>(picture.size()), error)) {
-        throw tools::ToolError(tools::EXIT_REFUSED, error.Get()->message);
+struct PlotCommand {
+    std::string recording;
+    std::string picture;
+
+    void AddOptions(CLI::App& command) {
+        command.add_option("FILE.csv", recording, "A recording of kavrel-tv record")->required();
+        command.add_option("FILE.svg", picture, "The picture; an old one is replaced")->required();
     }
-    tools::PrintLine(std::to_string(moments.size()) + " moments drawn in " + tools::Printable(name));
-    return tools::EXIT_DONE;
-}
+
+    int Run(const std::string& /*directory*/) const {
+        const std::vector<Sample> samples = ParseRecording(recording, ReadFile(recording));
+        const std::string title =
+            "Gains, volume and mute: " + std::filesystem::path(recording).filename().string();
+        const std::string svg = RunGnuplot(Script(samples, title));
+        tools::GLibError error;
+        if (!g_file_set_contents(picture.c_str(), svg.data(), static_cast<gssize>(svg.size()), error)) {
+            throw tools::ToolError(tools::EXIT_REFUSED, error->message);
+        }
+        tools::PrintLine(std::to_string(samples.size()) + " lines drawn in " + tools::Printable(picture));
+        return tools::EXIT_DONE;
+    }
+};
 
 }  // namespace
 
-void AddPlot(tools::CommandLine& line) {
-    auto recording = std::make_shared<std::string>();
-    auto picture = std::make_shared<std::string>();
-    CLI::App& plot = line.AddCommand("plot",
-                                     "draw a recording as an SVG picture\n\n"
-                                     "Both gains above, volume and mute below, and a mark at each event.",
-                                     "kavrel-tv plot fade.csv fade.svg",
-                                     [recording, picture] { return Plot(*recording, *picture); });
-    plot.add_option("FILE.csv", *recording, "of kavrel-tv record")->required();
-    plot.add_option("FILE.svg", *picture, "is written anew")->required();
+void AddPlot(tools::CommandLine& line, const Options& options) {
+    AddCommand<PlotCommand>(line, options,
+                            {"plot",
+                             "Draw a recording as an SVG picture\n\n"
+                             "The picture has both gains above, volume and mute below, and a mark at each\n"
+                             "event.",
+                             "kavrel-tv plot fade.csv fade.svg"});
 }
 
 }  // namespace tv

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <fstream>
-#include <memory>
+#include <optional>
 #include <string>
 
 #include "Commands.h"
@@ -16,6 +16,7 @@
 #include "Print.h"
 #include "Recording.h"
 #include "Routes.h"
+#include "Snapshot.h"
 
 namespace tv {
 
@@ -23,10 +24,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/**
- * Writes a line whenever something changes on the open TV;
- * each is in the file when the next thing happens.
- */
+/** Writes a line for each change on the open TV, at once. */
 class Recorder {
 public:
     Recorder(tools::MainLoop& loop, const std::string& directory, const std::string& name)
@@ -35,24 +33,21 @@ public:
           m_watch(loop, directory,
                   [this](DirectoryWatch::Event event, const std::string& path) { On(event, path); }) {
         Write(RecordingHeader());
-        Note("start");
+        Record("start");
     }
 
-    void Note(const std::string& event) {
-        Moment moment{std::chrono::duration<double>(Clock::now() - m_start).count(), {}, event};
+    /** Writes a line, unless there is neither an event nor a change of the values. */
+    void Record(const std::string& event) {
+        Sample sample{std::chrono::duration<double>(Clock::now() - m_start).count(), {}, event};
         for (std::size_t i = 0; i < COLUMNS.size(); ++i) {
-            std::string text;
-            int value = 0;
-            if (!host::Read({COLUMNS[i].path, host::Range{}}, text) &&
-                host::ParseInteger(text, {}, value) == 0) {
-                moment.values[i] = value;
-            }
+            const Integer value = ReadInteger({COLUMNS[i].value.path, host::ANY_INTEGER});
+            sample.values[i] = value ? std::optional(value.value) : std::nullopt;
         }
-        if (event.empty() && moment.values == m_last) {
+        if (event.empty() && sample.values == m_last) {
             return;
         }
-        m_last = moment.values;
-        Write(ToLine(moment));
+        m_last = sample.values;
+        Write(ToLine(sample));
         ++m_count;
     }
 
@@ -61,22 +56,23 @@ public:
 private:
     void On(DirectoryWatch::Event event, const std::string& path) {
         if (event == DirectoryWatch::Event::LOST) {
-            Note("notifications lost");
+            Record("notifications lost");
         } else if (!path.empty()) {
-            const bool isColumn = std::any_of(COLUMNS.begin(), COLUMNS.end(),
-                                              [&](const Column& column) { return path == column.path; });
+            const bool isColumn = std::any_of(COLUMNS.begin(), COLUMNS.end(), [&](const Column& column) {
+                return path == column.value.path;
+            });
             const bool isRemoved = event == DirectoryWatch::Event::REMOVED;
-            Note(isColumn ? "" : NameOf(path) + " " + (isRemoved ? "removed" : ValueOf(path)));
+            Record(isColumn ? "" : NameOf(path) + " " + (isRemoved ? "removed" : ValueOf(path)));
         }
     }
 
-    /** As the verbs call it: "route", "focus", "zone 2 route"; else its path. */
+    /** The verb that changes the value, "zone 2 route" for a zone's route, and else the path. */
     static std::string NameOf(const std::string& path) {
-        static constexpr std::string_view ZONES = "sound/zones/";
-        if (path == ROUTE_PATH) {
+        static const std::string ZONES = std::string(host::ZONES) + "/";
+        if (path == host::ROUTE.path) {
             return "route";
         }
-        if (path == FOCUS_PATH) {
+        if (path == host::FOCUS.path) {
             return "focus";
         }
         if (!path.starts_with(ZONES)) {
@@ -88,13 +84,11 @@ private:
     }
 
     static std::string ValueOf(const std::string& path) {
-        std::string text;
-        if (host::Read({path, std::nullopt}, text)) {
-            return "unreadable";
+        if (const Integer route = ReadInteger({path, host::ANY_INTEGER}); route && path.ends_with("/route")) {
+            return std::string(NameOfRoute(route.value));
         }
-        int route = 0;
-        const bool isRoute = path.ends_with("/route") && host::ParseInteger(text, {}, route) == 0;
-        return isRoute ? std::string(NameOfRoute(route)) : text;
+        std::string text;
+        return host::Read({path, host::TEXT}, text) ? "unreadable" : text;
     }
 
     void Write(const std::string& text) {
@@ -108,44 +102,49 @@ private:
     const std::string m_name;
     std::ofstream m_file;
     DirectoryWatch m_watch;
-    decltype(Moment::values) m_last;
+    decltype(Sample::values) m_last;
     int m_count = 0;
 };
 
-int Record(const std::string& directory, const std::string& name, const std::string& text) {
-    const double seconds = text.empty() ? 0 : tools::Decimal("--seconds", text, 0.001, 86400);
-    OpenTv(directory);
-    tools::MainLoop loop;
-    Recorder recorder(loop, directory, name);
-    tools::GLibPtr<GSource> end;
-    if (seconds > 0) {
-        const auto time =
-            std::chrono::ceil<std::chrono::milliseconds>(std::chrono::duration<double>(seconds));
-        end = loop.After(time, [&loop] { loop.Quit(tools::EXIT_DONE); });
-    } else {
-        tools::Complain("recording until Ctrl-C");
+struct RecordCommand {
+    std::string file;
+    std::optional<double> seconds;
+
+    void AddOptions(CLI::App& command) {
+        command.add_option("FILE", file, "The recording; an old one is replaced")->required();
+        command.add_option("--seconds", seconds, "End after 0.001 to 86400 seconds (default: at Ctrl-C)")
+            ->type_name("S")
+            ->transform(tools::DecimalNumber(0.001, 86400));
     }
-    const int status = loop.RunUntilInterrupted();
-    recorder.Note("end");
-    tools::PrintLine(std::to_string(recorder.Count()) + " moments in " + tools::Printable(name));
-    return status;
-}
+
+    int Run(const std::string& directory) const {
+        OpenTv(directory);
+        tools::MainLoop loop;
+        Recorder recorder(loop, directory, file);
+        tools::GLibPtr<GSource> end;
+        if (seconds) {
+            const std::chrono::duration<double> time(*seconds);
+            end = loop.After(std::chrono::ceil<std::chrono::milliseconds>(time),
+                             [&loop] { loop.Quit(tools::EXIT_DONE); });
+        } else {
+            tools::Complain("recording until Ctrl-C");
+        }
+        const int status = loop.RunUntilInterrupted();
+        recorder.Record("end");
+        tools::PrintLine(std::to_string(recorder.Count()) + " lines in " + tools::Printable(file));
+        return status;
+    }
+};
 
 }  // namespace
 
 void AddRecord(tools::CommandLine& line, const Options& options) {
-    auto file = std::make_shared<std::string>();
-    auto seconds = std::make_shared<std::string>();
-    CLI::App& record =
-        line.AddCommand("record",
-                        "record gains, volume and mute over time\n\n"
-                        "Writes comma-separated values, a line for each change: seconds, main_gain,\n"
-                        "sub_gain, volume, mute, event. Ends after the given time, or at Ctrl-C.",
-                        "kavrel-tv record --seconds 5 fade.csv",
-                        [&options, file, seconds] { return Record(options.directory, *file, *seconds); });
-    record.add_option("FILE", *file, "is written anew")->required();
-    record.add_option("--seconds", *seconds, "for how long, 0.001 to 86400; without it: until Ctrl-C")
-        ->type_name("S");
+    AddCommand<RecordCommand>(line, options,
+                              {"record",
+                               "Record gains, volume and mute over time\n\n"
+                               "The recording has comma-separated values, a line for each change: seconds,\n"
+                               "main_gain, sub_gain, volume, mute, event.",
+                               "kavrel-tv record --seconds 5 fade.csv"});
 }
 
 }  // namespace tv

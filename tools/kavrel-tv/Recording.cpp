@@ -13,7 +13,7 @@ namespace tv {
 
 namespace {
 
-/** Up to the next comma, which it takes off, too. */
+/** Takes the text up to the next comma off, and the comma. */
 std::string_view TakeCell(std::string_view& row) {
     const std::string_view cell = row.substr(0, row.find(','));
     row.remove_prefix(std::min(cell.size() + 1, row.size()));
@@ -26,12 +26,12 @@ bool Read(std::string_view cell, Value& value) {
     return error == std::errc() && end == cell.data() + cell.size();
 }
 
-bool ReadMoment(std::string_view row, Moment& moment) {
+bool ReadSample(std::string_view row, Sample& sample) {
     if (std::count(row.begin(), row.end(), ',') != static_cast<std::ptrdiff_t>(COLUMNS.size()) + 1 ||
-        !Read(TakeCell(row), moment.seconds) || !std::isfinite(moment.seconds)) {
+        !Read(TakeCell(row), sample.seconds) || !std::isfinite(sample.seconds)) {
         return false;
     }
-    for (auto& value : moment.values) {
+    for (auto& value : sample.values) {
         const std::string_view cell = TakeCell(row);
         int number = 0;
         if (!cell.empty() && !Read(cell, number)) {
@@ -39,7 +39,7 @@ bool ReadMoment(std::string_view row, Moment& moment) {
         }
         value = cell.empty() ? std::nullopt : std::optional(number);
     }
-    moment.event = row;
+    sample.event = row;
     return true;
 }
 
@@ -53,15 +53,15 @@ std::string RecordingHeader() {
     return line + ",event\n";
 }
 
-std::string ToLine(const Moment& moment) {
+std::string ToLine(const Sample& sample) {
     std::array<char, 32> seconds = {};
-    std::snprintf(seconds.data(), seconds.size(), "%.6f", moment.seconds);
+    std::snprintf(seconds.data(), seconds.size(), "%.6f", sample.seconds);
     std::string line = seconds.data();
-    for (const auto& value : moment.values) {
+    for (const auto& value : sample.values) {
         line += ",";
         line += value ? std::to_string(*value) : "";
     }
-    std::string event = moment.event;
+    std::string event = sample.event;
     std::replace_if(
         event.begin(), event.end(),
         [](unsigned char letter) { return letter == ',' || letter == '"' || letter < ' ' || letter == 0x7F; },
@@ -69,31 +69,30 @@ std::string ToLine(const Moment& moment) {
     return line + "," + event + "\n";
 }
 
-std::vector<Moment> ParseRecording(const std::string& name, std::string_view text) {
-    const auto refuse = [&](int line, const std::string& why) {
-        throw tools::ToolError(tools::EXIT_REFUSED, name + ":" + std::to_string(line) + ": " + why);
+std::vector<Sample> ParseRecording(const std::string& name, std::string_view text) {
+    std::vector<Sample> samples;
+    int line = 0;
+    const auto require = [&](bool isMet, const std::string& failure) {
+        if (!isMet) {
+            throw tools::ToolError(tools::EXIT_REFUSED, name + ":" + std::to_string(line) + ": " + failure);
+        }
     };
-    std::vector<Moment> moments;
-    for (int line = 1; !text.empty(); ++line) {
+    for (line = 1; !text.empty(); ++line) {
         const std::string row(text.substr(0, text.find('\n')));
         text.remove_prefix(std::min(row.size() + 1, text.size()));
-        Moment moment;
         if (line == 1) {
-            if (row + "\n" != RecordingHeader()) {
-                refuse(line, "this is no recording of kavrel-tv record");
-            }
-        } else if (!ReadMoment(row, moment)) {
-            refuse(line, "a time, four values and an event were expected");
-        } else if (!moments.empty() && moment.seconds < moments.back().seconds) {
-            refuse(line, "the time runs backwards");
-        } else {
-            moments.push_back(moment);
+            require(row + "\n" == RecordingHeader(), "this is not a recording of kavrel-tv record");
+            continue;
         }
+        Sample sample;
+        require(ReadSample(row, sample), "a time, four values and an event were expected");
+        require(samples.empty() || sample.seconds >= samples.back().seconds,
+                "the time is earlier than on the line before");
+        samples.push_back(sample);
     }
-    if (moments.empty()) {
-        refuse(1, "there is nothing in it");
-    }
-    return moments;
+    line = 1;
+    require(!samples.empty(), "the recording is empty");
+    return samples;
 }
 
 }  // namespace tv

@@ -1,16 +1,18 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
 /**
- * What record writes and plot reads: a text of comma-separated values, a line for each moment at which
- * something changed. Empty cells stand for what could not be read.
+ * A recording, which record writes and plot reads: a text of comma-separated values, a line for each change of
+ * a value and for each event. A value that cannot be read is an empty cell.
  *
  *     seconds,main_gain,sub_gain,volume,mute,event
  *     0.000000,100,100,10,0,start
  *
- * The event, which may be empty, comes last and has no comma, quote or line break in it.
+ * The last cell is the event, without commas, quotes and line breaks; it is empty for a change of a value alone.
  */
 #ifndef KAVREL_TV_RECORDING_H
 #define KAVREL_TV_RECORDING_H
+
+#include <items.h>
 
 #include <array>
 #include <optional>
@@ -18,33 +20,31 @@
 #include <string_view>
 #include <vector>
 
-#include "Snapshot.h"
-
 namespace tv {
 
-/** The recorded values, as the columns have them. */
 struct Column {
     const char* name;
-    const char* path;  // below the TV directory
+    host::NamedValue value;
 };
 inline constexpr std::array<Column, 4> COLUMNS = {{
-    {"main_gain", MAIN_GAIN_PATH},
-    {"sub_gain", SUB_GAIN_PATH},
-    {"volume", VOLUME_PATH},
-    {"mute", MUTE_PATH},
+    {"main_gain", host::MAIN_OUT_GAIN},
+    {"sub_gain", host::SUB_OUT_GAIN},
+    {"volume", host::MASTER_VOLUME},
+    {"mute", host::MASTER_MUTE},
 }};
 
-struct Moment {
+struct Sample {
     double seconds = 0;  // since the recording began
     std::array<std::optional<int>, COLUMNS.size()> values;
     std::string event;
 };
 
 std::string RecordingHeader();
-/** With the line break. */
-std::string ToLine(const Moment& moment);
-/** @throws ToolError for a text that is no recording, with the line; at least one moment */
-std::vector<Moment> ParseRecording(const std::string& name, std::string_view text);
+/** @return the line, with its line break */
+std::string ToLine(const Sample& sample);
+/** @return at least one sample
+ *  @throws tools::ToolError with the line, for a text that is not a recording */
+std::vector<Sample> ParseRecording(const std::string& name, std::string_view text);
 
 }  // namespace tv
 

@@ -6,51 +6,35 @@
 #include <array>
 
 #include "CommandLine.h"
-#include "Errors.h"
 #include "Print.h"
 
 namespace tv {
 
 namespace {
 
-constexpr DeviceKind HDMI = {
-    "hdmi",
-    "memory/menu/network/screenmirroring/volume_support_hdmi",
-    "memory/menu/network/screenmirroring/get_volume_level_hdmi",
-    "memory/menu/network/screenmirroring/get_volume_mute_hdmi",
-};
-constexpr DeviceKind OPTICAL = {
-    "optical",
-    "memory/menu/network/screenmirroring/volume_support_optical",
-    "memory/menu/network/screenmirroring/get_volume_level_optical",
-    "memory/menu/network/screenmirroring/get_volume_mute_optical",
-};
-constexpr DeviceKind WIFI = {
-    "wifi",
-    "memory/menu/network/screenmirroring/volume_support_mlr",
-    "memory/menu/network/screenmirroring/get_volume_level_mlr",
-    "memory/menu/network/screenmirroring/get_volume_mute_mlr",
-};
-constexpr DeviceKind BLUETOOTH = {
-    "bt",
-    "memory/menu/network/screenmirroring/volume_support_bt",
-    "memory/menu/network/screenmirroring/get_volume_level_bt",
-    "memory/menu/network/screenmirroring/get_volume_mute_bt",
-};
-constexpr DeviceKind USB = {
-    "usb",
-    "db/usbsound/volume_capability",
-    "db/usbsound/volume_level",
-    "db/usbsound/volume_mute_status",
-};
-constexpr DeviceKind AURACAST = {
-    "auracast",
-    "memory/menu/network/screenmirroring/volume_support_auracast",
-    "memory/menu/network/screenmirroring/get_volume_level_auracast",
-    "memory/menu/network/screenmirroring/get_volume_mute_auracast",
-};
+host::Value Setting(const std::string& key) {
+    return host::KeyValue(host::SETTINGS, key);
+}
 
-constexpr std::array<Route, 20> ROUTES = {{
+/** The settings of every device but the USB speaker. */
+DeviceKind Device(std::string_view name, const std::string& suffix) {
+    const std::string folder = "memory/menu/network/screenmirroring/";
+    return {name, Setting(folder + "volume_support_" + suffix),
+            Setting(folder + "get_volume_level_" + suffix), Setting(folder + "get_volume_mute_" + suffix)};
+}
+
+const std::array DEVICE_KINDS = {
+    Device("hdmi", "hdmi"),
+    Device("optical", "optical"),
+    Device("wifi", "mlr"),
+    Device("bt", "bt"),
+    DeviceKind{"usb", Setting("db/usbsound/volume_capability"), Setting("db/usbsound/volume_level"),
+               Setting("db/usbsound/volume_mute_status")},
+    Device("auracast", "auracast"),
+};
+const auto& [HDMI, OPTICAL, WIFI, BLUETOOTH, USB, AURACAST] = DEVICE_KINDS;
+
+const std::array<Route, 20> ROUTES = {{
     {0, "tv", "TV speaker", nullptr},
     {1, "optical", "optical receiver", &OPTICAL},
     {2, "hdmi", "HDMI receiver", &HDMI},
@@ -73,10 +57,11 @@ constexpr std::array<Route, 20> ROUTES = {{
     {19, "auracast", "Auracast speaker", &AURACAST},
 }};
 
-constexpr std::array DEVICE_KINDS = {&HDMI, &OPTICAL, &WIFI, &BLUETOOTH, &USB, &AURACAST};
-
-const Route* EndToNull(const Route* found) {
-    return found != ROUTES.end() ? found : nullptr;
+template <typename Key>
+const Route* Find(Key Route::*key, const Key& wanted) {
+    const auto found =
+        std::find_if(ROUTES.begin(), ROUTES.end(), [&](const Route& route) { return route.*key == wanted; });
+    return found != ROUTES.end() ? &*found : nullptr;
 }
 
 }  // namespace
@@ -85,30 +70,28 @@ std::span<const Route> Routes() {
     return ROUTES;
 }
 
-std::span<const DeviceKind* const> DeviceKinds() {
+std::span<const DeviceKind> DeviceKinds() {
     return DEVICE_KINDS;
 }
 
 const Route* FindRoute(int code) {
-    return EndToNull(
-        std::find_if(ROUTES.begin(), ROUTES.end(), [&](const Route& it) { return it.code == code; }));
+    return Find(&Route::code, code);
 }
 
 const Route* FindRoute(std::string_view name) {
-    return EndToNull(
-        std::find_if(ROUTES.begin(), ROUTES.end(), [&](const Route& it) { return it.name == name; }));
+    return Find(&Route::name, name);
 }
 
-int RouteIn(const std::string& text) {
-    if (const Route* named = FindRoute(text); named != nullptr) {
-        return named->code;
-    }
-    try {
-        return tools::Number("the route", text);
-    } catch (const tools::UsageError&) {
-        throw tools::UsageError("the route must be a code or one of the names, not \"" +
-                                tools::Printable(text) + "\"");
-    }
+CLI::Validator RouteCode() {
+    const auto check = [](std::string& text) -> std::string {
+        if (const Route* named = FindRoute(text); named != nullptr) {
+            text = std::to_string(named->code);
+            return {};
+        }
+        const bool isCode = tools::WholeNumber()(text).empty();
+        return isCode ? "" : tools::Quoted(text) + " is neither the code nor the name of a route";
+    };
+    return {check, ""};
 }
 
 std::string_view NameOfRoute(int code) {

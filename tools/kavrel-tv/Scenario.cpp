@@ -5,34 +5,28 @@
 #include <glib.h>
 
 #include <algorithm>
-#include <array>
 #include <charconv>
-#include <cmath>
 #include <map>
-#include <memory>
-#include <span>
+#include <utility>
 
 #include "CommandLine.h"
 #include "Errors.h"
 #include "Print.h"
-#include "Stage.h"
-#include "Verbs.h"
+
+/** The D-Bus description of the daemon's methods, compiled in. */
+extern "C" const char kavrel_interface_xml[];
 
 namespace tv {
 
 namespace {
 
-using std::chrono::milliseconds;
-using Words = std::vector<std::string>;
-
-constexpr milliseconds PATIENCE(5000);
-constexpr milliseconds SILENCE(500);
+constexpr double LONGEST = 86400;  // seconds
 
 struct FreeWords {
     void operator()(char** words) const { g_strfreev(words); }
 };
 
-/** As a shell reads them: quotes, and comments behind "#". */
+/** Splits as a shell does, with quotes and with comments behind "#". */
 Words Split(const std::string& line) {
     char** words = nullptr;
     int count = 0;
@@ -41,266 +35,298 @@ Words Split(const std::string& line) {
         if (g_error_matches(error.Get(), G_SHELL_ERROR, G_SHELL_ERROR_EMPTY_STRING)) {
             return {};
         }
-        throw tools::UsageError(error.Get()->message);
+        throw tools::UsageError(error->message);
     }
     const std::unique_ptr<char*, FreeWords> owner(words);
     return {words, words + count};
 }
 
-std::optional<milliseconds> Seconds(const std::string& word) {
+/** Takes the time off the front, if there is one. */
+std::optional<Seconds> TakeTime(Words& words) {
+    const std::string& word = words.front();
     double seconds = 0;
     const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), seconds);
-    if (error != std::errc() || end != word.data() + word.size() || !(seconds >= 0 && seconds <= 86400)) {
+    if (error != std::errc() || end != word.data() + word.size() || !(seconds >= 0 && seconds <= LONGEST)) {
         return std::nullopt;
     }
-    return milliseconds(std::lround(seconds * 1000));
+    words.erase(words.begin());
+    return Seconds(seconds);
 }
 
-milliseconds NeedSeconds(const std::string& word) {
-    if (const auto time = Seconds(word)) {
-        return *time;
-    }
-    throw tools::UsageError("\"" + tools::Printable(word) + "\" is no number of seconds");
-}
-
-/** Takes "within S" off the end. */
-std::optional<milliseconds> TakeWithin(Words& words) {
-    if (words.size() < 2 || words[words.size() - 2] != "within") {
-        return std::nullopt;
-    }
-    const milliseconds time = NeedSeconds(words.back());
-    words.resize(words.size() - 2);
-    return time;
-}
-
-void NeedCount(const Words& words, std::size_t count, const char* form) {
-    if (words.size() != count) {
-        throw tools::UsageError(std::string("the form is: ") + form);
-    }
-}
-
-int NumberOf(const std::string& word) {
-    return tools::Number("each number", word);
-}
-
-// --- Methods and signals: their arguments' types
+// --- Methods and signals
 
 struct Member {
-    std::string_view name;
-    std::string_view types;
+    std::string arguments;    // a letter for the type of each
+    std::size_t answers = 0;  // values of the reply
 };
 
-constexpr std::array<Member, 9> METHODS = {{
-    {"GetSpeakerSupportType", ""},
-    {"SetSpeakerVolume", "i"},
-    {"GetSpeakerVolume", ""},
-    {"SetSpeakerMute", "b"},
-    {"GetSpeakerMute", ""},
-    {"ApplyPlayerFadeIn", "i"},
-    {"ApplyUnmuteFadeIn", "i"},
-    {"ResetPlayerGain", "i"},
-    {"ApplyGainOnMute", "ii"},
-}};
+using Members = std::map<std::string, Member>;
 
-/** What kavreld listens to. */
-constexpr std::array<Member, 4> SIGNALS = {{
-    {"BudsConnected", "i"},
-    {"BudsDisconnected", "i"},
-    {"SpkDisconnected", "is"},
-    {"ApplyPulseAudioGain", "ii"},
-}};
-
-/** What else can be heard. */
-constexpr std::array<Member, 4> NEWS = {{
-    {"SpeakerVolumeChanged", "ii"},
-    {"SpeakerMuteChanged", "ib"},
-    {"SpeakerChangeRequest", "ii"},
-    {"SpkVolumeChanged", "iii"},
-}};
-
-const std::string& Utf8(const std::string& word) {
-    return tools::Utf8("each text", word);
-}
-
-bool IsTrue(const std::string& word) {
-    return tools::Choice("a switch", word, {"false", "true"}) == 1;
-}
-
-tools::Variant Argument(char type, const std::string& word) {
-    return tools::Variant(g_variant_ref_sink(type == 'i'   ? g_variant_new_int32(NumberOf(word))
-                                             : type == 'b' ? g_variant_new_boolean(IsTrue(word))
-                                                           : g_variant_new_string(Utf8(word).c_str())));
-}
-
-const Member* Find(std::span<const Member> members, const Words& words) {
-    const auto found = std::find_if(members.begin(), members.end(), [&](const Member& member) {
-        return !words.empty() && words[0] == member.name;
-    });
-    return found != members.end() ? &*found : nullptr;
-}
-
-[[noreturn]] void RefuseMember(const char* kind, const Words& words) {
-    throw tools::UsageError(std::string("there is no such ") + kind + ": \"" +
-                            tools::Printable(words.empty() ? "" : words[0]) + "\"");
-}
-
-void NeedArguments(const Member& member, const Words& words) {
-    if (words.size() != member.types.size() + 1) {
-        throw tools::UsageError(words[0] + " takes " + std::to_string(member.types.size()) + " arguments");
+std::string Types(GDBusArgInfo** arguments) {
+    std::string types;
+    for (; *arguments != nullptr; ++arguments) {
+        types += (*arguments)->signature;
     }
+    return types;
 }
 
-/** A member's arguments, taken from the words behind its name. */
-tools::Variant Arguments(std::span<const Member> members, const char* kind, const Words& words) {
-    const Member* member = Find(members, words);
-    if (member == nullptr) {
-        RefuseMember(kind, words);
-    }
-    NeedArguments(*member, words);
-    std::vector<tools::Variant> owners;
-    std::vector<GVariant*> arguments;
-    for (std::size_t i = 0; i < member->types.size(); ++i) {
-        owners.push_back(Argument(member->types[i], words[i + 1]));
-        arguments.push_back(owners.back().get());
-    }
-    return tools::Variant(g_variant_ref_sink(g_variant_new_tuple(arguments.data(), arguments.size())));
+const Members& Methods() {
+    static const Members METHODS = [] {
+        Members methods;
+        const tools::GLibPtr<GDBusNodeInfo> node(g_dbus_node_info_new_for_xml(kavrel_interface_xml, nullptr));
+        for (GDBusMethodInfo** method = node->interfaces[0]->methods; *method != nullptr; ++method) {
+            methods[(*method)->name] = {Types((*method)->in_args), Types((*method)->out_args).size()};
+        }
+        return methods;
+    }();
+    return METHODS;
 }
 
-/** A signal to be heard: the name alone stands for any arguments. */
-void NeedSignal(const Words& words) {
-    const Member* member = Find(NEWS, words);
-    if (member == nullptr) {
-        member = Find(SIGNALS, words);
-    }
-    if (member == nullptr) {
-        RefuseMember("signal", words);
-    }
-    if (words.size() > 1) {
-        NeedArguments(*member, words);
-    }
-}
-
-// --- What the lines do
-
-using Act = std::function<void(Stage&)>;
-
-Act Say(const Words& words) {
-    return [text = tools::Joined(words)](Stage& stage) { stage.Say(text); };
-}
-
-Act Pause(const Words& words) {
-    NeedCount(words, 1, "pause SECONDS");
-    const milliseconds time = NeedSeconds(words[0]);
-    return [=](Stage& stage) { stage.Pause(time); };
-}
-
-Act Settle(const Words& words) {
-    NeedCount(words, 1, "settle SECONDS");
-    const milliseconds time = NeedSeconds(words[0]);
-    return [=](Stage& stage) { stage.Settle(time); };
-}
-
-Act Call(Words words) {
-    const milliseconds patience = TakeWithin(words).value_or(milliseconds(0));
-    const auto arrow = std::find(words.begin(), words.end(), "->");
-    const bool isAnswerGiven = arrow != words.end();
-    const Words answer(isAnswerGiven ? arrow + 1 : arrow, words.end());
-    words.erase(arrow, words.end());
-    const std::shared_ptr<GVariant> arguments(Arguments(METHODS, "method", words).release(), g_variant_unref);
-    const std::size_t values =
-        words[0].starts_with("Get") ? 2 : 1;  // a getter's value comes before its status
-    if (isAnswerGiven && answer.size() != values) {
-        throw tools::UsageError(words[0] + " answers " + std::to_string(values) +
-                                (values == 1 ? " number" : " numbers, a value and a status"));
-    }
-    return [=](Stage& stage) { stage.Call(words[0], arguments.get(), answer, patience); };
-}
-
-Act Emit(const Words& words) {
-    const std::shared_ptr<GVariant> arguments(Arguments(SIGNALS, "signal", words).release(), g_variant_unref);
-    return [=](Stage& stage) { stage.Emit(words[0], arguments.get()); };
-}
-
-Act ExpectSignal(const Words& words, milliseconds patience) {
-    if (words.empty()) {
-        throw tools::UsageError("the form is: expect signal NAME [ARGUMENTS...] [within SECONDS]");
-    }
-    NeedSignal(words);
-    return [=](Stage& stage) { stage.ExpectSignal(words, patience); };
-}
-
-Act ExpectNoSignal(const Words& words, milliseconds time) {
-    if (words.size() < 2 || words[0] != "signal") {
-        throw tools::UsageError("the form is: expect no signal NAME [ARGUMENTS...] [within SECONDS]");
-    }
-    const Words signal(words.begin() + 1, words.end());
-    NeedSignal(signal);
-    return [=](Stage& stage) { stage.ExpectNoSignal(signal, time); };
-}
-
-Act ExpectValue(const Words& words, milliseconds patience) {
-    NeedCount(words, 2, "expect value PATH TEXT [within SECONDS]");
-    return [=](Stage& stage) { stage.ExpectValue(words[0], words[1], patience); };
-}
-
-Act ExpectOutput(const Words& words, milliseconds patience) {
-    NeedCount(words, 1, "expect output ROUTE [within SECONDS]");
-    const Route* route = FindRoute(RouteIn(words[0]));
-    if (route == nullptr) {
-        throw tools::UsageError("there is no such output: " + words[0]);
-    }
-    return [=](Stage& stage) { stage.ExpectOutput(*route, patience); };
-}
-
-Out OutOf(const std::string& word) {
-    return tools::Choice("the output", word, {"main", "sub"}) == 0 ? Out::MAIN : Out::SUB;
-}
-
-Act ExpectGain(const Words& words, milliseconds patience) {
-    NeedCount(words, 2, "expect gain main|sub PERCENT [within SECONDS]");
-    return [=, out = OutOf(words[0]), gain = NumberOf(words[1])](Stage& stage) {
-        stage.ExpectGain(out, gain, patience);
+/** The signals that kavreld listens to. */
+const Members& SignalsForKavreld() {
+    static const Members SIGNALS = {
+        {"BudsConnected", {"i"}},
+        {"BudsDisconnected", {"i"}},
+        {"SpkDisconnected", {"is"}},
+        {"ApplyPulseAudioGain", {"ii"}},
     };
+    return SIGNALS;
 }
 
-Act ExpectFade(const Words& words, milliseconds patience) {
-    NeedCount(words, 1, "expect fade main|sub [within SECONDS]");
-    return [=, out = OutOf(words[0])](Stage& stage) { stage.ExpectFade(out, patience); };
+/** All signals of the interface. */
+const Members& Signals() {
+    static const Members SIGNALS = [] {
+        Members signals = SignalsForKavreld();
+        signals.insert({{"SpeakerVolumeChanged", {"ii"}},
+                        {"SpeakerMuteChanged", {"ib"}},
+                        {"SpeakerChangeRequest", {"ii"}},
+                        {"SpkVolumeChanged", {"iii"}}});
+        return signals;
+    }();
+    return SIGNALS;
 }
 
-Act Expect(Words words) {
-    const auto within = TakeWithin(words);
-    const std::string what = words.empty() ? "" : words[0];
-    const Words rest(words.empty() ? words.end() : words.begin() + 1, words.end());
-    if (what == "no") {
-        return ExpectNoSignal(rest, within.value_or(SILENCE));
+/** @param words the member's name and its arguments, or the name alone where that is allowed */
+const Member& FindMember(const Members& members, const std::string& kind, const Words& words,
+                         bool nameMaySuffice = false) {
+    if (words.empty()) {
+        throw tools::UsageError("the name of the " + kind + " is missing");
     }
-    static const std::map<std::string, Act (*)(const Words&, milliseconds)> EXPECTATIONS = {
-        {"signal", ExpectSignal},
-        {"value", ExpectValue},
-        {"output", ExpectOutput},
-        {"gain", ExpectGain},
-        {"fade", ExpectFade}};
-    const auto found = EXPECTATIONS.find(what);
-    if (found == EXPECTATIONS.end()) {
-        throw tools::UsageError("expect is followed by signal, no signal, value, output, gain or fade");
+    const auto found = members.find(words[0]);
+    if (found == members.end()) {
+        throw tools::UsageError("there is no such " + kind + ": " + tools::Quoted(words[0]));
     }
-    return found->second(rest, within.value_or(PATIENCE));
+    const std::size_t count = found->second.arguments.size();
+    if (words.size() != count + 1 && !(nameMaySuffice && words.size() == 1)) {
+        throw tools::UsageError(words[0] + " takes " + std::to_string(count) +
+                                (count == 1 ? " argument" : " arguments"));
+    }
+    return found->second;
 }
 
-Act Understand(const Words& words) {
-    static const std::map<std::string, std::function<Act(Words)>> LINES = {
-        {"say", Say},   {"pause", Pause}, {"settle", Settle},
-        {"call", Call}, {"emit", Emit},   {"expect", Expect}};
-    if (const auto found = LINES.find(words[0]); found != LINES.end()) {
-        return found->second({words.begin() + 1, words.end()});
+/** @return the word, as the validator changes it */
+std::string Checked(const CLI::Validator& validator, std::string word) {
+    if (const std::string error = validator(word); !error.empty()) {
+        throw tools::UsageError(error);
     }
-    return [deed = UnderstandVerb(words)](Stage& stage) { stage.Do(deed); };
+    return word;
 }
+
+GVariant* Argument(char type, const std::string& word) {
+    switch (type) {
+        case 'i':
+            return g_variant_new_int32(std::stoi(Checked(tools::WholeNumber(), word)));
+        case 'b':
+            return g_variant_new_boolean(std::stoi(Checked(tools::OneOf({{"false", 0}, {"true", 1}}), word)));
+        default:
+            return g_variant_new_string(Checked(tools::Utf8Text(), word).c_str());
+    }
+}
+
+/** The arguments behind the member's name, as a tuple. */
+std::shared_ptr<GVariant> Arguments(const Member& member, const Words& words) {
+    std::vector<GVariant*> arguments;
+    for (std::size_t i = 0; i < member.arguments.size(); ++i) {
+        arguments.push_back(Argument(member.arguments[i], words[i + 1]));
+    }
+    return {g_variant_ref_sink(g_variant_new_tuple(arguments.data(), arguments.size())), g_variant_unref};
+}
+
+// --- The lines: AddOptions() binds what a line holds; Finish() gets the words of a line without a fixed form
+
+CLI::Option* AddTime(CLI::App& line, const std::string& name, Seconds& time) {
+    return line.add_option_function<double>(name, [&time](double seconds) { time = Seconds(seconds); })
+        ->check(tools::DecimalNumber(0, LONGEST));
+}
+
+void AddGainOutput(CLI::App& line, GainOutput& output) {
+    line.add_option("OUTPUT", output)->required()->transform(tools::OneOf({{"main", 0}, {"sub", 1}}));
+}
+
+template <typename FreeLine>
+void AddOptions(CLI::App& line, FreeLine& /*step*/) {
+    line.allow_extras();
+}
+
+void AddOptions(CLI::App& line, Pause& step) {
+    AddTime(line, "SECONDS", step.time)->required();
+}
+
+void AddOptions(CLI::App& line, ExpectValue& step) {
+    line.add_option("PATH", step.path)->required();
+    line.add_option("TEXT", step.text)->required();
+}
+
+void AddOptions(CLI::App& line, ExpectOutput& step) {
+    const auto find = [&step](int code) {
+        step.route = FindRoute(code);
+        if (step.route == nullptr) {
+            throw tools::UsageError("there is no such output: " + std::to_string(code));
+        }
+    };
+    line.add_option_function<int>("ROUTE", find)->required()->transform(RouteCode());
+}
+
+void AddOptions(CLI::App& line, ExpectGain& step) {
+    AddGainOutput(line, step.output);
+    line.add_option("PERCENT", step.gain)->required()->transform(tools::WholeNumber());
+}
+
+void AddOptions(CLI::App& line, ExpectFade& step) {
+    AddGainOutput(line, step.output);
+}
+
+template <typename FixedLine>
+void Finish(FixedLine& /*step*/, const Words& /*words*/) {}
+
+void Finish(Say& step, const Words& words) {
+    step.text = tools::Joined(words);
+}
+
+void Finish(Call& step, const Words& words) {
+    const auto arrow = std::find(words.begin(), words.end(), "->");
+    const Words call(words.begin(), arrow);
+    const Member& method = FindMember(Methods(), "method", call);
+    step.method = call[0];
+    step.arguments = Arguments(method, call);
+    step.answer.assign(arrow == words.end() ? arrow : arrow + 1, words.end());
+    if (arrow != words.end() && step.answer.size() != method.answers) {
+        throw tools::UsageError(
+            step.method + " answers " + std::to_string(method.answers) +
+            (method.answers == 1 ? " number, its status" : " numbers, a value and a status"));
+    }
+}
+
+void Finish(Emit& step, const Words& words) {
+    step.arguments = Arguments(FindMember(SignalsForKavreld(), "signal for kavreld", words), words);
+    step.signal = words[0];
+}
+
+void Finish(ExpectSignal& step, const Words& words) {
+    FindMember(Signals(), "signal", words, true);
+    step.signal = words;
+}
+
+template <typename Step>
+concept HasWithin = requires(Step step) {
+    step.within;
+};
+
+/** The language: a CLI::App for each kind of line, by the words that it begins with. */
+class Language {
+public:
+    Language() {
+        AddVerbs([this](const About& about, const std::function<Change()>& parsed) -> CLI::App& {
+            CLI::App& line = m_lines[about.name];
+            line.callback([this, parsed] { m_action = parsed(); });
+            return line;
+        });
+        Add("say", Say());
+        Add("pause", Pause());
+        Add("settle", Pause{.isKeptIfFast = true});
+        Add("call", Call());
+        Add("emit", Emit());
+        Add("expect signal", ExpectSignal());
+        Add("expect no signal", ExpectSignal{.isExpected = false, .within = Seconds(0.5)});
+        Add("expect value", ExpectValue());
+        Add("expect output", ExpectOutput());
+        Add("expect gain", ExpectGain());
+        Add("expect fade", ExpectFade());
+    }
+
+    /** @throws tools::UsageError */
+    Action Parse(Words words) {
+        CLI::App& line = TakeLine(words);
+        Words arguments = TakeWithin(line, words);
+        arguments.push_back("--");  // nothing behind it is an option
+        arguments.insert(arguments.end(), words.begin(), words.end());
+        std::reverse(arguments.begin(), arguments.end());
+        try {
+            line.parse(arguments);
+        } catch (const CLI::ExtrasError&) {
+            throw tools::UsageError("unexpected word " + tools::Quoted(WordsOf(line).front()));
+        } catch (const CLI::ParseError& error) {
+            throw tools::UsageError(error.what());
+        }
+        return std::exchange(m_action, {});
+    }
+
+private:
+    template <typename Step>
+    void Add(const std::string& name, const Step& initial) {
+        CLI::App& line = m_lines[name];
+        const auto step = std::make_shared<Step>(initial);
+        AddOptions(line, *step);
+        if constexpr (HasWithin<Step>) {
+            AddTime(line, "--within", step->within);
+        }
+        line.callback([this, step, initial, &line] {
+            Finish(*step, WordsOf(line));
+            m_action = std::exchange(*step, initial);
+        });
+    }
+
+    /** Takes the words off that the line begins with. */
+    CLI::App& TakeLine(Words& words) {
+        std::string name;
+        for (std::size_t count = 0; count < std::min<std::size_t>(words.size(), 3); ++count) {
+            name += (count > 0 ? " " : "") + words[count];
+            if (const auto found = m_lines.find(name); found != m_lines.end()) {
+                words.erase(words.begin(), words.begin() + static_cast<std::ptrdiff_t>(count) + 1);
+                return found->second;
+            }
+        }
+        throw tools::UsageError(words[0] == "expect"
+                                    ? "expect is followed by signal, no signal, value, output, gain or fade"
+                                    : "there is no such verb: " + tools::Quoted(words[0]));
+    }
+
+    /** Takes "within SECONDS" off the end. @return the option in its place */
+    static Words TakeWithin(const CLI::App& line, Words& words) {
+        const std::size_t count = words.size();
+        if (count < 2 || words[count - 2] != "within" || line.get_option_no_throw("--within") == nullptr) {
+            return {};
+        }
+        const std::string seconds = words.back();
+        words.resize(count - 2);
+        return {"--within=" + seconds};
+    }
+
+    /** The words of a line without a fixed form, and the unexpected ones of another. */
+    static Words WordsOf(const CLI::App& line) {
+        Words words = line.remaining();
+        words.erase(std::find(words.begin(), words.end(), "--"));
+        return words;
+    }
+
+    std::map<std::string, CLI::App> m_lines;
+    Action m_action;
+};
 
 }  // namespace
 
 Scenario ParseScenario(const std::string& name, std::string_view text) {
+    Language language;
     Scenario scenario;
     for (int line = 1; !text.empty(); ++line) {
         const std::string_view row = text.substr(0, text.find('\n'));
@@ -311,14 +337,11 @@ Scenario ParseScenario(const std::string& name, std::string_view text) {
             if (words.empty()) {
                 continue;
             }
-            const auto at = Seconds(words[0]);
-            if (at) {
-                words.erase(words.begin());
-            }
+            const auto at = TakeTime(words);
             if (words.empty()) {
-                throw tools::UsageError("a time needs something to do");
+                throw tools::UsageError("a time must be followed by a verb");
             }
-            scenario.push_back({place, tools::Printable(tools::Joined(words)), at, Understand(words)});
+            scenario.push_back({place, tools::Printable(tools::Joined(words)), at, language.Parse(words)});
         } catch (const tools::UsageError& error) {
             throw tools::UsageError(place + ": " + error.what());
         }

@@ -2,17 +2,12 @@
 // SPDX-License-Identifier: MIT
 #include "Snapshot.h"
 
-#include <directory.h>
 #include <json/reader.h>
-#include <json/value.h>
-#include <lwipc.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <system_error>
-
-#include "Platform.h"
 
 namespace fs = std::filesystem;
 
@@ -20,22 +15,9 @@ namespace tv {
 
 namespace {
 
-constexpr const char* SETTINGS = "settings/";
-constexpr const char* FEATURES = "features/";
-
-Number ReadNumber(const std::string& path, host::Range range = {}) {
-    Number number;
-    std::string text;
-    number.error = host::Read({path, range}, text).number;
-    if (number) {
-        host::ParseInteger(text, range, number.value);
-    }
-    return number;
-}
-
-std::vector<std::pair<std::string, Number>> ReadFeatures() {
-    std::vector<std::pair<std::string, Number>> features;
-    const fs::path folder = host::Root() / FEATURES;
+std::vector<std::pair<std::string, Integer>> ReadFeatures() {
+    std::vector<std::pair<std::string, Integer>> features;
+    const fs::path folder = host::Root() / host::FEATURES;
     std::error_code error;
     for (fs::recursive_directory_iterator entry(folder, error);
          !error && entry != fs::recursive_directory_iterator(); entry.increment(error)) {
@@ -43,7 +25,7 @@ std::vector<std::pair<std::string, Number>> ReadFeatures() {
         const bool isValue = !entry->path().filename().string().starts_with('.');
         if (isValue && entry->is_regular_file(ignored)) {
             const std::string key = entry->path().lexically_relative(folder);
-            features.emplace_back(key, ReadFeature(key));
+            features.emplace_back(key, ReadFeature(host::KeyValue(host::FEATURES, key)));
         }
     }
     std::sort(features.begin(), features.end(),
@@ -51,95 +33,93 @@ std::vector<std::pair<std::string, Number>> ReadFeatures() {
     return features;
 }
 
+bool IsMultiviewOn() {
+    return HasFeature(host::MULTIVIEW_FEATURE) && ReadMultiviewInfo()["mode"] == "on";
+}
+
+bool IsDone(const char* event) {
+    bool isDone = false;
+    return !host::Exists(host::EventValue(event), isDone) && isDone;
+}
+
 }  // namespace
 
-const DeviceKind* Output::Device() const {
+const DeviceKind* OutputInUse::Device() const {
     const Route* known = route ? FindRoute(route.value) : nullptr;
     return known != nullptr ? known->device : nullptr;
 }
 
-Number ReadSetting(const std::string& key) {
-    return ReadNumber(SETTINGS + key);
+Integer ReadInteger(const host::Value& value) {
+    Integer integer;
+    integer.error = host::Read(value, integer.value).number;
+    return integer;
 }
 
-Number ReadFeature(const std::string& key) {
+Integer ReadFeature(const host::Value& feature) {
     std::string text;
-    if (const host::Error error = host::Read(host::KeyValue(host::FEATURES, key), text)) {
+    if (const host::Error error = host::Read(feature, text)) {
         return {error.number};
     }
-    return text == "true" || text == "false" ? Number{0, text == "true" ? 1 : 0} : Number{EINVAL};
+    return text == "true" || text == "false" ? Integer{0, text == "true" ? 1 : 0} : Integer{EINVAL};
+}
+
+bool HasFeature(const host::Value& feature) {
+    return ReadFeature(feature).value == 1;
 }
 
 Json::Value ReadMultiviewInfo() {
     std::string text;
     Json::Value info;
-    static_cast<void>(host::Read(host::KeyValue(host::SETTINGS, MULTIVIEW_KEY), text));
     try {
-        const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-        reader->parse(text.data(), text.data() + text.size(), &info, nullptr);
+        if (!host::Read(host::MULTIVIEW_INFO, text)) {
+            const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+            reader->parse(text.data(), text.data() + text.size(), &info, nullptr);
+        }
     } catch (const Json::Exception&) {
-        // It is nested too deeply, which is not what the TV writes.
+        // The text is nested too deeply; the TV does not write that.
     }
     return info.isObject() ? info : Json::Value(Json::objectValue);
 }
 
-bool IsMultiviewOn() {
-    return ReadFeature(MULTIVIEW_FEATURE).value == 1 && ReadMultiviewInfo()["mode"] == "on";
-}
-
 std::vector<Zone> ReadZones() {
     std::vector<int> ids;
-    static_cast<void>(host::GetZones(ids));
     std::vector<Zone> zones;
-    zones.reserve(ids.size());
-    for (const int id : ids) {
-        zones.push_back({id, ReadNumber(host::ZoneRoute(id).path)});
+    if (!host::GetZones(ids)) {
+        std::transform(ids.begin(), ids.end(), std::back_inserter(zones), [](int id) {
+            return Zone{id, ReadInteger(host::ZoneRoute(id))};
+        });
     }
     return zones;
 }
 
-Number ReadFocus() {
-    return ReadNumber(FOCUS_PATH);
-}
-
-Output ReadOutput() {
-    if (IsMultiviewOn()) {
-        const Number focus = ReadFocus();
-        const Number route = focus ? ReadNumber(host::ZoneRoute(focus.value).path) : Number{};
-        if (route) {
-            return {route, focus.value};
-        }
-    }
-    return {ReadNumber(ROUTE_PATH), std::nullopt};
-}
-
-DeviceState ReadDevice(const DeviceKind& kind) {
-    return {ReadSetting(kind.supportKey), ReadSetting(kind.levelKey), ReadSetting(kind.muteKey)};
+OutputInUse ReadOutput() {
+    const Integer focus = IsMultiviewOn() ? ReadInteger(host::FOCUS) : Integer{};
+    const Integer route = focus ? ReadInteger(host::ZoneRoute(focus.value)) : Integer{};
+    return route ? OutputInUse{route, focus.value} : OutputInUse{ReadInteger(host::ROUTE), std::nullopt};
 }
 
 Snapshot ReadTv() {
     Snapshot tv;
     tv.directory = host::Root();
-    tv.ready = LwipcIsDone(READY_EVENT) == 1;
+    tv.ready = IsDone(host::READY_EVENT);
     tv.output = ReadOutput();
     if (const DeviceKind* kind = tv.output.Device(); kind != nullptr) {
-        tv.device = ReadDevice(*kind);
+        tv.device = {ReadInteger(kind->support), ReadInteger(kind->level), ReadInteger(kind->mute)};
     }
-    tv.route = ReadNumber(ROUTE_PATH);
+    tv.route = ReadInteger(host::ROUTE);
     tv.multiview = IsMultiviewOn();
     tv.zones = ReadZones();
-    tv.focus = ReadFocus();
-    tv.volume = ReadNumber(VOLUME_PATH, {0, 100});
-    tv.mute = ReadNumber(MUTE_PATH, {0, 1});
-    tv.mainGain = ReadNumber(MAIN_GAIN_PATH);
-    tv.subGain = ReadNumber(SUB_GAIN_PATH);
-    tv.cable = ReadSetting(CABLE_KEY);
-    tv.mobile = ReadSetting(MOBILE_KEY);
-    tv.projector = ReadSetting(PROJECTOR_KEY);
-    tv.subBluetooth = ReadSetting(SUB_BT_KEY);
-    tv.popup = LwipcIsDone(POPUP_EVENT) == 1;
+    tv.focus = ReadInteger(host::FOCUS);
+    tv.volume = ReadInteger(host::MASTER_VOLUME);
+    tv.mute = ReadInteger(host::MASTER_MUTE);
+    tv.mainGain = ReadInteger(host::MAIN_OUT_GAIN);
+    tv.subGain = ReadInteger(host::SUB_OUT_GAIN);
+    tv.cable = ReadInteger(host::OPTICAL_CABLE);
+    tv.mobile = ReadInteger(host::MOBILE_MIRRORING);
+    tv.projector = ReadInteger(host::PROJECTOR_READY);
+    tv.subBluetooth = ReadInteger(host::SUB_BLUETOOTH_ZONE);
+    tv.popup = IsDone(host::POPUP_EVENT);
     tv.features = ReadFeatures();
-    TakePlatformError();  // what cannot be read is shown in its place
     return tv;
 }
 

@@ -1,9 +1,10 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-/** The state of the whole TV at one moment. */
+/** The state of the whole TV at one time. */
 #ifndef KAVREL_TV_SNAPSHOT_H
 #define KAVREL_TV_SNAPSHOT_H
 
+#include <directory.h>
 #include <json/value.h>
 
 #include <cerrno>
@@ -16,28 +17,9 @@
 
 namespace tv {
 
-inline constexpr const char* MULTIVIEW_KEY = "memory/multiscreen/info";
-inline constexpr const char* CABLE_KEY = "memory/sysman/spdif";
-inline constexpr const char* MOBILE_KEY = "memory/menu/network/screenmirroring/smsrc_status";
-inline constexpr const char* PROJECTOR_KEY = "memory/projector/status/ready";
-inline constexpr const char* SUB_BT_KEY = "memory/org.olvane.btapp/sub_audio_zoneid";
-inline constexpr const char* POPUP_EVENT = "FadeInPopup";
-inline constexpr const char* READY_EVENT = "/tmp/.kavrel_ready";
-
-inline constexpr const char* INTERNAL_SPEAKER_FEATURE = "com.norvik/featureconf/internal_speaker_supported";
-inline constexpr const char* MULTIVIEW_FEATURE = "com.norvik/featureconf/multiview.support";
-inline constexpr const char* PROJECTOR_FEATURE = "com.norvik/featureconf/projector_feature_support";
-
-inline constexpr const char* ROUTE_PATH = "sound/route";
-inline constexpr const char* FOCUS_PATH = "zones/focus";
-inline constexpr const char* VOLUME_PATH = "audio/master_volume";
-inline constexpr const char* MUTE_PATH = "audio/master_mute";
-inline constexpr const char* MAIN_GAIN_PATH = "audio/main_out_gain2";
-inline constexpr const char* SUB_GAIN_PATH = "audio/sub_out_gain2";
-
-/** A value as its file has it. */
-struct Number {
-    int error = ENOENT;  // 0, ENOENT for a value that is not there, another errno for one that cannot be read
+/** An integer of the TV directory. */
+struct Integer {
+    int error = ENOENT;  // 0, ENOENT for a missing value, another errno for one that cannot be read
     int value = 0;       // if there is no error
 
     explicit operator bool() const { return error == 0; }
@@ -46,61 +28,58 @@ struct Number {
 
 struct Zone {
     int id;
-    Number route;
+    Integer route;
 };
 
-/** What plays now: the route of the zone in focus in multi-view, else that of the single view. */
-struct Output {
-    Number route;
+/** The output in use: that of the zone in focus in multi-view, and that of the single view otherwise. */
+struct OutputInUse {
+    Integer route;
     std::optional<int> zone;
 
-    /** Null: no external output. */
+    /** @return null for an output that is not external */
     const DeviceKind* Device() const;
 };
 
-/** What the component behind an external output has published. */
+/** The values that the component behind an external output has published. */
 struct DeviceState {
-    Number support;
-    Number level;
-    Number mute;
+    Integer support;
+    Integer level;
+    Integer mute;
 };
 
 struct Snapshot {
     std::string directory;
     bool ready = false;  // the daemon serves
 
-    Output output;
+    OutputInUse output;
     DeviceState device;  // of the output, if that is an external one
-    Number route;        // of the single view
+    Integer route;       // of the single view
     bool multiview = false;
     std::vector<Zone> zones;
-    Number focus;
+    Integer focus;
 
-    Number volume;
-    Number mute;
-    Number mainGain;
-    Number subGain;
+    Integer volume;
+    Integer mute;
+    Integer mainGain;
+    Integer subGain;
 
-    Number cable;
-    Number mobile;
-    Number projector;
-    Number subBluetooth;  // a zone; missing or -1: none
+    Integer cable;
+    Integer mobile;
+    Integer projector;
+    Integer subBluetooth;  // a zone; missing or -1: none
     bool popup = false;
-    std::vector<std::pair<std::string, Number>> features;
+    std::vector<std::pair<std::string, Integer>> features;
 };
 
-Number ReadSetting(const std::string& key);
-/** 0 or 1. */
-Number ReadFeature(const std::string& key);
+Integer ReadInteger(const host::Value& value);
+/** Reads "false" as 0 and "true" as 1. */
+Integer ReadFeature(const host::Value& feature);
+bool HasFeature(const host::Value& feature);
 
-/** The setting's JSON object; an empty one for anything else. */
+/** Reads the setting's JSON object; an empty one for anything else. */
 Json::Value ReadMultiviewInfo();
-/** Whether the TV has multi-view and it is on. */
-bool IsMultiviewOn();
 std::vector<Zone> ReadZones();
-Number ReadFocus();
-Output ReadOutput();
-DeviceState ReadDevice(const DeviceKind& kind);
+OutputInUse ReadOutput();
 Snapshot ReadTv();
 
 }  // namespace tv

@@ -32,17 +32,13 @@ constexpr std::size_t BRANCH_WIDTH = 3;
 constexpr std::size_t LABEL_GAP = 3;
 constexpr int BAR_WIDTH = 25;
 
-/** What trees and bars are drawn with: any terminal knows the one, one with UTF-8 the other. */
+/** The characters of trees and bars. */
 struct Shapes {
     std::string_view branch, lastBranch, trunk, space, full, empty;
 };
 
 constexpr Shapes ASCII = {"|- ", "`- ", "|  ", "   ", "#", "."};
 constexpr Shapes BOXES = {"├─ ", "└─ ", "│  ", "   ", "█", "░"};
-
-const Shapes& ShapesOfTerminal() {
-    return g_get_charset(nullptr) == TRUE ? BOXES : ASCII;
-}
 
 /** A line in pieces of one colour each. */
 class Line {
@@ -51,7 +47,10 @@ public:
     explicit Line(std::string_view text, Paint paint = PLAIN) { Add(text, paint); }
 
     Line& Add(std::string_view text, Paint paint = PLAIN) {
-        m_pieces.push_back({std::string(text), paint});
+        if (m_pieces.empty() || m_pieces.back().paint != paint) {
+            m_pieces.push_back({"", paint});
+        }
+        m_pieces.back().text += text;
         return *this;
     }
 
@@ -95,15 +94,19 @@ struct Node {
     std::vector<Node> children = {};
 };
 
+/** Draws nodes below a line, all values below one another unless a label is longer than usual. */
 class Tree {
 public:
     Tree(const Shapes& shapes, const tools::Style& style, int columns)
         : m_shapes(shapes), m_style(style), m_columns(columns) {}
 
-    void Root(const Line& line) { m_text += line.Render(m_style, m_columns); }
-
-    void Branches(const std::vector<Node>& nodes, const std::string& trunk = "", std::size_t depth = 1) {
-        const std::size_t width = WidthOfLabels(nodes, depth);
+    std::string Draw(const std::vector<Node>& nodes, const std::string& trunk = "",
+                     std::size_t depth = 1) const {
+        std::string text;
+        std::size_t width = LABEL_WIDTH - BRANCH_WIDTH * depth;
+        for (const Node& node : nodes) {
+            width = std::max(width, node.label.size() + LABEL_GAP);
+        }
         for (const Node& node : nodes) {
             const bool isLast = &node == &nodes.back();
             Line line(trunk + std::string(isLast ? m_shapes.lastBranch : m_shapes.branch), FAINT);
@@ -111,48 +114,44 @@ public:
             if (!node.value.IsEmpty()) {
                 line.Add(std::string(width - node.label.size(), ' ')).Add(node.value);
             }
-            m_text += line.Render(m_style, m_columns);
-            Branches(node.children, trunk + std::string(isLast ? m_shapes.space : m_shapes.trunk), depth + 1);
+            text += line.Render(m_style, m_columns);
+            text +=
+                Draw(node.children, trunk + std::string(isLast ? m_shapes.space : m_shapes.trunk), depth + 1);
         }
+        return text;
     }
-
-    const std::string& Text() const { return m_text; }
 
 private:
-    /** All values stand below one another, unless labels are longer than usual: then those beside them. */
-    static std::size_t WidthOfLabels(const std::vector<Node>& nodes, std::size_t depth) {
-        std::size_t width = LABEL_WIDTH - BRANCH_WIDTH * depth;
-        for (const Node& node : nodes) {
-            width = std::max(width, node.label.size() + LABEL_GAP);
-        }
-        return width;
-    }
-
     const Shapes& m_shapes;
     const tools::Style& m_style;
     const int m_columns;
-    std::string m_text;
 };
 
-// --- Values and what they mean
+// --- Values in words
 
-Line NoValue(const Number& number) {
+Line NoValue(const Integer& number) {
     return number.IsMissing() ? Line("not set", FAINT) : Line("unreadable", BAD);
 }
 
-Line Switch(const Number& number, std::string_view off, std::string_view on) {
+Line Switch(const Integer& number, std::string_view off, std::string_view on) {
     if (!number) {
         return NoValue(number);
     }
     return number.value == 0 ? Line(off) : Line(on, GOOD);
 }
 
-Line Mute(const Number& mute) {
+Line Mute(const Integer& mute) {
     return mute && mute.value != 0 ? Line("on", NOTED) : Switch(mute, "off", "on");
 }
 
-Line Described(const Number& route) {
-    return route ? Line(DescribeRoute(route.value)) : NoValue(route);
+/** "2 hdmi, HDMI receiver" */
+Line Described(const Integer& route) {
+    if (!route) {
+        return NoValue(route);
+    }
+    const Route* known = FindRoute(route.value);
+    return Line(std::to_string(route.value) + " " + std::string(NameOfRoute(route.value)) +
+                (known != nullptr ? ", " + std::string(known->words) : ""));
 }
 
 /** The nodes of one snapshot. */
@@ -170,7 +169,7 @@ private:
         }
         if (m_tv.output.Device() != nullptr) {
             output.children.push_back({"level", Volume(m_tv.device.level, m_tv.device.mute)});
-            const Number& support = m_tv.device.support;
+            const Integer& support = m_tv.device.support;
             output.children.push_back(
                 {"can", support ? Line(tools::SupportInWords(support.value)) : NoValue(support)});
         }
@@ -193,14 +192,15 @@ private:
         if (m_tv.zones.empty()) {
             node.value.Add(", no zones", FAINT);
         }
-        if (m_tv.focus && !HasZone(m_tv.focus.value)) {
+        const auto hasFocus = [&](const Zone& zone) { return m_tv.focus && m_tv.focus.value == zone.id; };
+        if (m_tv.focus && std::none_of(m_tv.zones.begin(), m_tv.zones.end(), hasFocus)) {
             node.value.Add(", focus on zone " + std::to_string(m_tv.focus.value), NOTED);
         } else if (!m_tv.focus && (!m_tv.focus.IsMissing() || !m_tv.zones.empty())) {
             node.value.Add(", focus ").Add(NoValue(m_tv.focus));
         }
         for (const Zone& zone : m_tv.zones) {
             Line line = Described(zone.route);
-            if (m_tv.focus && m_tv.focus.value == zone.id) {
+            if (hasFocus(zone)) {
                 line.Add(", focus", GOOD);
             }
             if (m_tv.subBluetooth && m_tv.subBluetooth.value == zone.id) {
@@ -212,7 +212,7 @@ private:
     }
 
     Node Connections() const {
-        const Number& zone = m_tv.subBluetooth;
+        const Integer& zone = m_tv.subBluetooth;
         const bool none = zone.IsMissing() || (zone && zone.value == -1);
         const Line sub = zone ? Line("zone " + std::to_string(zone.value)) : NoValue(zone);
         return {"connections",
@@ -234,35 +234,24 @@ private:
         return node;
     }
 
-    bool HasZone(int id) const {
-        return std::any_of(m_tv.zones.begin(), m_tv.zones.end(),
-                           [&](const Zone& zone) { return zone.id == id; });
-    }
-
     /** In one line: the whole TV, with zones and a device, is to fit into 24. */
-    Line Volume(const Number& level, const Number& mute) const {
+    Line Volume(const Integer& level, const Integer& mute) const {
         return Level(level, "").Add(", mute ").Add(Mute(mute));
     }
 
-    Line Level(const Number& level, std::string_view unit) const {
+    Line Level(const Integer& level, std::string_view unit) const {
         if (!level) {
             return NoValue(level);
         }
         Line line;
         if (m_bars == Bars::WITH) {
             const int filled = std::clamp(level.value, 0, 100) * BAR_WIDTH / 100;
-            line.Add(Repeated(m_shapes.full, filled), FILLED);
-            line.Add(Repeated(m_shapes.empty, BAR_WIDTH - filled), FAINT).Add(" ");
+            for (int i = 0; i < BAR_WIDTH; ++i) {
+                line.Add(i < filled ? m_shapes.full : m_shapes.empty, i < filled ? FILLED : FAINT);
+            }
+            line.Add(" ");
         }
         return line.Add(std::to_string(level.value), BOLD).Add(unit);
-    }
-
-    static std::string Repeated(std::string_view shape, int count) {
-        std::string text;
-        for (; count > 0; --count) {
-            text += shape;
-        }
-        return text;
     }
 
     const Snapshot& m_tv;
@@ -270,23 +259,22 @@ private:
     const Shapes& m_shapes;
 };
 
-// --- JSON
+// --- JSON: null for an integer that is missing or cannot be read
 
-Json::Value ToJson(const Number& number) {
-    return number ? Json::Value(number.value) : Json::Value();
+Json::Value ToJson(const Integer& integer) {
+    return integer ? Json::Value(integer.value) : Json::Value();
 }
 
-Json::Value ToJsonSwitch(const Number& number) {
-    return number ? Json::Value(number.value != 0) : Json::Value();
+Json::Value ToJsonSwitch(const Integer& integer) {
+    return integer ? Json::Value(integer.value != 0) : Json::Value();
 }
 
-Json::Value ToJsonRoute(const Number& route) {
-    if (!route) {
-        return {};
-    }
+Json::Value ToJsonRoute(const Integer& route) {
     Json::Value json;
-    json["code"] = route.value;
-    json["name"] = std::string(NameOfRoute(route.value));
+    if (route) {
+        json["code"] = route.value;
+        json["name"] = std::string(NameOfRoute(route.value));
+    }
     return json;
 }
 
@@ -294,34 +282,12 @@ Json::Value ToJsonOutput(const Snapshot& tv) {
     Json::Value json;
     json["route"] = ToJsonRoute(tv.output.route);
     json["zone"] = tv.output.zone ? Json::Value(*tv.output.zone) : Json::Value();
-    const DeviceKind* kind = tv.output.Device();
-    if (kind != nullptr) {
-        Json::Value& device = json["device"];
+    Json::Value& device = json["device"];
+    if (const DeviceKind* kind = tv.output.Device(); kind != nullptr) {
         device["kind"] = std::string(kind->name);
         device["support"] = ToJson(tv.device.support);
         device["level"] = ToJson(tv.device.level);
         device["mute"] = ToJsonSwitch(tv.device.mute);
-    } else {
-        json["device"] = Json::Value();
-    }
-    return json;
-}
-
-Json::Value ToJsonZones(const std::vector<Zone>& zones) {
-    Json::Value json(Json::arrayValue);
-    for (const Zone& zone : zones) {
-        Json::Value item;
-        item["id"] = zone.id;
-        item["route"] = ToJsonRoute(zone.route);
-        json.append(item);
-    }
-    return json;
-}
-
-Json::Value ToJsonFeatures(const Snapshot& tv) {
-    Json::Value json(Json::objectValue);
-    for (const auto& [key, value] : tv.features) {
-        json[tools::Printable(key)] = ToJsonSwitch(value);
     }
     return json;
 }
@@ -329,14 +295,11 @@ Json::Value ToJsonFeatures(const Snapshot& tv) {
 }  // namespace
 
 std::string Draw(const Snapshot& tv, Bars bars, const tools::Style& style, int columns) {
-    const Shapes& shapes = ShapesOfTerminal();
-    Tree tree(shapes, style, columns);
+    const Shapes& shapes = g_get_charset(nullptr) == TRUE ? BOXES : ASCII;
     Line title("TV", BOLD);
     title.Add(" in " + tools::Printable(tv.directory) + ", kavreld ");
     title.Add(tv.ready ? "ready" : "not ready", tv.ready ? GOOD : NOTED);
-    tree.Root(title);
-    tree.Branches(Nodes(tv, bars, shapes).All());
-    return tree.Text();
+    return title.Render(style, columns) + Tree(shapes, style, columns).Draw(Nodes(tv, bars, shapes).All());
 }
 
 int ColumnsOfOutput() {
@@ -350,7 +313,12 @@ Json::Value ToJson(const Snapshot& tv) {
     json["output"] = ToJsonOutput(tv);
     json["route"] = ToJsonRoute(tv.route);
     json["multiview"] = tv.multiview;
-    json["zones"] = ToJsonZones(tv.zones);
+    json["zones"] = Json::Value(Json::arrayValue);
+    for (const Zone& zone : tv.zones) {
+        Json::Value& item = json["zones"].append({});
+        item["id"] = zone.id;
+        item["route"] = ToJsonRoute(zone.route);
+    }
     json["focus"] = ToJson(tv.focus);
     json["volume"] = ToJson(tv.volume);
     json["mute"] = ToJsonSwitch(tv.mute);
@@ -359,17 +327,13 @@ Json::Value ToJson(const Snapshot& tv) {
     json["cable"] = ToJsonSwitch(tv.cable);
     json["mobile"] = ToJsonSwitch(tv.mobile);
     json["projector"] = ToJsonSwitch(tv.projector);
-    const bool hasSub = tv.subBluetooth && tv.subBluetooth.value != -1;
-    json["sub_bt"] = hasSub ? Json::Value(tv.subBluetooth.value) : Json::Value();
+    json["sub_bt"] = ToJson(tv.subBluetooth.value != -1 ? tv.subBluetooth : Integer());
     json["popup"] = tv.popup;
-    json["features"] = ToJsonFeatures(tv);
+    json["features"] = Json::Value(Json::objectValue);
+    for (const auto& [key, value] : tv.features) {
+        json["features"][tools::Printable(key)] = ToJsonSwitch(value);
+    }
     return json;
-}
-
-std::string DescribeRoute(int code) {
-    const Route* route = FindRoute(code);
-    const std::string words = route != nullptr ? ", " + std::string(route->words) : "";
-    return std::to_string(code) + " " + std::string(NameOfRoute(code)) + words;
 }
 
 }  // namespace tv

@@ -19,14 +19,11 @@ enum class Bars { WITHOUT, WITH };
  *  @param bars whether volumes and gains are drawn, too */
 std::string Draw(const Snapshot& tv, Bars bars, const tools::Style& style, int columns);
 
-/** All of them where standard output is no terminal. */
+/** @return as many as there may be where standard output is not a terminal */
 int ColumnsOfOutput();
 
-/** The same facts; null for what is not there or cannot be read. */
+/** The same facts; a value that is missing or cannot be read is null. */
 Json::Value ToJson(const Snapshot& tv);
-
-/** "2 hdmi, HDMI receiver" */
-std::string DescribeRoute(int code);
 
 }  // namespace tv
 
