@@ -52,7 +52,7 @@ const char* Describe(int error) {
         case ERANGE:
             return "out of range";
         default:
-            return std::strerror(error);
+            return std::strerror(error);  // NOLINT(concurrency-mt-unsafe): glibc has a buffer for each thread
     }
 }
 

@@ -20,7 +20,7 @@
 namespace host {
 
 /** The longest value, in bytes, without the newline that follows it. */
-inline constexpr std::size_t MAX_VALUE_SIZE = 1024 * 1024;
+inline constexpr std::size_t MAX_VALUE_SIZE = std::size_t{1024} * 1024;
 
 /** The seam's code for a failure: -1000 minus the errno, clear of the daemon's own -1, -2 and -4. */
 constexpr int FailureCode(int number) {

@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -35,6 +36,7 @@ std::vector<Value> ValuesOf(const Value& registered) {
     std::vector<int> zones;
     Log(GetZones(zones));
     std::vector<Value> routes;
+    routes.reserve(zones.size());
     for (const int zone : zones) {
         routes.push_back(ZoneRoute(zone));
     }
@@ -146,12 +148,8 @@ void Reports::Deliver(Followed& followed, const std::string& text) {
 }
 
 bool Reports::IsHeard(const std::string& topic) const {
-    for (const auto& [id, registration] : m_registrations) {
-        if (registration.value.topic == topic) {
-            return true;
-        }
-    }
-    return false;
+    return std::any_of(m_registrations.begin(), m_registrations.end(),
+                       [&](const auto& entry) { return entry.second.value.topic == topic; });
 }
 
 // --- The platform thread
@@ -180,7 +178,7 @@ Error Reports::Start() {
 
 void Reports::Listen(int inotify) {
     pthread_setname_np(pthread_self(), "tv-platform");
-    alignas(inotify_event) std::array<char, 64 * 1024> buffer;
+    alignas(inotify_event) std::array<char, 65536> buffer;
     for (;;) {
         const ssize_t size = read(inotify, buffer.data(), buffer.size());
         if (size < 0 && errno == EINTR) {
