@@ -2,14 +2,12 @@
 # SPDX-License-Identifier: MIT
 """kavrel-tv shows the TV and changes it; kavreld hears of that as of a TV's own changes."""
 import json
-import os
 import re
-import subprocess
 
 import pytest
 
-from harness import PATIENCE, ROOT, TV_SUPPORT
-from kavrel_tv import COMMANDS, KAVREL_TV, make_tool, refused
+from harness import TV_SUPPORT
+from kavrel_tv import COMMANDS, make_tool, refused
 
 MIRRORING = "settings/memory/menu/network/screenmirroring"
 FEATURES = "features/com.norvik/featureconf"
@@ -388,48 +386,3 @@ def test_popup_on_makes_the_daemon_announce_a_finished_fade(scene, tool, client)
     log = scene.start().log
     client.call("ApplyPlayerFadeIn", "i", 1)
     log.wait(re.compile(r"MSG :Gain Source:PlayerMainOutH<br> Duration\(sec\):.*"))
-
-
-# --- Completion
-
-@pytest.mark.parametrize("line, expected", [
-    ("kavrel-tv ", COMMANDS),
-    ("kavrel-tv ro", ["route"]),
-    ("kavrel-tv --dir /tmp pro", ["projector"]),
-    ("kavrel-tv route h", ["hdmi", "hdmi-2"]),
-    ("kavrel-tv zone-route ", ["1", "7"]),
-    ("kavrel-tv zone-route 1 us", ["usb"]),
-    ("kavrel-tv focus ", ["1", "7"]),
-    ("kavrel-tv sub-bt ", ["1", "7", "none"]),
-    ("kavrel-tv cable ", ["in", "out"]),
-    ("kavrel-tv projector ", ["not-ready", "ready"]),
-    ("kavrel-tv mute ", ["off", "on"]),
-    ("kavrel-tv feature com.norvik/featureconf/m", ["com.norvik/featureconf/multiview.support"]),
-    ("kavrel-tv feature multiview ", ["off", "on"]),
-    ("kavrel-tv key memory/", ["memory/multiscreen/info"]),
-    ("kavrel-tv show --", ["--help", "--json"]),
-    ("kavrel-tv devices --d", ["--deaf", "--delay", "--double"]),
-    ("kavrel-tv --d", ["--dir"]),
-    ("kavrel-tv emulator ", ["bt", "tv"]),
-    ("kavrel-tv volume ", []),
-    ("kavrel-tv --dir = /tmp pro", ["projector"]),
-    ("kavrel-tv --dir /nowhere focus ", []),
-    ("kavrel-tv sub-bt -1 ", []),
-    ("kavrel-tv devices --seed 5 --d", ["--deaf", "--delay", "--double"]),
-    ("kavrel-tv devices --seed ", []),
-])
-def test_bash_completes(tool, line, expected):
-    tool("zones", "1,7")
-    words = line.rstrip() + (' ""' if line.endswith(" ") else "")
-    script = f"""
-        PATH={os.path.dirname(KAVREL_TV)}:$PATH
-        source {ROOT}/tools/kavrel-tv/kavrel-tv.bash
-        COMP_WORDS=({words})
-        COMP_CWORD=$((${{#COMP_WORDS[@]}} - 1))
-        _kavrel_tv
-        printf '%s\\n' "${{COMPREPLY[@]}}"
-        """
-    done = subprocess.run(["bash", "--norc", "-euc", script], env=tool.environment(), capture_output=True, text=True,
-                          timeout=PATIENCE, check=False)
-    assert done.stderr == ""
-    assert sorted(done.stdout.split()) == sorted(expected)

@@ -14,7 +14,7 @@ from pathlib import Path
 import pytest
 from gi.repository import Gio, GLib
 
-from harness import NAME, PATIENCE, ROOT, TV_SUPPORT, Process
+from harness import NAME, PATIENCE, TV_SUPPORT, Process
 from terminal import Terminal
 
 KAVRELCTL = os.environ["KAVRELCTL"]
@@ -783,40 +783,3 @@ def test_full_disk_is_not_success(scene, daemon, ctl):
                               text=True, timeout=PATIENCE, check=False)
     assert (done.returncode, done.stderr) == (
         REFUSED, "kavrelctl: cannot write to standard output: No space left on device\n")
-
-
-# Completion in bash
-
-
-def completed(*words):
-    """What a person who has typed the words, the last one perhaps in part, is offered."""
-    script = """source "$1"; shift; COMP_WORDS=(kavrelctl "$@"); COMP_CWORD=$#; _kavrelctl; printf '%s\n' "${COMPREPLY[@]}" """
-    source = ROOT / "tools/kavrelctl/kavrelctl.bash"
-    done = subprocess.run(["bash", "-uc", script, "bash", source, *words], capture_output=True, text=True,
-                          timeout=PATIENCE, check=True)
-    assert done.stderr == ""
-    return done.stdout.split()
-
-
-@pytest.mark.parametrize("words, offered", [
-    (["sta"], ["status"]), (["s"], ["status", "support", "speaker-gone"]), (["x"], []), (["mute", ""], ["on", "off", "toggle"]),
-    (["mute", "on", ""], []), (["volume", ""], []), (["fade", "p"], ["player"]),
-    (["fade", "player", ""], ["main", "sub", "both"]), (["fade", "unmute", "b"], ["both"]),
-    (["gain", ""], ["reset", "on-mute"]), (["gain", "reset", "m"], ["main"]), (["gain", "on-mute", ""], []),
-    (["gain", "on-mute", "40", ""], ["main", "sub", "both"]), (["buds", "d"], ["disconnected"]),
-    (["--timeout", ""], []), (["--timeout", "5", "mon"], ["monitor"]), (["status", "--timeout", "-"], []),
-    (["status", "--timeout", "="], []), (["--timeout", "=", "5", "mon"], ["monitor"]), (["--timeout", "=", "5"], []),
-    (["status", "--j"], ["--json"]),
-])
-def test_completion(words, offered):
-    assert completed(*words) == offered
-
-
-def test_completion_knows_every_command():
-    assert completed("") == [page[0] for page in HELP_PAGES if len(page) == 1]
-
-
-@pytest.mark.parametrize("page", HELP_PAGES, ids=lambda page: " ".join(page) or "kavrelctl")
-def test_completion_knows_every_option(ctl, page):
-    options = re.findall(r"^  (?:-h,)?(--[a-z]+)", help_of(ctl, page), re.MULTILINE)
-    assert completed(*page, "-") == options

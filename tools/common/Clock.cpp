@@ -12,24 +12,15 @@ namespace tools {
 
 namespace {
 
-constexpr WallTime SECOND = 1'000'000;
-constexpr WallTime MILLISECOND = 1'000;
-
-std::tm LocalTime(WallTime time) {
-    const auto seconds = static_cast<std::time_t>(time / SECOND);
+std::string Formatted(WallTime time, const char* format, const char* formatAfterMilliseconds) {
+    const std::time_t seconds = time / 1'000'000;
+    const int milliseconds = static_cast<int>(time / 1'000 % 1'000);
     std::tm local = {};
     localtime_r(&seconds, &local);
-    return local;
-}
-
-std::string Formatted(const char* format, const std::tm& local) {
     std::array<char, 64> text = {};
-    return {text.data(), std::strftime(text.data(), text.size(), format, &local)};
-}
-
-std::string Milliseconds(WallTime time) {
-    std::array<char, 8> text = {};
-    std::snprintf(text.data(), text.size(), ".%03d", static_cast<int>(time % SECOND / MILLISECOND));
+    char* at = text.data() + std::strftime(text.data(), text.size(), format, &local);
+    at += std::snprintf(at, 8, ".%03d", milliseconds);
+    std::strftime(at, 8, formatAfterMilliseconds, &local);
     return text.data();
 }
 
@@ -40,12 +31,11 @@ WallTime Now() {
 }
 
 std::string TimeOfDay(WallTime time) {
-    return Formatted("%H:%M:%S", LocalTime(time)) + Milliseconds(time);
+    return Formatted(time, "%H:%M:%S", "");
 }
 
 std::string Timestamp(WallTime time) {
-    const std::tm local = LocalTime(time);
-    return Formatted("%Y-%m-%dT%H:%M:%S", local) + Milliseconds(time) + Formatted("%z", local);
+    return Formatted(time, "%Y-%m-%dT%H:%M:%S", "%z");
 }
 
 }  // namespace tools

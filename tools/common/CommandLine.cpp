@@ -95,13 +95,9 @@ CommandLine::CommandLine(const std::string& name, const std::string& description
 }
 
 CLI::App& CommandLine::AddCommand(const std::string& name, const std::string& description,
-                                  const std::string& example, Action action) {
-    return AddCommand(m_app, name, description, example, std::move(action));
-}
-
-CLI::App& CommandLine::AddCommand(CLI::App& group, const std::string& name, const std::string& description,
-                                  const std::string& example, Action action) {
-    CLI::App* command = group.add_subcommand(name, description)->group("Commands");
+                                  const std::string& example, Action action, CLI::App* group) {
+    CLI::App& parent = group == nullptr ? m_app : *group;
+    CLI::App* command = parent.add_subcommand(name, description)->group("Commands");
     command->footer(AsFooter(example));
     command->callback([this, action = std::move(action)] { m_action = action; });
     return *command;
@@ -122,11 +118,9 @@ int CommandLine::Run(int argc, char** argv) {
         return ParseAndAct(argc, argv);
     } catch (const ReaderGone&) {
         return EXIT_DONE;
-    } catch (const UsageError& error) {
-        Complain(InOneLine(error.what()) + "; see " + CommandPath() + " --help");
-        return error.code;
     } catch (const ToolError& error) {
-        Complain(InOneLine(error.what()));
+        const bool isUsage = error.code == EXIT_USAGE;
+        Complain(InOneLine(error.what()) + (isUsage ? "; see " + CommandPath() + " --help" : ""));
         return error.code;
     } catch (const std::exception& error) {
         Complain(InOneLine(error.what()));

@@ -34,13 +34,11 @@ public:
 
     /** @param description the first line appears in the list of commands, all lines on the command's help page
      *  @param example one or more command lines, without prompts
+     *  @param group of AddGroup(); null for a command outside of groups
      *  @return the command, to add arguments and options to */
     CLI::App& AddCommand(const std::string& name, const std::string& description, const std::string& example,
-                         Action action);
-    /** A command within a group. */
-    CLI::App& AddCommand(CLI::App& group, const std::string& name, const std::string& description,
-                         const std::string& example, Action action);
-    /** A command that does nothing without another one after it. */
+                         Action action, CLI::App* group = nullptr);
+    /** Adds a command that does nothing without another one after it. */
     CLI::App& AddGroup(const std::string& name, const std::string& description, const std::string& example);
 
     /** Parses, runs the one action, and reports whatever goes wrong. @return the exit code */

@@ -156,14 +156,6 @@ GLibPtr<GDBusConnection> ConnectToSystemBus(Timeout timeout) {
     return std::move(attempt.connection);
 }
 
-gulong EndWithBus(MainLoop& loop, GDBusConnection* connection) {
-    const auto onClosed = [](GDBusConnection*, gboolean, GError*, void* mainLoop) {
-        static_cast<MainLoop*>(mainLoop)->Guard(
-            [] { throw ToolError(EXIT_UNREACHABLE, "the bus has gone"); });
-    };
-    return g_signal_connect(connection, "closed", G_CALLBACK(+onClosed), &loop);
-}
-
 /** A call under way; the client waits for its end. */
 struct KavrelClient::LateAnswer {
     KavrelClient* client;
@@ -285,7 +277,11 @@ void KavrelClient::OnOwnerChanged(Changed changed) {
 }
 
 void KavrelClient::EndWithBus(MainLoop& loop) {
-    m_closed = tools::EndWithBus(loop, m_connection.get());
+    const auto onClosed = [](GDBusConnection*, gboolean, GError*, void* mainLoop) {
+        static_cast<MainLoop*>(mainLoop)->Guard(
+            [] { throw ToolError(EXIT_UNREACHABLE, "the bus has gone"); });
+    };
+    m_closed = g_signal_connect(m_connection.get(), "closed", G_CALLBACK(+onClosed), &loop);
 }
 
 Variant KavrelClient::Call(const Destination& to, const char* method, GVariant* arguments,

@@ -42,10 +42,6 @@ using Timeout = std::optional<std::chrono::milliseconds>;
 /** Connects to the bus that GLib takes for the system bus (DBUS_SYSTEM_BUS_ADDRESS); the connection is not shared.
  *  @throws ToolError if there is no bus, or it does not answer in time */
 GLibPtr<GDBusConnection> ConnectToSystemBus(Timeout timeout);
-/** Makes the loop end with a ToolError when the bus closes the connection.
- *  @return the signal handler, to be disconnected before the loop ends */
-gulong EndWithBus(MainLoop& loop, GDBusConnection* connection);
-
 /** The answer of a getter: the value is valid if the status is not below 0. */
 struct Reading {
     int value = 0;
@@ -60,8 +56,6 @@ struct Destination;
  */
 class KavrelClient {
 public:
-    using Timeout = tools::Timeout;
-
     /** @param timeout of each call
      *  @throws ToolError if there is no bus, or it does not answer in time */
     explicit KavrelClient(Timeout timeout);

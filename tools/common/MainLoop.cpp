@@ -45,7 +45,7 @@ MainLoop::~MainLoop() {
     WhileStalled({});
 }
 
-/** While nobody takes what is written nothing else is heard: these signals have a context of their own. */
+/** Standard output is written on the main thread, so the default context sees no signal while a write waits. */
 void MainLoop::LookAtSignals() {
     while (g_main_context_iteration(m_stalled.get(), FALSE) != FALSE) {
     }
@@ -57,14 +57,8 @@ void MainLoop::LookAtSignals() {
 }
 
 void MainLoop::EndWithReader() {
-    const auto quit = [](int, GIOCondition, void* loop) -> gboolean {
-        static_cast<MainLoop*>(loop)->Quit(EXIT_DONE);
-        return G_SOURCE_REMOVE;
-    };
     const auto gone = static_cast<GIOCondition>(G_IO_ERR | G_IO_HUP | G_IO_NVAL);
-    m_reader.reset(g_unix_fd_source_new(STDOUT_FILENO, gone));
-    g_source_set_callback(m_reader.get(), G_SOURCE_FUNC(+quit), this, nullptr);
-    g_source_attach(m_reader.get(), nullptr);
+    m_reader = WatchFile(STDOUT_FILENO, gone, [this] { Quit(EXIT_DONE); });
 }
 
 int MainLoop::Run() {
@@ -116,31 +110,28 @@ void MainLoop::Guard(const std::function<void()>& function) {
     }
 }
 
-GLibPtr<GSource> MainLoop::Every(std::chrono::milliseconds period, std::function<void()> function) {
-    return Attach(g_timeout_source_new(static_cast<guint>(period.count())), std::move(function), false);
-}
-
 GLibPtr<GSource> MainLoop::After(std::chrono::milliseconds delay, std::function<void()> function) {
-    return Attach(g_timeout_source_new(static_cast<guint>(delay.count())), std::move(function), true);
+    auto* timer = g_timeout_source_new(static_cast<guint>(delay.count()));
+    return Attach(timer, Callback::Call, {this, std::move(function), G_SOURCE_REMOVE});
 }
 
 GLibPtr<GSource> MainLoop::WhenReadable(int file, std::function<void()> function) {
-    auto callback = std::make_unique<Callback>(Callback{this, std::move(function), G_SOURCE_CONTINUE});
-    GLibPtr<GSource> source(g_unix_fd_source_new(file, G_IO_IN));
-    g_source_set_callback(source.get(), G_SOURCE_FUNC(Callback::CallForFile), callback.release(),
-                          Callback::Delete);
-    g_source_attach(source.get(), nullptr);
-    return source;
+    return WatchFile(file, G_IO_IN, std::move(function));
 }
 
 GLibPtr<GSource> MainLoop::OnSignal(int signalNumber, std::function<void()> function) {
-    return Attach(g_unix_signal_source_new(signalNumber), std::move(function), false);
+    return Attach(g_unix_signal_source_new(signalNumber), Callback::Call,
+                  {this, std::move(function), G_SOURCE_CONTINUE});
 }
 
-GLibPtr<GSource> MainLoop::Attach(GSource* source, std::function<void()> function, bool once) {
-    const gboolean after = once ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
-    auto callback = std::make_unique<Callback>(Callback{this, std::move(function), after});
-    g_source_set_callback(source, Callback::Call, callback.release(), Callback::Delete);
+GLibPtr<GSource> MainLoop::WatchFile(int file, GIOCondition condition, std::function<void()> function) {
+    return Attach(g_unix_fd_source_new(file, condition), G_SOURCE_FUNC(Callback::CallForFile),
+                  {this, std::move(function), G_SOURCE_CONTINUE});
+}
+
+GLibPtr<GSource> MainLoop::Attach(GSource* source, GSourceFunc call, Callback callback) {
+    auto owned = std::make_unique<Callback>(std::move(callback));
+    g_source_set_callback(source, call, owned.release(), Callback::Delete);
     g_source_attach(source, nullptr);
     return GLibPtr<GSource>(source);
 }

@@ -18,9 +18,9 @@
 namespace tools {
 
 /**
- * Runs the default main context until Quit(), Ctrl-C, SIGTERM or SIGHUP, or until the reader of standard output
- * closes it, which the loop notices before the next write. The object catches these signals from its
- * construction on, also while a write waits for a slow reader. One object at a time, on the main thread.
+ * Runs the default main context of a tool until it ends: by Quit(), by Ctrl-C, SIGTERM or SIGHUP, or because the
+ * reader of standard output has gone. From its construction on, these signals also end a write for which a slow
+ * reader makes the tool wait. There is one at a time, on the main thread.
  */
 class MainLoop {
 public:
@@ -29,35 +29,31 @@ public:
     MainLoop(const MainLoop&) = delete;
     MainLoop& operator=(const MainLoop&) = delete;
 
-    /** Makes Run() return 0 as soon as the reader of standard output closes it: for tools that only print. */
+    /** Makes Run() return 0 as soon as the reader of standard output goes, before the next write fails. For tools
+     *  that do nothing but print. */
     void EndWithReader();
 
-    /** @return the argument of Quit(), or 128 plus the signal's number
-     *  @throws what a guarded function has thrown */
+    /** @return the argument of Quit(), or 128 + the signal's number
+     *  @throws the exception of a guarded function */
     int Run();
-    /** Like Run(), but returns 0 after Ctrl-C: for commands that end in no other way. */
+    /** The same, but 0 after Ctrl-C: for commands that a user normally ends in this way. */
     int RunUntilInterrupted();
     void Quit(int exitCode);
 
     enum class Waited { MET, EXPIRED, ENDED };
-    /** Runs until the condition holds or the time has passed; checks the condition after each event.
-     *  @return ENDED if something ended the loop meanwhile, and in all later calls
-     *  @throws what a guarded function has thrown */
+    /** Runs until the condition holds, which it checks after each event, or the time is over.
+     *  @return ENDED if Quit() or a signal ended the loop, and always from then on
+     *  @throws the exception of a guarded function */
     Waited RunUntil(const std::function<bool()>& met, std::chrono::milliseconds timeout);
-    /**
-     * Calls the function, for use in GLib's callbacks, which no
-     * exception may leave: it ends Run() instead.
-     */
+    /** Calls the function. For GLib's callbacks, which no exception may leave: it ends Run() instead. */
     void Guard(const std::function<void()>& function);
 
-    /** Calls the (guarded) function again and again while the source lives. */
-    GLibPtr<GSource> Every(std::chrono::milliseconds period, std::function<void()> function);
-    /** Calls the (guarded) function once, unless the source is gone by then. */
+    // Each calls the function through Guard(), as long as the source lives.
+
+    /** Once. */
     GLibPtr<GSource> After(std::chrono::milliseconds delay, std::function<void()> function);
-    /** Calls the (guarded) function whenever the file can be read, while the source lives. */
     GLibPtr<GSource> WhenReadable(int file, std::function<void()> function);
-    /** Calls the (guarded) function whenever the signal comes, while the source lives: SIGHUP, SIGINT,
-     * SIGTERM, SIGUSR1, SIGUSR2 or SIGWINCH. */
+    /** @param signalNumber SIGHUP, SIGINT, SIGTERM, SIGUSR1, SIGUSR2 or SIGWINCH */
     GLibPtr<GSource> OnSignal(int signalNumber, std::function<void()> function);
 
 private:
@@ -68,7 +64,8 @@ private:
         ExitCode exitCode;
         bool hasCome = false;
     };
-    GLibPtr<GSource> Attach(GSource* source, std::function<void()> function, bool once);
+    GLibPtr<GSource> WatchFile(int file, GIOCondition condition, std::function<void()> function);
+    static GLibPtr<GSource> Attach(GSource* source, GSourceFunc call, Callback callback);
     void LookAtSignals();
 
     bool m_ended = false;
@@ -76,6 +73,7 @@ private:
     std::exception_ptr m_thrown;
     std::array<Ending, 3> m_endings = {
         {{SIGINT, EXIT_INTERRUPTED}, {SIGTERM, EXIT_TERMINATED}, {SIGHUP, EXIT_HUNG_UP}}};
+    /** Sees the signals while a write waits for its reader. */
     const GLibPtr<GMainContext> m_stalled;
     std::vector<GLibPtr<GSource>> m_signals;
     GLibPtr<GSource> m_reader;

@@ -1,11 +1,11 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-#include "Call.h"
+#include "CallWatch.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 
-#include "KavrelClient.h"
 #include "Print.h"
 
 namespace ctl {

@@ -95,23 +95,25 @@ struct CallWatch::Inbox {
     std::deque<Message> messages;
 };
 
-CallWatch::CallWatch(tools::MainLoop& loop, const tools::KavrelClient& client,
-                     tools::KavrelClient::Timeout timeout, Seen seen)
+CallWatch::CallWatch(tools::MainLoop& loop, const tools::KavrelClient& client, tools::Timeout timeout,
+                     Seen seen)
     : m_loop(loop),
       m_client(client),
       m_timeout(timeout),
       m_seen(std::move(seen)),
-      m_ownName(g_dbus_connection_get_unique_name(client.Connection())),
-      m_connection(tools::ConnectToSystemBus(timeout)),
-      m_inbox(std::make_shared<Inbox>()),
-      m_mail(loop.WhenReadable(m_inbox->bell, [this] { TakeMessages(); })) {
+      m_monitor(timeout),
+      m_inbox(std::make_shared<Inbox>()) {
     BecomeMonitor();
-    m_closed = tools::EndWithBus(loop, m_connection.get());
+    m_monitor.EndWithBus(loop);
+    m_mail = loop.WhenReadable(m_inbox->bell, [this] {
+        for (const Message& message : m_inbox->TakeAll()) {
+            OnMessage(message);
+        }
+    });
 }
 
 CallWatch::~CallWatch() {
-    g_signal_handler_disconnect(m_connection.get(), m_closed);
-    g_dbus_connection_remove_filter(m_connection.get(), m_filter);
+    g_dbus_connection_remove_filter(m_monitor.Connection(), m_filter);
 }
 
 void CallWatch::BecomeMonitor() {
@@ -120,15 +122,15 @@ void CallWatch::BecomeMonitor() {
     const auto release = [](void* data) {
         const std::unique_ptr<std::shared_ptr<Inbox>> released(static_cast<std::shared_ptr<Inbox>*>(data));
     };
-    m_filter = g_dbus_connection_add_filter(m_connection.get(), Filter, inbox.release(), release);
+    m_filter = g_dbus_connection_add_filter(m_monitor.Connection(), Filter, inbox.release(), release);
     tools::GLibError error;
     const int timeout = m_timeout ? static_cast<int>(m_timeout->count()) : G_MAXINT;
     const tools::Variant reply(g_dbus_connection_call_sync(
-        m_connection.get(), BUS_NAME, "/org/freedesktop/DBus", "org.freedesktop.DBus.Monitoring",
+        m_monitor.Connection(), BUS_NAME, "/org/freedesktop/DBus", "org.freedesktop.DBus.Monitoring",
         "BecomeMonitor", g_variant_new("(@asu)", g_variant_new_strv(RULES, std::size(RULES)), 0U), nullptr,
         G_DBUS_CALL_FLAGS_NONE, timeout, nullptr, error));
     if (reply == nullptr) {
-        g_dbus_connection_remove_filter(m_connection.get(), m_filter);
+        g_dbus_connection_remove_filter(m_monitor.Connection(), m_filter);
         throw tools::ToolError(tools::EXIT_UNREACHABLE,
                                std::string("the bus does not let this user see calls: ") + error->message);
     }
@@ -143,12 +145,6 @@ GDBusMessage* CallWatch::Filter(GDBusConnection* connection, GDBusMessage* messa
     (*static_cast<std::shared_ptr<Inbox>*>(inbox))
         ->Put({tools::GLibPtr<GDBusMessage>(message), tools::Now(), g_get_monotonic_time()});
     return nullptr;  // so that GLib does not answer a call that is meant for the daemon
-}
-
-void CallWatch::TakeMessages() {
-    for (const Message& message : m_inbox->TakeAll()) {
-        OnMessage(message);
-    }
 }
 
 void CallWatch::OnMessage(const Message& message) {
@@ -168,7 +164,7 @@ void CallWatch::OnMessage(const Message& message) {
 void CallWatch::OnCall(const Message& message) {
     GDBusMessage* raw = message.message.get();
     const std::string sender = Text(g_dbus_message_get_sender(raw));
-    if (sender == m_ownName) {
+    if (sender == g_dbus_connection_get_unique_name(m_client.Connection())) {
         return;
     }
     Pending pending;

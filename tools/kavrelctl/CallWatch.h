@@ -4,19 +4,56 @@
 #define KAVRELCTL_CALLWATCH_H
 
 #include <gio/gio.h>
+#include <json/value.h>
 
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
-#include "Call.h"
+#include "Clock.h"
 #include "GLibPtr.h"
 #include "KavrelClient.h"
 #include "MainLoop.h"
 
 namespace ctl {
+
+/** The program that called, as far as the kernel knows the process behind its connection to the bus. */
+struct Caller {
+    /** Unique name on the bus. */
+    std::string name;
+    /** Nothing if the connection had gone before it could be looked up. */
+    std::optional<unsigned> process;
+    /** Program and arguments; empty if the process had gone, or hides them. */
+    std::vector<std::string> command;
+};
+
+/** One method call to the daemon, with its end. */
+struct Call {
+    tools::WallTime time = 0;
+    Caller caller;
+    std::string interface;
+    std::string method;
+    /** A tuple; null without arguments. */
+    tools::Variant arguments;
+
+    enum class End { ANSWERED, REFUSED, NO_REPLY_WANTED, NO_ANSWER } end = End::NO_ANSWER;
+    /** The answer's tuple; null without values. */
+    tools::Variant answer;
+    /** Name of the D-Bus error, if the call was refused. */
+    std::string error;
+    /** Microseconds from the time the bus passed the call to the time it passed the answer. */
+    std::int64_t duration = 0;
+};
+
+/** "SetSpeakerVolume(30) -> 0, 0.4 ms, by kavrelctl volume 30 (pid 4711)". */
+std::string InWords(const Call& call);
+/** The same as fields; what is not known is null. */
+Json::Value InJson(const Call& call);
 
 /**
  * Sees every method call to the daemon through the bus's monitoring interface, over a connection of its own
@@ -31,8 +68,7 @@ public:
      *  @param seen called on the main loop when a call has ended, or had no answer within the timeout
      *  @throws tools::ToolError if there is no bus or it does not allow monitoring; the loop ends with one when
      *  the bus closes the connection */
-    CallWatch(tools::MainLoop& loop, const tools::KavrelClient& client, tools::KavrelClient::Timeout timeout,
-              Seen seen);
+    CallWatch(tools::MainLoop& loop, const tools::KavrelClient& client, tools::Timeout timeout, Seen seen);
     ~CallWatch();
     CallWatch(const CallWatch&) = delete;
     CallWatch& operator=(const CallWatch&) = delete;
@@ -51,7 +87,6 @@ private:
     static GDBusMessage* Filter(GDBusConnection* connection, GDBusMessage* message, gboolean isIncoming,
                                 void* inbox);
     void BecomeMonitor();
-    void TakeMessages();
     void OnMessage(const Message& message);
     void OnCall(const Message& message);
     void OnReply(const Message& message);
@@ -61,14 +96,12 @@ private:
 
     tools::MainLoop& m_loop;
     const tools::KavrelClient& m_client;
-    const tools::KavrelClient::Timeout m_timeout;
+    const tools::Timeout m_timeout;
     const Seen m_seen;
-    const std::string m_ownName;
-    tools::GLibPtr<GDBusConnection> m_connection;
+    tools::KavrelClient m_monitor;
     std::shared_ptr<Inbox> m_inbox;
     tools::GLibPtr<GSource> m_mail;
     guint m_filter = 0;
-    gulong m_closed = 0;
     std::map<Key, Pending> m_pending;
     std::map<std::string, Caller> m_callers;
 };

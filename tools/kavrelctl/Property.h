@@ -12,7 +12,7 @@
 
 namespace ctl {
 
-/** A property of the output in use that a client can read. */
+/** The properties of the output in use that a client can read. */
 enum class Property { VOLUME, MUTE, SUPPORT };
 
 inline constexpr std::array PROPERTIES = {Property::VOLUME, Property::MUTE, Property::SUPPORT};

@@ -4,7 +4,6 @@
 
 #include <chrono>
 #include <cmath>
-#include <utility>
 
 #include "Errors.h"
 
@@ -32,19 +31,11 @@ Tool::Tool() : m_line("kavrelctl", "Read, set and watch the TV's volume, mute an
     AddTimeout(m_line.App());
 }
 
-tools::KavrelClient::Timeout Tool::Timeout() const {
+tools::Timeout Tool::Timeout() const {
     if (m_seconds == 0) {
         return std::nullopt;
     }
     return std::chrono::milliseconds(static_cast<long>(std::ceil(m_seconds * 1000)));
-}
-
-CLI::App& Tool::AddCommand(CLI::App* group, const char* name, const char* description, const char* example,
-                           tools::CommandLine::Action action) {
-    CLI::App& parent = group == nullptr ? m_line.App() : *group;
-    CLI::App& command = m_line.AddCommand(parent, name, description, example, std::move(action));
-    AddTimeout(command);
-    return command;
 }
 
 void Tool::AddTimeout(CLI::App& command) {

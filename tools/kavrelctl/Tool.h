@@ -24,8 +24,10 @@ public:
     template <typename Command>
     void Add(const char* name, const char* description, const char* example, CLI::App* group = nullptr) {
         const auto command = std::make_shared<Command>();
-        command->AddArguments(
-            AddCommand(group, name, description, example, [this, command] { return command->Run(*this); }));
+        const auto run = [this, command] { return command->Run(*this); };
+        CLI::App& app = m_line.AddCommand(name, description, example, run, group);
+        AddTimeout(app);
+        command->AddArguments(app);
     }
     CLI::App& AddGroup(const char* name, const char* description, const char* example) {
         return m_line.AddGroup(name, description, example);
@@ -34,13 +36,11 @@ public:
     int Run(int argc, char** argv) { return m_line.Run(argc, argv); }
 
     /** The time limit of each call that the user asked for. */
-    tools::KavrelClient::Timeout Timeout() const;
+    tools::Timeout Timeout() const;
     /** @throws tools::ToolError if there is no bus, or it does not answer in time */
     tools::KavrelClient Connect() const { return tools::KavrelClient(Timeout()); }
 
 private:
-    CLI::App& AddCommand(CLI::App* group, const char* name, const char* description, const char* example,
-                         tools::CommandLine::Action action);
     void AddTimeout(CLI::App& command);
 
     tools::CommandLine m_line;
