@@ -190,7 +190,7 @@ TEST_F(BTSpeakerEmulTest, ASignalOfAnotherTypeIsDropped) {
 TEST_F(BTSpeakerEmulTest, ASignalWithoutConnectionNameOrUserDataIsDroppedInThisOrder) {
     Watch();
     GDBusConnection* connection = NKavrel::KVUtils::GetConnection();
-    const fake::Variant body(g_variant_ref_sink(g_variant_new("(iii)", 0, 1, 2)));
+    const tools::Variant body(g_variant_ref_sink(g_variant_new("(iii)", 0, 1, 2)));
     BTSpeakerEmul::OnVolumeLevelChanged(nullptr, nullptr, nullptr, nullptr, nullptr, body.get(), nullptr);
     BTSpeakerEmul::OnVolumeLevelChanged(connection, nullptr, nullptr, nullptr, nullptr, body.get(), nullptr);
     BTSpeakerEmul::OnVolumeLevelChanged(connection, nullptr, nullptr, nullptr, "Name", body.get(), nullptr);
@@ -216,7 +216,7 @@ TEST_F(BTSpeakerEmulTest, TheMuteAndSupportKeysAreHeardTheLevelKeyIsNot) {
 
 TEST_F(BTSpeakerEmulTest, AReportWithoutHandlersRaisesTheEmptyCallableException) {
     speaker->SetChangedCB();
-    const fake::Variant body(g_variant_ref_sink(g_variant_new("(iii)", 0, 1, 2)));
+    const tools::Variant body(g_variant_ref_sink(g_variant_new("(iii)", 0, 1, 2)));
     EXPECT_THROW(BTSpeakerEmul::OnVolumeLevelChanged(NKavrel::KVUtils::GetConnection(), ":1.1", "", "",
                                                      "Name", body.get(), &*speaker),
                  std::bad_function_call);

@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-#include "Daemon.h"
+#include "DaemonTest.h"
 #include "KVDefine.h"
 
 using NKavrel::KVServer;
@@ -16,7 +16,7 @@ std::string Emission(const std::string& nameAndBody) {
            ')';
 }
 
-/** The three change handlers, called as the volume control object calls them. */
+/** Calls the server's three change handlers as the volume control object calls them. */
 class ChangeSignalsTest : public ServerTest {
 protected:
     void SetUp() override {
@@ -25,7 +25,7 @@ protected:
         seam.Clear();
     }
     NKavrel::VolumeControlImpl& Control() { return *server->getCurrentSpeaker(); }
-    /** The previous output becomes this one, the present output `route`. */
+    /** Makes `previous` the previous output and `route` the present one. */
     void MovePrevious(int previous, int route) {
         seam.FireRoute(previous);
         seam.FireRoute(route);
@@ -34,7 +34,7 @@ protected:
     }
 };
 
-/** The same changes, told by the whole daemon. */
+/** Tests the change signals that the whole daemon sends. */
 class ChangeSignalsOfTheDaemonTest : public DaemonTest {
 protected:
     void SetUp() override {
@@ -161,7 +161,7 @@ TEST_F(ChangeSignalsTest, TheStatusOfTheGainRequestIsLogged) {
 
 TEST_F(ChangeSignalsTest, TheGainRequestIsForcedThroughOnTheMultiOutputRoute) {
     Control().ApplyAudioGain(KVDefine::GAIN_SRC_UNMUTE, 40, KVDefine::AUDIO_PATH_BOTH, false);
-    seam.FireRoute(6);  // reported to the daemon, which asks for the full gain by itself
+    seam.FireRoute(6);  // the daemon handles the report and sets the full gain itself
     EXPECT_EQ(seam.MainGainValue(), 100);
     EXPECT_THAT(LogLines(), Not(Contains("_IsFadeInAvailable: E Multi-output Audio, do not apply fade.")));
     EXPECT_THAT(LogLines(),

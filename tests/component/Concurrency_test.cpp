@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: MIT
 #include <random>
 
-#include "Daemon.h"
+#include "DaemonTest.h"
 
 using testing::AllOf;
 using testing::AnyOf;
@@ -13,13 +13,13 @@ using testing::Le;
 
 namespace {
 
-/** Reports and requests at the same time. */
+/** Tests reports and requests that run at the same time. */
 class ConcurrencyTest : public DaemonTest {
 protected:
     void SetUp() override { Start(); }
 };
 
-/** A report that a platform thread is in the middle of: it holds the volume control object. */
+/** Keeps a platform thread inside a report, in which it holds the lock of the volume control object. */
 class Report {
 public:
     Report() : m_gate(fake::FakeSeam::Get().BlockNext("I volume is changed : 33")) {
@@ -71,7 +71,7 @@ TEST_F(ConcurrencyTest, GainRequestsAreServedDuringAReport) {
     EXPECT_EQ(Call("ApplyGainOnMute", g_variant_new("(ii)", 3, 40)), "(0,)");
     EXPECT_EQ(seam.MainGainValue(), 40);
     EXPECT_EQ(Call("ResetPlayerGain", g_variant_new("(i)", 1)), "(0,)");
-    // The mute state cannot be read now, which counts as unmuted.
+    // The daemon cannot read the mute state now and assumes unmuted.
     EXPECT_EQ(Call("ApplyUnmuteFadeIn", g_variant_new("(i)", 3)), "(0,)");
     EXPECT_EQ(seam.MainGainValue(), 100);
     EXPECT_THAT(Log(), Contains("ApplyVolumeFadeIn: W UnMute State, Recover gain instead of FadeIn"));
@@ -85,7 +85,7 @@ TEST_F(ConcurrencyTest, AReportDuringARequestIsLostAndTheRequestIsServed) {
     std::thread caller([&] {
         const fake::BusClient another;
         const auto reply = another.Call(BUS_NAME, OBJECT_PATH, INTERFACE, "GetSpeakerVolume", nullptr);
-        answer = gio::Printed(reply.get());
+        answer = gio::PrintedWithTypes(reply.get());
     });
     ASSERT_TRUE(request.WaitReached());
     seam.FireVolume(44);
@@ -112,11 +112,11 @@ TEST_F(ConcurrencyTest, TheSignalOfAReportIsSentWhileTheReportHoldsTheVolumeCont
     EXPECT_EQ(client.WaitForSignal().body, "(65535, 33)");
 }
 
-// A bounded storm: one platform thread, as the platform serialises its reports, three clients, and the gain
-// workers. Every request is answered, with its own value or with -1.
+// One platform thread (the platform makes one report at a time), three clients and the gain workers run at
+// once. The daemon answers every request, with its value or with -1.
 TEST_F(ConcurrencyTest, AStormOfReportsAndRequestsLosesNoAnswer) {
     constexpr int ROUNDS = 150;
-    seam.ReportOwnChanges(false);  // the platform thread reports all
+    seam.ReportOwnChanges(false);  // only the platform thread reports
     seam.DropLogLines(true);
     seam.SetInt("db/usbsound/volume_capability", 15);
     std::thread platform([&] {
@@ -135,7 +135,7 @@ TEST_F(ConcurrencyTest, AStormOfReportsAndRequestsLosesNoAnswer) {
             seam.FireZoneRoute(static_cast<int>(value >> 16) % 21, static_cast<int>(value >> 12) % 3);
         }
     });
-    const auto status = [](const fake::Variant& reply, int index) {
+    const auto status = [](const tools::Variant& reply, int index) {
         if (reply == nullptr) {
             return 1;
         }

@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-#include "Daemon.h"
+#include "DaemonTest.h"
 #include "VolumeControlImpl.h"
 
 using testing::Contains;
@@ -32,13 +32,13 @@ std::string BudsGone(int target) {
            ')';
 }
 
-/** Headsets and outputs that come and go, told to the whole daemon. */
+/** Tests the signals about headsets and outputs that connect or disconnect, with the whole daemon. */
 class ConnectionSignalsTest : public DaemonTest {
 protected:
     void SetUp() override { Start(); }
 
     NKavrel::VolumeControlImpl& Control() { return *daemon->Server().getCurrentSpeaker(); }
-    /** The output in use was `previous`, and is now `route`. */
+    /** Makes `previous` the previous output and `route` the present one. */
     void Move(int previous, int route) {
         seam.FireRoute(previous);
         seam.FireRoute(route);
@@ -48,7 +48,10 @@ protected:
     }
     void BudsDisconnected() { Emit("BudsDisconnected", g_variant_new("(i)", 3)); }
     void SpeakerDisconnected() { Emit("SpkDisconnected", g_variant_new("(is)", 5, "Box")); }
-    /** What the handler said and called, without the caller tracker and what follows from it. */
+    /**
+     * The log lines and calls of the signal's handler, without those of the caller tracker and of later
+     * consequences.
+     */
     std::vector<std::string> OfHandler() {
         auto lines = Journal();
         std::erase_if(lines, [](const std::string& line) {
@@ -60,7 +63,7 @@ protected:
     }
 };
 
-// A headset that comes.
+// A headset connects.
 
 TEST_F(ConnectionSignalsTest, BudsConnectedIsLoggedAndChangesNothing) {
     Move(12, 0);
@@ -71,7 +74,7 @@ TEST_F(ConnectionSignalsTest, BudsConnectedIsLoggedAndChangesNothing) {
     EXPECT_EQ(Control().GetPrevSpeakerSelection(), 12);
 }
 
-// A headset that goes.
+// A headset disconnects.
 
 TEST_F(ConnectionSignalsTest, BudsDisconnectedBeforeTheTvSpeakerRequestsItThenSwitchesAndMutes) {
     Move(0, 3);
@@ -155,7 +158,7 @@ TEST_F(ConnectionSignalsTest, TheTargetIsChosenBeforeTheParametersAreReadAndNotW
                                          "BudsDisconnected: expected (i), got (s)"));
 }
 
-// An output that goes.
+// An output disconnects.
 
 TEST_F(ConnectionSignalsTest, ADisconnectedOutputSetsTheRouteAndRequestsNothing) {
     Move(2, 4);

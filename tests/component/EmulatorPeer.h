@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-/** What the tests of the two speaker emulators share: the peer that keeps the volume, and a listener. */
+/** Base of the tests of both speaker emulators: the peer that keeps the volume, and a listener. */
 #ifndef KAVREL_TESTS_EMULATORPEER_H
 #define KAVREL_TESTS_EMULATORPEER_H
 
@@ -43,7 +43,7 @@ protected:
         seam.Clear();
     }
 
-    /** What a test leaves subscribed points to a speaker that is gone. */
+    /** Removes the subscriptions that the test made: they point to a speaker that no longer exists. */
     ~EmulatorTest() override { gio::RemoveLeftovers(); }
 
     auto VolumeHandler() {
@@ -53,14 +53,14 @@ protected:
         return [this](int mute) { heard.push_back("mute " + std::to_string(mute)); };
     }
 
-    /** Emits a change signal and dispatches whatever of it reached the daemon's connection. */
+    /** Emits a change signal and dispatches it if it reached the daemon's connection. */
     void Announce(GVariant* body, const char* name = "SpkVolumeChanged", const char* path = DAEMON_PATH,
                   const char* interface = DAEMON_INTERFACE) {
         client.Emit(path, interface, name, body);
         RunMainContextUntilQuiet();
     }
 
-    /** What the peer answers. */
+    /** The values with which the peer answers. */
     std::atomic<int> first = 3;
     std::atomic<int> level = 17;
     std::atomic<int> result = 0;

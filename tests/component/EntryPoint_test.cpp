@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-#include "Daemon.h"
+#include "DaemonTest.h"
 
 using NKavrel::KVServer;
 using testing::Contains;
@@ -8,7 +8,7 @@ using testing::ElementsAre;
 
 namespace {
 
-/** The server's two entry points. */
+/** Tests the server's entry points for methods and for signals. */
 class EntryPointTest : public ServerTest {
 protected:
     void SetUp() override { InitWithoutName(); }

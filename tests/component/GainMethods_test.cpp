@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-#include "Daemon.h"
+#include "DaemonTest.h"
 #include "KVDefine.h"
 
 using fake::MainGain;
@@ -14,12 +14,14 @@ namespace {
 
 constexpr const char* SUB_BT_ZONE = "memory/org.olvane.btapp/sub_audio_zoneid";
 
-/** The four gain methods and the pulse signal, through the whole daemon. */
+/** Tests the four gain methods and the pulse signal with the whole daemon. */
 class GainMethodsTest : public DaemonTest {
 protected:
     void SetUp() override { Start(); }
 
-    /** Log lines of the handlers and of the volume control object, without those of the gain controller. */
+    /**
+     * The log lines of the handlers and of the volume control object, without those of the gain controller.
+     */
     std::vector<std::string> OfRequest() {
         auto lines = Log();
         std::erase_if(lines, [](const std::string& line) {

@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-/** A finished fade-in, announced on the bus. */
+/** Tests the popup message that a finished fade-in sends on the bus. */
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -33,7 +33,7 @@ protected:
         seam.SetEvent("FadeInPopup", true);
     }
 
-    /** What the bus carried, as bodies. */
+    /** The bodies of the popup messages that the bus carried. */
     std::vector<std::string> Bodies() {
         fake::RunMainContextUntilQuiet();
         std::vector<std::string> bodies;

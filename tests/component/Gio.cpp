@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "FakeSeam.h"
+#include "PrivateBus.h"
 
 namespace {
 
@@ -16,18 +17,18 @@ using fake::FakeSeam;
 
 constexpr std::string_view PEER_INTERFACE = "org.freedesktop.DBus.Peer";
 
-/** What is registered on the shared connection. */
-struct Leftovers {
+/** The objects and subscriptions on the shared connection, and a reply for its next call. */
+struct SharedState {
     std::mutex mutex;
-    /** Guarded by mutex. */
+    // The mutex guards all below.
     std::set<guint> objects;
     std::set<guint> subscriptions;
-    fake::Variant nextReply;
+    tools::Variant nextReply;
 };
 
-Leftovers& State() {
-    static Leftovers leftovers;
-    return leftovers;
+SharedState& State() {
+    static SharedState state;
+    return state;
 }
 
 /** GLib's own function of this name. */
@@ -37,15 +38,11 @@ Function* Real(Function*, const char* name) {
 }
 
 bool IsShared(GDBusConnection* connection) {
-    GDBusConnection* shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
-    if (shared == nullptr) {
-        return false;
-    }
-    g_object_unref(shared);
-    return shared == connection;
+    const auto shared = fake::SharedConnection();
+    return shared != nullptr && shared.get() == connection;
 }
 
-/** Whether the call is to fail; sets the error object if it is to be refused. */
+/** Returns whether the call must fail, and sets the error object if it must be refused. */
 bool Failed(const std::optional<int>& result, GError** error) {
     if (result == gio::REFUSED) {
         g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_FAILED, gio::REFUSAL);
@@ -53,10 +50,10 @@ bool Failed(const std::optional<int>& result, GError** error) {
     return result.has_value();
 }
 
-/** GLib takes over floating parameters whatever comes of the call. */
+/** Releases floating parameters of a failed call, as GLib would. */
 void TakeOver(GVariant* parameters) {
     if (parameters != nullptr) {
-        g_variant_unref(g_variant_ref_sink(parameters));
+        const tools::Variant owned(g_variant_ref_sink(parameters));
     }
 }
 
@@ -81,16 +78,15 @@ std::string Member(const char* interface, const char* name) {
 
 namespace gio {
 
-std::string Printed(GVariant* value) {
+std::string PrintedWithTypes(GVariant* value) {
     if (value == nullptr) {
         return "()";
     }
-    g_autofree char* text = g_variant_print(value, TRUE);
-    return text;
+    return tools::GLibPtr<char>(g_variant_print(value, TRUE)).get();
 }
 
-fake::Variant Parsed(const char* text) {
-    return fake::Variant(g_variant_parse(nullptr, text, nullptr, nullptr, nullptr));
+tools::Variant Parsed(const char* text) {
+    return tools::Variant(g_variant_parse(nullptr, text, nullptr, nullptr, nullptr));
 }
 
 void ReplyToNextCall(GVariant* reply) {
@@ -99,15 +95,14 @@ void ReplyToNextCall(GVariant* reply) {
 }
 
 void RemoveLeftovers() {
-    GDBusConnection* shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+    const auto shared = fake::SharedConnection();
     const std::lock_guard lock(State().mutex);
     for (const guint id : std::exchange(State().objects, {})) {
-        Real(g_dbus_connection_unregister_object, "g_dbus_connection_unregister_object")(shared, id);
+        Real(g_dbus_connection_unregister_object, "g_dbus_connection_unregister_object")(shared.get(), id);
     }
     for (const guint id : std::exchange(State().subscriptions, {})) {
-        g_dbus_connection_signal_unsubscribe(shared, id);
+        g_dbus_connection_signal_unsubscribe(shared.get(), id);
     }
-    g_clear_object(&shared);
 }
 
 }  // namespace gio
@@ -199,11 +194,11 @@ guint g_dbus_connection_signal_subscribe(GDBusConnection* connection, const gcha
 gboolean g_dbus_connection_emit_signal(GDBusConnection* connection, const gchar* destination_bus_name,
                                        const gchar* object_path, const gchar* interface_name,
                                        const gchar* signal_name, GVariant* parameters, GError** error) {
-    if (IsShared(connection) &&
-        Failed(FakeSeam::Get().Enter("g_dbus_connection_emit_signal",
-                                     List(OrAny(destination_bus_name), object_path,
-                                          Member(interface_name, signal_name), gio::Printed(parameters))),
-               error)) {
+    if (IsShared(connection) && Failed(FakeSeam::Get().Enter("g_dbus_connection_emit_signal",
+                                                             List(OrAny(destination_bus_name), object_path,
+                                                                  Member(interface_name, signal_name),
+                                                                  gio::PrintedWithTypes(parameters))),
+                                       error)) {
         TakeOver(parameters);
         return FALSE;
     }
@@ -216,11 +211,12 @@ GVariant* g_dbus_connection_call_sync(GDBusConnection* connection, const gchar* 
                                       const gchar* method_name, GVariant* parameters,
                                       const GVariantType* reply_type, GDBusCallFlags flags, gint timeout_msec,
                                       GCancellable* cancellable, GError** error) {
-    // The tests' own way to wait passes.
+    // The tests wait by pings on this connection; those are not recorded.
     if (IsShared(connection) && interface_name != PEER_INTERFACE) {
         const auto failure = FakeSeam::Get().Enter(
             "g_dbus_connection_call_sync",
-            List(bus_name, object_path, Member(interface_name, method_name), gio::Printed(parameters),
+            List(bus_name, object_path, Member(interface_name, method_name),
+                 gio::PrintedWithTypes(parameters),
                  std::string(reply_type == nullptr ? "*" : g_variant_type_peek_string(reply_type)),
                  std::to_string(flags), std::to_string(timeout_msec)));
         std::unique_lock lock(State().mutex);
@@ -237,7 +233,7 @@ GVariant* g_dbus_connection_call_sync(GDBusConnection* connection, const gchar* 
 }
 
 void g_dbus_method_invocation_return_value(GDBusMethodInvocation* invocation, GVariant* parameters) {
-    FakeSeam::Get().Enter("g_dbus_method_invocation_return_value", gio::Printed(parameters));
+    FakeSeam::Get().Enter("g_dbus_method_invocation_return_value", gio::PrintedWithTypes(parameters));
     Real(g_dbus_method_invocation_return_value, "g_dbus_method_invocation_return_value")(invocation,
                                                                                          parameters);
 }

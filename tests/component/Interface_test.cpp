@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-#include "Daemon.h"
+#include "DaemonTest.h"
 
 using testing::AllOf;
 using testing::Contains;
@@ -22,20 +22,20 @@ std::string Listed(GDBusArgInfo** arguments) {
     return '(' + list + ')';
 }
 
-/** What clients can see and send. */
+/** Tests which messages clients can exchange with the daemon. */
 class InterfaceTest : public DaemonTest {
 protected:
     void SetUp() override { Start(); }
 
-    /** The daemon's object as it describes itself. */
-    std::unique_ptr<GDBusNodeInfo, decltype(&g_dbus_node_info_unref)> Introspect() {
+    /** Parses the daemon's own description of its object. */
+    tools::GLibPtr<GDBusNodeInfo> Introspect() {
         const auto reply =
             client.Call(BUS_NAME, OBJECT_PATH, "org.freedesktop.DBus.Introspectable", "Introspect", nullptr);
         const char* xml = nullptr;
         g_variant_get(reply.get(), "(&s)", &xml);
-        return {g_dbus_node_info_new_for_xml(xml, nullptr), &g_dbus_node_info_unref};
+        return tools::GLibPtr<GDBusNodeInfo>(g_dbus_node_info_new_for_xml(xml, nullptr));
     }
-    /** Sends the daemon a signal that it is not to hear, and then one that it does. */
+    /** Sends a signal that the daemon must not receive, and then one that it receives. */
     void EmitUnheard(const char* path, const char* interface, const char* name, GVariant* body) {
         client.Emit(path, interface, name, body);
         Emit("BudsConnected", g_variant_new("(i)", 1));
@@ -84,7 +84,7 @@ TEST_F(InterfaceTest, TheObjectHasNoOtherInterfaceThanGLibsOwn) {
 TEST_F(InterfaceTest, TheNameIsTheDaemonsWithoutReplacementOrQueueOptions) {
     const auto reply =
         client.Call(BUS, "/org/freedesktop/DBus", BUS, "RequestName", g_variant_new("(su)", BUS_NAME, 2 | 4));
-    EXPECT_EQ(gio::Printed(reply.get()), "(uint32 3,)") << "it could be replaced";
+    EXPECT_EQ(gio::PrintedWithTypes(reply.get()), "(uint32 3,)") << "it could be replaced";
 }
 
 TEST_F(InterfaceTest, EveryMethodAnswersWithItsOwnTypes) {
@@ -153,7 +153,7 @@ TEST_F(InterfaceTest, ThereAreNoProperties) {
     EXPECT_THAT(error, StartsWith("GDBus.Error:org.freedesktop.DBus.Error."));
     const auto all = client.Call(BUS_NAME, OBJECT_PATH, "org.freedesktop.DBus.Properties", "GetAll",
                                  g_variant_new("(s)", INTERFACE));
-    EXPECT_TRUE(all == nullptr || gio::Printed(all.get()) == "(@a{sv} {},)");
+    EXPECT_TRUE(all == nullptr || gio::PrintedWithTypes(all.get()) == "(@a{sv} {},)");
 }
 
 TEST_F(InterfaceTest, ChangesAreBroadcastFromTheObjectWithTheirTypes) {

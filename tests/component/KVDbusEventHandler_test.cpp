@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: MIT
 #include "KVDbusEventHandler.h"
 
-#include "Daemon.h"
+#include "DaemonTest.h"
 #include "GainFixture.h"
 
 using testing::ElementsAre;
@@ -10,43 +10,43 @@ using testing::IsEmpty;
 
 namespace {
 
-/** A method, the function that logs for it, and arguments that it takes. */
-struct Method {
+/** A method or signal, the function that logs its handling, and valid arguments. */
+struct HandledMember {
     const char* name;
     const char* function;
     const char* arguments;
 };
 
-constexpr Method GETTERS[] = {
+constexpr HandledMember GETTERS[] = {
     {"GetSpeakerSupportType", "_OnGetSpeakerSupportType", "()"},
     {"GetSpeakerVolume", "_OnGetSpeakerVolume", "()"},
     {"GetSpeakerMute", "_OnGetSpeakerMute", "()"},
 };
-constexpr Method SETTERS[] = {
+constexpr HandledMember SETTERS[] = {
     {"SetSpeakerVolume", "_OnSetSpeakerVolume", "(30,)"},
     {"SetSpeakerMute", "_OnSetSpeakerMute", "(true,)"},
 };
-constexpr Method GAIN_METHODS[] = {
+constexpr HandledMember GAIN_METHODS[] = {
     {"ApplyPlayerFadeIn", "_HandleApplyVolumeFadeIn", "(1,)"},
     {"ApplyUnmuteFadeIn", "_HandleApplyVolumeFadeIn", "(1,)"},
     {"ResetPlayerGain", "_OnResetPlayerGain", "(1,)"},
     {"ApplyGainOnMute", "_OnApplyGainOnMute", "(1, 40)"},
 };
-constexpr Method SIGNALS[] = {
+constexpr HandledMember SIGNALS[] = {
     {"SpkDisconnected", "_OnSpeakerDisconnected", "(3, 'Box')"},
     {"ApplyPulseAudioGain", "_OnApplyPulseAudioGain", "(50, 0)"},
     {"BudsConnected", "_OnBudsConnected", "(1,)"},
     {"BudsDisconnected", "_OnBudsDisconnected", "(1,)"},
 };
 
-std::string Said(const Method& method, const std::string& text) {
+std::string Said(const HandledMember& method, const std::string& text) {
     return std::string(method.function) + ": " + text;
 }
 
 const std::string NO_PARAMETERS = "E nullptr parameters";
 const std::string NO_USER_DATA = "E nullptr user data";
 
-/** The dispatcher by itself, over a volume control object of its own. */
+/** Tests the dispatcher alone, with a volume control object that belongs to the test. */
 class KVDbusEventHandlerTest : public testing::Test {
 protected:
     void SetUp() override {
@@ -55,8 +55,8 @@ protected:
         seam.Clear();
     }
 
-    /** Calls a method with a real invocation; what the caller was answered. */
-    std::string CallWith(const Method& method, GVariant* parameters, void* userData) {
+    /** Calls a method's handler with a real invocation and returns what the caller received. */
+    std::string CallWith(const HandledMember& method, GVariant* parameters, void* userData) {
         const auto arguments = gio::Parsed(method.arguments);
         PendingCall call(method.name, arguments.get());
         seam.Clear();
@@ -69,7 +69,7 @@ protected:
     NKavrel::KVDbusEventHandler handler;
 };
 
-// The tables.
+// The dispatch tables.
 
 TEST_F(KVDbusEventHandlerTest, InitFillsTheMethodsThenTheSignals) {
     NKavrel::KVDbusEventHandler another;
@@ -130,24 +130,24 @@ TEST_F(KVDbusEventHandlerTest, NamesAreMatchedExactly) {
     }
 }
 
-// Nulls: every one is logged by the handler, and nobody is answered.
+// A handler logs each null argument and answers nobody.
 
 TEST_F(KVDbusEventHandlerTest, GettersNeedNoParameters) {
-    for (const Method& method : GETTERS) {
+    for (const HandledMember& method : GETTERS) {
         EXPECT_THAT(CallWith(method, nullptr, &control), testing::MatchesRegex("\\([0-9]+, 0\\)"))
             << method.name;
     }
 }
 
 TEST_F(KVDbusEventHandlerTest, GettersWithoutUserDataDoNotAnswer) {
-    for (const Method& method : GETTERS) {
+    for (const HandledMember& method : GETTERS) {
         EXPECT_EQ(CallWith(method, nullptr, nullptr), "no reply") << method.name;
         EXPECT_THAT(LogLines(), ElementsAre(Said(method, NO_USER_DATA)));
     }
 }
 
 TEST_F(KVDbusEventHandlerTest, VolumeSettersLookAtTheUserDataFirst) {
-    for (const Method& method : SETTERS) {
+    for (const HandledMember& method : SETTERS) {
         const auto parameters = gio::Parsed(method.arguments);
         EXPECT_EQ(CallWith(method, nullptr, nullptr), "no reply");
         EXPECT_THAT(LogLines(), ElementsAre(Said(method, NO_USER_DATA)));
@@ -161,7 +161,7 @@ TEST_F(KVDbusEventHandlerTest, VolumeSettersLookAtTheUserDataFirst) {
 }
 
 TEST_F(KVDbusEventHandlerTest, GainMethodsLookAtTheParametersFirst) {
-    for (const Method& method : GAIN_METHODS) {
+    for (const HandledMember& method : GAIN_METHODS) {
         const auto parameters = gio::Parsed(method.arguments);
         EXPECT_EQ(CallWith(method, nullptr, nullptr), "no reply");
         EXPECT_THAT(LogLines(), ElementsAre(Said(method, NO_PARAMETERS)));
@@ -174,7 +174,7 @@ TEST_F(KVDbusEventHandlerTest, GainMethodsLookAtTheParametersFirst) {
 }
 
 TEST_F(KVDbusEventHandlerTest, SignalsLookAtTheParametersFirstAndHaveNoEffect) {
-    for (const Method& signal : SIGNALS) {
+    for (const HandledMember& signal : SIGNALS) {
         const auto parameters = gio::Parsed(signal.arguments);
         seam.Clear();
         handler.OnSignal(signal.name, nullptr, nullptr);
@@ -206,7 +206,7 @@ TEST_F(KVDbusEventHandlerTest, ASignalOfAnotherTypeIsDroppedWithBothTypesNamed) 
 
 TEST_F(KVDbusEventHandlerTest, TheNullChecksOfASignalComeBeforeItsType) {
     const auto wrong = gio::Parsed("('x',)");
-    for (const Method& signal : SIGNALS) {
+    for (const HandledMember& signal : SIGNALS) {
         seam.Clear();
         handler.OnSignal(signal.name, wrong.get(), nullptr);
         EXPECT_THAT(Lines(), ElementsAre(Said(signal, NO_USER_DATA)));

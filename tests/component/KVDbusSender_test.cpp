@@ -9,7 +9,7 @@
 #include <fstream>
 #include <stdexcept>
 
-#include "Daemon.h"
+#include "DaemonTest.h"
 
 using NKavrel::KVDbusSender;
 using testing::ElementsAre;
@@ -23,7 +23,7 @@ std::string PidCall(const std::string& sender) {
            sender + "',), *, 0, -1)";
 }
 
-/** A process with a command line of the test's choice. */
+/** A process whose command line the test chooses. */
 class Program {
 public:
     explicit Program(const std::string& firstArgument) : m_pid(fork()) {
@@ -31,7 +31,7 @@ public:
             execl("/bin/sleep", firstArgument.c_str(), "1000", nullptr);
             _exit(127);
         }
-        // The new command line is there once the new program runs.
+        // The new command line appears when the new program runs.
         const std::string expected = firstArgument + '\0' + "1000" + '\0';
         while (CommandLine() != expected) {
             if (waitpid(m_pid, nullptr, WNOHANG) != 0) {
@@ -57,7 +57,7 @@ private:
     pid_t m_pid;
 };
 
-/** The tracker by itself; look-ups run when the test lets the main context run. */
+/** Tests the caller tracker alone. Its look-ups run only when the test runs the main context. */
 class KVDbusSenderTest : public testing::Test {
 protected:
     ~KVDbusSenderTest() override { Idle(); }
@@ -135,7 +135,7 @@ TEST_F(KVDbusSenderTest, OnlyANameWithoutAnEntryIsNew) {
 TEST_F(KVDbusSenderTest, WhileTheKnownCallersAreBusyEveryCallerIsNewAtOnce) {
     SeeOnce(client.Name());
     bool isNew = false;
-    // This line is logged with the callers locked.
+    // The tracker logs this line while it holds the lock of its callers.
     seam.BeforeNext("I Called by [:9.1/] size:2", [&] {
         fake::OnPlatformThread([&] {
             isNew = tracker.IsNewSender(client.Name());
@@ -267,7 +267,7 @@ TEST_F(KVDbusSenderTest, AProcessWithoutACommandLineHasNoProgram) {
     waitpid(child, nullptr, 0);
 }
 
-/** The same, seen from a client of the whole daemon. */
+/** Tests the caller tracker of the whole daemon with a real client. */
 class KVDbusSenderOfTheDaemonTest : public DaemonTest {};
 
 TEST_F(KVDbusSenderOfTheDaemonTest, ANewCallersRequestIsServedBeforeItsLookUp) {

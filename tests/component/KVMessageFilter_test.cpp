@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "Daemon.h"
+#include "DaemonTest.h"
 
 using NKavrel::KVServer;
 using testing::Each;
@@ -101,7 +101,7 @@ private:
             sender.m_answers[g_dbus_message_get_reply_serial(message)] =
                 type == G_DBUS_MESSAGE_TYPE_ERROR
                     ? std::string("error ") + g_dbus_message_get_error_name(message)
-                    : "reply " + gio::Printed(g_dbus_message_get_body(message));
+                    : "reply " + gio::PrintedWithTypes(g_dbus_message_get_body(message));
             sender.m_arrived.notify_all();
             g_main_context_wakeup(nullptr);
         }

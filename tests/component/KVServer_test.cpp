@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: MIT
 #include "KVServer.h"
 
-#include "Daemon.h"
+#include "DaemonTest.h"
 #include "KVDefine.h"
 
 using NKavrel::KVServer;
@@ -29,7 +29,7 @@ protected:
     void AcquireBus() { KVServer::onBusAcquired(Shared(), BUS_NAME, server.get()); }
     void AcquireName() { KVServer::onNameAcquired(Shared(), BUS_NAME, server.get()); }
     void LoseName() { KVServer::onNameLost(Shared(), BUS_NAME, server.get()); }
-    /** What the end of the server does, seam calls left out. */
+    /** The log lines and bus calls of the server's destruction, without seam calls. */
     std::vector<std::string> StepsOfEnd() {
         seam.Clear();
         server.reset();
@@ -47,34 +47,33 @@ protected:
     }
 };
 
-/** The daemon with its own name, on its own main loop. */
+/** Tests the whole daemon, which owns its name and runs its own main loop. */
 class KVServerLifeTest : public DaemonTest {
 protected:
-    /** GLib warns when it is to release a name that is not there. */
+    /**
+     * Regains the name, since GLib warns (and so fails the test) if it must release a name that is not owned.
+     */
     void TearDown() override {
         if (daemon) {
             RegainName();
         }
     }
-    /** A request to the bus about the daemon's name, sent as the daemon itself. */
-    void AsDaemon(const char* method, GVariant* parameters) {
-        GDBusConnection* shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
-        const fake::Variant reply(g_dbus_connection_call_sync(
-            shared, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", method,
-            parameters, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr));
-        g_object_unref(shared);
+    /** Sends the bus a request about the daemon's name, on the daemon's own connection. */
+    void AskBusAsDaemon(const char* method, GVariant* parameters) {
+        const tools::Variant reply(
+            g_dbus_connection_call_sync(fake::SharedConnection().get(), "org.freedesktop.DBus",
+                                        "/org/freedesktop/DBus", "org.freedesktop.DBus", method, parameters,
+                                        nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr));
         ASSERT_NE(reply, nullptr);
         daemon->WaitUntilIdle();
     }
-    void LoseName() { AsDaemon("ReleaseName", g_variant_new("(s)", BUS_NAME)); }
-    void RegainName() { AsDaemon("RequestName", g_variant_new("(su)", BUS_NAME, 0)); }
+    void LoseName() { AskBusAsDaemon("ReleaseName", g_variant_new("(s)", BUS_NAME)); }
+    void RegainName() { AskBusAsDaemon("RequestName", g_variant_new("(su)", BUS_NAME, 0)); }
     std::string CallByUniqueName(const std::string& method) {
-        GDBusConnection* shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
-        const std::string name = g_dbus_connection_get_unique_name(shared);
-        g_object_unref(shared);
+        const std::string name = g_dbus_connection_get_unique_name(fake::SharedConnection().get());
         std::string error;
         const auto reply = client.Call(name, OBJECT_PATH, INTERFACE, method, nullptr, &error);
-        return reply == nullptr ? "error: " + error : gio::Printed(reply.get());
+        return reply == nullptr ? "error: " + error : gio::PrintedWithTypes(reply.get());
     }
 };
 
@@ -134,7 +133,7 @@ TEST_F(KVServerTest, InitWaitsWhileAReportHoldsTheVolumeControlAndRegistersAllTh
     auto report = seam.BlockNext("I volume is changed : 33");
     std::thread platform;
     std::thread opener;
-    // The volume control object can be reported to, and Init is still building its gain controller.
+    // Reports can reach the volume control object while Init still builds its gain controller.
     seam.BeforeNext("I Create AudioGainHandler. Reset AudioGain(MAX). ret:0", [&] {
         platform = std::thread([&] { seam.FireVolume(33); });
         ASSERT_TRUE(report.WaitReached());
@@ -145,7 +144,7 @@ TEST_F(KVServerTest, InitWaitsWhileAReportHoldsTheVolumeControlAndRegistersAllTh
                 });
             };
             EXPECT_TRUE(seam.WaitUntil(waiting));
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));  // Init stands at the lock now
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));  // by now Init waits for the lock
             report.Open();
         });
     });
@@ -244,7 +243,7 @@ TEST_F(KVServerTest, AFailedRegistrationIsLoggedAndNothingIsSubscribed) {
 TEST_F(KVServerTest, ASecondBusAcquiredRegistersAndSubscribesAgainAndRemovesNothing) {
     InitWithoutName();
     AcquireBus();
-    gio::RemoveLeftovers();  // as on a new connection: the path is free
+    gio::RemoveLeftovers();  // a new connection has no object at the path either
     AcquireBus();
     EXPECT_THAT(seam.Calls("g_"), ElementsAre(REGISTER, SUBSCRIBE, REGISTER, SUBSCRIBE));
 }
@@ -284,7 +283,7 @@ TEST_F(KVServerTest, CallsAreServedBeforeTheNameButChangesAreNotToldThenNorLater
         fake::BusClient another;
         const auto reply =
             another.Call(name, OBJECT_PATH, INTERFACE, "SetSpeakerVolume", g_variant_new("(i)", 30));
-        answer = reply == nullptr ? "no reply" : gio::Printed(reply.get());
+        answer = reply == nullptr ? "no reply" : gio::PrintedWithTypes(reply.get());
         g_main_context_wakeup(nullptr);
     });
     EXPECT_TRUE(fake::RunMainContextUntil(
@@ -377,7 +376,7 @@ TEST_F(KVServerLifeTest, TheIdOfTheObjectOutlivesTheName) {
     LoseName();
     RegainName();
     const auto thread = daemon->Thread();
-    daemon.reset();  // has a connection and an id, but nothing is registered under it
+    daemon.reset();  // the server has a connection and an id, but no object is registered under that id
     EXPECT_THAT(LogLines(thread), Contains("~KVServer: E unregister_object() result FAILED"));
 }
 
@@ -393,7 +392,7 @@ TEST_F(KVServerLifeTest, ASecondInstanceLosesTheNameAtOnceAndServesNobody) {
     EXPECT_THAT(CallByUniqueName("GetSpeakerVolume"), testing::StartsWith("error: "));
 }
 
-// The end.
+// Destruction.
 
 TEST_F(KVServerTest, TheEndLeavesTheBusFirstAndDestroysTheVolumeControlLast) {
     server->Init();
@@ -434,7 +433,7 @@ TEST_F(KVServerTest, TheEndWithoutInitHasNothingToDo) {
 
 TEST_F(KVServerTest, AReportDuringTheEndFindsTheVolumeControlAndMakesNoOther) {
     InitWithoutName();
-    // Its listeners stand, and so does its speaker; the server is on its way out.
+    // The server is being destroyed; its listeners and the speaker still exist.
     seam.BeforeNext("D \t[IN]void NKavrel::VolumeControlImpl::UnsetEventHandler()", [&] {
         seam.FireMute(1);
         seam.FireRoute(12);

@@ -1,19 +1,17 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-/** The platform utilities over the system bus. */
+/** Tests the platform utilities with a system bus. */
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <condition_variable>
-#include <mutex>
-#include <optional>
 
 #include "FakeSeam.h"
 #include "Gio.h"
 #include "KVUtils.h"
 #include "PrivateBus.h"
+#include "WatchedBody.h"
 
 using fake::FakeSeam;
+using fake::WatchedBody;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::StartsWith;
@@ -27,42 +25,6 @@ constexpr const char* INTERFACE = "org.olvane.test";
 constexpr const char* PEER = "org.olvane.TestPeer";
 constexpr const char* EMIT_CALL =
     "g_dbus_connection_emit_signal(*, /Org/Olvane/Test, org.olvane.test.Sig, (7,))";
-
-/** Guards all watched bodies. Older than GLib's threads: how GLib hands a body over to the one that sends and
- * releases it is unknown to ThreadSanitizer. */
-std::mutex bodies;
-std::condition_variable bodyFreed;
-
-/** A signal body "(i)" that tells when its last reference is gone, on whatever thread that is. */
-class WatchedBody {
-public:
-    GVariant* Floating() {
-        const std::lock_guard lock(bodies);
-        m_number = 7;
-        m_freed = 0;
-        return g_variant_new_from_data(G_VARIANT_TYPE("(i)"), &m_number, sizeof m_number, TRUE, OnFreed,
-                                       this);
-    }
-    /** Once, that is. */
-    bool WaitUntilFreed() {
-        std::unique_lock lock(bodies);
-        return bodyFreed.wait_for(lock, fake::PATIENCE, [this] { return m_freed > 0; }) && m_freed == 1;
-    }
-    bool IsFreed() const {
-        const std::lock_guard lock(bodies);
-        return m_freed > 0;
-    }
-
-private:
-    static void OnFreed(void* self) {
-        const std::lock_guard lock(bodies);
-        ++static_cast<WatchedBody*>(self)->m_freed;
-        bodyFreed.notify_all();
-    }
-
-    int m_number = 7;
-    int m_freed = 0;
-};
 
 class KVUtilsBusTest : public testing::Test {
 protected:
@@ -87,10 +49,8 @@ TEST_F(KVUtilsBusTest, ThereIsOneConnectionForTheWholeProcess) {
     GDBusConnection* first = KVUtils::GetConnection();
     ASSERT_NE(first, nullptr);
     EXPECT_EQ(KVUtils::GetConnection(), first);
-    GDBusConnection* shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
-    EXPECT_EQ(shared, first);
-    EXPECT_TRUE(g_dbus_connection_get_exit_on_close(shared)) << "a dead bus ends the process";
-    g_object_unref(shared);
+    EXPECT_EQ(fake::SharedConnection().get(), first);
+    EXPECT_TRUE(g_dbus_connection_get_exit_on_close(first)) << "a dead bus ends the process";
     EXPECT_THAT(seam.Log(DLOG_DEBUG), IsEmpty());
 }
 
@@ -121,12 +81,12 @@ TEST_F(KVUtilsBusTest, AFloatingBodyIsReleasedOnceTheSignalIsSent) {
 
 TEST_F(KVUtilsBusTest, OfABodyThatIsHeldElsewhereOneReferenceIsTakenOver) {
     WatchedBody body;
-    GVariant* mine = g_variant_ref_sink(body.Floating());
+    tools::Variant mine(g_variant_ref_sink(body.Floating()));
     client.Listen(PATH, INTERFACE);
-    EXPECT_EQ(KVUtils::DbusEmitSignal(PATH, INTERFACE, "Sig", g_variant_ref(mine)), 0);
+    EXPECT_EQ(KVUtils::DbusEmitSignal(PATH, INTERFACE, "Sig", g_variant_ref(mine.get())), 0);
     EXPECT_EQ(client.WaitForSignal().name, "Sig");
-    EXPECT_FALSE(body.IsFreed());
-    g_variant_unref(mine);
+    EXPECT_EQ(body.TimesFreed(), 0);
+    mine.reset();
     EXPECT_TRUE(body.WaitUntilFreed());
 }
 
@@ -137,7 +97,7 @@ TEST_F(KVUtilsBusTest, ASignalThatCannotBeSentIsLoggedAndItsBodyReleased) {
     EXPECT_THAT(seam.JournalHere(), ElementsAre("I Signal 'Sig'", EMIT_CALL,
                                                 "E g_dbus_connection_emit_signal 'Sig' Failed (" +
                                                     std::string(gio::REFUSAL) + ")"));
-    EXPECT_TRUE(body.IsFreed());
+    EXPECT_EQ(body.TimesFreed(), 1);
 }
 
 TEST_F(KVUtilsBusTest, AMissingErrorObjectOfASignalPrintsAsNull) {
@@ -145,14 +105,14 @@ TEST_F(KVUtilsBusTest, AMissingErrorObjectOfASignalPrintsAsNull) {
     seam.Fail("g_dbus_connection_emit_signal", gio::NOTHING);
     EXPECT_EQ(KVUtils::DbusEmitSignal(PATH, INTERFACE, "Sig", body.Floating()), -1);
     EXPECT_EQ(seam.Log().back(), "E g_dbus_connection_emit_signal 'Sig' Failed ((null))");
-    EXPECT_TRUE(body.IsFreed());
+    EXPECT_EQ(body.TimesFreed(), 1);
 }
 
 TEST_F(KVUtilsBusTest, ACallHandsItsReplyOver) {
     GVariant* reply = nullptr;
     EXPECT_EQ(KVUtils::DbusCallSync(PEER, PATH, INTERFACE, "Double", g_variant_new("(i)", 21), &reply), 0);
-    const fake::Variant owned(reply);
-    EXPECT_EQ(gio::Printed(reply), "(42,)");
+    const tools::Variant owned(reply);
+    EXPECT_EQ(gio::PrintedWithTypes(reply), "(42,)");
     EXPECT_THAT(seam.JournalHere(),
                 ElementsAre("I Method call 'Double'",
                             "g_dbus_connection_call_sync(org.olvane.TestPeer, /Org/Olvane/Test, "
@@ -174,10 +134,10 @@ TEST_F(KVUtilsBusTest, FloatingParametersOfACallAreReleased) {
 
 TEST_F(KVUtilsBusTest, OfParametersThatAreHeldElsewhereOneReferenceIsTakenOver) {
     WatchedBody parameters;
-    GVariant* mine = g_variant_ref_sink(parameters.Floating());
-    EXPECT_EQ(KVUtils::DbusCallSync(PEER, PATH, INTERFACE, "Double", g_variant_ref(mine), nullptr), 0);
-    EXPECT_FALSE(parameters.IsFreed());
-    g_variant_unref(mine);
+    tools::Variant mine(g_variant_ref_sink(parameters.Floating()));
+    EXPECT_EQ(KVUtils::DbusCallSync(PEER, PATH, INTERFACE, "Double", g_variant_ref(mine.get()), nullptr), 0);
+    EXPECT_EQ(parameters.TimesFreed(), 0);
+    mine.reset();
     EXPECT_TRUE(parameters.WaitUntilFreed());
 }
 
@@ -204,7 +164,7 @@ TEST_F(KVUtilsBusTest, AMissingErrorObjectOfACallPrintsAsNull) {
     seam.Fail("g_dbus_connection_call_sync", gio::NOTHING);
     EXPECT_EQ(KVUtils::DbusCallSync(PEER, PATH, INTERFACE, "Do", parameters.Floating(), nullptr), -1);
     EXPECT_EQ(seam.Log().back(), "E Method Call 'Do' Failed ((null))");
-    EXPECT_TRUE(parameters.IsFreed());
+    EXPECT_EQ(parameters.TimesFreed(), 1);
 }
 
 NKavrel::CallSite Caller() {
@@ -212,7 +172,7 @@ NKavrel::CallSite Caller() {
 }
 
 TEST_F(KVUtilsBusTest, ASignalOfAnotherTypeIsTheCallersError) {
-    const fake::Variant body(g_variant_ref_sink(g_variant_new("(is)", 1, "x")));
+    const tools::Variant body(g_variant_ref_sink(g_variant_new("(is)", 1, "x")));
     EXPECT_TRUE(KVUtils::IsSignalOfType(body.get(), "(is)", "Sig", Caller()));
     EXPECT_THAT(seam.Log(), IsEmpty());
     EXPECT_FALSE(KVUtils::IsSignalOfType(body.get(), "(iii)", "Sig", Caller()));
@@ -222,7 +182,7 @@ TEST_F(KVUtilsBusTest, ASignalOfAnotherTypeIsTheCallersError) {
 }
 
 TEST_F(KVUtilsBusTest, AReplyOfAnotherTypeIsTheCallersError) {
-    const fake::Variant reply(g_variant_ref_sink(g_variant_new("(u)", 1)));
+    const tools::Variant reply(g_variant_ref_sink(g_variant_new("(u)", 1)));
     EXPECT_TRUE(KVUtils::IsReplyOfType(reply.get(), "(u)", "Do", Caller()));
     EXPECT_FALSE(KVUtils::IsReplyOfType(reply.get(), "(i)", "Do", Caller()));
     constexpr const char* line = "E Invalid reply to Do: expected (i), got (u)";

@@ -1,5 +1,8 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-/** Included before all of main.cpp: the daemon's main gets another symbol, so that a test program, which has
- * a main of its own, can call it; its name in the source, which its log lines carry, stays. */
+/**
+ * The build includes this file before main.cpp. It gives the daemon's main another symbol, so that a test
+ * program, which has its own main, can call it. The function's name in the source stays `main`, which its log
+ * lines contain.
+ */
 int main(int argc, char** argv) __asm__("DaemonMain");

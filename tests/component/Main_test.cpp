@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <new>
 
-#include "Daemon.h"
+#include "DaemonTest.h"
 
 using NKavrel::KVServer;
 using testing::AllOf;
@@ -14,7 +14,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::Not;
 
-/** main() of the daemon. */
+/** The daemon's main(); see MainSymbol.h. */
 extern "C" int DaemonMain(int argc, char** argv);
 
 namespace {
@@ -30,7 +30,7 @@ constexpr const char* NEW_SERVER = "new KVServer()";
 
 /** The daemon's main loop while it exists. */
 std::atomic<GMainLoop*> mainLoop;
-/** The server that main made last, which main never deletes. */
+/** The server that main created last. main never deletes it, so the test does. */
 std::atomic<void*> lastServer;
 
 template <typename Function>
@@ -40,7 +40,7 @@ Function* Real(Function*, const char* name) {
 
 }  // namespace
 
-// GLib's own threads have loops, too, of other contexts.
+// GLib's own threads also create loops, but for other contexts.
 GMainLoop* g_main_loop_new(GMainContext* context, gboolean is_running) {
     if (context != nullptr) {
         return Real(g_main_loop_new, "g_main_loop_new")(context, is_running);
@@ -67,7 +67,7 @@ void g_main_loop_unref(GMainLoop* loop) {
     Real(g_main_loop_unref, "g_main_loop_unref")(loop);
 }
 
-/** Nothing but main asks for memory in this way and in this size. */
+/** Catches the server: only main allocates this size without exceptions. */
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
     if (size != sizeof(KVServer)) {
         return std::malloc(size);
@@ -82,7 +82,9 @@ void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
 
 namespace {
 
-/** main() on the test's thread. What the daemon never does, leaving its loop, another thread asks of it. */
+/**
+ * Runs main() on the test's thread. Another thread makes it leave its loop, which the real daemon never does.
+ */
 class MainTest : public testing::Test {
 protected:
     ~MainTest() override {
@@ -91,7 +93,7 @@ protected:
         gio::RemoveLeftovers();
     }
 
-    /** Runs main; `visit` runs on another thread once the loop does, and then the loop is left. */
+    /** Runs main. Once its loop runs, calls `visit` on another thread and then quits the loop. */
     int RunMain(const std::function<void()>& visit) {
         std::thread visitor([&] {
             EXPECT_TRUE(seam.WaitFor(RUN_LOOP));
@@ -148,7 +150,7 @@ TEST_F(MainTest, ItServesUntilItsLoopIsLeftAndLeavesTheServerAlive) {
                   const fake::BusClient client;
                   const auto reply =
                       client.Call(BUS_NAME, OBJECT_PATH, INTERFACE, "GetSpeakerVolume", nullptr);
-                  answer = reply == nullptr ? "no reply" : gio::Printed(reply.get());
+                  answer = reply == nullptr ? "no reply" : gio::PrintedWithTypes(reply.get());
               }),
               0);
     EXPECT_EQ(answer, "(10, 0)");

@@ -3,7 +3,7 @@
 #include <cstdlib>
 
 #include "BTSpeakerEmul.h"
-#include "Daemon.h"
+#include "DaemonTest.h"
 #include "KVDbusSender.h"
 #include "TVSpeakerEmul.h"
 
@@ -19,7 +19,7 @@ const std::string NO_BUS =
 
 [[maybe_unused]] const int address = setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
 
-/** A machine whose bus cannot be reached. */
+/** Tests the daemon on a machine whose bus nobody can reach. */
 class NoBusTest : public testing::Test {
 protected:
     fake::FakeSeam& seam = fake::FakeSeam::Get();

@@ -1,13 +1,16 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-#include "Daemon.h"
+#include "DaemonTest.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
 
 namespace {
 
-/** A TV without an internal speaker: its default output is the optical one. Asked for once in a process. */
+/**
+ * Tests the daemon on a TV without internal speaker, whose default output is the optical one. It needs its
+ * own process, because the daemon asks the platform for the default output only once.
+ */
 class NoInternalSpeakerTest : public DaemonTest {
 protected:
     void SetUp() override {

@@ -116,9 +116,9 @@ TEST_F(TVSpeakerEmulTest, WatchesTheMuteThenTheSignalOnceHoweverOftenItIsAsked) 
     speaker->SetChangedCB();
     speaker->SetChangedCB();
     EXPECT_THAT(seam.JournalHere(), ElementsAre(REGISTER_MUTE, fake::SUBSCRIBE_CALL));
-    EXPECT_EQ(seam.TvMasterMuteSlot().data, &*speaker);
-    EXPECT_EQ(seam.VolumeSlot().callback, nullptr) << "the audio HAL's callbacks are not used";
-    EXPECT_EQ(seam.MuteSlot().callback, nullptr);
+    EXPECT_EQ(seam.TvMasterMuteRegistration().data, &*speaker);
+    EXPECT_EQ(seam.VolumeRegistration().callback, nullptr) << "the audio HAL's callbacks are not used";
+    EXPECT_EQ(seam.MuteRegistration().callback, nullptr);
 }
 
 TEST_F(TVSpeakerEmulTest, AFailedMuteRegistrationStopsThereAndTheNextTryMakesBoth) {
@@ -167,7 +167,7 @@ TEST_F(TVSpeakerEmulTest, ASignalOfAnotherTypeIsDropped) {
 TEST_F(TVSpeakerEmulTest, ASignalWithoutConnectionUserDataOrNameIsDroppedInThisOrder) {
     Watch();
     GDBusConnection* connection = NKavrel::KVUtils::GetConnection();
-    const fake::Variant body(g_variant_ref_sink(g_variant_new("(iii)", 0, 1, 2)));
+    const tools::Variant body(g_variant_ref_sink(g_variant_new("(iii)", 0, 1, 2)));
     TVSpeakerEmul::VolumeChangedCB(nullptr, nullptr, nullptr, nullptr, nullptr, body.get(), nullptr);
     TVSpeakerEmul::VolumeChangedCB(connection, nullptr, nullptr, nullptr, nullptr, body.get(), nullptr);
     TVSpeakerEmul::VolumeChangedCB(connection, nullptr, nullptr, nullptr, nullptr, body.get(), &*speaker);
@@ -183,7 +183,7 @@ TEST_F(TVSpeakerEmulTest, AMuteReportReachesTheEmulatorsOwnHandlerAsItIs) {
     Watch();
     seam.FireTvMasterMute(2);
     EXPECT_THAT(heard, ElementsAre("mute 2"));
-    seam.TvMasterMuteSlot().callback(1, nullptr);
+    seam.TvMasterMuteRegistration().callback(1, nullptr);
     EXPECT_THAT(seam.JournalHere(), ElementsAre("E data is NULL"));
     EXPECT_EQ(seam.FunctionOf("E data is NULL"), "MuteChangedCB");
     EXPECT_EQ(heard.size(), 1U);
@@ -192,7 +192,7 @@ TEST_F(TVSpeakerEmulTest, AMuteReportReachesTheEmulatorsOwnHandlerAsItIs) {
 TEST_F(TVSpeakerEmulTest, AReportWithoutHandlersRaisesTheEmptyCallableException) {
     speaker->SetChangedCB();
     EXPECT_THROW(seam.FireTvMasterMute(1), std::bad_function_call);
-    const fake::Variant body(g_variant_ref_sink(g_variant_new("(iii)", 0, 1, 2)));
+    const tools::Variant body(g_variant_ref_sink(g_variant_new("(iii)", 0, 1, 2)));
     EXPECT_THROW(TVSpeakerEmul::VolumeChangedCB(NKavrel::KVUtils::GetConnection(), ":1.1", "", "", "Name",
                                                 body.get(), &*speaker),
                  std::bad_function_call);
@@ -257,7 +257,7 @@ TEST_F(TVSpeakerEmulTest, DestructionDropsItsOwnHandlersAndLeavesTheRegistration
     speaker.reset();
     EXPECT_THAT(seam.JournalHere(), ElementsAre("E Already unset event handler"))
         << "the inherited pair was empty";
-    EXPECT_NE(seam.TvMasterMuteSlot().callback, nullptr);
+    EXPECT_NE(seam.TvMasterMuteRegistration().callback, nullptr);
 }
 
 }  // namespace

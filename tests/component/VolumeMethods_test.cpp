@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-#include "Daemon.h"
+#include "DaemonTest.h"
 
 using testing::Contains;
 using testing::ElementsAre;
@@ -16,7 +16,7 @@ std::string Reply(const std::string& body) {
     return "g_dbus_method_invocation_return_value(" + body + ')';
 }
 
-/** The five volume and mute methods, through the whole daemon. */
+/** Tests the five methods for volume, mute and support word with the whole daemon. */
 class VolumeMethodsTest : public DaemonTest {
 protected:
     void SetUp() override { Start(); }

@@ -1,15 +1,15 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-#include "Daemon.h"
+#include "DaemonTest.h"
 
 using testing::IsEmpty;
 
-/** Of the address sanitizer's runtime, where there is one: looks for leaks now. */
+/** Looks for leaks now. The address sanitizer's runtime defines it; without that it is null. */
 extern "C" [[gnu::weak]] int __lsan_do_recoverable_leak_check();
 
 namespace {
 
-/** A daemon that does everything once and ends: what it took it gives back. */
+/** Tests that a daemon that has done everything once releases all its resources when it ends. */
 class WholeLifeTest : public DaemonTest {
 protected:
     void CallEverything() {
@@ -72,11 +72,11 @@ TEST_F(WholeLifeTest, LeavesNothingBehind) {
     EXPECT_EQ(Call("GetSpeakerVolume"), "(60, 0)");
     daemon.reset();
 
-    EXPECT_EQ(seam.RouteSlot().callback, nullptr);
-    EXPECT_EQ(seam.ZoneRouteSlot().callback, nullptr);
-    EXPECT_EQ(seam.VolumeSlot().callback, nullptr);
-    EXPECT_EQ(seam.MuteSlot().callback, nullptr);
-    EXPECT_THAT(seam.FocusSlots(), IsEmpty());
+    EXPECT_EQ(seam.RouteRegistration().callback, nullptr);
+    EXPECT_EQ(seam.ZoneRouteRegistration().callback, nullptr);
+    EXPECT_EQ(seam.VolumeRegistration().callback, nullptr);
+    EXPECT_EQ(seam.MuteRegistration().callback, nullptr);
+    EXPECT_THAT(seam.FocusRegistrations(), IsEmpty());
     for (const fake::Entry& entry : seam.Entries()) {
         if (entry.name == "vconf_notify_key_changed") {
             const auto first = entry.text.find('"') + 1;

@@ -2,9 +2,11 @@
 // SPDX-License-Identifier: MIT
 #include "Dice.h"
 
+#include <array>
 #include <limits>
+#include <string_view>
 
-int Dice::Number() {
+int Dice::Integer() {
     static constexpr std::array EDGES = {0,
                                          1,
                                          -1,
@@ -98,11 +100,11 @@ GVariant* Dice::Value(int depth) {
         case 1:
             return g_variant_new_byte(static_cast<guchar>(Below(256)));
         case 2:
-            return g_variant_new_uint32(static_cast<guint32>(Number()));
+            return g_variant_new_uint32(static_cast<guint32>(Integer()));
         case 3:
-            return g_variant_new_int64(Number());
+            return g_variant_new_int64(Integer());
         case 4:
-            return g_variant_new_double(Number() / 3.0);
+            return g_variant_new_double(Integer() / 3.0);
         case 5:
         case 6:
             return g_variant_new_string(Text().c_str());
@@ -112,7 +114,7 @@ GVariant* Dice::Value(int depth) {
             return g_variant_new_signature("a{sv}");
         case 9:
         case 10:
-            return g_variant_new_int32(Number());
+            return g_variant_new_int32(Integer());
         case 11:
             return g_variant_new_variant(Value(depth - 1));
         case 12: {
@@ -122,7 +124,7 @@ GVariant* Dice::Value(int depth) {
         case 13:
             return g_variant_new("a{sv}", nullptr);
         default:
-            return Tuple(1 + Below(3), depth - 1);  // an empty one is none on the bus
+            return Tuple(1 + Below(3), depth - 1);  // D-Bus has no empty structs
     }
 }
 

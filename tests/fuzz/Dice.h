@@ -1,12 +1,11 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-/** Random and hostile values; the same seed gives the same values on every machine. */
+/** Random and hostile values. The same seed gives the same values on every machine. */
 #ifndef KAVREL_TESTS_DICE_H
 #define KAVREL_TESTS_DICE_H
 
 #include <gio/gio.h>
 
-#include <array>
 #include <cstdint>
 #include <random>
 #include <string>
@@ -15,23 +14,23 @@ class Dice {
 public:
     explicit Dice(std::uint32_t seed) : m_random(seed) {}
 
-    /** 0 to limit - 1. */
+    /** A number from 0 to limit - 1. */
     std::uint32_t Below(std::uint32_t limit) { return m_random() % limit; }
     bool OneIn(std::uint32_t chances) { return Below(chances) == 0; }
-    template <typename Value, std::size_t size>
-    const Value& Pick(const std::array<Value, size>& values) {
-        return values[Below(size)];
+    template <typename Values>
+    const typename Values::value_type& Pick(const Values& values) {
+        return values[Below(static_cast<std::uint32_t>(values.size()))];
     }
 
-    /** Small ones, edges and anything. */
-    int Number();
-    /** Valid UTF-8, as the bus demands of text. */
+    /** A small number, a limit of some type or range, or any integer. */
+    int Integer();
+    /** A text of valid UTF-8, which the bus requires. */
     std::string Text();
-    /** Any bytes but NUL. */
+    /** Up to 39 bytes of any value but NUL. */
     std::string Bytes();
-    /** Characters of a bus member name. */
+    /** A valid name of a bus member. */
     std::string Member();
-    /** JSON as the platform writes it, and damaged JSON. */
+    /** JSON as the platform writes it, or damaged JSON. */
     std::string Json();
 
     /** A value of a random type (floating). */

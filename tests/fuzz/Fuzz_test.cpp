@@ -1,16 +1,17 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
 /**
- * Hostile traffic against the daemon: calls, signals, settings, reports and failures of the platform, as
- * dice fall. What must hold: it lives, every request of the right form gets an answer of its own type, every
- * log line has its form, and when the storm is over it works as before.
+ * Attacks the daemon with random calls, signals, settings, reports and failures of the platform. The daemon
+ * must survive, answer every well-formed request with the types that the interface declares, write
+ * well-formed log lines only, and work as usual afterwards.
  *
- * Each round is a daemon's life with a seed of its own. KAVREL_FUZZ_SECONDS (5) is how long rounds are begun,
- * KAVREL_FUZZ_SEED (1) the first seed: a failure names its seed, with which it comes again.
+ * Each round starts a new daemon and uses the next seed. The environment may set KAVREL_FUZZ_SECONDS (5),
+ * during which new rounds begin, and KAVREL_FUZZ_SEED (1), the first seed. A failure prints its seed, which
+ * reproduces it.
  */
 #include <cstdlib>
 
-#include "Daemon.h"
+#include "DaemonTest.h"
 #include "Dice.h"
 
 namespace {
@@ -19,37 +20,22 @@ using fake::FakeSeam;
 
 constexpr int STEPS = 300;
 
-/** A number out of the environment. */
-std::uint32_t Option(const char* name, std::uint32_t otherwise) {
+/** The number in an environment variable, or the default if it is not set. */
+std::uint32_t NumberFromEnvironment(const char* name, std::uint32_t defaultNumber) {
     const char* text = std::getenv(name);
-    return text == nullptr ? otherwise : static_cast<std::uint32_t>(std::strtoul(text, nullptr, 10));
+    return text == nullptr ? defaultNumber : static_cast<std::uint32_t>(std::strtoul(text, nullptr, 10));
 }
 
-struct Method {
-    const char* name;
-    const char* arguments;
-    const char* reply;
-};
-
-constexpr std::array<Method, 9> METHODS = {{{"GetSpeakerSupportType", "()", "(ii)"},
-                                            {"SetSpeakerVolume", "(i)", "(i)"},
-                                            {"GetSpeakerVolume", "()", "(ii)"},
-                                            {"SetSpeakerMute", "(b)", "(i)"},
-                                            {"GetSpeakerMute", "()", "(ii)"},
-                                            {"ApplyPlayerFadeIn", "(i)", "(i)"},
-                                            {"ApplyUnmuteFadeIn", "(i)", "(i)"},
-                                            {"ResetPlayerGain", "(i)", "(i)"},
-                                            {"ApplyGainOnMute", "(ii)", "(i)"}}};
-
-struct Listened {
+/** A signal that the daemon listens to. */
+struct HandledSignal {
     const char* name;
     const char* body;
 };
 
-constexpr std::array<Listened, 4> SIGNALS = {{{"BudsConnected", "(i)"},
-                                              {"BudsDisconnected", "(i)"},
-                                              {"SpkDisconnected", "(is)"},
-                                              {"ApplyPulseAudioGain", "(ii)"}}};
+constexpr std::array<HandledSignal, 4> SIGNALS = {{{"BudsConnected", "(i)"},
+                                                   {"BudsDisconnected", "(i)"},
+                                                   {"SpkDisconnected", "(is)"},
+                                                   {"ApplyPulseAudioGain", "(ii)"}}};
 
 const std::array<std::string, 13> KEYS = {"memory/sysman/spdif",
                                           "memory/menu/network/screenmirroring/smsrc_status",
@@ -65,8 +51,10 @@ const std::array<std::string, 13> KEYS = {"memory/sysman/spdif",
                                           "memory/menu/network/screenmirroring/set_volume_level",
                                           "memory/menu/network/screenmirroring/set_volume_mute"};
 
-/** What may fail at any time. Registrations are left out: a report after one that failed half-way may find
- * nobody. */
+/**
+ * Functions that may fail at any time. Registrations are not among them: after one fails half-way, a report
+ * may reach no one.
+ */
 const std::array<std::string, 18> FALLIBLE = {"audio_get_master_volume",
                                               "audio_set_master_volume",
                                               "audio_get_master_mute",
@@ -88,8 +76,11 @@ const std::array<std::string, 18> FALLIBLE = {"audio_get_master_volume",
 
 class FuzzTest : public DaemonTest {
 protected:
-    /** A round. Reports made on the main loop itself and on a platform thread never meet on a TV; so the
-     * platform either reports all by itself, or only while the daemon is idle. */
+    /**
+     * Runs one round. On a TV, reports on the main loop never coincide with reports on a platform thread. So
+     * in a round the platform either reports only changes that others made, at any time, or also the daemon's
+     * own changes; then others make changes only while the daemon is idle.
+     */
     void Round(std::uint32_t seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         dice = Dice(seed);
@@ -113,17 +104,17 @@ protected:
             case 0:
             case 1:
             case 2:
-                CallRight();
+                CallMethod();
                 break;
             case 3:
-                SendWild(G_DBUS_MESSAGE_TYPE_METHOD_CALL);
+                SendRandomMessage(G_DBUS_MESSAGE_TYPE_METHOD_CALL);
                 break;
             case 4:
-                SendWild(G_DBUS_MESSAGE_TYPE_SIGNAL);
+                SendRandomMessage(G_DBUS_MESSAGE_TYPE_SIGNAL);
                 break;
             case 5:
             case 6:
-                EmitKnown();
+                EmitHandledSignal();
                 break;
             case 7:
                 ChangeSetting();
@@ -140,65 +131,63 @@ protected:
         }
     }
 
-    /** A value of one of the daemon's own types. */
-    GVariant* Right(const std::string& type) {
-        if (type == "()") {
-            return nullptr;
+    /** A body of the given types with random values. */
+    GVariant* BodyOf(const std::string& types) {
+        GVariantBuilder builder;
+        g_variant_builder_init(&builder, G_VARIANT_TYPE(types.c_str()));
+        for (const char type : types) {
+            if (type == 'b') {
+                g_variant_builder_add(&builder, "b", dice.OneIn(2));
+            } else if (type == 'i') {
+                g_variant_builder_add(&builder, "i", dice.Integer());
+            } else if (type == 's') {
+                g_variant_builder_add(&builder, "s", dice.Text().c_str());
+            }
         }
-        if (type == "(b)") {
-            return g_variant_new("(b)", dice.OneIn(2));
-        }
-        if (type == "(ii)") {
-            return g_variant_new("(ii)", dice.Number(), dice.Number());
-        }
-        if (type == "(is)") {
-            return g_variant_new("(is)", dice.Number(), dice.Text().c_str());
-        }
-        return g_variant_new("(i)", dice.Number());
+        return g_variant_builder_end(&builder);
     }
 
-    void CallRight() {
-        const Method& method = dice.Pick(METHODS);
+    void CallMethod() {
+        const MethodSignature& method = dice.Pick(methods);
         std::string error;
         const auto reply =
-            client.Call(BUS_NAME, OBJECT_PATH, INTERFACE, method.name, Right(method.arguments), &error);
+            client.Call(BUS_NAME, OBJECT_PATH, INTERFACE, method.name, BodyOf(method.arguments), &error);
         ASSERT_NE(reply, nullptr) << method.name << ": " << error;
-        EXPECT_STREQ(g_variant_get_type_string(reply.get()), method.reply) << method.name;
+        EXPECT_EQ(g_variant_get_type_string(reply.get()), method.reply) << method.name;
     }
 
-    /** Something on the bus, sent and forgotten. */
-    void SendWild(GDBusMessageType type) {
+    /** Sends a message with a random address and body, and does not wait for a reply. */
+    void SendRandomMessage(GDBusMessageType type) {
         const std::string path = dice.OneIn(4)   ? "/" + dice.Member()
                                  : dice.OneIn(2) ? OBJECT_PATH
                                                  : PUBLIC_PATH;
         const std::string interface = dice.OneIn(4) ? "org." + dice.Member() : INTERFACE;
         const std::string member = dice.OneIn(3)   ? dice.Member()
                                    : dice.OneIn(2) ? dice.Pick(SIGNALS).name
-                                                   : dice.Pick(METHODS).name;
-        GDBusMessage* message = nullptr;
+                                                   : dice.Pick(methods).name;
+        tools::GLibPtr<GDBusMessage> message;
         if (type == G_DBUS_MESSAGE_TYPE_SIGNAL) {
-            message = g_dbus_message_new_signal(path.c_str(), interface.c_str(), member.c_str());
+            message.reset(g_dbus_message_new_signal(path.c_str(), interface.c_str(), member.c_str()));
             if (dice.OneIn(3)) {
-                g_dbus_message_set_destination(message, BUS_NAME);
+                g_dbus_message_set_destination(message.get(), BUS_NAME);
             }
         } else {
-            message = g_dbus_message_new_method_call(
-                BUS_NAME, path.c_str(), dice.OneIn(5) ? nullptr : interface.c_str(), member.c_str());
+            message.reset(g_dbus_message_new_method_call(
+                BUS_NAME, path.c_str(), dice.OneIn(5) ? nullptr : interface.c_str(), member.c_str()));
             if (dice.OneIn(2)) {
-                g_dbus_message_set_flags(message, G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
+                g_dbus_message_set_flags(message.get(), G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
             }
         }
         if (!dice.OneIn(5)) {
-            g_dbus_message_set_body(message, dice.Body());
+            g_dbus_message_set_body(message.get(), dice.Body());
         }
-        g_dbus_connection_send_message(client.Connection(), message, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr,
-                                       nullptr);
-        g_object_unref(message);
+        g_dbus_connection_send_message(client.Connection(), message.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE,
+                                       nullptr, nullptr);
     }
 
-    void EmitKnown() {
-        const Listened& signal = dice.Pick(SIGNALS);
-        client.Emit(PUBLIC_PATH, INTERFACE, signal.name, dice.OneIn(3) ? dice.Body() : Right(signal.body));
+    void EmitHandledSignal() {
+        const HandledSignal& signal = dice.Pick(SIGNALS);
+        client.Emit(PUBLIC_PATH, INTERFACE, signal.name, dice.OneIn(3) ? dice.Body() : BodyOf(signal.body));
     }
 
     void WaitBeforeReport() {
@@ -212,7 +201,7 @@ protected:
         const std::string& key = dice.Pick(KEYS);
         switch (dice.Below(5)) {
             case 0:
-                seam.FireKey(key, dice.Number());
+                seam.FireKey(key, dice.Integer());
                 break;
             case 1:
                 seam.FireKey(key, dice.Json());
@@ -221,7 +210,7 @@ protected:
                 seam.FireKey(key, dice.Bytes());
                 break;
             case 3: {
-                keynode_t node = {std::nullopt, dice.Number(), std::nullopt};
+                keynode_t node = {std::nullopt, dice.Integer(), std::nullopt};
                 seam.FireNode(key, &node);
                 break;
             }
@@ -232,7 +221,7 @@ protected:
 
     void ReportChange() {
         WaitBeforeReport();
-        const int number = dice.Number();
+        const int number = dice.Integer();
         switch (dice.Below(7)) {
             case 0:
                 seam.FireVolume(static_cast<unsigned int>(number));
@@ -244,10 +233,10 @@ protected:
                 seam.FireFocus(number);
                 break;
             case 3:
-                seam.FireZoneRoute(number, dice.Number());
+                seam.FireZoneRoute(number, dice.Integer());
                 break;
             case 4:
-                seam.SetZones({{dice.Number(), dice.Number()}, {1, number}});
+                seam.SetZones({{dice.Integer(), dice.Integer()}, {1, number}});
                 break;
             default:
                 seam.FireRoute(number);
@@ -259,7 +248,7 @@ protected:
             seam.Succeed(failing);
         }
         failing = dice.Pick(FALLIBLE);
-        // A call that fails is never one that answers 0 or, where the platform has such codes, more.
+        // Negative results only: 0 means success, and so do positive results of some functions.
         seam.Fail(failing, dice.OneIn(2) ? -1 : -1 - static_cast<int>(dice.Below(100000)));
     }
 
@@ -292,16 +281,18 @@ protected:
         }
     }
 
+    const std::vector<MethodSignature> methods = ReadMethods();
     Dice dice{0};
     bool idleReports = false;
     std::string failing;
 };
 
 TEST_F(FuzzTest, HostileTraffic) {
-    const auto end = fake::Clock::now() + std::chrono::seconds(Option("KAVREL_FUZZ_SECONDS", 5));
-    std::uint32_t seed = Option("KAVREL_FUZZ_SEED", 1);
+    const auto end =
+        fake::Clock::now() + std::chrono::seconds(NumberFromEnvironment("KAVREL_FUZZ_SECONDS", 5));
+    std::uint32_t seed = NumberFromEnvironment("KAVREL_FUZZ_SEED", 1);
     do {
-        alarm(120);  // the watchdog's patience is for one test, not for all rounds of a long run
+        alarm(120);  // the watchdog limits one round, not a long run of many rounds
         Round(seed++);
     } while (fake::Clock::now() < end && !HasFailure());
     std::cout << "seeds up to " << seed - 1 << '\n';
@@ -309,12 +300,12 @@ TEST_F(FuzzTest, HostileTraffic) {
 
 TEST_F(FuzzTest, SettingsTexts) {
     Start();
-    Dice texts(Option("KAVREL_FUZZ_SEED", 1));
+    Dice texts(NumberFromEnvironment("KAVREL_FUZZ_SEED", 1));
     for (int i = 0; i < 3000; ++i) {
         const std::string& key = texts.Pick(KEYS);
         seam.FireKey(key, texts.OneIn(2) ? texts.Json() : texts.Bytes());
         if (texts.OneIn(10)) {
-            seam.FireRoute(texts.Number());
+            seam.FireRoute(texts.Integer());
         }
         if (texts.OneIn(100)) {
             seam.Clear();

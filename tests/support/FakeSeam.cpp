@@ -26,7 +26,7 @@ namespace fake {
 
 namespace {
 
-/** As the host platform answers: -1000 minus the errno. */
+/** Results as the host platform returns them: -1000 minus the errno. */
 constexpr int NOT_FOUND = -1002;
 constexpr int BAD_TEXT = -1022;
 constexpr int NO_SUCH_ZONE = -26607612;
@@ -79,7 +79,7 @@ char PriorityLetter(int priority) {
     }
 }
 
-/** Takes what stands before `mark` off the front of `text`, the mark too. */
+/** Removes from `text` everything up to and including `mark`, and returns the part before the mark. */
 std::optional<std::string> TakeUntil(std::string_view& text, std::string_view mark) {
     const auto end = text.find(mark);
     if (end == std::string_view::npos) {
@@ -90,7 +90,10 @@ std::optional<std::string> TakeUntil(std::string_view& text, std::string_view ma
     return taken;
 }
 
-/** Takes "FILE: FUNCTION(LINE) > [FUNCTION:LINE] text\n" apart; what has another form stays whole. */
+/**
+ * Splits "FILE: FUNCTION(LINE) > [FUNCTION:LINE] text\n" into the entry's fields; keeps a line of another
+ * form whole.
+ */
 void ParseLine(Entry& entry) {
     std::string_view rest = entry.raw;
     const auto file = TakeUntil(rest, ": ");
@@ -184,7 +187,7 @@ void Gate::Open() {
     m_changed.notify_all();
 }
 
-/** All values and registrations of the TV; guarded by FakeSeam's mutex. */
+/** All values and registrations of the TV. FakeSeam::m_mutex guards them. */
 struct FakeSeam::State {
     bool reportOwnChanges = true;
 
@@ -201,12 +204,12 @@ struct FakeSeam::State {
     std::map<std::string, bool> events;
 
     std::map<std::string, std::vector<KeyWatch>> watches;
-    Slot<sound_manager_speaker_changed_cb> routeSlot;
-    Slot<sound_manager_multiview_speaker_selection_changed_cb> zoneRouteSlot;
-    Slot<sound_manager_tv_master_mute_changed_cb> tvMasterMuteSlot;
-    Slot<audio_master_changed_cb> volumeSlot;
-    Slot<audio_master_changed_cb> muteSlot;
-    std::map<int, Slot<rc_audio_focus_changed_cb>> focusSlots;
+    RegisteredCallback<sound_manager_speaker_changed_cb> routeRegistration;
+    RegisteredCallback<sound_manager_multiview_speaker_selection_changed_cb> zoneRouteRegistration;
+    RegisteredCallback<sound_manager_tv_master_mute_changed_cb> tvMasterMuteRegistration;
+    RegisteredCallback<audio_master_changed_cb> volumeRegistration;
+    RegisteredCallback<audio_master_changed_cb> muteRegistration;
+    std::map<int, RegisteredCallback<rc_audio_focus_changed_cb>> focusRegistrations;
     int lastFocusId = 0;
 };
 
@@ -234,13 +237,16 @@ void FakeSeam::Clear() {
     m_gainWrites.clear();
 }
 
-/** Puts the entry into the journal, runs the hooks on it, and answers the result a call is to fail with. */
+/**
+ * Adds the entry to the journal and runs the hooks on it. Returns the result with which the call must fail,
+ * if any.
+ */
 std::optional<int> FakeSeam::Record(Entry entry) {
     std::optional<int> result;
     std::vector<std::function<void()>> actions;
     {
         const std::lock_guard lock(m_mutex);
-        for (Failure& failure : m_failures) {
+        for (PlannedFailure& failure : m_failures) {
             if (Matches(failure.what, entry) && (++failure.seen == failure.nth || failure.nth == 0)) {
                 result = failure.result;
             }
@@ -406,7 +412,7 @@ void FakeSeam::Fail(const std::string& what, int result, int nth) {
 
 void FakeSeam::Succeed(const std::string& what) {
     const std::lock_guard lock(m_mutex);
-    std::erase_if(m_failures, [&](const Failure& failure) { return failure.what == what; });
+    std::erase_if(m_failures, [&](const PlannedFailure& failure) { return failure.what == what; });
 }
 
 void FakeSeam::Before(const std::string& what, std::function<void()> action) {
@@ -533,45 +539,47 @@ std::vector<FakeSeam::KeyWatch> FakeSeam::Watches(const std::string& key) const 
     return found == m_state->watches.end() ? std::vector<KeyWatch>() : found->second;
 }
 
-FakeSeam::Slot<sound_manager_speaker_changed_cb> FakeSeam::RouteSlot() const {
+FakeSeam::RegisteredCallback<sound_manager_speaker_changed_cb> FakeSeam::RouteRegistration() const {
     const std::lock_guard lock(m_mutex);
-    return m_state->routeSlot;
+    return m_state->routeRegistration;
 }
 
-FakeSeam::Slot<sound_manager_multiview_speaker_selection_changed_cb> FakeSeam::ZoneRouteSlot() const {
+FakeSeam::RegisteredCallback<sound_manager_multiview_speaker_selection_changed_cb>
+FakeSeam::ZoneRouteRegistration() const {
     const std::lock_guard lock(m_mutex);
-    return m_state->zoneRouteSlot;
+    return m_state->zoneRouteRegistration;
 }
 
-FakeSeam::Slot<sound_manager_tv_master_mute_changed_cb> FakeSeam::TvMasterMuteSlot() const {
+FakeSeam::RegisteredCallback<sound_manager_tv_master_mute_changed_cb> FakeSeam::TvMasterMuteRegistration()
+    const {
     const std::lock_guard lock(m_mutex);
-    return m_state->tvMasterMuteSlot;
+    return m_state->tvMasterMuteRegistration;
 }
 
-FakeSeam::Slot<audio_master_changed_cb> FakeSeam::VolumeSlot() const {
+FakeSeam::RegisteredCallback<audio_master_changed_cb> FakeSeam::VolumeRegistration() const {
     const std::lock_guard lock(m_mutex);
-    return m_state->volumeSlot;
+    return m_state->volumeRegistration;
 }
 
-FakeSeam::Slot<audio_master_changed_cb> FakeSeam::MuteSlot() const {
+FakeSeam::RegisteredCallback<audio_master_changed_cb> FakeSeam::MuteRegistration() const {
     const std::lock_guard lock(m_mutex);
-    return m_state->muteSlot;
+    return m_state->muteRegistration;
 }
 
-std::map<int, FakeSeam::Slot<rc_audio_focus_changed_cb>> FakeSeam::FocusSlots() const {
+std::map<int, FakeSeam::RegisteredCallback<rc_audio_focus_changed_cb>> FakeSeam::FocusRegistrations() const {
     const std::lock_guard lock(m_mutex);
-    return m_state->focusSlots;
+    return m_state->focusRegistrations;
 }
 
 namespace {
 
-/** Calls what a slot holds, if anything, and answers how many that were. */
+/** Calls the registered callback, if there is one. Returns the number of calls made, 0 or 1. */
 template <typename Callback, typename... Values>
-int Report(const FakeSeam::Slot<Callback>& slot, Values... values) {
-    if (slot.callback == nullptr) {
+int Report(const FakeSeam::RegisteredCallback<Callback>& registration, Values... values) {
+    if (registration.callback == nullptr) {
         return 0;
     }
-    slot.callback(values..., slot.data);
+    registration.callback(values..., registration.data);
     return 1;
 }
 
@@ -597,7 +605,7 @@ int FakeSeam::FireKey(const std::string& key, int value) {
 
 int FakeSeam::FireRoute(int route) {
     SetRoute(route);
-    return Report(RouteSlot(), route);
+    return Report(RouteRegistration(), route);
 }
 
 int FakeSeam::FireZoneRoute(int route, int zone) {
@@ -605,48 +613,51 @@ int FakeSeam::FireZoneRoute(int route, int zone) {
         const std::lock_guard lock(m_mutex);
         m_state->zones[zone] = route;
     }
-    return Report(ZoneRouteSlot(), route, zone);
+    return Report(ZoneRouteRegistration(), route, zone);
 }
 
 int FakeSeam::FireFocus(int zone) {
     SetFocus(zone);
-    const auto slots = FocusSlots();
-    for (const auto& [id, slot] : slots) {
-        Report(slot, zone);
+    const auto registrations = FocusRegistrations();
+    for (const auto& [id, registration] : registrations) {
+        Report(registration, zone);
     }
-    return static_cast<int>(slots.size());
+    return static_cast<int>(registrations.size());
 }
 
 int FakeSeam::FireVolume(unsigned int volume) {
     SetVolume(static_cast<int>(volume));
-    return Report(VolumeSlot(), volume);
+    return Report(VolumeRegistration(), volume);
 }
 
 int FakeSeam::FireMute(unsigned int mute) {
     SetMute(mute != 0);
-    return Report(MuteSlot(), mute);
+    return Report(MuteRegistration(), mute);
 }
 
 int FakeSeam::FireTvMasterMute(unsigned int mute) {
     SetMute(mute != 0);
-    return Report(TvMasterMuteSlot(), mute);
+    return Report(TvMasterMuteRegistration(), mute);
 }
 
 void OnPlatformThread(const std::function<void()>& action) {
     std::thread(action).join();
 }
 
-/** What the functions of the eight headers share. */
+/** Helpers of the functions of the eight headers. */
 class Seam {
 public:
     using State = FakeSeam::State;
-    /** What is to be told once the call's effect stands and no lock is held. */
-    using Reports = std::function<void(FakeSeam&)>;
+    /** A report to make after the call took effect and the fake's lock is released. */
+    using PendingReport = std::function<void(FakeSeam&)>;
 
-    /** One seam call: journal, hooks, failure; else its effect, under the lock, and its reports. */
+    /**
+     * Makes one seam call: enters the journal, runs the hooks and fails if a test asked for that. Otherwise
+     * runs `effect` under the lock, and then makes the report that `effect` set.
+     */
     template <typename Effect>
     static auto Call(const char* name, const std::string& arguments, Effect effect) {
-        using Result = std::invoke_result_t<Effect, State&, Reports&>;
+        using Result = std::invoke_result_t<Effect, State&, PendingReport&>;
         FakeSeam& fake = FakeSeam::Get();
         if (const auto failed = fake.Record(CallEntry(name, arguments))) {
             if constexpr (std::is_pointer_v<Result>) {
@@ -655,44 +666,44 @@ public:
                 return static_cast<Result>(*failed);
             }
         }
-        Reports reports;
+        PendingReport report;
         std::unique_lock lock(fake.m_mutex);
-        const Result result = effect(*fake.m_state, reports);
-        const bool wanted = reports != nullptr && fake.m_state->reportOwnChanges;
+        const Result result = effect(*fake.m_state, report);
+        const bool wanted = report != nullptr && fake.m_state->reportOwnChanges;
         lock.unlock();
         if (wanted) {
-            reports(fake);
+            report(fake);
         }
         return result;
     }
 
     template <typename Callback>
-    static int SetSlot(const char* name, FakeSeam::Slot<Callback> State::*slot, Callback callback,
-                       void* data) {
-        return Call(name, "", [&](State& state, Reports&) {
-            state.*slot = {callback, data};
+    static int Register(const char* name, FakeSeam::RegisteredCallback<Callback> State::*registration,
+                        Callback callback, void* data) {
+        return Call(name, "", [&](State& state, PendingReport&) {
+            state.*registration = {callback, data};
             return 0;
         });
     }
 
     template <typename Callback>
-    static int UnsetSlot(const char* name, FakeSeam::Slot<Callback> State::*slot) {
-        return Call(name, "", [&](State& state, Reports&) {
-            const bool set = (state.*slot).callback != nullptr;
-            state.*slot = {};
+    static int Deregister(const char* name, FakeSeam::RegisteredCallback<Callback> State::*registration) {
+        return Call(name, "", [&](State& state, PendingReport&) {
+            const bool set = (state.*registration).callback != nullptr;
+            state.*registration = {};
             return set ? 0 : NOT_FOUND;
         });
     }
 
     static int GetGain(const char* name, GainWrite::Out out, int* gain) {
-        return Call(name, "", [&](State& state, Reports&) {
+        return Call(name, "", [&](State& state, PendingReport&) {
             *gain = state.gain[static_cast<int>(out)];
             return 0;
         });
     }
 
     static int SetGain(const char* name, GainWrite::Out out, int gain) {
-        return Call(name, Arguments(gain), [&](State& state, Reports&) {
+        return Call(name, Arguments(gain), [&](State& state, PendingReport&) {
             FakeSeam& fake = FakeSeam::Get();
             state.gain[static_cast<int>(out)] = gain;
             fake.m_gainWrites.push_back({out, gain, Clock::now(), ThreadName()});
@@ -709,11 +720,11 @@ public:
     }
 
     static int SetKey(const char* name, const char* key, const std::string& shown, const std::string& value) {
-        return Call(name, Arguments(key) + ", " + shown, [&](State& state, Reports& reports) {
+        return Call(name, Arguments(key) + ", " + shown, [&](State& state, PendingReport& report) {
             const auto [place, isNew] = state.settings.try_emplace(key, value);
             if (isNew || place->second != value) {
                 place->second = value;
-                reports = [key = std::string(key), value](FakeSeam& fake) {
+                report = [key = std::string(key), value](FakeSeam& fake) {
                     keynode_t node = NodeOf(key, value);
                     fake.FireNode(key, &node);
                 };
@@ -739,16 +750,16 @@ public:
             };
             return functions;
         }();
-        return Call("AudioControl_getInstance", "", [](State&, Reports&) { return &control; });
+        return Call("AudioControl_getInstance", "", [](State&, PendingReport&) { return &control; });
     }
 };
 
 namespace {
 
 using State = Seam::State;
-using Reports = Seam::Reports;
+using PendingReport = Seam::PendingReport;
 
-/** What holds for every line of the daemon, whatever a test is about. */
+/** Checks the form that every log line of the daemon has. */
 void ExpectWellFormed(const Entry& line) {
     EXPECT_EQ(line.tag, TAG) << line.raw;
     EXPECT_FALSE(line.site.file.empty()) << line.raw;
@@ -759,8 +770,8 @@ void ExpectWellFormed(const Entry& line) {
 }
 
 /**
- * Each test begins with a TV as new and ends with a look at the form of all log lines; a test that failed
- * shows what happened at the seam.
+ * Resets the TV before each test, checks the form of all log lines after it, and prints the journal if it
+ * failed.
  */
 class JournalListener : public testing::EmptyTestEventListener {
     void OnTestStart(const testing::TestInfo&) override { FakeSeam::Get().Reset(); }
@@ -792,7 +803,7 @@ class JournalListener : public testing::EmptyTestEventListener {
 using fake::Arguments;
 using fake::FakeSeam;
 using fake::NOT_FOUND;
-using fake::Reports;
+using fake::PendingReport;
 using fake::Seam;
 using fake::State;
 
@@ -814,7 +825,7 @@ int __dlog_print(int priority, const char* tag, const char* fmt, ...) {
 // vconf.h
 
 int vconf_get_int(const char* key, int* value) {
-    return Seam::Call("vconf_get_int", Arguments(key), [&](State& state, Reports&) {
+    return Seam::Call("vconf_get_int", Arguments(key), [&](State& state, PendingReport&) {
         const auto found = state.settings.find(key);
         if (found == state.settings.end()) {
             return NOT_FOUND;
@@ -830,7 +841,7 @@ int vconf_set_int(const char* key, int value) {
 }
 
 char* vconf_get_str(const char* key) {
-    return Seam::Call("vconf_get_str", Arguments(key), [&](State& state, Reports&) -> char* {
+    return Seam::Call("vconf_get_str", Arguments(key), [&](State& state, PendingReport&) -> char* {
         const auto found = state.settings.find(key);
         return found == state.settings.end() ? nullptr : strdup(found->second.c_str());
     });
@@ -841,7 +852,7 @@ int vconf_set_str(const char* key, const char* value) {
 }
 
 int vconf_notify_key_changed(const char* key, vconf_callback_fn callback, void* user_data) {
-    return Seam::Call("vconf_notify_key_changed", Arguments(key), [&](State& state, Reports&) {
+    return Seam::Call("vconf_notify_key_changed", Arguments(key), [&](State& state, PendingReport&) {
         auto& watches = state.watches[key];
         const auto found = std::ranges::find(watches, callback, &FakeSeam::KeyWatch::callback);
         if (found == watches.end()) {
@@ -854,7 +865,7 @@ int vconf_notify_key_changed(const char* key, vconf_callback_fn callback, void* 
 }
 
 int vconf_ignore_key_changed(const char* key, vconf_callback_fn callback) {
-    return Seam::Call("vconf_ignore_key_changed", Arguments(key), [&](State& state, Reports&) {
+    return Seam::Call("vconf_ignore_key_changed", Arguments(key), [&](State& state, PendingReport&) {
         const auto removed = std::erase_if(
             state.watches[key], [&](const FakeSeam::KeyWatch& watch) { return watch.callback == callback; });
         return removed > 0 ? 0 : NOT_FOUND;
@@ -863,22 +874,22 @@ int vconf_ignore_key_changed(const char* key, vconf_callback_fn callback) {
 
 char* vconf_keynode_get_name(keynode_t* node) {
     return Seam::Call("vconf_keynode_get_name", "",
-                      [&](State&, Reports&) { return node->name ? node->name->data() : nullptr; });
+                      [&](State&, PendingReport&) { return node->name ? node->name->data() : nullptr; });
 }
 
 int vconf_keynode_get_int(keynode_t* node) {
-    return Seam::Call("vconf_keynode_get_int", "", [&](State&, Reports&) { return node->number; });
+    return Seam::Call("vconf_keynode_get_int", "", [&](State&, PendingReport&) { return node->number; });
 }
 
 char* vconf_keynode_get_str(keynode_t* node) {
     return Seam::Call("vconf_keynode_get_str", "",
-                      [&](State&, Reports&) { return node->text ? node->text->data() : nullptr; });
+                      [&](State&, PendingReport&) { return node->text ? node->text->data() : nullptr; });
 }
 
 // system_info.h
 
 int system_info_get_custom_bool(const char* key, bool* value) {
-    return Seam::Call("system_info_get_custom_bool", Arguments(key), [&](State& state, Reports&) {
+    return Seam::Call("system_info_get_custom_bool", Arguments(key), [&](State& state, PendingReport&) {
         const auto found = state.features.find(key);
         if (found == state.features.end()) {
             return NOT_FOUND;
@@ -891,25 +902,25 @@ int system_info_get_custom_bool(const char* key, bool* value) {
 // sound_manager.h
 
 int sound_manager_get_speaker_selection(sound_tv_output_route_e* route) {
-    return Seam::Call("sound_manager_get_speaker_selection", "", [&](State& state, Reports&) {
+    return Seam::Call("sound_manager_get_speaker_selection", "", [&](State& state, PendingReport&) {
         *route = state.route;
         return 0;
     });
 }
 
 int sound_manager_set_speaker_selection(sound_tv_output_route_e route) {
-    return Seam::Call("sound_manager_set_speaker_selection", Arguments(route),
-                      [&](State& state, Reports& reports) {
-                          if (std::exchange(state.route, route) != route) {
-                              reports = [route](FakeSeam& fake) { fake::Report(fake.RouteSlot(), route); };
-                          }
-                          return 0;
-                      });
+    return Seam::Call(
+        "sound_manager_set_speaker_selection", Arguments(route), [&](State& state, PendingReport& report) {
+            if (std::exchange(state.route, route) != route) {
+                report = [route](FakeSeam& fake) { fake::Report(fake.RouteRegistration(), route); };
+            }
+            return 0;
+        });
 }
 
 int sound_manager_get_multiview_speaker_selection_with_zone_id(sound_tv_output_route_e* route, int zone_id) {
     return Seam::Call("sound_manager_get_multiview_speaker_selection_with_zone_id", Arguments(zone_id),
-                      [&](State& state, Reports&) {
+                      [&](State& state, PendingReport&) {
                           const auto found = state.zones.find(zone_id);
                           if (found == state.zones.end()) {
                               return fake::NO_SUCH_ZONE;
@@ -921,14 +932,14 @@ int sound_manager_get_multiview_speaker_selection_with_zone_id(sound_tv_output_r
 
 int sound_manager_set_multiview_speaker_selection_with_zone_id(sound_tv_output_route_e route, int zone_id) {
     return Seam::Call("sound_manager_set_multiview_speaker_selection_with_zone_id", Arguments(route, zone_id),
-                      [&](State& state, Reports& reports) {
+                      [&](State& state, PendingReport& report) {
                           const auto found = state.zones.find(zone_id);
                           if (found == state.zones.end()) {
                               return fake::NO_SUCH_ZONE;
                           }
                           if (std::exchange(found->second, route) != route) {
-                              reports = [route, zone_id](FakeSeam& fake) {
-                                  fake::Report(fake.ZoneRouteSlot(), route, zone_id);
+                              report = [route, zone_id](FakeSeam& fake) {
+                                  fake::Report(fake.ZoneRouteRegistration(), route, zone_id);
                               };
                           }
                           return 0;
@@ -936,38 +947,40 @@ int sound_manager_set_multiview_speaker_selection_with_zone_id(sound_tv_output_r
 }
 
 int sound_manager_set_speaker_changed_cb(sound_manager_speaker_changed_cb callback, void* user_data) {
-    return Seam::SetSlot("sound_manager_set_speaker_changed_cb", &State::routeSlot, callback, user_data);
+    return Seam::Register("sound_manager_set_speaker_changed_cb", &State::routeRegistration, callback,
+                          user_data);
 }
 
 int sound_manager_unset_speaker_changed_cb(void) {
-    return Seam::UnsetSlot("sound_manager_unset_speaker_changed_cb", &State::routeSlot);
+    return Seam::Deregister("sound_manager_unset_speaker_changed_cb", &State::routeRegistration);
 }
 
 int sound_manager_set_multiview_speaker_selection_changed_cb(
     sound_manager_multiview_speaker_selection_changed_cb callback, void* user_data) {
-    return Seam::SetSlot("sound_manager_set_multiview_speaker_selection_changed_cb", &State::zoneRouteSlot,
-                         callback, user_data);
+    return Seam::Register("sound_manager_set_multiview_speaker_selection_changed_cb",
+                          &State::zoneRouteRegistration, callback, user_data);
 }
 
 int sound_manager_unset_multiview_speaker_selection_changed_cb(void) {
-    return Seam::UnsetSlot("sound_manager_unset_multiview_speaker_selection_changed_cb",
-                           &State::zoneRouteSlot);
+    return Seam::Deregister("sound_manager_unset_multiview_speaker_selection_changed_cb",
+                            &State::zoneRouteRegistration);
 }
 
 int sound_manager_set_tv_master_mute_changed_cb(sound_manager_tv_master_mute_changed_cb callback,
                                                 void* user_data) {
-    return Seam::SetSlot("sound_manager_set_tv_master_mute_changed_cb", &State::tvMasterMuteSlot, callback,
-                         user_data);
+    return Seam::Register("sound_manager_set_tv_master_mute_changed_cb", &State::tvMasterMuteRegistration,
+                          callback, user_data);
 }
 
 int sound_manager_unset_tv_master_mute_changed_cb(void) {
-    return Seam::UnsetSlot("sound_manager_unset_tv_master_mute_changed_cb", &State::tvMasterMuteSlot);
+    return Seam::Deregister("sound_manager_unset_tv_master_mute_changed_cb",
+                            &State::tvMasterMuteRegistration);
 }
 
 // audio_hal.h
 
 int audio_get_master_volume(int* volume) {
-    return Seam::Call("audio_get_master_volume", "", [&](State& state, Reports&) {
+    return Seam::Call("audio_get_master_volume", "", [&](State& state, PendingReport&) {
         *volume = state.volume;
         return 0;
     });
@@ -975,10 +988,10 @@ int audio_get_master_volume(int* volume) {
 
 int audio_set_master_volume(int volume, int mode) {
     return Seam::Call("audio_set_master_volume", Arguments(volume, mode),
-                      [&](State& state, Reports& reports) {
+                      [&](State& state, PendingReport& report) {
                           if (std::exchange(state.volume, volume) != volume) {
-                              reports = [volume](FakeSeam& fake) {
-                                  fake::Report(fake.VolumeSlot(), static_cast<unsigned int>(volume));
+                              report = [volume](FakeSeam& fake) {
+                                  fake::Report(fake.VolumeRegistration(), static_cast<unsigned int>(volume));
                               };
                           }
                           return 0;
@@ -986,18 +999,18 @@ int audio_set_master_volume(int volume, int mode) {
 }
 
 int audio_get_master_mute(bool* mute) {
-    return Seam::Call("audio_get_master_mute", "", [&](State& state, Reports&) {
+    return Seam::Call("audio_get_master_mute", "", [&](State& state, PendingReport&) {
         *mute = state.mute;
         return 0;
     });
 }
 
 int audio_set_master_mute(bool mute) {
-    return Seam::Call("audio_set_master_mute", Arguments(mute), [&](State& state, Reports& reports) {
+    return Seam::Call("audio_set_master_mute", Arguments(mute), [&](State& state, PendingReport& report) {
         if (std::exchange(state.mute, mute) != mute) {
-            reports = [mute](FakeSeam& fake) {
-                fake::Report(fake.MuteSlot(), static_cast<unsigned int>(mute));
-                fake::Report(fake.TvMasterMuteSlot(), static_cast<unsigned int>(mute));
+            report = [mute](FakeSeam& fake) {
+                fake::Report(fake.MuteRegistration(), static_cast<unsigned int>(mute));
+                fake::Report(fake.TvMasterMuteRegistration(), static_cast<unsigned int>(mute));
             };
         }
         return 0;
@@ -1005,25 +1018,27 @@ int audio_set_master_mute(bool mute) {
 }
 
 int audio_register_master_volume_changed_cb(audio_master_changed_cb callback, void* user_data) {
-    return Seam::SetSlot("audio_register_master_volume_changed_cb", &State::volumeSlot, callback, user_data);
+    return Seam::Register("audio_register_master_volume_changed_cb", &State::volumeRegistration, callback,
+                          user_data);
 }
 
 int audio_register_master_mute_changed_cb(audio_master_changed_cb callback, void* user_data) {
-    return Seam::SetSlot("audio_register_master_mute_changed_cb", &State::muteSlot, callback, user_data);
+    return Seam::Register("audio_register_master_mute_changed_cb", &State::muteRegistration, callback,
+                          user_data);
 }
 
 int audio_unregister_master_volume_changed_cb(void) {
-    return Seam::UnsetSlot("audio_unregister_master_volume_changed_cb", &State::volumeSlot);
+    return Seam::Deregister("audio_unregister_master_volume_changed_cb", &State::volumeRegistration);
 }
 
 int audio_unregister_master_mute_changed_cb(void) {
-    return Seam::UnsetSlot("audio_unregister_master_mute_changed_cb", &State::muteSlot);
+    return Seam::Deregister("audio_unregister_master_mute_changed_cb", &State::muteRegistration);
 }
 
 // resource_center.h
 
 int rc_get_zone_list(rc_zone_list_h* list) {
-    return Seam::Call("rc_get_zone_list", "", [&](State& state, Reports&) {
+    return Seam::Call("rc_get_zone_list", "", [&](State& state, PendingReport&) {
         auto zones = std::make_unique<_rc_zone_list>();
         for (const auto& [id, route] : state.zones) {
             zones->zones.push_back({id});
@@ -1034,7 +1049,7 @@ int rc_get_zone_list(rc_zone_list_h* list) {
 }
 
 int rc_get_next_zone(rc_zone_list_h list, rc_zone_h* zone) {
-    return Seam::Call("rc_get_next_zone", "", [&](State&, Reports&) {
+    return Seam::Call("rc_get_next_zone", "", [&](State&, PendingReport&) {
         if (list->next == list->zones.size()) {
             return NOT_FOUND;
         }
@@ -1044,37 +1059,38 @@ int rc_get_next_zone(rc_zone_list_h list, rc_zone_h* zone) {
 }
 
 int rc_get_zone_id(rc_zone_h zone, int* zone_id) {
-    return Seam::Call("rc_get_zone_id", "", [&](State&, Reports&) {
+    return Seam::Call("rc_get_zone_id", "", [&](State&, PendingReport&) {
         *zone_id = zone->id;
         return 0;
     });
 }
 
 int rc_free_zone_list(rc_zone_list_h list) {
-    return Seam::Call("rc_free_zone_list", "", [&](State&, Reports&) {
+    return Seam::Call("rc_free_zone_list", "", [&](State&, PendingReport&) {
         std::unique_ptr<_rc_zone_list>{list};
         return 0;
     });
 }
 
 int rc_get_audio_focus(int* zone_id) {
-    return Seam::Call("rc_get_audio_focus", "", [&](State& state, Reports&) {
+    return Seam::Call("rc_get_audio_focus", "", [&](State& state, PendingReport&) {
         *zone_id = state.focus.value_or(*zone_id);
         return state.focus ? 0 : NOT_FOUND;
     });
 }
 
 int rc_register_audio_focus_changed_callback(rc_audio_focus_changed_cb callback, void* user_data) {
-    return Seam::Call("rc_register_audio_focus_changed_callback", "", [&](State& state, Reports&) {
-        state.focusSlots[++state.lastFocusId] = {callback, user_data};
+    return Seam::Call("rc_register_audio_focus_changed_callback", "", [&](State& state, PendingReport&) {
+        state.focusRegistrations[++state.lastFocusId] = {callback, user_data};
         return state.lastFocusId;
     });
 }
 
 int rc_unregister_audio_focus_changed_callback(int callback_id) {
-    return Seam::Call(
-        "rc_unregister_audio_focus_changed_callback", Arguments(callback_id),
-        [&](State& state, Reports&) { return state.focusSlots.erase(callback_id) > 0 ? 0 : NOT_FOUND; });
+    return Seam::Call("rc_unregister_audio_focus_changed_callback", Arguments(callback_id),
+                      [&](State& state, PendingReport&) {
+                          return state.focusRegistrations.erase(callback_id) > 0 ? 0 : NOT_FOUND;
+                      });
 }
 
 // audio_control.h
@@ -1086,14 +1102,14 @@ AudioControl* AudioControl_getInstance(void) {
 // lwipc.h
 
 int LwipcEventDone(const char* event) {
-    return Seam::Call("LwipcEventDone", Arguments(event), [&](State& state, Reports&) {
+    return Seam::Call("LwipcEventDone", Arguments(event), [&](State& state, PendingReport&) {
         state.events[event] = true;
         return 0;
     });
 }
 
 int LwipcResetEvent(const char* event) {
-    return Seam::Call("LwipcResetEvent", Arguments(event), [&](State& state, Reports&) {
+    return Seam::Call("LwipcResetEvent", Arguments(event), [&](State& state, PendingReport&) {
         state.events[event] = false;
         return 0;
     });
@@ -1101,7 +1117,7 @@ int LwipcResetEvent(const char* event) {
 
 int LwipcIsDone(const char* event) {
     return Seam::Call("LwipcIsDone", Arguments(event),
-                      [&](State& state, Reports&) { return state.events[event] ? 1 : 0; });
+                      [&](State& state, PendingReport&) { return state.events[event] ? 1 : 0; });
 }
 
 }  // extern "C"

@@ -1,21 +1,22 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
 /**
- * The TV's platform in memory, behind the same eight headers.
+ * Implements the eight headers of the TV's platform in memory, for tests.
  *
- * One journal holds every seam call and every log line in the order in which they happened, with the
- * thread. A test presets values, makes calls fail, runs code inside a call (Before, Block), fires platform
- * reports, and asserts the journal.
+ * A journal records every seam call and every log line in order, with the thread. A test presets values,
+ * makes calls fail, runs code inside a call (Before, BlockNext), fires reports of the platform, and checks
+ * the journal.
  *
- * As on a TV, a setter that changes a value reports the change on the calling thread before it returns
- * (see ReportOwnChanges), an equal value is not reported, and the fixed slots hold one registration each.
+ * As on a TV, a setter that changes a value reports the change on the calling thread before it returns (see
+ * ReportOwnChanges), and does not report an equal value. Each kind of callback has one registration, except
+ * that many callbacks can watch a setting or the focus.
  *
- * How entries read:
- *   calls      as in source, with the arguments that go in: `audio_set_master_volume(30, 1)`,
- *              `vconf_get_int("memory/sysman/spdif")`, `set_main_out_gain2(25)`
- *   log lines  the priority's letter and the text after the prefix: `E owns_lock`
+ * The text of an entry:
+ *   call      as in source, with its input arguments: `audio_set_master_volume(30, 1)`,
+ *             `vconf_get_int("memory/sysman/spdif")`, `set_main_out_gain2(25)`
+ *   log line  the priority's letter and the text after the prefix: `E owns_lock`
  *
- * Everything may be used from any thread. No lock of the fake is held while anything outside it runs.
+ * All functions may be called from any thread. The fake holds none of its locks while it runs code of others.
  */
 #ifndef KAVREL_TESTS_FAKESEAM_H
 #define KAVREL_TESTS_FAKESEAM_H
@@ -46,8 +47,7 @@
 #include <utility>
 #include <vector>
 
-/** A changed setting as its watchers are given it. Without a name, or without a text, the platform's getter
- * answers null. */
+/** A changed setting, as its watchers receive it. The getters return null for a missing name or text. */
 struct _keynode_t {
     std::optional<std::string> name;
     int number = -1;
@@ -58,10 +58,10 @@ namespace fake {
 
 using Clock = std::chrono::steady_clock;
 
-/** How long a test waits for an event that must come. Never how long anything takes. */
+/** The time limit of a wait for an event that must come. No test needs nearly as long. */
 inline constexpr std::chrono::seconds PATIENCE{60};
 
-/** The place that a log line names. */
+/** The place in the source that a log line names. */
 struct Site {
     std::string file;
     std::string function;
@@ -77,16 +77,16 @@ struct Entry {
     std::string text;
     std::thread::id thread;
     std::string threadName;
-    /** The kernel's number of the thread. */
+    /** The kernel's id of the thread. */
     pid_t tid = 0;
     Clock::time_point time;
 
-    /** Calls: the function's bare name. */
+    /** Calls only: the function's name. */
     std::string name;
 
     /**
-     * Log lines: as handed over, and taken apart. The prefix names
-     * the place twice: `site` and `siteAgain`.
+     * Log lines only: the raw line and its parts. The prefix names the place twice, as `site` and
+     * `siteAgain`.
      */
     int priority = 0;
     std::string tag;
@@ -99,7 +99,7 @@ struct Entry {
     bool IsTrace() const;
 };
 
-/** One store to the audio hardware. */
+/** A gain that the daemon wrote to one output of the audio hardware. */
 struct GainWrite {
     enum class Out { MAIN, SUB };
 
@@ -119,7 +119,7 @@ inline GainWrite SubGain(int gain) {
 }
 std::ostream& operator<<(std::ostream& out, const GainWrite& write);
 
-/** Holds the thread that reaches it until it is opened. Opens by itself when the test lets go of it. */
+/** Blocks the thread that reaches it until the test opens or destroys it. */
 class Gate {
 public:
     Gate() = default;
@@ -127,9 +127,9 @@ public:
     Gate(const Gate&) = delete;
     Gate& operator=(const Gate&) = delete;
 
-    /** Called by the thread that is to be held. */
+    /** Blocks the calling thread until the gate is open. */
     void Pass();
-    /** Whether a thread stands at the gate, or has passed it, in time. */
+    /** Waits until a thread has reached the gate; false if none did in time. */
     bool WaitReached(std::chrono::milliseconds timeout = PATIENCE);
     void Open();
 
@@ -140,7 +140,10 @@ private:
     bool m_open = false;
 };
 
-/** Opens the gate, at the latest, at the end of its scope: no thread is left standing in it. */
+/**
+ * A call that FakeSeam::BlockNext holds. The destructor releases it, so that no thread stays blocked after a
+ * test.
+ */
 class BlockedCall {
 public:
     explicit BlockedCall(std::shared_ptr<Gate> gate) : m_gate(std::move(gate)) {}
@@ -160,88 +163,92 @@ public:
     static FakeSeam& Get();
 
     /**
-     * Back to the default TV: internal speaker, multi-view supported but off, no projector, route 0, volume
-     * 10, unmuted, no zones and no focus, no settings, no registrations, both gains 100, an empty journal.
+     * Restores the default TV: internal speaker, multi-view supported but off, no projector, route 0, volume
+     * 10, unmuted, no zones and no focus, no settings, no registrations, both gains 100. Empties the journal.
      */
     void Reset();
 
-    // The journal. All views are copies, in order.
+    // The journal. Each view is a copy, in order.
 
-    /** Empties the journal and the gain writes; values, failures and registrations stay. */
+    /** Empties the journal and the gain writes, but keeps values, planned failures and registrations. */
     void Clear();
-    /** Log lines of at least this priority. */
+    /** The log lines of at least this priority. */
     std::vector<std::string> Log(int lowestPriority = DLOG_INFO) const;
-    /** Seam calls; with a prefix only those that begin with it. */
+    /** The seam calls whose text begins with the prefix. */
     std::vector<std::string> Calls(std::string_view prefix = {}) const;
-    /** Calls and log lines of INFO and above. */
+    /** The seam calls and the log lines of INFO and above. */
     std::vector<std::string> Journal() const;
-    /** Texts of the call tracer: "[IN]int NKavrel::Class::Function(int)" and "[OUT]...". */
+    /** The texts of the call tracer: "[IN]int NKavrel::Class::Function(int)" and "[OUT]...". */
     std::vector<std::string> Trace() const;
-    /** The same without types and namespace: "[IN]Class::Function". */
+    /** The texts of the call tracer without types and namespace: "[IN]Class::Function". */
     std::vector<std::string> TraceNames() const;
-    /** The same views of the calling thread alone, and of the threads with a name. */
+    /** The same views, limited to the calling thread or to threads of one name. */
     std::vector<std::string> JournalHere() const;
     std::vector<std::string> LogHere() const;
     std::vector<std::string> CallsHere() const;
     std::vector<std::string> JournalOf(const std::string& threadName) const;
     std::vector<std::string> LogOf(const std::string& threadName) const;
-    /** Everything. */
+    /** All entries. */
     std::vector<Entry> Entries() const;
     /** The first entry with this text. */
     std::optional<Entry> Find(const std::string& text) const;
-    /** The last entry of the threads with this name. */
+    /** The last entry of a thread with this name. */
     std::optional<Entry> LastOf(const std::string& threadName) const;
-    /** The function that logged this line first; "" when none did. */
+    /** The function that logged this line first, or "" if none did. */
     std::string FunctionOf(const std::string& text) const;
     int Count(const std::string& text) const;
     std::vector<GainWrite> GainWrites() const;
     std::vector<int> GainWrites(GainWrite::Out out) const;
 
     /**
-     * Waits until an entry, of any priority, has this text
-     * (`count` of them); false when PATIENCE is over.
+     * Waits until the journal has `count` entries with this text, of any priority; false if that takes too
+     * long.
      */
     bool WaitFor(const std::string& text, int count = 1, std::chrono::milliseconds timeout = PATIENCE) const;
     bool WaitForLog(const std::string& text, std::chrono::milliseconds timeout = PATIENCE) const {
         return WaitFor(text, 1, timeout);
     }
     bool WaitForGainWrite(const GainWrite& write, std::chrono::milliseconds timeout = PATIENCE) const;
-    /** Waits for a condition over the journal. `met` runs under the fake's lock: it only looks at its
-     * argument. */
+    /**
+     * Waits until the journal meets a condition. `met` runs under the fake's lock, so it must use only its
+     * argument.
+     */
     bool WaitUntil(const std::function<bool(const std::vector<Entry>&)>& met,
                    std::chrono::milliseconds timeout = PATIENCE) const;
 
-    // Interference. `what` is a function's bare name, a whole call ("vconf_get_int(\"memory/x\")"), or a log
-    // line ("E owns_lock").
+    // Interference. `what` is a function's name, the text of a call ("vconf_get_int(\"memory/x\")"), or the
+    // text of a log line ("E owns_lock").
 
     /**
-     * Makes calls fail with this result: every one, or only the n-th from now (counted from 1). What hands
-     * out a pointer answers null. A failed call changes nothing and reports nothing.
+     * Makes calls fail with this result: every call, or only the n-th from now, counted from 1. A failing
+     * function that returns a pointer returns null. A failed call changes nothing and reports nothing.
      */
     void Fail(const std::string& what, int result, int nth = 0);
-    /** Takes back every Fail of exactly this. */
+    /** Cancels every Fail with exactly this `what`. */
     void Succeed(const std::string& what);
-    /** Runs `action` on the calling thread after the entry is in the journal and before the call takes
-     * effect. */
+    /**
+     * Runs `action` inside each such call, on its thread: after it enters the journal and before it takes
+     * effect.
+     */
     void Before(const std::string& what, std::function<void()> action);
-    /** Runs `action` the next time only. */
+    /** Runs `action` inside the next such call only. */
     void BeforeNext(const std::string& what, std::function<void()> action);
-    /** Holds the next such call until the result is opened or goes out of scope. */
+    /** Blocks the next such call until the returned object is opened or destroyed. */
     [[nodiscard]] BlockedCall BlockNext(const std::string& what);
     /**
-     * Enters a call of a function outside the seam that the test program defines itself, in place of a
-     * library's. Answers the result that it is to fail with, if any.
+     * Records a call of a function outside the seam, which the test program defines in place of a library's.
+     * @return the result with which the call must fail, if any
      */
     std::optional<int> Enter(const std::string& name, const std::string& arguments);
     /**
-     * Drops log lines unseen, for tests that look for races: otherwise the journal's lock orders all threads
-     * that log, and hides theirs from ThreadSanitizer. False after Reset.
+     * Discards log lines instead of recording them, for tests that look for races: the journal's lock would
+     * order all threads that log and so hide their races from ThreadSanitizer. False after Reset.
      */
     void DropLogLines(bool drop) { m_dropLogLines = drop; }
-    /** Whether setters report the changes they make; true after Reset. */
+    /** Makes setters report the changes that they make; true after Reset. */
     void ReportOwnChanges(bool report);
 
-    // Values, set and read without a report, without a journal entry.
+    // Values of the TV. These functions neither report changes nor enter the journal.
 
     void SetInt(const std::string& key, int value);
     void SetStr(const std::string& key, const std::string& value);
@@ -252,7 +259,7 @@ public:
     int Route() const;
     void SetZones(const std::map<int, int>& routeByZone);
     std::map<int, int> Zones() const;
-    /** No zone: reading the focus fails. */
+    /** Without a zone, reading the focus fails. */
     void SetFocus(std::optional<int> zone);
     void SetVolume(int volume);
     int Volume() const;
@@ -264,12 +271,12 @@ public:
     void SetEvent(const std::string& event, bool done);
     bool Event(const std::string& event) const;
 
-    // Reports, on the calling thread, of a change made elsewhere: the value is stored and the callbacks of
-    // this one registration are called, for an equal value too. They answer how many were called.
+    // Reports of changes that others made. Each function stores the value, calls the registered callbacks on the
+    // calling thread, even for an equal value, and returns the number of callbacks that it called.
 
     int FireKey(const std::string& key, int value);
     int FireKey(const std::string& key, const std::string& value);
-    /** Calls the watchers of `key` with a node of the test's own making (null too) and stores nothing. */
+    /** Calls the watchers of `key` with any node, even null, and stores nothing. */
     int FireNode(const std::string& key, keynode_t* node);
     int FireRoute(int route);
     int FireZoneRoute(int route, int zone);
@@ -278,7 +285,7 @@ public:
     int FireMute(unsigned int mute);
     int FireTvMasterMute(unsigned int mute);
 
-    // Registrations, for tests that call a static callback with arguments of their own.
+    // Registrations, for tests that call a registered callback themselves.
 
     struct KeyWatch {
         vconf_callback_fn callback = nullptr;
@@ -287,21 +294,21 @@ public:
     std::vector<KeyWatch> Watches(const std::string& key) const;
 
     template <typename Callback>
-    struct Slot {
+    struct RegisteredCallback {
         Callback callback = nullptr;
         void* data = nullptr;
     };
-    Slot<sound_manager_speaker_changed_cb> RouteSlot() const;
-    Slot<sound_manager_multiview_speaker_selection_changed_cb> ZoneRouteSlot() const;
-    Slot<sound_manager_tv_master_mute_changed_cb> TvMasterMuteSlot() const;
-    Slot<audio_master_changed_cb> VolumeSlot() const;
-    Slot<audio_master_changed_cb> MuteSlot() const;
-    std::map<int, Slot<rc_audio_focus_changed_cb>> FocusSlots() const;
+    RegisteredCallback<sound_manager_speaker_changed_cb> RouteRegistration() const;
+    RegisteredCallback<sound_manager_multiview_speaker_selection_changed_cb> ZoneRouteRegistration() const;
+    RegisteredCallback<sound_manager_tv_master_mute_changed_cb> TvMasterMuteRegistration() const;
+    RegisteredCallback<audio_master_changed_cb> VolumeRegistration() const;
+    RegisteredCallback<audio_master_changed_cb> MuteRegistration() const;
+    std::map<int, RegisteredCallback<rc_audio_focus_changed_cb>> FocusRegistrations() const;
 
 private:
     friend class Seam;
 
-    struct Failure {
+    struct PlannedFailure {
         std::string what;
         int result = 0;
         int nth = 0;
@@ -323,14 +330,14 @@ private:
     mutable std::mutex m_mutex;
     mutable std::condition_variable m_changed;
     std::vector<Entry> m_journal;
-    std::vector<Failure> m_failures;
+    std::vector<PlannedFailure> m_failures;
     std::vector<Hook> m_hooks;
     std::vector<GainWrite> m_gainWrites;
     std::unique_ptr<State> m_state;
     std::atomic<bool> m_dropLogLines = false;
 };
 
-/** Runs the function on a thread of its own, as a platform would, and waits for its end. */
+/** Runs `action` on another thread, as a platform reports, and waits until it returns. */
 void OnPlatformThread(const std::function<void()>& action);
 
 }  // namespace fake

@@ -21,7 +21,7 @@ namespace {
 constexpr const char* STORED =
     "D \t[OUT]void NKavrel::KVAudioGainHandler::SetSrcGain(NKavrel::eKVGainHandlerType, int)";
 
-/** The gain-out worker comes last: the others wake it. */
+/** The gain-out worker is last, because the others wake it. */
 constexpr std::array ALL_WORKERS = {
     NKavrel::GAIN_HANDLER_UNMUTE_MAIN_OUT, NKavrel::GAIN_HANDLER_UNMUTE_SUB_OUT,
     NKavrel::GAIN_HANDLER_PLAYER_MAIN_OUT, NKavrel::GAIN_HANDLER_PLAYER_SUB_OUT,
@@ -39,7 +39,7 @@ std::string FirstLine(const std::filesystem::path& file) {
     return line;
 }
 
-/** Calls `look` with the name and the folder of each thread of this process. */
+/** Calls `look` with the name and the /proc folder of each thread of this process. */
 void ForEachThread(const std::function<void(const std::string&, const std::filesystem::path&)>& look) {
     for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
         look(FirstLine(thread.path() / "comm"), thread.path());
@@ -57,7 +57,7 @@ bool WaitsInKernel(const std::string& name) {
     return waits;
 }
 
-/** How many entries the thread has, if the last one is this; else none. */
+/** The number of the thread's entries if the last one has this text, else nothing. */
 std::optional<std::size_t> CountIfLast(const std::vector<Entry>& journal, const std::string& thread,
                                        const std::string& text) {
     const auto count = std::ranges::count(journal, thread, &Entry::threadName);
@@ -66,9 +66,12 @@ std::optional<std::size_t> CountIfLast(const std::vector<Entry>& journal, const 
     return last != journal.rend() && last->text == text ? std::optional<std::size_t>(count) : std::nullopt;
 }
 
-/** Between its last line and its wait a worker is awake; woken, but not yet heard of, it is awake too. */
+/**
+ * Waits until a worker waits in the kernel and this is its last entry. Several looks in a row must agree,
+ * because a worker logs its "Sleep" line before it waits, and wakes up before it logs again.
+ */
 bool ComesToWait(const FakeSeam& seam, const std::string& name, const std::string& lastEntry) {
-    constexpr int LOOKS = 3;  // it may also wait for a lock for a moment
+    constexpr int LOOKS = 3;  // a single look may meet a short wait for a lock
     const auto deadline = Clock::now() + PATIENCE;
     std::optional<std::size_t> seen;
     for (int looks = 0; looks < LOOKS; ++looks) {
@@ -125,7 +128,7 @@ struct GainFixture::Watched {
     };
 
     mutable std::mutex mutex;
-    // Guarded by mutex.
+    // The mutex guards both lists.
     std::vector<Store> stores;
     std::vector<Action> actions;
 };
@@ -133,7 +136,7 @@ struct GainFixture::Watched {
 GainFixture::GainFixture() : m_watched(std::make_unique<Watched>()) {}
 
 GainFixture::~GainFixture() {
-    gain.reset();  // its workers may still be storing
+    gain.reset();  // first, because its workers may still store gains
 }
 
 void GainFixture::Start() {

@@ -1,8 +1,8 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
 /**
- * A gain controller over the fake seam, and its workers as they are seen from outside: what each does, by
- * its thread's name, and when all of them rest.
+ * Base of tests of the gain controller over the fake seam. It observes the workers from outside: the journal
+ * of each one's thread, the gains that it stores, and when all of them rest.
  */
 #ifndef KAVREL_TESTS_GAINFIXTURE_H
 #define KAVREL_TESTS_GAINFIXTURE_H
@@ -21,16 +21,18 @@
 
 namespace fake {
 
-/** Names of all threads of this process, sorted. */
+/** The sorted names of all threads of this process. */
 std::vector<std::string> ThreadNames();
 
 /**
- * Waits until every worker of the one gain controller sleeps: its last line says so, and the kernel has it
- * waiting. Only from then on is a request never lost. The journal must not have been emptied since its start.
+ * Waits until every worker of the only gain controller rests: the last line of each is its "Sleep" line, and
+ * its thread waits in the kernel. A worker can miss a request that comes earlier. Do not empty the journal
+ * between the start of the controller and this call.
+ * @return false if that takes longer than PATIENCE
  */
 [[nodiscard]] bool WorkersRest();
 
-/** A gain that a worker stored, as it stands right after the store. */
+/** A gain that a worker stored, read right after the store. */
 struct Store {
     NKavrel::eKVGainHandlerType worker = NKavrel::GAIN_HANDLER_NONE;
     int gain = 0;
@@ -42,26 +44,28 @@ protected:
     GainFixture();
     ~GainFixture() override;
 
-    /** Makes the controller, waits until its workers rest, and begins the journals below anew. */
+    /** Creates the controller, waits until its workers rest, and calls Mark(). */
     void Start();
     [[nodiscard]] bool Rest() const { return WorkersRest(); }
-    /** Waits until a worker waits with this as its last entry. */
+    /** Waits until a worker waits in the kernel and this is its last entry. */
     [[nodiscard]] bool Waits(NKavrel::eKVGainHandlerType worker, const std::string& lastEntry) const;
-    /** Lets the journals below begin here. */
+    /** Makes the functions below ignore all entries up to now. */
     void Mark();
 
-    /** Seam calls and log lines of INFO and above of one thread; "" is this one. */
+    /** The seam calls of one thread and its log lines of INFO and above; "" means the calling thread. */
     std::vector<std::string> Journal(const std::string& thread) const;
-    /** The same with the trace lines. */
+    /** All entries of that thread, also debug and trace lines. */
     std::vector<Entry> Entries(const std::string& thread) const;
-    /** The first such entry of one thread; fails the test if there is none. */
+    /** The first entry of that thread with this text; without one it fails the test. */
     Entry Find(const std::string& thread, const std::string& text) const;
 
     int Gain(NKavrel::eKVGainHandlerType slot);
     std::vector<Store> Stores(NKavrel::eKVGainHandlerType worker) const;
     std::vector<int> StoredGains(NKavrel::eKVGainHandlerType worker) const;
-    /** Runs once: after the worker has stored this gain, before it goes on. On a thread of its own, for which
-     *  the worker waits. */
+    /**
+     * Runs `action` once, on another thread, after the worker stored this gain. The worker waits until it
+     * returns.
+     */
     void AfterStore(NKavrel::eKVGainHandlerType worker, int gain, std::function<void()> action);
 
     FakeSeam& seam = FakeSeam::Get();

@@ -10,30 +10,11 @@
 #include <array>
 #include <csignal>
 #include <cstdlib>
-#include <fstream>
 #include <stdexcept>
 
 namespace fake {
 
 namespace {
-
-constexpr const char* CONFIGURATION = R"(<!DOCTYPE busconfig PUBLIC
- "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>system</type>
-  <keep_umask/>
-  <listen>unix:path=@FOLDER@/bus</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow user="*"/>
-    <allow own="*"/>
-    <allow send_destination="*" eavesdrop="true"/>
-    <allow receive_sender="*" eavesdrop="true"/>
-  </policy>
-  <limit name="max_replies_per_connection">50000</limit>
-</busconfig>
-)";
 
 constexpr auto CONNECTION_FLAGS = static_cast<GDBusConnectionFlags>(
     G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
@@ -46,18 +27,14 @@ std::filesystem::path MakeFolder() {
     return name;
 }
 
-void WriteConfiguration(const std::filesystem::path& file) {
-    const std::string mark = "@FOLDER@";
-    std::string text = CONFIGURATION;
-    text.replace(text.find(mark), mark.size(), file.parent_path().string());
-    std::ofstream(file) << text;
-}
-
-/** The child's part: only calls that are safe after a fork of a program with threads. */
-[[noreturn]] void BecomeBus(const char* configuration, const char* printAddress, pid_t parent) {
+/**
+ * Turns the forked child into the bus. Uses only calls that are safe after a fork of a program with threads.
+ */
+[[noreturn]] void BecomeBus(const char* address, const char* printAddress, pid_t parent) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() == parent) {
-        execlp("dbus-daemon", "dbus-daemon", "--nofork", "--nopidfile", configuration, printAddress, nullptr);
+        execlp("dbus-daemon", "dbus-daemon", "--nofork", "--nopidfile",
+               "--config-file=" PRIVATE_BUS_CONFIGURATION, address, printAddress, nullptr);
     }
     _exit(127);
 }
@@ -70,71 +47,36 @@ std::string ReadLine(int fd) {
     return line;
 }
 
-/** Throws with GLib's own words if the call it stands behind failed. */
-class Checked {
-public:
-    ~Checked() { g_clear_error(&m_error); }
-    operator GError**() { return &m_error; }
-    void Throw() const {
-        if (m_error != nullptr) {
-            throw std::runtime_error(m_error->message);
-        }
+void ThrowIfSet(const tools::GLibError& error) {
+    if (error.Get() != nullptr) {
+        throw std::runtime_error(error->message);
     }
-
-private:
-    GError* m_error = nullptr;
-};
-
-GDBusConnection* Connect() {
-    Checked error;
-    GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
-        BusAddress().c_str(), CONNECTION_FLAGS, nullptr, nullptr, error);
-    error.Throw();
-    return connection;
-}
-
-void Disconnect(GDBusConnection* connection) {
-    g_dbus_connection_close_sync(connection, nullptr, nullptr);
-    g_object_unref(connection);
-}
-
-std::string Printed(GVariant* variant) {
-    char* text = g_variant_print(variant, FALSE);
-    std::string copy(text);
-    g_free(text);
-    return copy;
 }
 
 /**
- * The bus keeps the order of one connection's messages: the
- * answer comes after all that was under way to it.
+ * Waits until the bus has all earlier messages of this connection: the bus keeps their order, so it answers
+ * last.
  */
 void Ping(GDBusConnection* connection) {
-    Checked error;
-    const Variant reply(g_dbus_connection_call_sync(
+    tools::GLibError error;
+    const tools::Variant reply(g_dbus_connection_call_sync(
         connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus.Peer", "Ping",
         nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, error));
-    error.Throw();
+    ThrowIfSet(error);
 }
 
-/** All that this process has sent on its shared connection has reached the bus, and what came back is here. */
+/** Waits until the bus has all that the shared connection sent, and this process all that came back. */
 void PingOnSharedConnection() {
-    GDBusConnection* shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
-    Ping(shared);
-    g_object_unref(shared);
+    Ping(SharedConnection().get());
 }
 
-/** A timer that ends one wait of a main context. */
+/** Ends one wait of a main context when the time is over. */
 class Timer {
 public:
     Timer(GMainContext* context, std::chrono::milliseconds timeout)
         : m_source(g_timeout_source_new(static_cast<guint>(timeout.count()))) {
-        g_source_set_callback(m_source, OnTime, &m_over, nullptr);
-        g_source_attach(m_source, context);
-    }
-    ~Timer() {
-        g_source_destroy(m_source);
-        g_source_unref(m_source);
+        g_source_set_callback(m_source.get(), OnTime, &m_over, nullptr);
+        g_source_attach(m_source.get(), context);
     }
     Timer(const Timer&) = delete;
     Timer& operator=(const Timer&) = delete;
@@ -148,7 +90,7 @@ private:
     }
 
     bool m_over = false;
-    GSource* m_source;
+    tools::GLibPtr<GSource> m_source;
 };
 
 class BusEnvironment : public testing::Environment {
@@ -166,22 +108,20 @@ BusEnvironment* environment = nullptr;
 }  // namespace
 
 PrivateBus::PrivateBus() : m_folder(MakeFolder()) {
-    const auto file = m_folder / "bus.conf";
-    WriteConfiguration(file);
-    std::array<int, 2> address = {};
-    if (pipe(address.data()) != 0) {
+    std::array<int, 2> output = {};
+    if (pipe(output.data()) != 0) {
         throw std::runtime_error("cannot make a pipe for the bus address");
     }
-    const std::string configuration = "--config-file=" + file.string();
-    const std::string printAddress = "--print-address=" + std::to_string(address[1]);
+    const std::string address = "--address=unix:path=" + (m_folder / "bus").string();
+    const std::string printAddress = "--print-address=" + std::to_string(output[1]);
     const pid_t parent = getpid();
     m_process = fork();
     if (m_process == 0) {
-        BecomeBus(configuration.c_str(), printAddress.c_str(), parent);
+        BecomeBus(address.c_str(), printAddress.c_str(), parent);
     }
-    close(address[1]);
-    m_address = ReadLine(address[0]);
-    close(address[0]);
+    close(output[1]);
+    m_address = ReadLine(output[0]);
+    close(output[0]);
     if (m_address.empty()) {
         throw std::runtime_error("dbus-daemon did not start");
     }
@@ -189,10 +129,9 @@ PrivateBus::PrivateBus() : m_folder(MakeFolder()) {
 }
 
 PrivateBus::~PrivateBus() {
-    // The shared connection would end the process together with its bus.
-    if (GDBusConnection* shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr)) {
-        g_dbus_connection_set_exit_on_close(shared, FALSE);
-        g_object_unref(shared);
+    // Otherwise the shared connection would end this process together with the bus.
+    if (const auto shared = SharedConnection()) {
+        g_dbus_connection_set_exit_on_close(shared.get(), FALSE);
     }
     kill(m_process, SIGTERM);
     waitpid(m_process, nullptr, 0);
@@ -205,8 +144,20 @@ bool RegisterPrivateBus() {
     return testing::AddGlobalTestEnvironment(environment) != nullptr;
 }
 
-const std::string& BusAddress() {
-    return environment->Bus()->Address();
+tools::GLibPtr<GDBusConnection> ConnectToBus() {
+    tools::GLibError error;
+    tools::GLibPtr<GDBusConnection> connection(g_dbus_connection_new_for_address_sync(
+        environment->Bus()->Address().c_str(), CONNECTION_FLAGS, nullptr, nullptr, error));
+    ThrowIfSet(error);
+    return connection;
+}
+
+void Disconnect(tools::GLibPtr<GDBusConnection> connection) {
+    g_dbus_connection_close_sync(connection.get(), nullptr, nullptr);
+}
+
+tools::GLibPtr<GDBusConnection> SharedConnection() {
+    return tools::GLibPtr<GDBusConnection>(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
 }
 
 bool RunMainContextUntil(const std::function<bool()>& met, std::chrono::milliseconds timeout) {
@@ -223,56 +174,55 @@ void RunMainContextUntilQuiet() {
     }
 }
 
-BusClient::BusClient() : m_context(g_main_context_new()), m_connection(Connect()) {}
+BusClient::BusClient() : m_context(g_main_context_new()), m_connection(ConnectToBus()) {}
 
 BusClient::~BusClient() {
-    Disconnect(m_connection);
-    g_main_context_unref(m_context);
+    Disconnect(std::move(m_connection));
 }
 
 std::string BusClient::Name() const {
-    return g_dbus_connection_get_unique_name(m_connection);
+    return g_dbus_connection_get_unique_name(m_connection.get());
 }
 
-Variant BusClient::Call(const std::string& destination, const std::string& path, const std::string& interface,
-                        const std::string& method, GVariant* parameters, std::string* error) const {
-    GError* failure = nullptr;
-    Variant reply(g_dbus_connection_call_sync(m_connection, destination.c_str(), path.c_str(),
-                                              interface.c_str(), method.c_str(), parameters, nullptr,
-                                              G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &failure));
-    if (failure != nullptr && error != nullptr) {
+tools::Variant BusClient::Call(const std::string& destination, const std::string& path,
+                               const std::string& interface, const std::string& method, GVariant* parameters,
+                               std::string* error) const {
+    tools::GLibError failure;
+    tools::Variant reply(g_dbus_connection_call_sync(m_connection.get(), destination.c_str(), path.c_str(),
+                                                     interface.c_str(), method.c_str(), parameters, nullptr,
+                                                     G_DBUS_CALL_FLAGS_NONE, -1, nullptr, failure));
+    if (reply == nullptr && error != nullptr) {
         *error = failure->message;
     }
-    g_clear_error(&failure);
     return reply;
 }
 
 void BusClient::Emit(const std::string& path, const std::string& interface, const std::string& name,
                      GVariant* parameters) const {
     PingOnSharedConnection();
-    Checked error;
-    g_dbus_connection_emit_signal(m_connection, nullptr, path.c_str(), interface.c_str(), name.c_str(),
+    tools::GLibError error;
+    g_dbus_connection_emit_signal(m_connection.get(), nullptr, path.c_str(), interface.c_str(), name.c_str(),
                                   parameters, error);
-    error.Throw();
-    Ping(m_connection);
+    ThrowIfSet(error);
+    Ping(m_connection.get());
 }
 
 void BusClient::Listen(const std::string& path, const std::string& interface) {
     const auto collect = [](GDBusConnection*, const char* sender, const char* from, const char* of,
                             const char* name, GVariant* body, void* client) {
-        static_cast<BusClient*>(client)->m_signals.push_back({sender, from, of, name, Printed(body)});
+        static_cast<BusClient*>(client)->m_signals.push_back({sender, from, of, name, tools::Printed(body)});
     };
-    g_main_context_push_thread_default(m_context);
-    g_dbus_connection_signal_subscribe(m_connection, nullptr, interface.c_str(), nullptr, path.c_str(),
+    g_main_context_push_thread_default(m_context.get());
+    g_dbus_connection_signal_subscribe(m_connection.get(), nullptr, interface.c_str(), nullptr, path.c_str(),
                                        nullptr, G_DBUS_SIGNAL_FLAGS_NONE, collect, this, nullptr);
-    g_main_context_pop_thread_default(m_context);
-    Ping(m_connection);
+    g_main_context_pop_thread_default(m_context.get());
+    Ping(m_connection.get());
 }
 
 Signal BusClient::WaitForSignal(std::chrono::milliseconds timeout) {
-    const Timer timer(m_context, timeout);
+    const Timer timer(m_context.get(), timeout);
     while (m_signals.empty() && !timer.Over()) {
-        g_main_context_iteration(m_context, TRUE);
+        g_main_context_iteration(m_context.get(), TRUE);
     }
     if (m_signals.empty()) {
         return {};
@@ -284,8 +234,8 @@ Signal BusClient::WaitForSignal(std::chrono::milliseconds timeout) {
 
 std::vector<Signal> BusClient::TakeSignals() {
     PingOnSharedConnection();
-    Ping(m_connection);
-    while (g_main_context_iteration(m_context, FALSE)) {
+    Ping(m_connection.get());
+    while (g_main_context_iteration(m_context.get(), FALSE)) {
     }
     const std::vector<Signal> taken(m_signals.begin(), m_signals.end());
     m_signals.clear();
@@ -293,7 +243,7 @@ std::vector<Signal> BusClient::TakeSignals() {
 }
 
 BusPeer::BusPeer(const std::string& name, const std::string& path, const std::string& interface,
-                 const std::string& methodsXml, std::map<std::string, Method> methods)
+                 const std::string& methodsXml, std::map<std::string, MethodHandler> methods)
     : m_methods(std::move(methods)), m_context(g_main_context_new()) {
     std::promise<void> ready;
     auto isReady = ready.get_future();
@@ -303,9 +253,8 @@ BusPeer::BusPeer(const std::string& name, const std::string& path, const std::st
 
 BusPeer::~BusPeer() {
     m_stopped = true;
-    g_main_context_wakeup(m_context);
+    g_main_context_wakeup(m_context.get());
     m_thread.join();
-    g_main_context_unref(m_context);
 }
 
 std::vector<std::string> BusPeer::Calls() const {
@@ -318,7 +267,7 @@ void BusPeer::OnCall(GDBusConnection*, const char*, const char*, const char*, co
     auto* peer = static_cast<BusPeer*>(data);
     {
         const std::lock_guard lock(peer->m_mutex);
-        peer->m_calls.push_back(method + Printed(arguments));
+        peer->m_calls.push_back(method + tools::Printed(arguments));
     }
     GVariant* reply = peer->m_methods.at(method)(arguments);
     if (reply == nullptr) {
@@ -330,24 +279,24 @@ void BusPeer::OnCall(GDBusConnection*, const char*, const char*, const char*, co
 
 void BusPeer::Serve(const std::string& name, const std::string& path, const std::string& interface,
                     const std::string& methodsXml, std::promise<void> ready) {
-    g_main_context_push_thread_default(m_context);
-    GDBusConnection* connection = Connect();
+    g_main_context_push_thread_default(m_context.get());
+    auto connection = ConnectToBus();
     const std::string xml = "<node><interface name='" + interface + "'>" + methodsXml + "</interface></node>";
-    GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(xml.c_str(), nullptr);
+    const tools::GLibPtr<GDBusNodeInfo> node(g_dbus_node_info_new_for_xml(xml.c_str(), nullptr));
     GDBusInterfaceVTable table = {};
     table.method_call = OnCall;
-    g_dbus_connection_register_object(connection, path.c_str(), node->interfaces[0], &table, this, nullptr,
-                                      nullptr);
-    g_variant_unref(g_dbus_connection_call_sync(
-        connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
-        g_variant_new("(su)", name.c_str(), 0), nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr));
+    g_dbus_connection_register_object(connection.get(), path.c_str(), node->interfaces[0], &table, this,
+                                      nullptr, nullptr);
+    const tools::Variant reply(g_dbus_connection_call_sync(
+        connection.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+        "RequestName", g_variant_new("(su)", name.c_str(), 0), nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr,
+        nullptr));
     ready.set_value();
     while (!m_stopped) {
-        g_main_context_iteration(m_context, TRUE);
+        g_main_context_iteration(m_context.get(), TRUE);
     }
-    Disconnect(connection);
-    g_dbus_node_info_unref(node);
-    g_main_context_pop_thread_default(m_context);
+    Disconnect(std::move(connection));
+    g_main_context_pop_thread_default(m_context.get());
 }
 
 }  // namespace fake

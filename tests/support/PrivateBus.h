@@ -1,10 +1,10 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
 /**
- * A D-Bus system bus of the test's own, and clients on it.
+ * A D-Bus system bus for one test program, and clients on it.
  *
- * GLib's shared bus connection is one per process and lives no longer than its bus, so a test program has
- * one bus, started before the first use and ended after the last: `RegisterPrivateBus()` at file scope.
+ * GLib has one shared bus connection per process, which ends with its bus. So a test program starts one bus
+ * before its first test and ends it after its last: call `RegisterPrivateBus()` at file scope.
  */
 #ifndef KAVREL_TESTS_PRIVATEBUS_H
 #define KAVREL_TESTS_PRIVATEBUS_H
@@ -25,17 +25,14 @@
 #include <thread>
 #include <vector>
 
+#include "GLibPtr.h"
+
 namespace fake {
 
-struct VariantRelease {
-    void operator()(GVariant* variant) const { g_variant_unref(variant); }
-};
-using Variant = std::unique_ptr<GVariant, VariantRelease>;
-
 /**
- * Starts a dbus-daemon that lets everyone do everything, and makes it this process's system bus
- * (DBUS_SYSTEM_BUS_ADDRESS). The constructor returns when it can be connected to. It ends with the object,
- * and with this process however that ends.
+ * Starts a dbus-daemon with the configuration of scripts/private-bus.conf and makes it this process's system
+ * bus (DBUS_SYSTEM_BUS_ADDRESS). The constructor returns when clients can connect. The bus ends with the
+ * object, and also when this process dies in any way.
  */
 class PrivateBus {
 public:
@@ -53,20 +50,27 @@ private:
 };
 
 /**
- * One private bus for all tests of this program:
+ * Gives all tests of this program one private bus:
  * `[[maybe_unused]] const bool registered = fake::RegisterPrivateBus();` at file scope.
  */
 bool RegisterPrivateBus();
-/** Address of that bus, while tests run. */
-const std::string& BusAddress();
 
-/** Runs the default main context, whose signals the daemon hears, until the condition is met; false when time
- * is over. */
+/** Opens a new connection to the private bus. */
+tools::GLibPtr<GDBusConnection> ConnectToBus();
+/** Closes a connection of ConnectToBus and waits until it is closed. */
+void Disconnect(tools::GLibPtr<GDBusConnection> connection);
+/** The shared connection of this process, which the daemon under test uses; null without a bus. */
+tools::GLibPtr<GDBusConnection> SharedConnection();
+
+/**
+ * Runs the default main context, in which the daemon receives signals, until the condition is met.
+ * @return whether it was met in time
+ */
 bool RunMainContextUntil(const std::function<bool()>& met,
                          std::chrono::milliseconds timeout = std::chrono::seconds(60));
 /**
- * Runs the default main context until everything that was sent to the process's shared bus connection
- * before this call has been dispatched.
+ * Runs the default main context until it has dispatched everything sent to the shared connection before this
+ * call.
  */
 void RunMainContextUntilQuiet();
 
@@ -75,15 +79,15 @@ struct Signal {
     std::string path;
     std::string interface;
     std::string name;
-    /** The body as g_variant_print shows it: "(65535, 30)". */
+    /** In GVariant's text format: "(65535, 30)". */
     std::string body;
 
     bool operator==(const Signal&) const = default;
 };
 
 /**
- * A connection of its own to the private bus, for one thread. Its signals are delivered only inside
- * WaitForSignal.
+ * A client with its own connection to the private bus, for use by one thread. It receives signals only inside
+ * WaitForSignal and TakeSignals.
  */
 class BusClient {
 public:
@@ -94,49 +98,61 @@ public:
 
     /** The unique name, ":1.7". */
     std::string Name() const;
-    GDBusConnection* Connection() const { return m_connection; }
+    GDBusConnection* Connection() const { return m_connection.get(); }
 
-    /** Answers null, and the error's text in `error`, if the call failed. Consumes floating parameters. */
-    Variant Call(const std::string& destination, const std::string& path, const std::string& interface,
-                 const std::string& method, GVariant* parameters, std::string* error = nullptr) const;
-    /** Hands the signal to the bus before it returns; it reaches every subscription that this process's shared
-     *  connection asked for before. Consumes floating parameters. */
+    /**
+     * Calls a method and waits for the reply. Consumes floating parameters.
+     * @param[out] error the error's message, if the call failed
+     * @return the reply, or null if the call failed
+     */
+    tools::Variant Call(const std::string& destination, const std::string& path, const std::string& interface,
+                        const std::string& method, GVariant* parameters, std::string* error = nullptr) const;
+    /**
+     * Broadcasts a signal and returns once the bus has it. Every subscription that the shared connection
+     * requested before this call receives it. Consumes floating parameters.
+     */
     void Emit(const std::string& path, const std::string& interface, const std::string& name,
               GVariant* parameters) const;
 
-    /** Collects every signal of this path and interface from now on. */
+    /** Collects every signal of this path and interface that arrives from now on. */
     void Listen(const std::string& path, const std::string& interface);
-    /** The next collected signal; without a name when none came in time. */
+    /** Removes and returns the next collected signal; its name is empty if none arrived in time. */
     Signal WaitForSignal(std::chrono::milliseconds timeout = std::chrono::seconds(60));
-    /** Takes whatever was sent to this client until now, by this process's shared connection too. */
+    /**
+     * Removes and returns all signals sent to this client until now, including those of the shared
+     * connection.
+     */
     std::vector<Signal> TakeSignals();
 
 private:
-    GMainContext* m_context;
-    GDBusConnection* m_connection;
+    tools::GLibPtr<GMainContext> m_context;
+    tools::GLibPtr<GDBusConnection> m_connection;
     std::deque<Signal> m_signals;
 };
 
 /**
- * Another service on the private bus, on a thread of its own:
- * owns a name and answers one object's methods.
+ * Another service on the private bus, on its own thread. It owns a name and answers the methods of one
+ * object.
  */
 class BusPeer {
 public:
     /**
-     * Answers a method: gets the arguments, gives the reply's
-     * tuple (floating), or null for a D-Bus error.
+     * Receives a call's arguments and returns the reply, a floating tuple, or null to answer with a D-Bus
+     * error.
      */
-    using Method = std::function<GVariant*(GVariant* arguments)>;
+    using MethodHandler = std::function<GVariant*(GVariant* arguments)>;
 
-    /** Ready when the constructor returns. `methodsXml`: the `<method>` elements of the interface. */
+    /**
+     * Returns once the service owns its name.
+     * @param methodsXml the `<method>` elements of the interface
+     */
     BusPeer(const std::string& name, const std::string& path, const std::string& interface,
-            const std::string& methodsXml, std::map<std::string, Method> methods);
+            const std::string& methodsXml, std::map<std::string, MethodHandler> methods);
     ~BusPeer();
     BusPeer(const BusPeer&) = delete;
     BusPeer& operator=(const BusPeer&) = delete;
 
-    /** Calls served so far, as "SetSpkVolume(30,)". */
+    /** The calls received so far: "SetSpkVolume(30,)". */
     std::vector<std::string> Calls() const;
 
 private:
@@ -146,12 +162,12 @@ private:
     void Serve(const std::string& name, const std::string& path, const std::string& interface,
                const std::string& methodsXml, std::promise<void> ready);
 
-    const std::map<std::string, Method> m_methods;
+    const std::map<std::string, MethodHandler> m_methods;
     mutable std::mutex m_mutex;
     /** Guarded by m_mutex. */
     std::vector<std::string> m_calls;
     std::atomic<bool> m_stopped = false;
-    GMainContext* m_context;
+    tools::GLibPtr<GMainContext> m_context;
     std::thread m_thread;
 };
 

@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-/** What every test program shares: GLib's warnings are errors, and nothing hangs. */
+/** Runs the tests of a program. GLib's warnings abort it, and a watchdog ends a test that hangs. */
 #include <gio/gio.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -13,7 +13,9 @@
 
 namespace {
 
-/** Seconds for one test: far above any test's need, on a slow machine and under a sanitizer too. */
+/**
+ * Seconds that one test may take. No test needs nearly as much, even on a slow machine and under a sanitizer.
+ */
 constexpr unsigned int WATCHDOG = 180;
 
 extern "C" void OnAlarm(int) {
@@ -38,6 +40,6 @@ int main(int argc, char** argv) {
     alarm(WATCHDOG);
     testing::UnitTest::GetInstance()->listeners().Append(std::make_unique<Watchdog>().release());
     const int result = RUN_ALL_TESTS();
-    // A filter that fits nothing must not pass.
+    // A filter that matches no test is an error.
     return testing::UnitTest::GetInstance()->test_to_run_count() > 0 ? result : EXIT_FAILURE;
 }

@@ -1,9 +1,11 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
 /**
- * ThreadSanitizer of g++ 12 does not know pthread_mutex_clocklock, which a timed mutex with a steady-clock
- * deadline uses: it would miss every such lock and report races that are none. It knows
- * pthread_mutex_timedlock, which is the same on the wall clock.
+ * Replaces pthread_mutex_clocklock by pthread_mutex_timedlock, which waits by the wall clock.
+ *
+ * A timed mutex calls pthread_mutex_clocklock for a deadline of the steady clock. ThreadSanitizer of g++ 12
+ * does not intercept it, so it would miss these locks and report false races. It does intercept
+ * pthread_mutex_timedlock.
  */
 #include <pthread.h>
 

@@ -1,15 +1,16 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-"""Fixtures of the system tests: the pieces of a scene, each test with a fresh one."""
+"""Fixtures of the system tests. Each test gets its own scene."""
 import signal
 
 import pytest
 
-pytest.register_assert_rewrite("harness")  # before its first import: its asserts explain themselves, too
+pytest.register_assert_rewrite("harness")  # before its first import, so that its failed asserts show their values
 
 from harness import Scene  # noqa: E402
 
-# The programs under test inherit what whoever starts the tests ignores: nohup the first, a script's "&" the second.
+# The programs under test must not inherit that these signals are ignored: nohup ignores the first, and a shell script
+# the second in what it starts with "&".
 signal.signal(signal.SIGHUP, signal.SIG_DFL)
 signal.signal(signal.SIGINT, signal.default_int_handler)
 
@@ -27,7 +28,7 @@ def tv(scene):
 
 @pytest.fixture
 def daemon(scene):
-    """kavreld on the default TV, serving."""
+    """A kavreld that serves on the default TV."""
     return scene.start()
 
 
@@ -38,5 +39,5 @@ def log(daemon):
 
 @pytest.fixture
 def client(scene):
-    """A Python program on the bus."""
+    """A client on the bus, in this process."""
     return scene.client()

@@ -1,8 +1,8 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-"""What the system tests are written with: a private bus, a TV in a directory, the real kavreld, and clients of it.
+"""The tools of the system tests: a private bus, a TV in a directory, the real kavreld, and its clients.
 
-Everything waits for events (inotify, messages of the bus, the end of a process), nothing sleeps or polls.
+All waits are for events (inotify, messages of the bus, the end of a process); only settle() polls.
 """
 import contextlib
 import ctypes
@@ -17,25 +17,19 @@ import time
 from pathlib import Path
 from typing import NamedTuple
 
-import gi
+from interface import METHODS_PATH, NAME, ROOT, SIGNALS_PATH, connect
+from gi.repository import Gio, GLib  # after interface, which selects their version
 
-gi.require_version("Gio", "2.0")
-from gi.repository import Gio, GLib  # noqa: E402
-
-ROOT = Path(__file__).resolve().parents[2]
 KAVRELD = os.environ["KAVRELD"]
-NAME = "org.olvane.kavrel"
-METHODS_PATH = "/Org/Olvane/KavrelInternal"
-SIGNALS_PATH = "/Org/Olvane/Kavrel"
 READY = "events/%2Ftmp%2F%2Ekavrel_ready"
-TV_SUPPORT = 0xFFFF  # what a TV speaker says it supports: everything
+TV_SUPPORT = 0xFFFF  # the support word of the TV's own speakers
 
-PATIENCE = 30.0  # seconds until what must happen is held not to happen, on a loaded machine under a sanitizer
+PATIENCE = 30.0  # seconds after which a wait fails, enough for a loaded machine and a sanitizer
 SANITIZER_REPORT = re.compile(r"ERROR: \w+Sanitizer|WARNING: ThreadSanitizer|runtime error:")
 
 
 class FolderWatch:
-    """Wakes up whoever waits for a change in one of some folders."""
+    """Waits for changes of files in some folders."""
 
     IN_MODIFY, IN_CLOSE_WRITE, IN_MOVED_TO, IN_CREATE, IN_DELETE = 0x2, 0x8, 0x80, 0x100, 0x200
     EVENTS = IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE | IN_DELETE
@@ -54,7 +48,7 @@ class FolderWatch:
         os.close(self.fd)
 
     def wait(self, deadline, *other_fds):
-        """False once the deadline has passed."""
+        """Waits for a change, or until another file is readable; returns False if the deadline came first."""
         left = deadline - time.monotonic()
         ready = select.select([self.fd, *other_fds], [], [], max(left, 0))[0]
         if self.fd in ready:
@@ -63,7 +57,7 @@ class FolderWatch:
 
 
 class LogLine(NamedTuple):
-    number: int  # its place in the log, from 0
+    number: int  # of the line in the log, counted from 0
     priority: str  # D, I, W or E
     file: str
     function: str
@@ -74,7 +68,7 @@ class LogLine(NamedTuple):
 
     @classmethod
     def parse(cls, number, raw):
-        """None for what kavreld did not write through its log."""
+        """Returns None for a line that kavreld did not write through its log."""
         match = cls.SHAPE.fullmatch(raw)
         if not match:
             return None
@@ -84,7 +78,7 @@ class LogLine(NamedTuple):
 
 
 class Log:
-    """kavreld's log, in the file that its standard error is."""
+    """The log of kavreld: the file to which its standard error goes."""
 
     def __init__(self, path, settle):
         self.path = path
@@ -92,7 +86,7 @@ class Log:
 
     def raw_lines(self):
         text = self.path.read_text(errors="replace")
-        return text[: text.rfind("\n") + 1].splitlines()  # a line being written is none yet
+        return text[: text.rfind("\n") + 1].splitlines()  # without a last line that is not yet complete
 
     def lines(self, after=-1):
         parsed = (LogLine.parse(number, raw) for number, raw in enumerate(self.raw_lines()))
@@ -102,12 +96,12 @@ class Log:
         return [line.text for line in self.lines(after)]
 
     def end(self):
-        """The number of the last line of what kavreld was told so far: what comes now comes after it."""
+        """Waits until kavreld has handled everything so far; returns the number of the last line of its log."""
         self.settle()
         return len(self.raw_lines()) - 1
 
     def find(self, text, after=-1):
-        """The first line with this text (a string, or a pattern that fits all of it), or None."""
+        """Returns the first line with this text, or None. A pattern must match the whole text."""
         fits = text.fullmatch if isinstance(text, re.Pattern) else text.__eq__
         return next((line for line in self.lines(after) if fits(line.text)), None)
 
@@ -122,7 +116,7 @@ class Log:
         return self.wait(re.compile(pattern), after)
 
     def wait_for_rest(self, seconds=1.0, timeout=PATIENCE):
-        """Until nothing has been logged for so long."""
+        """Waits until kavreld has logged nothing for so many seconds."""
         end = time.monotonic() + timeout
         with FolderWatch(self.path.parent) as watch:
             while watch.wait(time.monotonic() + seconds):
@@ -132,8 +126,8 @@ class Log:
         return [raw for raw in self.raw_lines() if SANITIZER_REPORT.search(raw)]
 
 
-class Tv:
-    """The TV's directory, as a person at a shell has it."""
+class TvDirectory:
+    """The directory that holds the TV's values, used as a person at a shell uses it."""
 
     def __init__(self, path):
         self.path = Path(path)
@@ -142,7 +136,7 @@ class Tv:
         return (self.path / value).read_text().removesuffix("\n")
 
     def echo(self, text, value):
-        """Writes in place, as a shell's `echo TEXT > VALUE` does."""
+        """Writes into the existing file, as a shell's `echo TEXT > VALUE` does."""
         file = self.path / value
         file.parent.mkdir(parents=True, exist_ok=True)
         file.write_text(f"{text}\n")
@@ -154,31 +148,29 @@ class Tv:
         return (self.path / value).exists()
 
     def wait_until(self, value, condition, timeout=PATIENCE):
-        """Waits until condition() is true, looking again whenever something happens beside the value."""
+        """Waits until condition() is true; checks it whenever something changes in the folder of the value."""
         deadline = time.monotonic() + timeout
         while True:
             folders = [folder for folder in (self.path / value).parents if folder.exists()]
-            with FolderWatch(folders[0]) as watch:  # the value's own, or where that will appear
+            with FolderWatch(folders[0]) as watch:  # the value's folder, or the nearest one that exists
                 if condition():
                     return
                 assert watch.wait(deadline), f"{value} is not as expected within {timeout} s"
 
 
 class Client:
-    """A program on the bus. It keeps what it hears of kavrel in the order of arrival, replies to itself included."""
+    """A client on the bus. It keeps the signals and replies that it gets from kavrel, in the order of arrival."""
 
     def __init__(self, address, before_call=lambda: None):
         self.before_call = before_call
-        flags = Gio.DBusConnectionFlags
-        self.connection = Gio.DBusConnection.new_for_address_sync(
-            address, flags.AUTHENTICATION_CLIENT | flags.MESSAGE_BUS_CONNECTION, None, None)
+        self.connection = connect(address)
         self.name = self.connection.get_unique_name()
         self.heard = []  # ("SpeakerVolumeChanged", 65535, 30) or ("reply", 0)
-        self.heard_from = []  # per item of heard: the path, interface and signature that it came with
+        self.heard_from = []  # for each item of heard: the path, interface and signature of its message
         self.taken = 0
-        self.owners = {}  # the last owner that the bus told of each name; "" when it was lost
+        self.owners = {}  # {bus name: its latest owner, "" for none}, as the bus reported
         self.news = threading.Condition()
-        self.interfaces = set()  # those whose signals are kept
+        self.interfaces = set()  # the interfaces whose signals to keep
         self.connection.add_filter(self._hear)
         self.listen_to(NAME)
         self._call_bus("AddMatch", "s", "type='signal',member='NameOwnerChanged',sender='org.freedesktop.DBus'")
@@ -189,7 +181,7 @@ class Client:
 
     @staticmethod
     def program():
-        """The name that kavrel finds for this process."""
+        """The program name that kavrel finds for this process."""
         first_argument = Path("/proc/self/cmdline").read_bytes().split(b"\0")[0].decode()
         return first_argument.split(" ")[0].rpartition("/")[2]
 
@@ -197,7 +189,7 @@ class Client:
         self.interfaces.add(interface)
         self._call_bus("AddMatch", "s", f"type='signal',interface='{interface}'")
 
-    def _hear(self, _connection, message, incoming, *_):  # on the thread that reads the socket, so in its order
+    def _hear(self, _connection, message, incoming, *_):  # runs on the thread that reads the socket, so in the order of arrival
         kind = message.get_message_type()
         body = message.get_body()
         arguments = body.unpack() if body else ()
@@ -224,18 +216,18 @@ class Client:
         return reply.unpack()
 
     def owner(self):
-        """The unique name of who owns kavrel's name."""
+        """Returns the unique name of the owner of kavrel's name."""
         return self._call_bus("GetNameOwner", "s", NAME)[0]
 
     def owner_pid(self):
-        """0 while nobody owns kavrel's name."""
+        """Returns the process id of the owner of kavrel's name, or 0 if nobody owns it."""
         try:
             return self._call_bus("GetConnectionUnixProcessID", "s", NAME)[0]
         except GLib.Error:
             return 0
 
     def wait_for_owner(self, process):
-        """The unique name of the process once it owns kavrel's name; fails as soon as the process has ended."""
+        """Waits until the process owns kavrel's name; returns its unique name. Fails at once if the process ends."""
         threading.Thread(target=lambda: (process.wait(None), self._wake()), daemon=True).start()
         while True:
             with self.news:
@@ -264,7 +256,7 @@ class Client:
         return reply.unpack()
 
     def send(self, method, signature="", *arguments):
-        """Calls without waiting for the reply, which is then heard."""
+        """Calls without waiting for the reply, which goes to `heard`."""
         message = Gio.DBusMessage.new_method_call(NAME, METHODS_PATH, NAME, method)
         message.set_body(GLib.Variant(f"({signature})", arguments))
         self.connection.send_message(message, Gio.DBusSendMessageFlags.NONE)
@@ -293,42 +285,42 @@ class Client:
         self.flush()
 
     def signals(self):
-        """What kavrel has announced to this client so far."""
+        """Returns all signals that kavrel has sent to this client so far."""
         return [item for item in self.heard if item[0] != "reply"]
 
     def take(self):
-        """The next announcement."""
-        self._wait(lambda: len(self.signals()) > self.taken, "nothing was announced")
+        """Waits for the next signal and returns it."""
+        self._wait(lambda: len(self.signals()) > self.taken, "no signal came")
         self.taken += 1
         return self.signals()[self.taken - 1]
 
-    def expect(self, *announcement):
-        """The next announcement is this one."""
-        assert self.take() == announcement
+    def expect(self, *signal):
+        """Waits for the next signal and checks that it is this one."""
+        assert self.take() == signal
 
     def forget(self):
-        """Whatever was announced so far is not waited for any more."""
-        self.get_support()  # the answer comes behind it
+        """Skips all signals that kavrel has sent so far."""
+        self.get_support()  # its reply arrives after all of them
         self.taken = len(self.signals())
 
     def wait_for_reply(self, *arguments):
-        """The answer to the first call that was sent, with nothing announced before it."""
+        """Waits for the reply to the first call of send(), and checks that no signal came before it."""
         self._wait(lambda: self.heard, "no reply")
         assert self.heard[0] == ("reply", *arguments)
 
     def expect_silence(self):
-        """Nothing was announced that has not been expected."""
+        """Checks that kavrel sends no signal beyond those already taken."""
         self.expect_silence_after(self.taken)
 
-    def expect_silence_after(self, announcements):
-        """So many announcements in all, and none in the time that the daemon needs to answer one more call."""
+    def expect_silence_after(self, count):
+        """Checks that kavrel has sent so many signals in all, and none more until it answers one more call."""
         self.get_support()
-        assert self.signals()[announcements:] == []
-        assert len(self.signals()) == announcements
+        assert self.signals()[count:] == []
+        assert len(self.signals()) == count
 
 
 class Process:
-    """A child that ends with this test program."""
+    """A child process, which dies with this test program."""
 
     def __init__(self, *command, **options):
         self.child = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", "--", *command],
@@ -342,7 +334,7 @@ class Process:
         self.child.send_signal(number)
 
     def wait(self, timeout=PATIENCE):
-        """Its exit status, or minus the signal that ended it."""
+        """Waits for its end; returns its exit status, or minus the signal that ended it."""
         return self.child.wait(timeout)
 
     def end(self):
@@ -352,7 +344,7 @@ class Process:
 
 
 class Bus(Process):
-    """A dbus-daemon of its own, not known to anyone else."""
+    """A private dbus-daemon, whose address only this scene knows."""
 
     def __init__(self, folder, config=ROOT / "scripts/private-bus.conf"):
         with open(folder / "bus.log", "w") as log:
@@ -363,14 +355,14 @@ class Bus(Process):
         assert self.address, (folder / "bus.log").read_text()
 
 
-class Daemon(Process):
-    """The real kavreld; its log goes to a file, since a full pipe would stop it."""
+class Kavreld(Process):
+    """The real kavreld. Its log goes to a file, because a full pipe would block it."""
 
     def __init__(self, log_path, environment):
-        with open(log_path, "a") as file:  # at its end, also when a test has cut it short
+        with open(log_path, "a") as file:  # always appends, even after a test truncated the file
             super().__init__(KAVRELD, stdout=file, stderr=file, env=environment)
         self.log = Log(log_path, self.settle)
-        self.may_be_gone = False  # set by a test that makes it end
+        self.may_be_gone = False  # set to True before a test makes it end
 
     def kill(self):
         self.may_be_gone = True
@@ -378,18 +370,18 @@ class Daemon(Process):
         self.wait()
 
     def end(self):
-        """What ended it is checked: it handles no signal, and nothing but the test may have ended it."""
+        """Ends it and checks that nothing else ended it before."""
         was_alive = self.is_alive()
         status = super().end()
-        print(f"--- {self.log.path.name} (status {status})")  # pytest shows this when the test has failed
+        print(f"--- {self.log.path.name} (status {status})")  # pytest shows this if the test failed
         print(*self.log.raw_lines()[-300:], sep="\n")
         assert self.log.sanitizer_reports() == []
         assert self.may_be_gone or (was_alive and status == -signal.SIGTERM), f"kavreld ended by itself: {status}"
 
     def settle(self):
-        """Returns when each thread of it sleeps: what it was told before is done, and no lock of a report is held.
+        """Waits until all its threads sleep: then it has handled everything, and holds no lock of a report.
 
-        No event tells this, and the daemon is not asked: its threads' states are.
+        No event announces this, so it polls the states of the threads.
         """
         deadline = time.monotonic() + PATIENCE
         while self.is_alive() and any(state != "S" for state in self._thread_states()):
@@ -398,11 +390,11 @@ class Daemon(Process):
 
     def _thread_states(self):
         for status in Path(f"/proc/{self.pid}/task").glob("*/stat"):
-            with contextlib.suppress(FileNotFoundError, ProcessLookupError):  # it has ended meanwhile
+            with contextlib.suppress(FileNotFoundError, ProcessLookupError):  # the thread has ended
                 yield status.read_text().rpartition(")")[2].split()[0]
 
     def threads(self):
-        """{thread id: (name, context switches so far)}"""
+        """Returns {thread id: (name, number of context switches)}."""
         found = {}
         for status in Path(f"/proc/{self.pid}/task").glob("*/status"):
             fields = dict(line.split(":\t", 1) for line in status.read_text().splitlines())
@@ -412,13 +404,13 @@ class Daemon(Process):
 
 
 class Scene(contextlib.ExitStack):
-    """A folder on a tmpfs with everything of one test; leaving it ends and removes all that."""
+    """One test's folder on a tmpfs and all its processes. Leaving the scene ends the processes and removes the folder."""
 
     def __init__(self):
         super().__init__()
         memory = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
         self.folder = Path(self.enter_context(tempfile.TemporaryDirectory(prefix="kavrel-test.", dir=memory)))
-        self.tv = Tv(self.folder / "tv")
+        self.tv = TvDirectory(self.folder / "tv")
         self.bus = Bus(self.folder)
         self.callback(self.bus.end)
         self.daemons = []
@@ -428,7 +420,7 @@ class Scene(contextlib.ExitStack):
                 "G_DEBUG": "fatal-warnings", "LD_PRELOAD": os.environ.get("KAVREL_PRELOAD", ""), **changes}
 
     def client(self):
-        """Its calls wait for a daemon at rest: one that meets the lock of a report in its last moment is refused."""
+        """Returns a client whose calls wait until the daemon is at rest, because it refuses calls during a report."""
         client = Client(self.bus.address, before_call=self.settle)
         self.callback(client.close)
         return client
@@ -438,14 +430,14 @@ class Scene(contextlib.ExitStack):
             daemon.settle()
 
     def launch(self, **changes):
-        """Starts a kavreld and does not wait for its name. The changes are to its environment."""
-        daemon = Daemon(self.folder / f"kavreld-{len(self.daemons) + 1}.log", self.environment(**changes))
+        """Starts a kavreld with changes to its environment, and does not wait until it owns its name."""
+        daemon = Kavreld(self.folder / f"kavreld-{len(self.daemons) + 1}.log", self.environment(**changes))
         self.daemons.append(daemon)
         self.callback(daemon.end)
         return daemon
 
     def start(self, **changes):
-        """Starts a kavreld that serves once this returns."""
+        """Starts a kavreld with changes to its environment, and waits until it serves."""
         daemon = self.launch(**changes)
         client = Client(self.bus.address)
         client.wait_for_owner(daemon)
@@ -454,7 +446,7 @@ class Scene(contextlib.ExitStack):
         return daemon
 
     def run(self, *command, **options):
-        """What a command prints in this scene."""
+        """Runs a command in this scene; returns its output."""
         done = subprocess.run(command, env=self.environment(), stdin=subprocess.DEVNULL, capture_output=True,
                               text=True, timeout=PATIENCE, check=False, **options)
         assert done.returncode == 0, done.stderr
@@ -462,7 +454,7 @@ class Scene(contextlib.ExitStack):
 
 
 class Switches:
-    """The files that make kavreld emulate speakers, in a folder that stands in for /opt/etc."""
+    """The switch files that make kavreld emulate speakers, in a folder that replaces /opt/etc."""
 
     def __init__(self, scene):
         self.scene = scene
@@ -476,7 +468,25 @@ class Switches:
         (self.folder / f".enable_{name}_spk").unlink()
 
     def start(self):
-        """A kavreld that looks for its switch files there."""
+        """Starts a kavreld that looks for its switch files in this folder."""
         preload = f"{os.environ['SWITCH_FILES']}:{os.environ.get('KAVREL_PRELOAD', '')}"
-        asan_options = f"{os.environ.get('ASAN_OPTIONS', '')}:verify_asan_link_order=0"  # which minds what is preloaded
+        asan_options = f"{os.environ.get('ASAN_OPTIONS', '')}:verify_asan_link_order=0"  # allows preloading
         return self.scene.start(LD_PRELOAD=preload, KAVREL_TEST_SWITCHES=str(self.folder), ASAN_OPTIONS=asan_options)
+
+
+def change(tv, log, value, text, logged):
+    """Writes a value and waits until kavreld logs this line (or a match of this pattern); returns the line."""
+    before = log.end()
+    tv.echo(text, value)
+    return log.wait(logged, before)
+
+
+def change_route(tv, log, route, previous=0):
+    """Changes the route and waits until kavreld has followed; returns the last line that it logs for the change."""
+    return change(tv, log, "sound/route", route, re.compile(rf"Speaker changed\[{previous}->{route}\]\. .*"))
+
+
+def lines_without_workers(log, after):
+    """Returns the lines as tuples, without those of the gain workers, whose threads log at any time."""
+    return [(line.priority, line.file, line.function, line.text) for line in log.lines(after)
+            if line.file != "KVAudioGainHandler.cpp"]

@@ -1,6 +1,6 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-"""kavrel-tv as the tests use it: run to its end, or beside them."""
+"""Runs kavrel-tv for the tests, to its end or in the background."""
 import json
 import os
 import signal
@@ -15,12 +15,12 @@ KAVREL_TV = os.environ["KAVREL_TV"]
 COMMANDS = ["show", "watch", "route", "multiview", "zones", "focus", "zone-route", "cable", "mobile", "projector", "sub-bt",
             "feature", "popup", "volume", "mute", "key", "devices", "emulator", "play", "tour", "record", "plot"]
 
-# ThreadSanitizer brings a thread of its own, which wakes up now and then.
+# ThreadSanitizer has its own thread, which wakes up now and then.
 FOREIGN_THREADS = 1 if "thread" in os.environ["KAVREL_SANITIZER"] else 0
 
 
 class Running:
-    """A kavrel-tv that stays, and the lines that it prints as it prints them."""
+    """A kavrel-tv in the background, and the lines that it has printed so far."""
 
     def __init__(self, environment, *arguments):
         self.child = subprocess.Popen([KAVREL_TV, *arguments], env=environment, stdin=subprocess.PIPE,
@@ -55,7 +55,7 @@ class Running:
         self.child.stdin.write(line + "\n")
 
     def end(self, number=signal.SIGINT):
-        """Its exit status, and what it has complained about."""
+        """Ends it; returns its exit status and the lines on its standard error."""
         if self.child.poll() is None:
             self.child.send_signal(number)
         status = self.child.wait(PATIENCE)
@@ -66,7 +66,7 @@ class Running:
         return status, self.complaints
 
 
-class Tool:
+class KavrelTv:
     def __init__(self, scene):
         self.scene = scene
 
@@ -78,7 +78,7 @@ class Tool:
                               capture_output=True, text=True, timeout=PATIENCE, check=False)
 
     def __call__(self, *arguments):
-        """What it prints when all is well."""
+        """Runs it, checks that it succeeded, and returns its output."""
         done = self.run(*arguments)
         assert (done.returncode, done.stderr) == (0, "")
         return done.stdout
@@ -94,7 +94,7 @@ class Tool:
         return running
 
     def devices(self, *options):
-        """The devices, once they play."""
+        """Starts the devices and waits until they play."""
         running = self.start("devices", *options)
         running.wait("auracast: begins with level")
         return running
@@ -105,15 +105,14 @@ class Tool:
         return terminal
 
 
-
 def make_tool(scene):
-    """kavrel-tv in a scene without a daemon yet; its first use makes the default TV."""
+    """Returns kavrel-tv for a scene without a daemon; its first run creates the default TV."""
     scene.tv.path.mkdir()
-    return Tool(scene)
+    return KavrelTv(scene)
 
 
 def refused(done):
-    """The one line on standard error of a command that did nothing."""
+    """Checks that a command printed only one line of error; returns the line without the program's name."""
     assert done.stdout == ""
     assert done.stderr.count("\n") == 1 and done.stderr.startswith("kavrel-tv: "), done.stderr
     return done.stderr.removeprefix("kavrel-tv: ").removesuffix("\n")
@@ -128,9 +127,9 @@ def assert_idle(pid):
         return found
 
     deadline = time.monotonic() + PATIENCE
-    while True:  # it may have been about to rest
+    while True:  # it may still finish its start
         before = switches()
-        time.sleep(2)  # the observation itself
+        time.sleep(2)  # the time of observation
         after = switches()
         woken = [task for task in before.keys() | after.keys() if before.get(task) != after.get(task)]
         if len(woken) <= FOREIGN_THREADS:

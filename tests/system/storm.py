@@ -1,9 +1,9 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-"""The programs of the storm, each a process of its own:
+"""The programs of the storm, each for its own process:
 
-storm.py change FILE SECONDS TEXT...   writes one text after the other, ends with the first, prints how many it wrote
-storm.py call SEED SECONDS             calls every method and emits every signal in turn, prints how many calls it made
+storm.py change FILE SECONDS TEXT...   writes the texts in turn, the first one last; prints how many it wrote
+storm.py call SEED SECONDS             calls every method and emits every signal in turn; prints how many calls it made
 """
 import os
 import random
@@ -11,13 +11,11 @@ import sys
 import time
 from itertools import cycle
 
-import gi
+from interface import METHODS_PATH, NAME, SIGNALS_PATH, connect, read_methods
+from gi.repository import Gio, GLib  # after interface, which selects their version
 
-gi.require_version("Gio", "2.0")
-from gi.repository import Gio, GLib  # noqa: E402
-
-NAME = "org.olvane.kavrel"
-RATE = 100  # changes a second; a writer that was held up catches up
+METHODS = read_methods()
+RATE = 100  # changes per second; a delayed writer catches up
 PATIENCE_MS = 60000
 
 
@@ -47,24 +45,19 @@ def change(file, seconds, *texts):
     return written
 
 
-def requests(dice):
-    """What clients ask for, each with fitting arguments: (method, types of the arguments, types of the answer, ...)"""
-    path = dice.choice([0, 1, 2, 3, 3, 3])
-    gain = dice.randint(-5, 110)
-    return [
-        ("GetSpeakerSupportType", "()", "(ii)"),
-        ("SetSpeakerVolume", "(i)", "(i)", dice.randint(-5, 49)),
-        ("GetSpeakerVolume", "()", "(ii)"),
-        ("SetSpeakerMute", "(b)", "(i)", dice.choice([True, False])),
-        ("GetSpeakerMute", "()", "(ii)"),
-        ("ApplyPlayerFadeIn", "(i)", "(i)", path),
-        ("ApplyUnmuteFadeIn", "(i)", "(i)", path),
-        ("ResetPlayerGain", "(i)", "(i)", path),
-        ("ApplyGainOnMute", "(ii)", "(i)", path, gain),
-    ]
+def random_arguments(dice, method):
+    """Returns random arguments for the method, within their ranges or just outside."""
+    values = {
+        "volume": dice.randint(-5, 49),
+        "message": dice.choice([True, False]),
+        "audioPath": dice.choice([0, 1, 2, 3, 3, 3]),
+        "gain": dice.randint(-5, 110),
+    }
+    return GLib.Variant(f"({method.signature})", [values[name] for name in method.arguments])
 
 
-def announcements(dice):
+def random_signals(dice):
+    """Returns every signal that the daemon listens to, with random arguments: [(member, types, *arguments)]."""
     return [
         ("BudsConnected", "(i)", 1),
         ("BudsDisconnected", "(i)", 1),
@@ -75,18 +68,16 @@ def announcements(dice):
 
 def call(seed, seconds):
     dice = random.Random(int(seed))
-    bus = Gio.DBusConnection.new_for_address_sync(
-        os.environ["DBUS_SYSTEM_BUS_ADDRESS"],
-        Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION, None, None)
+    bus = connect(os.environ["DBUS_SYSTEM_BUS_ADDRESS"])
     end = time.monotonic() + float(seconds)
     calls = 0
     while time.monotonic() < end:
-        for member, types, *arguments in announcements(dice):
-            bus.emit_signal(None, "/Org/Olvane/Kavrel", NAME, member, GLib.Variant(types, arguments))
-        for method, types, answer, *arguments in dice.choices(requests(dice), k=40) + requests(dice):
-            reply = bus.call_sync(NAME, "/Org/Olvane/KavrelInternal", NAME, method, GLib.Variant(types, arguments),
-                                  None, Gio.DBusCallFlags.NO_AUTO_START, PATIENCE_MS, None)
-            assert reply.get_type_string() == answer, f"{method} answered {reply}"
+        for member, types, *arguments in random_signals(dice):
+            bus.emit_signal(None, SIGNALS_PATH, NAME, member, GLib.Variant(types, arguments))
+        for method in dice.choices(METHODS, k=40) + METHODS:
+            reply = bus.call_sync(NAME, METHODS_PATH, NAME, method.name, random_arguments(dice, method), None,
+                                  Gio.DBusCallFlags.NO_AUTO_START, PATIENCE_MS, None)
+            assert reply.get_type_string() == method.reply, f"{method.name} answered {reply}"
             calls += 1
     return calls
 

@@ -1,8 +1,9 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
 /**
- * Preloaded into kavreld: looks for the emulators' switch files, which are absolute paths, in a folder of the
- * test instead. So a test needs no right to write to /opt and does not meet another one there.
+ * A library that the tests preload into kavreld. It redirects the look-up of the emulators' switch files from
+ * /opt/etc to the folder in KAVREL_TEST_SWITCHES. So a test needs no right to write to /opt, and two tests do
+ * not disturb each other.
  */
 #include <fcntl.h>
 #include <unistd.h>

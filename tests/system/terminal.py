@@ -1,6 +1,6 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-"""A program in a terminal of its own, and what it shows there."""
+"""Runs a program in a pseudo terminal and reads its screen."""
 import fcntl
 import os
 import pty
@@ -13,11 +13,11 @@ import time
 
 from harness import PATIENCE
 
-ENTER, LEAVE = "\033[?1049h\033[?25l", "\033[?25h\033[?1049l"  # of a full-screen program
+ENTER, LEAVE = "\033[?1049h\033[?25l", "\033[?25h\033[?1049l"  # what a full-screen program writes first and last
 
 
 class Terminal:
-    """The program is its session's leader, so that it gets the signals of Ctrl-C and Ctrl-Z."""
+    """The program leads its session, so that it gets the signals of Ctrl-C and Ctrl-Z."""
 
     def __init__(self, command, environment, rows, columns):
         self.master, self.slave = pty.openpty()
@@ -36,7 +36,7 @@ class Terminal:
 
     def resize(self, rows, columns):
         self.row_count, self.columns = rows, columns
-        self.output = ""  # what was shown before does not fit
+        self.output = ""  # the earlier output had another size
         fcntl.ioctl(self.slave, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
 
     def modes(self):
@@ -46,14 +46,14 @@ class Terminal:
         os.write(self.master, keys.encode())
 
     def _read(self, timeout):
-        """Takes in what there is within the time; False if that is nothing."""
+        """Reads available output; returns False if none comes in time."""
         if not select.select([self.master], [], [], timeout)[0]:
             return False
         self.output += os.read(self.master, 65536).decode(errors="replace")
         return True
 
     def wait_until(self, condition, every=PATIENCE):
-        """Looks again whenever something is written, and after so many seconds at the latest."""
+        """Waits until condition() is true; checks it after each output, and at least every so many seconds."""
         deadline = time.monotonic() + PATIENCE
         while not condition():
             self._read(min(every, max(0, deadline - time.monotonic())))
@@ -63,7 +63,7 @@ class Terminal:
         self.wait_until(lambda: text in self.rows())
 
     def wait_for_end(self):
-        """The exit status, with all output taken in."""
+        """Waits for the end and reads all output; returns the exit status."""
         while self.child.poll() is None:
             self._read(0.05)
         while self._read(0):
@@ -79,7 +79,7 @@ class Terminal:
             pass
 
     def run(self):
-        """All that a program writes that ends by itself."""
+        """Waits until the program ends by itself; returns all its output."""
         assert self.wait_for_end() == 0, self.output
         return re.sub(r"\r*\n", "\n", self.output)
 
@@ -87,7 +87,7 @@ class Terminal:
         return self.output.count("\033[H")
 
     def rows(self):
-        """The screen as the last whole frame leaves it. A line that is too long fails: it would wrap."""
+        """Returns the rows of the screen after the last frame. Fails if a row is wider than the terminal."""
         rows, at = [], 0
         for text in re.split(r"(\033\[[?\d]*[a-zA-Z]|\r*\n)", self.output):
             if text == "\033[H":

@@ -8,6 +8,7 @@ import pytest
 from gi.repository import Gio, GLib
 
 from harness import PATIENCE, TV_SUPPORT, Switches
+from interface import connect
 
 FAILED, NOT_SUPPORTED = -1, -4
 TV_ROUTES, BLUETOOTH_ROUTES = [0, 6, 11, 12, 13, 14], [3, 5]
@@ -54,9 +55,7 @@ class ConnectionManager:
                         "SetSpkVolume": GLib.Variant("(ii)", (0, 0))}
         self.holds_back, self.held = False, []
         self.asked = threading.Event()
-        flags = Gio.DBusConnectionFlags
-        self.connection = Gio.DBusConnection.new_for_address_sync(
-            address, flags.AUTHENTICATION_CLIENT | flags.MESSAGE_BUS_CONNECTION, None, None)
+        self.connection = connect(address)
         self.connection.add_filter(self._hear)
         self.connection.call_sync("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
                                   "RequestName", GLib.Variant("(su)", (self.NAME, 0)), None,

@@ -1,6 +1,8 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-"""Outputs beside the TV's own speaker: each lives in three settings keys, and is asked through two shared ones."""
+"""Tests of the external outputs: each keeps its state in three settings keys, and receives requests through two keys that
+all of them share.
+"""
 import re
 from typing import NamedTuple
 
@@ -14,7 +16,7 @@ VOLUME_REQUEST = f"settings/{MIRRORING}/set_volume_level"
 MUTE_REQUEST = f"settings/{MIRRORING}/set_volume_mute"
 
 
-class Output(NamedTuple):
+class ExternalOutput(NamedTuple):
     """A kind of output, its routes, and the keys that hold its state."""
 
     name: str
@@ -25,15 +27,15 @@ class Output(NamedTuple):
 
 
 def mirrored(name, routes, suffix):
-    return Output(name, routes, f"{MIRRORING}/volume_support_{suffix}", f"{MIRRORING}/get_volume_level_{suffix}",
-                  f"{MIRRORING}/get_volume_mute_{suffix}")
+    return ExternalOutput(name, routes, f"{MIRRORING}/volume_support_{suffix}",
+                          f"{MIRRORING}/get_volume_level_{suffix}", f"{MIRRORING}/get_volume_mute_{suffix}")
 
 
 HDMI = mirrored("HDMI", (2, 8), "hdmi")
 OPTICAL = mirrored("Optical", (1, 9), "optical")
 WIFI = mirrored("WIFI", (4, 10), "mlr")
-USB = Output("USB", (15,), "db/usbsound/volume_capability", "db/usbsound/volume_level",
-             "db/usbsound/volume_mute_status")
+USB = ExternalOutput("USB", (15,), "db/usbsound/volume_capability", "db/usbsound/volume_level",
+                     "db/usbsound/volume_mute_status")
 BLUETOOTH = mirrored("BT", (3, 5), "bt")
 AURACAST = mirrored("Auracast", (19,), "auracast")
 OUTPUTS = [HDMI, OPTICAL, WIFI, USB, BLUETOOTH, AURACAST]

@@ -6,7 +6,8 @@ import xml.etree.ElementTree as ElementTree
 import pytest
 from gi.repository import GLib
 
-from harness import METHODS_PATH, NAME, ROOT, SIGNALS_PATH, TV_SUPPORT
+from harness import METHODS_PATH, NAME, SIGNALS_PATH, TV_SUPPORT
+from interface import XML_FILE
 
 
 def interface_of(xml):
@@ -20,7 +21,7 @@ def methods_of(interface):
 
 def test_introspection_shows_the_nine_methods_of_the_installed_file_and_nothing_else(daemon, scene):
     shown = interface_of(scene.run("gdbus", "introspect", "--system", "--xml", "-d", NAME, "-o", METHODS_PATH))
-    installed = interface_of((ROOT / "data/org.olvane.kavrel.xml").read_text())
+    installed = interface_of(XML_FILE.read_text())
     assert methods_of(shown) == methods_of(installed)
     assert [name for name, _ in methods_of(shown)] == [
         "GetSpeakerSupportType", "SetSpeakerVolume", "GetSpeakerVolume", "SetSpeakerMute", "GetSpeakerMute",
@@ -29,7 +30,7 @@ def test_introspection_shows_the_nine_methods_of_the_installed_file_and_nothing_
 
 
 def test_mute_is_a_boolean_in_and_an_integer_out(daemon, client):
-    methods = dict(methods_of(interface_of((ROOT / "data/org.olvane.kavrel.xml").read_text())))
+    methods = dict(methods_of(interface_of(XML_FILE.read_text())))
     assert methods["SetSpeakerMute"] == [("message", "b", "in"), ("result", "i", "out")]
     assert client.set_mute(True) == 0
     reply = client.get_mute()

@@ -11,7 +11,7 @@ import xml.etree.ElementTree
 import pytest
 
 from harness import PATIENCE, ROOT, FolderWatch
-from kavrel_tv import Tool, refused
+from kavrel_tv import KavrelTv, refused
 
 SCENARIOS = sorted((ROOT / "scenarios").glob("*.txt"))
 HEADER = ["seconds", "main_gain", "sub_gain", "volume", "mute", "event"]
@@ -21,7 +21,7 @@ FULL_FADE = list(range(0, 101, 5))
 @pytest.fixture
 def tool(scene):
     scene.start()
-    tool = Tool(scene)
+    tool = KavrelTv(scene)
     tool.devices("--delay", "20")
     return tool
 
@@ -167,7 +167,7 @@ def test_a_missing_file_is_told(tool):
 def test_without_kavreld_it_says_so(scene, tmp_path):
     scene.tv.path.mkdir()
     (tmp_path / "scenario.txt").write_text("volume 20\n")
-    done = Tool(scene).run("play", str(tmp_path / "scenario.txt"))
+    done = KavrelTv(scene).run("play", str(tmp_path / "scenario.txt"))
     assert done.returncode == 2
     assert refused(done) == "kavreld is not running: nobody on the bus owns org.olvane.kavrel"
 
@@ -282,7 +282,7 @@ def test_a_plot_is_one_picture_with_axes_units_legend_and_marks(tool, recording,
 ])
 def test_what_is_no_recording_is_refused_with_its_line(scene, tmp_path, text, message):
     (tmp_path / "some.csv").write_text(text)
-    done = Tool(scene).run("plot", str(tmp_path / "some.csv"), str(tmp_path / "some.svg"))
+    done = KavrelTv(scene).run("plot", str(tmp_path / "some.csv"), str(tmp_path / "some.svg"))
     assert done.returncode == 1 and not (tmp_path / "some.svg").exists()
     assert message in refused(done) or (text == "" and "the recording is empty" in refused(done))
 
@@ -290,7 +290,7 @@ def test_what_is_no_recording_is_refused_with_its_line(scene, tmp_path, text, me
 def test_hostile_event_texts_reach_neither_gnuplot_nor_the_csv_s_form(scene, tmp_path):
     event = "it's `touch {0}/owned` \\\" $x @y \\n <b>&amp;".format(tmp_path)
     (tmp_path / "odd.csv").write_text(",".join(HEADER) + f"\n0.0,100,100,10,0,start\n0.5,100,,10,1,{event}\n1.0,0,0,0,0,end\n")
-    Tool(scene)("plot", str(tmp_path / "odd.csv"), str(tmp_path / "odd.svg"))
+    KavrelTv(scene)("plot", str(tmp_path / "odd.csv"), str(tmp_path / "odd.svg"))
     xml.etree.ElementTree.parse(tmp_path / "odd.svg")
     assert not (tmp_path / "owned").exists()
 

@@ -8,6 +8,7 @@ import threading
 import pytest
 
 from harness import READY
+from interface import read_methods
 
 INT_MAX, INT_MIN = 2**31 - 1, -2**31
 DEFAULT_TV = {
@@ -120,9 +121,10 @@ def test_multi_view_information_that_does_not_say_on_is_off(scene, tv, client, i
     assert daemon.is_alive()
 
 
-@pytest.mark.parametrize("method, signature", [
-    ("SetSpeakerVolume", "i"), ("ApplyPlayerFadeIn", "i"), ("ApplyUnmuteFadeIn", "i"), ("ResetPlayerGain", "i"),
-    ("ApplyGainOnMute", "ii")])
+METHODS_OF_INTEGERS = [(method.name, method.signature) for method in read_methods() if set(method.signature) == {"i"}]
+
+
+@pytest.mark.parametrize("method, signature", METHODS_OF_INTEGERS)
 def test_every_integer_is_answered_with_a_status(daemon, client, method, signature):
     for value in (INT_MIN, INT_MIN + 1, -101, -100, -1, 0, 1, 2, 3, 4, 7, 100, 101, 65535, INT_MAX - 1, INT_MAX):
         reply = client.call(method, signature, *[value] * len(signature))

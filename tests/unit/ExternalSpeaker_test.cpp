@@ -24,8 +24,8 @@ constexpr int UNTOUCHED = 12345;
 constexpr const char* SET_LEVEL_KEY = "memory/menu/network/screenmirroring/set_volume_level";
 constexpr const char* SET_MUTE_KEY = "memory/menu/network/screenmirroring/set_volume_mute";
 
-/** A class and its three keys. */
-struct Output {
+/** A speaker class and the three settings keys that it uses. */
+struct OutputKeys {
     std::string name;
     std::function<std::unique_ptr<ExternalSpeaker>()> make;
     std::string supportKey;
@@ -33,18 +33,18 @@ struct Output {
     std::string muteKey;
 };
 
-void PrintTo(const Output& output, std::ostream* out) {
+void PrintTo(const OutputKeys& output, std::ostream* out) {
     *out << output.name;
 }
 
 template <typename Speaker>
-Output MirroringOutput(const std::string& name, const std::string& ending) {
+OutputKeys MirroringOutput(const std::string& name, const std::string& ending) {
     const std::string folder = "memory/menu/network/screenmirroring/";
     return {name, [] { return std::make_unique<Speaker>(); }, folder + "volume_support_" + ending,
             folder + "get_volume_level_" + ending, folder + "get_volume_mute_" + ending};
 }
 
-const std::vector<Output> OUTPUTS = {
+const std::vector<OutputKeys> OUTPUTS = {
     MirroringOutput<NKavrel::HDMISpeaker>("HDMISpeaker", "hdmi"),
     MirroringOutput<NKavrel::OpticalSpeaker>("OpticalSpeaker", "optical"),
     MirroringOutput<NKavrel::WifiSpeaker>("WifiSpeaker", "mlr"),
@@ -67,7 +67,7 @@ std::string Ignore(const std::string& key) {
     return Quoted("vconf_ignore_key_changed", key);
 }
 
-class ExternalSpeakerTest : public testing::TestWithParam<Output> {
+class ExternalSpeakerTest : public testing::TestWithParam<OutputKeys> {
 protected:
     void SetSupport(int word) { seam.SetInt(keys.supportKey, word); }
 
@@ -76,7 +76,7 @@ protected:
                                  [this](int mute) { heard.push_back("mute " + std::to_string(mute)); });
     }
 
-    const Output& keys = GetParam();
+    const OutputKeys& keys = GetParam();
     FakeSeam& seam = FakeSeam::Get();
     std::vector<std::string> heard;
     std::unique_ptr<ExternalSpeaker> speaker = keys.make();

@@ -15,13 +15,14 @@ using testing::IsEmpty;
 
 namespace {
 
-struct Heard {
+/** The values with which the callbacks below were called. */
+struct ReceivedReports {
     std::vector<std::string> texts;
     std::thread::id thread;
 };
 
 void HearKey(keynode_t* node, void* data) {
-    auto* heard = static_cast<Heard*>(data);
+    auto* heard = static_cast<ReceivedReports*>(data);
     const char* name = vconf_keynode_get_name(node);
     const char* text = vconf_keynode_get_str(node);
     heard->texts.push_back(std::string(name == nullptr ? "NULL" : name) + '=' +
@@ -35,20 +36,20 @@ void HearKeyToo(keynode_t* node, void* data) {
 }
 
 void HearNumber(unsigned int value, void* data) {
-    static_cast<Heard*>(data)->texts.push_back(std::to_string(value));
+    static_cast<ReceivedReports*>(data)->texts.push_back(std::to_string(value));
 }
 
 void HearRoute(sound_tv_output_route_e route, void* data) {
-    static_cast<Heard*>(data)->texts.push_back("route " + std::to_string(route));
+    static_cast<ReceivedReports*>(data)->texts.push_back("route " + std::to_string(route));
 }
 
 void HearZoneRoute(sound_tv_output_route_e route, int zone, void* data) {
-    static_cast<Heard*>(data)->texts.push_back("zone " + std::to_string(zone) + " route " +
-                                               std::to_string(route));
+    static_cast<ReceivedReports*>(data)->texts.push_back("zone " + std::to_string(zone) + " route " +
+                                                         std::to_string(route));
 }
 
 void HearFocus(int zone, void* data) {
-    static_cast<Heard*>(data)->texts.push_back("focus " + std::to_string(zone));
+    static_cast<ReceivedReports*>(data)->texts.push_back("focus " + std::to_string(zone));
 }
 
 void SayAs(const char* function) {
@@ -59,7 +60,7 @@ void SayAs(const char* function) {
 class FakeSeamTest : public testing::Test {
 protected:
     FakeSeam& seam = FakeSeam::Get();
-    Heard heard;
+    ReceivedReports heard;
 };
 
 TEST_F(FakeSeamTest, CallsReadLikeSource) {
@@ -194,7 +195,7 @@ TEST_F(FakeSeamTest, AChangedSettingIsReportedOnTheCallingThread) {
 }
 
 TEST_F(FakeSeamTest, WatchesAreToldApartByKeyAndCallback) {
-    Heard other;
+    ReceivedReports other;
     vconf_notify_key_changed("memory/a", HearKey, &other);
     vconf_notify_key_changed("memory/a", HearKeyToo, &other);
     vconf_notify_key_changed("memory/a", HearKey, &heard);
@@ -217,7 +218,7 @@ TEST_F(FakeSeamTest, ATestMayReportANodeOfItsOwnMakingFromAnotherThread) {
 }
 
 TEST_F(FakeSeamTest, MuteReachesBothOfItsCallbacks) {
-    Heard tv;
+    ReceivedReports tv;
     audio_register_master_mute_changed_cb(HearNumber, &heard);
     sound_manager_set_tv_master_mute_changed_cb(HearNumber, &tv);
     audio_set_master_mute(true);

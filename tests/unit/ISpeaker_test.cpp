@@ -29,29 +29,29 @@ namespace {
 constexpr std::string_view TV_SWITCH = "/opt/etc/.enable_tv_spk";
 constexpr std::string_view BT_SWITCH = "/opt/etc/.enable_bt_spk";
 
-/** What the existence test of the two switch files answers. */
-struct Switches {
+/** The results of access() for the two switch files, and the modes with which it was called. */
+struct SwitchFiles {
     int tv = -1;
     int bt = -1;
     std::vector<int> modes;
 };
-Switches switches;
+SwitchFiles switchFiles;
 
 int AskedFor(int answer, int mode) {
-    switches.modes.push_back(mode);
+    switchFiles.modes.push_back(mode);
     errno = answer == 0 ? 0 : EACCES;
     return answer;
 }
 
 }  // namespace
 
-/** Stands in for the C library's: the switch files are absolute paths that no test may touch. */
+/** Replaces the C library's function, because the switch files have absolute paths that no test may touch. */
 extern "C" int access(const char* path, int mode) noexcept {
     if (path == TV_SWITCH) {
-        return AskedFor(switches.tv, mode);
+        return AskedFor(switchFiles.tv, mode);
     }
     if (path == BT_SWITCH) {
-        return AskedFor(switches.bt, mode);
+        return AskedFor(switchFiles.bt, mode);
     }
     return faccessat(AT_FDCWD, path, mode, 0);
 }
@@ -90,7 +90,7 @@ std::vector<Row> RealSpeakers() {
 
 class ISpeakerTest : public testing::Test {
 protected:
-    ISpeakerTest() { switches = Switches(); }
+    ISpeakerTest() { switchFiles = SwitchFiles(); }
 
     static std::unique_ptr<ISpeaker> Create(int route) {
         return std::unique_ptr<ISpeaker>(ISpeaker::CreateSpeaker(route));
@@ -129,18 +129,18 @@ TEST_F(ISpeakerTest, RouteElevenIsATvSpeakerAlthoughItUsesTheOpticalOutput) {
 }
 
 TEST_F(ISpeakerTest, TheTvSwitchFileTurnsAllSixTvRoutesAndNothingElseIntoTheEmulator) {
-    switches.tv = 0;
+    switchFiles.tv = 0;
     for (Row row : RealSpeakers()) {
         if (row.type == TV) {
             row = {row.route, TV_EMULATOR, "I Create TV Speaker Emulator"};
         }
         ExpectCreates(row);
     }
-    EXPECT_EQ(std::ranges::count(switches.modes, F_OK), std::ssize(switches.modes));
+    EXPECT_EQ(std::ranges::count(switchFiles.modes, F_OK), std::ssize(switchFiles.modes));
 }
 
 TEST_F(ISpeakerTest, TheBluetoothSwitchFileTurnsBothBluetoothRoutesAndNothingElseIntoTheEmulator) {
-    switches.bt = 0;
+    switchFiles.bt = 0;
     for (Row row : RealSpeakers()) {
         if (row.type == BT) {
             row = {row.route, BT_EMULATOR, "I Create BT Speaker Emulator"};
@@ -151,17 +151,17 @@ TEST_F(ISpeakerTest, TheBluetoothSwitchFileTurnsBothBluetoothRoutesAndNothingEls
 
 TEST_F(ISpeakerTest, TheSwitchFilesAreLookedAtOnEveryCall) {
     ExpectCreates({0, TV, "I Create TV Speaker"});
-    switches.tv = 0;
+    switchFiles.tv = 0;
     ExpectCreates({0, TV_EMULATOR, "I Create TV Speaker Emulator"});
-    switches.tv = -1;
+    switchFiles.tv = -1;
     ExpectCreates({0, TV, "I Create TV Speaker"});
-    EXPECT_EQ(switches.modes.size(), 3U);
+    EXPECT_EQ(switchFiles.modes.size(), 3U);
 }
 
 TEST_F(ISpeakerTest, OnlyAZeroResultOfTheExistenceTestSelectsTheEmulator) {
     for (const int answer : {-1, 1, -13}) {
-        switches.tv = answer;
-        switches.bt = answer;
+        switchFiles.tv = answer;
+        switchFiles.bt = answer;
         ExpectCreates({0, TV, "I Create TV Speaker"});
         ExpectCreates({3, BT, "I Create BT Speaker"});
     }
@@ -171,7 +171,7 @@ TEST_F(ISpeakerTest, OtherRoutesLookAtNoSwitchFile) {
     for (const int route : {1, 2, 4, 7, 8, 9, 10, 15, 19, 20}) {
         Create(route);
     }
-    EXPECT_THAT(switches.modes, IsEmpty());
+    EXPECT_THAT(switchFiles.modes, IsEmpty());
 }
 
 TEST_F(ISpeakerTest, DestroyingThroughTheInterfaceRunsTheConcreteDestructors) {

@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-/** The four fade-in workers. */
+/** Tests the four fade-in workers. */
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -54,7 +54,10 @@ std::vector<int> operator+(std::vector<int> gains, const std::vector<int>& more)
 
 class KVAudioGainHandlerFadeTest : public fake::GainFixture {
 protected:
-    /** A whole life of a fade: what its worker logs and calls from waking to sleeping. */
+    /**
+     * Matches the log lines and calls of a worker during one whole fade, from its wake-up until it sleeps
+     * again.
+     */
     static auto FadesFromTo(eKVGainHandlerType worker, int from, int to) {
         const std::string& name = GainHandlerName[worker];
         return ElementsAre("I Wake " + name + ". gain:" + std::to_string(from),
@@ -62,7 +65,7 @@ protected:
                            ASK_POPUP, "I Sleep " + name);
     }
 
-    /** Starts a fade at a gain of the test's choice. */
+    /** Starts a fade-in from the given gain. */
     void FadeFrom(eKVGainHandlerType worker, int from) {
         EXPECT_EQ(gain->_ApplyAudioGain(worker, 3, from, false), 0);
     }
@@ -332,7 +335,7 @@ TEST_F(KVAudioGainHandlerFadeTest, WithGainControlDisabledAFadeMovesTheStoredGai
     EXPECT_THAT(Journal("AudioGainOutH"), Contains("E Disable Gain Control"));
 }
 
-// The end of a fade on the screen: here without a bus to send it on.
+// The popup after a fade; this program has no bus to send its message on.
 
 TEST_F(KVAudioGainHandlerFadeTest, APopupThatCannotBeSentIsOnlyLogged) {
     setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
@@ -366,7 +369,7 @@ TEST_F(KVAudioGainHandlerFadeTest, APopupEventThatCannotBeAskedForMeansNoPopup) 
     EXPECT_THAT(Journal("PlayerMainOutH"), FadesFromTo(GAIN_HANDLER_PLAYER_MAIN_OUT, 97, 100));
 }
 
-// The end of the controller
+// Destruction of the controller
 
 TEST_F(KVAudioGainHandlerFadeTest, DestructionLetsAFadeUnderWayFinishFirst) {
     Start();

@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-/** The pulse worker and the gain-out worker. */
+/** Tests the pulse worker and the gain-out worker. */
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -36,12 +36,12 @@ constexpr const char* WAKE = "I Wake PulseRampH";
 constexpr const char* IDLE = "I remain count is 0, Nothing to do!";
 constexpr const char* SLEEP = "I Sleep PulseRampH";
 
-/** A 32-bit number, as it wraps. */
+/** The number that remains when `number` overflows 32 bits. */
 int Wrapped(int64_t number) {
     return static_cast<int>(static_cast<uint32_t>(number));
 }
 
-/** The gains of a ramp's ten steps. */
+/** The gains of the ten steps of a ramp. */
 std::vector<int> RampGains(int start, int target) {
     std::vector<int> gains;
     for (int64_t step = 1; step <= 10; ++step) {
@@ -51,7 +51,7 @@ std::vector<int> RampGains(int start, int target) {
     return gains;
 }
 
-/** What the pulse worker logs for the last steps of a ramp, one for each gain. */
+/** The lines that the pulse worker logs for the last steps of a ramp, one for each gain. */
 std::vector<std::string> StepLines(const std::vector<int>& gains, unsigned int timeout) {
     std::vector<std::string> lines;
     for (std::size_t remain = gains.size(); remain > 0; --remain) {
@@ -78,7 +78,7 @@ protected:
 
     std::vector<int> PulseStores() const { return StoredGains(GAIN_HANDLER_PULSE_RAMP); }
 
-    /** Log lines of the pulse worker alone, without those of the outputs that it writes. */
+    /** The log lines of the pulse worker, without those about the outputs that it writes. */
     Lines PulseLines() const {
         Lines lines = Journal(PULSE_WORKER);
         std::erase_if(lines, [](const std::string& line) {
@@ -94,7 +94,7 @@ protected:
         return {target, duration};
     }
 
-    /** Times at which the gain-out worker looked at the main output's total. */
+    /** The times at which the gain-out worker read the total of the main output. */
     std::vector<fake::Clock::time_point> MainTurns() const {
         std::vector<fake::Clock::time_point> times;
         for (const fake::Entry& entry : Entries(OUT_WORKER)) {
@@ -105,8 +105,10 @@ protected:
         return times;
     }
 
-    /** The shortest of the first periods of the gain-out worker; one that is long enough may be taken for it
-     *  on a slow machine, a shorter one never. Ends when one is below `expected`. */
+    /**
+     * The shortest of the first periods of the gain-out worker. A slow machine can lengthen a period but
+     * never shorten one. Stops early at a period shorter than `expected`.
+     */
     Milliseconds ShortestPeriod(Milliseconds expected) {
         constexpr std::size_t PERIODS = 50;
         Milliseconds shortest = Milliseconds::max();
@@ -240,7 +242,7 @@ TEST_F(KVAudioGainHandlerPulseTest, AStepAboveFullGainIsNotStored) {
     EXPECT_THAT(PulseStores(), ElementsAreArray(stored));
 }
 
-// At once
+// Changes without a ramp
 
 TEST_F(KVAudioGainHandlerPulseTest, WithoutADurationThePulseWorkerWritesBothOutputsItself) {
     Start();
@@ -452,7 +454,7 @@ TEST_F(KVAudioGainHandlerPulseTest, AHardwareThatFailsDoesNotEndTheGainOutWorker
     EXPECT_EQ(seam.MainGainValue(), 10);
 }
 
-// The end of the controller
+// Destruction of the controller
 
 TEST_F(KVAudioGainHandlerPulseTest, DestructionLetsARampTakeOnlyTheStepUnderWay) {
     for (const auto& [duration, timeout] : {std::pair{-1000, 4294967196U}, {600000, 60000U}}) {

@@ -1,8 +1,8 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
 /**
- * The controller's workers at the level of the thread library: how they are started, woken, locked out and
- * joined. This program defines the library's functions in its place; each enters the journal and passes on.
+ * Tests how the controller starts, wakes, locks out and joins its workers. This program replaces functions of
+ * the thread library: each enters the journal and then calls the library's function.
  */
 #include <dlfcn.h>
 #include <gmock/gmock.h>
@@ -34,24 +34,27 @@ using testing::IsEmpty;
 
 namespace {
 
-/** What stands behind a function that this program defines. */
+/** The library's function that a function of this program replaces. */
 template <typename Function>
 Function* Library(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
 std::mutex startsMutex;
-/** Threads in the order of their starts; guarded by startsMutex. */
+/** The threads in the order of their starts. startsMutex guards it. */
 std::vector<pthread_t> starts;
 /** Whether starts and joins enter the journal. */
 std::atomic<bool> watchesThreads = false;
 
-/** First of the controller's seven condition variables, once known; one of its bytes till then. */
+/**
+ * The address of the controller's seven condition variables, once known; before, any address inside the
+ * controller.
+ */
 std::atomic<const char*> conditions = nullptr;
-/** The last condition variable inside the controller that was notified. */
+/** The condition variable inside the controller that was notified last. */
 std::atomic<const char*> notified = nullptr;
 
-/** Lets this thread's timed locks fail. */
+/** Whether timed locks of this thread fail. */
 thread_local bool locksFail = false;
 
 std::string Place(pthread_t thread) {
@@ -101,7 +104,7 @@ int pthread_cond_broadcast(pthread_cond_t* condition) noexcept {
 }
 
 #ifdef __SANITIZE_THREAD__
-// The shim of that build makes one of these of the other.
+// In a ThreadSanitizer build tsan_clocklock.cpp already replaces pthread_mutex_clocklock by this function.
 int pthread_mutex_timedlock(pthread_mutex_t* mutex, const timespec* deadline) noexcept {
     static auto* const lock = Library<decltype(pthread_mutex_timedlock)>("pthread_mutex_timedlock");
     return locksFail ? ETIMEDOUT : lock(mutex, deadline);
@@ -139,11 +142,14 @@ protected:
         conditions = nullptr;
     }
 
-    /** From here on the notifications of the controller's condition variables are in the journal, as
-     *  "notify(2)" for that of worker 2. */
+    /**
+     * From now on each notification of the controller's condition variables enters the journal, as
+     * "notify(2)" for the condition variable of worker 2.
+     */
     void WatchNotifications() {
         conditions = reinterpret_cast<const char*>(&*gain);
-        EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_PLAYER, 100, 1), 0);  // wakes the gain-out worker, the last
+        // Notifies the gain-out worker, whose condition variable is the last one.
+        EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_PLAYER, 100, 1), 0);
         conditions = notified - 6 * sizeof(std::condition_variable);
         ASSERT_TRUE(Rest());
         Mark();
@@ -155,7 +161,7 @@ protected:
         watchesThreads = true;
     }
 
-    /** The journal of a thread without the calls and lines of which the text begins with none of these. */
+    /** The entries of a thread's journal whose text begins with one of these prefixes. */
     std::vector<std::string> Journal(const std::string& thread,
                                      const std::vector<std::string>& beginnings) const {
         std::vector<std::string> texts = GainFixture::Journal(thread);
@@ -166,7 +172,7 @@ protected:
         return texts;
     }
 
-    /** Lets the timed lock inside the n-th call of a worker's function fail. */
+    /** Makes the timed lock fail inside the n-th call of a function by a worker. */
     void FailLock(const std::string& worker, const std::string& function, int nth) {
         const auto isThere = [worker] {
             std::array<char, 16> name = {};
@@ -202,7 +208,7 @@ INSTANTIATE_TEST_SUITE_P(NthThread, KVAudioGainHandlerThreadsFailureTest, testin
 
 TEST_P(KVAudioGainHandlerThreadsFailureTest, AThreadThatCannotStartStopsThoseBeforeAndThrows) {
     const int failing = GetParam();
-    /** The places, in the order of their starts, of those before it, in the order of their keys. */
+    /** For each failing start, the joins of the threads started before it, in the order of their keys. */
     const std::vector<std::vector<std::string>> joins = {
         {},
         {"pthread_join(1)"},
@@ -336,7 +342,7 @@ TEST_F(KVAudioGainHandlerThreadsTest, AnIdlePulseWorkerThatIsWokenWithoutAReques
     EXPECT_THAT(StoredGains(GAIN_HANDLER_PULSE_RAMP), ElementsAre(50));
 }
 
-// Ending
+// Destruction
 
 TEST_F(KVAudioGainHandlerThreadsTest, DestructionWakesAllAndJoinsThemInTheOrderOfTheirNumbers) {
     WatchThreads();
@@ -353,7 +359,7 @@ TEST_F(KVAudioGainHandlerThreadsTest, DestructionWakesAllAndJoinsThemInTheOrderO
         << "started 5th, 3rd, 4th, 1st, 2nd and 6th";
 }
 
-// Locks that are not had in time
+// Locks that time out
 
 TEST_F(KVAudioGainHandlerThreadsTest, WithoutTheLockAGetterLeavesTheCallersValueAndASetterTheSlot) {
     Start();
@@ -412,7 +418,7 @@ TEST_F(KVAudioGainHandlerThreadsTest, AFadeWhoseFirstReadFailsBeginsAtZero) {
 
 TEST_F(KVAudioGainHandlerThreadsTest, AFadeWhoseReadFailsStepsFromTheOldGainAgain) {
     Start();
-    // It reads at the beginning and after each step; this test reads each store, too.
+    // The worker reads once at its start and after each step; the fixture also reads after each store.
     FailLock("PlayerMainOutH", GET_GAIN, 5);
     gain->_ApplyAudioGain(GAIN_HANDLER_PLAYER_MAIN_OUT, 1, 80, false);
     ASSERT_TRUE(Rest());
@@ -421,7 +427,8 @@ TEST_F(KVAudioGainHandlerThreadsTest, AFadeWhoseReadFailsStepsFromTheOldGainAgai
 }
 
 TEST_F(KVAudioGainHandlerThreadsTest, AFadeWhoseStoreFailsTakesTheStepAgain) {
-    FailLock("PlayerMainOutH", SET_GAIN, 2);  // before this test's own reading of each store
+    FailLock("PlayerMainOutH", SET_GAIN,
+             2);  // its hooks must run before Start()'s, which read each stored gain
     Start();
     gain->_ApplyAudioGain(GAIN_HANDLER_PLAYER_MAIN_OUT, 1, 85, false);
     ASSERT_TRUE(Rest());

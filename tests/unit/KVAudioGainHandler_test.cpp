@@ -239,8 +239,8 @@ TEST_F(KVAudioGainHandlerTest, WithoutTheAudioControlInstanceNothingIsWritten) {
     EXPECT_EQ(seam.MainGainValue(), 30);
 }
 
-// A write of an output is held up in the hardware's setter, so that the lock of both outputs' writes, which
-// is that of the gain-out worker's slot, stays taken.
+// The hardware's setter blocks a write of an output. Meanwhile the writer keeps the gain-out worker's lock,
+// which guards the writes of both outputs.
 TEST_F(KVAudioGainHandlerTest, ABusyLockIsGivenUpAfterThreeSeconds) {
     Start();
     gain->SetSrcGain(GAIN_HANDLER_PULSE_RAMP, 60);
@@ -447,7 +447,8 @@ TEST_F(KVAudioGainHandlerTest, RequestsFromManyThreadsAtOnceLeaveTheGainsOfTheLa
     two.join();
     three.join();
     ASSERT_TRUE(Rest());
-    gain->ApplyPulseAudioGain(49, 0);  // of quick requests the last one may be taken for the one before
+    // The worker may have taken the last of the quick requests for the one before it, so repeat it at rest.
+    gain->ApplyPulseAudioGain(49, 0);
     ASSERT_TRUE(Rest());
     EXPECT_THAT(AllGains(), ElementsAre(100, 49, 49, 49, 49, 49, 100));
     EXPECT_EQ(seam.MainGainValue(), 49 * 49 * 49 / 10000);
@@ -626,7 +627,7 @@ TEST_F(KVAudioGainHandlerTest, AThreadBodyWithoutAnObjectReturns) {
     EXPECT_EQ(fake::ThreadNames(), before) << "the calling thread keeps its name";
 }
 
-// The gain-control switch
+// Gain control switched on and off by the projector
 
 TEST_F(KVAudioGainHandlerTest, WithoutTheProjectorFeatureTheReadyKeyIsNeitherReadNorWatched) {
     seam.SetInt(READY_KEY, 0);

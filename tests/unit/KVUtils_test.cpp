@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-/** The platform utilities, without a bus; with one they are tested among the components. */
+/** Tests the platform utilities without a bus; KVUtilsBus_test.cpp tests them with one. */
 #include "KVUtils.h"
 
 #include <gmock/gmock.h>
@@ -12,9 +12,12 @@
 #include <set>
 
 #include "FakeSeam.h"
+#include "GLibPtr.h"
 #include "KVDefine.h"
+#include "WatchedBody.h"
 
 using fake::FakeSeam;
+using fake::WatchedBody;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -30,26 +33,10 @@ constexpr const char* FEATURE_CALL =
 
 void OnKey(keynode_t*, void*) {}
 
-/** Ends a process that was started for one check, and says whether that held. */
+/** Ends a process that runs one check, with a status that says whether the check passed. */
 [[noreturn]] void EndProcess() {
     std::_Exit(testing::Test::HasFailure() ? EXIT_FAILURE : EXIT_SUCCESS);
 }
-
-/** A signal body "(i)" that tells when its last reference is gone. */
-class WatchedBody {
-public:
-    GVariant* Floating() {
-        return g_variant_new_from_data(G_VARIANT_TYPE("(i)"), &m_number, sizeof m_number, TRUE, OnFreed,
-                                       this);
-    }
-    int TimesFreed() const { return m_freed; }
-
-private:
-    static void OnFreed(void* self) { ++static_cast<WatchedBody*>(self)->m_freed; }
-
-    int m_number = 7;
-    int m_freed = 0;
-};
 
 class KVUtilsTest : public testing::Test {
 protected:
@@ -322,13 +309,13 @@ TEST_F(KVUtilsTest, ACallWithANullNameIsRefusedBeforeTheBusIsTouchedAndItsParame
 
 TEST_F(KVUtilsTest, OneReferenceIsTakenOverHoweverTheBodyComes) {
     WatchedBody body;
-    GVariant* mine = g_variant_ref_sink(body.Floating());
-    KVUtils::DbusEmitSignal(nullptr, "b.c", "Sig", g_variant_ref(mine));
-    KVUtils::DbusEmitSignal("/a", "b.c", "Sig", g_variant_ref(mine));
-    KVUtils::DbusCallSync("a.b", "/a", "b.c", nullptr, g_variant_ref(mine), nullptr);
-    KVUtils::DbusCallSync("a.b", "/a", "b.c", "Do", g_variant_ref(mine), nullptr);
+    tools::Variant mine(g_variant_ref_sink(body.Floating()));
+    KVUtils::DbusEmitSignal(nullptr, "b.c", "Sig", g_variant_ref(mine.get()));
+    KVUtils::DbusEmitSignal("/a", "b.c", "Sig", g_variant_ref(mine.get()));
+    KVUtils::DbusCallSync("a.b", "/a", "b.c", nullptr, g_variant_ref(mine.get()), nullptr);
+    KVUtils::DbusCallSync("a.b", "/a", "b.c", "Do", g_variant_ref(mine.get()), nullptr);
     EXPECT_EQ(body.TimesFreed(), 0) << "the caller's own reference is left alone";
-    g_variant_unref(mine);
+    mine.reset();
     EXPECT_EQ(body.TimesFreed(), 1);
 }
 

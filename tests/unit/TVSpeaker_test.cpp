@@ -115,8 +115,8 @@ TEST_F(TVSpeakerTest, RegistersVolumeThenMuteOnceHoweverOftenItIsAsked) {
     speaker->SetChangedCB();
     speaker->SetChangedCB();
     EXPECT_THAT(seam.Journal(), ElementsAre(REGISTER_VOLUME, REGISTER_MUTE));
-    EXPECT_EQ(seam.VolumeSlot().data, &*speaker);
-    EXPECT_EQ(seam.MuteSlot().data, &*speaker);
+    EXPECT_EQ(seam.VolumeRegistration().data, &*speaker);
+    EXPECT_EQ(seam.MuteRegistration().data, &*speaker);
 }
 
 TEST_F(TVSpeakerTest, AFailedVolumeRegistrationStopsThere) {
@@ -136,7 +136,7 @@ TEST_F(TVSpeakerTest, AFailedMuteRegistrationLeavesTheVolumeOneAndTheNextTryMake
     speaker->SetChangedCB();
     EXPECT_THAT(seam.Journal(),
                 ElementsAre(REGISTER_VOLUME, REGISTER_MUTE, "E set mute changed_cb failed ab"));
-    EXPECT_EQ(seam.VolumeSlot().data, &*speaker) << "it is not rolled back";
+    EXPECT_EQ(seam.VolumeRegistration().data, &*speaker) << "it is not rolled back";
     seam.Clear();
     speaker->UnsetChangedCB();
     EXPECT_THAT(seam.Journal(), IsEmpty()) << "nothing to undo after a failed registration";
@@ -200,8 +200,8 @@ TEST_F(TVSpeakerTest, AReportWithoutUserDataIsLoggedAndCallsNothing) {
     SetHandlers();
     speaker->SetChangedCB();
     seam.Clear();
-    seam.VolumeSlot().callback(5, nullptr);
-    seam.MuteSlot().callback(1, nullptr);
+    seam.VolumeRegistration().callback(5, nullptr);
+    seam.MuteRegistration().callback(1, nullptr);
     EXPECT_THAT(seam.Journal(), ElementsAre("E data is NULL", "E data is NULL"));
     EXPECT_EQ(seam.Entries()[1].site.function, "VolumeChangedCallback");
     EXPECT_EQ(seam.Entries()[4].site.function, "MuteChangedCallback");

@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-/** What the tests of the volume control object share: a quiet TV, the object, and its workers at rest. */
+/** Base of the tests of the volume control object: an idle TV, the object, and its workers at rest. */
 #ifndef KAVREL_TESTS_VOLUMECONTROLFIXTURE_H
 #define KAVREL_TESTS_VOLUMECONTROLFIXTURE_H
 
@@ -30,7 +30,7 @@ inline constexpr const char* HDMI_SUPPORT_KEY = "memory/menu/network/screenmirro
 inline constexpr auto PLAYER = KVDefine::GAIN_SRC_PLAYER;
 inline constexpr auto UNMUTE = KVDefine::GAIN_SRC_UNMUTE;
 
-/** Holds the object's lock on another thread while it lives. */
+/** Holds the object's lock on another thread during its lifetime. */
 class BusyOnAnotherThread {
 public:
     explicit BusyOnAnotherThread(NKavrel::VolumeControlImpl& control)
@@ -56,7 +56,10 @@ private:
 
 class VolumeControlTest : public testing::Test {
 protected:
-    /** All settings that are read at the start are there: cable in, no mirroring, single view, no headset. */
+    /**
+     * Sets all settings that the object reads at its start: cable connected, no mirroring, single view, no
+     * headset.
+     */
     VolumeControlTest() {
         seam.SetInt(SPDIF_KEY, 1);
         seam.SetInt(TV2MOBILE_KEY, 0);
@@ -64,19 +67,19 @@ protected:
         seam.SetInt(SUB_BT_KEY, -1);
     }
 
-    /** Makes the object, waits until its workers rest, and empties the journal. */
+    /** Creates the object, waits until its workers rest, and empties the journal. */
     void Start() {
         Make();
         seam.Clear();
     }
 
-    /** The same, with the journal of the start kept. */
+    /** Does the same, but keeps the journal. */
     void Make() {
         control = std::make_unique<NKavrel::VolumeControlImpl>();
         ASSERT_TRUE(WorkersRest());
     }
 
-    /** Multi-view on: zone 1 in focus on the TV speaker, zone 2 on HDMI. */
+    /** Starts in multi-view: zone 1 has the focus and plays on the TV speaker, zone 2 plays on HDMI. */
     void StartInMultiView() {
         seam.SetStr(MULTIVIEW_KEY, R"({"mode": "on"})");
         seam.SetZones({{1, 0}, {2, 2}});
@@ -84,7 +87,7 @@ protected:
         Start();
     }
 
-    /** Leaves the unmute gain there, and no worker about to write it once more. */
+    /** Sets the unmute gain and waits until no worker will write it again. */
     void SetUnmuteGain(int gain) {
         constexpr const char* ROUND_OVER = "I Sleep AudioGainOut";
         const auto before = seam.Count(ROUND_OVER);
@@ -92,7 +95,7 @@ protected:
         ASSERT_TRUE(seam.WaitFor(ROUND_OVER, before + 1));
     }
 
-    /** Registers a listener that writes down what it is told: "VOLUME_CHANGED 0xffff 30". */
+    /** Registers a listener that records each change: "VOLUME_CHANGED 0xffff 30". */
     void Listen(const std::string& event) {
         control->SetEventHandler(event, [this, event](int support, int value) {
             char word[16];

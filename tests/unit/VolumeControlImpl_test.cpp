@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-/** The volume control object itself: its life, its listeners, its change filters. */
+/** Tests the volume control object itself: construction, destruction, listeners and change filters. */
 #include "VolumeControlImpl.h"
 
 #include <cstdlib>
@@ -17,7 +17,7 @@ using testing::IsEmpty;
 
 namespace {
 
-/** Made once per process: only by the first test that makes an object. */
+/** The daemon makes this call once per process, so only the first test that creates an object sees it. */
 constexpr const char* INTERNAL_SPEAKER_CALL =
     "system_info_get_custom_bool(\"com.norvik/featureconf/internal_speaker_supported\")";
 
@@ -105,10 +105,10 @@ TEST_F(VolumeControlImplTest, TheEndUndoesEverythingInItsOrder) {
                     "audio_unregister_master_volume_changed_cb()", "E Already unset event handler",
                     "system_info_get_custom_bool(\"com.norvik/featureconf/projector_feature_support\")",
                     "vconf_ignore_key_changed(\"memory/org.olvane.btapp/sub_audio_zoneid\")"));
-    EXPECT_EQ(seam.VolumeSlot().callback, nullptr);
-    EXPECT_EQ(seam.RouteSlot().callback, nullptr);
-    EXPECT_EQ(seam.ZoneRouteSlot().callback, nullptr);
-    EXPECT_THAT(seam.FocusSlots(), IsEmpty());
+    EXPECT_EQ(seam.VolumeRegistration().callback, nullptr);
+    EXPECT_EQ(seam.RouteRegistration().callback, nullptr);
+    EXPECT_EQ(seam.ZoneRouteRegistration().callback, nullptr);
+    EXPECT_THAT(seam.FocusRegistrations(), IsEmpty());
 }
 
 TEST_F(VolumeControlImplTest, AReportDuringTheStartIsRefusedUntilTheFirstSpeakerStands) {
@@ -135,7 +135,7 @@ TEST_F(VolumeControlImplTest, WithoutAGainControllerYetTheGainOperationsFailSile
     std::vector<int> results;
     std::vector<std::string> said;
     seam.BeforeNext("system_info_get_custom_bool(\"com.norvik/featureconf/projector_feature_support\")", [&] {
-        auto* unfinished = static_cast<VolumeControlImpl*>(seam.RouteSlot().data);
+        auto* unfinished = static_cast<VolumeControlImpl*>(seam.RouteRegistration().data);
         const auto before = seam.LogHere().size();
         results = {unfinished->ApplyAudioGain(fake::UNMUTE, 50, 3, false),
                    unfinished->ApplyAudioGain(fake::PLAYER, 50, 3, true),
@@ -259,17 +259,17 @@ TEST_F(VolumeControlImplTest, UnsetEventHandlerRemovesAllListeners) {
     EXPECT_EQ(seam.Count("E Already set VOLUME_CHANGED event handler"), 0);
 }
 
-TEST_F(VolumeControlImplTest, AListenerMayTakeAllListenersBackWhileItRuns) {
+TEST_F(VolumeControlImplTest, AListenerMayRemoveAllListenersWhileItRuns) {
     Start();
-    const std::string own(100, 'x');  // what it holds must outlive the listeners
-    std::vector<std::string> told;
-    control->SetEventHandler("VOLUME_CHANGED", [this, own, &told](int /*type*/, int /*volume*/) {
+    const std::string own(100, 'x');  // belongs to the listener, which must live until it returns
+    std::vector<std::string> changes;
+    control->SetEventHandler("VOLUME_CHANGED", [this, own, &changes](int /*type*/, int /*volume*/) {
         control->UnsetEventHandler();
-        told.push_back(own);
+        changes.push_back(own);
     });
     seam.FireVolume(30);
     seam.FireVolume(31);
-    EXPECT_THAT(told, ElementsAre(own));
+    EXPECT_THAT(changes, ElementsAre(own));
 }
 
 TEST_F(VolumeControlImplTest, ListenersRunUnderTheLockAndMayAskTheObjectOnTheSameThread) {

@@ -1,6 +1,9 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-/** The volume control object follows the output route: reports, the optical cable, mirroring to a mobile. */
+/**
+ * Tests how the volume control object follows the route: reports, the optical cable, mirroring to a mobile
+ * device.
+ */
 #include "VolumeControlFixture.h"
 
 using fake::BusyOnAnotherThread;
@@ -31,7 +34,7 @@ std::string GetZoneRouteCall(int zone) {
 
 class VolumeControlRouteTest : public fake::VolumeControlTest {
 protected:
-    /** Makes `previous` the previous route and `current` the one in force. */
+    /** Makes `previous` the previous route and `current` the present one. */
     void Go(int previous, int current) {
         seam.FireRoute(previous);
         seam.FireRoute(current);
@@ -49,7 +52,7 @@ protected:
     }
 };
 
-// The route in force
+// The present route
 
 TEST_F(VolumeControlRouteTest, AnUnreadableRouteCountsAsTheDefault) {
     seam.SetRoute(2);
@@ -107,7 +110,7 @@ TEST_F(VolumeControlRouteTest, AnyOtherFailureOfTheZoneQueryAsksNothingElse) {
     EXPECT_EQ(seam.Count(GET_ROUTE), 0);
 }
 
-// Asking for another route
+// Requests for another route
 
 TEST_F(VolumeControlRouteTest, InSingleViewTheRouteIsSetOnceWhateverThePlatformSays) {
     Start();
@@ -218,7 +221,7 @@ TEST_F(VolumeControlRouteTest, ASingleViewRouteChangeForgetsTheZone) {
 
 TEST_F(VolumeControlRouteTest, ARouteReportWithoutUserDataIsLoggedAndDropped) {
     Start();
-    seam.RouteSlot().callback(2, nullptr);
+    seam.RouteRegistration().callback(2, nullptr);
     EXPECT_THAT(seam.JournalHere(), ElementsAre("E data is NULL"));
     EXPECT_EQ(seam.FunctionOf("E data is NULL"), "SpeakerChangedCallback");
     EXPECT_EQ(control->GetSpeakerSelection(), 0);

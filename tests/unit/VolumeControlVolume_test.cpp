@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-/** Volume, mute and gain of the current output through the volume control object. */
+/** Tests volume, mute and gains of the present output through the volume control object. */
 #include "VolumeControlFixture.h"
 
 using fake::BusyOnAnotherThread;
@@ -23,7 +23,7 @@ protected:
         Start();
     }
 
-    /** Muted, as the speaker reported. */
+    /** Starts with a speaker that reports that it is muted. */
     void StartMuted() {
         seam.SetMute(true);
         Start();
@@ -331,7 +331,7 @@ TEST_F(VolumeControlVolumeTest, OtherSourcesAndPathsAreTheGainControllersBusines
 
 TEST_F(VolumeControlVolumeTest, ThePulseGainIsPassedOn) {
     Start();
-    // The gain-out worker, woken too, may write between the pulse worker's two writes.
+    // The request also wakes the gain-out worker, which could write between the pulse worker's two writes.
     const auto gainOut = seam.BlockNext("I AudioGainOut. Update(M:1/S:1)");
     EXPECT_EQ(control->ApplyPulseAudioGain(50, 0), 0);
     ASSERT_TRUE(seam.WaitFor("I Sleep PulseRampH"));

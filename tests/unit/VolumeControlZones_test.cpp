@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-/** The volume control object in multi-view: the mode, the zones, the audio focus. */
+/** Tests the volume control object in multi-view: the mode, the zones and the focus. */
 #include "VolumeControlFixture.h"
 
 using fake::BusyOnAnotherThread;
@@ -124,7 +124,7 @@ TEST_F(VolumeControlZonesTest, EachFailedRegistrationStopsTheSequence) {
     EXPECT_THAT(seam.Calls(), Not(Contains(GET_FOCUS))) << "the mode flag stays off";
 }
 
-// The end
+// Destruction
 
 TEST_F(VolumeControlZonesTest, EachFailedRemovalStopsTheSequence) {
     Start();
@@ -267,7 +267,7 @@ TEST_F(VolumeControlZonesTest, AModeReportThatMeetsTheLockIsLost) {
 
 TEST_F(VolumeControlZonesTest, AZoneReportWithoutUserDataIsLoggedAndDropped) {
     Start();
-    seam.ZoneRouteSlot().callback(2, 1, nullptr);
+    seam.ZoneRouteRegistration().callback(2, 1, nullptr);
     EXPECT_THAT(seam.JournalHere(), ElementsAre("E data is NULL"));
     EXPECT_EQ(seam.FunctionOf("E data is NULL"), "MSViewSpeakerChangedCallback");
 }
@@ -337,7 +337,7 @@ TEST_F(VolumeControlZonesTest, WhileNoZoneIsKnownAnyZoneReportIsTakenAndItsZoneA
 
 TEST_F(VolumeControlZonesTest, AFocusReportWithoutUserDataIsLoggedAndDropped) {
     StartInMultiView();
-    seam.FocusSlots().begin()->second.callback(2, nullptr);
+    seam.FocusRegistrations().begin()->second.callback(2, nullptr);
     EXPECT_THAT(seam.JournalHere(), ElementsAre("E data is NULL"));
     EXPECT_EQ(seam.FunctionOf("E data is NULL"), "FocusChangedCallback");
 }

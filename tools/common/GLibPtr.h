@@ -46,7 +46,8 @@ public:
     operator GError**() { return &m_error; }
     const GError* operator->() const { return m_error; }
     const GError* Get() const { return m_error; }
-    explicit operator bool() const { return m_error != nullptr; }
+    /** Deleted, because `if (error)` would test the address that is handed out for the error; use Get(). */
+    explicit operator bool() = delete;
 
 private:
     GError* m_error = nullptr;

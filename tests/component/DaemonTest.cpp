@@ -1,15 +1,14 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-#include "Daemon.h"
+#include "DaemonTest.h"
 
 #include <errno.h>
 
 #include <algorithm>
-#include <stdexcept>
 
 #include "GainFixture.h"
 
-/** What the daemon compiles at its start. */
+/** The text of data/org.olvane.kavrel.xml, which the daemon contains. */
 extern "C" const char kavrel_interface_xml[];
 
 namespace {
@@ -37,39 +36,41 @@ bool IsLine(const Entry& entry) {
     return entry.kind == Entry::Kind::CALL || entry.IsLog(DLOG_INFO);
 }
 
-GDBusConnection* Connect() {
-    GError* error = nullptr;
-    GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
-        fake::BusAddress().c_str(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, &error);
-    if (connection == nullptr) {
-        const std::string message = error->message;
-        g_error_free(error);
-        throw std::runtime_error(message);
+/** "(ii)" for two integers. */
+std::string TypesOf(GDBusArgInfo** arguments) {
+    std::string types;
+    for (; arguments != nullptr && *arguments != nullptr; ++arguments) {
+        types += (*arguments)->signature;
     }
-    return connection;
+    return '(' + types + ')';
 }
 
-void Disconnect(GDBusConnection* connection) {
-    g_dbus_connection_close_sync(connection, nullptr, nullptr);
-    g_object_unref(connection);
+tools::GLibPtr<GDBusNodeInfo> ParseInterface() {
+    return tools::GLibPtr<GDBusNodeInfo>(g_dbus_node_info_new_for_xml(kavrel_interface_xml, nullptr));
 }
 
 /**
- * Held while something goes through GLib from one thread to another: how GLib itself hands it over is unknown
- * to ThreadSanitizer. Older than all threads.
+ * Lock it while handing data to another thread through GLib, whose own synchronization ThreadSanitizer does
+ * not see. It is global, so that it outlives all threads.
  */
 std::mutex handover;
 
-/** A function for the main loop, and the promise that it has run. */
+/** A function to run on the main loop, and a promise to fulfil once it has run. */
 struct Task {
     std::function<void()> action;
     std::promise<void> done;
 };
 
 }  // namespace
+
+std::vector<MethodSignature> ReadMethods() {
+    const auto node = ParseInterface();
+    std::vector<MethodSignature> methods;
+    for (GDBusMethodInfo** method = node->interfaces[0]->methods; *method != nullptr; ++method) {
+        methods.push_back({(*method)->name, TypesOf((*method)->in_args), TypesOf((*method)->out_args)});
+    }
+    return methods;
+}
 
 std::string ProgramName() {
     return program_invocation_short_name;
@@ -111,22 +112,22 @@ testing::Matcher<const std::vector<std::string>&> HasInOrder(std::vector<std::st
     });
 }
 
-Daemon::Daemon(bool waitForName) : m_loop(g_main_loop_new(nullptr, FALSE), &g_main_loop_unref) {
+DaemonInProcess::DaemonInProcess(bool waitForName) : m_loop(g_main_loop_new(nullptr, FALSE)) {
     std::promise<void> ready;
     auto isReady = ready.get_future();
-    m_thread = std::thread(&Daemon::Run, this, std::move(ready));
+    m_thread = std::thread(&DaemonInProcess::Run, this, std::move(ready));
     isReady.get();
     if (waitForName && !FakeSeam::Get().WaitFor("LwipcEventDone(\"" + std::string(READY_EVENT) + "\")")) {
         ADD_FAILURE() << "the daemon did not get its name";
     }
 }
 
-Daemon::~Daemon() {
+DaemonInProcess::~DaemonInProcess() {
     OnMainLoop([this] { g_main_loop_quit(m_loop.get()); });
     m_thread.join();
 }
 
-void Daemon::Run(std::promise<void> ready) {
+void DaemonInProcess::Run(std::promise<void> ready) {
     m_server = std::make_unique<NKavrel::KVServer>();
     m_server->Init();
     ready.set_value();
@@ -137,7 +138,7 @@ void Daemon::Run(std::promise<void> ready) {
     fake::RunMainContextUntilQuiet();
 }
 
-gboolean Daemon::RunTask(void* data) {
+gboolean DaemonInProcess::RunTask(void* data) {
     std::unique_lock lock(handover);
     Task task = std::move(*static_cast<Task*>(data));
     lock.unlock();
@@ -146,7 +147,7 @@ gboolean Daemon::RunTask(void* data) {
     return G_SOURCE_REMOVE;
 }
 
-void Daemon::OnMainLoop(const std::function<void()>& action) {
+void DaemonInProcess::OnMainLoop(const std::function<void()>& action) {
     std::unique_lock lock(handover);
     Task task = {action, {}};
     auto done = task.done.get_future();
@@ -155,13 +156,13 @@ void Daemon::OnMainLoop(const std::function<void()>& action) {
     done.get();
 }
 
-void Daemon::WaitUntilIdle() {
+void DaemonInProcess::WaitUntilIdle() {
     OnMainLoop(fake::RunMainContextUntilQuiet);
 }
 
 Wire::Wire(const fake::BusClient& client) : m_connection(client.Connection()) {
     const std::lock_guard lock(handover);
-    // The filter has a share of what it fills: it may be at work when it is removed.
+    // The filter shares ownership of the list, since it may still be running after its removal.
     using Share = std::shared_ptr<Received>;
     const auto release = [](void* share) { std::unique_ptr<Share>{static_cast<Share*>(share)}; };
     m_received = std::make_shared<Received>();
@@ -177,7 +178,7 @@ GDBusMessage* Wire::OnMessage(GDBusConnection*, GDBusMessage* message, gboolean 
     if (!incoming) {
         return message;
     }
-    const std::string body = gio::Printed(g_dbus_message_get_body(message));
+    const std::string body = gio::PrintedWithTypes(g_dbus_message_get_body(message));
     std::string text;
     switch (g_dbus_message_get_message_type(message)) {
         case G_DBUS_MESSAGE_TYPE_SIGNAL:
@@ -203,37 +204,35 @@ std::vector<std::string> Wire::Messages() const {
 }
 
 PendingCall::PendingCall(const char* method, GVariant* parameters)
-    : m_context(g_main_context_new()), m_service(Connect()), m_caller(Connect()) {
-    g_main_context_push_thread_default(m_context);
-    GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(kavrel_interface_xml, nullptr);
+    : m_context(g_main_context_new()), m_service(fake::ConnectToBus()), m_caller(fake::ConnectToBus()) {
+    g_main_context_push_thread_default(m_context.get());
     const GDBusInterfaceVTable table = {OnCall, nullptr, nullptr, {}};
-    g_dbus_connection_register_object(m_service, OBJECT_PATH, node->interfaces[0], &table, this, nullptr,
-                                      nullptr);
-    g_dbus_node_info_unref(node);
-    g_dbus_connection_call(m_caller, g_dbus_connection_get_unique_name(m_service), OBJECT_PATH, INTERFACE,
-                           method, parameters, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, OnAnswer, this);
+    g_dbus_connection_register_object(m_service.get(), OBJECT_PATH, ParseInterface()->interfaces[0], &table,
+                                      this, nullptr, nullptr);
+    g_dbus_connection_call(m_caller.get(), g_dbus_connection_get_unique_name(m_service.get()), OBJECT_PATH,
+                           INTERFACE, method, parameters, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr,
+                           OnAnswer, this);
     while (m_invocation == nullptr) {
-        g_main_context_iteration(m_context, TRUE);
+        g_main_context_iteration(m_context.get(), TRUE);
     }
-    g_main_context_pop_thread_default(m_context);
+    g_main_context_pop_thread_default(m_context.get());
 }
 
 PendingCall::~PendingCall() {
     Answer();
-    Disconnect(m_caller);
-    Disconnect(m_service);
-    while (g_main_context_iteration(m_context, FALSE)) {
+    fake::Disconnect(std::move(m_caller));
+    fake::Disconnect(std::move(m_service));
+    while (g_main_context_iteration(m_context.get(), FALSE)) {
     }
-    g_main_context_unref(m_context);
 }
 
 std::string PendingCall::Answer() {
     if (m_invocation != nullptr) {
-        // An answer that has been given is on the wire already, and this one comes too late.
+        // If the handler has answered, its answer is on the wire already and the caller ignores this one.
         GDBusMethodInvocation* invocation = std::exchange(m_invocation, nullptr);
         g_dbus_method_invocation_return_dbus_error(invocation, UNANSWERED, "");
         while (m_answer.empty()) {
-            g_main_context_iteration(m_context, TRUE);
+            g_main_context_iteration(m_context.get(), TRUE);
         }
         if (m_answer == "no reply") {
             g_object_unref(invocation);  // the reference that a handler's answer would have consumed
@@ -250,15 +249,14 @@ void PendingCall::OnCall(GDBusConnection*, const char*, const char*, const char*
 
 void PendingCall::OnAnswer(GObject* connection, GAsyncResult* result, void* self) {
     std::string& answer = static_cast<PendingCall*>(self)->m_answer;
-    GError* error = nullptr;
-    const fake::Variant reply(g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, &error));
+    tools::GLibError error;
+    const tools::Variant reply(g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, error));
     if (reply != nullptr) {
-        answer = gio::Printed(reply.get());
+        answer = gio::PrintedWithTypes(reply.get());
         return;
     }
-    g_autofree char* name = g_dbus_error_get_remote_error(error);
-    answer = g_strcmp0(name, UNANSWERED) == 0 ? "no reply" : error->message;
-    g_error_free(error);
+    const tools::GLibPtr<char> name(g_dbus_error_get_remote_error(error.Get()));
+    answer = g_strcmp0(name.get(), UNANSWERED) == 0 ? "no reply" : error->message;
 }
 
 void DaemonTest::Start() {
@@ -272,7 +270,7 @@ void DaemonTest::Start() {
 std::string DaemonTest::Call(const std::string& method, GVariant* parameters) {
     std::string error;
     const auto reply = client.Call(BUS_NAME, OBJECT_PATH, INTERFACE, method, parameters, &error);
-    return reply == nullptr ? "error: " + error : gio::Printed(reply.get());
+    return reply == nullptr ? "error: " + error : gio::PrintedWithTypes(reply.get());
 }
 
 void DaemonTest::Emit(const std::string& name, GVariant* parameters) {

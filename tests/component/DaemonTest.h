@@ -1,8 +1,8 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-/** The daemon in this process, and what its tests share. */
-#ifndef KAVREL_TESTS_DAEMON_H
-#define KAVREL_TESTS_DAEMON_H
+/** Runs the daemon inside the test program, and holds what its tests share. */
+#ifndef KAVREL_TESTS_DAEMONTEST_H
+#define KAVREL_TESTS_DAEMONTEST_H
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -27,38 +27,48 @@ inline constexpr const char* OBJECT_PATH = "/Org/Olvane/KavrelInternal";
 inline constexpr const char* PUBLIC_PATH = "/Org/Olvane/Kavrel";
 inline constexpr const char* READY_EVENT = "/tmp/.kavrel_ready";
 
-/** Base name of this test program, as the caller tracker is to find it. */
+/** A method of the daemon's interface, with the types of its arguments and of its reply: "(i)". */
+struct MethodSignature {
+    std::string name;
+    std::string arguments;
+    std::string reply;
+};
+/** All methods that the interface's XML describes, in its order. */
+std::vector<MethodSignature> ReadMethods();
+
+/** The base name of this test program, which the daemon's caller tracker must find. */
 std::string ProgramName();
 
-/** Seam calls and log lines of INFO and above of one thread, as "FUNCTION: E text" with the function that
- * logged. */
+/**
+ * The seam calls of one thread, and its log lines of INFO and above as "FUNCTION: E text" with the function
+ * that logged.
+ */
 std::vector<std::string> Lines(std::thread::id thread = std::this_thread::get_id());
-/** Calls, log lines and entered scopes, in the same form. */
+/** The same, and a line for each traced scope that the thread entered. */
 std::vector<std::string> LinesAndScopes(std::thread::id thread = std::this_thread::get_id());
-/** Only the log lines. */
+/** Only the log lines, in the same form. */
 std::vector<std::string> LogLines(std::thread::id thread = std::this_thread::get_id());
 
-/** All of the lines, in this order; others may stand between them. */
+/** Matches a list that contains all of these lines in this order; other lines may come between them. */
 testing::Matcher<const std::vector<std::string>&> HasInOrder(std::vector<std::string> lines);
 
 /**
- * KVServer on a main loop of its own thread, as main() runs it. It ends as a daemon never does: the loop is
- * left, what is under way is finished, and the server is deleted.
+ * KVServer on a main loop of its own thread, as main() runs it. Unlike the real daemon, which only ends by a
+ * signal, it shuts down: it leaves the loop, finishes pending work and deletes the server.
  */
-class Daemon {
+class DaemonInProcess {
 public:
-    /** Ready when the constructor returns: Init is over, and the name is owned unless it was told not to wait
-     * for that. */
-    explicit Daemon(bool waitForName = true);
-    ~Daemon();
-    Daemon(const Daemon&) = delete;
-    Daemon& operator=(const Daemon&) = delete;
+    /** Returns once Init is over and, if `waitForName`, the daemon owns its bus name. */
+    explicit DaemonInProcess(bool waitForName = true);
+    ~DaemonInProcess();
+    DaemonInProcess(const DaemonInProcess&) = delete;
+    DaemonInProcess& operator=(const DaemonInProcess&) = delete;
 
     NKavrel::KVServer& Server() { return *m_server; }
     std::thread::id Thread() const { return m_thread.get_id(); }
-    /** Runs it on the main loop and waits for its end. */
+    /** Runs `action` on the main loop and waits until it returns. */
     void OnMainLoop(const std::function<void()>& action);
-    /** Waits until all that was sent to the daemon before has been served, the look-ups of callers too. */
+    /** Waits until the daemon has handled everything sent to it before, including its look-ups of callers. */
     void WaitUntilIdle();
 
 private:
@@ -66,11 +76,11 @@ private:
     static gboolean RunTask(void* task);
 
     std::unique_ptr<NKavrel::KVServer> m_server;
-    std::unique_ptr<GMainLoop, decltype(&g_main_loop_unref)> m_loop;
+    tools::GLibPtr<GMainLoop> m_loop;
     std::thread m_thread;
 };
 
-/** What a client is sent from now on, in the order of the wire. */
+/** Records the messages that a client receives from now on, in the order in which they arrive. */
 class Wire {
 public:
     explicit Wire(const fake::BusClient& client);
@@ -92,8 +102,10 @@ private:
     std::shared_ptr<Received> m_received;
 };
 
-/** A real call of one of the daemon's methods that waits for its answer: an invocation, off the daemon's bus
- * connection, for a handler that a test calls directly. */
+/**
+ * A real bus call of one of the daemon's methods that waits for its answer. It provides an invocation, on a
+ * connection other than the daemon's, for a handler that a test calls directly.
+ */
 class PendingCall {
 public:
     explicit PendingCall(const char* method, GVariant* parameters = nullptr);
@@ -101,9 +113,9 @@ public:
     PendingCall(const PendingCall&) = delete;
     PendingCall& operator=(const PendingCall&) = delete;
 
-    GDBusConnection* Connection() const { return m_service; }
+    GDBusConnection* Connection() const { return m_service.get(); }
     GDBusMethodInvocation* Invocation() const { return m_invocation; }
-    /** What the caller was answered, "(uint32 5, true)", or "no reply". Ends the call. */
+    /** Ends the call and returns what the handler answered: "(uint32 5, true)", or "no reply". */
     std::string Answer();
 
 private:
@@ -112,51 +124,55 @@ private:
                        GDBusMethodInvocation* invocation, void* self);
     static void OnAnswer(GObject* connection, GAsyncResult* result, void* self);
 
-    GMainContext* m_context;
-    GDBusConnection* m_service;
-    GDBusConnection* m_caller;
+    tools::GLibPtr<GMainContext> m_context;
+    tools::GLibPtr<GDBusConnection> m_service;
+    tools::GLibPtr<GDBusConnection> m_caller;
     GDBusMethodInvocation* m_invocation = nullptr;
     std::string m_answer;
 };
 
-/** Tests of the daemon as its clients see it. */
+/** Base of tests that use the daemon as its clients do. */
 class DaemonTest : public testing::Test {
 protected:
-    /** The client is known to the caller tracker, and the journal is empty, when it returns. */
+    /** Starts the daemon. Afterwards the caller tracker knows the client, and the journal is empty. */
     void Start();
-    /** Calls a method of the daemon: "(0, true)", or "error: " and the error's text. */
+    /**
+     * Calls a method of the daemon and returns its reply, "(0, true)", or "error: " and the error's message.
+     */
     std::string Call(const std::string& method, GVariant* parameters = nullptr);
-    /** Sends the daemon a signal and waits until it has been served. */
+    /** Sends the daemon a signal and waits until it has handled it. */
     void Emit(const std::string& name, GVariant* parameters);
-    /** What the daemon's main loop did, in order: calls and log lines, or log lines alone. */
+    /** The seam calls and log lines of the daemon's main loop, in order. Log() has only the log lines. */
     std::vector<std::string> Journal() const { return Lines(daemon->Thread()); }
     std::vector<std::string> Log() const { return LogLines(daemon->Thread()); }
-    /** Lines with which the handling of a request begins; `kind`: "method" or "signal". */
+    /** The two lines that the daemon logs first for each request; `kind` is "method" or "signal". */
     std::string StartLine(const std::string& kind, const std::string& name) const;
     std::string CallerLine() const;
 
     fake::FakeSeam& seam = fake::FakeSeam::Get();
     fake::BusClient client;
-    std::optional<Daemon> daemon;
+    std::optional<DaemonInProcess> daemon;
 };
 
-/** Tests of a server on the test's own thread, which runs the default main context. */
+/** Base of tests that run a server on the test's own thread, with the default main context. */
 class ServerTest : public testing::Test {
 protected:
     ~ServerTest() override;
 
-    /** Init without asking for the name: the bus callbacks are the test's to call. */
+    /**
+     * Initializes the server but makes its request for the name fail, so that the test calls the bus
+     * callbacks.
+     */
     void InitWithoutName();
     void End();
-    /** The connection of the process that the daemon works with. */
+    /** The shared connection of this process, which the server uses. */
     GDBusConnection* Shared() const { return m_shared.get(); }
 
     fake::FakeSeam& seam = fake::FakeSeam::Get();
     std::unique_ptr<NKavrel::KVServer> server = std::make_unique<NKavrel::KVServer>();
 
 private:
-    std::unique_ptr<GDBusConnection, decltype(&g_object_unref)> m_shared{
-        g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr), &g_object_unref};
+    const tools::GLibPtr<GDBusConnection> m_shared = fake::SharedConnection();
 };
 
 #endif
