@@ -58,7 +58,7 @@ testing::Matcher<const std::vector<std::string>&> HasInOrder(std::vector<std::st
  */
 class DaemonInProcess {
 public:
-    /** Returns once Init is over and, if `waitForName`, the daemon owns its bus name. */
+    /** Returns once Init has returned and, if `waitForName`, the daemon owns its bus name. */
     explicit DaemonInProcess(bool waitForName = true);
     ~DaemonInProcess();
     DaemonInProcess(const DaemonInProcess&) = delete;

@@ -41,27 +41,28 @@ public:
 
     std::string Name() const { return m_client.Name(); }
 
-    GDBusMessage* NewCall(const char* method, GVariant* arguments = nullptr,
-                          const char* interface = INTERFACE, const char* path = OBJECT_PATH) const {
-        GDBusMessage* message = g_dbus_message_new_method_call(m_server.c_str(), path, interface, method);
+    tools::GLibPtr<GDBusMessage> NewCall(const char* method, GVariant* arguments = nullptr,
+                                         const char* interface = INTERFACE,
+                                         const char* path = OBJECT_PATH) const {
+        tools::GLibPtr<GDBusMessage> message(
+            g_dbus_message_new_method_call(m_server.c_str(), path, interface, method));
         if (arguments != nullptr) {
-            g_dbus_message_set_body(message, arguments);
+            g_dbus_message_set_body(message.get(), arguments);
         }
         return message;
     }
-    GDBusMessage* NewSignal(const char* name, GVariant* arguments) const {
-        GDBusMessage* message = g_dbus_message_new_signal(PUBLIC_PATH, INTERFACE, name);
-        g_dbus_message_set_destination(message, m_server.c_str());
-        g_dbus_message_set_body(message, arguments);
+    tools::GLibPtr<GDBusMessage> NewSignal(const char* name, GVariant* arguments) const {
+        tools::GLibPtr<GDBusMessage> message(g_dbus_message_new_signal(PUBLIC_PATH, INTERFACE, name));
+        g_dbus_message_set_destination(message.get(), m_server.c_str());
+        g_dbus_message_set_body(message.get(), arguments);
         return message;
     }
 
-    /** Consumes the message. @return its serial, for AnswerTo() */
-    guint32 Send(GDBusMessage* message) {
+    /** Sends a message and releases it with its descriptors. Returns its serial, for AnswerTo(). */
+    guint32 Send(tools::GLibPtr<GDBusMessage> message) {
         guint32 serial = 0;
-        g_dbus_connection_send_message(m_client.Connection(), message, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
+        g_dbus_connection_send_message(m_client.Connection(), message.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE,
                                        &serial, nullptr);
-        g_object_unref(message);
         return serial;
     }
     std::vector<guint32> SendGetters(int count) {
@@ -116,7 +117,7 @@ private:
     std::map<guint32, std::string> m_answers;  // by serial
 };
 
-/** A server on the bus whose main loop stands still unless a test runs it. */
+/** Tests a server on the bus whose main loop runs only while a test runs it. */
 class KVMessageFilterTest : public ServerTest {
 protected:
     void SetUp() override {
@@ -204,9 +205,9 @@ TEST_F(KVMessageFilterTest, ASenderOfWhichNothingWaitsIsAlwaysAdmitted) {
 TEST_F(KVMessageFilterTest, ARefusedCallThatWantsNoReplyGetsNone) {
     Sender sender(Shared());
     sender.SendGetters(64);
-    GDBusMessage* call = sender.NewCall("GetSpeakerVolume");
-    g_dbus_message_set_flags(call, G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
-    const guint32 serial = sender.Send(call);
+    auto call = sender.NewCall("GetSpeakerVolume");
+    g_dbus_message_set_flags(call.get(), G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
+    const guint32 serial = sender.Send(std::move(call));
     sender.Ping();
     fake::RunMainContextUntilQuiet();
     EXPECT_FALSE(sender.HasAnswer(serial));
@@ -221,9 +222,9 @@ TEST_F(KVMessageFilterTest, SixteenThousandOtherMessagesOfOneSenderWait) {
     ExpectServed(sender, sender.SendGetters(1));
     fake::RunMainContextUntilQuiet();  // so that no message of this sender asks for a look-up
     for (int i = 0; i < 8192; ++i) {
-        GDBusMessage* call = sender.NewCall("ResetPlayerGain", g_variant_new("(i)", 4));
-        g_dbus_message_set_flags(call, G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
-        sender.Send(call);
+        auto call = sender.NewCall("ResetPlayerGain", g_variant_new("(i)", 4));
+        g_dbus_message_set_flags(call.get(), G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
+        sender.Send(std::move(call));
         sender.Send(sender.NewSignal("BudsConnected", g_variant_new("(i)", i)));
     }
     ExpectRefused(sender, sender.Send(sender.NewCall("SetSpeakerVolume", g_variant_new("(i)", 20))));
@@ -331,10 +332,9 @@ protected:
         close(m_pipe[1]);
         KVMessageFilterTest::TearDown();
     }
-    GDBusMessage* WithDescriptor(GDBusMessage* message) {
-        GUnixFDList* list = g_unix_fd_list_new_from_array(&m_pipe[0], 1);
-        g_dbus_message_set_unix_fd_list(message, list);
-        g_object_unref(list);
+    tools::GLibPtr<GDBusMessage> WithDescriptor(tools::GLibPtr<GDBusMessage> message) {
+        const tools::GLibPtr<GUnixFDList> list(g_unix_fd_list_new_from_array(&m_pipe[0], 1));
+        g_dbus_message_set_unix_fd_list(message.get(), list.get());
         return message;
     }
     /** Whether every copy of the reading end is closed. */
@@ -352,9 +352,9 @@ TEST_F(KVMessageFilterDescriptorTest, ACallWithADescriptorIsRefusedAndTheDescrip
 
 TEST_F(KVMessageFilterDescriptorTest, ACallWithADescriptorThatWantsNoReplyIsDropped) {
     Sender sender(Shared());
-    GDBusMessage* call = WithDescriptor(sender.NewCall("GetSpeakerVolume"));
-    g_dbus_message_set_flags(call, G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
-    const guint32 serial = sender.Send(call);
+    auto call = WithDescriptor(sender.NewCall("GetSpeakerVolume"));
+    g_dbus_message_set_flags(call.get(), G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
+    const guint32 serial = sender.Send(std::move(call));
     sender.Ping();
     EXPECT_TRUE(IsClosed());
     fake::RunMainContextUntilQuiet();

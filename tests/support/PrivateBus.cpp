@@ -70,7 +70,7 @@ void PingOnSharedConnection() {
     Ping(SharedConnection().get());
 }
 
-/** Ends one wait of a main context when the time is over. */
+/** Ends one wait of a main context after a time limit. */
 class Timer {
 public:
     Timer(GMainContext* context, std::chrono::milliseconds timeout)

@@ -9,8 +9,8 @@ pytest.register_assert_rewrite("harness")  # before its first import, so that it
 
 from harness import Scene  # noqa: E402
 
-# The programs under test must not inherit that these signals are ignored: nohup ignores the first, and a shell script
-# the second in what it starts with "&".
+# The programs under test must not ignore these signals. They would inherit that from nohup, which ignores the first, or
+# from a shell script's "&", which ignores the second.
 signal.signal(signal.SIGHUP, signal.SIG_DFL)
 signal.signal(signal.SIGINT, signal.default_int_handler)
 

@@ -24,6 +24,8 @@ KAVRELD = os.environ["KAVRELD"]
 READY = "events/%2Ftmp%2F%2Ekavrel_ready"
 TV_SUPPORT = 0xFFFF  # the support word of the TV's own speakers
 
+# ThreadSanitizer has its own thread, which wakes up now and then.
+FOREIGN_THREADS = 1 if "thread" in os.environ["KAVREL_SANITIZER"] else 0
 PATIENCE = 30.0  # seconds after which a wait fails, enough for a loaded machine and a sanitizer
 SANITIZER_REPORT = re.compile(r"ERROR: \w+Sanitizer|WARNING: ThreadSanitizer|runtime error:")
 
@@ -189,7 +191,8 @@ class Client:
         self.interfaces.add(interface)
         self._call_bus("AddMatch", "s", f"type='signal',interface='{interface}'")
 
-    def _hear(self, _connection, message, incoming, *_):  # runs on the thread that reads the socket, so in the order of arrival
+    def _hear(self, _connection, message, incoming, *_):
+        # Runs on the thread that reads the socket, so in the order of arrival.
         kind = message.get_message_type()
         body = message.get_body()
         arguments = body.unpack() if body else ()
@@ -404,7 +407,7 @@ class Kavreld(Process):
 
 
 class Scene(contextlib.ExitStack):
-    """One test's folder on a tmpfs and all its processes. Leaving the scene ends the processes and removes the folder."""
+    """One test's processes, and its folder on a tmpfs. Leaving the scene ends the processes and removes the folder."""
 
     def __init__(self):
         super().__init__()

@@ -8,15 +8,13 @@ import subprocess
 import threading
 import time
 
-from harness import PATIENCE, SANITIZER_REPORT
+from harness import FOREIGN_THREADS, PATIENCE, SANITIZER_REPORT
 from terminal import Terminal
 
 KAVREL_TV = os.environ["KAVREL_TV"]
 COMMANDS = ["show", "watch", "route", "multiview", "zones", "focus", "zone-route", "cable", "mobile", "projector", "sub-bt",
             "feature", "popup", "volume", "mute", "key", "devices", "emulator", "play", "tour", "record", "plot"]
 
-# ThreadSanitizer has its own thread, which wakes up now and then.
-FOREIGN_THREADS = 1 if "thread" in os.environ["KAVREL_SANITIZER"] else 0
 
 
 class Running:

@@ -1,13 +1,13 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-"""Any 32-bit integer, in every method, signal and value: the daemon stays, and answers as it should."""
+"""Tests that the daemon handles any 32-bit integer correctly in each method, signal and value."""
 import errno
 import re
 from itertools import product
 
 import pytest
 
-from harness import TV_SUPPORT
+from harness import TV_SUPPORT, change
 
 INT_MAX, INT_MIN = 2**31 - 1, -2**31
 INTS = [INT_MIN, INT_MIN + 1, -2**24, -65536, -10001, -1000, -128, -101, -100, -99, -20, -10, -9, -5, -4, -3, -2, -1,
@@ -15,7 +15,7 @@ INTS = [INT_MIN, INT_MIN + 1, -2**24, -65536, -10001, -1000, -128, -101, -100, -
         2**24, INT_MAX - 1, INT_MAX]
 FEW = [INT_MIN, -1000, -1, 0, 1, 100, 101, INT_MAX]
 
-OUT_OF_RANGE = -1000 - errno.ERANGE  # the platform's answer
+OUT_OF_RANGE = -1000 - errno.ERANGE  # the platform's result
 INVALID_ARGUMENT = -2
 MIRRORING = "settings/memory/menu/network/screenmirroring"
 SUPPORT, LEVEL, MUTE = (f"{MIRRORING}/{key}_hdmi" for key in ("volume_support", "get_volume_level", "get_volume_mute"))
@@ -24,12 +24,12 @@ MAIN_GAIN = "audio/main_out_gain2"
 
 
 def wrap(number):
-    """As 32 bits with a sign hold it."""
+    """Returns the number as a signed 32-bit integer, after overflow."""
     return (number + 2**31) % 2**32 - 2**31
 
 
 def divide(number, divisor):
-    """Truncated toward zero."""
+    """Returns the quotient, truncated toward zero as in C++."""
     quotient = abs(number) // divisor
     return quotient if number >= 0 else -quotient
 
@@ -40,13 +40,6 @@ def total(pulse=100, player=100, unmute=100):
 
 def is_valid_path(path):
     return path & 3 != 0
-
-
-def change(tv, log, value, text, logged):
-    """Writes a value and waits for what the daemon says of it."""
-    before = log.end()
-    tv.echo(text, value)
-    return log.wait(logged, before)
 
 
 def use_hdmi(tv, daemon):
@@ -132,7 +125,7 @@ def test_types_of_speakers_that_go(daemon, client):
 
 
 def set_pulse(daemon, client, gain):
-    """At once, and back to sleep."""
+    """Sets the pulse gain without a ramp, and waits until the pulse worker sleeps again."""
     before = daemon.log.end()
     daemon.settle()
     client.emit("ApplyPulseAudioGain", "ii", gain, 0)
@@ -187,7 +180,7 @@ def test_master_volumes_written_by_hand(daemon, client, tv):
         if not 0 <= volume <= 100:
             assert client.get_volume() == (0, OUT_OF_RANGE)
             continue
-        if volume != 0:  # which is what was known before
+        if volume != 0:  # the daemon remembers 0 from its start
             client.expect("SpeakerVolumeChanged", TV_SUPPORT, volume)
         assert client.get_volume() == (volume, 0)
     client.expect_silence()

@@ -1,6 +1,6 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-"""Which program is behind a call: looked up when the daemon is idle, remembered for fifty callers."""
+"""Tests the caller tracker: the daemon looks up the program of each caller when idle, and remembers fifty of them."""
 import re
 import signal
 import subprocess
@@ -52,7 +52,7 @@ def test_after_fifty_callers_the_next_one_starts_anew(scene, daemon, log):
     for number, client in enumerate(clients):
         client.get_support()
         log.wait(f"Called by [{client.name}/{client.program()}] size:{number % 50 + 1}")
-    # The first one was forgotten with all the others.
+    # The daemon has forgotten the first caller together with all others.
     before = log.end()
     clients[0].get_support()
     log.wait(f"Called by [{clients[0].name}/{clients[0].program()}] size:2", before)
@@ -60,7 +60,7 @@ def test_after_fifty_callers_the_next_one_starts_anew(scene, daemon, log):
 
 def test_a_caller_that_is_gone_by_then_has_no_name(scene, daemon, log):
     client, other = scene.client(), scene.client()
-    daemon.signal(signal.SIGSTOP)  # so that the call is read only when its caller has gone
+    daemon.signal(signal.SIGSTOP)  # so that it reads the call after the caller has gone
     client.send("GetSpeakerSupportType")
     client.flush()
     client.close()
@@ -84,7 +84,7 @@ signal.pause()
 
 @pytest.fixture
 def call_as(scene, daemon):
-    """Calls kavrel from a process that stays and whose first argument is given; returns its unique name."""
+    """Calls kavrel from a new process with this first argument, which stays; returns the process's unique name."""
     callers = []
 
     def call(first_argument):

@@ -1,24 +1,24 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-"""Earbuds and speakers that come and go: which output takes their place, and who switches to it."""
+"""Tests the signals about earbuds and speakers that connect or disconnect: who switches to which output."""
 import re
 
 import pytest
 
-from harness import SIGNALS_PATH, TV_SUPPORT
+from harness import SIGNALS_PATH, TV_SUPPORT, change_route
 
 INTERNAL_SPEAKER = "features/com.norvik/featureconf/internal_speaker_supported"
 SPDIF = "settings/memory/sysman/spdif"
 ROUTE, MUTE = "sound/route", "audio/master_mute"
 
-BLOCKED = [5, 6, 13, 14, 15, 19]  # never gone back to
+BLOCKED = [5, 6, 13, 14, 15, 19]  # routes to which the daemon never returns
 OTHERS = [1, 2, 3, 4, 7, 8, 9, 10, 11, 12, 16, 17, 18, 20, 255, -1, 2**31 - 1, -2**31]
 HDMI, BLUETOOTH, OTHER_TV_SPEAKER = 2, 3, 12
 
 
 @pytest.fixture
 def daemon(scene, tv):
-    """A kavreld on a TV whose devices all say what they support: only then is a change of output announced."""
+    """A kavreld on a TV whose devices all publish a support word, without which it announces no change of output."""
     scene.start().kill()
     for output in ("hdmi", "optical", "mlr", "bt", "auracast"):
         tv.echo(15, f"settings/memory/menu/network/screenmirroring/volume_support_{output}")
@@ -26,20 +26,14 @@ def daemon(scene, tv):
     return scene.start()
 
 
-def change_route(tv, log, route, previous):
-    before = log.end()
-    tv.echo(route, ROUTE)
-    return log.wait(re.compile(rf"Speaker changed\[{previous}->{route}\]\. .*"), before)
-
-
 def follow(tv, log, *routes):
-    """The output becomes one route after the other, from 0 on."""
+    """Changes the route from 0 to each of the routes in turn."""
     for previous, route in zip((0, *routes), routes):
         change_route(tv, log, route, previous)
 
 
 def connection_lines(log, after):
-    """What the signals' handlers say, and what they have done by others."""
+    """Returns the lines of the signals' handlers and of the functions with which they act."""
     wanted = ["_OnBudsConnected", "_OnBudsDisconnected", "_OnSpeakerDisconnected", "DbusEmitSignal", "SetOutputRoute"]
     return [(line.priority, line.function, line.text) for line in log.lines(after) if line.function in wanted]
 
@@ -105,7 +99,7 @@ def test_buds_that_go_while_another_output_was_before_only_request_it(log, tv, c
     client.emit("BudsDisconnected", "i", 1)
     client.expect("SpeakerChangeRequest", previous, 1)
     log.wait(f"Buds disconnected. Connect to previous(type:{previous})", before)
-    client.get_support()  # behind it
+    client.get_support()  # waits until the signal was handled
     assert tv.read(ROUTE) == ("12" if previous != OTHER_TV_SPEAKER else "0")
     assert not any(text.startswith(("Previous(type", "Speaker changed")) for text in log.texts(before))
     tv.echo(14, ROUTE)
@@ -136,7 +130,7 @@ def test_without_an_internal_speaker_the_optical_output_is_the_default_and_only_
     client.expect("SpeakerChangeRequest", 1, 1)
     log.wait("Buds disconnected. Connect to previous(type:1)", before)
     assert log.find("Previous(type:15). Set to Default Output(1)", before)
-    client.get_support()  # behind it
+    client.get_support()  # waits until the signal was handled
     assert tv.read(ROUTE) == "3"
 
 
@@ -213,9 +207,9 @@ def test_any_name_is_only_logged(log, tv, client, name):
 
 
 def test_a_speaker_that_goes_leaves_a_pending_mute_pending(log, tv, client):
-    client.emit("BudsDisconnected", "i", 1)  # the output does not change, so the mute waits for one that does
+    client.emit("BudsDisconnected", "i", 1)  # the output does not change, so the mute is postponed until one does
     log.wait("Buds disconnected. Connect to previous(type:0)")
-    client.emit("SpkDisconnected", "is", HDMI, "bar")  # nor does it here
+    client.emit("SpkDisconnected", "is", HDMI, "bar")  # does not change the output either
     log.wait("Set Speaker Output(0)")
     assert tv.read(MUTE) == "0"
     change_route(tv, log, OTHER_TV_SPEAKER, previous=0)

@@ -1,6 +1,6 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-"""From the bus to the handlers: which calls and signals arrive, and what is logged of them."""
+"""Tests which calls and signals of the bus reach the daemon's handlers, and how it logs them."""
 import pytest
 
 from harness import NAME, SIGNALS_PATH
@@ -73,13 +73,13 @@ def test_signals_from_elsewhere_are_never_seen(client, log, path, interface):
     ("ApplyPulseAudioGain", "(ii)", "(iii)", ("iii", 0, 0, 0)),
 ])
 def test_signals_of_another_type_are_dropped(client, log, tv, member, expected, given, arguments):
-    # The gain and the route are others than those that zeros would set.
+    # Other values than zero, which a handler would set if it took missing arguments for zeros.
     tv.echo(12, "sound/route")
     settled = log.wait("Speaker changed[0->12]. mode:0xffff, gainMax(ret:0)")
     client.emit(member, *arguments)
     dropped = log.wait(f"Invalid parameters of signal {member}: expected {expected}, got {given}", settled.number)
     assert dropped.priority == "E"
-    client.emit("BudsConnected", "i", 99)  # behind the dropped one
+    client.emit("BudsConnected", "i", 99)  # arrives after the dropped signal
     log.wait("Buds Connected. reason:99", dropped.number)
     assert tv.read("sound/route") == "12"
     assert not any(text.startswith(("Apply PulseAudioGain", "Speaker(type", "Buds disconnected", "Signal '"))

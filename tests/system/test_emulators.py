@@ -1,6 +1,6 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-"""The two emulated speakers, switched on by a file each: their volume is a program's on the bus."""
+"""Tests the two emulated speakers, each enabled by a switch file. A peer on the bus keeps their volume."""
 import re
 import threading
 
@@ -32,7 +32,7 @@ def tv_emulator(switches):
 
 @pytest.fixture
 def bluetooth_emulator(scene, tv, switches):
-    """A kavreld whose Bluetooth speaker is emulated, and in use."""
+    """A kavreld whose Bluetooth speaker is emulated and is the present output."""
     scene.start().kill()
     switches.turn_on("bt")
     tv.echo(15, SUPPORT)
@@ -43,7 +43,7 @@ def bluetooth_emulator(scene, tv, switches):
 
 
 class ConnectionManager:
-    """The Bluetooth connection manager, as the emulated speaker knows it. Its answers may be changed or held back."""
+    """The peer of the emulated Bluetooth speaker. Tests can change its replies or hold them back."""
 
     NAME = "com.norvik.tv.bt.connectionmanager"
     PATH = "/com/norvik/tv/bt/connectionmanager"
@@ -88,7 +88,7 @@ class ConnectionManager:
         self.connection.send_message(reply, Gio.DBusSendMessageFlags.NONE)
 
     def call(self, method, *arguments):
-        """How a call of it reads in `calls`."""
+        """Returns the entry of `calls` for a call with these arguments."""
         return (self.PATH, self.INTERFACE, method, arguments)
 
 
@@ -104,7 +104,7 @@ def created(log, after=-1):
 
 
 def follow(tv, daemon, routes, previous=0):
-    """The output becomes one route after the other; returns the speakers made."""
+    """Changes the route to each of the routes in turn; returns the lines about created speakers."""
     before = daemon.log.end()
     for route in routes:
         tv.echo(route, "sound/route")
@@ -164,7 +164,7 @@ def test_the_emulated_tv_speaker_supports_everything(tv_emulator, client):
 
 
 def test_the_volume_of_the_emulated_tv_speaker_is_asked_for_on_the_bus(tv_emulator, client, tv):
-    # Its peer would have the daemon's own name, where nobody answers beside the daemon.
+    # Its peer has the daemon's own bus name, under which only the daemon itself answers.
     before = tv_emulator.log.end()
     assert client.get_volume() == (0, FAILED)
     assert client.set_volume(30) == FAILED

@@ -1,14 +1,13 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-"""Tests of the external outputs: each keeps its state in three settings keys, and receives requests through two keys that
-all of them share.
-"""
-import re
+"""Tests the external outputs. Each has three settings keys for its state; all share two keys for requests."""
 from typing import NamedTuple
 
 import pytest
 
-GET_VOLUME, SET_VOLUME, GET_MUTE, SET_MUTE = 1, 2, 4, 8  # the bits of the support word
+from harness import change_route, lines_without_workers
+
+GET_VOLUME, SET_VOLUME, GET_MUTE, SET_MUTE = 1, 2, 4, 8  # bits of the support word
 EVERYTHING = 0xF
 FAILED, NOT_SUPPORTED = -1, -4
 MIRRORING = "memory/menu/network/screenmirroring"
@@ -17,7 +16,7 @@ MUTE_REQUEST = f"settings/{MIRRORING}/set_volume_mute"
 
 
 class ExternalOutput(NamedTuple):
-    """A kind of output, its routes, and the keys that hold its state."""
+    """A kind of output, its routes, and the settings keys of its state."""
 
     name: str
     routes: tuple
@@ -51,35 +50,23 @@ def write(tv, key, value):
 
 
 def connect(tv, output, support=EVERYTHING, level=7, mute=0):
-    """The device publishes its state. None leaves a key away."""
+    """Publishes the state of the output's device. None omits a key."""
     for key, value in [(output.support, support), (output.level, level), (output.mute, mute)]:
         if value is not None:
             write(tv, key, value)
 
 
-def change_route(tv, log, route, previous=0):
-    before = log.end()
-    tv.echo(route, "sound/route")
-    return log.wait(re.compile(rf"Speaker changed\[{previous}->{route}\]\. .*"), before)
-
-
 def use(tv, log, output, **state):
-    """The output is connected and becomes the one in use."""
+    """Connects the output and changes the route to it."""
     connect(tv, output, **state)
     change_route(tv, log, output.routes[0])
 
 
 def write_and_wait(tv, log, key, value):
-    """Until the change is noticed. What it causes may still be under way."""
+    """Writes a key and waits until kavreld logs the change, which it may still be handling then."""
     before = log.end()
     write(tv, key, value)
     return log.wait(f"KeyName:{key} val:{value}", before)
-
-
-def own_lines(log, after):
-    """Without the gain workers' lines, whose threads write when they like."""
-    return [(line.priority, line.file, line.function, line.text) for line in log.lines(after)
-            if line.file != "KVAudioGainHandler.cpp"]
 
 
 # --- the route change ------------------------------------------------------------------------------------------------
@@ -90,7 +77,7 @@ def test_a_route_change_makes_the_speaker_with_every_line_in_order(log, tv, outp
     connect(tv, output)
     before = log.end()
     change_route(tv, log, route)
-    assert own_lines(log, before) == [
+    assert lines_without_workers(log, before) == [
         ("I", "VolumeControlImpl.cpp", "SpeakerChangedCallback", f"Type(0->{route})"),
         ("E", "TVSpeaker.cpp", "UnsetEventHandler", "Already unset event handler"),
         ("I", "ISpeaker.cpp", "CreateSpeaker", f"Create {output.name} Speaker"),
@@ -132,7 +119,7 @@ def test_an_output_left_behind_is_listened_to_no_more(log, client, tv, output):
     change_route(tv, log, 0, previous=output.routes[0])
     write(tv, output.level, 50)
     write(tv, output.mute, 1)
-    tv.echo(60, "audio/master_volume")  # behind them
+    tv.echo(60, "audio/master_volume")  # arrives after the other reports
     client.expect("SpeakerVolumeChanged", 0xFFFF, 60)
     client.expect_silence()
 
@@ -172,7 +159,7 @@ def test_leaving_for_a_route_without_a_speaker_and_coming_back(log, client, tv):
 
 @each_output
 def test_the_support_word_is_what_the_device_publishes(log, client, tv, output):
-    use(tv, log, output, support=0x1F35)  # higher bits are carried along
+    use(tv, log, output, support=0x1F35)  # the daemon keeps the higher bits
     assert client.get_support() == (0x1F35, 0)
     write(tv, output.level, 21)
     client.expect("SpeakerVolumeChanged", 0x1F35, 21)
@@ -208,7 +195,7 @@ def test_a_changed_support_word_counts_at_once_and_is_not_announced(log, client,
 
 def test_a_known_support_word_is_not_read_again_by_the_operations(log, client, tv):
     use(tv, log, HDMI)
-    tv.remove(f"settings/{HDMI.support}")  # a removal is no report
+    tv.remove(f"settings/{HDMI.support}")  # the platform does not report a removal
     before = log.end()
     assert client.get_volume() == (7, 0)
     assert client.set_volume(40) == 0
@@ -277,7 +264,7 @@ def test_requests_of_every_output_land_in_the_shared_keys_and_announce_nothing(l
     assert tv.read(MUTE_REQUEST) == "1"
     assert client.set_mute(False) == 0
     assert tv.read(MUTE_REQUEST) == "0"
-    # The device has not followed: its state stays what it was, and no one is told anything.
+    # The device has not carried it out: its state is unchanged, and the daemon sends no signal.
     assert client.get_volume() == (7, 0)
     assert client.get_mute() == (0, 0)
     assert (tv.read("audio/master_volume"), tv.read("audio/master_mute")) == ("10", "0")
@@ -341,7 +328,7 @@ def test_unmuting_an_external_output_starts_no_fade(log, client, tv):
 def test_a_request_that_cannot_be_written_fails(log, client, tv):
     use(tv, log, HDMI)
     for request in (VOLUME_REQUEST, MUTE_REQUEST):
-        (tv.path / request).mkdir(parents=True)  # in a file's place
+        (tv.path / request).mkdir(parents=True)  # a folder where the file should be
     assert client.set_volume(33) == FAILED
     assert client.set_mute(True) == FAILED
     assert (log.find("Failed to set volume").priority, log.find("Failed to set mute").priority) == ("E", "E")
@@ -373,7 +360,7 @@ def test_what_a_report_logs_from_the_key_to_the_signal(log, client, tv):
         ("I", "KVUtils.cpp", "VconfGetInt", f"Successed to get key {HDMI.support}"),
         ("I", "ExternalSpeaker.cpp", "GetVolumeSupportType", "current spk support [0x000f]"),
     ]
-    assert own_lines(log, before) == [
+    assert lines_without_workers(log, before) == [
         ("I", "ExternalSpeaker.cpp", "OnVolumeControlChanged", f"KeyName:{HDMI.level} val:20"),
         ("I", "VolumeControlImpl.cpp", "_OnVolumeChanged", "volume is changed : 20"),
         ("I", "VolumeControlImpl.cpp", "_NotifyVolumeEvent", "event: [VOLUME_CHANGED]"),
@@ -458,7 +445,7 @@ def test_while_the_support_word_is_missing_a_change_is_stored_but_not_announced(
     write(tv, HDMI.level, 20)
     log.wait("Failed to get volume support status", before)
     assert log.find("volume is changed : 20", before)
-    write(tv, HDMI.support, EVERYTHING)  # the last word known is the same
+    write(tv, HDMI.support, EVERYTHING)  # equal to the last support word that the daemon read
     write(tv, HDMI.level, 21)
     client.expect("SpeakerVolumeChanged", EVERYTHING, 21)
     client.expect_silence()

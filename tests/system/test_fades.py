@@ -1,6 +1,6 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-"""Gains over the bus and what reaches the outputs: fades, gains at once, the pulse ramp, the keys that rule them."""
+"""Tests the gains that reach the outputs after requests: fades, immediate gains, pulse ramps, and their settings."""
 import os
 import re
 import threading
@@ -15,7 +15,7 @@ MAIN, SUB, BOTH = 1, 2, 3  # audio paths
 MAIN_GAIN, SUB_GAIN = "audio/main_out_gain2", "audio/sub_out_gain2"
 FADE = list(range(0, 101, 5))
 FADE_SECONDS = 1.5
-COARSE = 0.02  # seconds by which the kernel's file times may lag behind
+COARSE = 0.02  # seconds by which the kernel's file times may be late
 
 FADE_WORKERS = ["PlayerMainOutH", "PlayerSubOutH", "UnMuteMainOutH", "UnMuteSubOutH"]
 SLEEP = {"PulseRampH": "Sleep PulseRampH", "AudioGainOutH": "Sleep AudioGainOut",
@@ -33,13 +33,13 @@ invalid_path = pytest.mark.parametrize("path", [0, 4, 8, -4, 2**30, -2**31])
 
 
 def sleeps(log, worker):
-    """Whether the worker's last word is that it sleeps."""
+    """Returns whether the worker's last line says that it sleeps."""
     words = [text for text in log.texts() if text == SLEEP[worker] or text.startswith(WAKE[worker])]
     return bool(words) and words[-1] == SLEEP[worker]
 
 
 def rest(daemon):
-    """Returns when all six workers wait for their next request; one made earlier may be lost."""
+    """Waits until all six workers wait for a request; they can miss an earlier one."""
     deadline = time.monotonic() + PATIENCE
     with FolderWatch(daemon.log.path.parent) as watch:
         while True:
@@ -51,14 +51,14 @@ def rest(daemon):
 
 @pytest.fixture
 def daemon(scene):
-    """A kavreld whose gain workers wait."""
+    """A kavreld whose gain workers are at rest."""
     daemon = scene.start()
     rest(daemon)
     return daemon
 
 
 def start_with(scene, tv, **values):
-    """A kavreld on a TV that had these values before, its workers waiting."""
+    """Starts a kavreld on a TV with these values, and waits until its gain workers are at rest."""
     scene.start().kill()
     for value, text in values.items():
         tv.echo(text, value)
@@ -77,7 +77,7 @@ def gains(tv):
 
 
 def written(log, path, after=-1):
-    """Every gain that was written to an output, in order."""
+    """Returns all gains that kavreld wrote to an output, in order."""
     prefix = f"[Path:{path:02}] gain2:"
     return [int(text.removeprefix(prefix)) for text in log.texts(after) if text.startswith(prefix)]
 
@@ -88,7 +88,7 @@ def is_subsequence(part, whole):
 
 
 class Recording:
-    """What a value holds, as a program beside the daemon sees it: (number, the kernel's time of its writing)"""
+    """Records the numbers in a value as another program sees them, each with the file's modification time."""
 
     def __init__(self, tv, value):
         self.file = tv.path / value
@@ -103,7 +103,7 @@ class Recording:
 
     def __exit__(self, *_):
         self.over.set()
-        nudge = self.file.with_name(".nobodys-value")  # wakes the thread
+        nudge = self.file.with_name(".unused-value")  # its creation wakes the thread
         nudge.touch()
         self.thread.join()
         nudge.unlink()
@@ -144,11 +144,11 @@ def test_a_fade_shows_on_the_output_as_0_then_5_to_100_without_a_step_back(daemo
 
     all_written = written(daemon.log, MAIN, before)
     assert (all_written[0], all_written[-1]) == (0, 100)
-    assert is_subsequence(all_written, FADE)  # a loaded machine may skip some
+    assert is_subsequence(all_written, FADE)  # a loaded machine may skip some steps
     assert recording.numbers()[0] == 100
     assert is_subsequence(recording.numbers()[1:], all_written)
     assert recording.numbers()[-1] == 100
-    # 20 stores 75 ms apart, the last one written at most 60 ms later, and looked at after 75 ms more.
+    # The worker stores 20 gains 75 ms apart, writes the last one at most 60 ms later, and checks it 75 ms after that.
     assert recording.time_of(100) - asked >= 19 * 0.075 - COARSE
     assert seen_full - asked >= FADE_SECONDS
     assert seen_full - seen_awake < FADE_SECONDS + PATIENCE
@@ -190,7 +190,7 @@ def test_what_the_player_fade_logs_from_call_to_sleep(daemon, client):
             if line.text.endswith(("VolumeFadeIn. path:1", "VolumeFadeIn. ret:0"))] == handler
     worker = ["Wake PlayerMainOutH. gain:0", "handlerGainType:2, LastGain:100", "Sleep PlayerMainOutH"]
     assert [line.text for line in daemon.log.lines(before) if line.function == "FadeInGainHandler"] == worker
-    # It reads the flags after the fade worker has set its own: the main output moves, the sub output does not.
+    # The gain-out worker reads the flags after the fade worker has set its own: only the main output moves.
     assert [line.text for line in daemon.log.lines(before) if line.function == "AudioGainOutHandler"] == [
         "AudioGainOut. Update(M:1/S:0)", "Sleep AudioGainOut"]
 
@@ -263,7 +263,7 @@ def test_player_fades_of_both_outputs_run_side_by_side(daemon, client):
     assert sorted(last) == ["handlerGainType:2, LastGain:100", "handlerGainType:3, LastGain:100"]
 
 
-# --- gains at once ---------------------------------------------------------------------------------------------------
+# --- immediate gains -------------------------------------------------------------------------------------------------
 
 
 @pytest.mark.parametrize("path, gain", [(MAIN, 40), (SUB, 60), (BOTH, 0), (BOTH, 100), (BOTH, -5), (5, 25)])
@@ -302,7 +302,7 @@ def test_reset_player_gain_ends_a_fade_at_the_full_gain(daemon, client):
     rest(daemon)
     numbers = written(daemon.log, MAIN, before)
     assert numbers[-1] == 100
-    assert numbers[-2] < 90  # not by the fade
+    assert numbers[-2] < 90  # so the last number is not a step of the fade
     assert daemon.log.texts(before).count("handlerGainType:2, LastGain:100") == 1
     wanted = ["Reset PlayerGain. path:1", "Done Reset PlayerGain:MAX. ret:0"]
     assert [line.text for line in daemon.log.lines(before) if line.function == "_OnResetPlayerGain"] == wanted
@@ -316,7 +316,7 @@ def test_a_gain_on_mute_cuts_an_unmute_fade_short_and_stays(daemon, client, tv):
     assert client.call("ApplyGainOnMute", "ii", BOTH, 1) == (0,)
     rest(daemon)
     assert gains(tv) == (1, 1)
-    for slot in (4, 5):  # a step between the interruption and the gain that follows it still sees the fade's
+    for slot in (4, 5):  # a worker's step before the new gain may still log the fade's gain
         theirs = re.compile(rf"(Interruptable status\[type:{slot}\]|handlerGainType:{slot},)")
         cut = [text for text in daemon.log.texts(before) if theirs.match(text)]
         last = cut[-1].rpartition(":")[2]
@@ -341,7 +341,7 @@ def test_a_gain_wakes_the_gain_out_worker_for_one_round(daemon, client):
     rest(daemon)
     rounds = [line.text for line in daemon.log.lines(before) if line.function == "AudioGainOutHandler"]
     assert rounds == ["AudioGainOut. Update(M:0/S:0)", "Sleep AudioGainOut"]
-    assert written(daemon.log, MAIN, before) == [40]  # what the hardware holds is not written again
+    assert written(daemon.log, MAIN, before) == [40]  # a gain that the hardware already has is not written again
 
 
 def test_an_output_that_cannot_be_written_fails_and_wakes_no_worker(daemon, client, tv):
@@ -379,7 +379,7 @@ def test_a_path_without_an_output_is_an_invalid_argument_of_every_gain_method(da
 
 
 def pulse(daemon, client, gain, duration):
-    """Requests a pulse gain and returns, once it has all happened, the number of the line before it."""
+    """Requests a pulse gain and waits until it is reached; returns the number of the last line before the request."""
     rest(daemon)
     before = daemon.log.end()
     client.emit("ApplyPulseAudioGain", "ii", gain, duration)
@@ -442,7 +442,7 @@ def test_a_refused_target_leaves_the_last_one_in_force(daemon, client, tv):
 
 def test_a_request_during_a_ramp_starts_ten_steps_anew_from_where_it_is(daemon, client, tv):
     before = daemon.log.end()
-    client.emit("ApplyPulseAudioGain", "ii", 0, -10)  # steps that would take seven weeks each
+    client.emit("ApplyPulseAudioGain", "ii", 0, -10)  # each step would take seven weeks
     daemon.log.wait("remain count is 10, timedwait 4294967295", before)
     daemon.settle()
     client.emit("ApplyPulseAudioGain", "ii", 50, 10)
@@ -463,7 +463,7 @@ def test_a_gain_at_once_during_a_ramp_leaves_its_remaining_steps_aimed_at_the_ne
     daemon.log.wait("Remain[0]. gain:50", before)
     rest(daemon)
     steps = [int(text.split(":")[1]) for text in pulse_lines(daemon.log, before) if text.startswith("Remain[")]
-    to_0, to_50 = range(90, -1, -10), range(95, 49, -5)  # both from 100
+    to_0, to_50 = range(90, -1, -10), range(95, 49, -5)  # both start at 100
     assert steps in [[*to_0[:turn], *to_50[turn:]] for turn in range(2, 10)]
     assert gains(tv) == (50, 50)
 
@@ -644,7 +644,7 @@ def test_a_finished_fade_is_announced_with_its_duration_while_popups_are_wanted(
     assert member == "PopupNoti"
     seconds = re.fullmatch(rf"Gain Source:{worker}<br> Duration\(sec\):(\d+\.?\d*)", text)[1]
     assert FADE_SECONDS <= float(seconds) < FADE_SECONDS + PATIENCE
-    assert len(seconds.replace(".", "")) <= 6  # as a stream writes a double
+    assert len(seconds.replace(".", "")) <= 6  # six digits, as a C++ stream prints a double
     assert popups.heard_from[-1] == ("/Org/Olvane/KVPopupNoti", "org.olvane.kv_popupnoti", "s")
     assert daemon.log.find(f"MSG :{text}", before).priority == "I"
     assert daemon.log.find("Signal 'PopupNoti'", before)
@@ -663,7 +663,7 @@ def test_a_fade_under_half_a_second_has_no_popup(daemon, popups, tv):
     mute(popups)
     before = daemon.log.end()
     popups.send("ApplyUnmuteFadeIn", "i", BOTH)
-    popups.send("ApplyGainOnMute", "ii", BOTH, 40)  # ends both fades before they have begun, or at their first step
+    popups.send("ApplyGainOnMute", "ii", BOTH, 40)  # ends both fades at their first step at the latest
     for worker in ("UnMuteMainOutH", "UnMuteSubOutH"):
         daemon.log.wait_matching(rf"Wake {worker}\. gain:\d+", before)
     rest(daemon)

@@ -1,16 +1,15 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-"""A daemon with nothing to do uses nothing: no thread is ever woken."""
-import os
+"""Tests that no thread of an idle daemon ever wakes up."""
 import time
 
-QUIET = 10.0  # seconds of watching
-# ThreadSanitizer brings a thread of its own, which wakes up now and then.
-FOREIGN_THREADS = 1 if "thread" in os.environ["KAVREL_SANITIZER"] else 0
+from harness import FOREIGN_THREADS
+
+QUIET = 10.0  # seconds of observation
 
 
 def woken_threads(daemon):
-    """{thread: wake-ups} of those that ran in the watched time."""
+    """Returns {thread: wake-ups} of the threads that woke up while this function observed them."""
     before = daemon.threads()
     time.sleep(QUIET)
     after = daemon.threads()
@@ -21,7 +20,7 @@ def woken_threads(daemon):
 
 def assert_idle(daemon):
     daemon.log.wait_for_rest()
-    assert len(daemon.threads()) >= 8  # main, the bus's, the platform's, six gain workers
+    assert len(daemon.threads()) >= 8  # main, bus, platform and six gain workers
     before = daemon.log.end()
     woken = woken_threads(daemon)
     assert len(woken) <= FOREIGN_THREADS, woken
@@ -35,7 +34,7 @@ def test_no_thread_wakes_up_after_the_start(daemon):
 def test_no_thread_wakes_up_after_work(daemon, client, tv):
     client.set_volume(30)
     client.set_mute(True)
-    client.set_mute(False)  # fades in
+    client.set_mute(False)  # starts a fade-in
     tv.echo(12, "sound/route")
     daemon.log.wait_matching(r"Speaker changed\[0->12\].*")
     client.emit("ApplyPulseAudioGain", "ii", 50, 200)

@@ -1,6 +1,6 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-"""What is installed around the daemon: the bus policy, activation, the unit, what a TV forgets at boot."""
+"""Tests the installed files: the bus policy, activation, the service unit, and the values that a TV loses at boot."""
 import configparser
 import os
 import re
@@ -16,7 +16,7 @@ PREFIX = "usr"
 
 @pytest.fixture(scope="module")
 def installed(tmp_path_factory):
-    """The folder that an installation has been made into."""
+    """The root folder of an installation."""
     folder = tmp_path_factory.mktemp("installed")
     subprocess.run(["meson", "install", "-C", os.environ["KAVREL_BUILD"], "--no-rebuild", "--destdir", folder,
                     "--quiet"], check=True, stdin=subprocess.DEVNULL, capture_output=True)
@@ -24,7 +24,7 @@ def installed(tmp_path_factory):
 
 
 def unit_of(path):
-    """{section: [(key, value)]}, with repeated keys."""
+    """Returns {section: [(key, value)]}, since keys may repeat."""
     sections, section = {}, None
     for line in path.read_text().splitlines():
         if line.startswith("["):
@@ -94,7 +94,7 @@ def test_a_boot_forgets_the_settings_memory_and_nothing_else(tmp_path):
         (tmp_path / "run/kavrel/settings" / key).write_text("1\n")
     command = ["systemd-tmpfiles", "--remove", f"--root={tmp_path}", ROOT / "data/kavrel.tmpfiles"]
     subprocess.run(command, check=True)
-    assert (tmp_path / "run/kavrel/settings/memory").exists()  # a restart is no boot
+    assert (tmp_path / "run/kavrel/settings/memory").exists()  # a restart of the service keeps the settings
     subprocess.run([*command, "--boot"], check=True)
     assert not (tmp_path / "run/kavrel/settings/memory").exists()
     assert (tmp_path / "run/kavrel/settings/db/usbsound/volume_level").exists()
@@ -127,7 +127,7 @@ STRICT_BUS = """
 
 @pytest.fixture
 def strict(scene):
-    """The scene with a bus that allows what an installation's does, our policy included."""
+    """A scene whose bus has the policy of an installed system bus, with that of kavrel."""
     scene.bus.end()
     (scene.folder / "bus").unlink(missing_ok=True)
     config = scene.folder / "strict.conf"
@@ -139,7 +139,7 @@ def strict(scene):
 
 
 def run_as(user, scene, *command):
-    """Exit status and standard error. Only root can be several users: anyone else is the one without rights."""
+    """Runs a command as a user (without root rights: as the present one); returns its status and standard error."""
     as_user = {
         "root": [],
         "nobody": ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"],

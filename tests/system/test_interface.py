@@ -1,6 +1,6 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-"""The wire contract: names, paths, signatures, and what is refused."""
+"""Tests the interface on the bus: names, paths, signatures, and refused calls."""
 import xml.etree.ElementTree as ElementTree
 
 import pytest

@@ -349,7 +349,7 @@ def test_the_list_of_commands_is_complete(tool):
     assert listed == COMMANDS
 
 
-# --- What the daemon makes of it
+# --- How the daemon follows
 
 def test_the_daemon_hears_every_verb(scene, tv, tool, client):
     tool("feature", "projector", "on")

@@ -269,7 +269,7 @@ def test_devices_leave_no_trace_of_themselves(tool, tv):
 
 
 def test_devices_follow_a_folder_that_is_replaced(tool, tv):
-    """The memory settings are emptied by whoever starts the TV, perhaps beside the devices."""
+    """Whatever starts the TV empties the memory settings, perhaps while the devices run."""
     tool("route", "hdmi")
     devices = tool.devices()
     subprocess.run(["rm", "-rf", tv.path / "settings/memory"], check=True)

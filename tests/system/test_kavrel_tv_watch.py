@@ -115,7 +115,7 @@ def test_watch_without_a_terminal_prints_each_state_without_colour(tool, tv):
 
 @contextlib.contextmanager
 def full_pipe():
-    """Its two ends; whoever writes to it and takes no waiting is told so."""
+    """The two ends of a full pipe: a write without waiting fails."""
     reader, writer = os.pipe()
     os.set_blocking(writer, False)
     with contextlib.suppress(BlockingIOError):

@@ -1,6 +1,6 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-"""kavrelctl as a person and a script have it: what it prints, how it exits, and what the daemon makes of it."""
+"""Tests kavrelctl as persons and scripts use it: its output, its exit status, and its effect on the daemon."""
 import json
 import os
 import re
@@ -100,7 +100,7 @@ class Ctl:
                               stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=timeout, check=False)
 
     def __call__(self, *arguments):
-        """What it prints when all is well."""
+        """Runs it, checks that it succeeded, and returns its output."""
         done = self.run(*arguments)
         assert (done.returncode, done.stderr) == (DONE, "")
         return done.stdout
@@ -118,7 +118,7 @@ class Ctl:
         return view
 
     def monitor(self, *arguments):
-        """A monitor that has told the present state."""
+        """Starts a monitor and waits until it has printed the present state."""
         view = self.view("monitor", *arguments)
         view.read_until('"event":"state"' if "--json" in arguments else r"  support  ")
         return view
@@ -146,7 +146,7 @@ def stopped(daemon):
     daemon.signal(signal.SIGCONT)
 
 
-# What is, and what is set
+# Reading and setting values
 
 
 def test_status_on_one_screen(daemon, ctl):
@@ -223,7 +223,7 @@ def test_support_in_words(daemon, tv, ctl, word, words):
     assert json.loads(ctl("support", "--json"))["support"] == word
 
 
-# What is refused
+# Refused arguments
 
 
 def test_status_below_zero_is_told_in_words(daemon, hdmi, tv, ctl):
@@ -509,7 +509,7 @@ def test_version(ctl):
 
 
 def events(lines):
-    """Of monitor in words: [(event, words)]; each line begins with the time of day."""
+    """Splits the lines of monitor into [(event, words)]; each line begins with the time of day."""
     matches = [re.fullmatch(r"\d\d:\d\d:\d\d\.\d{3}  (\w+) +(.*)", line) for line in lines]
     assert all(matches), lines
     return [match.groups() for match in matches]
@@ -727,7 +727,7 @@ def test_calls_do_not_show_the_monitors_own(daemon, ctl, client):
 
 @pytest.fixture
 def terminal(scene):
-    """Runs a kavrelctl in the foreground of a terminal of 80 columns, in colours unless told otherwise."""
+    """Runs a kavrelctl in the foreground of a terminal of 80 columns, in colours by default."""
     def run(*arguments, **environment):
         terminal = Terminal([KAVRELCTL, *arguments], scene.environment(**{"TERM": "xterm", "NO_COLOR": "", **environment}),
                             24, 80)

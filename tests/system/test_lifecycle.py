@@ -1,6 +1,6 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-"""The daemon's life as its surroundings see it: start, name, ready event, a second instance, the end of the bus."""
+"""Tests the daemon's life from outside: start, name, ready event, a second instance, the end of the bus."""
 import signal
 
 import pytest
@@ -59,7 +59,7 @@ def test_without_a_bus_the_tv_is_followed_all_the_same(scene, tv):
 
 @pytest.fixture
 def second(scene, daemon, tv):
-    """A second kavreld, queued behind the first, once it has done what it does on losing the name."""
+    """A second kavreld, which waits for the name of the first and has handled that it did not get the name."""
     second = scene.launch()
     tv.wait_until(READY, lambda: not tv.has(READY))
     return second

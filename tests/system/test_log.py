@@ -1,6 +1,6 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-"""The log: the form of each line, where it says that it comes from, priorities, and the call trace."""
+"""Tests the log: the form and the place of each line, priorities, and the call trace."""
 import re
 
 import pytest
@@ -19,7 +19,7 @@ def source_line(line):
 
 
 def exercise(client, log, tv):
-    """Something of everything; a program that does not know when it ends may look at the log next."""
+    """Makes kavreld log a bit of everything, and waits until it has."""
     client.set_volume(30)
     client.set_volume(101)
     client.set_mute(True)
@@ -36,7 +36,7 @@ def test_every_line_has_the_one_form_and_names_a_line_of_its_source_that_logs(sc
     exercise(client, daemon.log, tv)
     lines = daemon.log.lines()
     assert len(lines) > 100
-    assert len(lines) == len(daemon.log.raw_lines())  # none is of another form
+    assert len(lines) == len(daemon.log.raw_lines())  # every line has the form
     for line in lines:
         assert line.line > 0
         assert re.search(LOGS, source_line(line)), line
@@ -88,7 +88,7 @@ def test_nested_calls_are_traced_as_nested_pairs(scene, client):
     client.get_volume()
     daemon.log.wait_matching(rf"Called by .*{client.name}/.* size:1")
     asleep = daemon.log.wait("Sleep AudioGainOut")
-    daemon.log.wait("Sleep AudioGainOut", asleep.number)  # again, when the start gain is written
+    daemon.log.wait("Sleep AudioGainOut", asleep.number)  # sleeps again after it wrote the gain of the start
     daemon.settle()
     before = daemon.log.end()
     client.get_volume()
@@ -132,8 +132,8 @@ def test_the_utilities_are_not_traced(scene, client, tv):
 def test_the_lowest_priority_written_is_the_one_asked_for(scene, client, tv, level, priorities):
     daemon = scene.start(**({"KAVREL_LOG": level} if level else {}))
     client.get_support()
-    client.set_mute(False)  # while unmuted: a warning
-    client.set_volume(101)  # an error
+    client.set_mute(False)  # already unmuted: kavreld warns
+    client.set_volume(101)  # kavreld logs an error
     assert {line.priority for line in daemon.log.lines()} == priorities
 
 

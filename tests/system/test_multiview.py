@@ -1,9 +1,11 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-"""Multi-view: the daemon follows the output of the zone that holds the audio focus."""
+"""Tests multi-view, in which the daemon follows the route of the zone with the focus."""
 import re
 
 import pytest
+
+from harness import change
 
 MULTIVIEW = "features/com.norvik/featureconf/multiview.support"
 MODE_KEY = "memory/multiscreen/info"
@@ -12,7 +14,7 @@ FOCUS = "zones/focus"
 SPDIF = "settings/memory/sysman/spdif"
 SUB_ZONE = "settings/memory/org.olvane.btapp/sub_audio_zoneid"
 MIRRORING = "settings/memory/menu/network/screenmirroring"
-MISSING = -1002  # the platform's answer for a file that is not there
+MISSING = -1002  # the platform's result for a missing file
 
 ON, OFF = '{"mode":"on"}', '{"mode":"off"}'
 
@@ -22,7 +24,7 @@ ALSO_ON = [
     '{"mode":"off","mode":"on"}',
     '{"mode":"\\u006fn"}',
 ]
-OTHER_MODES = {  # what counts as off, and how it is logged
+OTHER_MODES = {  # {a text that means "off": the mode in the log}
     OFF: "off",
     '{"mode":"ON"}': "ON",
     '{"mode":"on "}': "on ",
@@ -51,7 +53,7 @@ OTHER_MODES = {  # what counts as off, and how it is logged
 }
 
 
-# What follows a change of focus: until then another route may be read than the one that the test has set.
+# The line after a change of focus. Before it, the daemon may still read a route that the test sets next.
 ROUTE_READ = r"(zoneID:-?\d+ )?route:-?\d+|get current speaker type failed"
 
 
@@ -60,40 +62,34 @@ def show(text):
 
 
 def put_zones(tv, **routes):
-    """zone_1=2: zone 1 with the route 2."""
+    """Sets the routes of zones; zone_1=2 gives zone 1 the route 2."""
     for zone, route in routes.items():
         tv.echo(route, f"sound/zones/{zone.removeprefix('zone_')}/route")
 
 
 def publish(tv, output, support=15, level=7, mute=0):
-    """The state of a device, such as "hdmi" (route 2), "mlr" (Wi-Fi, 4) or "bt" (3, 5)."""
+    """Publishes the state of a device: "hdmi" (route 2), "mlr" (Wi-Fi, 4), "bt" (3, 5) or another."""
     tv.echo(support, f"{MIRRORING}/volume_support_{output}")
     tv.echo(level, f"{MIRRORING}/get_volume_level_{output}")
     tv.echo(mute, f"{MIRRORING}/get_volume_mute_{output}")
 
 
 def change_mode(tv, log, text, logged):
-    before = log.end()
-    tv.echo(text, MODE)
-    return log.wait(f"MSmode:{logged}", before)
+    return change(tv, log, MODE, text, f"MSmode:{logged}")
 
 
 def change_focus(tv, log, zone, previous):
-    before = log.end()
-    tv.echo(zone, FOCUS)
-    found = log.wait(f"Focus ({previous}->{zone})", before)
+    found = change(tv, log, FOCUS, zone, f"Focus ({previous}->{zone})")
     log.wait_matching(ROUTE_READ, found.number)
     return found
 
 
 def change_zone(tv, log, zone, route, previous):
-    before = log.end()
-    tv.echo(route, f"sound/zones/{zone}/route")
-    return log.wait(f"Zone:{zone} Type({previous}->{route})", before)
+    return change(tv, log, f"sound/zones/{zone}/route", route, f"Zone:{zone} Type({previous}->{route})")
 
 
 def lines(log, after):
-    """What the object that follows the output, the factory and the server log."""
+    """Returns the lines of the volume control object, the speaker factory and the server."""
     files = ("VolumeControlImpl.cpp", "ISpeaker.cpp", "KVServer.cpp")
     return [(line.priority, line.function, line.text) for line in log.lines(after) if line.file in files]
 
@@ -142,7 +138,7 @@ def test_at_the_start_without_a_focus_the_route_is_the_single_one(scene, tv):
     log = scene.start().log
     failed = log.find(f"Failed to get zoneID. ret:{MISSING}")
     assert (failed.priority, failed.function) == ("E", "_InitMSViewSoundCallback")
-    ended = log.find("Multiview is terminated, call sound_manager_get_speaker_selection")  # there is no zone 0
+    ended = log.find("Multiview is terminated, call sound_manager_get_speaker_selection")  # although there is no zone 0
     assert (ended.priority, ended.function) == ("W", "_GetOutputRoute")
     assert log.find("zoneID:0 route:12", ended.number)
 
@@ -167,7 +163,7 @@ def test_without_the_feature_nothing_of_multi_view_is_heard(scene, tv, supported
     tv.echo(OFF, MODE)
     tv.echo(2, FOCUS)
     tv.echo(4, "sound/zones/1/route")
-    tv.echo(12, "sound/route")  # behind them
+    tv.echo(12, "sound/route")  # arrives after the other changes
     log.wait(re.compile(r"Speaker changed\[0->12\].*"), before)
     assert texts(log, before)[0] == "Type(0->12)"
 
@@ -218,7 +214,7 @@ def test_a_missing_mode_is_off(scene, tv):
 
 def test_a_mode_of_more_than_a_megabyte_cannot_be_read_and_changes_nothing(log, tv):
     tv.echo('{"mode":"off","filler":"' + "x" * 2**20 + '"}', MODE)
-    change_focus(tv, log, 2, previous=1)  # still in multi-view, but with no mode to be read
+    change_focus(tv, log, 2, previous=1)  # still in multi-view, although no mode can be read
     assert not any(text.startswith("MSmode") for text in log.texts())
 
 
@@ -239,7 +235,7 @@ def test_the_mode_turned_on_without_a_focus_keeps_the_zone_known(daemon, tv):
     log = daemon.log
     put_zones(tv, zone_2=0)
     tv.echo(12, "sound/zones/2/route")
-    log.wait("Zone:2 Type(0->12)")  # accepted while no zone is known, and the zone with it
+    log.wait("Zone:2 Type(0->12)")  # the daemon does not know a zone yet, so it accepts this report and takes its zone
     before = log.end()
     change_mode(tv, log, ON, "on")
     failed = log.wait(f"Failed to get zoneID. ret:{MISSING}", before)
@@ -266,7 +262,7 @@ def test_leaving_multi_view_on_another_output_leaves_the_gain(log, tv, client, r
         change_zone(tv, log, 1, route, previous=0)
     assert client.call("ApplyGainOnMute", "ii", 3, 40) == (0,)
     change_mode(tv, log, OFF, "off")
-    client.get_support()  # behind it
+    client.get_support()  # waits until the signal was handled
     assert tv.read("audio/main_out_gain2") == "40"
     assert log.find("View mode changed. Recover gain") is None
 
@@ -309,7 +305,7 @@ def test_a_route_change_of_another_zone_is_not_for_the_focused_one(log, tv, clie
 def test_the_route_already_in_use_changes_nothing(log, tv):
     before = log.end()
     tv.echo(0, "sound/zones/2/route")
-    tv.echo(12, "sound/zones/1/route")  # behind it
+    tv.echo(12, "sound/zones/1/route")  # arrives after that change
     log.wait(re.compile(r"Speaker changed\[0->12\].*"), before)
     assert texts(log, before)[:3] == ["Zone:2 Type(0->0)", "Zone:1 Type(0->12)", "Create TV Speaker"]
 
@@ -375,7 +371,7 @@ def test_the_focus_moving_to_the_same_output_keeps_the_speaker(log, tv):
 
 def test_a_focus_change_does_not_touch_the_previous_output(log, tv, client):
     publish(tv, "mlr")
-    change_zone(tv, log, 1, 4, previous=0)  # the previous one is 0 from here on
+    change_zone(tv, log, 1, 4, previous=0)  # from here on the previous route is 0
     change_focus(tv, log, 2, previous=1)
     before = log.end()
     client.emit("SpkDisconnected", "is", 2, "bar")
@@ -385,7 +381,7 @@ def test_a_focus_change_does_not_touch_the_previous_output(log, tv, client):
 def test_the_gain_of_a_silent_change_is_not_reset(log, tv, client):
     assert client.call("ApplyGainOnMute", "ii", 3, 40) == (0,)
     change_focus(tv, log, 2, previous=1)
-    client.get_support()  # behind it
+    client.get_support()  # waits until the signal was handled
     assert tv.read("audio/main_out_gain2") == "40"
 
 
@@ -426,7 +422,7 @@ def test_a_focus_change_in_single_view_changes_nothing(daemon, tv):
     tv.echo(1, FOCUS)
     line = log.wait("For single view. not this cb", before)
     assert (line.priority, line.function) == ("E", "FocusChangedCallback")
-    tv.echo(12, "sound/route")  # behind it
+    tv.echo(12, "sound/route")  # arrives after that change
     log.wait(re.compile(r"Speaker changed\[0->12\].*"), before)
     assert not any(text.startswith("Focus") for text in texts(log, before))
 
@@ -486,7 +482,7 @@ def test_without_zones_no_route_is_set(daemon, tv, client):
 
 @pytest.fixture
 def sub_zone_focused(two_zones, log, tv):
-    """Multi-view, zone 2 with the focus and the sub Bluetooth output, the optical cable plugged in."""
+    """A kavreld in multi-view: zone 2 has the focus and the sub Bluetooth output, the optical cable is connected."""
     tv.echo(2, SUB_ZONE)
     tv.echo(1, SPDIF)
     return two_zones
@@ -511,7 +507,7 @@ def test_pulling_the_cable_in_the_focused_zone_sets_all_zones_to_the_default_out
 def test_pulling_the_cable_while_the_sub_bluetooth_zone_listens_leaves_it_alone(sub_zone_focused, log, tv):
     publish(tv, "optical")
     change_zone(tv, log, 1, 1, previous=0)
-    change_zone(tv, log, 1, 12, previous=1)  # the previous output is optical
+    change_zone(tv, log, 1, 12, previous=1)  # makes the optical output the previous one
     change_focus(tv, log, 2, previous=1)
     before = log.end()
     unplug(tv, log)
@@ -521,10 +517,10 @@ def test_pulling_the_cable_while_the_sub_bluetooth_zone_listens_leaves_it_alone(
     assert log.find("[Zone: 2] SubBT is connected. Skip current zone", before)
 
     tv.echo(1, SPDIF)
-    sub_zone_focused.settle()  # plugging it in says nothing
+    sub_zone_focused.settle()  # kavreld logs nothing when the cable is connected
     before = log.end()
     unplug(tv, log)
-    log.wait("Skip. Prev:0", before)  # it was forgotten
+    log.wait("Skip. Prev:0", before)  # the daemon has forgotten the optical output
 
 
 def test_pulling_the_cable_while_the_sub_bluetooth_zone_listens_and_nothing_was_optical(sub_zone_focused, log, tv):

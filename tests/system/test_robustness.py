@@ -1,6 +1,6 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-"""A TV whose directory is missing, wrong or full of junk, and clients that send anything: the daemon stays and answers."""
+"""Tests that the daemon survives a TV directory that is missing or full of junk, and clients that send anything."""
 import errno
 import shutil
 import threading
@@ -24,7 +24,7 @@ DEFAULT_TV = {
 
 
 def start_on_what_is_there(scene, client):
-    """Without the wait for the ready event, which such a TV may be unable to hold."""
+    """Starts a kavreld and waits until it answers, but not for the ready event, which such a TV may fail to store."""
     daemon = scene.launch()
     client.wait_for_owner(daemon)
     client.get_support()
@@ -88,7 +88,7 @@ def test_a_tv_full_of_junk_is_survived(scene, tv, client, junk):
     for file in files:
         file.write_bytes(junk)
     daemon = start_on_what_is_there(scene, client)
-    assert client.get_support() == (0xFFFF, 0)  # the default output's
+    assert client.get_support() == (0xFFFF, 0)  # the support word of the default output
     assert client.set_volume(30) == 0
     assert client.get_volume() == (30, 0)
     assert client.set_mute(True) == 0
@@ -116,7 +116,7 @@ def test_multi_view_information_that_does_not_say_on_is_off(scene, tv, client, i
     tv.echo(info, "settings/memory/multiscreen/info")
     daemon.log.wait_matching(r"MSmode:.*")
     before = daemon.log.end()
-    tv.echo(12, "sound/route")  # in multi-view, this would not be the output
+    tv.echo(12, "sound/route")  # in multi-view the daemon would ignore this route
     daemon.log.wait_matching(r"Speaker changed\[0->12\]\. .*", before)
     assert daemon.is_alive()
 
@@ -167,7 +167,7 @@ def test_many_clients_at_once_are_all_served(scene, daemon, client):
         thread.start()
     for thread in threads:
         thread.join()
-    assert failures == []  # one thread serves them all: nobody finds it busy
+    assert failures == []  # one thread serves all clients, so none is refused as busy
     assert client.set_volume(30) == 0
     assert client.get_volume() == (30, 0)
 
@@ -183,7 +183,7 @@ def test_a_client_that_goes_without_its_reply_is_survived(scene, daemon, client)
 
 def test_the_ready_event_of_a_killed_daemon_is_raised_anew(scene, tv):
     scene.start().kill()
-    assert tv.has(READY)  # nobody was left to withdraw it: the unit's job
+    assert tv.has(READY)  # the killed daemon could not withdraw it; the service unit does that
     tv.remove(READY)
     scene.start()
     assert tv.has(READY)

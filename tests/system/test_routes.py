@@ -1,10 +1,10 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-"""The daemon follows the TV's output: speakers replaced, the optical cable pulled, mirroring to a mobile."""
+"""Tests how the daemon follows the route: new speakers, the optical cable, mirroring to a mobile device."""
 
 import pytest
 
-from harness import TV_SUPPORT
+from harness import TV_SUPPORT, change_route, lines_without_workers
 
 SPDIF = "settings/memory/sysman/spdif"
 TV2MOBILE = "settings/memory/menu/network/screenmirroring/smsrc_status"
@@ -17,23 +17,10 @@ UNKNOWN_ROUTES = [7, 16, 17, 18, 20, 255, -1, 2**31 - 1, -2**31]
 OPTICAL_SUPPORT = "settings/memory/menu/network/screenmirroring/volume_support_optical"
 
 
-def change_route(tv, log, route, previous=0):
-    """The output becomes another one; returns the line that closes the change."""
-    before = log.end()
-    tv.echo(route, "sound/route")
-    return log.wait_matching(rf"Speaker changed\[{previous}->{route}\]\. .*", before)
-
-
-def lines_of_change(log, after):
-    """Without the gain workers' lines, whose threads write when they like."""
-    return [(line.priority, line.file, line.function, line.text) for line in log.lines(after)
-            if line.file != "KVAudioGainHandler.cpp"]
-
-
 def test_another_tv_route_replaces_the_speaker_with_every_line_in_order(log, tv, client):
     before = log.end()
     change_route(tv, log, 12)
-    assert lines_of_change(log, before) == [
+    assert lines_without_workers(log, before) == [
         ("I", "VolumeControlImpl.cpp", "SpeakerChangedCallback", "Type(0->12)"),
         ("E", "TVSpeaker.cpp", "UnsetEventHandler", "Already unset event handler"),
         ("I", "ISpeaker.cpp", "CreateSpeaker", "Create TV Speaker"),
@@ -87,10 +74,10 @@ def test_volume_and_mute_heard_before_a_route_change_still_count_after_it(log, t
     assert client.set_volume(30) == 0
     client.expect("SpeakerVolumeChanged", TV_SUPPORT, 30)
     change_route(tv, log, 7)
-    tv.echo(20, "audio/master_volume")  # the TV speaker's, not in use
+    tv.echo(20, "audio/master_volume")  # of the TV speaker, which is not the present output
     change_route(tv, log, 0, previous=7)
     before = log.end()
-    tv.echo(30, "audio/master_volume")  # new to the speaker, the last one known to clients
+    tv.echo(30, "audio/master_volume")  # new to the speaker object, but clients know this volume already
     log.wait("volume(30) is same", before)
     client.expect_silence()
 
@@ -132,13 +119,13 @@ def test_on_multi_output_no_fade_is_applied(log, tv, client):
 @pytest.mark.parametrize("junk", ["", "optical", "1 2", "99999999999"])
 def test_a_route_that_cannot_be_read_changes_nothing(log, tv, client, junk):
     tv.echo(junk, "sound/route")
-    change_route(tv, log, 12)  # the next readable one does
+    change_route(tv, log, 12)  # the next readable route has an effect
     assert [text for text in log.texts() if text.startswith("Type(")] == ["Type(0->12)"]
 
 
 @pytest.mark.parametrize("route", ["", "optical", None])
 def test_a_start_without_a_readable_route_takes_the_default_one(scene, tv, client, route):
-    scene.start().kill()  # makes the default TV
+    scene.start().kill()  # creates the default TV
     if route is None:
         tv.remove("sound/route")
     else:
@@ -224,7 +211,7 @@ def test_pulling_a_cable_that_nothing_uses_changes_nothing(plugged, tv):
 def test_plugging_the_cable_in_changes_nothing(log, tv):
     before = log.end()
     tv.echo(1, SPDIF)
-    change_route(tv, log, 12)  # behind it
+    change_route(tv, log, 12)  # arrives after that change
     assert not any("Spdif" in text or text.startswith("Set Speaker") for text in log.texts(before))
 
 
@@ -245,7 +232,7 @@ def test_without_an_internal_speaker_the_optical_output_is_the_default(scene, tv
     tv.echo(0, SPDIF)
     log.wait("Set Speaker Output(1)", before)
     assert tv.read("sound/route") == "1"
-    assert not any(text.startswith("Type(") for text in log.texts(before))  # the same one is no change
+    assert not any(text.startswith("Type(") for text in log.texts(before))  # an equal route is not a change
 
 
 # --- mirroring to a mobile ------------------------------------------------------------------------------------------

@@ -1,6 +1,6 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-"""What ./run, ./test and ./bench share: installing what is missing, and counting what was tested. Completion in bash."""
+"""Tests the parts that ./run, ./test and ./bench share: installing packages, counting tests. And completion in bash."""
 import json
 import os
 import re

@@ -1,8 +1,8 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-"""A storm: other processes change all that the daemon follows while clients hammer it. Then it must agree again.
+"""Many processes change all values that the daemon follows while many clients call it. Afterwards all must agree again.
 
-KAVREL_STORM_SECONDS says how long it lasts.
+KAVREL_STORM_SECONDS sets the length of the storm.
 """
 import os
 import re
@@ -10,12 +10,12 @@ import subprocess
 import time
 from pathlib import Path
 
-from harness import PATIENCE, TV_SUPPORT
+from harness import PATIENCE, TV_SUPPORT, change
 
 SECONDS = float(os.environ.get("KAVREL_STORM_SECONDS", 5))
 CLIENTS = 8
-CHANGES_A_SECOND = 50  # at least
-LOG_BYTES = 16 * 2**20  # as much of it as may pile up
+CHANGES_A_SECOND = 50  # the least that must be reached
+LOG_BYTES = 16 * 2**20  # the size at which the log is emptied
 
 PROGRAM = Path(__file__).with_name("storm.py")
 MIRRORING = "settings/memory/menu/network/screenmirroring"
@@ -23,7 +23,7 @@ MODE, FOCUS, SPDIF = "settings/memory/multiscreen/info", "zones/focus", "setting
 LEVEL, MUTE = f"{MIRRORING}/get_volume_level_hdmi", f"{MIRRORING}/get_volume_mute_hdmi"
 ON, OFF = '{"mode":"on"}', '{"mode":"off"}'
 
-CHANGES = {  # the value, and what it becomes in turn; the first is also the last
+CHANGES = {  # {value: its texts in turn, the first of which is also the last}
     "sound/route": [0, 2, 12, 3, 15, 7, 1, 6, 19, 4],
     "sound/zones/1/route": [0, 2, 0, 5],
     "sound/zones/2/route": [12, 4, 1],
@@ -43,7 +43,7 @@ def put_devices(tv):
 
 
 class Storm:
-    """All its programs, and the daemon's log kept short meanwhile."""
+    """Runs the programs of the storm, and keeps the daemon's log short meanwhile."""
 
     def __init__(self, scene, daemon):
         self.scene, self.daemon = scene, daemon
@@ -59,7 +59,7 @@ class Storm:
         return program
 
     def wait(self):
-        """How many changes were made of each value, and how many calls by each client."""
+        """Waits for the end; returns {value: number of changes} and a list of the numbers of calls of each client."""
         return {value: self._end(program) for value, program in self.writers.items()}, [
             self._end(program) for program in self.clients]
 
@@ -77,16 +77,9 @@ class Storm:
         return int(output)
 
     def _shorten_log(self):
-        # A sanitizer's report ends the daemon, so none is lost with what a living one has written.
+        # This loses no sanitizer report, because the daemon dies when it writes one.
         if self.daemon.log.path.stat().st_size > LOG_BYTES:
             os.truncate(self.daemon.log.path, 0)
-
-
-def change(tv, log, value, text, logged):
-    """Writes a value and waits for what the daemon says of it."""
-    before = log.end()
-    tv.echo(text, value)
-    return log.wait(logged, before)
 
 
 def change_volume(tv, client, value, support, *volumes):
@@ -97,7 +90,7 @@ def change_volume(tv, client, value, support, *volumes):
 
 
 def turn_mute_over(tv, log, client, value, support):
-    """A first time, which the daemon may find to be what it knows: a report lost in the storm. Then twice, heard."""
+    """Toggles mute three times and expects a signal for the last two: a report lost in the storm may hide the first."""
     mute = 1 - int(tv.read(value))
     change(tv, log, value, mute, re.compile(rf"mute changed : \[{mute}\]|mute is same : {mute}"))
     client.forget()
@@ -111,7 +104,7 @@ def agree_on_a_tv_speaker_in_single_view(tv, log, client):
     change(tv, log, MODE, OFF, "MSmode:off")
     change(tv, log, FOCUS, 2, "For single view. not this cb")
     change(tv, log, "sound/route", 13, re.compile(r"Speaker changed\[-?\d+->13\]\. mode:0xffff.*"))
-    client.forget()  # earbuds that went in the storm may have muted it
+    client.forget()  # disconnected earbuds may have muted the TV during the storm
     assert client.get_support() == (TV_SUPPORT, 0)
 
     change_volume(tv, client, "audio/master_volume", TV_SUPPORT, 77, 78)

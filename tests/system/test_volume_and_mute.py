@@ -1,6 +1,6 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-"""Volume and mute over the bus and over the TV's directory, and what is announced of them."""
+"""Tests volume and mute through the bus and through the TV's directory, and their change signals."""
 import errno
 from itertools import cycle, islice
 
@@ -200,7 +200,7 @@ def test_first_report_of_zero_is_no_change_since_nothing_else_was_known(daemon, 
 
 
 def test_the_volume_from_before_the_start_counts_as_changed_when_it_comes_back(daemon, client, tv):
-    # The TV starts at 10, kavrel's own memory at 0: it has heard of no 10 yet.
+    # The TV starts with volume 10, but the daemon remembers 0 until a report brings another volume.
     tv.echo(20, "audio/master_volume")
     client.expect(*volume_changed(20))
     tv.echo(10, "audio/master_volume")
