@@ -56,11 +56,19 @@ std::optional<Seconds> TakeTime(Words& words) {
 // --- Methods and signals
 
 struct Member {
-    std::string arguments;    // a letter for the type of each
-    std::size_t answers = 0;  // values of the reply
+    std::string arguments;      // a letter for the type of each
+    std::size_t answers = 0;    // values of a method's reply
+    bool isForKavreld = false;  // a signal that kavreld listens to
 };
 
 using Members = std::map<std::string, Member>;
+
+const Members SIGNALS = {
+    {"BudsConnected", {"i", 0, true}},    {"BudsDisconnected", {"i", 0, true}},
+    {"SpkDisconnected", {"is", 0, true}}, {"ApplyPulseAudioGain", {"ii", 0, true}},
+    {"SpeakerVolumeChanged", {"ii"}},     {"SpeakerMuteChanged", {"ib"}},
+    {"SpeakerChangeRequest", {"ii"}},     {"SpkVolumeChanged", {"iii"}},
+};
 
 std::string Types(GDBusArgInfo** arguments) {
     std::string types;
@@ -70,40 +78,13 @@ std::string Types(GDBusArgInfo** arguments) {
     return types;
 }
 
-const Members& Methods() {
-    static const Members METHODS = [] {
-        Members methods;
-        const tools::GLibPtr<GDBusNodeInfo> node(g_dbus_node_info_new_for_xml(kavrel_interface_xml, nullptr));
-        for (GDBusMethodInfo** method = node->interfaces[0]->methods; *method != nullptr; ++method) {
-            methods[(*method)->name] = {Types((*method)->in_args), Types((*method)->out_args).size()};
-        }
-        return methods;
-    }();
-    return METHODS;
-}
-
-/** The signals that kavreld listens to. */
-const Members& SignalsForKavreld() {
-    static const Members SIGNALS = {
-        {"BudsConnected", {"i"}},
-        {"BudsDisconnected", {"i"}},
-        {"SpkDisconnected", {"is"}},
-        {"ApplyPulseAudioGain", {"ii"}},
-    };
-    return SIGNALS;
-}
-
-/** All signals of the interface. */
-const Members& Signals() {
-    static const Members SIGNALS = [] {
-        Members signals = SignalsForKavreld();
-        signals.insert({{"SpeakerVolumeChanged", {"ii"}},
-                        {"SpeakerMuteChanged", {"ib"}},
-                        {"SpeakerChangeRequest", {"ii"}},
-                        {"SpkVolumeChanged", {"iii"}}});
-        return signals;
-    }();
-    return SIGNALS;
+Members ReadMethods() {
+    Members methods;
+    const tools::GLibPtr<GDBusNodeInfo> node(g_dbus_node_info_new_for_xml(kavrel_interface_xml, nullptr));
+    for (GDBusMethodInfo** method = node->interfaces[0]->methods; *method != nullptr; ++method) {
+        methods[(*method)->name] = {Types((*method)->in_args), Types((*method)->out_args).size()};
+    }
+    return methods;
 }
 
 /** @param words the member's name and its arguments, or the name alone where that is allowed */
@@ -206,7 +187,8 @@ void Finish(Say& step, const Words& words) {
 void Finish(Call& step, const Words& words) {
     const auto arrow = std::find(words.begin(), words.end(), "->");
     const Words call(words.begin(), arrow);
-    const Member& method = FindMember(Methods(), "method", call);
+    static const Members METHODS = ReadMethods();
+    const Member& method = FindMember(METHODS, "method", call);
     step.method = call[0];
     step.arguments = Arguments(method, call);
     step.answer.assign(arrow == words.end() ? arrow : arrow + 1, words.end());
@@ -218,12 +200,16 @@ void Finish(Call& step, const Words& words) {
 }
 
 void Finish(Emit& step, const Words& words) {
-    step.arguments = Arguments(FindMember(SignalsForKavreld(), "signal for kavreld", words), words);
+    const Member& signal = FindMember(SIGNALS, "signal", words);
+    if (!signal.isForKavreld) {
+        throw tools::UsageError("kavreld does not listen to the signal " + words[0]);
+    }
+    step.arguments = Arguments(signal, words);
     step.signal = words[0];
 }
 
 void Finish(ExpectSignal& step, const Words& words) {
-    FindMember(Signals(), "signal", words, true);
+    FindMember(SIGNALS, "signal", words, true);
     step.signal = words;
 }
 
