@@ -96,8 +96,10 @@ public:
 
     /** What a message asks for, if a handler will get it. */
     eMessageKind KindOf(GDBusMessage* message) const;
-    /** Counts a message. @return false if too many wait already */
-    bool Admit(GDBusMessage* message, eMessageKind kind);
+    /** Counts one more message of the sender. @return false if too many wait already */
+    bool Enter(const std::string& sender, eMessageKind kind);
+    /** Makes the message own the count that Enter has added for it. */
+    void Attach(GDBusMessage* message, const std::string& sender, eMessageKind kind);
     /** Takes a message off the counts, once. */
     void Leave(Ticket& ticket);
     Waiting Take(const GVariant* arguments);
@@ -107,8 +109,6 @@ private:
         int getters = 0;
         int others = 0;
     };
-
-    bool Enter(const std::string& sender, eMessageKind kind) KV_REQUIRES(m_mutex);
 
     const std::string m_interface;
     const std::string m_methodPath;
@@ -164,16 +164,11 @@ eMessageKind KVMessageFilter::Counts::KindOf(GDBusMessage* message) const {
     return fits ? method->second.kind : eMessageKind::NOT_HANDLED;
 }
 
-bool KVMessageFilter::Counts::Admit(GDBusMessage* message, eMessageKind kind) {
-    const std::string sender(TextOf(g_dbus_message_get_sender(message)));
+void KVMessageFilter::Counts::Attach(GDBusMessage* message, const std::string& sender, eMessageKind kind) {
     GVariant* body = g_dbus_message_get_body(message);
-    std::shared_ptr<Ticket> ticket;
+    auto ticket = std::make_shared<Ticket>(shared_from_this(), sender, kind, body);
     {
         const KVLockGuard lock(m_mutex);
-        if (!Enter(sender, kind)) {
-            return false;
-        }
-        ticket = std::make_shared<Ticket>(shared_from_this(), sender, kind, body);
         m_tickets[body] = ticket;
     }
     g_object_set_data_full(
@@ -181,10 +176,10 @@ bool KVMessageFilter::Counts::Admit(GDBusMessage* message, eMessageKind kind) {
         [](gpointer owned) {
             const std::unique_ptr<std::shared_ptr<Ticket>> last(static_cast<std::shared_ptr<Ticket>*>(owned));
         });
-    return true;
 }
 
 bool KVMessageFilter::Counts::Enter(const std::string& sender, eMessageKind kind) {
+    const KVLockGuard lock(m_mutex);
     Sender& waiting = m_senders[sender];
     const bool nothingWaits = waiting.getters == 0 && waiting.others == 0;
     if (kind == eMessageKind::GETTER) {
@@ -276,11 +271,13 @@ GDBusMessage* KVMessageFilter::OnMessage(GDBusConnection* connection, GDBusMessa
     if (kind == eMessageKind::NOT_HANDLED) {
         return message;
     }
-    message = WithBody(message);
-    if (!counts.Admit(message, kind)) {
+    const std::string sender(TextOf(g_dbus_message_get_sender(message)));
+    if (!counts.Enter(sender, kind)) {
         Refuse(connection, message, "Too many messages of this sender wait already");
         return nullptr;
     }
+    message = WithBody(message);
+    counts.Attach(message, sender, kind);
     return message;
 }
 
