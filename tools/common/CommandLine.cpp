@@ -88,8 +88,8 @@ std::string InOneLine(std::string text) {
 CommandLine::CommandLine(const std::string& name, const std::string& description, const std::string& footer)
     : m_app(description, name) {
     m_app.formatter(std::make_shared<HelpPage>());
-    m_app.set_help_flag("-h,--help", "show this help");
-    m_app.set_version_flag("--version", name + " " + KAVREL_VERSION, "show the version");
+    m_app.set_help_flag("-h,--help", "Show this help");
+    m_app.set_version_flag("--version", name + " " + KAVREL_VERSION, "Show the version");
     m_app.require_subcommand(0, 1);
     m_app.footer(footer);
 }
@@ -227,51 +227,6 @@ CLI::Validator Utf8Text() {
         return isValid ? "" : Quoted(text) + " is not UTF-8 text";
     };
     return {check, ""};
-}
-
-int Number(std::string_view argument, const std::string& text, int least, int most) {
-    int number = 0;
-    const char* end = text.data() + text.size();
-    const auto read = std::from_chars(text.data(), end, number);
-    if (read.ec != std::errc() || read.ptr != end || number < least || number > most) {
-        std::string range = " from " + std::to_string(least) + " to " + std::to_string(most);
-        if (least == std::numeric_limits<int>::min() && most == std::numeric_limits<int>::max()) {
-            range = " of 32 bits";
-        }
-        throw UsageError(std::string(argument) + " must be a whole number" + range + ", not " + Quoted(text));
-    }
-    return number;
-}
-
-double Decimal(std::string_view argument, const std::string& text, double least, double most) {
-    double number = 0;
-    const char* end = text.data() + text.size();
-    const auto read = std::from_chars(text.data(), end, number);
-    if (read.ec != std::errc() || read.ptr != end || !(number >= least && number <= most)) {
-        throw UsageError(std::string(argument) + " must be a number from " + InFull(least) + " to " +
-                         InFull(most) + ", not " + Quoted(text));
-    }
-    return number;
-}
-
-int Choice(std::string_view argument, const std::string& text,
-           std::initializer_list<std::string_view> choices) {
-    const auto* chosen = std::find(choices.begin(), choices.end(), text);
-    if (chosen != choices.end()) {
-        return static_cast<int>(chosen - choices.begin());
-    }
-    std::string list;
-    for (const auto& choice : choices) {
-        list += (list.empty() ? "" : &choice == choices.end() - 1 ? " or " : ", ") + std::string(choice);
-    }
-    throw UsageError(std::string(argument) + " must be " + list + ", not " + Quoted(text));
-}
-
-const std::string& Utf8(std::string_view argument, const std::string& text) {
-    if (!g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr)) {
-        throw UsageError(std::string(argument) + " must be UTF-8 text, not " + Quoted(text));
-    }
-    return text;
 }
 
 }  // namespace tools

@@ -5,10 +5,8 @@
 
 #include <CLI/App.hpp>
 #include <functional>
-#include <initializer_list>
 #include <limits>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -17,8 +15,6 @@ namespace tools {
 /**
  * The command line of a tool made of commands. All tools have the same --help and --version, an example on
  * every help page, one line and a hint on wrong usage, and the same exit codes.
- *
- * The validators and functions below read the arguments, so that the tools report wrong ones in the same words.
  */
 class CommandLine {
 public:
@@ -57,7 +53,8 @@ private:
     Action m_action;
 };
 
-// Validators for CLI::Option::transform(). What they accept, CLI11 can convert to the type of the argument.
+// Validators for CLI::Option::transform(): with them all tools report wrong arguments in the same words. CLI11 can
+// convert every text that they accept to the type of the argument.
 
 /** Accepts a whole number in decimal digits. */
 CLI::Validator WholeNumber(int least = std::numeric_limits<int>::min(),
@@ -68,18 +65,6 @@ CLI::Validator DecimalNumber(double least, double most);
 CLI::Validator OneOf(const std::vector<std::pair<std::string, int>>& choices);
 /** Accepts UTF-8, without which text cannot be sent over the bus. */
 CLI::Validator Utf8Text();
-
-/** The integer in a decimal text.
- *  @throws UsageError, which names the argument, if the text is no integer or out of range */
-int Number(std::string_view argument, const std::string& text, int least = std::numeric_limits<int>::min(),
-           int most = std::numeric_limits<int>::max());
-/** The same for a number with decimals. */
-double Decimal(std::string_view argument, const std::string& text, double least, double most);
-/** The position of the text in the list. @throws UsageError, which names the argument, if it is not there */
-int Choice(std::string_view argument, const std::string& text,
-           std::initializer_list<std::string_view> choices);
-/** The text, which the bus takes only as UTF-8. @throws UsageError, which names the argument, if it is not */
-const std::string& Utf8(std::string_view argument, const std::string& text);
 
 }  // namespace tools
 

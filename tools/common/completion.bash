@@ -40,7 +40,6 @@ _kavrel_complete() {
     fi
     read -r name word _ <<<"$entry" # the argument's name, and its words in the form on|off;
     [[ $word != *'|'* ]] || words=${word%;}
-    [[ ! $entry =~ ^[A-Z]+\ +([a-z-]+)\ or\ ([a-z-]+)$ ]] || words="${BASH_REMATCH[*]:1}"
     [[ $entry != *'or none'* ]] || words=none
     case "${command[*]} $name" in
         *' ROUTE') words=$("$tool" route --help | sed -n 's/^ *[0-9]\+  \([a-z0-9-]*\).*/\1/p') ;;

@@ -224,7 +224,7 @@ struct MonitorCommand {
     void AddArguments(CLI::App& command) {
         AddJson(command, options.asJson);
         command.add_flag("--calls", options.withCalls,
-                         "show each method call to the daemon, too: its caller,\n"
+                         "Show each method call to the daemon, too: its caller,\n"
                          "its answer, and how long it took (may need root)");
     }
     int Run(const Tool& tool) const { return Monitor(options, tool.Timeout()).Run(); }

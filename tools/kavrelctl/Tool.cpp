@@ -39,13 +39,13 @@ tools::Timeout Tool::Timeout() const {
 }
 
 void Tool::AddTimeout(CLI::App& command) {
-    command.add_option("--timeout", m_seconds, "wait so long for an answer; 0: no limit (default: 5)")
+    command.add_option("--timeout", m_seconds, "Wait so long for an answer; 0: no limit (default: 5)")
         ->type_name("SECONDS")
         ->transform(tools::DecimalNumber(0, MOST_SECONDS));
 }
 
 void AddJson(CLI::App& command, bool& asJson) {
-    command.add_flag("--json", asJson, "print one JSON object on one line");
+    command.add_flag("--json", asJson, "Print one JSON object on one line");
 }
 
 void ThrowIfFailed(int status, const std::string& complaint) {
