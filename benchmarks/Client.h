@@ -59,7 +59,7 @@ public:
 private:
     struct Pending;
     void Send(const char* method, GVariant* arguments, Function onReply);
-    static void OnDone(GObject* connection, GAsyncResult* result, gpointer pending);
+    static void OnDone(GObject* connection, GAsyncResult* result, gpointer data);
     static void OnSignal(GDBusConnection* connection, const char* sender, const char* path,
                          const char* interface, const char* signal, GVariant* parameters, gpointer self);
 

@@ -114,6 +114,7 @@ long Flood(std::vector<Connection>& connections, std::chrono::duration<double> t
         text += message;
     }
     std::vector<pollfd> sockets;
+    sockets.reserve(connections.size());
     for (const Connection& connection : connections) {
         sockets.push_back({connection.Socket(), POLLOUT, 0});
     }
@@ -138,8 +139,10 @@ int main(int argc, char** argv) {
         return EXIT_FAILURE;
     }
     try {
+        const int count = std::max(0, std::atoi(argv[2]));
         std::vector<Connection> connections;
-        for (int i = 0; i < std::atoi(argv[2]); ++i) {
+        connections.reserve(count);
+        for (int i = 0; i < count; ++i) {
             connections.emplace_back(argv[1]);
         }
         std::cout << Flood(connections, std::chrono::duration<double>(std::atof(argv[3]))) << '\n';

@@ -4,7 +4,6 @@
  * The measuring client: visits several servers in turns with the same code and prints a line per round, with
  * a number for each server in the order of the command line. Each round begins with another server.
  */
-#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 
@@ -13,6 +12,7 @@
 #include <CLI/Formatter.hpp>
 #include <algorithm>
 #include <array>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -227,15 +227,16 @@ public:
     NameWatch(const NameWatch&) = delete;
     NameWatch& operator=(const NameWatch&) = delete;
 
-    void Await(bool owned) {
+    void Await(bool owned) const {
         RunUntil([&] { return m_owned == owned; });
     }
 
 private:
-    static void OnOwned(GDBusConnection*, const char*, const char*, gpointer self) {
+    static void OnOwned(GDBusConnection* /*connection*/, const char* /*name*/, const char* /*owner*/,
+                        gpointer self) {
         static_cast<NameWatch*>(self)->m_owned = true;
     }
-    static void OnGone(GDBusConnection*, const char*, gpointer self) {
+    static void OnGone(GDBusConnection* /*connection*/, const char* /*name*/, gpointer self) {
         static_cast<NameWatch*>(self)->m_owned = false;
     }
 

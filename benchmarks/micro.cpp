@@ -26,8 +26,10 @@ public:
         const fs::path place = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
         std::string name = place / "kavrel-micro.XXXXXX";
         m_folder = mkdtemp(name.data());
+        // NOLINTBEGIN(concurrency-mt-unsafe): there is no other thread yet
         setenv("KAVREL_TV_DIR", (m_folder / "tv").c_str(), 1);
         setenv("KAVREL_LOG", "info", 1);
+        // NOLINTEND(concurrency-mt-unsafe)
         m_log = open((m_folder / "log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
     }
     ~Scene() {

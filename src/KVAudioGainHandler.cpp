@@ -434,8 +434,7 @@ void KVAudioGainHandler::PulseGainHandler(void* self) {
             LOGI("Wake %s", name);
         } else {
             LOGI("remain count is %d, timedwait %u", remain, timeout);
-            // No predicate, because a request shortens the step.
-            // NOLINTNEXTLINE(bugprone-spuriously-wake-up-functions)
+            // NOLINTNEXTLINE(bugprone-spuriously-wake-up-functions): no predicate, a request shortens the step
             wake.wait_until(lock, SteadyClock::now() + std::chrono::milliseconds(timeout));
             wakeGainOut = remain % PULSE_STEPS_PER_WAKE == 0;
         }

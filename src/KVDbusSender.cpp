@@ -88,7 +88,7 @@ gboolean KVDbusSender::UpdateSenderLists(gpointer data) {
     return G_SOURCE_REMOVE;
 }
 
-// NOLINTNEXTLINE(performance-unnecessary-value-param)
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is public
 unsigned int KVDbusSender::GetConnectionPID(std::string sender) {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
     GDBusConnection* connection = KVUtils::GetConnection();

@@ -22,7 +22,7 @@ constexpr const char* LIMITS_EXCEEDED = "org.freedesktop.DBus.Error.LimitsExceed
 /** The data of a message that owns its ticket. */
 constexpr const char* TICKET_KEY = "kavrel-ticket";
 
-/** What a message asks for. The shipped bus policy lets everybody call the getters. */
+/** The kind of request that a message carries. The shipped bus policy lets everybody call the getters. */
 enum class eMessageKind { GETTER, OTHER, NOT_HANDLED };
 
 struct Method {
@@ -94,7 +94,7 @@ public:
           m_signalPath(signalPath),
           m_methods(MethodsOf(interface)) {}
 
-    /** What a message asks for, if a handler will get it. */
+    /** Returns the kind of a message; NOT_HANDLED if no handler will get it. */
     eMessageKind KindOf(GDBusMessage* message) const;
     /** Counts one more message of the sender. @return false if too many wait already */
     bool Enter(const std::string& sender, eMessageKind kind);

@@ -69,7 +69,7 @@ std::optional<Number> Parsed(const std::string& text) {
 /** Without an exponent. */
 std::string InFull(double number) {
     std::array<char, 32> digits = {};
-    const auto end = std::to_chars(digits.begin(), digits.end(), number, std::chars_format::fixed).ptr;
+    char* const end = std::to_chars(digits.begin(), digits.end(), number, std::chars_format::fixed).ptr;
     return {digits.begin(), end};
 }
 
@@ -207,6 +207,7 @@ CLI::Validator DecimalNumber(double least, double most) {
 
 CLI::Validator OneOf(const std::vector<std::pair<std::string, int>>& choices) {
     std::vector<std::string> words;
+    words.reserve(choices.size());
     for (const auto& [word, value] : choices) {
         words.push_back(word);
     }
