@@ -82,7 +82,7 @@ TEST_F(BTSpeakerEmulTest, FailedCallsLeaveTheCallersValue) {
     EXPECT_THAT(seam.Log().back(), StartsWith("E Method Call 'SetSpkVolume' Failed (GDBus.Error:"));
 }
 
-TEST_F(BTSpeakerEmulTest, AReplyOfAnotherTypeCountsAsFailed) {
+TEST_F(BTSpeakerEmulTest, AReplyOfAnotherTypeIsTreatedAsAFailure) {
     int volume = 42;
     gio::ReplyToNextCall(g_variant_new("(iis)", 3, 17, "x"));
     EXPECT_EQ(speaker->GetVolume(volume), -1);
@@ -202,7 +202,7 @@ TEST_F(BTSpeakerEmulTest, ASignalWithoutConnectionNameOrUserDataIsDroppedInThisO
     EXPECT_THAT(heard, IsEmpty());
 }
 
-TEST_F(BTSpeakerEmulTest, TheMuteAndSupportKeysAreHeardTheLevelKeyIsNot) {
+TEST_F(BTSpeakerEmulTest, TheMuteAndSupportKeysAreWatchedTheLevelKeyIsNot) {
     Watch();
     EXPECT_EQ(seam.FireKey(LEVEL_KEY, 9), 0);
     EXPECT_EQ(seam.FireKey(MUTE_KEY, 2), 1);

@@ -196,7 +196,7 @@ TEST_F(ChangeSignalsTest, ARequestedMuteMutesTheNewOutputOnceAndLeavesTheGain) {
     EXPECT_THAT(seam.Calls("AudioControl_getInstance"), Not(IsEmpty()));
 }
 
-TEST_F(ChangeSignalsTest, TheMuteComesBeforeTheFlagIsClearedAndItsFailureIsNotTold) {
+TEST_F(ChangeSignalsTest, TheMuteComesBeforeTheFlagIsClearedAndItsFailureIsNotAnnounced) {
     seam.Fail("audio_set_master_mute", -9);
     Control().SetMuteOnSpkChanged(true);
     bool flag = false;

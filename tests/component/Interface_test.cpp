@@ -220,7 +220,7 @@ TEST_F(InterfaceTest, SignalsOfAnotherInterfaceAreNeverSeen) {
     }
 }
 
-TEST_F(InterfaceTest, SignalsOfAnySenderAreHeard) {
+TEST_F(InterfaceTest, SignalsOfAnySenderAreHandled) {
     const fake::BusClient another;
     another.Emit(PUBLIC_PATH, INTERFACE, "BudsConnected", g_variant_new("(i)", 7));
     daemon->WaitUntilIdle();

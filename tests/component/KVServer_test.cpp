@@ -85,7 +85,7 @@ TEST_F(KVServerTest, ConstructionDoesNothingButTrace) {
                 ElementsAre("[IN]NKavrel::KVServer::KVServer()", "[OUT]NKavrel::KVServer::KVServer()"));
 }
 
-TEST_F(KVServerTest, InitAsksForTheNameThenMakesTheVolumeControlThenTrackerAndDispatcher) {
+TEST_F(KVServerTest, InitRequestsTheNameThenCreatesTheVolumeControlThenTrackerAndDispatcher) {
     EXPECT_TRUE(server->Init());
     const std::string setHandler =
         "void NKavrel::VolumeControlImpl::SetEventHandler(const std::string&, const "
@@ -128,7 +128,7 @@ TEST_F(KVServerTest, InitRegistersAListenerForEachOfTheThreeEvents) {
                                         "SetEventHandler: E Already set SPEAKER_CHANGED event handler"));
 }
 
-TEST_F(KVServerTest, InitWaitsWhileAReportHoldsTheVolumeControlAndRegistersAllTheSame) {
+TEST_F(KVServerTest, InitWaitsWhileAReportHoldsTheVolumeControlAndThenRegisters) {
     seam.Fail("g_bus_own_name", gio::NOTHING);
     auto report = seam.BlockNext("I volume is changed : 33");
     std::thread platform;
@@ -265,14 +265,14 @@ TEST_F(KVServerTest, NameAcquiredRaisesTheReadyEventAndNeverMindsItsResult) {
     EXPECT_THAT(Lines(), ElementsAre(READY));
 }
 
-TEST_F(KVServerTest, TheConnectionStandsBeforeTheReadyEventIsRaised) {
+TEST_F(KVServerTest, TheConnectionIsSetBeforeTheReadyEventIsRaised) {
     InitWithoutName();
     seam.BeforeNext(READY, [&] { KVServer::onVolumeChanged(1, 2, server.get()); });
     AcquireName();
     EXPECT_THAT(LogLines(), ElementsAre("onVolumeChanged: I Send dbus signal VolumeChanged : 2"));
 }
 
-TEST_F(KVServerTest, CallsAreServedBeforeTheNameButChangesAreNotToldThenNorLater) {
+TEST_F(KVServerTest, CallsAreServedBeforeTheNameButChangesBeforeItAreNeverAnnounced) {
     InitWithoutName();
     AcquireBus();
     fake::BusClient client;
@@ -311,7 +311,7 @@ TEST_F(KVServerTest, NameLostRefusesNulls) {
                                      "onNameLost: E pObj is NULL"));
 }
 
-TEST_F(KVServerTest, NameLostForgetsTheConnectionThenUnregistersThenResetsTheReadyEvent) {
+TEST_F(KVServerTest, NameLostClearsTheConnectionThenUnregistersThenResetsTheReadyEvent) {
     InitWithoutName();
     AcquireBus();
     AcquireName();
@@ -329,7 +329,7 @@ TEST_F(KVServerTest, NameLostNeverMindsWhatCannotBeUndone) {
     EXPECT_THAT(Lines(), ElementsAre(UNREGISTER, NOT_READY));
 }
 
-TEST_F(KVServerLifeTest, TheReadyEventStandsWhileTheNameIsOwned) {
+TEST_F(KVServerLifeTest, TheReadyEventIsDoneWhileTheNameIsOwned) {
     Start();
     EXPECT_TRUE(seam.Event(READY_EVENT));
     LoseName();
@@ -348,7 +348,7 @@ TEST_F(KVServerLifeTest, AfterTheNameIsLostTheLoopRunsOnWithoutTheObject) {
     EXPECT_TRUE(ran);
 }
 
-TEST_F(KVServerLifeTest, ChangesAreToldOnlyWhileTheNameIsOwned) {
+TEST_F(KVServerLifeTest, ChangesAreAnnouncedOnlyWhileTheNameIsOwned) {
     Start();
     client.Listen(OBJECT_PATH, INTERFACE);
     LoseName();
@@ -364,7 +364,7 @@ TEST_F(KVServerLifeTest, ChangesAreToldOnlyWhileTheNameIsOwned) {
     EXPECT_EQ(signals[0].body, "(65535, 21)");
 }
 
-TEST_F(KVServerLifeTest, SignalsAreHeardWithoutTheNameToo) {
+TEST_F(KVServerLifeTest, SignalsAreHandledWithoutTheNameToo) {
     Start();
     LoseName();
     Emit("BudsConnected", g_variant_new("(i)", 4));

@@ -79,7 +79,7 @@ TEST_F(KVUtilsBusTest, AFloatingBodyIsReleasedOnceTheSignalIsSent) {
     EXPECT_TRUE(body.WaitUntilFreed());
 }
 
-TEST_F(KVUtilsBusTest, OfABodyThatIsHeldElsewhereOneReferenceIsTakenOver) {
+TEST_F(KVUtilsBusTest, EmittingTakesOverOneReferenceToABodyHeldElsewhere) {
     WatchedBody body;
     tools::Variant mine(g_variant_ref_sink(body.Floating()));
     client.Listen(PATH, INTERFACE);
@@ -132,7 +132,7 @@ TEST_F(KVUtilsBusTest, FloatingParametersOfACallAreReleased) {
     EXPECT_THAT(peer.Calls(), ElementsAre("Double(7,)"));
 }
 
-TEST_F(KVUtilsBusTest, OfParametersThatAreHeldElsewhereOneReferenceIsTakenOver) {
+TEST_F(KVUtilsBusTest, CallingTakesOverOneReferenceToParametersHeldElsewhere) {
     WatchedBody parameters;
     tools::Variant mine(g_variant_ref_sink(parameters.Floating()));
     EXPECT_EQ(KVUtils::DbusCallSync(PEER, PATH, INTERFACE, "Double", g_variant_ref(mine.get()), nullptr), 0);

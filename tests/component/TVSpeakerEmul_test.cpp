@@ -69,7 +69,7 @@ TEST_F(TVSpeakerEmulTest, AFailedGetVolumeLeavesTheCallersValue) {
                                             StartsWith("E Method Call 'GetSpkVolume' Failed (GDBus.Error:")));
 }
 
-TEST_F(TVSpeakerEmulTest, AReplyOfAnotherTypeCountsAsFailed) {
+TEST_F(TVSpeakerEmulTest, AReplyOfAnotherTypeIsTreatedAsAFailure) {
     int volume = 42;
     gio::ReplyToNextCall(g_variant_new("(ii)", 3, 17));
     EXPECT_EQ(speaker->GetVolume(volume), -1);
@@ -143,7 +143,7 @@ TEST_F(TVSpeakerEmulTest, AVolumeSignalReachesTheHandlerWithItsThirdValue) {
     EXPECT_THAT(heard, ElementsAre("volume 12"));
 }
 
-TEST_F(TVSpeakerEmulTest, OnlyTheSignalOfThatNamePathAndInterfaceIsHeard) {
+TEST_F(TVSpeakerEmulTest, OnlyTheSignalOfThatNamePathAndInterfaceIsHandled) {
     Watch();
     Announce(g_variant_new("(iii)", 0, 1, 2), "Other");
     Announce(g_variant_new("(iii)", 0, 1, 2), "SpkVolumeChanged", "/Org/Olvane/KavrelInternal");
@@ -198,7 +198,7 @@ TEST_F(TVSpeakerEmulTest, AReportWithoutHandlersRaisesTheEmptyCallableException)
                  std::bad_function_call);
 }
 
-TEST_F(TVSpeakerEmulTest, AfterUnsettingNothingIsHeardAndItCanBeSetAgain) {
+TEST_F(TVSpeakerEmulTest, AfterUnsettingNothingIsHandledAndItCanBeSetAgain) {
     Watch();
     speaker->UnsetChangedCB();
     speaker->UnsetChangedCB();

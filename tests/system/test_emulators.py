@@ -163,7 +163,7 @@ def test_the_emulated_tv_speaker_supports_everything(tv_emulator, client):
     assert client.get_support() == (TV_SUPPORT, 0)
 
 
-def test_the_volume_of_the_emulated_tv_speaker_is_asked_for_on_the_bus(tv_emulator, client, tv):
+def test_the_volume_of_the_emulated_tv_speaker_is_read_from_its_peer(tv_emulator, client, tv):
     # Its peer has the daemon's own bus name, under which only the daemon itself answers.
     before = tv_emulator.log.end()
     assert client.get_volume() == (0, FAILED)
@@ -204,7 +204,7 @@ def test_the_mute_of_the_emulated_tv_speaker_is_the_tvs(tv_emulator, client, tv)
     assert client.get_mute() == (0, 0)
 
 
-def test_an_emulated_tv_speaker_left_behind_is_heard_no_more(tv_emulator, client, tv):
+def test_a_replaced_emulated_tv_speaker_ignores_signals_and_reports(tv_emulator, client, tv):
     tv.echo(2, "sound/route")
     tv_emulator.log.wait("Create HDMI Speaker")
     before = tv_emulator.log.end()
@@ -316,7 +316,7 @@ def test_the_level_key_is_not_listened_to_but_mute_and_support_are(bluetooth_emu
     assert not any(LEVEL.removeprefix("settings/") in text for text in bluetooth_emulator.log.texts())
 
 
-def test_an_emulated_bluetooth_speaker_left_behind_is_heard_no_more(bluetooth_emulator, client, tv):
+def test_a_replaced_emulated_bluetooth_speaker_ignores_signals_and_reports(bluetooth_emulator, client, tv):
     tv.echo(2, "sound/route")
     bluetooth_emulator.log.wait("Create HDMI Speaker")
     before = bluetooth_emulator.log.end()
@@ -356,7 +356,7 @@ def test_a_manager_that_goes_without_an_answer_is_a_failure(bluetooth_emulator, 
 @pytest.mark.parametrize("emulator", ["tv_emulator", "bluetooth_emulator"])
 @pytest.mark.parametrize("signature, arguments", [("", ()), ("ii", (0, 12)), ("iiii", (0, 1, 12, 0)),
                                                   ("iis", (0, 1, "12")), ("uuu", (0, 1, 12))])
-def test_a_told_volume_of_another_type_is_dropped(request, client, emulator, signature, arguments):
+def test_a_volume_signal_of_another_type_is_dropped(request, client, emulator, signature, arguments):
     log = request.getfixturevalue(emulator).log
     client.emit("SpkVolumeChanged", signature, *arguments)
     dropped = log.wait(f"Invalid parameters of signal SpkVolumeChanged: expected (iii), got ({signature})")
@@ -367,7 +367,7 @@ def test_a_told_volume_of_another_type_is_dropped(request, client, emulator, sig
 
 
 @pytest.mark.parametrize("emulator", ["tv_emulator", "bluetooth_emulator"])
-def test_a_told_volume_from_another_path_or_interface_is_not_heard(request, client, emulator):
+def test_a_volume_signal_from_another_path_or_interface_is_ignored(request, client, emulator):
     request.getfixturevalue(emulator)
     client.emit("SpkVolumeChanged", "iii", 0, 0, 11, path="/Org/Olvane/Other")
     client.emit("SpkVolumeChanged", "iii", 0, 0, 12, interface="org.olvane.kavrel.tv")
@@ -378,7 +378,7 @@ def test_a_told_volume_from_another_path_or_interface_is_not_heard(request, clie
 
 @pytest.mark.parametrize("emulator", ["tv_emulator", "bluetooth_emulator"])
 @pytest.mark.parametrize("volume", [-2**31, -1, 101, 2**31 - 1])
-def test_any_told_volume_is_announced(request, client, emulator, volume):
+def test_any_volume_from_the_peer_is_announced(request, client, emulator, volume):
     request.getfixturevalue(emulator)
     client.emit("SpkVolumeChanged", "iii", volume, volume, volume)
     assert client.take()[2] == volume

@@ -114,7 +114,7 @@ def test_watches_are_made_as_level_mute_support_and_removed_in_the_mirrored_orde
 
 
 @each_output
-def test_an_output_left_behind_is_listened_to_no_more(log, client, tv, output):
+def test_a_replaced_output_is_not_watched_any_more(log, client, tv, output):
     use(tv, log, output)
     change_route(tv, log, 0, previous=output.routes[0])
     write(tv, output.level, 50)
@@ -204,7 +204,7 @@ def test_a_known_support_word_is_not_read_again_by_the_operations(log, client, t
     assert not any(HDMI.support in text for text in log.texts(before))
 
 
-def test_a_support_word_of_zero_is_asked_for_again_each_time(log, client, tv):
+def test_a_support_word_of_zero_is_read_again_each_time(log, client, tv):
     use(tv, log, HDMI, support=0)
     before = log.end()
     assert client.get_volume() == (0, NOT_SUPPORTED)
@@ -241,7 +241,7 @@ def test_a_speaker_change_without_a_support_word_reaches_no_listener(log, tv):
 
 
 @pytest.mark.parametrize("junk", ["", "all", "0xF", "15 15", "99999999999"])
-def test_a_support_word_that_is_junk_counts_as_unreadable(log, client, tv, junk):
+def test_a_support_word_that_is_junk_is_treated_as_unreadable(log, client, tv, junk):
     connect(tv, HDMI, support=junk)
     tv.echo(2, "sound/route")
     log.wait("Failed to get volume support status")
@@ -272,7 +272,7 @@ def test_requests_of_every_output_land_in_the_shared_keys_and_announce_nothing(l
 
 
 @each_output
-def test_a_device_that_follows_a_request_is_heard(log, client, tv, output):
+def test_the_change_of_a_device_that_follows_a_request_is_announced(log, client, tv, output):
     use(tv, log, output)
     assert client.set_volume(33) == 0
     write(tv, output.level, tv.read(VOLUME_REQUEST))
@@ -451,7 +451,7 @@ def test_while_the_support_word_is_missing_a_change_is_stored_but_not_announced(
     client.expect_silence()
 
 
-def test_two_devices_publish_and_only_the_one_in_use_is_heard(log, client, tv):
+def test_of_two_devices_only_changes_of_the_one_in_use_are_announced(log, client, tv):
     connect(tv, WIFI)
     use(tv, log, HDMI)
     write(tv, WIFI.level, 60)

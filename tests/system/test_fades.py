@@ -519,7 +519,7 @@ def test_a_ready_projector_follows_its_gains(scene, tv, client, ready):
     assert gains(tv) == (40, 40)
 
 
-def test_a_ready_key_that_turns_to_junk_counts_as_ready(scene, tv, client):
+def test_a_ready_key_that_turns_to_junk_means_ready(scene, tv, client):
     daemon = start_with(scene, tv, **{PROJECTOR: "true", f"settings/{READY_KEY}": 0})
     tv.echo("soon", f"settings/{READY_KEY}")
     daemon.log.wait(f"Key[{READY_KEY}] Changed:-1, gain control is Enabled")
@@ -536,7 +536,7 @@ def test_a_tv_that_is_no_projector_does_not_ask_for_the_ready_key(scene, tv, cli
     assert not any(READY_KEY in text for text in daemon.log.texts())
 
 
-def test_a_tv_that_does_not_say_whether_it_is_a_projector_counts_as_none(scene, tv, client):
+def test_a_tv_without_the_projector_flag_is_treated_as_no_projector(scene, tv, client):
     scene.start().kill()
     tv.remove(PROJECTOR)
     daemon = scene.start()

@@ -191,7 +191,7 @@ if os.geteuid() == 0:
         assert [text for text in log.texts() if text.startswith("Buds Connected")] == [
             "Buds Connected. reason:1", "Buds Connected. reason:3"]
 
-    def test_everyone_hears_of_changes(strict):
+    def test_everyone_receives_change_signals(strict):
         strict.start()
         nobody = subprocess.Popen(["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "gdbus", "monitor",
                                    "--system", "-d", NAME], stdout=subprocess.PIPE, text=True,

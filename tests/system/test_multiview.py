@@ -144,7 +144,7 @@ def test_at_the_start_without_a_focus_the_route_is_the_single_one(scene, tv):
 
 
 @pytest.mark.parametrize("supported", ["false", None])
-def test_without_the_feature_nothing_of_multi_view_is_heard(scene, tv, supported):
+def test_without_the_feature_multi_view_is_ignored(scene, tv, supported):
     scene.start().kill()
     if supported:
         tv.echo(supported, MULTIVIEW)
@@ -320,7 +320,7 @@ def test_while_no_zone_is_known_the_zone_of_a_change_becomes_the_focused_one(log
     log.wait("Focus:2 Speaker Changed. not for 1", before)
 
 
-def test_a_zone_that_appears_is_heard(log, tv):
+def test_a_zone_that_appears_is_reported(log, tv):
     before = log.end()
     put_zones(tv, zone_3=4)
     log.wait("Zone:3 Type(0->4)", before)

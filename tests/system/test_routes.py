@@ -34,7 +34,7 @@ def test_a_route_change_is_not_announced_on_the_bus(log, tv, client):
     client.expect_silence()
 
 
-def test_the_new_speaker_is_listened_to_and_the_old_one_no_more(log, tv, client):
+def test_the_new_speaker_is_watched_and_the_old_one_no_longer(log, tv, client):
     change_route(tv, log, 12)
     tv.echo(42, "audio/master_volume")
     client.expect("SpeakerVolumeChanged", TV_SUPPORT, 42)
@@ -70,7 +70,7 @@ def test_routes_there_and_back_name_the_previous_one_each_time(log, tv):
         change_route(tv, log, route, previous)
 
 
-def test_volume_and_mute_heard_before_a_route_change_still_count_after_it(log, tv, client):
+def test_volume_and_mute_reported_before_a_route_change_are_still_known_after_it(log, tv, client):
     assert client.set_volume(30) == 0
     client.expect("SpeakerVolumeChanged", TV_SUPPORT, 30)
     change_route(tv, log, 7)

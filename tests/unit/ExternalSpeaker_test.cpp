@@ -194,7 +194,7 @@ TEST_P(ExternalSpeakerTest, AMissingReadBitLeavesTheCallersValue) {
     EXPECT_EQ(speaker->SetVolumeMute(true), 0);
 }
 
-TEST_P(ExternalSpeakerTest, AWordOfZeroIsAskedForAgainAndAnotherOneIsNot) {
+TEST_P(ExternalSpeakerTest, ASupportWordOfZeroIsReadAgainAndAnotherOneIsNot) {
     SetSupport(0);
     int volume = 0;
     bool mute = false;
@@ -212,7 +212,7 @@ TEST_P(ExternalSpeakerTest, AWordOfZeroIsAskedForAgainAndAnotherOneIsNot) {
     EXPECT_EQ(seam.Count(Get(keys.supportKey)), 5);
 }
 
-TEST_P(ExternalSpeakerTest, AWordThatCannotBeReadRefusesEverythingAndIsAskedForAgain) {
+TEST_P(ExternalSpeakerTest, AnUnreadableSupportWordRefusesEverythingAndIsReadAgain) {
     int volume = UNTOUCHED;
     bool mute = true;
     int word = UNTOUCHED;
@@ -234,7 +234,7 @@ TEST_P(ExternalSpeakerTest, AWordThatCannotBeReadRefusesEverythingAndIsAskedForA
     EXPECT_EQ(speaker->SetVolume(1), 0);
 }
 
-TEST_P(ExternalSpeakerTest, AskingForTheSupportWordAlwaysReadsItAndRenewsTheCachedOne) {
+TEST_P(ExternalSpeakerTest, GettingTheSupportWordAlwaysReadsItAndRenewsTheCachedOne) {
     SetSupport(0x5);
     EXPECT_EQ(speaker->SetVolume(1), -4);
     SetSupport(0x12347);
@@ -284,7 +284,7 @@ TEST_P(ExternalSpeakerTest, ChangesOfLevelAndMuteReachTheirHandlersAsTheyAre) {
     EXPECT_TRUE(mute);
 }
 
-TEST_P(ExternalSpeakerTest, AChangeOfTheSupportWordCountsAtOnceAndCallsNoHandler) {
+TEST_P(ExternalSpeakerTest, AChangeOfTheSupportWordTakesEffectAtOnceAndCallsNoHandler) {
     SetSupport(0x5);
     SetHandlers();
     speaker->SetChangedCB();
@@ -298,7 +298,7 @@ TEST_P(ExternalSpeakerTest, AChangeOfTheSupportWordCountsAtOnceAndCallsNoHandler
     EXPECT_THAT(heard, IsEmpty());
 }
 
-TEST_P(ExternalSpeakerTest, AChangeOfTheRequestKeysIsNotHeard) {
+TEST_P(ExternalSpeakerTest, AChangeOfTheRequestKeysIsNotWatched) {
     SetSupport(0xf);
     SetHandlers();
     speaker->SetChangedCB();

@@ -194,7 +194,7 @@ TEST_F(FakeSeamTest, AChangedSettingIsReportedOnTheCallingThread) {
     EXPECT_EQ(heard.texts.size(), 2U);
 }
 
-TEST_F(FakeSeamTest, WatchesAreToldApartByKeyAndCallback) {
+TEST_F(FakeSeamTest, WatchesAreDistinguishedByKeyAndCallback) {
     ReceivedReports other;
     vconf_notify_key_changed("memory/a", HearKey, &other);
     vconf_notify_key_changed("memory/a", HearKeyToo, &other);

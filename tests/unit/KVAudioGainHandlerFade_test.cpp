@@ -261,7 +261,7 @@ TEST_F(KVAudioGainHandlerFadeTest, AnUnmuteFadeUnderWayStopsWhereItIs) {
     EXPECT_THAT(Journal("UnMuteMainOutH"), FadesFromTo(GAIN_HANDLER_UNMUTE_MAIN_OUT, 95, 100));
 }
 
-TEST_F(KVAudioGainHandlerFadeTest, AnOutputCountsAsUpdatingUntilItsWorkerSleepsAgain) {
+TEST_F(KVAudioGainHandlerFadeTest, AnOutputIsUpdatingUntilItsWorkerSleepsAgain) {
     Start();
     for (const auto worker : FADE_WORKERS) {
         const bool isMain = worker == GAIN_HANDLER_PLAYER_MAIN_OUT || worker == GAIN_HANDLER_UNMUTE_MAIN_OUT;
@@ -361,7 +361,7 @@ TEST_F(KVAudioGainHandlerFadeTest, AShortFadeIsNotAnnounced) {
                             "I Sleep PlayerMainOutH"));
 }
 
-TEST_F(KVAudioGainHandlerFadeTest, APopupEventThatCannotBeAskedForMeansNoPopup) {
+TEST_F(KVAudioGainHandlerFadeTest, AnUnreadablePopupEventMeansNoPopup) {
     Start();
     seam.Fail("LwipcIsDone", -1);
     FadeFrom(GAIN_HANDLER_PLAYER_MAIN_OUT, 97);

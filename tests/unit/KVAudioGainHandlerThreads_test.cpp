@@ -395,7 +395,7 @@ TEST_F(KVAudioGainHandlerThreadsTest, WithoutTheLockAGetterLeavesTheCallersValue
     EXPECT_THAT(seam.GainWrites(), IsEmpty());
 }
 
-TEST_F(KVAudioGainHandlerThreadsTest, AGainThatCannotBeReadCountsAsZeroInTheTotal) {
+TEST_F(KVAudioGainHandlerThreadsTest, AGainThatCannotBeReadIsTreatedAsZeroInTheTotal) {
     Start();
     int total = 12345;
     locksFail = true;

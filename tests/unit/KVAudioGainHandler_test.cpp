@@ -184,7 +184,7 @@ TEST_F(KVAudioGainHandlerTest, AnOutputIsWrittenWhenItsBitIsSetAndTheHardwareHol
                             "I Path:1 player: 60 pulse:100 unmute:100 Total: 60", "get_main_out_gain2()"));
 }
 
-TEST_F(KVAudioGainHandlerTest, AHardwareGainThatCannotBeReadCountsAsZero) {
+TEST_F(KVAudioGainHandlerTest, AnUnreadableHardwareGainIsTreatedAsZero) {
     Start();
     seam.Fail("get_main_out_gain2", -5);
     EXPECT_EQ(gain->SetMainOutGain2(1), 0);
@@ -642,7 +642,7 @@ TEST_F(KVAudioGainHandlerTest, WithoutTheProjectorFeatureTheReadyKeyIsNeitherRea
     EXPECT_THAT(seam.Calls(), Not(Contains(IGNORE_READY)));
 }
 
-TEST_F(KVAudioGainHandlerTest, AFeatureThatCannotBeAskedForLeavesGainControlEnabled) {
+TEST_F(KVAudioGainHandlerTest, AnUnreadableFeatureLeavesGainControlEnabled) {
     seam.Fail("system_info_get_custom_bool", -1002);
     Start();
     EXPECT_THAT(seam.Log(), Contains("E Failed to get Projector FMS Key. ret:-1002"));

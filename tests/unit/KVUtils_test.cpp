@@ -64,7 +64,7 @@ TEST_F(KVUtilsTest, TheTwoRouteSetsHoldExactlyTheirCodes) {
     }
 }
 
-TEST_F(KVUtilsTest, TheDefaultSpeakerIsTheTvSpeakerAndIsAskedForOnce) {
+TEST_F(KVUtilsTest, TheDefaultSpeakerIsTheTvSpeakerAndIsReadOnce) {
     EXPECT_EXIT(
         {
             EXPECT_EQ(KVUtils::GetDefaultSpeaker(), 0);
@@ -77,7 +77,7 @@ TEST_F(KVUtilsTest, TheDefaultSpeakerIsTheTvSpeakerAndIsAskedForOnce) {
         testing::ExitedWithCode(EXIT_SUCCESS), "");
 }
 
-TEST_F(KVUtilsTest, WithoutAnInternalSpeakerTheDefaultIsTheOpticalRouteAndIsAskedForOnce) {
+TEST_F(KVUtilsTest, WithoutAnInternalSpeakerTheDefaultIsTheOpticalRouteAndIsReadOnce) {
     EXPECT_EXIT(
         {
             seam.SetFeature("com.norvik/featureconf/internal_speaker_supported", false);
@@ -91,7 +91,7 @@ TEST_F(KVUtilsTest, WithoutAnInternalSpeakerTheDefaultIsTheOpticalRouteAndIsAske
         testing::ExitedWithCode(EXIT_SUCCESS), "");
 }
 
-TEST_F(KVUtilsTest, AFailedQueryOfTheInternalSpeakerCountsAsSupported) {
+TEST_F(KVUtilsTest, AFailedQueryOfTheInternalSpeakerMeansThatThereIsOne) {
     EXPECT_EXIT(
         {
             seam.SetFeature("com.norvik/featureconf/internal_speaker_supported", false);
@@ -307,7 +307,7 @@ TEST_F(KVUtilsTest, ACallWithANullNameIsRefusedBeforeTheBusIsTouchedAndItsParame
     EXPECT_EQ(seam.FunctionOf("E Invalid Argument"), "DbusCallSync");
 }
 
-TEST_F(KVUtilsTest, OneReferenceIsTakenOverHoweverTheBodyComes) {
+TEST_F(KVUtilsTest, EachFunctionTakesOverOneReferenceToABodyHeldElsewhere) {
     WatchedBody body;
     tools::Variant mine(g_variant_ref_sink(body.Floating()));
     KVUtils::DbusEmitSignal(nullptr, "b.c", "Sig", g_variant_ref(mine.get()));
@@ -319,7 +319,7 @@ TEST_F(KVUtilsTest, OneReferenceIsTakenOverHoweverTheBodyComes) {
     EXPECT_EQ(body.TimesFreed(), 1);
 }
 
-TEST_F(KVUtilsTest, NothingHereIsTraced) {
+TEST_F(KVUtilsTest, TheUtilitiesAreNotTraced) {
     int value = 0;
     KVUtils::IsPopupSupported();
     KVUtils::VconfGetInt(KEY, value);

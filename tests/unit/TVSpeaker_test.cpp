@@ -226,7 +226,7 @@ TEST_F(TVSpeakerTest, ASecondSetEventHandlerIsRefusedAndChangesNeitherHandler) {
     EXPECT_THAT(heard, ElementsAre("volume 1", "mute 1"));
 }
 
-TEST_F(TVSpeakerTest, OnlyTheVolumeHandlerCountsAsSet) {
+TEST_F(TVSpeakerTest, OnlyTheVolumeHandlerDecidesWhetherHandlersAreSet) {
     speaker->SetEventHandler(nullptr, [this](int) { heard.push_back("first mute"); });
     speaker->SetChangedCB();
     seam.FireMute(1);

@@ -56,7 +56,7 @@ TEST_F(VolumeControlImplTest, TheStartRegistersThenMakesTheSpeakerThenTheGainCon
                     "I Successed to get key memory/org.olvane.btapp/sub_audio_zoneid", "I SubBT :-1"));
 }
 
-TEST_F(VolumeControlImplTest, TheDefaultRouteIsAskedForAfterTheRegistrationsAndBeforeTheRouteInForce) {
+TEST_F(VolumeControlImplTest, TheDefaultRouteIsReadAfterTheRegistrationsAndBeforeThePresentRoute) {
     EXPECT_EXIT(
         {
             Make();
@@ -111,7 +111,7 @@ TEST_F(VolumeControlImplTest, TheEndUndoesEverythingInItsOrder) {
     EXPECT_THAT(seam.FocusRegistrations(), IsEmpty());
 }
 
-TEST_F(VolumeControlImplTest, AReportDuringTheStartIsRefusedUntilTheFirstSpeakerStands) {
+TEST_F(VolumeControlImplTest, AReportDuringTheStartIsRefusedUntilTheFirstSpeakerExists) {
     seam.BeforeNext("vconf_notify_key_changed(\"memory/sysman/spdif\")",
                     [this] { fake::OnPlatformThread([this] { seam.FireRoute(2); }); });
     seam.BeforeNext("audio_register_master_volume_changed_cb",

@@ -54,7 +54,7 @@ protected:
 
 // The present route
 
-TEST_F(VolumeControlRouteTest, AnUnreadableRouteCountsAsTheDefault) {
+TEST_F(VolumeControlRouteTest, AnUnreadableRouteIsTreatedAsTheDefault) {
     seam.SetRoute(2);
     seam.Fail("sound_manager_get_speaker_selection", -5);
     Make();
@@ -73,7 +73,7 @@ TEST_F(VolumeControlRouteTest, InMultiViewTheRouteIsThatOfTheZoneInFocus) {
     EXPECT_EQ(seam.Count(GET_ROUTE), 0);
 }
 
-TEST_F(VolumeControlRouteTest, WhenMultiViewHasEndedTheSingleViewRouteIsAskedFor) {
+TEST_F(VolumeControlRouteTest, TheSingleViewRouteIsReadAfterMultiViewHasEnded) {
     seam.SetStr(fake::MULTIVIEW_KEY, R"({"mode": "on"})");
     seam.SetFocus(3);
     seam.SetRoute(4);
@@ -166,7 +166,7 @@ TEST_F(VolumeControlRouteTest, InMultiViewAFailureDoesNotStopTheLoop) {
     EXPECT_EQ(seam.Count("I Set Speaker Output(4)"), 1);
 }
 
-TEST_F(VolumeControlRouteTest, NoZoneListCountsAsNoZones) {
+TEST_F(VolumeControlRouteTest, AMissingZoneListIsTreatedAsNoZones) {
     StartInMultiView();
     seam.Fail("rc_get_zone_list", -1);
     control->SetOutputRoute(4);
@@ -410,7 +410,7 @@ TEST_F(VolumeControlRouteTest, InMultiViewWithTheHeadsetInFocusAnotherPreviousRo
     EXPECT_EQ(control->GetSpeakerSelection(), 1);
 }
 
-TEST_F(VolumeControlRouteTest, InMultiViewWithTheHeadsetElsewhereTheRouteInForceCounts) {
+TEST_F(VolumeControlRouteTest, InMultiViewWithTheHeadsetElsewhereThePresentRouteDecides) {
     StartInMultiView();
     GoInZone(1, 4, 1);
     seam.SetInt(fake::SUB_BT_KEY, 2);
@@ -421,7 +421,7 @@ TEST_F(VolumeControlRouteTest, InMultiViewWithTheHeadsetElsewhereTheRouteInForce
     EXPECT_EQ(control->GetPrevSpeakerSelection(), 4);
 }
 
-TEST_F(VolumeControlRouteTest, InMultiViewNoHeadsetAndNoFocusIsNoMatch) {
+TEST_F(VolumeControlRouteTest, InMultiViewAMissingHeadsetDoesNotMatchAMissingFocus) {
     StartInMultiView();
     GoInZone(1, 9, 2);
     seam.SetFocus(std::nullopt);

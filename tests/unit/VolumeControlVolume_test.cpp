@@ -246,7 +246,7 @@ TEST_F(VolumeControlVolumeTest, AnUnmuteFadeWhileUnmutedRecoversTheGainInstead) 
     EXPECT_EQ(seam.FunctionOf(RECOVER), "ApplyVolumeFadeIn");
 }
 
-TEST_F(VolumeControlVolumeTest, AMuteThatCannotBeReadCountsAsUnmuted) {
+TEST_F(VolumeControlVolumeTest, AnUnreadableMuteIsTreatedAsUnmuted) {
     Start();
     seam.SetMute(true);
     seam.Fail("audio_get_master_mute", -1);

@@ -51,7 +51,7 @@ TEST_F(VolumeControlZonesTest, WithoutTheFeatureNothingIsRegisteredAndTheModeIsN
     EXPECT_THAT(seam.Calls(), Not(Contains(IGNORE_FOCUS)));
 }
 
-TEST_F(VolumeControlZonesTest, AFeatureThatCannotBeAskedForCountsAsAbsent) {
+TEST_F(VolumeControlZonesTest, AnUnreadableFeatureIsTreatedAsAbsent) {
     seam.Fail("system_info_get_custom_bool(\"com.norvik/featureconf/multiview.support\")", -5);
     Make();
     const std::string line = std::string("E Failed to get system info key ") + FEATURE + ". ret:-5";
@@ -78,7 +78,7 @@ TEST_F(VolumeControlZonesTest, AFocusThatCannotBeReadAtTheStartLeavesZoneZero) {
     EXPECT_EQ(seam.Count("I Focus (0->2)"), 1);
 }
 
-TEST_F(VolumeControlZonesTest, OnlyTheTextOnCountsAsOn) {
+TEST_F(VolumeControlZonesTest, OnlyTheTextOnMeansOn) {
     for (const char* info :
          {"", "on", "{", R"({"mode": "ON"})", R"({"mode": "on "})", R"({"other": "on"})", R"({"mode": true})",
           "[]", R"(["mode"])", R"("on")", "7", R"({"mode": ["on"]})", R"({"mode": {"on": 1}})", "null"}) {
@@ -92,7 +92,7 @@ TEST_F(VolumeControlZonesTest, OnlyTheTextOnCountsAsOn) {
     }
 }
 
-TEST_F(VolumeControlZonesTest, AnUnreadableModeCountsAsOff) {
+TEST_F(VolumeControlZonesTest, AnUnreadableModeIsTreatedAsOff) {
     seam.RemoveKey(fake::MULTIVIEW_KEY);
     Make();
     EXPECT_EQ(seam.FunctionOf("E Failed to get vconf memory/multiscreen/info"), "_IsMSViewModeOn");
@@ -236,7 +236,7 @@ TEST_F(VolumeControlZonesTest, LeavingMultiViewOnAnotherRouteRestoresNoGain) {
     EXPECT_EQ(seam.MainGainValue(), 40);
 }
 
-TEST_F(VolumeControlZonesTest, AModeTextThatCannotBeUnderstoodIsAnErrorAndCountsAsOff) {
+TEST_F(VolumeControlZonesTest, AMalformedModeTextIsAnErrorAndIsTreatedAsOff) {
     for (const char* info : {"{", "[]", "\"on\"", R"({"mode": ["on"]})", "3"}) {
         SCOPED_TRACE(info);
         ModeOn();
