@@ -62,6 +62,19 @@ void Client::Call(const char* method, int argument, Function onReply) {
     Send(method, g_variant_new("(i)", argument), std::move(onReply));
 }
 
+void Client::CallBus(Function onReply) {
+    const auto onDone = [](GObject* connection, GAsyncResult* result, gpointer data) {
+        const std::unique_ptr<Function> function(static_cast<Function*>(data));
+        g_autoptr(GVariant) reply = g_dbus_connection_call_finish(
+            reinterpret_cast<GDBusConnection*>(connection), result, nullptr);
+        (*function)();
+    };
+    constexpr const char* BUS = "org.freedesktop.DBus";
+    g_dbus_connection_call(m_connection.get(), BUS, "/org/freedesktop/DBus", BUS, "GetId", nullptr, nullptr,
+                           G_DBUS_CALL_FLAGS_NONE, -1, nullptr, onDone,
+                           std::make_unique<Function>(std::move(onReply)).release());
+}
+
 int Client::Volume() {
     bool answered = false;
     GetVolume([&answered] { answered = true; });

@@ -50,6 +50,8 @@ public:
     void SetVolume(int volume, Function onReply);
     /** Calls a method that takes and returns one integer. */
     void Call(const char* method, int argument, Function onReply);
+    /** Calls the bus itself. */
+    void CallBus(Function onReply);
     /** The volume at this moment. */
     int Volume();
 

@@ -32,6 +32,7 @@ class Line:
     daemon_to_reference: float | None = None
     goal: str = ""
     against: str = "floor"
+    details: dict = dataclasses.field(default_factory=dict)  # in the JSON file only
 
 
 @dataclasses.dataclass
@@ -40,12 +41,13 @@ class Effort:
     rounds: int
     idle: float  # seconds
     calls: int  # before the memory is looked at again
+    traced_calls: int  # with strace
     clients: tuple[int, ...]
     fades: int
 
 
-FULL = Effort(rounds=40, idle=10, calls=100_000, clients=(1, 4, 16, 64), fades=5)
-QUICK = Effort(rounds=5, idle=2, calls=5_000, clients=(1, 64), fades=1)
+FULL = Effort(rounds=40, idle=10, calls=100_000, traced_calls=1_000, clients=(1, 4, 16, 64), fades=5)
+QUICK = Effort(rounds=5, idle=2, calls=5_000, traced_calls=200, clients=(1, 64), fades=1)
 
 
 class Comparison:
@@ -71,6 +73,10 @@ class Comparison:
         return [ratios_of(Line(name, unit, goal=goal), rounds)]
 
     # --- The rows
+
+    def bus(self):
+        rounds = self.measure("bus", "--calls", 200, rounds=self.effort.rounds, servers=self.servers()[:1])
+        return [Line("call of the bus itself, p50", "us", reference=statistics.median(flat(rounds)))]
 
     def get(self):
         return self.side_by_side("get, p50", "us", "get", "--calls", 200, goal="<= 1.10")
@@ -120,9 +126,10 @@ class Comparison:
     def system_calls(self):
         lines = []
         for what, goal in (("get", "<= +12"), ("set", "<= +18")):
-            floor, memory, daemon = (system_calls_of(kind, what) for kind in SERVERS)
+            counts = [system_calls_of(kind, what, self.effort.traced_calls) for kind in SERVERS]
+            floor, memory, daemon = (sum(count.values()) for count in counts)
             lines.append(Line(f"system calls of one {what}", "calls", floor, memory, daemon, memory - floor,
-                              daemon - floor, goal))
+                              daemon - floor, goal, details=dict(zip(SERVERS, counts))))
         return lines
 
     def pss(self):
@@ -191,6 +198,7 @@ class Comparison:
 
 
 ROWS = {
+    "bus": Comparison.bus,
     "get": Comparison.get,
     "get-32": Comparison.get_32,
     "set": Comparison.set,
@@ -227,14 +235,16 @@ def pss_at_rest(server):
 
 # --- System calls
 
-def system_calls_of(kind, what):
-    """The system calls of one call, without futex: more calls less fewer, so that the start drops out."""
-    few, many = 200, 1000
-    return (traced_calls(kind, what, many) - traced_calls(kind, what, few)) / (many - few)
+def system_calls_of(kind, what, calls):
+    """{system call: how many of it one call makes}, without futex. The lives of two servers differ by `calls` calls."""
+    few = calls // 4
+    less, more = traced_life(kind, what, few), traced_life(kind, what, few + calls)
+    counts = {name: round((count - less.get(name, 0)) / calls, 1) for name, count in more.items()}
+    return {name: count for name, count in sorted(counts.items()) if count != 0 and name != "futex"}
 
 
-def traced_calls(kind, what, calls):
-    """How many system calls, futex aside, a server makes in a life with so many calls."""
+def traced_life(kind, what, calls):
+    """{system call: how many of it a server makes from its start to its end}, with so many calls of a client."""
     summary = BUILD / f"strace-{os.getpid()}"
     strace = ("strace", "--follow-forks", "--summary-only", "--summary-columns=calls,name", f"--output={summary}")
     try:
@@ -244,10 +254,10 @@ def traced_calls(kind, what, calls):
             table = summary.read_text()
     finally:
         summary.unlink(missing_ok=True)
-    counts = dict((name, int(count)) for count, name in re.findall(r"^ *(\d+) (\w+)$", table, re.M))
-    if counts.get("total", 0) < calls:
+    counts = {name: int(count) for count, name in re.findall(r"^ *(\d+) (\w+)$", table, re.M)}
+    if counts.pop("total", 0) < calls:
         raise BenchError(f"strace gave no summary of {kind}")
-    return counts["total"] - counts.get("futex", 0)
+    return counts
 
 
 # --- Fades

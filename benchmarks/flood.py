@@ -70,7 +70,8 @@ def flooded(server, connections, seconds):
         with_parent(*user, BUILD / "benchmarks/flooder", server.folder / "bus", connections, seconds),
         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True)
     try:
-        time.sleep(0.2)  # the flooders have their names
+        if flooder.stdout.readline() != "ready\n":
+            raise BenchError("the flooder does not reach the bus")
         times = [float(word) for word in server.call(MEASURE, "get-for", "--seconds", seconds, server.address).split()]
         output, _ = flooder.communicate(timeout=PATIENCE)
     finally:

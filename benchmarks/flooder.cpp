@@ -5,7 +5,7 @@
  * seconds, as fast as the bus takes them. It speaks the bus's protocol itself, so that it costs little.
  *
  * Usage: flooder SOCKET CONNECTIONS SECONDS
- * Prints how many messages the bus has taken.
+ * Prints "ready" when it is connected, and at the end the number of messages that the bus has taken.
  */
 #include <fcntl.h>
 #include <gio/gio.h>
@@ -145,6 +145,7 @@ int main(int argc, char** argv) {
         for (int i = 0; i < count; ++i) {
             connections.emplace_back(argv[1]);
         }
+        std::cout << "ready" << std::endl;
         std::cout << Flood(connections, std::chrono::duration<double>(std::atof(argv[3]))) << '\n';
     } catch (const std::exception& error) {
         std::cerr << "flooder: " << error.what() << '\n';

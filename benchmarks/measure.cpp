@@ -99,6 +99,15 @@ double GetTime(Target& target, const Options& options) {
     return MedianTime(options.calls, [&target] { target.First().Volume(); });
 }
 
+/** A call of the bus itself, which no server sees. */
+double BusTime(Target& target, const Options& options) {
+    return MedianTime(options.calls, [&target] {
+        bool answered = false;
+        target.First().CallBus([&answered] { answered = true; });
+        RunUntil([&answered] { return answered; });
+    });
+}
+
 /** Until the caller has the reply, and everybody who listens has the signal. */
 double SetTime(Target& target, const Options& options) {
     const int listeners = options.clients == 1 ? 1 : options.clients - 1;
@@ -301,6 +310,7 @@ struct Measurement {
 };
 
 constexpr std::array MEASUREMENTS = {
+    Measurement{"bus", BusTime, Listens::nobody, "us of one call of the bus itself, median"},
     Measurement{"get", GetTime, Listens::nobody, "us of one GetSpeakerVolume at a time, median"},
     Measurement{"set", SetTime, Listens::everybody, "us of one SetSpeakerVolume with its signal, median"},
     Measurement{"get-rate", GetRate, Listens::nobody, "GetSpeakerVolume a second"},
