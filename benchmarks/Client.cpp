@@ -16,6 +16,22 @@ std::string failure;
     throw std::runtime_error(what + ": " + (error != nullptr ? error->message : "no reason given"));
 }
 
+struct UnrefVariant {
+    void operator()(GVariant* variant) const { g_variant_unref(variant); }
+};
+using Reply = std::unique_ptr<GVariant, UnrefVariant>;
+
+/** The reply of a call; null, with the reason in `failure`, if it failed. */
+Reply Finish(GObject* connection, GAsyncResult* result) {
+    g_autoptr(GError) error = nullptr;
+    Reply reply(
+        g_dbus_connection_call_finish(reinterpret_cast<GDBusConnection*>(connection), result, &error));
+    if (reply == nullptr) {
+        failure = std::string("a call failed: ") + error->message;
+    }
+    return reply;
+}
+
 }  // namespace
 
 void RunUntil(const std::function<bool()>& met) {
@@ -65,9 +81,9 @@ void Client::Call(const char* method, int argument, Function onReply) {
 void Client::CallBus(Function onReply) {
     const auto onDone = [](GObject* connection, GAsyncResult* result, gpointer data) {
         const std::unique_ptr<Function> function(static_cast<Function*>(data));
-        g_autoptr(GVariant) reply = g_dbus_connection_call_finish(
-            reinterpret_cast<GDBusConnection*>(connection), result, nullptr);
-        (*function)();
+        if (const auto reply = Finish(connection, result)) {
+            (*function)();
+        }
     };
     constexpr const char* BUS = "org.freedesktop.DBus";
     g_dbus_connection_call(m_connection.get(), BUS, "/org/freedesktop/DBus", BUS, "GetId", nullptr, nullptr,
@@ -98,16 +114,13 @@ void Client::Send(const char* method, GVariant* arguments, Function onReply) {
 
 void Client::OnDone(GObject* connection, GAsyncResult* result, gpointer data) {
     const std::unique_ptr<Pending> pending(static_cast<Pending*>(data));
-    g_autoptr(GError) error = nullptr;
-    g_autoptr(GVariant) reply =
-        g_dbus_connection_call_finish(reinterpret_cast<GDBusConnection*>(connection), result, &error);
+    const Reply reply = Finish(connection, result);
     if (reply == nullptr) {
-        failure = std::string(pending->method) + " failed: " + error->message;
         return;
     }
-    g_variant_get_child(reply, 0, "i", &pending->client->m_volume);
+    g_variant_get_child(reply.get(), 0, "i", &pending->client->m_volume);
     int status = 0;
-    g_variant_get_child(reply, g_variant_n_children(reply) - 1, "i", &status);
+    g_variant_get_child(reply.get(), g_variant_n_children(reply.get()) - 1, "i", &status);
     if (status != 0) {
         failure = std::string(pending->method) + " answered the status " + std::to_string(status);
         return;

@@ -254,7 +254,7 @@ private:
 };
 
 /** From the start of the program until the bus says that it owns the daemon's name, in microseconds. */
-double StartTime(NameWatch& name, const std::string& program) {
+double StartTime(const NameWatch& name, const std::string& program) {
     const auto start = Clock::now();
     const Process process(program);
     name.Await(true);
@@ -280,7 +280,7 @@ void InTurns(int rounds, std::size_t count, Measure measure) {
 /** All programs start on one bus, one after the other. */
 void MeasureStarts(const Options& options) {
     const Client observer(std::getenv("DBUS_SYSTEM_BUS_ADDRESS"));
-    NameWatch name(observer);
+    const NameWatch name(observer);
     InTurns(options.rounds, options.servers.size(), [&](std::size_t i) {
         if (!options.file.empty()) {
             fs::remove_all(options.file);

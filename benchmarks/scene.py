@@ -77,6 +77,7 @@ class Server:
         stack.callback(bus.stdout.close)
         if not bus.stdout.readline():
             raise BenchError("dbus-daemon did not start")
+        self.bus_pid = bus.pid
 
     def environment(self):
         return {**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": self.address, "KAVREL_TV_DIR": str(self.tv),
