@@ -2,6 +2,7 @@
 # SPDX-License-Identifier: MIT
 """Tests the installed files: the bus policy, activation, the service unit, and the values that a TV loses at boot."""
 import configparser
+import json
 import os
 import re
 import subprocess
@@ -39,6 +40,35 @@ def test_each_file_is_in_its_place(installed):
                  "share/dbus-1/interfaces/org.olvane.kavrel.xml", "share/dbus-1/system.d/org.olvane.kavrel.conf",
                  "share/dbus-1/system-services/org.olvane.kavrel.service"):
         assert (installed / PREFIX / path).is_file(), path
+
+
+def read_elf(*arguments):
+    return subprocess.run(["readelf", "--wide", *arguments], capture_output=True, text=True, check=True).stdout
+
+
+@pytest.mark.parametrize("program", ["kavreld", "kavrelctl", "kavrel-tv"])
+def test_the_programs_are_hardened(installed, program):
+    path = installed / PREFIX / "bin" / program
+    if os.environ["KAVREL_SANITIZER"] != "none":
+        return  # a build with a sanitizer is never installed
+    assert re.search(r"Type: +DYN", read_elf("--file-header", path))
+    assert re.search(r"Flags:.* NOW PIE", read_elf("--dynamic", path))
+    assert "GNU_RELRO" in read_elf("--segments", path)
+    assert re.search(r"__stack_chk_fail", read_elf("--dyn-syms", path))
+    if os.uname().machine == "x86_64":
+        code = subprocess.run(["objdump", "--disassemble", path], capture_output=True, text=True, check=True).stdout
+        assert re.search(r"<main>:\n.*endbr64", code)  # the mark of control-flow protection
+
+
+def test_a_release_build_checks_buffers_and_the_stack(tmp_path):
+    subprocess.run(["meson", "setup", tmp_path / "build", ROOT], check=True, capture_output=True,
+                   stdin=subprocess.DEVNULL)
+    commands = json.loads((tmp_path / "build/compile_commands.json").read_text())
+    sources = [command for command in commands if "/src/" in command["file"]]
+    assert sources
+    for command in sources:
+        for flag in ("-D_FORTIFY_SOURCE=2", "-fstack-protector-strong", "-fstack-clash-protection", "-O3"):
+            assert flag in command["command"].split(), command["file"]
 
 
 def test_the_installed_interface_is_the_one_compiled_in(installed, daemon, scene):
