@@ -21,17 +21,6 @@ struct UnrefVariant {
 };
 using Reply = std::unique_ptr<GVariant, UnrefVariant>;
 
-/** The reply of a call; null, with the reason in `failure`, if it failed. */
-Reply Finish(GObject* connection, GAsyncResult* result) {
-    g_autoptr(GError) error = nullptr;
-    Reply reply(
-        g_dbus_connection_call_finish(reinterpret_cast<GDBusConnection*>(connection), result, &error));
-    if (reply == nullptr) {
-        failure = std::string("a call failed: ") + error->message;
-    }
-    return reply;
-}
-
 }  // namespace
 
 void RunUntil(const std::function<bool()>& met) {
@@ -81,9 +70,12 @@ void Client::Call(const char* method, int argument, Function onReply) {
 void Client::CallBus(Function onReply) {
     const auto onDone = [](GObject* connection, GAsyncResult* result, gpointer data) {
         const std::unique_ptr<Function> function(static_cast<Function*>(data));
-        if (const auto reply = Finish(connection, result)) {
-            (*function)();
+        const Reply reply(
+            g_dbus_connection_call_finish(reinterpret_cast<GDBusConnection*>(connection), result, nullptr));
+        if (reply == nullptr) {
+            failure = "the bus does not answer";
         }
+        (*function)();
     };
     constexpr const char* BUS = "org.freedesktop.DBus";
     g_dbus_connection_call(m_connection.get(), BUS, "/org/freedesktop/DBus", BUS, "GetId", nullptr, nullptr,
@@ -114,18 +106,26 @@ void Client::Send(const char* method, GVariant* arguments, Function onReply) {
 
 void Client::OnDone(GObject* connection, GAsyncResult* result, gpointer data) {
     const std::unique_ptr<Pending> pending(static_cast<Pending*>(data));
-    const Reply reply = Finish(connection, result);
-    if (reply == nullptr) {
-        return;
-    }
-    g_variant_get_child(reply.get(), 0, "i", &pending->client->m_volume);
-    int status = 0;
-    g_variant_get_child(reply.get(), g_variant_n_children(reply.get()) - 1, "i", &status);
-    if (status != 0) {
-        failure = std::string(pending->method) + " answered the status " + std::to_string(status);
-        return;
-    }
+    pending->client->Take(pending->method, reinterpret_cast<GDBusConnection*>(connection), result);
     pending->onReply();
+}
+
+void Client::Take(const char* method, GDBusConnection* connection, GAsyncResult* result) {
+    g_autoptr(GError) error = nullptr;
+    const Reply reply(g_dbus_connection_call_finish(connection, result, &error));
+    int status = 0;
+    if (reply != nullptr) {
+        g_variant_get_child(reply.get(), 0, "i", &m_volume);
+        g_variant_get_child(reply.get(), g_variant_n_children(reply.get()) - 1, "i", &status);
+    }
+    if (reply != nullptr && status == 0) {
+        return;
+    }
+    if (m_failed != nullptr) {
+        ++*m_failed;
+    } else {
+        failure = std::string(method) + ": " + (error != nullptr ? error->message : "not the status 0");
+    }
 }
 
 void Client::OnSignal(GDBusConnection* /*connection*/, const char* /*sender*/, const char* /*path*/,

@@ -42,6 +42,9 @@ public:
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
 
+    /** A call that fails from now on counts in `failed` and is over, instead of ending RunUntil(). */
+    void CountFailures(int& failed) { m_failed = &failed; }
+
     GDBusConnection* Connection() const { return m_connection.get(); }
 
     // When a call fails, or its status is not 0, RunUntil() throws.
@@ -60,6 +63,7 @@ public:
 
 private:
     struct Pending;
+    void Take(const char* method, GDBusConnection* connection, GAsyncResult* result);
     void Send(const char* method, GVariant* arguments, Function onReply);
     static void OnDone(GObject* connection, GAsyncResult* result, gpointer data);
     static void OnSignal(GDBusConnection* connection, const char* sender, const char* path,
@@ -68,6 +72,7 @@ private:
     std::unique_ptr<GDBusConnection, Unref> m_connection;
     Function m_onVolumeChanged;
     guint m_subscription = 0;
+    int* m_failed = nullptr;
     int m_volume = 0;  // the first value of the latest reply
 };
 

@@ -159,7 +159,7 @@ class Comparison:
         with Server("bare") as scene:
             scene.stop()
             programs = [PROGRAMS[kind] for kind in SERVERS]
-            for name, options in (("start until it has its name", []), ("the same, the TV made first", ["--file", scene.tv])):
+            for name, options in (("start until it has its name", []), ("the same on an empty TV directory", ["--file", scene.tv])):
                 output = scene.call(MEASURE, "start", "--rounds", self.effort.rounds, *options, *programs)
                 rounds = [[float(word) / 1000 for word in line.split()] for line in output.splitlines()]
                 lines.append(ratios_of(Line(name, "ms", goal="" if options else "<= 1.5"), rounds))

@@ -2,9 +2,9 @@
 // SPDX-License-Identifier: MIT
 /**
  * A hostile program: floods the server with getters that want no reply, over many connections, for some
- * seconds, as fast as the bus takes them. It speaks the bus's protocol itself, so that it costs little.
+ * seconds, at a rate or as fast as the bus takes them. It speaks the bus's protocol itself, so that it costs little.
  *
- * Usage: flooder SOCKET CONNECTIONS SECONDS
+ * Usage: flooder SOCKET CONNECTIONS SECONDS RATE
  * Prints "ready" when it is connected, and at the end the number of messages that the bus has taken.
  */
 #include <fcntl.h>
@@ -25,6 +25,7 @@
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -32,7 +33,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int MESSAGES_PER_WRITE = 256;
+constexpr std::chrono::microseconds PAUSE(200);  // between messages that are sent at a rate
 
 std::string BlobOf(const char* name, const char* path, const char* interface, const char* method,
                    GDBusMessageFlags flags) {
@@ -77,18 +78,19 @@ public:
 
     int Socket() const { return m_socket; }
 
-    /** Goes on with the text, which it sends again and again, until the bus takes no more. */
-    long SendAllOf(std::string_view text) {
+    /** Goes on with the text, which it sends again and again: once, or until the bus takes no more. */
+    long Send(std::string_view text) {
         long sent = 0;
-        for (;;) {
+        while (sent < static_cast<long>(text.size())) {
             const std::string_view rest = text.substr(m_position);
             const ssize_t count = send(m_socket, rest.data(), rest.size(), MSG_NOSIGNAL);
             if (count < 0) {
-                return sent;
+                break;
             }
             sent += count;
             m_position = (m_position + static_cast<std::size_t>(count)) % text.size();
         }
+        return sent;
     }
 
 private:
@@ -105,37 +107,40 @@ private:
     std::size_t m_position = 0;  // in the text
 };
 
-/** @return the number of messages that the bus has taken */
-long Flood(std::vector<Connection>& connections, std::chrono::duration<double> time) {
+/** @param rate messages a second of all connections; 0 for as many as the bus takes
+ *  @return the number of messages that the bus has taken */
+long Flood(std::vector<Connection>& connections, std::chrono::duration<double> time, double rate) {
     const std::string message = BlobOf("org.olvane.kavrel", "/Org/Olvane/KavrelInternal", "org.olvane.kavrel",
                                        "GetSpeakerVolume", G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
-    std::string text;
-    for (int i = 0; i < MESSAGES_PER_WRITE; ++i) {
-        text += message;
-    }
+    const auto size = static_cast<double>(message.size());
     std::vector<pollfd> sockets;
     sockets.reserve(connections.size());
     for (const Connection& connection : connections) {
         sockets.push_back({connection.Socket(), POLLOUT, 0});
     }
-    long sent = 0;
-    const auto end = Clock::now() + time;
-    while (Clock::now() < end) {
+    double sent = 0;  // bytes
+    const auto start = Clock::now();
+    for (auto now = start; now < start + time; now = Clock::now()) {
+        const double due = rate * std::chrono::duration<double>(now - start).count() * size;
+        if (rate > 0 && sent >= due) {
+            std::this_thread::sleep_for(PAUSE);
+            continue;
+        }
         poll(sockets.data(), sockets.size(), 10);
-        for (std::size_t i = 0; i < sockets.size() && Clock::now() < end; ++i) {
+        for (std::size_t i = 0; i < sockets.size(); ++i) {
             if ((sockets[i].revents & POLLOUT) != 0) {
-                sent += connections[i].SendAllOf(text);
+                sent += static_cast<double>(connections[i].Send(message));
             }
         }
     }
-    return sent / static_cast<long>(message.size());
+    return static_cast<long>(sent / size);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 4) {
-        std::cerr << "Usage: flooder SOCKET CONNECTIONS SECONDS\n";
+    if (argc != 5) {
+        std::cerr << "Usage: flooder SOCKET CONNECTIONS SECONDS RATE\n";
         return EXIT_FAILURE;
     }
     try {
@@ -146,7 +151,8 @@ int main(int argc, char** argv) {
             connections.emplace_back(argv[1]);
         }
         std::cout << "ready" << std::endl;
-        std::cout << Flood(connections, std::chrono::duration<double>(std::atof(argv[3]))) << '\n';
+        std::cout << Flood(connections, std::chrono::duration<double>(std::atof(argv[3])), std::atof(argv[4]))
+                  << '\n';
     } catch (const std::exception& error) {
         std::cerr << "flooder: " << error.what() << '\n';
         return EXIT_FAILURE;

@@ -291,14 +291,21 @@ void MeasureStarts(const Options& options) {
     });
 }
 
-/** Calls one server for some seconds, one call after the other, and prints the milliseconds of each. */
+/**
+ * Calls one server for some seconds, one call after the other, and prints the milliseconds of each, below
+ * zero if the call failed.
+ */
 void MeasureFor(const Options& options) {
     Client client(options.servers.front());
+    int failed = 0;
+    client.CountFailures(failed);
     const auto end = Clock::now() + std::chrono::duration<double>(options.seconds);
     while (Clock::now() < end) {
         const auto start = Clock::now();
+        const int failedBefore = failed;
         client.Volume();
-        std::cout << Microseconds(Clock::now() - start) / 1000 << '\n';
+        const double time = Microseconds(Clock::now() - start) / 1000;
+        std::cout << (failed == failedBefore ? time : -time) << '\n';
     }
 }
 
