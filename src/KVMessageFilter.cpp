@@ -55,8 +55,8 @@ bool IsSignal(GDBusMessage* message) {
     return g_dbus_message_get_message_type(message) == G_DBUS_MESSAGE_TYPE_SIGNAL;
 }
 
-/** Drops the message, with its file descriptors. */
-void Refuse(GDBusConnection* connection, GDBusMessage* message, const char* why) {
+/** Drops the message, with its file descriptors. @return null, the filter's word for "dropped" */
+GDBusMessage* Refuse(GDBusConnection* connection, GDBusMessage* message, const char* why) {
     const bool wantsReply =
         IsCall(message) && (g_dbus_message_get_flags(message) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) == 0;
     if (wantsReply) {
@@ -65,6 +65,7 @@ void Refuse(GDBusConnection* connection, GDBusMessage* message, const char* why)
         g_dbus_connection_send_message(connection, reply, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
     }
     g_object_unref(message);
+    return nullptr;
 }
 
 /** GDBus locks a message before it filters it, so a change needs a copy. Consumes the message. */
@@ -72,6 +73,12 @@ GDBusMessage* UnlockedCopy(GDBusMessage* message) {
     GDBusMessage* copy = g_dbus_message_copy(message, nullptr);
     g_object_unref(message);
     return copy;
+}
+
+GDBusMessage* WithoutDescriptors(GDBusMessage* message) {
+    message = UnlockedCopy(message);
+    g_dbus_message_set_unix_fd_list(message, nullptr);
+    return message;
 }
 
 /** Gives a message without arguments an empty tuple, so that its handler gets this very object. */
@@ -94,12 +101,8 @@ public:
           m_signalPath(signalPath),
           m_methods(MethodsOf(interface)) {}
 
-    /** Returns the kind of a message; NOT_HANDLED if no handler will get it. */
-    eMessageKind KindOf(GDBusMessage* message) const;
-    /** Counts one more message of the sender. @return false if too many wait already */
-    bool Enter(const std::string& sender, eMessageKind kind);
-    /** Makes the message own the count that Enter has added for it. */
-    void Attach(GDBusMessage* message, const std::string& sender, eMessageKind kind);
+    /** Counts a message that a handler will get, or refuses it. @return the message to pass on, or null */
+    GDBusMessage* Admit(GDBusConnection* connection, GDBusMessage* message);
     /** Takes a message off the counts, once. */
     void Leave(Ticket& ticket);
     Waiting Take(const GVariant* arguments);
@@ -109,6 +112,12 @@ private:
         int getters = 0;
         int others = 0;
     };
+
+    eMessageKind KindOf(GDBusMessage* message) const;
+    /** Counts one more message of the sender. @return false if too many wait already */
+    bool Enter(const std::string& sender, eMessageKind kind);
+    /** Makes the message own the count that Enter has added for it. */
+    void Attach(GDBusMessage* message, const std::string& sender, eMessageKind kind);
 
     const std::string m_interface;
     const std::string m_methodPath;
@@ -162,6 +171,20 @@ eMessageKind KVMessageFilter::Counts::KindOf(GDBusMessage* message) const {
     const bool fits = method != m_methods.end() &&
                       method->second.signature == TextOf(g_dbus_message_get_signature(message));
     return fits ? method->second.kind : eMessageKind::NOT_HANDLED;
+}
+
+GDBusMessage* KVMessageFilter::Counts::Admit(GDBusConnection* connection, GDBusMessage* message) {
+    const eMessageKind kind = KindOf(message);
+    if (kind == eMessageKind::NOT_HANDLED) {
+        return message;
+    }
+    const std::string sender(TextOf(g_dbus_message_get_sender(message)));
+    if (!Enter(sender, kind)) {
+        return Refuse(connection, message, "Too many messages of this sender wait already");
+    }
+    message = WithBody(message);
+    Attach(message, sender, kind);
+    return message;
 }
 
 void KVMessageFilter::Counts::Attach(GDBusMessage* message, const std::string& sender, eMessageKind kind) {
@@ -257,28 +280,15 @@ GDBusMessage* KVMessageFilter::OnMessage(GDBusConnection* connection, GDBusMessa
     if (!incoming || TextOf(g_dbus_message_get_sender(message)) == BUS_SENDER) {
         return message;
     }
-    const bool mayBeRefused = IsCall(message) || IsSignal(message);
-    if (g_dbus_message_get_unix_fd_list(message) != nullptr) {
-        if (mayBeRefused) {
-            Refuse(connection, message, "File descriptors are not accepted");
-            return nullptr;
-        }
-        message = UnlockedCopy(message);
-        g_dbus_message_set_unix_fd_list(message, nullptr);
+    const bool hasDescriptors = g_dbus_message_get_unix_fd_list(message) != nullptr;
+    if (!IsCall(message) && !IsSignal(message)) {
+        return hasDescriptors ? WithoutDescriptors(message) : message;
+    }
+    if (hasDescriptors) {
+        return Refuse(connection, message, "File descriptors are not accepted");
     }
     Counts& counts = **static_cast<std::shared_ptr<Counts>*>(userData);
-    const eMessageKind kind = counts.KindOf(message);
-    if (kind == eMessageKind::NOT_HANDLED) {
-        return message;
-    }
-    const std::string sender(TextOf(g_dbus_message_get_sender(message)));
-    if (!counts.Enter(sender, kind)) {
-        Refuse(connection, message, "Too many messages of this sender wait already");
-        return nullptr;
-    }
-    message = WithBody(message);
-    counts.Attach(message, sender, kind);
-    return message;
+    return counts.Admit(connection, message);
 }
 
 }  // namespace NKavrel
