@@ -3,9 +3,9 @@
 /**
  * The TV directory: one small text file per value, readable with `cat` and writable with `echo`.
  *
- * Nothing here keeps state but the directory's name, takes a lock, or waits for another process: readers see
- * the old or the new value because a writer renames a finished file into place. Nothing here writes to the
- * log either: an Error brings the line to log.
+ * Nothing here waits for another process: readers see the old or the new value because a writer renames a
+ * finished file into place. Nothing here takes the delivery lock or writes to the log: an Error brings the line
+ * to log.
  */
 #ifndef KAVREL_HOST_DIRECTORY_H
 #define KAVREL_HOST_DIRECTORY_H
@@ -46,6 +46,9 @@ const std::filesystem::path& Root();
 /** Makes the directory if it is missing, and fills an empty one with the default TV; once in a process. */
 const Error& OpenTv();
 
+/** A line to log as a warning about the directory that was opened; mostly empty. */
+const std::string& TvWarning();
+
 /** Whether `key` names one value below its folder, and nothing outside the TV directory. */
 bool IsKey(std::string_view key);
 Error RefuseKey(std::string_view folder, std::string_view key);
@@ -70,6 +73,8 @@ Error Read(const Value& value, int& number);
  * program that splits the screen.
  */
 Error Write(const Value& value, std::string_view text);
+struct KeptFolder;
+Error Write(const Value& value, std::string_view text, KeptFolder* kept);  // see ReplaceValue()
 
 /** @param exists whether the file is there, whatever it holds; set on success only */
 Error Exists(const Value& value, bool& exists);

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 #include <dlog.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,11 +14,15 @@
 #include <string>
 #include <string_view>
 
+#include "directory.h"
 #include "write_all.h"
 
 namespace {
 
-enum class Style { plain, terminal, journal };
+/** In bytes, with mark and newline. A pipe takes as much in one piece from each of several writers. */
+constexpr std::size_t LONGEST_LINE = 4096;
+
+enum class Style { PLAIN, TERMINAL, JOURNAL };
 
 struct Marks {
     const char* plain;
@@ -51,10 +56,7 @@ int LowestPriority() {
     return lowest == "error" ? DLOG_ERROR : DLOG_INFO;
 }
 
-/**
- * JOURNAL_STREAM is inherited by every descendant of a service: it counts only where it names this very
- * stream.
- */
+/** Every descendant of a service inherits JOURNAL_STREAM, so the variable has to name this very stream. */
 bool IsJournal() {
     const char* const stream = std::getenv("JOURNAL_STREAM");
     struct stat status {};
@@ -64,52 +66,104 @@ bool IsJournal() {
 
 Style FindStyle() {
     if (IsJournal()) {
-        return Style::journal;
+        return Style::JOURNAL;
     }
-    return isatty(STDERR_FILENO) == 1 ? Style::terminal : Style::plain;
+    return isatty(STDERR_FILENO) == 1 ? Style::TERMINAL : Style::PLAIN;
 }
 
-void AppendLine(std::string& out, Style style, const Marks& marks, std::string_view line) {
-    if (style == Style::journal) {
-        out.append(marks.journal).append(line);
-    } else if (style == Style::plain) {
-        out.append(marks.plain).append(line);
-    } else {
-        out.append(marks.colour).append(marks.plain).append(line).append("\033[0m");
-    }
-}
-
-/** Marks each line of the text, so that none can pass for one of another priority. */
-std::string Mark(std::string_view text, Style style, const Marks& marks) {
-    std::string out;
-    out.reserve(text.size() + 16);
-    while (!text.empty()) {
-        const std::size_t end = text.find('\n');
-        AppendLine(out, style, marks, text.substr(0, end));
-        if (end == std::string_view::npos) {
-            break;
+/** A line in the making. What does not fit is cut, and the line then ends in three dots. */
+class Line {
+public:
+    Line(Style style, const Marks& marks) {
+        if (style == Style::JOURNAL) {
+            Append(marks.journal);
+        } else {
+            Append(style == Style::TERMINAL ? marks.colour : "");
+            Append(marks.plain);
         }
-        out += '\n';
-        text.remove_prefix(end + 1);
+        if (style == Style::TERMINAL) {
+            m_end = "\033[0m";
+        }
     }
-    return out;
+
+    /** Writes control bytes other than the tab as \xNN: a text can neither begin a new line nor steer a terminal. */
+    void AppendText(std::string_view text) {
+        for (const char letter : text) {
+            const auto byte = static_cast<unsigned char>(letter);
+            const bool isControl = (byte < 0x20 && letter != '\t') || byte == 0x7F;
+            const std::array<char, 4> escaped = {'\\', 'x', HEX[byte / 16], HEX[byte % 16]};
+            if (!Append(isControl ? std::string_view(escaped.data(), escaped.size())
+                                  : std::string_view(&letter, 1))) {
+                return;
+            }
+        }
+    }
+
+    std::string_view Finish(bool isCut, bool hasNewline) {
+        if (isCut || m_isFull) {
+            AppendEnd("...");
+        }
+        AppendEnd(m_end);
+        AppendEnd(hasNewline ? "\n" : "");
+        return {m_bytes.data(), m_size};
+    }
+
+private:
+    static constexpr std::string_view HEX = "0123456789ABCDEF";
+    static constexpr std::size_t END_SIZE = sizeof("...\033[0m\n") - 1;
+
+    bool Append(std::string_view piece) {
+        m_isFull = m_isFull || m_size + piece.size() > m_bytes.size() - END_SIZE;
+        if (!m_isFull) {
+            AppendEnd(piece);
+        }
+        return !m_isFull;
+    }
+    void AppendEnd(std::string_view piece) {
+        piece.copy(m_bytes.data() + m_size, piece.size());
+        m_size += piece.size();
+    }
+
+    std::array<char, LONGEST_LINE> m_bytes;  // [0, m_size) is set
+    std::size_t m_size = 0;
+    bool m_isFull = false;
+    std::string_view m_end;
+};
+
+int Print(int priority, const char* fmt, va_list arguments) {
+    static const Style style = FindStyle();
+    std::array<char, LONGEST_LINE> buffer;
+    const int length = std::vsnprintf(buffer.data(), buffer.size(), fmt, arguments);
+    if (length < 0) {
+        return errno;
+    }
+    const bool isCut = static_cast<std::size_t>(length) >= buffer.size();
+    std::string_view text(buffer.data(), isCut ? buffer.size() - 1 : static_cast<std::size_t>(length));
+    const bool hasNewline =
+        isCut || text.ends_with('\n');  // the newline of a text that is cut was the last byte
+    if (text.ends_with('\n')) {
+        text.remove_suffix(1);
+    }
+    Line line(style, MarksOf(priority));
+    line.AppendText(text);
+    host::IgnorePipeSignal();
+    return host::WriteAll(STDERR_FILENO, line.Finish(isCut, hasNewline));
 }
 
-std::string Format(const char* fmt, va_list arguments) {
-    std::array<char, 1024> shortText;
-    va_list again;
-    va_copy(again, arguments);
-    const int size = std::vsnprintf(shortText.data(), shortText.size(), fmt, arguments);
-    std::string text;
-    if (size >= 0 && static_cast<std::size_t>(size) < shortText.size()) {
-        text.assign(shortText.data(), static_cast<std::size_t>(size));
-    } else if (size >= 0) {
-        text.resize(static_cast<std::size_t>(size));
-        std::vsnprintf(text.data(), text.size() + 1, fmt, again);
-    }
-    va_end(again);
-    return text;
+/**
+ * Opens standard input, output and error if the process was started without them. Otherwise the next file that
+ * it opens, say the connection to the bus, would get one of their numbers and with it the log.
+ */
+bool OpenStandardStreams() {
+    int opened = -1;
+    do {
+        opened = open("/dev/null", O_RDWR);
+    } while (opened >= 0 && opened <= STDERR_FILENO);
+    return opened < 0 || close(opened) == 0;
 }
+
+/** Before main(), and so before anything else is opened. */
+[[maybe_unused]] const bool areStandardStreamsOpen = OpenStandardStreams();
 
 }  // namespace
 
@@ -119,11 +173,10 @@ int __dlog_print(int priority, const char* /*tag*/, const char* fmt, ...) {
         return 0;
     }
     const int savedErrno = errno;
-    static const Style style = FindStyle();
     va_list arguments;
     va_start(arguments, fmt);
-    const int error = host::WriteAll(STDERR_FILENO, Mark(Format(fmt, arguments), style, MarksOf(priority)));
+    const int error = Print(priority, fmt, arguments);
     va_end(arguments);
     errno = savedErrno;
-    return error == 0 ? 0 : -1000 - error;
+    return error == 0 ? 0 : host::FailureCode(error);
 }

@@ -13,10 +13,18 @@ void LogLine(const Error& error) {
     }
 }
 
+bool LogOpening() {
+    LogLine(OpenTv());
+    if (!TvWarning().empty()) {
+        __dlog_print(DLOG_WARN, "Kavrel", "%s\n", TvWarning().c_str());
+    }
+    return true;
+}
+
 }  // namespace
 
 void Log(const Error& error) {
-    [[maybe_unused]] static const bool opened = (LogLine(OpenTv()), true);
+    [[maybe_unused]] static const bool isOpened = LogOpening();
     LogLine(error);
 }
 

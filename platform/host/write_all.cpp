@@ -3,52 +3,30 @@
 #include "write_all.h"
 
 #include <poll.h>
-#include <pthread.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
-#include <ctime>
 
 namespace host {
 namespace {
 
-/** Blocks SIGPIPE and SIGXFSZ, which the kernel sends to the writing thread, and discards those of failed writes. */
-class WriteSignals {
-public:
-    WriteSignals() {
-        sigset_t signals;
-        sigemptyset(&signals);
-        sigaddset(&signals, SIGPIPE);
-        sigaddset(&signals, SIGXFSZ);
-        sigpending(&m_pendingBefore);
-        pthread_sigmask(SIG_BLOCK, &signals, &m_blockedBefore);
+/** With a handler that does nothing: unlike an ignored signal it is not passed on to programs started later. */
+bool Ignore(int signal) {
+    struct sigaction present {};
+    if (sigaction(signal, nullptr, &present) != 0 || present.sa_handler != SIG_DFL) {
+        return false;
     }
-    ~WriteSignals() { pthread_sigmask(SIG_SETMASK, &m_blockedBefore, nullptr); }
-    WriteSignals(const WriteSignals&) = delete;
-    WriteSignals& operator=(const WriteSignals&) = delete;
-
-    void TakeThatOf(int error) const {
-        const int number = error == EPIPE ? SIGPIPE : SIGXFSZ;
-        if ((error != EPIPE && error != EFBIG) || sigismember(&m_pendingBefore, number) == 1) {
-            return;
-        }
-        sigset_t signal;
-        sigemptyset(&signal);
-        sigaddset(&signal, number);
-        const timespec now{};
-        sigtimedwait(&signal, nullptr, &now);
-    }
-
-private:
-    sigset_t m_pendingBefore{};
-    sigset_t m_blockedBefore{};
-};
+    struct sigaction nothing {};
+    nothing.sa_handler = [](int) {};
+    nothing.sa_flags = SA_RESTART;
+    return sigaction(signal, &nothing, nullptr) == 0;
+}
 
 }  // namespace
 
 int WriteAll(int fd, std::string_view text) {
-    const WriteSignals signals;
+    [[maybe_unused]] static const bool isIgnored = Ignore(SIGXFSZ);
     while (!text.empty()) {
         const ssize_t count = write(fd, text.data(), text.size());
         if (count >= 0) {
@@ -57,12 +35,14 @@ int WriteAll(int fd, std::string_view text) {
             pollfd ready{fd, POLLOUT, 0};
             poll(&ready, 1, -1);
         } else if (errno != EINTR) {
-            const int error = errno;
-            signals.TakeThatOf(error);
-            return error;
+            return errno;
         }
     }
     return 0;
+}
+
+void IgnorePipeSignal() {
+    [[maybe_unused]] static const bool isIgnored = Ignore(SIGPIPE);
 }
 
 }  // namespace host

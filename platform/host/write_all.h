@@ -8,11 +8,14 @@
 namespace host {
 
 /**
- * Writes everything, on any thread. A reader that has gone and a file that may not grow are errors like any
- * other: neither's signal reaches the process, whatever it does about it.
+ * Writes everything, on any thread. A file that may not grow is an error like any other: the first call makes
+ * the process ignore the signal that comes with it, unless the process does something about that signal.
  * @return 0 or the errno
  */
 int WriteAll(int fd, std::string_view text);
+
+/** The same for the signal that comes with a write to a pipe without a reader. */
+void IgnorePipeSignal();
 
 }  // namespace host
 

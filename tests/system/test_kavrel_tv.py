@@ -16,8 +16,9 @@ tool = pytest.fixture(make_tool)
 
 
 def state_of(folder):
-    """Everything below a folder: {path: text, or None for a folder}."""
-    return {str(path.relative_to(folder)): path.read_text() if path.is_file() else None for path in folder.rglob("*")}
+    """Everything below a folder but where writers make their files: {path: text, or None for a folder}."""
+    return {str(path.relative_to(folder)): path.read_text() if path.is_file() else None for path in folder.rglob("*")
+            if ".tmp" not in path.parts}
 
 
 # --- show

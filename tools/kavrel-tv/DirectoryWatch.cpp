@@ -32,6 +32,11 @@ bool IsTemporary(const fs::path& path) {
     return path.has_parent_path() && path.filename().string().starts_with('.');
 }
 
+/** Whether it lies where writers make their files. That folder is watched as the other end of their renames. */
+bool IsOfWriters(const fs::path& path) {
+    return path.begin() != path.end() && *path.begin() == ".tmp";
+}
+
 [[noreturn]] void CannotWatch(const fs::path& directory) {
     throw tools::ToolError(tools::EXIT_REFUSED, "cannot watch " + directory.string() + ": " +
                                                     std::generic_category().message(errno));
@@ -83,8 +88,11 @@ void DirectoryWatch::Handle(const inotify_event& event) {
         return;
     }
     if ((event.mask & (IN_IGNORED | IN_DELETE_SELF)) != 0) {
+        const bool isOfWriters = IsOfWriters(folder->second);
         m_folders.erase(folder);
-        m_handler(Event::REMOVED, "");
+        if (!isOfWriters) {
+            m_handler(Event::REMOVED, "");
+        }
         return;
     }
     const fs::path path = event.len > 0 ? folder->second / event.name : folder->second;
@@ -93,7 +101,11 @@ void DirectoryWatch::Handle(const inotify_event& event) {
     if (IsTemporary(path)) {
         return;
     }
-    if (isNew && fs::is_directory(m_directory / path, ignored)) {
+    if (IsOfWriters(path)) {
+        if (isNew && fs::is_directory(m_directory / path, ignored)) {
+            Follow(path, false);
+        }
+    } else if (isNew && fs::is_directory(m_directory / path, ignored)) {
         Follow(path, true);
         m_handler(Event::WRITTEN, "");
     } else if ((event.mask & IN_ISDIR) == 0) {

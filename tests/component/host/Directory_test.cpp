@@ -31,6 +31,9 @@ using testing::StartsWith;
 
 namespace {
 
+constexpr const char* VOLUME = "audio/master_volume";
+constexpr const char* KEY = "settings/memory/key";
+
 class DirectoryTest : public testing::Test {
 protected:
     Folder tv;
@@ -77,6 +80,35 @@ TEST_F(DirectoryTest, AKilledFillingIsFinishedByTheNextProcess) {
     EXPECT_EQ(other.Do("volume"), "0 55");
     EXPECT_EQ(other.Do("route"), "0 0");
     EXPECT_THAT(tv.Leftovers("."), IsEmpty());
+}
+
+TEST_F(DirectoryTest, ADirectoryWithNothingButTheLinkForDbIsEmpty) {
+    const Folder persistent;
+    fs::create_directories(tv / "settings");
+    fs::create_directories(tv / ".hidden");
+    fs::create_directory_symlink(persistent / "later", tv / "settings/db");
+    OtherProcess other(tv);
+    EXPECT_EQ(other.Do("volume"), "0 10");
+    EXPECT_TRUE(fs::is_symlink(tv / "settings/db"));
+}
+
+TEST_F(DirectoryTest, AMarkThatIsNoFileNeitherHangsTheStartNorLeadsElsewhere) {
+    const Folder outside;
+    fs::create_symlink(outside / "made", tv / ".filling");
+    EXPECT_EQ(OtherProcess(tv).Do("volume"), "0 10");
+    EXPECT_FALSE(fs::exists(outside / "made"));
+    const Folder second;
+    ASSERT_EQ(mkfifo((second / ".filling").c_str(), 0600), 0);
+    EXPECT_EQ(OtherProcess(second).Do("volume"), "0 10");
+}
+
+TEST_F(DirectoryTest, ADirectoryThatOthersMayWriteIsWarnedOfOnce) {
+    fs::permissions(tv.Path(), fs::perms::all);
+    OtherProcess other(tv);
+    EXPECT_EQ(other.Do("volume"), "0 10");
+    EXPECT_EQ(other.Do("volume"), "0 10");
+    EXPECT_THAT(other.Log(), ElementsAre("W Others than its owner and the group audio may write to " +
+                                         tv.Path().string()));
 }
 
 TEST_F(DirectoryTest, ProcessesThatStartAtOnceFindAWholeTvAndOverwriteNothing) {
@@ -170,9 +202,6 @@ TEST_P(JunkTest, FailsWithOneErrorLineThatNamesTheFile) {
     EXPECT_THAT(other.Log(),
                 ElementsAre(AllOf(StartsWith("E "), HasSubstr((tv / GetParam().file).string() + ": "))));
 }
-
-constexpr const char* VOLUME = "audio/master_volume";
-constexpr const char* KEY = "settings/memory/key";
 
 INSTANTIATE_TEST_SUITE_P(
     , JunkTest,
@@ -272,6 +301,41 @@ TEST_F(DirectoryTest, TheFolderForDbMayBeALink) {
     EXPECT_TRUE(fs::is_symlink(tv / "settings/db"));
 }
 
+TEST_F(DirectoryTest, ALinkIsFollowedOnlyInsideTheDirectory) {
+    tv.Echo("outside/master_volume", "77");
+    OtherProcess other(tv, {{"KAVREL_TV_DIR", tv / "tv"}});
+    ASSERT_EQ(other.Do("volume"), "0 10");
+    fs::rename(tv / "tv/audio", tv / "tv/real");
+    fs::create_directory_symlink("real", tv / "tv/audio");
+    EXPECT_EQ(other.Do("set-volume 20"), "0");
+    EXPECT_EQ(tv.Content("tv/real/master_volume"), "20\n");
+    for (const fs::path& target : {fs::path("../outside"), tv / "outside"}) {
+        fs::remove(tv / "tv/audio");
+        fs::create_directory_symlink(target, tv / "tv/audio");
+        EXPECT_EQ(other.Do("volume"), "-1018");
+        EXPECT_EQ(other.Do("set-volume 30"), "-1018");
+    }
+    EXPECT_EQ(tv.Content("outside/master_volume"), "77\n");
+    EXPECT_THAT(other.Log().front(), HasSubstr("audio/master_volume: a link leads out of the TV directory"));
+}
+
+TEST_F(DirectoryTest, WithoutOpenat2NoLinkIsFollowedButThatOfDb) {
+    const Folder persistent;
+    tv.Echo("real/master_volume", "77");
+    fs::create_directory_symlink("real", tv / "audio");
+    fs::create_directories(tv / "settings");
+    fs::create_directory_symlink(persistent.Path(), tv / "settings/db");
+    for (const std::string error : {"1", "38"}) {  // EPERM, ENOSYS
+        OtherProcess other(tv);
+        ASSERT_EQ(other.Do("refuse-openat2 " + error), "0");
+        EXPECT_EQ(other.Do("volume"), "-1020");
+        EXPECT_EQ(other.Do("set-route " + error), "0");
+        EXPECT_EQ(other.Do("route"), "0 " + error);
+        EXPECT_EQ(other.Do("set-int db/a/level " + error), "0");
+        EXPECT_EQ(persistent.Content("a/level"), error + '\n');
+    }
+}
+
 TEST_F(DirectoryTest, AMissingFolderIsMadeForAValue) {
     tv.Echo("sound/route", "0");
     OtherProcess other(tv);
@@ -283,27 +347,101 @@ TEST_F(DirectoryTest, AMissingFolderIsMadeForAValue) {
 
 // --- Writing
 
-TEST_F(DirectoryTest, ALeftoverIsRemovedByTheNextWriterOfThatValueOnly) {
+TEST_F(DirectoryTest, LeftoversOfWritersThatAreGoneAreRemovedWhenAProcessStarts) {
+    tv.Echo("audio/master_volume", "10");
+    tv.Put(".tmp/999-1-0/7", "5");
+    fs::create_directories(tv / ".tmp/999-2-0");
+    tv.Put("settings/db/usb/.kavrel-999-1-7", "5");
+    tv.Put("settings/db/usb/.level.swp", "of an editor");
     OtherProcess other(tv);
     ASSERT_EQ(other.Do("volume"), "0 10");
-    tv.Put("audio/.master_volume.aB3-_9", "5");
-    tv.Put("audio/.master_mute.aB3-_9", "1");
-    tv.Put("audio/.master_volume.longer1", "5");
-    EXPECT_EQ(other.Do("set-volume 20"), "0");
-    EXPECT_THAT(tv.Leftovers("audio"), ElementsAre(".master_mute.aB3-_9", ".master_volume.longer1"));
+    EXPECT_THAT(tv.OwnFolders(), IsEmpty());
+    EXPECT_THAT(tv.Leftovers("settings/db/usb"), ElementsAre(".level.swp"));
 }
 
-TEST_F(DirectoryTest, ALiveWritersFileIsNoLeftover) {
-    OtherProcess other(tv);
-    ASSERT_EQ(other.Do("volume"), "0 10");
-    tv.Put("audio/.master_volume.writer", "5");
-    const int writer = open((tv / "audio/.master_volume.writer").c_str(), O_WRONLY | O_CLOEXEC);
+TEST_F(DirectoryTest, ALiveWritersFolderIsNoLeftover) {
+    tv.Put(".tmp/writer/7", "5");
+    const int writer = open((tv / ".tmp/writer").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     ASSERT_EQ(flock(writer, LOCK_EX), 0);
-    EXPECT_EQ(other.Do("set-volume 20"), "0");
-    EXPECT_THAT(tv.Leftovers("audio"), ElementsAre(".master_volume.writer"));
+    ASSERT_EQ(OtherProcess(tv).Do("volume"), "0 10");
+    EXPECT_THAT(tv.Leftovers("."), ElementsAre(".tmp/writer/7"));
     close(writer);  // as the kernel does when it kills a process
-    EXPECT_EQ(other.Do("set-volume 20"), "0");
+    ASSERT_EQ(OtherProcess(tv).Do("volume"), "0 10");
+    EXPECT_THAT(tv.Leftovers("."), IsEmpty());
+}
+
+TEST_F(DirectoryTest, ALiveWritersFileInAValuesFolderIsNoLeftover) {
+    tv.Put("settings/db/.kavrel-writer", "5");
+    const int writer = open((tv / "settings/db/.kavrel-writer").c_str(), O_WRONLY | O_CLOEXEC);
+    ASSERT_EQ(flock(writer, LOCK_EX), 0);
+    ASSERT_EQ(OtherProcess(tv).Do("volume"), "-1002");
+    EXPECT_THAT(tv.Leftovers("settings/db"), ElementsAre(".kavrel-writer"));
+    close(writer);
+    ASSERT_EQ(OtherProcess(tv).Do("volume"), "-1002");
+    EXPECT_THAT(tv.Leftovers("settings/db"), IsEmpty());
+}
+
+TEST_F(DirectoryTest, EachWriterHasAFolderOfItsOwnForItsWholeLife) {
+    OtherProcess one(tv);
+    OtherProcess two(tv);
+    ASSERT_EQ(one.Do("set-volume 20"), "0");
+    ASSERT_EQ(two.Do("set-volume 30"), "0");
+    const auto folders = tv.OwnFolders();
+    EXPECT_THAT(folders, SizeIs(2));
+    for (const std::string& folder : folders) {
+        const int own = open((tv / folder).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        EXPECT_EQ(flock(own, LOCK_EX | LOCK_NB), -1);
+        close(own);
+    }
+    ASSERT_EQ(one.Do("set-volume 40"), "0");
+    EXPECT_EQ(tv.OwnFolders(), folders);
+}
+
+TEST_F(DirectoryTest, AWriterWhoseFolderWasRemovedMakesAnother) {
+    OtherProcess other(tv);
+    ASSERT_EQ(other.Do("set-volume 20"), "0");
+    fs::remove_all(tv / ".tmp");
+    EXPECT_EQ(other.Do("set-volume 30"), "0");
+    EXPECT_EQ(tv.Content(VOLUME), "30\n");
+    EXPECT_THAT(tv.OwnFolders(), SizeIs(1));
+    EXPECT_THAT(other.Log(), IsEmpty());
+}
+
+TEST_F(DirectoryTest, AWriterThatCannotHaveAFolderWritesBesideTheValue) {
+    tv.Echo(VOLUME, "10");
+    tv.Put(".tmp", "no folder");
+    OtherProcess other(tv);
+    EXPECT_EQ(other.Do("set-volume 30"), "0");
+    EXPECT_EQ(tv.Content(VOLUME), "30\n");
     EXPECT_THAT(tv.Leftovers("audio"), IsEmpty());
+    EXPECT_THAT(other.Log(), IsEmpty());
+}
+
+TEST_F(DirectoryTest, ATvDirectoryThatWasReplacedIsWrittenAnew) {
+    const fs::path away = tv / "away";
+    OtherProcess other(tv, {{"KAVREL_TV_DIR", tv / "tv"}});
+    ASSERT_EQ(other.Do("set-volume 20"), "0");
+    fs::rename(tv / "tv", away);
+    EXPECT_EQ(other.Do("volume"), "-1002");
+    EXPECT_EQ(other.Do("set-volume 30"), "0");
+    EXPECT_EQ(tv.Content("tv/audio/master_volume"), "30\n");
+    EXPECT_EQ(tv.Content("away/audio/master_volume"), "20\n");
+    fs::remove_all(tv / "tv");
+    fs::rename(away, tv / "tv");
+    EXPECT_EQ(other.Do("volume"), "0 20");
+}
+
+TEST_F(DirectoryTest, TheFolderForDbMayBeOnAnotherFileSystem) {
+    const fs::path persistent = fs::temp_directory_path() / tv.Path().filename();
+    fs::create_directories(persistent);
+    fs::create_directories(tv / "settings");
+    fs::create_directory_symlink(persistent, tv / "settings/db");
+    OtherProcess other(tv);
+    EXPECT_EQ(other.Do("set-int db/usb/level 4"), "0");
+    EXPECT_EQ(tv.Content("settings/db/usb/level"), "4\n");
+    EXPECT_THAT(tv.Leftovers("settings/db/usb"), IsEmpty());
+    EXPECT_THAT(other.Log(), IsEmpty());
+    fs::remove_all(persistent);
 }
 
 TEST_F(DirectoryTest, WritersOfOneValueNeverDisturbEachOther) {
@@ -339,13 +477,16 @@ TEST_F(DirectoryTest, AWriterKilledAtAnyMomentLeavesAWholeValue) {
         const std::string text = tv.Content(KEY);
         ASSERT_EQ(text.back(), '\n');
         ASSERT_TRUE(text == "a\n" || text == std::string(SIZE, text.front()) + '\n');
-        leftovers += tv.Leftovers("settings/memory").size();
-        ASSERT_LE(tv.Leftovers("settings/memory").size(), 1U);  // each writer removes that of the one before
+        leftovers += tv.Leftovers(".").size();
+        ASSERT_LE(tv.Leftovers(".").size(), 1U);  // each process that starts removes those of the killed ones
     }
     EXPECT_GT(leftovers, 0U) << "no kill met a writer at its work";
     EXPECT_EQ(reader.Do("set-text memory/key end"), "0");
     EXPECT_EQ(reader.Do("text memory/key"), "0 end");
     EXPECT_THAT(tv.Leftovers("settings/memory"), IsEmpty());
+    ASSERT_EQ(OtherProcess(tv).Do("text memory/key"), "0 end");
+    EXPECT_THAT(tv.Leftovers("."), IsEmpty());
+    EXPECT_THAT(tv.OwnFolders(), SizeIs(1)) << "the folder of the reader, which has written too";
 }
 
 TEST_F(DirectoryTest, AFullDiskIsAClearErrorAndTheOldValueStands) {

@@ -92,11 +92,26 @@ std::string Folder::Content(std::string_view file) const {
 std::set<std::string> Folder::Leftovers(std::string_view folder) const {
     std::set<std::string> names;
     for (const auto& entry : fs::directory_iterator(m_path / folder)) {
-        if (entry.path().filename().string().starts_with('.')) {
-            names.insert(entry.path().filename());
+        const std::string name = entry.path().filename();
+        if (name.starts_with('.') && name != ".tmp") {
+            names.insert(name);
+        }
+    }
+    for (const std::string& own : folder == "." ? OwnFolders() : std::set<std::string>()) {
+        for (const auto& entry : fs::directory_iterator(m_path / own)) {
+            names.insert(own + '/' + entry.path().filename().string());
         }
     }
     return names;
+}
+
+std::set<std::string> Folder::OwnFolders() const {
+    std::set<std::string> folders;
+    std::error_code none;
+    for (const auto& entry : fs::directory_iterator(m_path / ".tmp", none)) {
+        folders.insert(".tmp/" + entry.path().filename().string());
+    }
+    return folders;
 }
 
 OtherProcess::OtherProcess(const Folder& tv, const Environment& environment, int errorStream) {
@@ -113,7 +128,9 @@ OtherProcess::OtherProcess(const Folder& tv, const Environment& environment, int
     posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
     posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
     const std::string log = m_own / "log";
-    if (errorStream < 0) {
+    if (errorStream == CLOSED) {
+        posix_spawn_file_actions_addclose(&actions, STDERR_FILENO);
+    } else if (errorStream < 0) {
         posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, log.c_str(), O_WRONLY | O_CREAT, 0600);
     } else {
         posix_spawn_file_actions_adddup2(&actions, errorStream, STDERR_FILENO);

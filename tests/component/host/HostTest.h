@@ -36,8 +36,10 @@ public:
     void Echo(std::string_view file, const std::string& text) const { Put(file, text + '\n'); }
     void Put(std::string_view file, const std::string& content) const;
     std::string Content(std::string_view file) const;
-    /** Names that begin with a dot. */
+    /** Names that begin with a dot, but for the folder `.tmp` itself: of that, the files in its folders. */
     std::set<std::string> Leftovers(std::string_view folder) const;
+    /** The writers' own folders: their paths below this folder. */
+    std::set<std::string> OwnFolders() const;
 
 private:
     const std::filesystem::path m_path;
@@ -47,8 +49,9 @@ private:
 class OtherProcess {
 public:
     using Environment = std::map<std::string, std::string>;
+    static constexpr int CLOSED = -2;
 
-    /** @param errorStream standard error of the process, still the caller's to close; -1: a file, see Log() */
+    /** @param errorStream standard error of the process, still the caller's to close; -1: a file, see Log(); or CLOSED */
     explicit OtherProcess(const Folder& tv, const Environment& environment = {}, int errorStream = -1);
     /** Closes its input, waits for its end, and fails the test unless its status is 0. */
     ~OtherProcess();

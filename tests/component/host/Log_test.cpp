@@ -10,6 +10,7 @@
 
 #include <array>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 
 #include "HostTest.h"
@@ -29,10 +30,10 @@ constexpr int ERROR = 6;
 /** A pipe, or a pair of sockets that keeps each write apart as a packet. */
 class Channel {
 public:
-    enum class Kind { pipe, packets };
+    enum class Kind { PIPE, PACKETS };
 
     explicit Channel(Kind kind) {
-        if (kind == Kind::pipe ? pipe2(m_ends.data(), O_CLOEXEC) != 0
+        if (kind == Kind::PIPE ? pipe2(m_ends.data(), O_CLOEXEC) != 0
                                : socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, m_ends.data()) != 0) {
             std::abort();
         }
@@ -108,7 +109,7 @@ TEST_F(LogTest, WhatIsFilteredOutIsNotFormatted) {
 }
 
 TEST_F(LogTest, TheJournalGetsPriorities) {
-    const Channel journal(Channel::Kind::packets);
+    const Channel journal(Channel::Kind::PACKETS);
     OtherProcess other(tv, {{"KAVREL_LOG", "debug"}, {"JOURNAL_STREAM", journal.Name()}}, journal.Writer());
     LogAll(other);
     for (const char* const line : {"<7>text\n", "<6>text\n", "<4>text\n", "<3>text\n"}) {
@@ -117,7 +118,7 @@ TEST_F(LogTest, TheJournalGetsPriorities) {
 }
 
 TEST_F(LogTest, AJournalThatIsNotBehindThisStreamDoesNotCount) {
-    const Channel journal(Channel::Kind::pipe);
+    const Channel journal(Channel::Kind::PIPE);
     OtherProcess other(tv, {{"JOURNAL_STREAM", journal.Name()}});
     LogAll(other);
     EXPECT_THAT(other.Log(), ElementsAre("I text", "W text", "E text"));
@@ -143,36 +144,68 @@ TEST_F(LogTest, ATerminalGetsColours) {
 }
 
 TEST_F(LogTest, EachLineIsOneWriteAndNoNewlineIsAdded) {
-    const Channel packets(Channel::Kind::packets);
+    const Channel packets(Channel::Kind::PACKETS);
     OtherProcess other(tv, {}, packets.Writer());
     EXPECT_EQ(other.Do("log 4 one"), "0");
-    EXPECT_EQ(other.Do("log-long 5000"), "0");
+    EXPECT_EQ(other.Do("log-long 4000"), "0");
     EXPECT_EQ(other.Do("log-lines 5"), "0");
     EXPECT_EQ(other.Do("log-unended 6"), "0");
     EXPECT_EQ(packets.Read(), "I one\n");
-    EXPECT_EQ(packets.Read(), "I " + std::string(5000, 'x') + '\n');
-    EXPECT_EQ(packets.Read(), "W one\nW two\n");
+    EXPECT_EQ(packets.Read(), "I " + std::string(4000, 'x') + '\n');
+    EXPECT_EQ(packets.Read(), "W one\\x0Atwo\n");
     EXPECT_EQ(packets.Read(), "E no newline");
 }
 
-TEST_F(LogTest, ALineLongerThanThePipeIsContinued) {
-    constexpr std::size_t SIZE = 300'000;
+TEST_F(LogTest, ALineEndsInDotsAfterFourKibibytes) {
+    const Channel packets(Channel::Kind::PACKETS);
+    OtherProcess other(tv, {}, packets.Writer());
+    for (const char* const size : {"4096", "5000", "1000000"}) {
+        EXPECT_EQ(other.Do(std::string("log-long ") + size), "0");
+        const std::string line = packets.Read();
+        EXPECT_LE(line.size(), 4096U);
+        EXPECT_GE(line.size(), 4080U);
+        EXPECT_EQ(line, "I " + std::string(line.size() - 6, 'x') + "...\n");
+    }
+}
+
+TEST_F(LogTest, ControlBytesAreWrittenInHexadecimalButForTheTab) {
+    OtherProcess other(tv);
+    EXPECT_EQ(other.Do("log-controls 4"), "0");
+    EXPECT_THAT(other.Log(), ElementsAre("I a\tb\\x0D\\x1B[2J\\x7F\\x01\xC3\xA4\\x0A"));
+}
+
+TEST_F(LogTest, LinesWaitForASlowReaderAndAreWhole) {
+    constexpr int LINES = 300;  // more than a pipe holds
     for (const int flags : {0, O_NONBLOCK}) {
-        const Channel pipe(Channel::Kind::pipe);
+        const Channel pipe(Channel::Kind::PIPE);
         ASSERT_EQ(fcntl(pipe.Writer(), F_SETFL, flags), 0);
         OtherProcess other(tv, {}, pipe.Writer());
-        other.Tell("log-long " + std::to_string(SIZE));
+        other.Tell("log-many " + std::to_string(LINES));
         std::string text;
-        while (!text.ends_with('\n')) {
+        while (text.size() < LINES * 1002) {
             text += pipe.Read();
         }
-        EXPECT_TRUE(text == "I " + std::string(SIZE, 'x') + '\n');
+        for (int i = 0; i < LINES; ++i) {
+            const std::string number = std::to_string(i);
+            const std::string zeros(999 - number.size(), '0');
+            EXPECT_EQ(text.substr(static_cast<std::size_t>(i) * 1002, 1002), "I " + zeros + number + '\n');
+        }
         EXPECT_EQ(other.Answer(), "0");
     }
 }
 
+TEST_F(LogTest, WithoutAStandardErrorNoOtherFileBecomesTheLog) {
+    OtherProcess other(tv, {}, OtherProcess::CLOSED);
+    EXPECT_EQ(other.Do("hear volume"), "0");
+    EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(other.Process()) + "/fd/2"),
+              "/dev/null");
+    EXPECT_EQ(other.Do("log 6 lost"), "0");
+    EXPECT_EQ(other.Do("set-volume 30"), "0");
+    EXPECT_EQ(other.Report(), "volume 30 own");
+}
+
 TEST_F(LogTest, AReaderThatHasGoneEndsNothing) {
-    for (const auto kind : {Channel::Kind::pipe, Channel::Kind::packets}) {
+    for (const auto kind : {Channel::Kind::PIPE, Channel::Kind::PACKETS}) {
         Channel channel(kind);
         OtherProcess other(tv, {}, channel.Writer());
         channel.CloseReader();

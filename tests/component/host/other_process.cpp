@@ -9,16 +9,21 @@
 #include <audio_hal.h>
 #include <dlog.h>
 #include <linux/capability.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <lwipc.h>
 #include <resource_center.h>
 #include <sound_manager.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <system_info.h>
 #include <unistd.h>
 #include <vconf.h>
 
+#include <array>
 #include <csignal>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <functional>
@@ -106,6 +111,15 @@ int Storm(const std::string& key, int count, int size) {
     return result;
 }
 
+/** Writes two keys by turns: the kernel would merge the notifications of one. */
+int Noise(int count) {
+    int result = 0;
+    for (int i = 0; result == 0 && i < count; ++i) {
+        result = vconf_set_int(i % 2 == 0 ? "memory/noise" : "memory/clatter", i);
+    }
+    return result;
+}
+
 int VolumeStorm(int count) {
     int result = 0;
     for (int i = 0; result == 0 && i < count; ++i) {
@@ -119,6 +133,18 @@ int DropCapabilities() {
     __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
     __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3] = {};
     return static_cast<int>(syscall(SYS_capset, &header, none));
+}
+
+/** Makes the kernel answer openat2() with this errno, as a sandbox or an old kernel does. */
+int RefuseOpenat2(int error) {
+    std::array<sock_filter, 4> filter = {{
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_openat2, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<unsigned int>(error)),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    }};
+    const sock_fprog program{filter.size(), filter.data()};
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) | prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program);
 }
 
 int LimitFiles(rlim_t bytes) {
@@ -231,8 +257,10 @@ const std::map<std::string, Command>& Commands() {
              const int count = Number(words);
              return std::to_string(Storm(key, count, Number(words)));
          }},
+        {"noise", Does(Noise)},
         {"volume-storm", Does(VolumeStorm)},
         {"drop-capabilities", [](std::istream&) { return std::to_string(DropCapabilities()); }},
+        {"refuse-openat2", Does(RefuseOpenat2)},
         {"limit-files", Does([](int bytes) { return LimitFiles(static_cast<rlim_t>(bytes)); })},
         {"log",
          [](std::istream& words) {
@@ -241,6 +269,16 @@ const std::map<std::string, Command>& Commands() {
          }},
         {"log-lines",
          Does([](int priority) { return __dlog_print(priority, "OtherProcess", "one\ntwo\n"); })},
+        {"log-controls", Does([](int priority) {
+             return __dlog_print(priority, "Peer", "a\tb\r\033[2J\x7F\x01\xC3\xA4\n\n");
+         })},
+        {"log-many", Does([](int count) {
+             int result = 0;
+             for (int i = 0; i < count; ++i) {
+                 result += __dlog_print(DLOG_INFO, "Peer", "%0999d\n", i);
+             }
+             return result;
+         })},
         {"log-unended",
          Does([](int priority) { return __dlog_print(priority, "OtherProcess", "no newline"); })},
         {"log-long", Does([](int size) {

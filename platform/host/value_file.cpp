@@ -1,0 +1,221 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
+#include "value_file.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <atomic>
+#include <cstdio>
+
+#include "write_all.h"
+
+namespace host {
+namespace {
+
+constexpr int TO_READ = O_RDONLY | O_NONBLOCK | O_CLOEXEC;  // a FIFO must not make the reader wait
+constexpr int TO_MAKE = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC;
+constexpr int ATTEMPTS = 100;
+constexpr const char* DB_VALUES = "settings/db/";
+
+bool IsRegular(const FileDescriptor& file) {
+    struct stat status {};
+    return fstat(file.Get(), &status) == 0 && S_ISREG(status.st_mode);
+}
+
+/** Reads at most one byte more than a value and its newline may have. */
+int ReadBytes(const FileDescriptor& file, std::string& bytes) {
+    bytes.clear();
+    std::array<char, 4096> chunk;
+    while (bytes.size() <= MAX_VALUE_SIZE + 1) {
+        const ssize_t count = pread(file.Get(), chunk.data(), chunk.size(), static_cast<off_t>(bytes.size()));
+        if (count < 0) {
+            return errno == ESPIPE ? EINVAL : errno;  // no file but a pipe or the like
+        }
+        bytes.append(chunk.data(), static_cast<std::size_t>(count));
+        if (static_cast<std::size_t>(count) < chunk.size()) {
+            break;
+        }
+    }
+    return 0;
+}
+
+/** Where a value goes. */
+struct Target {
+    int folder;
+    std::string name;
+    bool isSynced;    // a power cut leaves the old or the new value
+    bool isReplaced;  // otherwise an existing value is left as it is
+};
+
+int Sync(int folder) {
+    const FileDescriptor readable(openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return readable && fsync(readable.Get()) == 0 ? 0 : errno;
+}
+
+int WriteText(const FileDescriptor& file, std::string_view text, bool isSynced) {
+    const int error = WriteAll(file.Get(), std::string(text) + '\n');
+    return error == 0 && isSynced && fsync(file.Get()) != 0 ? errno : error;
+}
+
+/** Renames a finished file into place, or removes it. */
+int Place(int folder, const std::string& temporary, const Target& target) {
+    const unsigned int how = target.isReplaced ? 0 : RENAME_NOREPLACE;
+    if (renameat2(folder, temporary.c_str(), target.folder, target.name.c_str(), how) == 0) {
+        return 0;
+    }
+    const int error = errno;
+    unlinkat(folder, temporary.c_str(), 0);
+    return error;
+}
+
+/** In the own folder. @return the errno, or 0; EXDEV if the own folder does not serve */
+int WriteAside(const FileDescriptor& own, const Target& target, std::string_view text) {
+    static std::atomic<unsigned int> count = 0;
+    const std::string temporary = std::to_string(++count);
+    FileDescriptor file(openat(own.Get(), temporary.c_str(), TO_MAKE, 0666));
+    if (!file) {
+        return errno == ENOENT || errno == EEXIST ? errno : EXDEV;
+    }
+    if (const int error = WriteText(file, text, target.isSynced)) {
+        unlinkat(own.Get(), temporary.c_str(), 0);
+        return error;
+    }
+    file.Close();  // before it has the value's name: closing it then would be a second notification
+    return Place(own.Get(), temporary, target);
+}
+
+/** In the value's folder. @return the errno, or 0; EAGAIN if a process that starts took it for a leftover */
+int WriteBeside(const Target& target, std::string_view text) {
+    const std::string temporary = TemporaryName();
+    const FileDescriptor file(openat(target.folder, temporary.c_str(), TO_MAKE, 0666));
+    if (!file) {
+        return errno;
+    }
+    struct stat status {};
+    if (flock(file.Get(), LOCK_EX | LOCK_NB) != 0 || fstat(file.Get(), &status) != 0 ||
+        status.st_nlink == 0) {
+        unlinkat(target.folder, temporary.c_str(), 0);
+        return EAGAIN;
+    }
+    if (const int error = WriteText(file, text, target.isSynced)) {
+        unlinkat(target.folder, temporary.c_str(), 0);
+        return error;
+    }
+    return Place(target.folder, temporary, target);
+}
+
+bool IsRemoved(const FileDescriptor& folder) {
+    struct stat status {};
+    return fstat(folder.Get(), &status) == 0 && status.st_nlink == 0;
+}
+
+bool IsOnOtherFileSystem(const FileDescriptor& own, int folder) {
+    struct stat here {};
+    struct stat there {};
+    return fstat(own.Get(), &here) == 0 && fstat(folder, &there) == 0 && here.st_dev != there.st_dev;
+}
+
+/** @return the errno, or 0; EXDEV if the own folder does not serve */
+int WriteFromOwnFolder(Tree& tree, const Target& target, std::string_view text) {
+    for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
+        const auto own = tree.OwnFolder();
+        // A synced value looks first: syncing its text twice would take long.
+        if (!own || (target.isSynced && IsOnOtherFileSystem(*own, target.folder))) {
+            return EXDEV;
+        }
+        const int error = WriteAside(*own, target, text);
+        if (error == ENOENT && IsRemoved(*own)) {
+            tree.LeaveOwnFolder(own);
+        } else if (error != EEXIST || !target.isReplaced) {
+            return error;
+        }
+    }
+    return EXDEV;
+}
+
+int Write(Tree& tree, const Target& target, std::string_view text) {
+    int error = WriteFromOwnFolder(tree, target, text);
+    if (error == EXDEV) {
+        error = EAGAIN;
+        for (int attempt = 0; error == EAGAIN && attempt < ATTEMPTS; ++attempt) {
+            error = WriteBeside(target, text);
+        }
+    }
+    return error == 0 && target.isSynced ? Sync(target.folder) : error;
+}
+
+/** A folder may go between two steps: then it is made again. */
+int WriteByPath(Tree& tree, const Value& value, std::string_view text, bool isReplaced) {
+    const bool isSynced = value.path.starts_with(DB_VALUES);
+    const std::string path = FolderOf(value.path);
+    int error = ENOENT;
+    for (int attempt = 0; error == ENOENT && attempt < ATTEMPTS; ++attempt) {
+        FileDescriptor folder = tree.OpenFolder(path);
+        if (!folder && errno == ENOENT && value.topic != ZONE_ROUTES) {
+            error = tree.MakeFolders(path);
+            if (error != 0) {
+                return error;
+            }
+            folder = tree.OpenFolder(path);
+        }
+        if (!folder) {
+            return errno;
+        }
+        error = Write(tree, {folder.Get(), NameIn(value.path), isSynced, isReplaced}, text);
+    }
+    return error;
+}
+
+}  // namespace
+
+int ReadFile(const FileDescriptor& file, std::string& text, Empty empty) {
+    if (!file) {
+        return errno;
+    }
+    if (const int error = ReadBytes(file, text)) {
+        return error;
+    }
+    if (text.empty() && !IsRegular(file)) {
+        return EINVAL;
+    }
+    if (text.empty() && empty == Empty::UNFINISHED) {
+        return ENODATA;
+    }
+    if (text.ends_with('\n')) {
+        text.pop_back();
+    }
+    if (text.size() > MAX_VALUE_SIZE) {
+        return EFBIG;
+    }
+    // The seam's strings end at a NUL: half a text would be a made-up value.
+    return text.find('\0') == std::string::npos ? 0 : EINVAL;
+}
+
+int ReadFileIn(const FileDescriptor& folder, const std::string& name, std::string& text) {
+    const FileDescriptor file(openat(folder.Get(), name.c_str(), TO_READ | O_NOFOLLOW));
+    return ReadFile(file, text, Empty::UNFINISHED);
+}
+
+int ReplaceValue(const std::shared_ptr<Tree>& tree, const Value& value, std::string_view text,
+                 KeptFolder* kept) {
+    if (kept != nullptr && kept->tree == tree &&
+        Write(*tree, {kept->folder.Get(), NameIn(value.path), false, true}, text) == 0) {
+        return 0;
+    }
+    const int error = WriteByPath(*tree, value, text, true);
+    if (kept != nullptr) {
+        const bool canBeKept = error == 0 && !value.path.starts_with(DB_VALUES);
+        kept->folder = canBeKept ? tree->OpenKeptFolder(FolderOf(value.path)) : FileDescriptor();
+        kept->tree = kept->folder ? tree : nullptr;
+    }
+    return error;
+}
+
+int MakeValue(Tree& tree, const std::string& path, std::string_view text) {
+    return WriteByPath(tree, {path, TEXT}, text, false);
+}
+
+}  // namespace host
