@@ -114,24 +114,24 @@ void UnknownSpeaker::UnsetChangedCB() {
     CALLTRACKER tracker(__PRETTY_FUNCTION__);
 }
 
-void StoreHandlers(VolumeEventHandler_t& volumeSlot, MuteEventHandler_t& muteSlot,
+void StoreHandlers(VolumeEventHandler_t& storedVolume, MuteEventHandler_t& storedMute,
                    const VolumeEventHandler_t& volumeHandler, const MuteEventHandler_t& muteHandler,
                    const CallSite& site) {
-    if (volumeSlot) {
+    if (storedVolume) {
         LOGE_AT(site, "Already set event handler");
         return;
     }
-    volumeSlot = volumeHandler;
-    muteSlot = muteHandler;
+    storedVolume = volumeHandler;
+    storedMute = muteHandler;
 }
 
-void ClearHandlers(VolumeEventHandler_t& volumeSlot, MuteEventHandler_t& muteSlot, const CallSite& site) {
-    if (!volumeSlot) {
+void ClearHandlers(VolumeEventHandler_t& storedVolume, MuteEventHandler_t& storedMute, const CallSite& site) {
+    if (!storedVolume) {
         LOGE_AT(site, "Already unset event handler");
         return;
     }
-    volumeSlot = nullptr;
-    muteSlot = nullptr;
+    storedVolume = nullptr;
+    storedMute = nullptr;
 }
 
 }  // namespace NKavrel

@@ -80,13 +80,14 @@ public:
     void UnsetChangedCB() override;
 };
 
-/** Stores both handlers, unless the volume slot is taken. It ignores the state of the mute slot. */
-void StoreHandlers(VolumeEventHandler_t& volumeSlot, MuteEventHandler_t& muteSlot,
+/** Stores both handlers, unless a volume handler is stored already. It replaces a stored mute handler. */
+void StoreHandlers(VolumeEventHandler_t& storedVolume, MuteEventHandler_t& storedMute,
                    const VolumeEventHandler_t& volumeHandler, const MuteEventHandler_t& muteHandler,
                    const CallSite& site = {});
 
-/** Empties both slots, unless the volume slot is empty already. */
-void ClearHandlers(VolumeEventHandler_t& volumeSlot, MuteEventHandler_t& muteSlot, const CallSite& site = {});
+/** Removes both handlers, unless no volume handler is stored. */
+void ClearHandlers(VolumeEventHandler_t& storedVolume, MuteEventHandler_t& storedMute,
+                   const CallSite& site = {});
 
 }  // namespace NKavrel
 

@@ -154,7 +154,7 @@ private:
     const eMessageKind m_kind;
     /** Referenced, so that no other message can have the same address meanwhile. */
     GVariant* const m_body;
-    bool m_isCounted = true; /**< guarded by the mutex of m_counts */
+    bool m_isCounted = true; /**< only Counts::Leave uses it, with the lock of the counts */
 };
 
 eMessageKind KVMessageFilter::Counts::KindOf(GDBusMessage* message) const {

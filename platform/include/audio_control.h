@@ -12,12 +12,12 @@ extern "C" {
 #endif
 
 /**
- * The library's table of functions. Only the four named ones may be called; the reserved slots keep their
- * places in the table and may be null.
+ * The library's table of functions. Only the four named ones may be called; the reserved entries keep the
+ * others in their places and may be null.
  *
- * A gain is a percentage, 100 being unity; any 32-bit integer is stored and read back as it is. The
- * functions may be called from any thread, and callers may hold locks of their own: they wait for no
- * callback. 0 is success, any other result the platform's own negative code; `*gain` is set on success only.
+ * A gain is a percentage: 100 leaves the sound as it is. Any 32-bit integer is stored and read back. The
+ * functions wait for no callback, so any thread may call them with locks of its own held. A result of 0 is
+ * success, any other the platform's own negative code; `*gain` is set on success only.
  */
 typedef struct AudioControl {
     void (*reserved_1)(void);
@@ -55,10 +55,10 @@ typedef struct AudioControl {
     int (*set_sub_out_gain2)(int gain);
 } AudioControl;
 
-static_assert(offsetof(AudioControl, get_main_out_gain2) == 18 * sizeof(void (*)(void)), "slot 19");
-static_assert(offsetof(AudioControl, set_main_out_gain2) == 19 * sizeof(void (*)(void)), "slot 20");
-static_assert(offsetof(AudioControl, get_sub_out_gain2) == 31 * sizeof(void (*)(void)), "slot 32");
-static_assert(offsetof(AudioControl, set_sub_out_gain2) == 32 * sizeof(void (*)(void)), "slot 33");
+static_assert(offsetof(AudioControl, get_main_out_gain2) == 18 * sizeof(void (*)(void)), "entry 19");
+static_assert(offsetof(AudioControl, set_main_out_gain2) == 19 * sizeof(void (*)(void)), "entry 20");
+static_assert(offsetof(AudioControl, get_sub_out_gain2) == 31 * sizeof(void (*)(void)), "entry 32");
+static_assert(offsetof(AudioControl, set_sub_out_gain2) == 32 * sizeof(void (*)(void)), "entry 33");
 
 /**
  * @return the one table of the process, which lives as long as the process; null if there is no audio

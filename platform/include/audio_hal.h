@@ -35,19 +35,19 @@ int audio_set_master_mute(bool mute);
 /**
  * Gets the new volume (0 to 100) or mute (0 or 1) when it differs from the last one.
  *
- * Callbacks of the whole seam run one at a time: on the thread that makes the change, before its call
- * returns, when this process makes it, else on a thread of the platform. A callback may register and
- * unregister, itself too.
+ * All callbacks of the seam run one at a time. If this process makes the change, they run on the thread that
+ * makes it, before its call returns; otherwise on a thread of the platform. A callback may register and
+ * remove callbacks, its own too.
  */
 typedef void (*audio_master_changed_cb)(unsigned int value, void* user_data);
 
-/** One slot each in the process: registering again replaces the callback. */
+/** The process has one callback for each: registering again replaces it. */
 int audio_register_master_volume_changed_cb(audio_master_changed_cb callback, void* user_data);
 int audio_register_master_mute_changed_cb(audio_master_changed_cb callback, void* user_data);
 
 /**
- * Waits for a callback that is running on another thread, after which it is never called again. Fails if the
- * slot is empty.
+ * Waits for a callback that is running on another thread, after which it is never called again. Fails if none
+ * is registered.
  */
 int audio_unregister_master_volume_changed_cb(void);
 int audio_unregister_master_mute_changed_cb(void);

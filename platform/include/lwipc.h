@@ -14,13 +14,13 @@ extern "C" {
 #endif
 
 /**
- * Marks the event done; once more changes nothing.
+ * Marks the event done. A repeated call changes nothing.
  * @return 0 on success
  */
 int LwipcEventDone(const char* event);
 
 /**
- * Marks the event not done; once more changes nothing.
+ * Marks the event not done. A repeated call changes nothing.
  * @return 0 on success
  */
 int LwipcResetEvent(const char* event);

@@ -44,9 +44,9 @@ int rc_get_audio_focus(int* zone_id);
 /**
  * Gets the zone that has the focus when the focus has moved.
  *
- * Callbacks of the whole seam run one at a time: on the thread that makes the change, before its call
- * returns, when this process makes it, else on a thread of the platform. A callback may register and
- * unregister, itself too.
+ * All callbacks of the seam run one at a time. If this process makes the change, they run on the thread that
+ * makes it, before its call returns; otherwise on a thread of the platform. A callback may register and
+ * remove callbacks, its own too.
  */
 typedef void (*rc_audio_focus_changed_cb)(int zone_id, void* user_data);
 

@@ -6,11 +6,11 @@
  * All calls may be made from any thread, also from within a callback. A result of 0 is success; any other is
  * a negative code.
  *
- * Callbacks of the whole seam run one at a time: on the thread that makes the change, before its call
- * returns, when this process makes it, else on a thread of the platform. They hear changes only, never a
- * value equal to the last one. Each kind has one slot in the process: setting it again replaces the callback.
+ * All callbacks of the seam run one at a time. If this process makes the change, they run on the thread that
+ * makes it, before its call returns; otherwise on a thread of the platform. They get changes only, never
+ * a value equal to the last one. The process has one callback of each kind: setting it again replaces it.
  * Unsetting waits for a callback that is running on another thread, after which it is never called again; it
- * fails if the slot is empty.
+ * fails if none is set.
  */
 #ifndef SOUND_MANAGER_H
 #define SOUND_MANAGER_H

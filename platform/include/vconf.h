@@ -22,9 +22,9 @@ typedef struct _keynode_t keynode_t;
 /**
  * Gets a key whose value has changed.
  *
- * Callbacks of the whole seam run one at a time: on the thread that makes the change, before its call
- * returns, when this process makes it, else on a thread of the platform. A callback may register and remove
- * callbacks, its own too.
+ * All callbacks of the seam run one at a time. If this process makes the change, they run on the thread that
+ * makes it, before its call returns; otherwise on a thread of the platform. A callback may register and
+ * remove callbacks, its own too.
  */
 typedef void (*vconf_callback_fn)(keynode_t* node, void* user_data);
 
