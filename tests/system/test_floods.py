@@ -1,0 +1,73 @@
+# SPDX-FileCopyrightText: The kavrel developers
+# SPDX-License-Identifier: MIT
+"""Tests that floods of messages cost little memory, on a bus without any policy. Nothing here measures time."""
+import os
+import re
+import socket
+
+import pytest
+from gi.repository import Gio, GLib
+
+from harness import METHODS_PATH, NAME, SIGNALS_PATH
+
+MESSAGES = 60_000
+MEMORY_LIMIT = 32 * 1024  # in KiB
+# A sanitizer keeps freed memory for a while and shadows all of it.
+IS_MEMORY_PLAIN = os.environ["KAVREL_SANITIZER"] == "none"
+
+
+class Flooder:
+    """A connection to the bus that writes raw messages, as fast as the bus takes them, and reads nothing."""
+
+    def __init__(self, address):
+        self.socket = socket.socket(socket.AF_UNIX)
+        self.socket.connect(re.search(r"path=([^,]+)", address)[1])
+        self.socket.sendall(b"\0AUTH EXTERNAL " + str(os.getuid()).encode().hex().encode() + b"\r\n")
+        self.socket.recv(4096)
+        self.socket.sendall(b"BEGIN\r\n")
+        self.send(Gio.DBusMessage.new_method_call("org.freedesktop.DBus", "/", "org.freedesktop.DBus", "Hello"), 1)
+
+    def send(self, message, count):
+        message.set_serial(1)
+        chunk = bytes(message.to_blob(Gio.DBusCapabilityFlags.NONE)) * min(count, 100)
+        for _chunk in range(max(1, count // 100)):
+            self.socket.sendall(chunk)
+
+    def close(self):
+        self.socket.close()
+
+
+@pytest.fixture
+def flooders(scene):
+    made = [Flooder(scene.bus.address) for _ in range(4)]
+    yield made
+    for flooder in made:
+        flooder.close()
+
+
+def getter():
+    message = Gio.DBusMessage.new_method_call(NAME, METHODS_PATH, NAME, "GetSpeakerVolume")
+    message.set_flags(Gio.DBusMessageFlags.NO_REPLY_EXPECTED)
+    return message
+
+
+def foreign_signal():
+    message = Gio.DBusMessage.new_signal(SIGNALS_PATH, "org.olvane.other", "Nothing")
+    message.set_destination(NAME)
+    return message
+
+
+def memory_of(process, field):
+    with open(f"/proc/{process.pid}/status", encoding="utf-8") as status:
+        return int(re.search(rf"{field}:\s+(\d+) kB", status.read())[1])
+
+
+@pytest.mark.parametrize("message", [getter, foreign_signal])
+def test_a_flood_costs_little_memory_and_the_daemon_serves_on(daemon, client, flooders, message):
+    for flooder in flooders:
+        flooder.send(message(), MESSAGES // len(flooders))
+    # The bus keeps the order of each receiver's messages, so this answer comes after the whole flood has arrived.
+    assert client.call("SetSpeakerVolume", "i", 30) == (0,)
+    assert client.get_volume() == (30, 0)
+    if IS_MEMORY_PLAIN:
+        assert memory_of(daemon, "VmHWM") < MEMORY_LIMIT
