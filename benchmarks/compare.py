@@ -44,10 +44,11 @@ class Effort:
     traced_calls: int  # with strace
     clients: tuple[int, ...]
     fades: int
+    rest: float  # seconds until the memory of a server is read
 
 
-FULL = Effort(rounds=40, idle=10, calls=100_000, traced_calls=1_000, clients=(1, 4, 16, 64), fades=5)
-QUICK = Effort(rounds=5, idle=2, calls=5_000, traced_calls=200, clients=(1, 64), fades=1)
+FULL = Effort(rounds=40, idle=10, calls=100_000, traced_calls=1_000, clients=(1, 4, 16, 64), fades=5, rest=1)
+QUICK = Effort(rounds=5, idle=2, calls=2_000, traced_calls=200, clients=(1, 16), fades=1, rest=0.3)
 
 
 class Comparison:
@@ -100,10 +101,10 @@ class Comparison:
         rounds = max(3, self.effort.rounds // 8)
         lines = []
         for count in self.effort.clients:
-            lines += self.side_by_side(f"get, {count} clients", "calls/s", "get-rate", "--clients", count, "--calls", 2000,
+            lines += self.side_by_side(f"get, clients: {count}", "calls/s", "get-rate", "--clients", count, "--calls", 2000,
                                        rounds=rounds)
         for count in self.effort.clients:
-            lines += self.side_by_side(f"set until {count} listeners hear", "us", "hear-all", "--clients", count + 1,
+            lines += self.side_by_side(f"set until all hear, listeners: {count}", "us", "hear-all", "--clients", count + 1,
                                        "--calls", 50, rounds=rounds)
         return lines
 
@@ -137,12 +138,16 @@ class Comparison:
         for _ in range(3 if self.effort is FULL else 1):
             with Server("daemon") as daemon:
                 threads = daemon.threads()
-                daemon_pss = pss_at_rest(daemon)
+                daemon_pss = self._pss_at_rest(daemon)
             with Server("bare", threads) as bare:
-                bare_pss = pss_at_rest(bare)
+                bare_pss = self._pss_at_rest(bare)
             with Server("memory") as memory:
-                rounds.append([bare_pss, pss_at_rest(memory), daemon_pss])
+                rounds.append([bare_pss, self._pss_at_rest(memory), daemon_pss])
         return [ratios_of(Line("PSS", "KiB", goal="<= 1.08", against="bare program"), rounds)]
+
+    def _pss_at_rest(self, server):
+        time.sleep(self.effort.rest)
+        return server.pss()
 
     def pss_after(self):
         calls = self.effort.calls
@@ -151,7 +156,7 @@ class Comparison:
             with Server(kind) as server:
                 for what in ("get-rate", "set-rate"):
                     self.measure(what, "--in-flight", 32, "--calls", calls // 2, rounds=1, servers=[server])
-                values.append(pss_at_rest(server))
+                values.append(self._pss_at_rest(server))
         return [ratios_of(Line(f"PSS after {calls:,} calls", "KiB"), [values])]
 
     def start(self):
@@ -226,11 +231,6 @@ def ratios_of(line, rounds):
     line.memory_to_reference = statistics.median(memory / reference for reference, memory, _daemon in rounds)
     line.daemon_to_reference = statistics.median(daemon / reference for reference, _memory, daemon in rounds)
     return line
-
-
-def pss_at_rest(server):
-    time.sleep(1)
-    return server.pss()
 
 
 # --- System calls

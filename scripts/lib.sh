@@ -42,7 +42,7 @@ declare -A proof=(
 )
 to_build=(g++ meson ninja-build pkg-config libglib2.0-dev libjsoncpp-dev libcli11-dev)
 to_run=("${to_build[@]}" dbus-daemon libglib2.0-bin systemd)
-to_test=("${to_run[@]}" libgtest-dev libgmock-dev python3-gi python3-pytest gnuplot-nox)
+to_test=("${to_run[@]}" libgtest-dev libgmock-dev python3-gi python3-pytest gnuplot-nox strace)
 to_bench=("${to_run[@]}" libbenchmark-dev python3 strace)
 to_lint=("${to_test[@]}" libbenchmark-dev clang clang-format clang-tidy shellcheck)
 
