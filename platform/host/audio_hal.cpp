@@ -10,14 +10,15 @@
 
 namespace {
 
-host::Slot volumeSlot;
-host::Slot muteSlot;
+host::SingleRegistration volumeRegistration;
+host::SingleRegistration muteRegistration;
 
-int Register(host::Slot& slot, const host::Value& value, audio_master_changed_cb callback, void* user_data) {
+int Register(host::SingleRegistration& registration, const host::Value& value,
+             audio_master_changed_cb callback, void* user_data) {
     if (callback == nullptr) {
         return host::FailureCode(EINVAL);
     }
-    return slot.Set(value, [=](const host::Change& change) {
+    return registration.Set(value, [=](const host::Change& change) {
         callback(static_cast<unsigned int>(change.Integer()), user_data);
     });
 }
@@ -51,17 +52,17 @@ int audio_set_master_mute(bool mute) {
 }
 
 int audio_register_master_volume_changed_cb(audio_master_changed_cb callback, void* user_data) {
-    return Register(volumeSlot, host::MASTER_VOLUME, callback, user_data);
+    return Register(volumeRegistration, host::MASTER_VOLUME, callback, user_data);
 }
 
 int audio_register_master_mute_changed_cb(audio_master_changed_cb callback, void* user_data) {
-    return Register(muteSlot, host::MASTER_MUTE, callback, user_data);
+    return Register(muteRegistration, host::MASTER_MUTE, callback, user_data);
 }
 
 int audio_unregister_master_volume_changed_cb(void) {
-    return volumeSlot.Clear(host::MASTER_VOLUME);
+    return volumeRegistration.Clear(host::MASTER_VOLUME);
 }
 
 int audio_unregister_master_mute_changed_cb(void) {
-    return muteSlot.Clear(host::MASTER_MUTE);
+    return muteRegistration.Clear(host::MASTER_MUTE);
 }

@@ -22,8 +22,8 @@ namespace host {
 namespace {
 
 /**
- * Files count when they are closed or moved into place, folders and links when they appear. What disappears
- * is no news, but a folder that is gone may come back elsewhere: where its link leads.
+ * A file is finished when its writer closes it or moves it into place. Nothing reports a file that disappears. A
+ * folder that disappears may exist elsewhere already, if its link now leads there.
  */
 constexpr std::uint32_t FINISHED = IN_CLOSE_WRITE | IN_MOVED_TO;
 constexpr std::uint32_t WATCHED = FINISHED | IN_CREATE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
@@ -69,8 +69,8 @@ Error Reports::Set(const Value& value, std::string_view text) {
         return error;
     }
     Followed& followed = m_values.try_emplace(value.path, Followed{value, std::nullopt}).first->second;
-    // An equal value is not news here, even if the last one known is another: then the change to it was made
-    // by another process, and its notification is on the way to the platform thread.
+    // A write of the present value makes no report, even if the last value known differs from it: then another
+    // process made the change, and its notification is on the way to the platform thread.
     if (isReadable ? present != text : followed.known != text) {
         Deliver(followed, std::string(text));
     }
@@ -123,8 +123,8 @@ void Reports::Replace(int id, Handler handler) {
 }
 
 /**
- * Calls those that were registered when the report began and still are. A callback may write the same value:
- * that report then has gone to all of them, and this one, now the older, ends.
+ * Calls the handlers that were registered when the report began and still are. If one of them writes the same
+ * value, all handlers get that newer report within the call, and this older report ends.
  */
 void Reports::Deliver(Followed& followed, const std::string& text) {
     followed.known = text;
@@ -138,7 +138,7 @@ void Reports::Deliver(Followed& followed, const std::string& text) {
         if (next->second.value.topic != value.topic) {
             continue;
         }
-        const Handler handler = next->second.handler;  // the callback may remove it
+        const Handler handler = next->second.handler;  // a copy, because the callback may remove it
         handler({value.path, text});
         const auto still = m_values.find(value.path);
         if (still == m_values.end() || still->second.report != report) {
@@ -154,10 +154,7 @@ bool Reports::IsHeard(const std::string& topic) const {
 
 // --- The platform thread
 
-/**
- * With the first registration, so that a process that only
- * reads and writes has neither thread nor watches.
- */
+/** Runs at the first registration: a process that only reads and writes has neither a thread nor watches. */
 Error Reports::Start() {
     if (m_inotify >= 0) {
         return {};
@@ -204,8 +201,8 @@ void Reports::Handle(const inotify_event& event) {
 }
 
 /**
- * The values that may have changed. Where a folder or a link has come or gone, or notifications have been
- * lost, that is every one; the folders are watched anew before, so that nothing is missed in between.
+ * The values that may have changed. If a folder or a link has come or gone, or notifications are lost, these
+ * are all values; then the folders are watched anew first, so that no change in between is missed.
  */
 std::set<std::string> Reports::Affected(const inotify_event& event) {
     const Guard guard(delivery_lock);
@@ -225,7 +222,7 @@ std::set<std::string> Reports::Affected(const inotify_event& event) {
     return paths;
 }
 
-/** @param isWritten whether this value's own file was finished: then an unreadable one is worth a line */
+/** @param isWritten whether the value's own file was finished; only then is an unreadable text logged */
 void Reports::Check(const std::string& path, bool isWritten) {
     const Guard guard(delivery_lock);
     const auto found = m_values.find(path);
@@ -245,8 +242,8 @@ void Reports::Check(const std::string& path, bool isWritten) {
 // --- Watches
 
 /**
- * Watches every folder that exists on the way to a value, from the top down: whatever appears later appears
- * in a folder that is watched already. Watching a folder again is free.
+ * Watches every folder that exists on the way to a value, from the top down, so that a folder that appears later
+ * appears in a watched one. Watching a folder again is free.
  * @return the errno of a folder that is there and cannot be watched, or 0
  */
 int Reports::Rewatch() {
@@ -301,8 +298,8 @@ int Reports::FollowTv(const fs::path& way) {
 }
 
 /**
- * Only while the TV directory itself is missing, or a link in it leads nowhere, is anything watched outside:
- * the folders on the way there from the nearest one that exists.
+ * Watches folders outside the TV directory, while that is missing or a link in it leads nowhere: the folders on
+ * the way to the missing one, from the nearest one that exists.
  */
 int Reports::FollowMissing(const fs::path& folder) {
     std::error_code ignored;
@@ -323,9 +320,9 @@ int Reports::Watch(const fs::path& folder) {
     return watch;
 }
 
-// --- Slots
+// --- Single registrations
 
-int Slot::Set(const Value& value, Handler handler) {
+int SingleRegistration::Set(const Value& value, Handler handler) {
     const Guard guard(delivery_lock);
     int id = 0;
     if (const Error error = Reports::Get().Add(value, std::move(handler), id)) {
@@ -338,7 +335,7 @@ int Slot::Set(const Value& value, Handler handler) {
     return 0;
 }
 
-int Slot::Clear(const Value& value) {
+int SingleRegistration::Clear(const Value& value) {
     const Guard guard(delivery_lock);
     return Reports::Get().Remove(value.topic, std::exchange(m_id, 0)).Code();
 }

@@ -1,18 +1,17 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
 /**
- * Change reports: who hears what, in which order and on which thread.
+ * Change reports: which callbacks get which changes, in which order and on which thread.
  *
- * One recursive lock, the delivery lock, guards everything here. It is held while callbacks run, over every
- * write that can be reported, and while a registration is added or removed. Three things follow from that
- * one rule: reports come one at a time and in the order of the writes; removing a registration waits
- * for a report in flight on another thread; and a callback may write, register and remove in its turn.
+ * One recursive lock, the delivery lock, guards everything here. A thread holds it while it runs callbacks,
+ * makes a write that can be reported, or adds or removes a registration. Three things follow from that one
+ * rule: reports come one at a time and in the order of the writes; the removal of a registration waits for a
+ * report that runs on another thread; and a callback may write, register and remove.
  *
- * The last value known of each watched file decides what is news. A write through the seam is reported by
- * the writing thread and becomes the last value known; the kernel's notification of it then finds nothing
- * new. A change by another process is found by the platform thread, which reads the file under the lock when
- * the notification comes: what it finds is never older than the last value known, so no report goes back in
- * time.
+ * A file is reported when its text differs from the last one known. The thread that writes through the seam
+ * reports its own write, and so the kernel's notification of that write finds no difference. The platform thread
+ * finds a change by another process: at the notification it reads the file under the lock. The text that it
+ * finds is never older than the last one known, so no report goes back in time.
  */
 #ifndef KAVREL_HOST_REPORTS_H
 #define KAVREL_HOST_REPORTS_H
@@ -86,19 +85,20 @@ private:
     int Watch(const std::filesystem::path& folder) REQUIRES(delivery_lock);
 
     std::map<int, Registration> m_registrations GUARDED_BY(delivery_lock);
-    std::map<std::string, Followed> m_values GUARDED_BY(delivery_lock);  // by path; those that somebody hears
+    std::map<std::string, Followed> m_values
+        GUARDED_BY(delivery_lock);  // by path; only those with a registration
     int m_lastId GUARDED_BY(delivery_lock) = 0;
     std::uint64_t m_reports GUARDED_BY(delivery_lock) = 0;
 
     int m_inotify GUARDED_BY(delivery_lock) = -1;
     std::set<int> m_watched GUARDED_BY(delivery_lock);    // the watched folders
-    std::set<Place> m_folders GUARDED_BY(delivery_lock);  // what is, or would be, on the way to a value
-    std::map<Place, std::string> m_places GUARDED_BY(delivery_lock);  // the values' files; to their paths
-    int m_watchError GUARDED_BY(delivery_lock) = 0;  // errno met by the latest Rewatch(), or 0
+    std::set<Place> m_folders GUARDED_BY(delivery_lock);  // the folders and links on the way to a value
+    std::map<Place, std::string> m_places GUARDED_BY(delivery_lock);  // from a value's file to its path
+    int m_watchError GUARDED_BY(delivery_lock) = 0;                   // errno of the latest Rewatch(), or 0
 };
 
-/** The one registration of a call whose removal takes no argument. */
-class Slot {
+/** The registration of a callback of which the process has only one. */
+class SingleRegistration {
 public:
     int Set(const Value& value, Handler handler);
     int Clear(const Value& value);

@@ -13,9 +13,9 @@ namespace {
 
 constexpr int NO_SUCH_ZONE = static_cast<int>(0xFE6A0004);
 
-host::Slot speakerSlot;
-host::Slot multiviewSlot;
-host::Slot muteSlot;
+host::SingleRegistration speakerRegistration;
+host::SingleRegistration zoneRegistration;
+host::SingleRegistration muteRegistration;
 
 /** The topic of a registration for the routes of all zones. */
 host::Value AnyZoneRoute() {
@@ -57,12 +57,12 @@ int sound_manager_set_speaker_changed_cb(sound_manager_speaker_changed_cb callba
     if (callback == nullptr) {
         return host::FailureCode(EINVAL);
     }
-    return speakerSlot.Set(host::ROUTE,
-                           [=](const host::Change& change) { callback(change.Integer(), user_data); });
+    return speakerRegistration.Set(
+        host::ROUTE, [=](const host::Change& change) { callback(change.Integer(), user_data); });
 }
 
 int sound_manager_unset_speaker_changed_cb(void) {
-    return speakerSlot.Clear(host::ROUTE);
+    return speakerRegistration.Clear(host::ROUTE);
 }
 
 int sound_manager_set_multiview_speaker_selection_changed_cb(
@@ -70,13 +70,13 @@ int sound_manager_set_multiview_speaker_selection_changed_cb(
     if (callback == nullptr) {
         return host::FailureCode(EINVAL);
     }
-    return multiviewSlot.Set(AnyZoneRoute(), [=](const host::Change& change) {
+    return zoneRegistration.Set(AnyZoneRoute(), [=](const host::Change& change) {
         callback(change.Integer(), ZoneOf(change), user_data);
     });
 }
 
 int sound_manager_unset_multiview_speaker_selection_changed_cb(void) {
-    return multiviewSlot.Clear(AnyZoneRoute());
+    return zoneRegistration.Clear(AnyZoneRoute());
 }
 
 int sound_manager_set_tv_master_mute_changed_cb(sound_manager_tv_master_mute_changed_cb callback,
@@ -84,11 +84,11 @@ int sound_manager_set_tv_master_mute_changed_cb(sound_manager_tv_master_mute_cha
     if (callback == nullptr) {
         return host::FailureCode(EINVAL);
     }
-    return muteSlot.Set(host::MASTER_MUTE, [=](const host::Change& change) {
+    return muteRegistration.Set(host::MASTER_MUTE, [=](const host::Change& change) {
         callback(static_cast<unsigned int>(change.Integer()), user_data);
     });
 }
 
 int sound_manager_unset_tv_master_mute_changed_cb(void) {
-    return muteSlot.Clear(host::MASTER_MUTE);
+    return muteRegistration.Clear(host::MASTER_MUTE);
 }

@@ -19,23 +19,23 @@ struct _keynode_t {
 
 namespace {
 
-/** A setting's registration as its caller knows it. */
-struct Registration {
+/** The registration of a key and a callback, with its id in Reports. */
+struct KeyRegistration {
     std::string key;
     vconf_callback_fn callback;
     int id;
 };
 
-/** Never destroyed: a callback may meet it after the end of main(). */
-std::vector<Registration>& Registrations() REQUIRES(host::delivery_lock) {
-    static auto& registrations = *std::make_unique<std::vector<Registration>>().release();
+/** Never destroyed: a callback may use it after the end of main(). */
+std::vector<KeyRegistration>& Registrations() REQUIRES(host::delivery_lock) {
+    static auto& registrations = *std::make_unique<std::vector<KeyRegistration>>().release();
     return registrations;
 }
 
-std::vector<Registration>::iterator Find(const char* key, vconf_callback_fn callback)
+std::vector<KeyRegistration>::iterator Find(const char* key, vconf_callback_fn callback)
     REQUIRES(host::delivery_lock) {
     auto& all = Registrations();
-    return std::find_if(all.begin(), all.end(), [&](const Registration& registration) {
+    return std::find_if(all.begin(), all.end(), [&](const KeyRegistration& registration) {
         return registration.key == key && registration.callback == callback;
     });
 }

@@ -22,7 +22,7 @@ namespace {
 
 constexpr size_t NAME_COLUMN = 22;
 
-/** Help pages for a terminal of 80 columns; a command's first line of description is what its list shows. */
+/** Help pages for a terminal of 80 columns. The list of commands shows the first line of each description. */
 class HelpPage : public CLI::Formatter {
 public:
     HelpPage() {
@@ -58,15 +58,15 @@ public:
     }
 };
 
-template <typename Number>
-std::optional<Number> Parsed(const std::string& text) {
-    Number number{};
+template <typename T>
+std::optional<T> Parsed(const std::string& text) {
+    T number{};
     const char* end = text.data() + text.size();
     const auto read = std::from_chars(text.data(), end, number);
     return read.ec == std::errc() && read.ptr == end ? std::optional(number) : std::nullopt;
 }
 
-/** Without an exponent. */
+/** The number in decimal digits, without an exponent. */
 std::string InFull(double number) {
     std::array<char, 32> digits = {};
     char* const end = std::to_chars(digits.begin(), digits.end(), number, std::chars_format::fixed).ptr;

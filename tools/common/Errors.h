@@ -12,7 +12,7 @@ namespace tools {
 /** The exit statuses of all tools. Scripts rely on them. */
 enum ExitCode : int {
     EXIT_DONE = 0,
-    /** It was tried, and refused or not met. */
+    /** The daemon or the TV refused the request, or an expectation was not met. */
     EXIT_REFUSED = 1,
     /** No bus, no daemon, or no answer in time. */
     EXIT_UNREACHABLE = 2,
@@ -32,13 +32,13 @@ public:
     ExitCode code;
 };
 
-/** An argument that the command line's grammar let pass: reported with a hint at the command's --help. */
+/** A wrong argument that the command line's grammar accepted. The line ends with a hint at the command's --help. */
 class UsageError : public ToolError {
 public:
     explicit UsageError(const std::string& line) : ToolError(EXIT_USAGE, line) {}
 };
 
-/** Nobody reads standard output any more: the tool ends, silently and with success. */
+/** The reader of standard output has gone: the tool ends silently and with success. */
 class ReaderGone : public std::exception {};
 
 }  // namespace tools

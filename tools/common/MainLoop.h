@@ -19,8 +19,8 @@ namespace tools {
 
 /**
  * Runs the default main context of a tool until it ends: by Quit(), by Ctrl-C, SIGTERM or SIGHUP, or because the
- * reader of standard output has gone. From its construction on, these signals also end a write for which a slow
- * reader makes the tool wait. There is one at a time, on the main thread.
+ * reader of standard output has gone. While the object lives, these signals also end a write that waits for a slow
+ * reader. A tool has one at a time, on the main thread.
  */
 class MainLoop {
 public:
@@ -36,7 +36,7 @@ public:
     /** @return the argument of Quit(), or 128 + the signal's number
      *  @throws the exception of a guarded function */
     int Run();
-    /** The same, but 0 after Ctrl-C: for commands that a user normally ends in this way. */
+    /** Like Run(), but returns 0 after Ctrl-C, which is the usual end of some commands. */
     int RunUntilInterrupted();
     void Quit(int exitCode);
 
@@ -45,12 +45,12 @@ public:
      *  @return ENDED if Quit() or a signal ended the loop, and always from then on
      *  @throws the exception of a guarded function */
     Waited RunUntil(const std::function<bool()>& met, std::chrono::milliseconds timeout);
-    /** Calls the function. For GLib's callbacks, which no exception may leave: it ends Run() instead. */
+    /** Calls the function and keeps its exception, which ends Run(): no exception may leave a callback of GLib. */
     void Guard(const std::function<void()>& function);
 
-    // Each calls the function through Guard(), as long as the source lives.
+    // The functions below make a source that calls the function through Guard(), as long as the source lives.
 
-    /** Once. */
+    /** Calls the function once, after the delay. */
     GLibPtr<GSource> After(std::chrono::milliseconds delay, std::function<void()> function);
     GLibPtr<GSource> WhenReadable(int file, std::function<void()> function);
     /** @param signalNumber SIGHUP, SIGINT, SIGTERM, SIGUSR1, SIGUSR2 or SIGWINCH */
@@ -73,7 +73,7 @@ private:
     std::exception_ptr m_thrown;
     std::array<Ending, 3> m_endings = {
         {{SIGINT, EXIT_INTERRUPTED}, {SIGTERM, EXIT_TERMINATED}, {SIGHUP, EXIT_HUNG_UP}}};
-    /** Sees the signals while a write waits for its reader. */
+    /** The context that dispatches the signals while a write waits for its reader. */
     const GLibPtr<GMainContext> m_stalled;
     std::vector<GLibPtr<GSource>> m_signals;
     GLibPtr<GSource> m_reader;

@@ -170,7 +170,7 @@ std::string Word(std::istream& words) {
     return word;
 }
 
-int Number(std::istream& words) {
+int NextInt(std::istream& words) {
     int number = std::numeric_limits<int>::min();
     words >> number;
     return number;
@@ -185,7 +185,7 @@ std::string Rest(std::istream& words) {
 using Command = std::function<std::string(std::istream&)>;
 
 Command Does(int (*call)(int)) {
-    return [call](std::istream& words) { return std::to_string(call(Number(words))); };
+    return [call](std::istream& words) { return std::to_string(call(NextInt(words))); };
 }
 
 Command Does(int (*call)(const char*)) {
@@ -205,14 +205,14 @@ const std::map<std::string, Command>& Commands() {
          [](std::istream& words) {
              int route = 0;
              const int result =
-                 sound_manager_get_multiview_speaker_selection_with_zone_id(&route, Number(words));
+                 sound_manager_get_multiview_speaker_selection_with_zone_id(&route, NextInt(words));
              return Answer(result, route);
          }},
         {"set-zone-route",
          [](std::istream& words) {
-             const int zone = Number(words);
+             const int zone = NextInt(words);
              return std::to_string(
-                 sound_manager_set_multiview_speaker_selection_with_zone_id(Number(words), zone));
+                 sound_manager_set_multiview_speaker_selection_with_zone_id(NextInt(words), zone));
          }},
         {"focus", [](std::istream&) { return Get(rc_get_audio_focus); }},
         {"gain", [](std::istream&) { return Get(AudioControl_getInstance()->get_main_out_gain2); }},
@@ -234,7 +234,7 @@ const std::map<std::string, Command>& Commands() {
         {"set-int",
          [](std::istream& words) {
              const std::string key = Word(words);
-             return std::to_string(vconf_set_int(key.c_str(), Number(words)));
+             return std::to_string(vconf_set_int(key.c_str(), NextInt(words)));
          }},
         {"text",
          [](std::istream& words) {
@@ -254,8 +254,8 @@ const std::map<std::string, Command>& Commands() {
         {"storm",
          [](std::istream& words) {
              const std::string key = Word(words);
-             const int count = Number(words);
-             return std::to_string(Storm(key, count, Number(words)));
+             const int count = NextInt(words);
+             return std::to_string(Storm(key, count, NextInt(words)));
          }},
         {"noise", Does(Noise)},
         {"volume-storm", Does(VolumeStorm)},
@@ -264,7 +264,7 @@ const std::map<std::string, Command>& Commands() {
         {"limit-files", Does([](int bytes) { return LimitFiles(static_cast<rlim_t>(bytes)); })},
         {"log",
          [](std::istream& words) {
-             const int priority = Number(words);
+             const int priority = NextInt(words);
              return std::to_string(__dlog_print(priority, "OtherProcess", "%s\n", Rest(words).c_str()));
          }},
         {"log-lines",
