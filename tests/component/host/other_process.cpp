@@ -192,8 +192,10 @@ Command Does(int (*call)(const char*)) {
     return [call](std::istream& words) { return std::to_string(call(Word(words).c_str())); };
 }
 
-const std::map<std::string, Command>& Commands() {
-    static const std::map<std::string, Command> commands = {
+using Commands = std::map<std::string, Command>;
+
+Commands SoundCommands() {
+    return {
         {"volume", [](std::istream&) { return Get(audio_get_master_volume); }},
         {"set-volume", Does([](int volume) { return audio_set_master_volume(volume, 0); })},
         {"mute", [](std::istream&) { return Get(audio_get_master_mute); }},
@@ -219,6 +221,11 @@ const std::map<std::string, Command>& Commands() {
         {"set-gain", Does(AudioControl_getInstance()->set_main_out_gain2)},
         {"sub-gain", [](std::istream&) { return Get(AudioControl_getInstance()->get_sub_out_gain2); }},
         {"set-sub-gain", Does(AudioControl_getInstance()->set_sub_out_gain2)},
+    };
+}
+
+Commands KeyCommands() {
+    return {
         {"flag",
          [](std::istream& words) {
              bool value = false;
@@ -250,6 +257,11 @@ const std::map<std::string, Command>& Commands() {
         {"done", Does(LwipcEventDone)},
         {"reset", Does(LwipcResetEvent)},
         {"is-done", Does(LwipcIsDone)},
+    };
+}
+
+Commands ReportCommands() {
+    return {
         {"hear", [](std::istream& words) { return std::to_string(Hear(Word(words))); }},
         {"storm",
          [](std::istream& words) {
@@ -259,9 +271,25 @@ const std::map<std::string, Command>& Commands() {
          }},
         {"noise", Does(Noise)},
         {"volume-storm", Does(VolumeStorm)},
+    };
+}
+
+Commands ProcessCommands() {
+    return {
         {"drop-capabilities", [](std::istream&) { return std::to_string(DropCapabilities()); }},
         {"refuse-openat2", Does(RefuseOpenat2)},
         {"limit-files", Does([](int bytes) { return LimitFiles(static_cast<rlim_t>(bytes)); })},
+        {"start-and-end-a-thread",
+         [](std::istream&) {
+             std::thread([] {}).join();
+             return std::string("0");
+         }},
+        {"pipe-pending", [](std::istream&) { return std::to_string(PipePending()); }},
+    };
+}
+
+Commands LogCommands() {
+    return {
         {"log",
          [](std::istream& words) {
              const int priority = NextInt(words);
@@ -270,12 +298,12 @@ const std::map<std::string, Command>& Commands() {
         {"log-lines",
          Does([](int priority) { return __dlog_print(priority, "OtherProcess", "one\ntwo\n"); })},
         {"log-controls", Does([](int priority) {
-             return __dlog_print(priority, "Peer", "a\tb\r\033[2J\x7F\x01\xC3\xA4\n\n");
+             return __dlog_print(priority, "OtherProcess", "a\tb\r\033[2J\x7F\x01\xC3\xA4\n\n");
          })},
         {"log-many", Does([](int count) {
              int result = 0;
              for (int i = 0; i < count; ++i) {
-                 result += __dlog_print(DLOG_INFO, "Peer", "%0999d\n", i);
+                 result += __dlog_print(DLOG_INFO, "OtherProcess", "%0999d\n", i);
              }
              return result;
          })},
@@ -286,23 +314,26 @@ const std::map<std::string, Command>& Commands() {
                                  std::string(static_cast<std::size_t>(size), 'x').c_str());
          })},
         {"log-unreadable", Does(LogUnreadable)},
-        {"start-and-end-a-thread",
-         [](std::istream&) {
-             std::thread([] {}).join();
-             return std::string("0");
-         }},
-        {"pipe-pending", [](std::istream&) { return std::to_string(PipePending()); }},
     };
-    return commands;
+}
+
+Commands AllCommands() {
+    Commands all;
+    for (Commands part :
+         {SoundCommands(), KeyCommands(), ReportCommands(), ProcessCommands(), LogCommands()}) {
+        all.merge(part);
+    }
+    return all;
 }
 
 }  // namespace
 
 int main() {
+    const Commands commands = AllCommands();
     std::string line;
     while (std::getline(std::cin, line)) {
         std::istringstream words(line);
-        Say("= " + Commands().at(Word(words))(words));
+        Say("= " + commands.at(Word(words))(words));
     }
     return EXIT_SUCCESS;
 }
