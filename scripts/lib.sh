@@ -1,6 +1,7 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-# shellcheck shell=bash disable=SC2034
+# shellcheck shell=bash
+# shellcheck disable=SC2034 # the scripts that source this file use the variables
 # run, test, bench and lint source this file: it knows the Debian packages that they need, and builds.
 set -euo pipefail
 

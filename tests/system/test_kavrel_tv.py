@@ -16,7 +16,7 @@ tool = pytest.fixture(make_tool)
 
 
 def state_of(folder):
-    """Everything below a folder but where writers make their files: {path: text, or None for a folder}."""
+    """Returns {path: text, or None for a folder} of a folder, without the folders in which writers make their files."""
     return {str(path.relative_to(folder)): path.read_text() if path.is_file() else None for path in folder.rglob("*")
             if ".tmp" not in path.parts}
 

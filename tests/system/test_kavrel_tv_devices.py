@@ -41,7 +41,7 @@ def values(tv, route):
 
 
 def wait_for(tv, route, *expected):
-    """Until support, level and mute of the device are these."""
+    """Waits until support word, level and mute of the device are these."""
     keys = DEVICE_KEYS[route]
     expected = [str(value) for value in expected]
     tv.wait_until(keys[2], lambda: all(map(tv.has, keys)) and values(tv, route) == expected)
@@ -176,7 +176,7 @@ def test_devices_that_fail_at_times_do_so_alike_for_one_seed(tool, tv):
     tool("route", "hdmi")
 
     def answered(seed):
-        """The levels that are, of 30."""
+        """Asks for 30 levels; returns those that the device has published."""
         devices = tool.devices("--fail", "50", "--seed", str(seed))
         for level in range(1, 31):
             ask(tv, level=level)
@@ -269,7 +269,7 @@ def test_devices_leave_no_trace_of_themselves(tool, tv):
 
 
 def test_devices_follow_a_folder_that_is_replaced(tool, tv):
-    """Whatever starts the TV empties the memory settings, perhaps while the devices run."""
+    """A start of the TV empties the memory settings, perhaps while the devices run."""
     tool("route", "hdmi")
     devices = tool.devices()
     subprocess.run(["rm", "-rf", tv.path / "settings/memory"], check=True)

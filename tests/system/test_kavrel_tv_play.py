@@ -28,7 +28,7 @@ def tool(scene):
 
 @pytest.fixture
 def play(tool, tmp_path):
-    """Plays these lines: the finished process."""
+    """Plays these lines and returns the finished process."""
     def run(*lines, options=("--fast",)):
         scenario = tmp_path / "scenario.txt"
         scenario.write_bytes(b"".join((line if isinstance(line, bytes) else line.encode()) + b"\n" for line in lines))
@@ -223,7 +223,7 @@ def wait_until_recorded(path, condition):
 
 @pytest.fixture
 def recording(tool, scene, client, tmp_path):
-    """One fade of the TV's speaker, with a route that changes after it."""
+    """Records one fade of the TV's speaker and a change of route after it."""
     path = tmp_path / "fade.csv"
     running = tool.start("record", str(path))
     running.wait_for_complaint("recording until Ctrl-C")

@@ -115,7 +115,7 @@ def test_watch_without_a_terminal_prints_each_state_without_colour(tool, tv):
 
 @contextlib.contextmanager
 def full_pipe():
-    """The two ends of a full pipe: a write without waiting fails."""
+    """Makes a full pipe, to which a write without waiting fails."""
     reader, writer = os.pipe()
     os.set_blocking(writer, False)
     with contextlib.suppress(BlockingIOError):
@@ -128,7 +128,7 @@ def full_pipe():
 
 
 def wait_until_asleep(pid):
-    """Until it waits for the pipe, with nothing else to do."""
+    """Waits until the process sleeps, because it waits for the pipe and has nothing else to do."""
     deadline = time.monotonic() + PATIENCE
     asleep = 0
     while asleep < 5:

@@ -47,7 +47,7 @@ class View(Process):
         os.close(writer)
 
     def read_line(self, timeout=PATIENCE):
-        """The next line, without its end; None once there will be no more."""
+        """Returns the next line, without its newline; None after the last one."""
         deadline = time.monotonic() + timeout
         while "\n" not in self.rest:
             assert select.select([self.reader], [], [], max(0, deadline - time.monotonic()))[0], \
@@ -62,7 +62,7 @@ class View(Process):
         return line
 
     def read_until(self, pattern):
-        """All lines up to the first one that contains the pattern."""
+        """Returns all lines up to the first one that contains the pattern."""
         lines = []
         while not lines or not re.search(pattern, lines[-1]):
             line = self.read_line()
@@ -71,7 +71,7 @@ class View(Process):
         return lines
 
     def read_events(self, event):
-        """JSON: all objects up to the first one of this event."""
+        """Returns all JSON objects up to the first one of this event."""
         return [json.loads(line) for line in self.read_until(f'"event":"{event}"')]
 
     def errors(self):
@@ -106,7 +106,7 @@ class Ctl:
         return done.stdout
 
     def fails(self, status, *arguments, **options):
-        """Its complaint, without the program's name, when it fails with this status and prints nothing."""
+        """Checks that it fails with this status and prints nothing; returns its complaint without the program's name."""
         done = self.run(*arguments, **options)
         assert (done.returncode, done.stdout) == (status, ""), done.stderr
         assert re.fullmatch(r"kavrelctl: [^\n]+\n", done.stderr)
@@ -131,7 +131,7 @@ def ctl(scene):
 
 @pytest.fixture
 def hdmi(daemon, tv):
-    """The HDMI receiver in use: it reads and sets its volume, and does not tell whether it is mute."""
+    """Uses an HDMI receiver that supports reading and setting the volume, but not mute."""
     tv.echo(0x3, f"{MIRRORING}/volume_support_hdmi")
     tv.echo(17, f"{MIRRORING}/get_volume_level_hdmi")
     tv.echo(HDMI, "sound/route")
@@ -244,7 +244,7 @@ def test_other_status_is_the_platforms(daemon, tv, ctl):
 
 
 def heard(daemon, client, texts):
-    """The lines of the daemon's log that have one of these beginnings, once it has done all it was asked."""
+    """Waits until the daemon has handled everything; returns the lines of its log that begin with one of these texts."""
     client.get_volume()
     return [text for text in daemon.log.texts() if text.startswith(texts)]
 
@@ -325,7 +325,7 @@ def test_wait_needs_no_reader(scene, ctl):
     assert view.wait() == DONE
 
 
-# Nobody there
+# No bus, no daemon or no answer
 
 
 @pytest.mark.parametrize("arguments", [*SHORT_COMMANDS, ["monitor"], ["monitor", "--calls"]], ids=" ".join)
@@ -659,7 +659,7 @@ def test_wait_that_is_interrupted_was_not_done(ctl, client):
     assert view.wait() in (INTERRUPTED, -signal.SIGINT)  # the latter if it was not yet waiting
 
 
-# Who calls
+# The calls of other programs
 
 
 def test_calls_name_caller_arguments_status_and_duration(daemon, ctl, client):
@@ -722,7 +722,7 @@ def test_calls_do_not_show_the_monitors_own(daemon, ctl, client):
     assert [words.split("(")[0] for event, words in events(told) if event == "call"] == ["GetSpeakerMute"]
 
 
-# The terminal, and what is none
+# With and without a terminal
 
 
 @pytest.fixture
