@@ -16,7 +16,7 @@ struct Buds {
         command.add_option("EVENT", isConnected)
             ->required()
             ->transform(tools::OneOf({{"connected", 1}, {"disconnected", 0}}));
-        command.add_option("REASON", reason, "an integer for the log (default: 0)")
+        command.add_option("REASON", reason, "An integer for the log (default: 0)")
             ->transform(tools::WholeNumber());
     }
 
@@ -31,10 +31,10 @@ struct SpeakerGone {
     std::string name;
 
     void AddArguments(CLI::App& command) {
-        command.add_option("TYPE", type, "route code of the output, for the log")
+        command.add_option("TYPE", type, "The output's route code, for the log")
             ->required()
             ->transform(tools::WholeNumber());
-        command.add_option("NAME", name, "name of the output, for the log")
+        command.add_option("NAME", name, "The output's name, for the log")
             ->required()
             ->transform(tools::Utf8Text());
     }
@@ -77,17 +77,17 @@ void AddConnectionCommands(Tool& tool) {
     tool.Add<Buds>("buds",
                    "Announce that a wireless headset has come or gone\n"
                    "When it has gone, the daemon asks for the previous output, or the default one.\n"
-                   "Sends a signal if the daemon is on the bus; the daemon does not answer it.",
+                   "It sends a signal, which the daemon does not answer. Without a daemon it fails.",
                    "kavrelctl buds disconnected");
     tool.Add<SpeakerGone>("speaker-gone",
                           "Announce that an output has gone\n"
                           "The daemon then sets the previous output, or the default one, even if another\n"
-                          "output is in use. Sends a signal if the daemon is on the bus; the daemon does\n"
-                          "not answer it.",
+                          "output is in use. It sends a signal, which the daemon does not answer. Without a\n"
+                          "daemon it fails.",
                           "kavrelctl speaker-gone 4 \"Living room\"");
     tool.Add<Wait>("wait",
                    "Wait until the daemon is on the bus\n"
-                   "Exits with 2 if it does not come within the timeout.",
+                   "The exit status is 2 if the daemon does not come within the timeout.",
                    "kavrelctl wait --timeout 30");
 }
 

@@ -109,11 +109,11 @@ struct Pulse {
 void AddGainCommands(Tool& tool) {
     tool.Add<Fade>("fade",
                    "Fade a gain in, from 0 to 100 in about 1.5 s\n"
-                   "player  Fades OUTPUT. both is two calls, main and then sub.\n"
+                   "player  It fades OUTPUT; both is two calls, main and then sub.\n"
                    "unmute  Without a sub Bluetooth zone it fades both outputs whatever OUTPUT is.\n"
-                   "        With one, both is main alone; sub needs a call of its own. Unless the\n"
-                   "        output is muted the gain is 100 at once. With multi-output audio or\n"
-                   "        TV-to-mobile nothing happens, without an error.",
+                   "        With one, both is main alone; sub needs a call of its own. If the output\n"
+                   "        is not muted, the gain is 100 at once. With multi-output audio or\n"
+                   "        TV-to-mobile the daemon does nothing and reports no error.",
                    "kavrelctl fade player main\nkavrelctl fade unmute");
     CLI::App& gain = tool.AddGroup("gain", "Set a gain at once", "kavrelctl gain reset");
     tool.Add<GainReset>("reset",
@@ -124,11 +124,11 @@ void AddGainCommands(Tool& tool) {
                          "Set the unmute gain\n"
                          "Without a sub Bluetooth zone it sets both outputs whatever OUTPUT is. With one,\n"
                          "both is main alone; sub needs a call of its own. With multi-output audio or\n"
-                         "TV-to-mobile nothing happens, without an error.",
+                         "TV-to-mobile the daemon does nothing and reports no error.",
                          "kavrelctl gain on-mute 40", &gain);
     tool.Add<Pulse>("pulse",
                     "Ramp the pulse gain of both outputs in ten steps\n"
-                    "Sends a signal if the daemon is on the bus; the daemon does not answer it.",
+                    "It sends a signal, which the daemon does not answer. Without a daemon it fails.",
                     "kavrelctl pulse 20 1000");
 }
 

@@ -233,12 +233,11 @@ struct MonitorCommand {
 }  // namespace
 
 void AddMonitorCommand(Tool& tool) {
-    tool.Add<MonitorCommand>(
-        "monitor",
-        "Show the present state, then every change with its time\n"
-        "Goes on through a restart of the daemon; ends with Ctrl-C, or when nobody reads\n"
-        "its output any more. The bus does not announce a change of the output.",
-        "kavrelctl monitor --json\nkavrelctl monitor --calls");
+    tool.Add<MonitorCommand>("monitor",
+                             "Show the present state, then every change with its time\n"
+                             "It goes on through a restart of the daemon, and ends with Ctrl-C or when its\n"
+                             "reader has gone. The daemon does not announce a change of output.",
+                             "kavrelctl monitor --json\nkavrelctl monitor --calls");
 }
 
 }  // namespace ctl
