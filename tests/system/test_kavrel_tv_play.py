@@ -4,6 +4,7 @@
 import csv
 import itertools
 import re
+import shutil
 import signal
 import time
 import xml.etree.ElementTree
@@ -294,6 +295,39 @@ def test_hostile_event_texts_reach_neither_gnuplot_nor_the_csv_s_form(scene, tmp
     KavrelTv(scene)("plot", str(tmp_path / "odd.csv"), str(tmp_path / "odd.svg"))
     xml.etree.ElementTree.parse(tmp_path / "odd.svg")
     assert not (tmp_path / "owned").exists()
+
+
+@pytest.fixture
+def plot(scene, tmp_path):
+    """Returns a function that runs plot with only tmp_path/bin in PATH and with an installer of the given lines."""
+    def run(installer):
+        (tmp_path / "some.csv").write_text(",".join(HEADER) + "\n0.0,100,100,10,0,start\n")
+        script = tmp_path / "installer"
+        script.write_text(f"#!/bin/sh\n{installer}\n")
+        script.chmod(0o755)
+        (tmp_path / "bin").mkdir(exist_ok=True)
+        return KavrelTv(scene).run("plot", str(tmp_path / "some.csv"), str(tmp_path / "some.svg"),
+                                   PATH=str(tmp_path / "bin"), KAVREL_INSTALL=str(script) if installer else "")
+    return run
+
+
+INSTALLER = "echo \"installing $*\"; /bin/ln -s {} {}/bin/gnuplot"
+
+
+def test_a_missing_gnuplot_is_installed_once(plot, tmp_path):
+    installer = INSTALLER.format(shutil.which("gnuplot"), tmp_path)
+    done = plot(installer)
+    assert (done.returncode, done.stdout) == (0, f"1 lines drawn in {tmp_path}/some.svg\n")
+    assert done.stderr == "installing gnuplot-nox\n"
+    xml.etree.ElementTree.parse(tmp_path / "some.svg")
+    assert plot(installer).stderr == ""
+
+
+@pytest.mark.parametrize("installer", ["", "exit 1", ":"])
+def test_a_gnuplot_that_stays_missing_is_named(plot, tmp_path, installer):
+    done = plot(installer)
+    assert done.returncode == 1 and not (tmp_path / "some.svg").exists()
+    assert refused(done) == "cannot start gnuplot, which draws the picture: install the Debian package gnuplot-nox"
 
 
 def test_recording_for_some_time_ends_by_itself(tool, tmp_path):

@@ -5,7 +5,6 @@
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <csignal>
 #include <optional>
@@ -64,13 +63,6 @@ std::optional<T> Parsed(const std::string& text) {
     const char* end = text.data() + text.size();
     const auto read = std::from_chars(text.data(), end, number);
     return read.ec == std::errc() && read.ptr == end ? std::optional(number) : std::nullopt;
-}
-
-/** The number in decimal digits, without an exponent. */
-std::string InFull(double number) {
-    std::array<char, 32> digits = {};
-    char* const end = std::to_chars(digits.begin(), digits.end(), number, std::chars_format::fixed).ptr;
-    return {digits.begin(), end};
 }
 
 std::string AsFooter(const std::string& examples) {
@@ -197,10 +189,11 @@ CLI::Validator WholeNumber(int least, int most) {
 }
 
 CLI::Validator DecimalNumber(double least, double most) {
+    const std::string range = Formatted("from %.9g", least) + Formatted(" to %.9g", most);
     const auto check = [=](const std::string& text) {
         const auto number = Parsed<double>(text);
         const bool isValid = number && *number >= least && *number <= most;
-        return isValid ? "" : Quoted(text) + " is not a number from " + InFull(least) + " to " + InFull(most);
+        return isValid ? "" : Quoted(text) + " is not a number " + range;
     };
     return {check, ""};
 }

@@ -3,7 +3,7 @@
 #include "KavrelClient.h"
 
 #include <array>
-#include <cstdio>
+#include <map>
 #include <memory>
 #include <utility>
 
@@ -11,43 +11,17 @@
 
 namespace tools {
 
-/** The addressee of a method call. */
-struct Destination {
-    const char* name;
-    const char* path;
-    const char* interface;
-};
-
 namespace {
 
 constexpr const char* BUS_NAME = "org.freedesktop.DBus";
 constexpr Destination BUS = {BUS_NAME, "/org/freedesktop/DBus", BUS_NAME};
 constexpr Destination DAEMON = {KAVREL_NAME, KAVREL_PATH, KAVREL_INTERFACE};
 
-constexpr std::array<std::pair<Support, const char*>, 4> SUPPORT_WORDS = {{
-    {READ_VOLUME, "read volume"},
-    {SET_VOLUME, "set volume"},
-    {READ_MUTE, "read mute"},
-    {SET_MUTE, "set mute"},
-}};
-
-const char* StatusWords(int status) {
-    switch (status) {
-        case -1:
-            return "failed or busy";
-        case -2:
-            return "invalid argument";
-        case -4:
-            return "not supported by this output";
-        default:
-            return status < 0 ? "platform error" : "done";
-    }
-}
+/** By the bits of the support word, from the lowest on. */
+constexpr std::array SUPPORT_WORDS = {"read volume", "set volume", "read mute", "set mute"};
 
 std::string Seconds(std::chrono::milliseconds time) {
-    std::array<char, 32> text = {};
-    std::snprintf(text.data(), text.size(), "%g s", static_cast<double>(time.count()) / 1000.0);
-    return text.data();
+    return Formatted("%g s", static_cast<double>(time.count()) / 1000.0);
 }
 
 std::string Message(const GError* error) {
@@ -101,33 +75,7 @@ struct Attempt {
     }
 };
 
-}  // namespace
-
-std::vector<std::string> SupportWords(int support) {
-    std::vector<std::string> words;
-    for (const auto& [bit, word] : SUPPORT_WORDS) {
-        if ((support & bit) != 0) {
-            words.emplace_back(word);
-        }
-    }
-    return words;
-}
-
-std::string SupportInHex(int support) {
-    std::array<char, 16> number = {};
-    std::snprintf(number.data(), number.size(), "0x%04x", static_cast<unsigned>(support));
-    return number.data();
-}
-
-std::string SupportInWords(int support) {
-    const std::string words = Joined(SupportWords(support), ", ");
-    return (words.empty() ? "nothing" : words) + " (" + SupportInHex(support) + ")";
-}
-
-std::string StatusInWords(int status) {
-    return std::string(StatusWords(status)) + " (" + std::to_string(status) + ")";
-}
-
+/** @throws ToolError if there is no bus, or it does not answer in time */
 GLibPtr<GDBusConnection> ConnectToSystemBus(Timeout timeout) {
     GLibError error;
     const GLibPtr<char> address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, error));
@@ -137,9 +85,10 @@ GLibPtr<GDBusConnection> ConnectToSystemBus(Timeout timeout) {
     const auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
     Attempt attempt;
-    const GLibPtr<GSource> timer(g_timeout_source_new(timeout ? static_cast<guint>(timeout->count()) : 0));
-    g_source_set_callback(timer.get(), Attempt::OnTimeout, &attempt, nullptr);
+    GLibPtr<GSource> timer;
     if (timeout) {
+        timer.reset(g_timeout_source_new(static_cast<guint>(timeout->count())));
+        g_source_set_callback(timer.get(), Attempt::OnTimeout, &attempt, nullptr);
         g_source_attach(timer.get(), nullptr);
     }
     g_dbus_connection_new_for_address(address.get(), flags, nullptr, attempt.cancellable.get(),
@@ -152,8 +101,36 @@ GLibPtr<GDBusConnection> ConnectToSystemBus(Timeout timeout) {
         throw ToolError(EXIT_UNREACHABLE, isLate ? "no answer from the bus within " + Seconds(*timeout)
                                                  : "no system bus: " + Message(attempt.error.Get()));
     }
-    g_dbus_connection_set_exit_on_close(attempt.connection.get(), FALSE);
     return std::move(attempt.connection);
+}
+
+}  // namespace
+
+std::vector<std::string> SupportWords(int support) {
+    std::vector<std::string> words;
+    for (unsigned bit = 0; bit < SUPPORT_WORDS.size(); ++bit) {
+        if ((static_cast<unsigned>(support) >> bit & 1) != 0) {
+            words.emplace_back(SUPPORT_WORDS[bit]);
+        }
+    }
+    return words;
+}
+
+std::string SupportInHex(int support) {
+    return Formatted("0x%04x", support);
+}
+
+std::string SupportInWords(int support) {
+    const std::string words = Joined(SupportWords(support), ", ");
+    return (words.empty() ? "nothing" : words) + " (" + SupportInHex(support) + ")";
+}
+
+std::string StatusInWords(int status) {
+    static const std::map<int, std::string> FAILURES = {
+        {-1, "failed or busy"}, {-2, "invalid argument"}, {-4, "not supported by this output"}};
+    const auto failure = FAILURES.find(status);
+    const std::string other = status < 0 ? "platform error" : "done";
+    return (failure != FAILURES.end() ? failure->second : other) + " (" + std::to_string(status) + ")";
 }
 
 /** A call under way; the client waits for its end. */

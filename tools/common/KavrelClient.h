@@ -24,10 +24,7 @@ inline constexpr const char* KAVREL_PATH = "/Org/Olvane/KavrelInternal";
 /** Object path of the signals that the daemon listens to, and of its requests to change the output. */
 inline constexpr const char* KAVREL_SIGNAL_PATH = "/Org/Olvane/Kavrel";
 
-/** Bits of the support word, each for one thing that the output in use can do. */
-enum Support : int { READ_VOLUME = 1, SET_VOLUME = 2, READ_MUTE = 4, SET_MUTE = 8 };
-
-/** "read volume", "set volume", ... */
+/** Lists the abilities of the output in use: "read volume", "set volume", ... */
 std::vector<std::string> SupportWords(int support);
 /** "0x000f" */
 std::string SupportInHex(int support);
@@ -39,19 +36,22 @@ std::string StatusInWords(int status);
 /** The longest wait for an answer; nothing: no limit. */
 using Timeout = std::optional<std::chrono::milliseconds>;
 
-/** Connects to the bus that GLib takes for the system bus (DBUS_SYSTEM_BUS_ADDRESS); the connection is not shared.
- *  @throws ToolError if there is no bus, or it does not answer in time */
-GLibPtr<GDBusConnection> ConnectToSystemBus(Timeout timeout);
 /** The answer of a getter: the value is valid if the status is not below 0. */
 struct Reading {
     int value = 0;
     int status = 0;
 };
 
-struct Destination;
+/** The addressee of a method call. */
+struct Destination {
+    const char* name;
+    const char* path;
+    const char* interface;
+};
 
 /**
- * A client of the daemon, over a connection of its own. Every wait ends after the timeout, and no call starts the
+ * A client of the daemon, over a connection of its own to the bus that GLib takes for the system bus
+ * (DBUS_SYSTEM_BUS_ADDRESS). Every wait ends after the timeout, and no call starts the
  * daemon. The default main context runs the callbacks, and none of them after the object's end.
  */
 class KavrelClient {
@@ -64,6 +64,11 @@ public:
     KavrelClient& operator=(const KavrelClient&) = delete;
 
     GDBusConnection* Connection() const { return m_connection.get(); }
+    std::string UniqueName() const { return g_dbus_connection_get_unique_name(Connection()); }
+
+    /** Consumes floating arguments. @return null and sets the error without an answer */
+    Variant Call(const Destination& to, const char* method, GVariant* arguments, const char* replyType,
+                 GError** error) const;
 
     /** Calls a getter, which answers "(ii)". @throws ToolError without an answer */
     Reading Read(const char* method) const;
@@ -98,9 +103,6 @@ public:
 
 private:
     struct LateAnswer;
-    /** @return null and sets the error without an answer */
-    Variant Call(const Destination& to, const char* method, GVariant* arguments, const char* replyType,
-                 GError** error) const;
     /** @throws ToolError without an answer */
     Variant CallOrThrow(const Destination& to, const char* method, GVariant* arguments,
                         const char* replyType) const;

@@ -7,13 +7,13 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <climits>
-#include <functional>
+#include <ctime>
 #include <system_error>
 
 #include "Errors.h"
-#include "GLibPtr.h"
 
 namespace tools {
 
@@ -44,6 +44,17 @@ int WriteAll(int file, std::string_view text) {
         text.remove_prefix(written < 0 ? 0 : static_cast<size_t>(written));
     }
     return 0;
+}
+
+/** @param zone what follows the milliseconds, as a format of strftime() */
+std::string LocalTime(WallTime time, const std::string& format, const std::string& zone) {
+    const std::time_t seconds = time / 1'000'000;
+    const std::string milliseconds = Formatted(".%03d", static_cast<int>(time / 1'000 % 1'000));
+    std::tm local = {};
+    localtime_r(&seconds, &local);
+    std::array<char, 64> text = {};
+    std::strftime(text.data(), text.size(), (format + milliseconds + zone).c_str(), &local);
+    return text.data();
 }
 
 }  // namespace
@@ -80,6 +91,18 @@ std::string JsonLine(const Json::Value& value) {
     builder["indentation"] = "";
     builder["precision"] = 15;
     return Json::writeString(builder, value);
+}
+
+std::string TimeOfDay(WallTime time) {
+    return LocalTime(time, "%H:%M:%S", "");
+}
+
+std::string Timestamp(WallTime time) {
+    return LocalTime(time, "%Y-%m-%dT%H:%M:%S", "%z");
+}
+
+void PrintWithTime(std::string_view line) {
+    PrintLine(TimeOfDay(g_get_real_time()).append(" ").append(line));
 }
 
 std::string Joined(const std::vector<std::string>& parts, std::string_view between) {

@@ -1,18 +1,19 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-/**
- * Standard output, where a reader that goes away ends the tool
- * quietly and a full disk does not pass unseen.
- */
+/** Standard output, where a reader that goes away ends the tool quietly and a full disk does not pass unseen, and
+ *  the texts that the tools print there. */
 #ifndef KAVREL_TOOLS_PRINT_H
 #define KAVREL_TOOLS_PRINT_H
 
 #include <json/value.h>
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "GLibPtr.h"
 
 namespace tools {
 
@@ -32,6 +33,21 @@ void Complain(std::string_view line);
 
 /** Compact JSON without a newline in it: keys sorted, all in ASCII, so that it may be compared as text. */
 std::string JsonLine(const Json::Value& value);
+
+/** A time of the wall clock, in microseconds since 1970; g_get_real_time() is the present one. */
+using WallTime = std::int64_t;
+/** Local time of day, "21:04:11.123". */
+std::string TimeOfDay(WallTime time);
+/** "2026-02-01T21:04:11.123+0100", local time with its distance from UTC. */
+std::string Timestamp(WallTime time);
+/** Prints the line behind the present time of day. */
+void PrintWithTime(std::string_view line);
+
+/** The number in a format of printf() for its type: "%.1f ms". */
+template <typename Number>
+std::string Formatted(const char* format, Number number) {
+    return GLibPtr<char>(g_strdup_printf(format, number)).get();
+}
 
 std::string Joined(const std::vector<std::string>& parts, std::string_view between = " ");
 

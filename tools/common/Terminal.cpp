@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <limits>
 
 #include "Errors.h"
 #include "Print.h"
@@ -34,14 +35,17 @@ bool ColourIsWanted() {
     return IsScreen() && (noColour == nullptr || *noColour == '\0');
 }
 
+/** 80x24 without a terminal or an answer. */
+winsize SizeOfTerminal() {
+    winsize size = {};
+    const bool isKnown = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 && size.ws_row > 0;
+    return isKnown ? size : winsize{.ws_row = 24, .ws_col = 80, .ws_xpixel = 0, .ws_ypixel = 0};
+}
+
 }  // namespace
 
-TerminalSize SizeOfTerminal() {
-    winsize size = {};
-    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0) {
-        return {};
-    }
-    return {size.ws_col, size.ws_row};
+int ColumnsOfOutput() {
+    return isatty(STDOUT_FILENO) == 1 ? SizeOfTerminal().ws_col : std::numeric_limits<int>::max();
 }
 
 std::string Clipped(std::string_view line, int columns) {
@@ -107,7 +111,7 @@ void FullScreen::Show(std::string_view lines) const {
         return;
     }
     std::string frame(TO_THE_TOP);
-    for (int rows = SizeOfTerminal().rows; rows > 0 && !lines.empty(); --rows) {
+    for (int rows = SizeOfTerminal().ws_row; rows > 0 && !lines.empty(); --rows) {
         const size_t end = lines.find('\n');
         const bool isCut = rows == 1 && end != std::string_view::npos && end + 1 < lines.size();
         // Clears the row before it writes the line: after a line as wide as the screen the cursor is still on

@@ -11,28 +11,17 @@
 
 namespace tools {
 
-struct TerminalSize {
-    int columns = 80;
-    int rows = 24;
-};
-
-/** Returns the size of the terminal behind standard output; 80x24 without a terminal or an answer. */
-TerminalSize SizeOfTerminal();
+/** Columns of the terminal behind standard output; no limit if it is not a terminal. */
+int ColumnsOfOutput();
 
 /** The first `columns` characters of a line of plain text; if it is longer, the last three are "...". */
 std::string Clipped(std::string_view line, int columns);
 
-/**
- * Colours for standard output, which are plain text unless it
- * is a terminal and NO_COLOR is unset or empty.
- */
+/** Colours for standard output, which are plain text unless it is a terminal and NO_COLOR is unset or empty. */
 class Style {
 public:
     Style();
-    /** @param coloured whether to colour, wherever the text goes */
-    explicit Style(bool coloured) : m_coloured(coloured) {}
 
-    bool Coloured() const { return m_coloured; }
     std::string Bold(std::string_view text) const { return Wrapped("1", text); }
     std::string Dim(std::string_view text) const { return Wrapped("2", text); }
     std::string Red(std::string_view text) const { return Wrapped("31", text); }
@@ -64,10 +53,7 @@ public:
      *  @throws ReaderGone, ToolError as Print() does */
     void Show(std::string_view lines) const;
 
-    /**
-     * For Ctrl-Z: gives the terminal back and stops the process.
-     * Returns once it goes on, to be shown anew.
-     */
+    /** For Ctrl-Z: gives the terminal back and stops the process. Returns once it goes on, to be shown anew. */
     void Suspend();
 
 private:

@@ -12,11 +12,6 @@
 
 namespace tv {
 
-/** The options before the command. */
-struct Options {
-    std::string directory = "/run/kavrel";
-};
-
 /** The help page of a command; the examples are whole command lines. */
 struct About {
     std::string name;
@@ -26,9 +21,9 @@ struct About {
 
 /** Adds a command: a struct whose AddOptions() binds its members to arguments, and whose Run() gives the exit code. */
 template <typename Command>
-void AddCommand(tools::CommandLine& line, const Options& options, const About& about) {
+void AddCommand(tools::CommandLine& line, const std::string& directory, const About& about) {
     const auto command = std::make_shared<Command>();
-    const auto run = [command, &options] { return command->Run(options.directory); };
+    const auto run = [command, &directory] { return command->Run(directory); };
     command->AddOptions(line.AddCommand(about.name, about.description, about.examples, run));
 }
 
@@ -42,13 +37,13 @@ using AddVerb = std::function<CLI::App&(const About& about, std::function<Change
 /** Adds the verbs, one for each thing that can change on a TV; lines of scenarios are verbs, too. */
 void AddVerbs(const AddVerb& add);
 
-void AddShowAndWatch(tools::CommandLine& line, const Options& options);
-void AddVerbs(tools::CommandLine& line, const Options& options);
-void AddDevices(tools::CommandLine& line, const Options& options);
-void AddEmulator(tools::CommandLine& line, const Options& options);
-void AddPlayAndTour(tools::CommandLine& line, const Options& options);
-void AddRecord(tools::CommandLine& line, const Options& options);
-void AddPlot(tools::CommandLine& line, const Options& options);
+void AddShowAndWatch(tools::CommandLine& line, const std::string& directory);
+void AddVerbs(tools::CommandLine& line, const std::string& directory);
+void AddDevices(tools::CommandLine& line, const std::string& directory);
+void AddEmulator(tools::CommandLine& line, const std::string& directory);
+void AddPlayAndTour(tools::CommandLine& line, const std::string& directory);
+void AddRecord(tools::CommandLine& line, const std::string& directory);
+void AddPlot(tools::CommandLine& line, const std::string& directory);
 
 }  // namespace tv
 

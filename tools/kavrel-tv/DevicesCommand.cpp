@@ -16,7 +16,6 @@
 #include <string>
 #include <string_view>
 
-#include "Clock.h"
 #include "Commands.h"
 #include "DirectoryWatch.h"
 #include "Errors.h"
@@ -25,7 +24,6 @@
 #include "Platform.h"
 #include "Print.h"
 #include "Routes.h"
-#include "Snapshot.h"
 
 namespace tv {
 
@@ -69,7 +67,7 @@ host::Value Player() {
 }
 
 void Say(std::string_view device, const std::string& what) {
-    tools::PrintLine(tools::TimeOfDay(tools::Now()) + " " + std::string(device) + ": " + what);
+    tools::PrintWithTime(std::string(device) + ": " + what);
 }
 
 std::string OnOrOff(int mute) {
@@ -342,9 +340,9 @@ struct DevicesCommand {
 
 }  // namespace
 
-void AddDevices(tools::CommandLine& line, const Options& options) {
+void AddDevices(tools::CommandLine& line, const std::string& directory) {
     AddCommand<DevicesCommand>(
-        line, options, {"devices", DESCRIPTION, "kavrel-tv devices --delay 300 --jitter 200 --rounding 5"});
+        line, directory, {"devices", DESCRIPTION, "kavrel-tv devices --delay 300 --jitter 200 --rounding 5"});
 }
 
 }  // namespace tv

@@ -6,10 +6,8 @@
 #include <array>
 #include <chrono>
 #include <csignal>
-#include <functional>
 #include <string>
 
-#include "Clock.h"
 #include "Commands.h"
 #include "Errors.h"
 #include "KavrelClient.h"
@@ -65,10 +63,6 @@ tools::GLibPtr<GDBusNodeInfo> Describe(const EmulatorPeer& peer) {
     return tools::GLibPtr<GDBusNodeInfo>(g_dbus_node_info_new_for_xml(xml.c_str(), nullptr));
 }
 
-void Say(const std::string& what) {
-    tools::PrintLine(tools::TimeOfDay(tools::Now()) + " " + what);
-}
-
 /**
  * A speaker on the bus: answers "GetSpkVolume" and "SetSpkVolume", announces each volume that it is set to with
  * "SpkVolumeChanged", and prints what it does.
@@ -78,40 +72,25 @@ public:
     /** @param result the last value of every answer of GetSpkVolume: 0 for success
      *  @throws tools::ToolError without a bus; the main loop throws one if the name cannot be owned */
     Emulator(tools::MainLoop& loop, const EmulatorPeer& peer, int volume, int result)
-        : m_loop(loop),
-          m_peer(peer),
-          m_volume(volume),
-          m_result(result),
-          m_connection(tools::ConnectToSystemBus(PATIENCE)) {
+        : m_loop(loop), m_peer(peer), m_volume(volume), m_result(result), m_client(PATIENCE) {
         Register();
-        m_name =
-            g_bus_own_name_on_connection(m_connection.get(), peer.name, G_BUS_NAME_OWNER_FLAGS_DO_NOT_QUEUE,
-                                         OnNameAcquired, OnNameLost, this, nullptr);
+        m_name = g_bus_own_name_on_connection(m_client.Connection(), peer.name,
+                                              G_BUS_NAME_OWNER_FLAGS_DO_NOT_QUEUE, OnNameAcquired, OnNameLost,
+                                              this, nullptr);
     }
     ~Emulator() {
         g_bus_unown_name(m_name);
-        g_dbus_connection_unregister_object(m_connection.get(), m_object);
+        g_dbus_connection_unregister_object(m_client.Connection(), m_object);
     }
     Emulator(const Emulator&) = delete;
     Emulator& operator=(const Emulator&) = delete;
-
-    /** Sets the volume as the speaker's own knob does. */
-    void Turn(int volume) {
-        m_volume = volume;
-        // On the daemon's interface and path, where both of its emulators listen for signals of any sender.
-        g_dbus_connection_emit_signal(m_connection.get(), nullptr, tools::KAVREL_SIGNAL_PATH,
-                                      tools::KAVREL_INTERFACE, "SpkVolumeChanged",
-                                      g_variant_new("(iii)", m_peer.route, m_peer.support, volume), nullptr);
-        Say("SpkVolumeChanged " + std::to_string(m_peer.route) + " " + std::to_string(m_peer.support) + " " +
-            std::to_string(volume));
-    }
 
 private:
     void Register() {
         static constexpr GDBusInterfaceVTable CALLS = {OnCall, nullptr, nullptr, {}};
         const auto node = Describe(m_peer);
         tools::GLibError error;
-        m_object = g_dbus_connection_register_object(m_connection.get(), m_peer.path, node->interfaces[0],
+        m_object = g_dbus_connection_register_object(m_client.Connection(), m_peer.path, node->interfaces[0],
                                                      &CALLS, this, nullptr, error);
         if (m_object == 0) {
             throw tools::ToolError(tools::EXIT_REFUSED, error->message);
@@ -130,20 +109,54 @@ private:
         if (method == "GetSpkVolume") {
             g_dbus_method_invocation_return_value(invocation,
                                                   g_variant_new("(iii)", m_peer.route, m_volume, m_result));
-            Say("GetSpkVolume: " + std::to_string(m_volume));
+            tools::PrintWithTime("GetSpkVolume: " + std::to_string(m_volume));
             return;
         }
         int volume = 0;
         g_variant_get(parameters, "(i)", &volume);
         g_dbus_method_invocation_return_value(invocation, g_variant_new("(ii)", m_peer.route, 0));
-        Say("SetSpkVolume " + std::to_string(volume));
+        tools::PrintWithTime("SetSpkVolume " + std::to_string(volume));
         Turn(volume);
+    }
+
+    /** Reads the numbers that the user types, each on a line of its own. */
+    void ReadKnob() {
+        std::array<char, 256> chunk = {};
+        const ssize_t size = read(STDIN_FILENO, chunk.data(), chunk.size());
+        if (size > 0) {
+            m_typed.append(chunk.data(), static_cast<std::size_t>(size));
+        } else {
+            m_knob.reset();  // the end, or a terminal that another program reads from
+            m_typed += m_typed.empty() ? "" : "\n";
+        }
+        for (std::size_t end = 0; (end = m_typed.find('\n')) != std::string::npos;) {
+            std::string line = m_typed.substr(0, end);
+            m_typed.erase(0, end + 1);
+            if (const std::string error = tools::WholeNumber()(line); !error.empty()) {
+                tools::Complain(error);
+            } else {
+                Turn(std::stoi(line));
+            }
+        }
+    }
+
+    /** Sets the volume as the speaker's own knob does. */
+    void Turn(int volume) {
+        m_volume = volume;
+        // On the daemon's interface and path, where both of its emulators listen for signals of any sender.
+        g_dbus_connection_emit_signal(m_client.Connection(), nullptr, tools::KAVREL_SIGNAL_PATH,
+                                      tools::KAVREL_INTERFACE, "SpkVolumeChanged",
+                                      g_variant_new("(iii)", m_peer.route, m_peer.support, volume), nullptr);
+        tools::PrintWithTime("SpkVolumeChanged " + std::to_string(m_peer.route) + " " +
+                             std::to_string(m_peer.support) + " " + std::to_string(volume));
     }
 
     static void OnNameAcquired(GDBusConnection* /*connection*/, const char* name, void* self) {
         auto* emulator = static_cast<Emulator*>(self);
-        emulator->m_loop.Guard(
-            [&] { Say(std::string(name) + " is here, volume " + std::to_string(emulator->m_volume)); });
+        emulator->m_loop.Guard([&] {
+            tools::PrintWithTime(std::string(name) + " is here, volume " +
+                                 std::to_string(emulator->m_volume));
+        });
     }
 
     static void OnNameLost(GDBusConnection* connection, const char* name, void* self) {
@@ -161,44 +174,11 @@ private:
     const EmulatorPeer& m_peer;
     int m_volume;
     const int m_result;
-    tools::GLibPtr<GDBusConnection> m_connection;
+    tools::KavrelClient m_client;
     guint m_object = 0;
     guint m_name = 0;
-};
-
-/** Reads lines of text from a file without blocking. */
-class Lines {
-public:
-    using Handler = std::function<void(std::string line)>;
-
-    Lines(tools::MainLoop& loop, int file, Handler handler)
-        : m_file(file),
-          m_handler(std::move(handler)),
-          m_source(loop.WhenReadable(file, [this] { Read(); })) {}
-
-private:
-    void Read() {
-        std::array<char, 256> chunk = {};
-        const ssize_t size = read(m_file, chunk.data(), chunk.size());
-        if (size <= 0) {
-            m_source.reset();  // the end, or a terminal that another program reads from
-            if (!m_text.empty()) {
-                m_handler(m_text);
-            }
-            return;
-        }
-        m_text.append(chunk.data(), static_cast<std::size_t>(size));
-        for (std::size_t end = 0; (end = m_text.find('\n')) != std::string::npos;) {
-            const std::string line = m_text.substr(0, end);
-            m_text.erase(0, end + 1);
-            m_handler(line);
-        }
-    }
-
-    const int m_file;
-    const Handler m_handler;
-    std::string m_text;
-    tools::GLibPtr<GSource> m_source;
+    std::string m_typed;  // of a line that has not ended yet
+    tools::GLibPtr<GSource> m_knob = m_loop.WhenReadable(STDIN_FILENO, [this] { ReadKnob(); });
 };
 
 struct EmulatorCommand {
@@ -219,22 +199,15 @@ struct EmulatorCommand {
     int Run(const std::string& /*directory*/) const {
         std::signal(SIGTTIN, SIG_IGN);  // a read from the terminal then fails in the background
         tools::MainLoop loop;
-        Emulator emulator(loop, PEERS.at(peer), volume, result);
-        const Lines knob(loop, STDIN_FILENO, [&](std::string line) {
-            if (const std::string error = tools::WholeNumber()(line); !error.empty()) {
-                tools::Complain(error);
-            } else {
-                emulator.Turn(std::stoi(line));
-            }
-        });
+        const Emulator emulator(loop, PEERS.at(peer), volume, result);
         return loop.RunUntilInterrupted();
     }
 };
 
 }  // namespace
 
-void AddEmulator(tools::CommandLine& line, const Options& options) {
-    AddCommand<EmulatorCommand>(line, options,
+void AddEmulator(tools::CommandLine& line, const std::string& directory) {
+    AddCommand<EmulatorCommand>(line, directory,
                                 {"emulator", DESCRIPTION, "kavrel-tv emulator bt --volume 20"});
 }
 

@@ -2,10 +2,11 @@
 // SPDX-License-Identifier: MIT
 #include "Platform.h"
 
-#include <glib.h>
+#include <json/reader.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <memory>
 #include <system_error>
 
 #include "Errors.h"
@@ -59,6 +60,96 @@ void ThrowIfFailed(const host::Error& error) {
         const std::string reason = std::generic_category().message(error.number);
         throw tools::ToolError(tools::EXIT_REFUSED, error.text.empty() ? reason : error.text);
     }
+}
+
+std::string ReadFile(const std::string& name) {
+    char* contents = nullptr;
+    gsize length = 0;
+    tools::GLibError error;
+    if (!g_file_get_contents(name.c_str(), &contents, &length, error)) {
+        throw tools::ToolError(tools::EXIT_REFUSED, tools::Printable(error->message));
+    }
+    const tools::GLibPtr<char> owner(contents);
+    return {contents, length};
+}
+
+const DeviceKind* OutputInUse::Device() const {
+    const Route* known = route ? FindRoute(route.value) : nullptr;
+    return known != nullptr ? known->device : nullptr;
+}
+
+Integer ReadInteger(const host::Value& value) {
+    Integer integer;
+    integer.error = host::Read(value, integer.value).number;
+    return integer;
+}
+
+Integer ReadFeature(const host::Value& feature) {
+    std::string text;
+    if (const host::Error error = host::Read(feature, text)) {
+        return {error.number};
+    }
+    return text == "true" || text == "false" ? Integer{0, text == "true" ? 1 : 0} : Integer{EINVAL};
+}
+
+bool HasFeature(const host::Value& feature) {
+    return ReadFeature(feature).value == 1;
+}
+
+Json::Value ReadMultiviewInfo() {
+    std::string text;
+    Json::Value info;
+    try {
+        if (!host::Read(host::MULTIVIEW_INFO, text)) {
+            const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+            reader->parse(text.data(), text.data() + text.size(), &info, nullptr);
+        }
+    } catch (const Json::Exception&) {
+        // The text is nested too deeply; the TV does not write that.
+    }
+    return info.isObject() ? info : Json::Value(Json::objectValue);
+}
+
+std::vector<Zone> ReadZones() {
+    std::vector<int> ids;
+    std::vector<Zone> zones;
+    if (!host::GetZones(ids)) {
+        std::transform(ids.begin(), ids.end(), std::back_inserter(zones), [](int id) {
+            return Zone{id, ReadInteger(host::ZoneRoute(id))};
+        });
+    }
+    return zones;
+}
+
+OutputInUse ReadOutput() {
+    const Integer focus = IsMultiviewOn() ? ReadInteger(host::FOCUS) : Integer{};
+    const Integer route = focus ? ReadInteger(host::ZoneRoute(focus.value)) : Integer{};
+    return route ? OutputInUse{route, focus.value} : OutputInUse{ReadInteger(host::ROUTE), std::nullopt};
+}
+
+std::map<std::string, Integer> ReadFeatures() {
+    std::map<std::string, Integer> features;
+    const fs::path folder = host::Root() / host::FEATURES;
+    std::error_code error;
+    for (fs::recursive_directory_iterator entry(folder, error);
+         !error && entry != fs::recursive_directory_iterator(); entry.increment(error)) {
+        std::error_code ignored;
+        const bool isValue = !entry->path().filename().string().starts_with('.');
+        if (isValue && entry->is_regular_file(ignored)) {
+            const std::string key = entry->path().lexically_relative(folder);
+            features[key] = ReadFeature(host::KeyValue(host::FEATURES, key));
+        }
+    }
+    return features;
+}
+
+bool IsMultiviewOn() {
+    return HasFeature(host::MULTIVIEW_FEATURE) && ReadMultiviewInfo()["mode"] == "on";
+}
+
+bool IsDone(const char* event) {
+    bool isDone = false;
+    return !host::Exists(host::EventValue(event), isDone) && isDone;
 }
 
 }  // namespace tv

@@ -1,7 +1,6 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
 #include <gio/gio.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -12,8 +11,8 @@
 #include "Commands.h"
 #include "Errors.h"
 #include "GLibPtr.h"
+#include "Platform.h"
 #include "Print.h"
-#include "ReadFile.h"
 #include "Recording.h"
 #include "Terminal.h"
 
@@ -124,16 +123,11 @@ std::string Script(const std::vector<Sample>& samples, const std::string& title)
 
 /** Runs the installer that ./run names; its messages go to standard error. */
 void InstallGnuplot() {
-    const char* const installer = g_getenv("KAVREL_INSTALL");
-    if (installer == nullptr || *installer == '\0') {
-        return;
-    }
-    const tools::GLibPtr<GSubprocessLauncher> launcher(g_subprocess_launcher_new(G_SUBPROCESS_FLAGS_NONE));
-    g_subprocess_launcher_take_stdout_fd(launcher.get(), dup(STDERR_FILENO));
-    const tools::GLibPtr<GSubprocess> process(
-        g_subprocess_launcher_spawn(launcher.get(), nullptr, installer, "gnuplot-nox", nullptr));
-    if (process != nullptr) {
-        g_subprocess_wait(process.get(), nullptr, nullptr);
+    const char* const script = R"([ -z "$KAVREL_INSTALL" ] || "$KAVREL_INSTALL" gnuplot-nox >&2)";
+    const tools::GLibPtr<GSubprocess> shell(
+        g_subprocess_new(G_SUBPROCESS_FLAGS_NONE, nullptr, "/bin/sh", "-c", script, nullptr));
+    if (shell != nullptr) {
+        g_subprocess_wait(shell.get(), nullptr, nullptr);
     }
 }
 
@@ -189,8 +183,8 @@ struct PlotCommand {
 
 }  // namespace
 
-void AddPlot(tools::CommandLine& line, const Options& options) {
-    AddCommand<PlotCommand>(line, options,
+void AddPlot(tools::CommandLine& line, const std::string& directory) {
+    AddCommand<PlotCommand>(line, directory,
                             {"plot",
                              "Draw a recording as an SVG picture\n\n"
                              "The picture has both gains above, volume and mute below, and a mark at each\n"

@@ -16,7 +16,6 @@
 #include "Print.h"
 #include "Recording.h"
 #include "Routes.h"
-#include "Snapshot.h"
 
 namespace tv {
 
@@ -138,8 +137,8 @@ struct RecordCommand {
 
 }  // namespace
 
-void AddRecord(tools::CommandLine& line, const Options& options) {
-    AddCommand<RecordCommand>(line, options,
+void AddRecord(tools::CommandLine& line, const std::string& directory) {
+    AddCommand<RecordCommand>(line, directory,
                               {"record",
                                "Record gains, volume and mute over time\n\n"
                                "The recording has comma-separated values, a line for each change: seconds,\n"

@@ -5,9 +5,9 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <cstdio>
 
 #include "Errors.h"
+#include "Print.h"
 
 namespace tv {
 
@@ -54,9 +54,7 @@ std::string RecordingHeader() {
 }
 
 std::string ToLine(const Sample& sample) {
-    std::array<char, 32> seconds = {};
-    std::snprintf(seconds.data(), seconds.size(), "%.6f", sample.seconds);
-    std::string line = seconds.data();
+    std::string line = tools::Formatted("%.6f", sample.seconds);
     for (const auto& value : sample.values) {
         line += ",";
         line += value ? std::to_string(*value) : "";

@@ -34,6 +34,7 @@ const std::array DEVICE_KINDS = {
 };
 const auto& [HDMI, OPTICAL, WIFI, BLUETOOTH, USB, AURACAST] = DEVICE_KINDS;
 
+/** By code. */
 const std::array<Route, 20> ROUTES = {{
     {0, "tv", "TV speaker", nullptr},
     {1, "optical", "optical receiver", &OPTICAL},
@@ -57,13 +58,6 @@ const std::array<Route, 20> ROUTES = {{
     {19, "auracast", "Auracast speaker", &AURACAST},
 }};
 
-template <typename Key>
-const Route* Find(Key Route::*key, const Key& wanted) {
-    const auto found =
-        std::find_if(ROUTES.begin(), ROUTES.end(), [&](const Route& route) { return route.*key == wanted; });
-    return found != ROUTES.end() ? &*found : nullptr;
-}
-
 }  // namespace
 
 std::span<const Route> Routes() {
@@ -75,16 +69,15 @@ std::span<const DeviceKind> DeviceKinds() {
 }
 
 const Route* FindRoute(int code) {
-    return Find(&Route::code, code);
-}
-
-const Route* FindRoute(std::string_view name) {
-    return Find(&Route::name, name);
+    return code >= 0 && code < static_cast<int>(ROUTES.size()) ? &ROUTES[static_cast<std::size_t>(code)]
+                                                               : nullptr;
 }
 
 CLI::Validator RouteCode() {
     const auto check = [](std::string& text) -> std::string {
-        if (const Route* named = FindRoute(text); named != nullptr) {
+        const auto named = std::find_if(ROUTES.begin(), ROUTES.end(),
+                                        [&text](const Route& route) { return route.name == text; });
+        if (named != ROUTES.end()) {
             text = std::to_string(named->code);
             return {};
         }

@@ -33,9 +33,8 @@ std::span<const Route> Routes();
 
 std::span<const DeviceKind> DeviceKinds();
 
-/** @return null for a code or name without an entry */
+/** @return null for a code without an entry */
 const Route* FindRoute(int code);
-const Route* FindRoute(std::string_view name);
 
 /** Accepts a route's name, which becomes its code, or any code. */
 CLI::Validator RouteCode();

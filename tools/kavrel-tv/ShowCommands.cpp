@@ -14,7 +14,6 @@
 #include "MainLoop.h"
 #include "Platform.h"
 #include "Print.h"
-#include "Snapshot.h"
 #include "Terminal.h"
 #include "View.h"
 
@@ -36,11 +35,10 @@ struct ShowCommand {
 
     int Run(const std::string& directory) const {
         OpenTv(directory);
-        const Snapshot now = ReadTv();
         if (asJson) {
-            tools::PrintJson(ToJson(now));
+            tools::PrintJson(ToJson());
         } else {
-            tools::Print(Draw(now, Bars::WITHOUT, tools::Style(), ColumnsOfOutput()));
+            tools::Print(Draw(Bars::WITHOUT, tools::Style(), tools::ColumnsOfOutput()));
         }
         return tools::EXIT_DONE;
     }
@@ -70,11 +68,10 @@ private:
     void Show() {
         m_next.reset();
         m_shown = Clock::now();
-        const Snapshot now = ReadTv();
         if (m_asJson) {
-            tools::PrintJson(ToJson(now));
+            tools::PrintJson(ToJson());
         } else {
-            m_screen->Show(Draw(now, Bars::WITH, m_style, ColumnsOfOutput()));
+            m_screen->Show(Draw(Bars::WITH, m_style, tools::ColumnsOfOutput()));
         }
     }
 
@@ -140,15 +137,15 @@ struct WatchCommand {
 
 }  // namespace
 
-void AddShowAndWatch(tools::CommandLine& line, const Options& options) {
+void AddShowAndWatch(tools::CommandLine& line, const std::string& directory) {
     AddCommand<ShowCommand>(
-        line, options,
+        line, directory,
         {"show",
          "Show the whole TV on one screen\n\n"
          "A setting that nobody has written yet is \"not set\"; a value that is not one of\n"
          "its kind is \"unreadable\".",
          "kavrel-tv show --json"});
-    AddCommand<WatchCommand>(line, options,
+    AddCommand<WatchCommand>(line, directory,
                              {"watch",
                               "Show the TV live, with bars, until Ctrl-C\n\n"
                               "The screen is drawn again after each change, at most 20 times a second.",

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -16,17 +17,12 @@
 #include "Platform.h"
 #include "Print.h"
 #include "Routes.h"
-#include "Snapshot.h"
 
 namespace fs = std::filesystem;
 
 namespace tv {
 
 namespace {
-
-CLI::Validator OnOrOff() {
-    return tools::OneOf({{"on", 1}, {"off", 0}});
-}
 
 /** Accepts the number of a zone, or none, which becomes -1. */
 CLI::Validator ZoneOrNone() {
@@ -64,55 +60,53 @@ void RequireZone(int zone) {
 
 // --- The verbs: AddOptions() binds the members to arguments, Act() changes the open TV
 
-/** Writes its argument to one value. */
-struct ValueVerb {
-    host::NamedValue value;
+/** A verb with one argument, which the validator makes a number. */
+struct NumberVerb {
     const char* argument;
     const char* description;
     CLI::Validator validator;
+    std::function<void(int number)> act;
     int number = 0;
 
     void AddOptions(CLI::App& command) {
         command.add_option(argument, number, description)->required()->transform(validator);
     }
-    void Act() const { Write(value, number); }
+    void Act() const { act(number); }
 };
 
-struct ProjectorVerb : ValueVerb {
-    void Act() const {
-        ValueVerb::Act();
-        if (!HasFeature(host::PROJECTOR_FEATURE)) {
-            tools::PrintLine(
-                "kavreld ignores the projector unless it started with the feature: "
-                "kavrel-tv feature projector on");
-        }
+std::function<void(int number)> Writer(const host::NamedValue& value) {
+    return [value](int number) { Write(value, number); };
+}
+
+void SetProjector(int isReady) {
+    Write(host::PROJECTOR_READY, isReady);
+    if (!HasFeature(host::PROJECTOR_FEATURE)) {
+        tools::PrintLine(
+            "kavreld ignores the projector unless it started with the feature: "
+            "kavrel-tv feature projector on");
     }
-};
+}
 
-struct FocusVerb : ValueVerb {
-    void Act() const {
-        RequireZone(number);
-        ValueVerb::Act();
+void SetFocus(int zone) {
+    RequireZone(zone);
+    Write(host::FOCUS, zone);
+}
+
+void SetMultiview(int on) {
+    Json::Value info = ReadMultiviewInfo();  // whose other members stay
+    info["mode"] = on != 0 ? "on" : "off";
+    Write(host::MULTIVIEW_INFO, tools::JsonLine(info));
+    if (on != 0 && !HasFeature(host::MULTIVIEW_FEATURE)) {
+        tools::PrintLine("kavreld ignores multi-view without the feature: kavrel-tv feature multiview on");
+    } else if (on != 0 && ReadZones().empty()) {
+        tools::PrintLine("there are no zones so far: kavrel-tv zones 1,2");
     }
-};
+}
 
-struct MultiviewVerb {
-    bool on = false;
-
-    void AddOptions(CLI::App& command) { command.add_option("STATE", on)->required()->transform(OnOrOff()); }
-
-    void Act() const {
-        Json::Value info = ReadMultiviewInfo();  // whose other members stay
-        info["mode"] = on ? "on" : "off";
-        Write(host::MULTIVIEW_INFO, tools::JsonLine(info));
-        if (on && !HasFeature(host::MULTIVIEW_FEATURE)) {
-            tools::PrintLine(
-                "kavreld ignores multi-view without the feature: kavrel-tv feature multiview on");
-        } else if (on && ReadZones().empty()) {
-            tools::PrintLine("there are no zones so far: kavrel-tv zones 1,2");
-        }
-    }
-};
+void SetPopup(int on) {
+    const host::Value popup = host::EventValue(host::POPUP_EVENT);
+    ThrowIfFailed(on != 0 ? host::Write(popup, "done") : host::Remove(popup));
+}
 
 class ZonesVerb {
 public:
@@ -211,23 +205,12 @@ struct FeatureVerb {
             ->transform(Key({{"internal-speaker", host::INTERNAL_SPEAKER_FEATURE.Key()},
                              {"multiview", host::MULTIVIEW_FEATURE.Key()},
                              {"projector", host::PROJECTOR_FEATURE.Key()}}));
-        command.add_option("STATE", on)->required()->transform(OnOrOff());
+        command.add_option("STATE", on)->required()->transform(tools::OneOf({{"on", 1}, {"off", 0}}));
     }
 
     void Act() const {
         Write(host::KeyValue(host::FEATURES, key), std::string(on ? "true" : "false"));
         tools::PrintLine("kavreld reads the features only when it starts");
-    }
-};
-
-struct PopupVerb {
-    bool on = false;
-
-    void AddOptions(CLI::App& command) { command.add_option("STATE", on)->required()->transform(OnOrOff()); }
-
-    void Act() const {
-        const host::Value popup = host::EventValue(host::POPUP_EVENT);
-        ThrowIfFailed(on ? host::Write(popup, "done") : host::Remove(popup));
     }
 };
 
@@ -279,52 +262,56 @@ void Add(const AddVerb& add, const About& about, const Verb& initial = {}) {
 void AddVerbs(const AddVerb& add) {
     const std::string routes =
         "Switch the output of the single view\n\nThe routes by code, name and meaning:";
+    const CLI::Validator onOrOff = tools::OneOf({{"on", 1}, {"off", 0}});
     Add(add, {"route", routes + RouteTable(), "kavrel-tv route hdmi"},
-        ValueVerb{host::ROUTE, "ROUTE", "The route's code or name", RouteCode()});
-    Add<MultiviewVerb>(add, {"multiview", "Switch multi-view on or off", "kavrel-tv multiview on"});
+        NumberVerb{"ROUTE", "The route's code or name", RouteCode(), Writer(host::ROUTE)});
+    Add(add, {"multiview", "Switch multi-view on or off", "kavrel-tv multiview on"},
+        NumberVerb{"STATE", "", onOrOff, SetMultiview});
     Add<ZonesVerb>(add, {"zones",
                          "Divide the screen into these zones\n\n"
                          "A new zone gets the route of the output in use; the others keep theirs. The\n"
                          "focus moves away from a zone that goes.",
                          "kavrel-tv zones 1,2,3"});
     Add(add, {"focus", "Give a zone the audio focus", "kavrel-tv focus 2"},
-        FocusVerb{{host::FOCUS, "ZONE", "The zone's number", tools::WholeNumber()}});
+        NumberVerb{"ZONE", "The zone's number", tools::WholeNumber(), SetFocus});
     Add<ZoneRouteVerb>(
         add, {"zone-route", "Switch the output of a zone\n\nkavrel-tv route --help lists the routes.",
               "kavrel-tv zone-route 2 bt"});
     Add(add, {"cable", "Plug the optical cable (S/PDIF) in or pull it out", "kavrel-tv cable out"},
-        ValueVerb{host::OPTICAL_CABLE, "STATE", "", tools::OneOf({{"in", 1}, {"out", 0}})});
+        NumberVerb{"STATE", "", tools::OneOf({{"in", 1}, {"out", 0}}), Writer(host::OPTICAL_CABLE)});
     Add(add, {"mobile", "Switch TV-to-mobile sound on or off", "kavrel-tv mobile on"},
-        ValueVerb{host::MOBILE_MIRRORING, "STATE", "", OnOrOff()});
+        NumberVerb{"STATE", "", onOrOff, Writer(host::MOBILE_MIRRORING)});
     Add(add,
         {"projector",
          "Make the projector ready or not ready\n\n"
          "kavreld ignores it unless the feature \"projector\" was on when it started.",
          "kavrel-tv projector not-ready"},
-        ProjectorVerb{{host::PROJECTOR_READY, "STATE", "", tools::OneOf({{"ready", 1}, {"not-ready", 0}})}});
+        NumberVerb{"STATE", "", tools::OneOf({{"ready", 1}, {"not-ready", 0}}), SetProjector});
     Add(add, {"sub-bt", "Give a zone a Bluetooth headset of its own, or none", "kavrel-tv sub-bt 2"},
-        ValueVerb{host::SUB_BLUETOOTH_ZONE, "ZONE", "The zone's number, or none", ZoneOrNone()});
+        NumberVerb{"ZONE", "The zone's number, or none", ZoneOrNone(), Writer(host::SUB_BLUETOOTH_ZONE)});
     Add<FeatureVerb>(add, {"feature",
                            "Switch a feature of the TV on or off\n\n"
                            "kavreld reads the features only when it starts. Three have a short name:\n"
                            "internal-speaker, multiview, projector.",
                            "kavrel-tv feature projector on"});
-    Add<PopupVerb>(add, {"popup",
-                         "Switch the popup of finished fade-ins on or off\n\n"
-                         "The TV shows popups once the boot event \"FadeInPopup\" is done.",
-                         "kavrel-tv popup on"});
+    Add(add,
+        {"popup",
+         "Switch the popup of finished fade-ins on or off\n\n"
+         "The TV shows popups once the boot event \"FadeInPopup\" is done.",
+         "kavrel-tv popup on"},
+        NumberVerb{"STATE", "", onOrOff, SetPopup});
     Add(add, {"volume", "Set the TV's master volume, as the remote control does", "kavrel-tv volume 30"},
-        ValueVerb{host::MASTER_VOLUME, "VOLUME", "0 to 100", tools::WholeNumber(0, 100)});
+        NumberVerb{"VOLUME", "0 to 100", tools::WholeNumber(0, 100), Writer(host::MASTER_VOLUME)});
     Add(add, {"mute", "Set the TV's master mute, as the remote control does", "kavrel-tv mute on"},
-        ValueVerb{host::MASTER_MUTE, "STATE", "", OnOrOff()});
+        NumberVerb{"STATE", "", onOrOff, Writer(host::MASTER_MUTE)});
     Add<KeyVerb>(add, {"key", "Print or write a setting",
                        "kavrel-tv key memory/sysman/spdif\nkavrel-tv key memory/sysman/spdif 1"});
 }
 
-void AddVerbs(tools::CommandLine& line, const Options& options) {
+void AddVerbs(tools::CommandLine& line, const std::string& directory) {
     AddVerbs([&](const About& about, const std::function<Change()>& parsed) -> CLI::App& {
-        return line.AddCommand(about.name, about.description, about.examples, [&options, parsed] {
-            OpenTv(options.directory);
+        return line.AddCommand(about.name, about.description, about.examples, [&directory, parsed] {
+            OpenTv(directory);
             parsed()();
             return tools::EXIT_DONE;
         });

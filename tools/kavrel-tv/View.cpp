@@ -3,14 +3,13 @@
 #include "View.h"
 
 #include <glib.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <limits>
 #include <string_view>
 #include <vector>
 
 #include "KavrelClient.h"
+#include "Platform.h"
 #include "Print.h"
 
 namespace tv {
@@ -39,6 +38,10 @@ struct Shapes {
 
 constexpr Shapes ASCII = {"|- ", "`- ", "|  ", "   ", "#", "."};
 constexpr Shapes BOXES = {"├─ ", "└─ ", "│  ", "   ", "█", "░"};
+
+const Shapes& ShapesOfCharset() {
+    return g_get_charset(nullptr) == TRUE ? BOXES : ASCII;
+}
 
 /** A line in pieces of one colour each. */
 class Line {
@@ -97,8 +100,7 @@ struct Node {
 /** Draws nodes below a line, all values below one another unless a label is longer than usual. */
 class Tree {
 public:
-    Tree(const Shapes& shapes, const tools::Style& style, int columns)
-        : m_shapes(shapes), m_style(style), m_columns(columns) {}
+    Tree(const tools::Style& style, int columns) : m_style(style), m_columns(columns) {}
 
     std::string Draw(const std::vector<Node>& nodes, const std::string& trunk = "",
                      std::size_t depth = 1) const {
@@ -122,7 +124,7 @@ public:
     }
 
 private:
-    const Shapes& m_shapes;
+    const Shapes& m_shapes = ShapesOfCharset();
     const tools::Style& m_style;
     const int m_columns;
 };
@@ -154,110 +156,109 @@ Line Described(const Integer& route) {
                 (known != nullptr ? ", " + std::string(known->words) : ""));
 }
 
-/** The nodes of one snapshot. */
-class Nodes {
-public:
-    Nodes(const Snapshot& tv, Bars bars, const Shapes& shapes) : m_tv(tv), m_bars(bars), m_shapes(shapes) {}
-
-    std::vector<Node> All() const { return {Output(), Sound(), Multiview(), Connections(), Features()}; }
-
-private:
-    Node Output() const {
-        Node output = {"output", Described(m_tv.output.route)};
-        if (m_tv.output.zone) {
-            output.value.Add(", of the zone in focus", FAINT);
-        }
-        if (m_tv.output.Device() != nullptr) {
-            output.children.push_back({"level", Volume(m_tv.device.level, m_tv.device.mute)});
-            const Integer& support = m_tv.device.support;
-            output.children.push_back(
-                {"can", support ? Line(tools::SupportInWords(support.value)) : NoValue(support)});
-        }
-        return output;
+Line Level(const Integer& level, Bars bars, std::string_view unit = "") {
+    if (!level) {
+        return NoValue(level);
     }
-
-    Node Sound() const {
-        return {"sound",
-                {},
-                {
-                    {"route", Described(m_tv.route)},
-                    {"volume", Volume(m_tv.volume, m_tv.mute)},
-                    {"main gain", Level(m_tv.mainGain, " %")},
-                    {"sub gain", Level(m_tv.subGain, " %")},
-                }};
-    }
-
-    Node Multiview() const {
-        Node node = {"multi-view", m_tv.multiview ? Line("on", GOOD) : Line("off")};
-        if (m_tv.zones.empty()) {
-            node.value.Add(", no zones", FAINT);
+    Line line;
+    if (bars == Bars::WITH) {
+        const Shapes& shapes = ShapesOfCharset();
+        const int filled = std::clamp(level.value, 0, 100) * BAR_WIDTH / 100;
+        for (int i = 0; i < BAR_WIDTH; ++i) {
+            line.Add(i < filled ? shapes.full : shapes.empty, i < filled ? FILLED : FAINT);
         }
-        const auto hasFocus = [&](const Zone& zone) { return m_tv.focus && m_tv.focus.value == zone.id; };
-        if (m_tv.focus && std::none_of(m_tv.zones.begin(), m_tv.zones.end(), hasFocus)) {
-            node.value.Add(", focus on zone " + std::to_string(m_tv.focus.value), NOTED);
-        } else if (!m_tv.focus && (!m_tv.focus.IsMissing() || !m_tv.zones.empty())) {
-            node.value.Add(", focus ").Add(NoValue(m_tv.focus));
-        }
-        for (const Zone& zone : m_tv.zones) {
-            Line line = Described(zone.route);
-            if (hasFocus(zone)) {
-                line.Add(", focus", GOOD);
-            }
-            if (m_tv.subBluetooth && m_tv.subBluetooth.value == zone.id) {
-                line.Add(", sub Bluetooth", NOTED);
-            }
-            node.children.push_back({"zone " + std::to_string(zone.id), line});
-        }
-        return node;
+        line.Add(" ");
     }
+    return line.Add(std::to_string(level.value), BOLD).Add(unit);
+}
 
-    Node Connections() const {
-        const Integer& zone = m_tv.subBluetooth;
-        const bool none = zone.IsMissing() || (zone && zone.value == -1);
-        const Line sub = zone ? Line("zone " + std::to_string(zone.value)) : NoValue(zone);
-        return {"connections",
-                {},
-                {
-                    {"cable", Switch(m_tv.cable, "out", "in").Add(" (S/PDIF)", FAINT)},
-                    {"mobile", Switch(m_tv.mobile, "off", "on").Add(" (TV to mobile)", FAINT)},
-                    {"sub-bt", none ? Line("none") : sub},
-                    {"projector", Switch(m_tv.projector, "not ready", "ready")},
-                    {"popup", Line(m_tv.popup ? "on" : "off", m_tv.popup ? GOOD : PLAIN)},
-                }};
+/** In one line: the whole TV, with zones and a device, is to fit into 24. */
+Line Volume(const host::Value& level, const host::Value& mute, Bars bars) {
+    return Level(ReadInteger(level), bars).Add(", mute ").Add(Mute(ReadInteger(mute)));
+}
+
+// --- The branches of the tree
+
+Node Output(Bars bars) {
+    const OutputInUse output = ReadOutput();
+    Node node = {"output", Described(output.route)};
+    if (output.zone) {
+        node.value.Add(", of the zone in focus", FAINT);
     }
+    if (const DeviceKind* device = output.Device(); device != nullptr) {
+        const Integer support = ReadInteger(device->support);
+        node.children = {
+            {"level", Volume(device->level, device->mute, bars)},
+            {"can", support ? Line(tools::SupportInWords(support.value)) : NoValue(support)},
+        };
+    }
+    return node;
+}
 
-    Node Features() const {
-        Node node = {"features", Line("(kavreld reads them when it starts)", FAINT)};
-        for (const auto& [key, value] : m_tv.features) {
-            node.children.push_back({tools::Printable(key), Switch(value, "off", "on")});
+Node Sound(Bars bars) {
+    return {"sound",
+            {},
+            {
+                {"route", Described(ReadInteger(host::ROUTE))},
+                {"volume", Volume(host::MASTER_VOLUME, host::MASTER_MUTE, bars)},
+                {"main gain", Level(ReadInteger(host::MAIN_OUT_GAIN), bars, " %")},
+                {"sub gain", Level(ReadInteger(host::SUB_OUT_GAIN), bars, " %")},
+            }};
+}
+
+Node Multiview() {
+    Node node = {"multi-view", IsMultiviewOn() ? Line("on", GOOD) : Line("off")};
+    const std::vector<Zone> zones = ReadZones();
+    const Integer focus = ReadInteger(host::FOCUS);
+    const Integer subBluetooth = ReadInteger(host::SUB_BLUETOOTH_ZONE);
+    if (zones.empty()) {
+        node.value.Add(", no zones", FAINT);
+    }
+    const auto hasFocus = [&](const Zone& zone) { return focus && focus.value == zone.id; };
+    if (focus && std::none_of(zones.begin(), zones.end(), hasFocus)) {
+        node.value.Add(", focus on zone " + std::to_string(focus.value), NOTED);
+    } else if (!focus && (!focus.IsMissing() || !zones.empty())) {
+        node.value.Add(", focus ").Add(NoValue(focus));
+    }
+    for (const Zone& zone : zones) {
+        Line line = Described(zone.route);
+        if (hasFocus(zone)) {
+            line.Add(", focus", GOOD);
         }
-        return node;
-    }
-
-    /** In one line: the whole TV, with zones and a device, is to fit into 24. */
-    Line Volume(const Integer& level, const Integer& mute) const {
-        return Level(level, "").Add(", mute ").Add(Mute(mute));
-    }
-
-    Line Level(const Integer& level, std::string_view unit) const {
-        if (!level) {
-            return NoValue(level);
+        if (subBluetooth && subBluetooth.value == zone.id) {
+            line.Add(", sub Bluetooth", NOTED);
         }
-        Line line;
-        if (m_bars == Bars::WITH) {
-            const int filled = std::clamp(level.value, 0, 100) * BAR_WIDTH / 100;
-            for (int i = 0; i < BAR_WIDTH; ++i) {
-                line.Add(i < filled ? m_shapes.full : m_shapes.empty, i < filled ? FILLED : FAINT);
-            }
-            line.Add(" ");
-        }
-        return line.Add(std::to_string(level.value), BOLD).Add(unit);
+        node.children.push_back({"zone " + std::to_string(zone.id), line});
     }
+    return node;
+}
 
-    const Snapshot& m_tv;
-    const Bars m_bars;
-    const Shapes& m_shapes;
-};
+Node Connections() {
+    const auto shown = [](const host::Value& value, std::string_view off, std::string_view on) {
+        return Switch(ReadInteger(value), off, on);
+    };
+    const Integer zone = ReadInteger(host::SUB_BLUETOOTH_ZONE);
+    const bool none = zone.IsMissing() || (zone && zone.value == -1);
+    const Line sub = zone ? Line("zone " + std::to_string(zone.value)) : NoValue(zone);
+    const bool popup = IsDone(host::POPUP_EVENT);
+    return {"connections",
+            {},
+            {
+                {"cable", shown(host::OPTICAL_CABLE, "out", "in").Add(" (S/PDIF)", FAINT)},
+                {"mobile", shown(host::MOBILE_MIRRORING, "off", "on").Add(" (TV to mobile)", FAINT)},
+                {"sub-bt", none ? Line("none") : sub},
+                {"projector", shown(host::PROJECTOR_READY, "not ready", "ready")},
+                {"popup", Line(popup ? "on" : "off", popup ? GOOD : PLAIN)},
+            }};
+}
+
+Node Features() {
+    Node node = {"features", Line("(kavreld reads them when it starts)", FAINT)};
+    for (const auto& [key, value] : ReadFeatures()) {
+        node.children.push_back({tools::Printable(key), Switch(value, "off", "on")});
+    }
+    return node;
+}
 
 // --- JSON: null for an integer that is missing or cannot be read
 
@@ -278,59 +279,61 @@ Json::Value ToJsonRoute(const Integer& route) {
     return json;
 }
 
-Json::Value ToJsonOutput(const Snapshot& tv) {
+Json::Value ToJsonOutput(const OutputInUse& output) {
     Json::Value json;
-    json["route"] = ToJsonRoute(tv.output.route);
-    json["zone"] = tv.output.zone ? Json::Value(*tv.output.zone) : Json::Value();
+    json["route"] = ToJsonRoute(output.route);
+    json["zone"] = output.zone ? Json::Value(*output.zone) : Json::Value();
     Json::Value& device = json["device"];
-    if (const DeviceKind* kind = tv.output.Device(); kind != nullptr) {
+    if (const DeviceKind* kind = output.Device(); kind != nullptr) {
         device["kind"] = std::string(kind->name);
-        device["support"] = ToJson(tv.device.support);
-        device["level"] = ToJson(tv.device.level);
-        device["mute"] = ToJsonSwitch(tv.device.mute);
+        device["support"] = ToJson(ReadInteger(kind->support));
+        device["level"] = ToJson(ReadInteger(kind->level));
+        device["mute"] = ToJsonSwitch(ReadInteger(kind->mute));
     }
     return json;
 }
 
 }  // namespace
 
-std::string Draw(const Snapshot& tv, Bars bars, const tools::Style& style, int columns) {
-    const Shapes& shapes = g_get_charset(nullptr) == TRUE ? BOXES : ASCII;
+std::string Draw(Bars bars, const tools::Style& style, int columns) {
+    const bool isReady = IsDone(host::READY_EVENT);
     Line title("TV", BOLD);
-    title.Add(" in " + tools::Printable(tv.directory) + ", kavreld ");
-    title.Add(tv.ready ? "ready" : "not ready", tv.ready ? GOOD : NOTED);
-    return title.Render(style, columns) + Tree(shapes, style, columns).Draw(Nodes(tv, bars, shapes).All());
+    title.Add(" in " + tools::Printable(host::Root().string()) + ", kavreld ");
+    title.Add(isReady ? "ready" : "not ready", isReady ? GOOD : NOTED);
+    return title.Render(style, columns) +
+           Tree(style, columns).Draw({Output(bars), Sound(bars), Multiview(), Connections(), Features()});
 }
 
-int ColumnsOfOutput() {
-    return isatty(STDOUT_FILENO) == 1 ? tools::SizeOfTerminal().columns : std::numeric_limits<int>::max();
-}
-
-Json::Value ToJson(const Snapshot& tv) {
+Json::Value ToJson() {
     Json::Value json;
-    json["directory"] = tools::Printable(tv.directory);
-    json["ready"] = tv.ready;
-    json["output"] = ToJsonOutput(tv);
-    json["route"] = ToJsonRoute(tv.route);
-    json["multiview"] = tv.multiview;
+    json["directory"] = tools::Printable(host::Root().string());
+    json["ready"] = IsDone(host::READY_EVENT);
+    json["output"] = ToJsonOutput(ReadOutput());
+    json["route"] = ToJsonRoute(ReadInteger(host::ROUTE));
+    json["multiview"] = IsMultiviewOn();
     json["zones"] = Json::Value(Json::arrayValue);
-    for (const Zone& zone : tv.zones) {
+    for (const Zone& zone : ReadZones()) {
         Json::Value& item = json["zones"].append({});
         item["id"] = zone.id;
         item["route"] = ToJsonRoute(zone.route);
     }
-    json["focus"] = ToJson(tv.focus);
-    json["volume"] = ToJson(tv.volume);
-    json["mute"] = ToJsonSwitch(tv.mute);
-    json["main_gain"] = ToJson(tv.mainGain);
-    json["sub_gain"] = ToJson(tv.subGain);
-    json["cable"] = ToJsonSwitch(tv.cable);
-    json["mobile"] = ToJsonSwitch(tv.mobile);
-    json["projector"] = ToJsonSwitch(tv.projector);
-    json["sub_bt"] = ToJson(tv.subBluetooth.value != -1 ? tv.subBluetooth : Integer());
-    json["popup"] = tv.popup;
+    for (const auto& [key, value] : {std::pair("focus", host::FOCUS),
+                                     {"volume", host::MASTER_VOLUME},
+                                     {"main_gain", host::MAIN_OUT_GAIN},
+                                     {"sub_gain", host::SUB_OUT_GAIN}}) {
+        json[key] = ToJson(ReadInteger(value));
+    }
+    for (const auto& [key, value] : {std::pair("mute", host::MASTER_MUTE),
+                                     {"cable", host::OPTICAL_CABLE},
+                                     {"mobile", host::MOBILE_MIRRORING},
+                                     {"projector", host::PROJECTOR_READY}}) {
+        json[key] = ToJsonSwitch(ReadInteger(value));
+    }
+    const Integer subBluetooth = ReadInteger(host::SUB_BLUETOOTH_ZONE);
+    json["sub_bt"] = ToJson(subBluetooth.value != -1 ? subBluetooth : Integer());
+    json["popup"] = IsDone(host::POPUP_EVENT);
     json["features"] = Json::Value(Json::objectValue);
-    for (const auto& [key, value] : tv.features) {
+    for (const auto& [key, value] : ReadFeatures()) {
         json["features"][tools::Printable(key)] = ToJsonSwitch(value);
     }
     return json;

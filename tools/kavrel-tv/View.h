@@ -8,22 +8,18 @@
 
 #include <string>
 
-#include "Snapshot.h"
 #include "Terminal.h"
 
 namespace tv {
 
 enum class Bars { WITHOUT, WITH };
 
-/** A tree with a line for each value and what it means, each line cut at the last column.
+/** The open TV as a tree with a line for each value and what it means, each line cut at the last column.
  *  @param bars whether volumes and gains are drawn, too */
-std::string Draw(const Snapshot& tv, Bars bars, const tools::Style& style, int columns);
-
-/** @return as many as there may be where standard output is not a terminal */
-int ColumnsOfOutput();
+std::string Draw(Bars bars, const tools::Style& style, int columns);
 
 /** The same facts; a value that is missing or cannot be read is null. */
-Json::Value ToJson(const Snapshot& tv);
+Json::Value ToJson();
 
 }  // namespace tv
 

@@ -19,18 +19,18 @@ Colours appear only on a terminal and only without NO_COLOR.)";
 int main(int argc, char** argv) {
     std::setlocale(LC_CTYPE, "");  // NOLINT(concurrency-mt-unsafe): there is no other thread yet
     tools::CommandLine line("kavrel-tv", "Play the rest of the TV on the TV directory.", FOOTER);
-    tv::Options options;
+    std::string directory = "/run/kavrel";
     line.App()
-        .add_option("--dir", options.directory, "Name the TV directory (default: /run/kavrel)")
+        .add_option("--dir", directory, "Name the TV directory (default: /run/kavrel)")
         ->type_name("DIR")
         ->envname("KAVREL_TV_DIR");
     line.App().fallthrough();
-    tv::AddShowAndWatch(line, options);
-    tv::AddVerbs(line, options);
-    tv::AddDevices(line, options);
-    tv::AddEmulator(line, options);
-    tv::AddPlayAndTour(line, options);
-    tv::AddRecord(line, options);
-    tv::AddPlot(line, options);
+    tv::AddShowAndWatch(line, directory);
+    tv::AddVerbs(line, directory);
+    tv::AddDevices(line, directory);
+    tv::AddEmulator(line, directory);
+    tv::AddPlayAndTour(line, directory);
+    tv::AddRecord(line, directory);
+    tv::AddPlot(line, directory);
     return line.Run(argc, argv);
 }

@@ -3,10 +3,6 @@
 #include "CallWatch.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
-
-#include "Print.h"
 
 namespace ctl {
 
@@ -19,17 +15,18 @@ struct Answer {
 };
 
 Answer AnswerOf(const Call& call) {
-    const bool isKavrels = call.interface == tools::KAVREL_INTERFACE;
-    if (call.end != Call::End::ANSWERED || !isKavrels || call.answer == nullptr) {
-        return {};
-    }
+    const auto has = [&call](const char* type) {
+        return call.answer != nullptr &&
+               g_variant_is_of_type(call.answer.get(), G_VARIANT_TYPE(type)) == TRUE;
+    };
+    const bool isKavrels = call.end == Call::End::ANSWERED && call.interface == tools::KAVREL_INTERFACE;
     gint32 first = 0;
     gint32 second = 0;
-    if (g_variant_is_of_type(call.answer.get(), G_VARIANT_TYPE("(ii)"))) {
+    if (isKavrels && has("(ii)")) {
         g_variant_get(call.answer.get(), "(ii)", &first, &second);
         return {first, second};
     }
-    if (g_variant_is_of_type(call.answer.get(), G_VARIANT_TYPE("(i)"))) {
+    if (isKavrels && has("(i)")) {
         g_variant_get(call.answer.get(), "(i)", &first);
         return {std::nullopt, first};
     }
@@ -54,16 +51,16 @@ std::string Listed(GVariant* tuple) {
 }
 
 Json::Value InJson(GVariant* value) {
-    if (g_variant_is_of_type(value, G_VARIANT_TYPE_INT32)) {
-        return g_variant_get_int32(value);
+    switch (g_variant_classify(value)) {
+        case G_VARIANT_CLASS_INT32:
+            return g_variant_get_int32(value);
+        case G_VARIANT_CLASS_BOOLEAN:
+            return g_variant_get_boolean(value) == TRUE;
+        case G_VARIANT_CLASS_STRING:
+            return g_variant_get_string(value, nullptr);
+        default:
+            return tools::Printed(value);
     }
-    if (g_variant_is_of_type(value, G_VARIANT_TYPE_BOOLEAN)) {
-        return g_variant_get_boolean(value) == TRUE;
-    }
-    if (g_variant_is_of_type(value, G_VARIANT_TYPE_STRING)) {
-        return g_variant_get_string(value, nullptr);
-    }
-    return tools::Printed(value);
 }
 
 template <typename T>
@@ -76,9 +73,7 @@ double Milliseconds(const Call& call) {
 }
 
 std::string Duration(const Call& call) {
-    std::array<char, 32> text = {};
-    std::snprintf(text.data(), text.size(), "%.1f ms", Milliseconds(call));
-    return text.data();
+    return tools::Formatted("%.1f ms", Milliseconds(call));
 }
 
 /** The program's name without its folder, if it is known. */

@@ -2,14 +2,8 @@
 // SPDX-License-Identifier: MIT
 #include "CallWatch.h"
 
-#include <sys/eventfd.h>
-#include <unistd.h>
-
-#include <deque>
 #include <fstream>
 #include <iterator>
-#include <mutex>
-#include <system_error>
 
 #include "Errors.h"
 
@@ -17,7 +11,8 @@ namespace ctl {
 
 namespace {
 
-constexpr const char* BUS_NAME = "org.freedesktop.DBus";
+constexpr tools::Destination MONITORING = {"org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                           "org.freedesktop.DBus.Monitoring"};
 
 /** The daemon's calls, their answers and errors (some errors come from the bus), and connections that join or
  *  leave the bus. */
@@ -57,42 +52,12 @@ std::vector<std::string> CommandOf(unsigned process) {
 }  // namespace
 
 struct CallWatch::Message {
+    /** Empty once the object has ended; only the main loop looks. */
+    std::weak_ptr<CallWatch*> watch;
     tools::GLibPtr<GDBusMessage> message;
     tools::WallTime wallTime;
     /** Microseconds of the monotonic clock. */
     std::int64_t time;
-};
-
-/** Takes messages from the connection's thread to the main loop. */
-struct CallWatch::Inbox {
-    Inbox() : bell(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-        if (bell < 0) {
-            throw std::system_error(errno, std::generic_category(), "eventfd");
-        }
-    }
-    ~Inbox() { close(bell); }
-    Inbox(const Inbox&) = delete;
-    Inbox& operator=(const Inbox&) = delete;
-
-    void Put(Message message) {
-        {
-            const std::lock_guard lock(mutex);
-            messages.push_back(std::move(message));
-        }
-        eventfd_write(bell, 1);
-    }
-    std::deque<Message> TakeAll() {
-        eventfd_t rings = 0;
-        eventfd_read(bell, &rings);
-        const std::lock_guard lock(mutex);
-        return std::exchange(messages, {});
-    }
-
-    /** Readable while there may be messages. */
-    const int bell;
-    std::mutex mutex;
-    /** Guarded by mutex. */
-    std::deque<Message> messages;
 };
 
 CallWatch::CallWatch(tools::MainLoop& loop, const tools::KavrelClient& client, tools::Timeout timeout,
@@ -102,49 +67,51 @@ CallWatch::CallWatch(tools::MainLoop& loop, const tools::KavrelClient& client, t
       m_timeout(timeout),
       m_seen(std::move(seen)),
       m_monitor(timeout),
-      m_inbox(std::make_shared<Inbox>()) {
-    BecomeMonitor();
+      m_self(std::make_shared<CallWatch*>(this)),
+      m_filter(AddFilter()) {
+    tools::GLibError error;
+    const tools::Variant reply =
+        m_monitor.Call(MONITORING, "BecomeMonitor",
+                       g_variant_new("(@asu)", g_variant_new_strv(RULES, std::size(RULES)), 0U), "()", error);
+    if (reply == nullptr) {
+        g_dbus_connection_remove_filter(m_monitor.Connection(), m_filter);
+        throw tools::ToolError(tools::EXIT_UNREACHABLE,
+                               std::string("the bus does not let this user see calls: ") + error->message);
+    }
     m_monitor.EndWithBus(loop);
-    m_mail = loop.WhenReadable(m_inbox->bell, [this] {
-        for (const Message& message : m_inbox->TakeAll()) {
-            OnMessage(message);
-        }
-    });
 }
 
 CallWatch::~CallWatch() {
     g_dbus_connection_remove_filter(m_monitor.Connection(), m_filter);
 }
 
-void CallWatch::BecomeMonitor() {
-    // The filter may still run on the connection's thread when it has been removed: it owns the inbox, too.
-    auto inbox = std::make_unique<std::shared_ptr<Inbox>>(m_inbox);
-    const auto release = [](void* data) {
-        const std::unique_ptr<std::shared_ptr<Inbox>> released(static_cast<std::shared_ptr<Inbox>*>(data));
-    };
-    m_filter = g_dbus_connection_add_filter(m_monitor.Connection(), Filter, inbox.release(), release);
-    tools::GLibError error;
-    const int timeout = m_timeout ? static_cast<int>(m_timeout->count()) : G_MAXINT;
-    const tools::Variant reply(g_dbus_connection_call_sync(
-        m_monitor.Connection(), BUS_NAME, "/org/freedesktop/DBus", "org.freedesktop.DBus.Monitoring",
-        "BecomeMonitor", g_variant_new("(@asu)", g_variant_new_strv(RULES, std::size(RULES)), 0U), nullptr,
-        G_DBUS_CALL_FLAGS_NONE, timeout, nullptr, error));
-    if (reply == nullptr) {
-        g_dbus_connection_remove_filter(m_monitor.Connection(), m_filter);
-        throw tools::ToolError(tools::EXIT_UNREACHABLE,
-                               std::string("the bus does not let this user see calls: ") + error->message);
-    }
+guint CallWatch::AddFilter() {
+    using Watch = std::weak_ptr<CallWatch*>;  // the filter may run once more after its removal
+    const auto release = [](void* watch) { const std::unique_ptr<Watch> owner(static_cast<Watch*>(watch)); };
+    auto watch = std::make_unique<Watch>(m_self);
+    return g_dbus_connection_add_filter(m_monitor.Connection(), Filter, watch.release(), release);
 }
 
+/** Runs on the connection's thread, and passes the messages to the main loop. */
 GDBusMessage* CallWatch::Filter(GDBusConnection* connection, GDBusMessage* message, gboolean isIncoming,
-                                void* inbox) {
+                                void* watch) {
     const std::string to = Text(g_dbus_message_get_destination(message));
     if (!isIncoming || to == g_dbus_connection_get_unique_name(connection)) {
         return message;
     }
-    (*static_cast<std::shared_ptr<Inbox>*>(inbox))
-        ->Put({tools::GLibPtr<GDBusMessage>(message), tools::Now(), g_get_monotonic_time()});
+    auto passed = std::make_unique<Message>(Message{*static_cast<std::weak_ptr<CallWatch*>*>(watch),
+                                                    tools::GLibPtr<GDBusMessage>(message), g_get_real_time(),
+                                                    g_get_monotonic_time()});
+    g_idle_add_full(G_PRIORITY_DEFAULT, Receive, passed.release(), nullptr);
     return nullptr;  // so that GLib does not answer a call that is meant for the daemon
+}
+
+gboolean CallWatch::Receive(void* data) {
+    const std::unique_ptr<Message> message(static_cast<Message*>(data));
+    if (const auto watch = message->watch.lock()) {
+        (*watch)->m_loop.Guard([&] { (*watch)->OnMessage(*message); });
+    }
+    return G_SOURCE_REMOVE;
 }
 
 void CallWatch::OnMessage(const Message& message) {
@@ -164,7 +131,7 @@ void CallWatch::OnMessage(const Message& message) {
 void CallWatch::OnCall(const Message& message) {
     GDBusMessage* raw = message.message.get();
     const std::string sender = Text(g_dbus_message_get_sender(raw));
-    if (sender == g_dbus_connection_get_unique_name(m_client.Connection())) {
+    if (sender == m_client.UniqueName()) {
         return;
     }
     Pending pending;

@@ -15,10 +15,10 @@
 #include <utility>
 #include <vector>
 
-#include "Clock.h"
 #include "GLibPtr.h"
 #include "KavrelClient.h"
 #include "MainLoop.h"
+#include "Print.h"
 
 namespace ctl {
 
@@ -74,7 +74,6 @@ public:
     CallWatch& operator=(const CallWatch&) = delete;
 
 private:
-    struct Inbox;
     struct Message;
     /** Unique name of the caller, serial of the call. */
     using Key = std::pair<std::string, guint32>;
@@ -84,9 +83,10 @@ private:
         tools::GLibPtr<GSource> limit;
     };
 
+    guint AddFilter();
     static GDBusMessage* Filter(GDBusConnection* connection, GDBusMessage* message, gboolean isIncoming,
-                                void* inbox);
-    void BecomeMonitor();
+                                void* watch);
+    static gboolean Receive(void* data);
     void OnMessage(const Message& message);
     void OnCall(const Message& message);
     void OnReply(const Message& message);
@@ -99,9 +99,8 @@ private:
     const tools::Timeout m_timeout;
     const Seen m_seen;
     tools::KavrelClient m_monitor;
-    std::shared_ptr<Inbox> m_inbox;
-    tools::GLibPtr<GSource> m_mail;
-    guint m_filter = 0;
+    const std::shared_ptr<CallWatch*> m_self;
+    const guint m_filter;
     std::map<Key, Pending> m_pending;
     std::map<std::string, Caller> m_callers;
 };

@@ -1,7 +1,5 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-#include <unistd.h>
-
 #include <map>
 #include <memory>
 #include <optional>
@@ -10,7 +8,6 @@
 #include "CallWatch.h"
 #include "Errors.h"
 #include "MainLoop.h"
-#include "Print.h"
 #include "Property.h"
 #include "Terminal.h"
 #include "Tool.h"
@@ -175,7 +172,7 @@ private:
 
     /** Prints one line: the words, or the fields together with the event's name and time. */
     void PrintEvent(const char* event, const std::string& words, Json::Value fields,
-                    tools::WallTime time = tools::Now()) const {
+                    tools::WallTime time = g_get_real_time()) const {
         if (m_options.asJson) {
             fields["event"] = event;
             fields["time"] = tools::Timestamp(time);
@@ -183,10 +180,8 @@ private:
             return;
         }
         const std::string when = tools::TimeOfDay(time) + "  ";
-        const int room = tools::SizeOfTerminal().columns - static_cast<int>(when.size() + EVENT_WIDTH);
-        const bool isForPeople = isatty(STDOUT_FILENO) == 1;
-        tools::PrintLine(m_style.Dim(when) + Title(event) +
-                         (isForPeople ? tools::Clipped(words, room) : words));
+        const int room = tools::ColumnsOfOutput() - static_cast<int>(when.size() + EVENT_WIDTH);
+        tools::PrintLine(m_style.Dim(when) + Title(event) + tools::Clipped(words, room));
     }
 
     std::string Title(const std::string& event) const {

@@ -27,8 +27,8 @@ constexpr double MOST_SECONDS = 1e6;
 
 }  // namespace
 
-Tool::Tool() : m_line("kavrelctl", "Read, set and watch the TV's volume, mute and gains.", FOOTER) {
-    AddTimeout(m_line.App());
+Tool::Tool() : CommandLine("kavrelctl", "Read, set and watch the TV's volume, mute and gains.", FOOTER) {
+    AddTimeout(App());
 }
 
 tools::Timeout Tool::Timeout() const {

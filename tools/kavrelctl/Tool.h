@@ -12,7 +12,7 @@
 namespace ctl {
 
 /** The command line of kavrelctl, with the option that all commands share. */
-class Tool {
+class Tool : public tools::CommandLine {
 public:
     Tool();
 
@@ -25,15 +25,10 @@ public:
     void Add(const char* name, const char* description, const char* example, CLI::App* group = nullptr) {
         const auto command = std::make_shared<Command>();
         const auto run = [this, command] { return command->Run(*this); };
-        CLI::App& app = m_line.AddCommand(name, description, example, run, group);
+        CLI::App& app = AddCommand(name, description, example, run, group);
         AddTimeout(app);
         command->AddArguments(app);
     }
-    CLI::App& AddGroup(const char* name, const char* description, const char* example) {
-        return m_line.AddGroup(name, description, example);
-    }
-
-    int Run(int argc, char** argv) { return m_line.Run(argc, argv); }
 
     /** The time limit of each call that the user asked for. */
     tools::Timeout Timeout() const;
@@ -43,7 +38,6 @@ public:
 private:
     void AddTimeout(CLI::App& command);
 
-    tools::CommandLine m_line;
     double m_seconds = 5;
 };
 
