@@ -84,14 +84,14 @@ struct OpenedTv {
 };
 
 /** Never destroyed: the platform thread may outlive main(). */
-const OpenedTv& Tv() {
+const OpenedTv& Opened() {
     static const OpenedTv& tv = *std::make_unique<OpenedTv>().release();
     return tv;
 }
 
 /** Null, with errno, while the directory is missing or unusable. */
 std::shared_ptr<Tree> OpenedTree() {
-    Tv();
+    Opened();
     return Tree::Current();
 }
 
@@ -124,17 +124,17 @@ Error MakeError(std::string_view action, std::string_view subject, int number) {
 }
 
 const fs::path& Root() {
-    Tv();
+    Opened();
     static const fs::path& root = *std::make_unique<fs::path>(TreePath()).release();
     return root;
 }
 
 const Error& OpenTv() {
-    return Tv().error;
+    return Opened().error;
 }
 
 const std::string& TvWarning() {
-    return Tv().warning;
+    return Opened().warning;
 }
 
 bool IsKey(std::string_view key) {
