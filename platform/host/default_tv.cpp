@@ -76,7 +76,7 @@ Error Fill(Tree& tree) {
 
 /**
  * Several processes may start at once, and none waits for another: each that finds the directory empty, or the
- * mark of a process that is filling it or was killed over it, makes what is missing and replaces nothing. So no
+ * mark of a process that is filling it or was killed meanwhile, makes what is missing and replaces nothing. So no
  * process goes on with half a TV, and none overwrites what another has set since.
  */
 Error FillIfEmpty(Tree& tree) {

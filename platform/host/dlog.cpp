@@ -71,7 +71,7 @@ Style FindStyle() {
     return isatty(STDERR_FILENO) == 1 ? Style::TERMINAL : Style::PLAIN;
 }
 
-/** A line in the making. What does not fit is cut, and the line then ends in three dots. */
+/** Builds a line. It cuts a text that does not fit, and ends it in three dots. */
 class Line {
 public:
     Line(Style style, const Marks& marks) {

@@ -85,7 +85,7 @@ void RemoveOwnFolderOfNobody(const FileDescriptor& all, const std::string& name)
     unlinkat(all.Get(), name.c_str(), AT_REMOVEDIR);
 }
 
-/** A writer without an own folder locks its unfinished file. */
+/** A writer that has no folder of its own locks its unfinished file. */
 void RemoveFileOfNobody(const FileDescriptor& folder, const std::string& name) {
     const FileDescriptor file(
         openat(folder.Get(), name.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
@@ -113,7 +113,7 @@ const std::string& UniqueName() {
     static const std::string& name = *[] {
         std::uint32_t random = 0;
         if (getrandom(&random, sizeof(random), GRND_NONBLOCK) != sizeof(random)) {
-            random = 0;  // too early in the boot; the process id has to do
+            random = 0;  // too early in the boot: the process id alone makes the name
         }
         return std::make_unique<std::string>(std::to_string(getpid()) + '-' + std::to_string(random))
             .release();

@@ -44,7 +44,7 @@ std::optional<std::vector<Entry>> List(const FileDescriptor& folder);
 /** KAVREL_TV_DIR, else /run/kavrel, absolute. */
 const std::string& TreePath();
 
-/** The TV directory that was found under its name; it stays open until the last user lets go of it. */
+/** The TV directory that was found under its name; it stays open while a pointer to it exists. */
 class Tree {
 public:
     /** The directory that the name leads to now; null, with errno, if there is none. Costs one system call. */

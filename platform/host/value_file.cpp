@@ -71,7 +71,7 @@ int Place(int folder, const std::string& temporary, const Target& target) {
     return error;
 }
 
-/** In the own folder. @return the errno, or 0; EXDEV if the own folder does not serve */
+/** Writes in the own folder. @return the errno, or 0; EXDEV if files cannot be renamed from there into place */
 int WriteAside(const FileDescriptor& own, const Target& target, std::string_view text) {
     static std::atomic<unsigned int> count = 0;
     const std::string temporary = std::to_string(++count);
@@ -87,7 +87,7 @@ int WriteAside(const FileDescriptor& own, const Target& target, std::string_view
     return Place(own.Get(), temporary, target);
 }
 
-/** In the value's folder. @return the errno, or 0; EAGAIN if a process that starts took it for a leftover */
+/** Writes in the value's folder. @return the errno, or 0; EAGAIN if a starting process removed the file as a leftover */
 int WriteBeside(const Target& target, std::string_view text) {
     const std::string temporary = TemporaryName();
     const FileDescriptor file(openat(target.folder, temporary.c_str(), TO_MAKE, 0666));

@@ -14,7 +14,7 @@ namespace host {
  */
 int WriteAll(int fd, std::string_view text);
 
-/** The same for the signal that comes with a write to a pipe without a reader. */
+/** Makes the process ignore the signal of a write to a pipe without a reader, unless it handles that signal. */
 void IgnorePipeSignal();
 
 }  // namespace host

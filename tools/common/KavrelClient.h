@@ -87,7 +87,7 @@ public:
     /** The unique name of the owner of the daemon's name; empty if there is none.
      *  @throws ToolError without a bus */
     std::string Owner() const;
-    /** The same. @throws ToolError if there is no owner, too */
+    /** Returns the unique name of the owner, too. @throws ToolError without a bus or an owner */
     std::string RequireOwner() const;
     /** Process id of a connection to the bus; nothing if it has gone. */
     std::optional<unsigned> ProcessOf(const std::string& name) const;

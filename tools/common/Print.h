@@ -17,8 +17,8 @@
 
 namespace tools {
 
-/** Calls this several times a second while a reader does not take what is written, so that what it throws
- *  ends the waiting; empty: nothing. */
+/** Sets the function that a write calls several times a second while it waits for a slow reader; an exception of
+ *  the function ends the wait. An empty function removes it. */
 void WhileStalled(std::function<void()> look);
 
 /** Writes to standard output, unbuffered.
@@ -51,9 +51,9 @@ std::string Formatted(const char* format, Number number) {
 
 std::string Joined(const std::vector<std::string>& parts, std::string_view between = " ");
 
-/** Text of others, fit for a terminal: every control character, and what is not UTF-8, as "?". */
+/** Makes a foreign text safe for a terminal: each control character and each byte outside of UTF-8 becomes "?". */
 std::string Printable(std::string_view text);
-/** The same between double quotes. */
+/** Returns Printable() text between double quotes. */
 std::string Quoted(std::string_view text);
 
 }  // namespace tools

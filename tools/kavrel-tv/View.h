@@ -18,7 +18,7 @@ enum class Bars { WITHOUT, WITH };
  *  @param bars whether volumes and gains are drawn, too */
 std::string Draw(Bars bars, const tools::Style& style, int columns);
 
-/** The same facts; a value that is missing or cannot be read is null. */
+/** Returns the facts of the tree; a value that is missing or cannot be read is null. */
 Json::Value ToJson();
 
 }  // namespace tv

@@ -52,7 +52,7 @@ struct Call {
 
 /** "SetSpeakerVolume(30) -> 0, 0.4 ms, by kavrelctl volume 30 (pid 4711)". */
 std::string InWords(const Call& call);
-/** The same as fields; what is not known is null. */
+/** Returns the call as fields of a JSON object; an unknown one is null. */
 Json::Value InJson(const Call& call);
 
 /**
