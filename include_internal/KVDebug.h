@@ -49,12 +49,12 @@ struct CallSite {
  *  search for lines 53 and 58 of this file: keep the two log calls there. */
 class CALLTRACKER {
 public:
-    explicit CALLTRACKER(const char* function) : m_function(function) {
+    [[gnu::noinline]] explicit CALLTRACKER(const char* function) : m_function(function) {
         LOGD("\t[IN]%s", m_function);
     }
 
     /** A failure to log ends the process, because no exception may leave a destructor. */
-    ~CALLTRACKER() {
+    [[gnu::noinline]] ~CALLTRACKER() {
         LOGD("\t[OUT]%s", m_function);
     }
 

@@ -67,7 +67,7 @@ def test_a_release_build_checks_buffers_and_the_stack(tmp_path):
     sources = [command for command in commands if "/src/" in command["file"]]
     assert sources
     for command in sources:
-        for flag in ("-D_FORTIFY_SOURCE=2", "-fstack-protector-strong", "-fstack-clash-protection", "-O3"):
+        for flag in ("-D_FORTIFY_SOURCE=2", "-fstack-protector-strong", "-fstack-clash-protection", "-Os"):
             assert flag in command["command"].split(), command["file"]
 
 
