@@ -128,6 +128,7 @@ private:
     /** Only senders of which something waits. */
     std::unordered_map<std::string, Sender> m_senders KV_GUARDED_BY(m_mutex);
     int m_getters KV_GUARDED_BY(m_mutex) = 0;
+    /** The tickets of all counted messages, by the body of the message. */
     std::unordered_map<const GVariant*, std::weak_ptr<Ticket>> m_tickets KV_GUARDED_BY(m_mutex);
 };
 
@@ -154,7 +155,6 @@ private:
     const eMessageKind m_kind;
     /** Referenced, so that no other message can have the same address meanwhile. */
     GVariant* const m_body;
-    bool m_isCounted = true; /**< only Counts::Leave uses it, with the lock of the counts */
 };
 
 eMessageKind KVMessageFilter::Counts::KindOf(GDBusMessage* message) const {
@@ -223,10 +223,9 @@ bool KVMessageFilter::Counts::Enter(const std::string& sender, eMessageKind kind
 
 void KVMessageFilter::Counts::Leave(Ticket& ticket) {
     const KVLockGuard lock(m_mutex);
-    if (!std::exchange(ticket.m_isCounted, false)) {
+    if (m_tickets.erase(ticket.m_body) == 0) {
         return;
     }
-    m_tickets.erase(ticket.m_body);
     const auto sender = m_senders.find(ticket.m_sender);
     if (ticket.m_kind == eMessageKind::GETTER) {
         --sender->second.getters;
