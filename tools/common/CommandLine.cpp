@@ -5,9 +5,7 @@
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
 #include <algorithm>
-#include <charconv>
 #include <csignal>
-#include <optional>
 #include <sstream>
 #include <utility>
 
@@ -56,14 +54,6 @@ public:
         return words + (words.empty() || description.empty() ? "" : "; ") + description;
     }
 };
-
-template <typename T>
-std::optional<T> Parsed(const std::string& text) {
-    T number{};
-    const char* end = text.data() + text.size();
-    const auto read = std::from_chars(text.data(), end, number);
-    return read.ec == std::errc() && read.ptr == end ? std::optional(number) : std::nullopt;
-}
 
 std::string AsFooter(const std::string& examples) {
     const bool isOne = examples.find('\n') == std::string::npos;

@@ -4,9 +4,12 @@
 #define KAVREL_TOOLS_COMMANDLINE_H
 
 #include <CLI/App.hpp>
+#include <charconv>
 #include <functional>
 #include <limits>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -52,6 +55,15 @@ private:
     CLI::App m_app;
     Action m_action;
 };
+
+/** The number that is the whole text, without a blank or a "+" in front. */
+template <typename Number>
+std::optional<Number> Parsed(std::string_view text) {
+    Number number{};
+    const char* end = text.data() + text.size();
+    const auto read = std::from_chars(text.data(), end, number);
+    return read.ec == std::errc() && read.ptr == end ? std::optional(number) : std::nullopt;
+}
 
 // Validators for CLI::Option::transform(): with them all tools report wrong arguments in the same words. CLI11 can
 // convert every text that they accept to the type of the argument.

@@ -13,6 +13,7 @@ namespace tools {
 
 struct GLibRelease {
     void operator()(char* text) const { g_free(text); }
+    void operator()(char** texts) const { g_strfreev(texts); }
     void operator()(GVariant* variant) const { g_variant_unref(variant); }
     void operator()(GError* error) const { g_error_free(error); }
     /** Removes the source from its context, too: its callback is not called again. */
@@ -30,7 +31,7 @@ struct GLibRelease {
     }
 };
 
-/** Owns one reference to a GLib value, or the memory of a `char*`. */
+/** Owns one reference to a GLib value, or the memory of a `char*` or of a list of them. */
 template <typename T>
 using GLibPtr = std::unique_ptr<T, GLibRelease>;
 using Variant = GLibPtr<GVariant>;

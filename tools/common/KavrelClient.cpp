@@ -69,10 +69,6 @@ struct Attempt {
         attempt->connection.reset(g_dbus_connection_new_for_address_finish(result, attempt->error));
         attempt->isOver = true;
     }
-    static gboolean OnTimeout(void* attempt) {
-        g_cancellable_cancel(static_cast<Attempt*>(attempt)->cancellable.get());
-        return G_SOURCE_REMOVE;
-    }
 };
 
 /** @throws ToolError if there is no bus, or it does not answer in time */
@@ -84,11 +80,15 @@ GLibPtr<GDBusConnection> ConnectToSystemBus(Timeout timeout) {
     }
     const auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
+    const auto cancel = [](void* cancellable) -> gboolean {
+        g_cancellable_cancel(static_cast<GCancellable*>(cancellable));
+        return G_SOURCE_REMOVE;
+    };
     Attempt attempt;
     GLibPtr<GSource> timer;
     if (timeout) {
         timer.reset(g_timeout_source_new(static_cast<guint>(timeout->count())));
-        g_source_set_callback(timer.get(), Attempt::OnTimeout, &attempt, nullptr);
+        g_source_set_callback(timer.get(), cancel, attempt.cancellable.get(), nullptr);
         g_source_attach(timer.get(), nullptr);
     }
     g_dbus_connection_new_for_address(address.get(), flags, nullptr, attempt.cancellable.get(),

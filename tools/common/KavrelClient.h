@@ -64,7 +64,6 @@ public:
     KavrelClient& operator=(const KavrelClient&) = delete;
 
     GDBusConnection* Connection() const { return m_connection.get(); }
-    std::string UniqueName() const { return g_dbus_connection_get_unique_name(Connection()); }
 
     /** Consumes floating arguments. @return null and sets the error without an answer */
     Variant Call(const Destination& to, const char* method, GVariant* arguments, const char* replyType,

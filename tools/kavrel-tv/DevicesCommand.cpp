@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-#include <directory.h>
 #include <unistd.h>
 
 #include <algorithm>

@@ -113,10 +113,9 @@ Json::Value ReadMultiviewInfo() {
 std::vector<Zone> ReadZones() {
     std::vector<int> ids;
     std::vector<Zone> zones;
-    if (!host::GetZones(ids)) {
-        std::transform(ids.begin(), ids.end(), std::back_inserter(zones), [](int id) {
-            return Zone{id, ReadInteger(host::ZoneRoute(id))};
-        });
+    static_cast<void>(host::GetZones(ids));  // an error leaves none
+    for (const int id : ids) {
+        zones.push_back({id, ReadInteger(host::ZoneRoute(id))});
     }
     return zones;
 }

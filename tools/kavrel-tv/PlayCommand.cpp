@@ -39,6 +39,7 @@ constexpr int MOST_PENDING = 1000;
 constexpr int FULL_GAIN = 100;
 constexpr int HIGHEST_FADE_START = 25;
 constexpr int BAR_WIDTH = 50;
+constexpr int OK_WIDTH = 6;  // of "  ok  "
 
 const host::NamedValue& ValueOf(GainOutput output) {
     return output == GainOutput::MAIN ? host::MAIN_OUT_GAIN : host::SUB_OUT_GAIN;
@@ -58,12 +59,6 @@ Words ToWords(const std::string& signal, GVariant* body) {
                                : tools::Printed(value.get()));
     }
     return words;
-}
-
-/** Cuts the step where it would not fit on a terminal behind "  ok  ". */
-std::string Fitting(const std::string& step) {
-    return tools::Clipped(step,
-                          tools::ColumnsOfOutput() - static_cast<int>(std::string_view("  ok  ").size()));
 }
 
 bool Matches(const Words& pattern, const Words& words) {
@@ -130,7 +125,8 @@ private:
         CatchUp();
         std::visit([this](const auto& action) { Do(action); }, step.action);
         if (!step.text.starts_with("say ") && !step.text.starts_with("pause ")) {
-            tools::PrintLine("  " + m_style.Green("ok") + "  " + Fitting(step.text));
+            const int room = tools::ColumnsOfOutput() - OK_WIDTH;
+            tools::PrintLine("  " + m_style.Green("ok") + "  " + tools::Clipped(step.text, room));
         }
     }
 

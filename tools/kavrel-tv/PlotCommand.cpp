@@ -59,11 +59,7 @@ unset multiplot
 
 /** The text as a string of gnuplot. */
 std::string InQuotes(const std::string& text) {
-    std::string quoted = "'";
-    for (const char letter : tools::Printable(text)) {
-        quoted += letter == '\'' ? "''" : std::string(1, letter);
-    }
-    return quoted + "'";
+    return "'" + CLI::detail::find_and_replace(tools::Printable(text), "'", "''") + "'";
 }
 
 bool HasMark(const Sample& sample) {

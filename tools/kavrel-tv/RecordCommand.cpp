@@ -1,7 +1,5 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-#include <directory.h>
-
 #include <algorithm>
 #include <chrono>
 #include <fstream>

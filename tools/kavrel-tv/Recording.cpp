@@ -3,9 +3,9 @@
 #include "Recording.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 
+#include "CommandLine.h"
 #include "Errors.h"
 #include "Print.h"
 
@@ -20,24 +20,19 @@ std::string_view TakeCell(std::string_view& row) {
     return cell;
 }
 
-template <typename Value>
-bool Read(std::string_view cell, Value& value) {
-    const auto [end, error] = std::from_chars(cell.data(), cell.data() + cell.size(), value);
-    return error == std::errc() && end == cell.data() + cell.size();
-}
-
 bool ReadSample(std::string_view row, Sample& sample) {
-    if (std::count(row.begin(), row.end(), ',') != static_cast<std::ptrdiff_t>(COLUMNS.size()) + 1 ||
-        !Read(TakeCell(row), sample.seconds) || !std::isfinite(sample.seconds)) {
+    const auto commas = std::count(row.begin(), row.end(), ',');
+    const auto seconds = tools::Parsed<double>(TakeCell(row));
+    if (commas != static_cast<std::ptrdiff_t>(COLUMNS.size()) + 1 || !seconds || !std::isfinite(*seconds)) {
         return false;
     }
+    sample.seconds = *seconds;
     for (auto& value : sample.values) {
         const std::string_view cell = TakeCell(row);
-        int number = 0;
-        if (!cell.empty() && !Read(cell, number)) {
+        value = tools::Parsed<int>(cell);
+        if (!value && !cell.empty()) {
             return false;
         }
-        value = cell.empty() ? std::nullopt : std::optional(number);
     }
     sample.event = row;
     return true;

@@ -5,7 +5,6 @@
 #include <glib.h>
 
 #include <algorithm>
-#include <charconv>
 #include <map>
 #include <utility>
 
@@ -22,10 +21,6 @@ namespace {
 
 constexpr double LONGEST = 86400;  // seconds
 
-struct FreeWords {
-    void operator()(char** words) const { g_strfreev(words); }
-};
-
 /** Splits as a shell does, with quotes and with comments behind "#". */
 Words Split(const std::string& line) {
     char** words = nullptr;
@@ -37,20 +32,18 @@ Words Split(const std::string& line) {
         }
         throw tools::UsageError(error->message);
     }
-    const std::unique_ptr<char*, FreeWords> owner(words);
+    const tools::GLibPtr<char*> owner(words);
     return {words, words + count};
 }
 
 /** Takes the time off the front, if there is one. */
 std::optional<Seconds> TakeTime(Words& words) {
-    const std::string& word = words.front();
-    double seconds = 0;
-    const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), seconds);
-    if (error != std::errc() || end != word.data() + word.size() || !(seconds >= 0 && seconds <= LONGEST)) {
+    const auto seconds = tools::Parsed<double>(words.front());
+    if (!seconds || !(*seconds >= 0 && *seconds <= LONGEST)) {
         return std::nullopt;
     }
     words.erase(words.begin());
-    return Seconds(seconds);
+    return Seconds(*seconds);
 }
 
 // --- Methods and signals

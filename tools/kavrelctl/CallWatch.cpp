@@ -131,7 +131,7 @@ void CallWatch::OnMessage(const Message& message) {
 void CallWatch::OnCall(const Message& message) {
     GDBusMessage* raw = message.message.get();
     const std::string sender = Text(g_dbus_message_get_sender(raw));
-    if (sender == m_client.UniqueName()) {
+    if (sender == g_dbus_connection_get_unique_name(m_client.Connection())) {
         return;
     }
     Pending pending;

@@ -93,7 +93,7 @@ struct Pulse {
 
     void AddArguments(CLI::App& command) {
         AddGain(command, gain);
-        command.add_option("MS", milliseconds, "duration of the ramp in milliseconds; 0: at once")
+        command.add_option("MS", milliseconds, "Duration of the ramp in milliseconds; 0: at once")
             ->required()
             ->transform(tools::WholeNumber(0));
     }

@@ -18,11 +18,6 @@ namespace {
 
 constexpr size_t EVENT_WIDTH = 9;
 
-struct Options {
-    bool asJson = false;
-    bool withCalls = false;
-};
-
 /**
  * Prints the daemon's present state, then every change, each on a line. It asks the daemon only at the start and
  * when the daemon is back; everything else comes from signals.
@@ -30,7 +25,7 @@ struct Options {
 class Monitor {
 public:
     /** @throws tools::ToolError if there is no bus, or it does not allow monitoring of calls */
-    Monitor(const Options& options, tools::Timeout timeout) : m_options(options), m_client(timeout) {
+    Monitor(bool asJson, bool withCalls, tools::Timeout timeout) : m_asJson(asJson), m_client(timeout) {
         m_loop.EndWithReader();
         m_client.OnOwnerChanged([this](const auto& owner) { m_loop.Guard([&] { OnOwnerChanged(owner); }); });
         m_client.OnSignal([this](const auto& sender, const auto& signal, GVariant* body) {
@@ -39,7 +34,7 @@ public:
             }
         });
         m_client.EndWithBus(m_loop);
-        if (options.withCalls) {
+        if (withCalls) {
             m_calls = std::make_unique<CallWatch>(m_loop, m_client, timeout, [this](const Call& call) {
                 PrintEvent("call", InWords(call), InJson(call), call.time);
             });
@@ -155,11 +150,11 @@ private:
         Json::Value fields;
         for (const auto& [property, reading] : m_state) {
             AddTo(fields, property, reading);
-            if (!m_options.asJson) {
+            if (!m_asJson) {
                 PrintProperty(property);
             }
         }
-        if (m_options.asJson) {
+        if (m_asJson) {
             PrintEvent("state", "", fields);
         }
     }
@@ -173,7 +168,7 @@ private:
     /** Prints one line: the words, or the fields together with the event's name and time. */
     void PrintEvent(const char* event, const std::string& words, Json::Value fields,
                     tools::WallTime time = g_get_real_time()) const {
-        if (m_options.asJson) {
+        if (m_asJson) {
             fields["event"] = event;
             fields["time"] = tools::Timestamp(time);
             tools::PrintJson(fields);
@@ -196,7 +191,7 @@ private:
         return event == "call" ? m_style.Blue(title) : m_style.Bold(title);
     }
 
-    const Options m_options;
+    const bool m_asJson;
     const tools::Style m_style;
     tools::KavrelClient m_client;
     tools::MainLoop m_loop;
@@ -214,15 +209,16 @@ private:
 };
 
 struct MonitorCommand {
-    Options options;
+    bool asJson = false;
+    bool withCalls = false;
 
     void AddArguments(CLI::App& command) {
-        AddJson(command, options.asJson);
-        command.add_flag("--calls", options.withCalls,
+        AddJson(command, asJson);
+        command.add_flag("--calls", withCalls,
                          "Show each method call to the daemon, too: its caller,\n"
                          "its answer, and how long it took (may need root)");
     }
-    int Run(const Tool& tool) const { return Monitor(options, tool.Timeout()).Run(); }
+    int Run(const Tool& tool) const { return Monitor(asJson, withCalls, tool.Timeout()).Run(); }
 };
 
 }  // namespace

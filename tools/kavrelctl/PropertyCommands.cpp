@@ -22,28 +22,22 @@ int Current(const tools::KavrelClient& daemon, Property property) {
     return reading.value;
 }
 
-void PrintAsJson(Property property, int value) {
-    Json::Value object;
-    AddTo(object, property, {value, 0});
-    tools::PrintJson(object);
+/** Prints the new value as JSON only: in words it would repeat what the user has just typed. */
+int ReportChange(Property property, int value, bool asJson) {
+    if (asJson) {
+        Json::Value object;
+        AddTo(object, property, {value, 0});
+        tools::PrintJson(object);
+    }
+    return tools::EXIT_DONE;
 }
 
 int Show(const tools::KavrelClient& daemon, Property property, bool asJson) {
     const int value = Current(daemon, property);
-    if (asJson) {
-        PrintAsJson(property, value);
-    } else {
+    if (!asJson) {
         tools::PrintLine(InWords(property, {value, 0}));
     }
-    return tools::EXIT_DONE;
-}
-
-/** Prints the new value as JSON only: in words it would repeat what the user has just typed. */
-int ReportChange(Property property, int value, bool asJson) {
-    if (asJson) {
-        PrintAsJson(property, value);
-    }
-    return tools::EXIT_DONE;
+    return ReportChange(property, value, asJson);
 }
 
 struct Status {
