@@ -2,7 +2,9 @@
 // SPDX-License-Identifier: MIT
 #include "reports.h"
 
+#include <fcntl.h>
 #include <pthread.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,30 +24,19 @@ namespace host {
 namespace {
 
 /**
- * A file is finished when its writer closes it or moves it into place. Nothing reports a file that disappears. A
- * folder that disappears may exist elsewhere already, if its link now leads there.
+ * A file is finished when its writer closes it or moves it into place. Nothing reports a file that disappears.
+ * A folder that disappears may exist elsewhere already, if its link now leads there.
  */
 constexpr std::uint32_t FINISHED = IN_CLOSE_WRITE | IN_MOVED_TO;
 constexpr std::uint32_t WATCHED = FINISHED | IN_CREATE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
-constexpr std::uint32_t MOVED_GROUND = IN_Q_OVERFLOW | IN_ISDIR | IN_DELETE_SELF | IN_MOVE_SELF;
+constexpr std::uint32_t MOVED_GROUND = IN_Q_OVERFLOW | IN_ISDIR | IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT;
 
-std::vector<Value> ValuesOf(const Value& registered) {
-    if (registered.topic != ZONE_ROUTES) {
-        return {registered};
-    }
-    std::vector<int> zones;
-    Log(GetZones(zones));
-    std::vector<Value> routes;
-    routes.reserve(zones.size());
-    for (const int zone : zones) {
-        routes.push_back(ZoneRoute(zone));
-    }
-    return routes;
-}
+constexpr int RETRY_MILLISECONDS = 1000;
+constexpr std::size_t MOST_GONE_ZONES = 64;  // whose last routes are remembered
 
 }  // namespace
 
-RecursiveMutex delivery_lock;
+RecursiveMutex deliveryLock;
 
 int Change::Integer() const {
     int value = 0;
@@ -61,37 +52,47 @@ Reports& Reports::Get() {
 // --- The calling thread
 
 Error Reports::Set(const Value& value, std::string_view text) {
-    const Guard guard(delivery_lock);
-    std::string present;
-    const bool isReadable = !Read(value, present);
-    Error error = Write(value, text);
-    if (error || !IsHeard(value.topic)) {
+    const Guard guard(deliveryLock);
+    if (!IsHeard(value.topic)) {
+        return Write(value, text);
+    }
+    Followed& followed = FollowedOf(value);
+    const bool isCertain = IsCertain(followed);
+    bool isNews = followed.known != text;
+    if (!isCertain) {
+        // A write of the present value makes no report, even if the last value known differs from it: then
+        // another process made the change, and its notification is on the way to the platform thread.
+        followed.kept = {};
+        std::string present;
+        isNews = Read(value, present) ? isNews : present != text;
+    }
+    if (Error error = Write(value, text, &followed.kept)) {
         return error;
     }
-    Followed& followed = m_values.try_emplace(value.path, Followed{value, std::nullopt}).first->second;
-    // A write of the present value makes no report, even if the last value known differs from it: then another
-    // process made the change, and its notification is on the way to the platform thread.
-    if (isReadable ? present != text : followed.known != text) {
+    if (isCertain) {
+        TakeOwnNotification(followed, text);
+    }
+    if (isNews) {
         Deliver(followed, std::string(text));
     }
     return {};
 }
 
 Error Reports::Add(const Value& value, Handler handler, int& id) {
-    const Guard guard(delivery_lock);
+    const Guard guard(deliveryLock);
     if (Error error = Start()) {
         return error;
     }
     const bool isFirst = !IsHeard(value.topic);
-    const int added = ++m_lastId;
-    m_registrations.try_emplace(added, Registration{value, std::move(handler)});
-    if (const int error = Rewatch(); error != 0) {
-        static_cast<void>(Remove(value.topic, added));
-        return MakeError("watch", "the TV", error);
-    }
-    id = added;
+    id = ++m_lastId;
+    m_registrations.try_emplace(id, Registration{value, std::move(handler)});
     if (!isFirst) {
         return {};
+    }
+    m_watches.clear();
+    FollowAll(value);
+    if (!m_unwatched.empty()) {
+        Wake();
     }
     for (auto& [path, followed] : m_values) {
         std::string text;
@@ -103,7 +104,7 @@ Error Reports::Add(const Value& value, Handler handler, int& id) {
 }
 
 Error Reports::Remove(const std::string& topic, int id) {
-    const Guard guard(delivery_lock);
+    const Guard guard(deliveryLock);
     const auto found = m_registrations.find(id);
     if (found == m_registrations.end() || found->second.value.topic != topic) {
         return {ENOENT, {}};
@@ -118,7 +119,7 @@ Error Reports::Remove(const std::string& topic, int id) {
 }
 
 void Reports::Replace(int id, Handler handler) {
-    const Guard guard(delivery_lock);
+    const Guard guard(deliveryLock);
     m_registrations.at(id).handler = std::move(handler);
 }
 
@@ -152,80 +153,172 @@ bool Reports::IsHeard(const std::string& topic) const {
                        [&](const auto& entry) { return entry.second.value.topic == topic; });
 }
 
+Reports::Followed& Reports::FollowedOf(const Value& value) {
+    Followed& followed = m_values[value.path];
+    followed.value = value;
+    return followed;
+}
+
+/** Whether the last value known is the present one, and the kept folder in its place. */
+bool Reports::IsCertain(const Followed& followed) {
+    if (!followed.isWatched || !followed.known || !m_pending.empty()) {
+        return false;
+    }
+    Events events{};
+    const int count = epoll_wait(m_epoll.Get(), events.data(), events.size(), 0);
+    if (Has(events, count, m_mounts)) {  // which the kernel shows only once
+        m_haveMountsMoved = true;
+        Wake();
+    }
+    return count == 0 && !m_haveMountsMoved;
+}
+
+void Reports::TakeOwnNotification(Followed& followed, std::string_view text) {
+    const std::string path = followed.value.path;
+    TakeNotifications();
+    if (m_pending.size() == 1 && m_pending.front().path == path && followed.kept.tree) {
+        std::string present;
+        if (ReadFileIn(followed.kept.folder, NameIn(path), present) == 0 && present == text) {
+            m_pending.clear();
+        }
+    }
+    if (!m_pending.empty()) {
+        Wake();
+    }
+}
+
+void Reports::Wake() const {
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const ssize_t size = write(m_wake.Get(), &one, sizeof(one));  // full: it wakes anyway
+}
+
 // --- The platform thread
 
-/** Runs at the first registration: a process that only reads and writes has neither a thread nor watches. */
+/** Starts with the first registration: a process that only reads and writes has neither thread nor watches. */
 Error Reports::Start() {
-    if (m_inotify >= 0) {
+    if (m_wake) {
         return {};
     }
-    m_inotify = inotify_init1(IN_CLOEXEC);
-    if (m_inotify < 0) {
+    m_epoll = FileDescriptor(epoll_create1(EPOLL_CLOEXEC));
+    FileDescriptor wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!WaitFor(wake, EPOLLIN)) {
         return MakeError("watch", "the TV", errno);
     }
+    m_mounts = FileDescriptor(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
+    WaitFor(m_mounts, EPOLLPRI);
+    m_wake = std::move(wake);
     try {
-        std::thread(&Reports::Listen, this, m_inotify).detach();
+        std::thread(&Reports::Listen, this).detach();
     } catch (const std::system_error& error) {
-        close(m_inotify);
-        m_inotify = -1;
+        m_wake = {};
         return MakeError("start", "the platform thread", error.code().value());
     }
     return {};
 }
 
-void Reports::Listen(int inotify) {
+bool Reports::WaitFor(const FileDescriptor& file, std::uint32_t events) const {
+    epoll_event event{};
+    event.events = events;
+    event.data.fd = file.Get();
+    return file && epoll_ctl(m_epoll.Get(), EPOLL_CTL_ADD, file.Get(), &event) == 0;
+}
+
+/** Whether the first `count` events have one of `file`. */
+bool Reports::Has(const Events& events, int count, const FileDescriptor& file) {
+    return std::any_of(events.begin(), events.begin() + std::max(count, 0),
+                       [&](const epoll_event& event) { return event.data.fd == file.Get(); });
+}
+
+void Reports::Listen() {
     pthread_setname_np(pthread_self(), "tv-platform");
-    alignas(inotify_event) std::array<char, 65536> buffer;
-    for (;;) {
-        const ssize_t size = read(inotify, buffer.data(), buffer.size());
-        if (size < 0 && errno == EINTR) {
-            continue;
+    for (int timeout = -1;;) {
+        Events events{};
+        const int count = epoll_wait(m_epoll.Get(), events.data(), events.size(), timeout);
+        if (Has(events, count, m_wake)) {
+            std::uint64_t times = 0;
+            [[maybe_unused]] const ssize_t size = read(m_wake.Get(), &times, sizeof(times));
         }
-        if (size <= 0) {
-            Log(MakeError("listen to", "the TV", errno));
-            return;
-        }
-        for (const char* at = buffer.data(); at < buffer.data() + size;) {
-            const auto& event = *reinterpret_cast<const inotify_event*>(at);
-            Handle(event);
-            at += sizeof(event) + event.len;
+        timeout = Take(Has(events, count, m_mounts));
+        while (HandleNext()) {
         }
     }
 }
 
-void Reports::Handle(const inotify_event& event) {
-    const bool written = (event.mask & FINISHED) != 0 && (event.mask & IN_ISDIR) == 0;
-    for (const std::string& path : Affected(event)) {
-        Check(path, written);
+/** Notes what is to be read again, and watches again what could not be watched. @return how long to wait then */
+int Reports::Take(bool haveMountsMoved) {
+    const Guard guard(deliveryLock);
+    if (std::exchange(m_haveMountsMoved, false) || haveMountsMoved) {
+        LookAtEverything();
+    } else if (!m_unwatched.empty()) {
+        const auto before = m_unwatched;
+        Rewatch();
+        if (m_unwatched != before) {
+            LookAtEverything();
+        }
+    }
+    TakeNotifications();
+    return m_unwatched.empty() ? -1 : RETRY_MILLISECONDS;
+}
+
+void Reports::TakeNotifications() {
+    alignas(inotify_event) std::array<char, 16384> buffer;
+    bool hasGroundMoved = false;
+    const ssize_t size = read(m_inotify.Get(), buffer.data(), buffer.size());  // never waits
+    for (const char* at = buffer.data(); at < buffer.data() + size;) {
+        const auto& event = *reinterpret_cast<const inotify_event*>(at);
+        hasGroundMoved = Note(event) || hasGroundMoved;
+        at += sizeof(event) + event.len;
+    }
+    if (hasGroundMoved) {
+        LookAtEverything();
     }
 }
 
-/**
- * The values that may have changed. If a folder or a link has come or gone, or notifications are lost, these
- * are all values; then the folders are watched anew first, so that no change in between is missed.
- */
-std::set<std::string> Reports::Affected(const inotify_event& event) {
-    const Guard guard(delivery_lock);
+/** @return whether a folder or a link has come or gone, or notifications have been lost */
+bool Reports::Note(const inotify_event& event) {
     const Place place{event.wd, event.len > 0 ? event.name : ""};
-    std::set<std::string> paths;
     if ((event.mask & MOVED_GROUND) != 0 || m_folders.contains(place)) {
-        if (const int error = Rewatch(); error != 0) {
-            Log(MakeError("watch", "the TV", error));
-        }
-        for (const auto& [path, followed] : m_values) {
-            paths.insert(path);
-        }
-    } else if (const auto found = m_places.find(place);
-               found != m_places.end() && (event.mask & FINISHED) != 0) {
-        paths.insert(found->second);
+        return true;
     }
-    return paths;
+    const auto found = m_places.find(place);
+    if (found != m_places.end() && (event.mask & FINISHED) != 0) {
+        Await(found->second, true);
+    }
+    return false;
 }
 
-/** @param isWritten whether the value's own file was finished; only then is an unreadable text logged */
-void Reports::Check(const std::string& path, bool isWritten) {
-    const Guard guard(delivery_lock);
-    const auto found = m_values.find(path);
+void Reports::Await(const std::string& path, bool isWritten) {
+    const auto found = std::find_if(m_pending.begin(), m_pending.end(),
+                                    [&](const Pending& pending) { return pending.path == path; });
+    if (found == m_pending.end()) {
+        m_pending.push_back({path, isWritten});
+    } else {
+        found->isWritten = found->isWritten || isWritten;
+    }
+}
+
+/** Watches the folders anew before the values are read, so that nothing is missed in between. */
+void Reports::LookAtEverything() {
+    Rewatch();
+    for (const auto& [path, followed] : m_values) {
+        Await(path, false);
+    }
+}
+
+/** @return whether there was something pending */
+bool Reports::HandleNext() {
+    const Guard guard(deliveryLock);
+    if (m_pending.empty()) {
+        return false;
+    }
+    const Pending next = m_pending.front();
+    m_pending.pop_front();
+    Check(next);
+    return true;
+}
+
+void Reports::Check(const Pending& pending) {
+    const auto found = m_values.find(pending.path);
     if (found == m_values.end()) {
         return;
     }
@@ -234,7 +327,7 @@ void Reports::Check(const std::string& path, bool isWritten) {
     const Error error = Read(followed.value, text, Empty::UNFINISHED);
     if (!error && followed.known != text) {
         Deliver(followed, text);
-    } else if (isWritten) {
+    } else if (pending.isWritten) {
         Log(error);
     }
 }
@@ -242,36 +335,90 @@ void Reports::Check(const std::string& path, bool isWritten) {
 // --- Watches
 
 /**
- * Watches every folder that exists on the way to a value, from the top down, so that a folder that appears later
- * appears in a watched one. Watching a folder again is free.
- * @return the errno of a folder that is there and cannot be watched, or 0
+ * Watches every folder that exists on the way to a value, from the top down, so that a folder that appears
+ * later appears in a watched one.
  */
-int Reports::Rewatch() {
+void Reports::Rewatch() {
     const std::set<int> before = std::exchange(m_watched, {});
+    m_unwatchedBefore = std::exchange(m_unwatched, {});
+    m_watches.clear();
     m_folders.clear();
     m_places.clear();
-    m_watchError = 0;
+    for (auto& [path, followed] : m_values) {
+        followed.kept = {};
+        followed.isWatched = false;
+        followed.isPresent = false;
+    }
     for (const auto& [id, registration] : m_registrations) {
-        if (registration.value.topic == ZONE_ROUTES) {
-            FollowTv(ZONE_ROUTES);
-        }
-        for (const Value& value : ValuesOf(registration.value)) {
-            m_values.try_emplace(value.path, Followed{value, std::nullopt});
-        }
+        FollowAll(registration.value);
     }
-    for (const auto& [path, followed] : m_values) {
-        const fs::path file(path);
-        const int folder = FollowTv(file.parent_path());
-        if (folder >= 0) {
-            m_places.insert_or_assign({folder, file.filename()}, path);
-        }
-    }
+    ForgetOldZones();
     for (const int folder : before) {
         if (!m_watched.contains(folder)) {
-            inotify_rm_watch(m_inotify, folder);
+            inotify_rm_watch(m_inotify.Get(), folder);
         }
     }
-    return m_watchError;
+    m_unwatchedBefore.clear();
+}
+
+/** The kernel bounds how many queues a user may have: one that cannot be made is tried again like a watch. */
+bool Reports::OpenInotify() {
+    if (m_inotify) {
+        return true;
+    }
+    FileDescriptor inotify(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    if (!WaitFor(inotify, EPOLLIN)) {
+        NoteUnwatched(Root(), errno);
+        return false;
+    }
+    m_inotify = std::move(inotify);
+    return true;
+}
+
+/** Follows the values of a registration; of zones those that exist. */
+void Reports::FollowAll(const Value& registered) {
+    if (registered.topic != ZONE_ROUTES) {
+        FollowValue(registered);
+        return;
+    }
+    std::vector<int> zones;
+    if (const Error error = GetZones(zones)) {
+        NoteUnwatched(Root() / ZONES, error.number);
+    }
+    if (OpenInotify()) {
+        FollowTv(ZONES);
+    }
+    for (const int zone : zones) {
+        FollowValue(ZoneRoute(zone));
+    }
+}
+
+void Reports::FollowValue(const Value& value) {
+    Followed& followed = FollowedOf(value);
+    const fs::path file(value.path);
+    const int folder = OpenInotify() ? FollowTv(file.parent_path()) : -1;
+    followed.isPresent = true;
+    followed.isWatched = folder >= 0;
+    if (followed.isWatched) {
+        m_places.insert_or_assign({folder, file.filename()}, value.path);
+    }
+}
+
+/** A zone that returns with the last route known is no news. Only so many zones that are gone are remembered. */
+void Reports::ForgetOldZones() {
+    std::map<std::uint64_t, std::string> gone;  // the oldest first
+    for (auto& [path, followed] : m_values) {
+        if (followed.isPresent) {
+            followed.goneSince = 0;
+        } else {
+            followed.goneSince = followed.goneSince == 0 ? ++m_zonesGone : followed.goneSince;
+            gone.emplace(followed.goneSince, path);
+        }
+    }
+    while (gone.size() > MOST_GONE_ZONES) {
+        m_values.erase(gone.begin()->second);
+        gone.erase(gone.begin());
+    }
 }
 
 /** @return the watch of the last folder on the way, or -1 while it does not exist */
@@ -311,19 +458,31 @@ int Reports::FollowMissing(const fs::path& folder) {
 }
 
 int Reports::Watch(const fs::path& folder) {
-    const int watch = inotify_add_watch(m_inotify, folder.c_str(), WATCHED);
+    if (const auto known = m_watches.find(folder); known != m_watches.end()) {
+        return known->second;
+    }
+    const int watch = inotify_add_watch(m_inotify.Get(), folder.c_str(), WATCHED);
     if (watch >= 0) {
         m_watched.insert(watch);
+        m_watches.emplace(folder, watch);
     } else if (errno != ENOENT && errno != ENOTDIR) {
-        m_watchError = errno;
+        NoteUnwatched(folder, errno);
     }
     return watch;
+}
+
+/** Logs it once for as long as it lasts. */
+void Reports::NoteUnwatched(const std::string& folder, int number) {
+    if (m_unwatched.emplace(folder, number).second && !m_unwatchedBefore.contains(folder)) {
+        Log(MakeError("watch", folder, number));
+    }
+    errno = number;
 }
 
 // --- Single registrations
 
 int SingleRegistration::Set(const Value& value, Handler handler) {
-    const Guard guard(delivery_lock);
+    const Guard guard(deliveryLock);
     int id = 0;
     if (const Error error = Reports::Get().Add(value, std::move(handler), id)) {
         return Result(error);
@@ -336,7 +495,7 @@ int SingleRegistration::Set(const Value& value, Handler handler) {
 }
 
 int SingleRegistration::Clear(const Value& value) {
-    const Guard guard(delivery_lock);
+    const Guard guard(deliveryLock);
     return Reports::Get().Remove(value.topic, std::exchange(m_id, 0)).Code();
 }
 

@@ -8,17 +8,28 @@
  * rule: reports come one at a time and in the order of the writes; the removal of a registration waits for a
  * report that runs on another thread; and a callback may write, register and remove.
  *
- * A file is reported when its text differs from the last one known. The thread that writes through the seam
- * reports its own write, and so the kernel's notification of that write finds no difference. The platform thread
- * finds a change by another process: at the notification it reads the file under the lock. The text that it
- * finds is never older than the last one known, so no report goes back in time.
+ * A file is reported when its text differs from the last one known. The platform thread finds a change by
+ * another process: at the notification it reads the file under the lock. The text that it finds is never older
+ * than the last one known, so no report goes back in time.
+ *
+ * The thread that writes through the seam reports its own write. It also takes the notification of its rename
+ * out of the kernel's queue, so that the platform thread need not. The kernel may have merged that notification
+ * with one of another process, so the writer reads the file once: if it finds its own text, nothing is left to
+ * report. Before a write it has to know the present text. That is the last one known as long as the file is
+ * watched and no notification waits; otherwise the writer reads the file.
+ *
+ * A folder that cannot be watched silences the values in it alone. While there is one, and only then, the
+ * platform thread tries again once a second.
  */
 #ifndef KAVREL_HOST_REPORTS_H
 #define KAVREL_HOST_REPORTS_H
 
+#include <sys/epoll.h>
 #include <sys/inotify.h>
 
+#include <array>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <optional>
@@ -29,6 +40,7 @@
 
 #include "directory.h"
 #include "thread_safety.h"
+#include "value_file.h"
 
 namespace host {
 
@@ -41,7 +53,7 @@ struct Change {
 };
 
 /** The delivery lock; see above. */
-extern RecursiveMutex delivery_lock;
+extern RecursiveMutex deliveryLock;
 
 using Handler = std::function<void(const Change&)>;
 
@@ -67,34 +79,71 @@ private:
         Value value;
         std::optional<std::string> known;  // the last text known, if there was one
         std::uint64_t report = 0;          // the number of its latest report
+        bool isWatched = false;            // its changes by other processes cause notifications
+        bool isPresent = false;            // not the route of a zone that is gone
+        std::uint64_t goneSince = 0;       // zones that went earlier have lower numbers; 0: not gone
+        KeptFolder kept;                   // valid until a folder has moved
+    };
+    struct Pending {
+        std::string path;
+        bool isWritten;  // its own file was finished
     };
     using Place = std::pair<int, std::string>;  // a watched folder and a name in it
 
-    Error Start() REQUIRES(delivery_lock);
-    void Listen(int inotify);
-    void Handle(const inotify_event& event);
-    std::set<std::string> Affected(const inotify_event& event);
-    void Check(const std::string& path, bool written);
-    void Deliver(Followed& followed, const std::string& text) REQUIRES(delivery_lock);
+    using Events = std::array<epoll_event, 3>;
 
-    bool IsHeard(const std::string& topic) const REQUIRES(delivery_lock);
-    int Rewatch() REQUIRES(delivery_lock);
-    int Follow(std::filesystem::path here, const std::filesystem::path& way) REQUIRES(delivery_lock);
-    int FollowTv(const std::filesystem::path& way) REQUIRES(delivery_lock);
-    int FollowMissing(const std::filesystem::path& folder) REQUIRES(delivery_lock);
-    int Watch(const std::filesystem::path& folder) REQUIRES(delivery_lock);
+    Error Start() REQUIRES(deliveryLock);
+    bool WaitFor(const FileDescriptor& file, std::uint32_t events) const;
+    static bool Has(const Events& events, int count, const FileDescriptor& file);
+    [[noreturn]] void Listen();
+    int Take(bool haveMountsMoved);
+    void TakeNotifications() REQUIRES(deliveryLock);
+    void TakeOwnNotification(Followed& followed, std::string_view text) REQUIRES(deliveryLock);
+    bool Note(const inotify_event& event) REQUIRES(deliveryLock);
+    void Await(const std::string& path, bool isWritten) REQUIRES(deliveryLock);
+    void LookAtEverything() REQUIRES(deliveryLock);
+    bool HandleNext();
+    void Check(const Pending& pending) REQUIRES(deliveryLock);
+    void Deliver(Followed& followed, const std::string& text) REQUIRES(deliveryLock);
 
-    std::map<int, Registration> m_registrations GUARDED_BY(delivery_lock);
-    std::map<std::string, Followed> m_values
-        GUARDED_BY(delivery_lock);  // by path; only those with a registration
-    int m_lastId GUARDED_BY(delivery_lock) = 0;
-    std::uint64_t m_reports GUARDED_BY(delivery_lock) = 0;
+    bool IsHeard(const std::string& topic) const REQUIRES(deliveryLock);
+    Followed& FollowedOf(const Value& value) REQUIRES(deliveryLock);
+    bool IsCertain(const Followed& followed) REQUIRES(deliveryLock);
+    void Wake() const REQUIRES(deliveryLock);
 
-    int m_inotify GUARDED_BY(delivery_lock) = -1;
-    std::set<int> m_watched GUARDED_BY(delivery_lock);    // the watched folders
-    std::set<Place> m_folders GUARDED_BY(delivery_lock);  // the folders and links on the way to a value
-    std::map<Place, std::string> m_places GUARDED_BY(delivery_lock);  // from a value's file to its path
-    int m_watchError GUARDED_BY(delivery_lock) = 0;                   // errno of the latest Rewatch(), or 0
+    void Rewatch() REQUIRES(deliveryLock);
+    bool OpenInotify() REQUIRES(deliveryLock);
+    void FollowValue(const Value& value) REQUIRES(deliveryLock);
+    void FollowAll(const Value& registered) REQUIRES(deliveryLock);
+    void ForgetOldZones() REQUIRES(deliveryLock);
+    int Follow(std::filesystem::path here, const std::filesystem::path& way) REQUIRES(deliveryLock);
+    int FollowTv(const std::filesystem::path& way) REQUIRES(deliveryLock);
+    int FollowMissing(const std::filesystem::path& folder) REQUIRES(deliveryLock);
+    int Watch(const std::filesystem::path& folder) REQUIRES(deliveryLock);
+    void NoteUnwatched(const std::string& folder, int number) REQUIRES(deliveryLock);
+
+    std::map<int, Registration> m_registrations GUARDED_BY(deliveryLock);
+    std::map<std::string, Followed> m_values GUARDED_BY(deliveryLock);  // by path; each has a listener
+    std::deque<Pending> m_pending GUARDED_BY(deliveryLock);  // to be read again by the platform thread
+    int m_lastId GUARDED_BY(deliveryLock) = 0;
+    std::uint64_t m_reports GUARDED_BY(deliveryLock) = 0;
+    std::uint64_t m_zonesGone GUARDED_BY(deliveryLock) = 0;
+
+    FileDescriptor m_epoll;  // all that the platform thread waits for; like the next two set by Start() alone
+    FileDescriptor m_wake;   // an eventfd: there is something pending, or a watch to try again
+    FileDescriptor m_mounts;  // the kernel's table of mounts; empty where there is none
+    FileDescriptor m_inotify GUARDED_BY(deliveryLock);
+    bool m_haveMountsMoved GUARDED_BY(deliveryLock) = false;
+
+    std::map<std::string, int> m_watches
+        GUARDED_BY(deliveryLock);                        // by folder, -1: none; of the present look
+    std::set<int> m_watched GUARDED_BY(deliveryLock);    // the watched folders
+    std::set<Place> m_folders GUARDED_BY(deliveryLock);  // folders on the way to a value, also missing ones
+    std::map<Place, std::string> m_places GUARDED_BY(deliveryLock);  // the values' files; to their paths
+    std::map<std::string, int> m_unwatched
+        GUARDED_BY(deliveryLock);  // folders that cannot be watched; to the errno
+    std::map<std::string, int> m_unwatchedBefore
+        GUARDED_BY(deliveryLock);  // while everything is watched anew
 };
 
 /** The registration of a callback of which the process has only one. */
@@ -104,7 +153,7 @@ public:
     int Clear(const Value& value);
 
 private:
-    int m_id GUARDED_BY(delivery_lock) = 0;
+    int m_id GUARDED_BY(deliveryLock) = 0;
 };
 
 }  // namespace host

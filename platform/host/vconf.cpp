@@ -27,13 +27,13 @@ struct KeyRegistration {
 };
 
 /** Never destroyed: a callback may use it after the end of main(). */
-std::vector<KeyRegistration>& Registrations() REQUIRES(host::delivery_lock) {
+std::vector<KeyRegistration>& Registrations() REQUIRES(host::deliveryLock) {
     static auto& registrations = *std::make_unique<std::vector<KeyRegistration>>().release();
     return registrations;
 }
 
 std::vector<KeyRegistration>::iterator Find(const char* key, vconf_callback_fn callback)
-    REQUIRES(host::delivery_lock) {
+    REQUIRES(host::deliveryLock) {
     auto& all = Registrations();
     return std::find_if(all.begin(), all.end(), [&](const KeyRegistration& registration) {
         return registration.key == key && registration.callback == callback;
@@ -74,7 +74,7 @@ int vconf_notify_key_changed(const char* key, vconf_callback_fn callback, void* 
         callback(&node, user_data);
     };
     host::Reports& reports = host::Reports::Get();
-    const host::Guard guard(host::delivery_lock);
+    const host::Guard guard(host::deliveryLock);
     if (const auto found = Find(key, callback); found != Registrations().end()) {
         reports.Replace(found->id, report);
         return 0;
@@ -93,7 +93,7 @@ int vconf_ignore_key_changed(const char* key, vconf_callback_fn callback) {
         return host::FailureCode(EINVAL);
     }
     host::Reports& reports = host::Reports::Get();
-    const host::Guard guard(host::delivery_lock);
+    const host::Guard guard(host::deliveryLock);
     const auto found = Find(key, callback);
     if (found == Registrations().end()) {
         return host::FailureCode(ENOENT);

@@ -20,6 +20,7 @@
 #include <unistd.h>
 #include <vconf.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -832,6 +833,117 @@ TEST_F(ReportsTest, TheLinkForDbMayLeadToAFolderThatIsMadeLaterOrAnew) {
     EXPECT_THAT(ear.Heard(), ElementsAre("1", "2"));
     fs::remove(tv / "settings/db");
     fs::create_directory(tv / "settings/db");
+}
+
+TEST_F(ReportsTest, AFolderThatCannotBeWatchedSilencesItsOwnValuesAlone) {
+    const Folder place;
+    OtherProcess deaf(place);
+    OtherProcess second(place);
+    ASSERT_EQ(second.Do("set-int memory/private/key 1"), "0");
+    fs::permissions(place / "settings/memory/private", fs::perms::owner_write | fs::perms::owner_exec);
+    ASSERT_EQ(deaf.Do("drop-capabilities"), "0");
+    EXPECT_EQ(deaf.Do("hear memory/private/key"), "0");
+    EXPECT_EQ(deaf.Do("hear volume"), "0");
+    EXPECT_EQ(second.Do("set-volume 20"), "0");
+    EXPECT_EQ(deaf.Report(), "volume 20 platform");
+    EXPECT_EQ(deaf.Do("set-int memory/private/key 2"), "0");
+    EXPECT_EQ(deaf.Report(), "memory/private/key 2 own");
+    EXPECT_EQ(second.Do("set-int memory/private/key 3"), "0");
+    EXPECT_EQ(second.Do("set-volume 30"), "0");
+    EXPECT_EQ(deaf.Report(), "volume 30 platform");
+    fs::permissions(place / "settings/memory/private", fs::perms::owner_all);
+    EXPECT_EQ(deaf.Report(), "memory/private/key 3 platform");  // once the watch is tried again
+    EXPECT_EQ(second.Do("set-int memory/private/key 4"), "0");
+    EXPECT_EQ(deaf.Report(), "memory/private/key 4 platform");
+    EXPECT_THAT(deaf.Log(), ElementsAre("E Cannot watch " + (place / "settings/memory/private").string() +
+                                        ": Permission denied"));
+}
+
+TEST_F(ReportsTest, ALoopOfLinksSilencesItsOwnValuesAlone) {
+    const Folder place;
+    OtherProcess deaf(place);
+    OtherProcess second(place);
+    ASSERT_EQ(second.Do("volume"), "0 10");
+    fs::create_directory_symlink("loop", place / "settings/memory/loop");
+    EXPECT_EQ(deaf.Do("hear memory/loop/key"), "0");
+    EXPECT_EQ(deaf.Do("hear volume"), "0");
+    EXPECT_EQ(second.Do("set-volume 20"), "0");
+    EXPECT_EQ(deaf.Report(), "volume 20 platform");
+    fs::remove(place / "settings/memory/loop");
+    EXPECT_EQ(second.Do("set-int memory/loop/key 3"), "0");
+    EXPECT_EQ(deaf.Report(), "memory/loop/key 3 platform");
+}
+
+TEST_F(ReportsTest, AMountIsNoticedLikeAFolderThatWasReplaced) {
+    const Folder place;
+    OtherProcess process(place);
+    ASSERT_EQ(process.Do("own-mounts"), "0");
+    ASSERT_EQ(process.Do("volume"), "0 10");
+    ASSERT_EQ(process.Do("hear volume"), "0");
+    ASSERT_EQ(process.Do("set-volume 11"), "0");
+    EXPECT_EQ(process.Report(), "volume 11 own");
+    const std::string folder = place / "audio";
+    for (const std::string value : {"20", "30"}) {
+        ASSERT_EQ(process.Do("mount " + folder), "0");
+        ASSERT_EQ(process.Do("echo " + folder + "/master_volume " + value), "0");
+        EXPECT_EQ(process.Report(), "volume " + value + " platform");
+        ASSERT_EQ(process.Do("set-volume 15"), "0");
+        EXPECT_EQ(process.Report(), "volume 15 own");
+        bool isUnmounted = false;
+        for (int attempt = 0; attempt < 1000 && !isUnmounted;
+             ++attempt) {  // the platform thread may be reading
+            isUnmounted = process.Do("unmount " + folder) == "0";
+        }
+        ASSERT_TRUE(isUnmounted);
+        EXPECT_EQ(process.Report(), "volume 11 platform");
+    }
+    EXPECT_EQ(place.Content("audio/master_volume"), "11\n");
+}
+
+TEST_F(ReportsTest, TheRoutesOfSixtyFourZonesThatAreGoneAreRemembered) {
+    constexpr int ZONES = 70;
+    Listener& zones = NewListener("");
+    fs::remove_all(tv / "sound/zones");
+    for (int zone = 1; zone <= ZONES; ++zone) {
+        tv.Echo("sound/zones/" + std::to_string(zone) + "/route", "4");
+    }
+    ASSERT_EQ(sound_manager_set_multiview_speaker_selection_changed_cb(OnZoneRoute, &zones), 0);
+    for (int zone = 1; zone <= ZONES; ++zone) {
+        fs::remove_all(tv / "sound/zones" / std::to_string(zone));
+        Settle();
+    }
+    tv.Echo("sound/zones/70/route", "4");
+    Settle();
+    EXPECT_THAT(ear.Heard(), IsEmpty());
+    tv.Echo("sound/zones/1/route", "4");
+    Settle();
+    EXPECT_THAT(ear.Heard(), ElementsAre("1:4"));
+    fs::remove_all(tv / "sound/zones");
+}
+
+TEST_F(ReportsTest, AnOwnChangeIsAlwaysReportedHoweverShortlyAnothersCameBefore) {
+    constexpr std::size_t ROUNDS = 300;
+    HearVolume(listener);
+    for (std::size_t round = 0; round < ROUNDS; ++round) {
+        ASSERT_EQ(other.Do("set-volume 20"), "0");
+        ASSERT_EQ(audio_set_master_volume(10, 0), 0);
+    }
+    const auto threads = ear.Threads();
+    EXPECT_EQ(std::count(threads.begin(), threads.end(), std::this_thread::get_id()), ROUNDS);
+    Settle();
+    EXPECT_EQ(ear.Heard().back(), "10");
+}
+
+TEST_F(ReportsTest, ThePresentValueIsTheLastOneReportedWhoeverWroteIt) {
+    constexpr int WRITES = 3000;
+    HearVolume(listener);
+    other.Tell("volume-storm " + std::to_string(WRITES));
+    for (int i = 0; i < WRITES; ++i) {
+        ASSERT_EQ(audio_set_master_volume(100 - i % 101, 0), 0);
+    }
+    EXPECT_EQ(other.Answer(), "0");
+    Settle();
+    EXPECT_EQ(ear.Heard().back() + '\n', tv.Content("audio/master_volume"));
 }
 
 // --- Load

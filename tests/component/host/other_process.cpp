@@ -13,7 +13,9 @@
 #include <linux/seccomp.h>
 #include <lwipc.h>
 #include <resource_center.h>
+#include <sched.h>
 #include <sound_manager.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -26,6 +28,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <fstream>
 #include <functional>
 #include <iostream>
 #include <limits>
@@ -145,6 +148,22 @@ int RefuseOpenat2(int error) {
     }};
     const sock_fprog program{filter.size(), filter.data()};
     return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) | prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program);
+}
+
+/** Gives this process, before it has threads, a table of mounts of its own. */
+int OwnMounts() {
+    if (unshare(CLONE_NEWNS) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
+        return -1;
+    }
+    return mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
+}
+
+/** Writes like `echo`, where this process sees the file. */
+int Echo(const std::string& path, const std::string& text) {
+    std::ofstream stream(path);
+    stream << text << std::endl;
+    stream.close();
+    return stream ? 0 : -1;
 }
 
 int LimitFiles(rlim_t bytes) {
@@ -278,6 +297,14 @@ Commands ProcessCommands() {
     return {
         {"drop-capabilities", [](std::istream&) { return std::to_string(DropCapabilities()); }},
         {"refuse-openat2", Does(RefuseOpenat2)},
+        {"own-mounts", [](std::istream&) { return std::to_string(OwnMounts()); }},
+        {"mount", Does([](const char* path) { return mount("none", path, "tmpfs", 0, nullptr); })},
+        {"unmount", Does([](const char* path) { return umount2(path, UMOUNT_NOFOLLOW); })},
+        {"echo",
+         [](std::istream& words) {
+             const std::string path = Word(words);
+             return std::to_string(Echo(path, Rest(words)));
+         }},
         {"limit-files", Does([](int bytes) { return LimitFiles(static_cast<rlim_t>(bytes)); })},
         {"start-and-end-a-thread",
          [](std::istream&) {
