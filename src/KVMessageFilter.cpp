@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: MIT
 #include "KVMessageFilter.h"
 
+#include <array>
+#include <limits>
 #include <map>
 #include <string>
 #include <string_view>
@@ -13,17 +15,23 @@
 namespace NKavrel {
 namespace {
 
-constexpr int GETTERS_OF_SENDER_MAX = 64;
-constexpr int GETTERS_OF_ALL_MAX = 256;
-constexpr int OTHERS_OF_SENDER_MAX = 16384;
-
 constexpr const char* BUS_SENDER = "org.freedesktop.DBus";
+constexpr const char* PROPERTIES = "org.freedesktop.DBus.Properties";
 constexpr const char* LIMITS_EXCEEDED = "org.freedesktop.DBus.Error.LimitsExceeded";
 /** The data of a message that owns its ticket. */
 constexpr const char* TICKET_KEY = "kavrel-ticket";
 
-/** The kind of request that a message carries. The shipped bus policy lets everybody call the getters. */
-enum class eMessageKind { GETTER, OTHER, NOT_HANDLED };
+/**
+ * The kind of request that a message carries. The shipped bus policy lets everybody call the getters. No handler
+ * gets a question for all properties, but GDBus answers it only when the main loop runs.
+ */
+enum class eMessageKind { GETTER, ALL_PROPERTIES, OTHER, NOT_WAITING };
+
+constexpr std::size_t COUNTED_KINDS = 3;  // each but the last
+using Numbers = std::array<int, COUNTED_KINDS>;
+
+constexpr Numbers OF_SENDER_MAX = {64, 64, 16384};
+constexpr Numbers OF_ALL_MAX = {256, 256, std::numeric_limits<int>::max()};
 
 struct Method {
     std::string signature;
@@ -101,18 +109,13 @@ public:
           m_signalPath(signalPath),
           m_methods(MethodsOf(interface)) {}
 
-    /** Counts a message that a handler will get, or refuses it. @return the message to pass on, or null */
+    /** Counts a message that will wait for the main loop, or refuses it. @return the message to pass on, or null */
     GDBusMessage* Admit(GDBusConnection* connection, GDBusMessage* message);
     /** Takes a message off the counts, once. */
     void Leave(Ticket& ticket);
     Waiting Take(const GVariant* arguments);
 
 private:
-    struct Sender {
-        int getters = 0;
-        int others = 0;
-    };
-
     eMessageKind KindOf(GDBusMessage* message) const;
     /** Counts one more message of the sender. @return false if too many wait already */
     bool Enter(const std::string& sender, eMessageKind kind);
@@ -126,8 +129,8 @@ private:
 
     KVMutex m_mutex;
     /** Only senders of which something waits. */
-    std::unordered_map<std::string, Sender> m_senders KV_GUARDED_BY(m_mutex);
-    int m_getters KV_GUARDED_BY(m_mutex) = 0;
+    std::unordered_map<std::string, Numbers> m_senders KV_GUARDED_BY(m_mutex);
+    Numbers m_all KV_GUARDED_BY(m_mutex){};
     /** The tickets of all counted messages, by the body of the message. */
     std::unordered_map<const GVariant*, std::weak_ptr<Ticket>> m_tickets KV_GUARDED_BY(m_mutex);
 };
@@ -162,20 +165,24 @@ eMessageKind KVMessageFilter::Counts::KindOf(GDBusMessage* message) const {
     const std::string_view interface = TextOf(g_dbus_message_get_interface(message));
     if (IsSignal(message)) {
         const bool isHeard = path == m_signalPath && interface == m_interface;
-        return isHeard ? eMessageKind::OTHER : eMessageKind::NOT_HANDLED;
+        return isHeard ? eMessageKind::OTHER : eMessageKind::NOT_WAITING;
     }
-    if (!IsCall(message) || path != m_methodPath || interface != m_interface) {
-        return eMessageKind::NOT_HANDLED;
+    if (!IsCall(message) || path != m_methodPath) {
+        return eMessageKind::NOT_WAITING;
     }
-    const auto method = m_methods.find(TextOf(g_dbus_message_get_member(message)));
+    const std::string_view member = TextOf(g_dbus_message_get_member(message));
+    if (interface == PROPERTIES && member == "GetAll") {
+        return eMessageKind::ALL_PROPERTIES;
+    }
+    const auto method = interface == m_interface ? m_methods.find(member) : m_methods.end();
     const bool fits = method != m_methods.end() &&
                       method->second.signature == TextOf(g_dbus_message_get_signature(message));
-    return fits ? method->second.kind : eMessageKind::NOT_HANDLED;
+    return fits ? method->second.kind : eMessageKind::NOT_WAITING;
 }
 
 GDBusMessage* KVMessageFilter::Counts::Admit(GDBusConnection* connection, GDBusMessage* message) {
     const eMessageKind kind = KindOf(message);
-    if (kind == eMessageKind::NOT_HANDLED) {
+    if (kind == eMessageKind::NOT_WAITING) {
         return message;
     }
     const std::string sender(TextOf(g_dbus_message_get_sender(message)));
@@ -203,21 +210,15 @@ void KVMessageFilter::Counts::Attach(GDBusMessage* message, const std::string& s
 
 bool KVMessageFilter::Counts::Enter(const std::string& sender, eMessageKind kind) {
     const KVLockGuard lock(m_mutex);
-    Sender& waiting = m_senders[sender];
-    const bool nothingWaits = waiting.getters == 0 && waiting.others == 0;
-    if (kind == eMessageKind::GETTER) {
-        const bool isFull = waiting.getters >= GETTERS_OF_SENDER_MAX || m_getters >= GETTERS_OF_ALL_MAX;
-        if (isFull && !nothingWaits) {
-            return false;
-        }
-        ++waiting.getters;
-        ++m_getters;
-        return true;
-    }
-    if (waiting.others >= OTHERS_OF_SENDER_MAX) {
+    Numbers& waiting = m_senders[sender];
+    const auto index = static_cast<std::size_t>(kind);
+    const bool isFull =
+        waiting.at(index) >= OF_SENDER_MAX.at(index) || m_all.at(index) >= OF_ALL_MAX.at(index);
+    if (isFull && waiting != Numbers{}) {
         return false;
     }
-    ++waiting.others;
+    ++waiting.at(index);
+    ++m_all.at(index);
     return true;
 }
 
@@ -227,13 +228,10 @@ void KVMessageFilter::Counts::Leave(Ticket& ticket) {
         return;
     }
     const auto sender = m_senders.find(ticket.m_sender);
-    if (ticket.m_kind == eMessageKind::GETTER) {
-        --sender->second.getters;
-        --m_getters;
-    } else {
-        --sender->second.others;
-    }
-    if (sender->second.getters == 0 && sender->second.others == 0) {
+    const auto index = static_cast<std::size_t>(ticket.m_kind);
+    --sender->second.at(index);
+    --m_all.at(index);
+    if (sender->second == Numbers{}) {
         m_senders.erase(sender);
     }
 }

@@ -17,7 +17,9 @@ namespace NKavrel {
  * - No message may carry file descriptors. A reply loses them, every other message is refused.
  * - At most 64 getter calls of one sender wait, and 256 of all senders together. A sender of which nothing
  *   waits is always admitted.
- * - At most 16,384 other messages of one sender wait.
+ * - At most 16,384 other messages for the handlers wait of one sender.
+ * - Calls of GetAll (properties), which GDBus answers on the main loop, too, have bounds of their own: those of the
+ *   getters.
  * A refused call is answered LimitsExceeded, unless it asked for no reply; a refused signal is dropped. Replies,
  * the bus's own messages, and messages that GDBus answers itself pass uncounted.
  *

@@ -24,6 +24,7 @@ using testing::Not;
 namespace {
 
 constexpr const char* REFUSED = "error org.freedesktop.DBus.Error.LimitsExceeded";
+constexpr const char* PROPERTIES = "org.freedesktop.DBus.Properties";
 constexpr const char* INVALID_ARGUMENTS = "error org.freedesktop.DBus.Error.InvalidArgs";
 
 /** A connection that sends messages to the server without waiting for answers, and collects the answers. */
@@ -256,6 +257,28 @@ TEST_F(KVMessageFilterTest, WhatGDBusAnswersItselfIsNotCounted) {
     sender.Ping();
     EXPECT_EQ(sender.CountAnswers(admitted), 0U);
     ExpectServed(sender, admitted);
+}
+
+TEST_F(KVMessageFilterTest, QuestionsForAllPropertiesHaveABoundOfTheirOwn) {
+    Sender sender(Shared());
+    const auto ask = [&] {
+        return sender.Send(sender.NewCall("GetAll", g_variant_new("(s)", INTERFACE), PROPERTIES));
+    };
+    const auto getters = sender.SendGetters(63);
+    std::vector<guint32> waiting(64);
+    std::ranges::generate(waiting, ask);
+    ExpectRefused(sender, ask());
+    EXPECT_EQ(sender.CountAnswers(waiting), 0U);
+    const auto lastGetter = sender.SendGetters(1);
+    ExpectServed(sender, getters);
+    ExpectServed(sender, lastGetter);
+    fake::RunMainContextUntilQuiet();
+    std::ranges::generate(waiting, ask);
+    ExpectRefused(sender, ask());
+    fake::RunMainContextUntilQuiet();
+    for (const guint32 serial : waiting) {
+        EXPECT_EQ(sender.AnswerTo(serial), "reply (@a{sv} {},)");
+    }
 }
 
 TEST_F(KVMessageFilterTest, AMessageWaitsUntilTheLookUpOfItsCallerHasRun) {
