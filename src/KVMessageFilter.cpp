@@ -63,11 +63,14 @@ bool IsSignal(GDBusMessage* message) {
     return g_dbus_message_get_message_type(message) == G_DBUS_MESSAGE_TYPE_SIGNAL;
 }
 
+bool WantsReply(GDBusMessage* message) {
+    return IsCall(message) &&
+           (g_dbus_message_get_flags(message) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) == 0;
+}
+
 /** Drops the message, with its file descriptors. @return null, the filter's word for "dropped" */
 GDBusMessage* Refuse(GDBusConnection* connection, GDBusMessage* message, const char* why) {
-    const bool wantsReply =
-        IsCall(message) && (g_dbus_message_get_flags(message) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) == 0;
-    if (wantsReply) {
+    if (WantsReply(message)) {
         g_autoptr(GDBusMessage) reply =
             g_dbus_message_new_method_error_literal(message, LIMITS_EXCEEDED, why);
         g_dbus_connection_send_message(connection, reply, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
@@ -182,6 +185,11 @@ eMessageKind KVMessageFilter::Counts::KindOf(GDBusMessage* message) const {
 
 GDBusMessage* KVMessageFilter::Counts::Admit(GDBusConnection* connection, GDBusMessage* message) {
     const eMessageKind kind = KindOf(message);
+    const bool isHandled = kind == eMessageKind::GETTER || kind == eMessageKind::OTHER;
+    // GDBus would answer even this call, and such answers pile up faster than it writes them.
+    if (!isHandled && IsCall(message) && !WantsReply(message)) {
+        return Refuse(connection, message, "");
+    }
     if (kind == eMessageKind::NOT_WAITING) {
         return message;
     }

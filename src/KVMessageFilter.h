@@ -20,6 +20,8 @@ namespace NKavrel {
  * - At most 16,384 other messages for the handlers wait of one sender.
  * - Calls of GetAll (properties), which GDBus answers on the main loop, too, have bounds of their own: those of the
  *   getters.
+ * - A call that no handler gets and that asks for no reply is refused, because GDBus would answer it.
+ *
  * A refused call is answered LimitsExceeded, unless it asked for no reply; a refused signal is dropped. Replies,
  * the bus's own messages, and messages that GDBus answers itself pass uncounted.
  *

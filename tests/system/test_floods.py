@@ -51,6 +51,12 @@ def getter():
     return message
 
 
+def introspection():
+    message = Gio.DBusMessage.new_method_call(NAME, METHODS_PATH, "org.freedesktop.DBus.Introspectable", "Introspect")
+    message.set_flags(Gio.DBusMessageFlags.NO_REPLY_EXPECTED)
+    return message
+
+
 def question_for_all_properties():
     message = Gio.DBusMessage.new_method_call(NAME, METHODS_PATH, "org.freedesktop.DBus.Properties", "GetAll")
     message.set_body(GLib.Variant("(s)", (NAME,)))
@@ -69,7 +75,7 @@ def memory_of(process, field):
         return int(re.search(rf"{field}:\s+(\d+) kB", status.read())[1])
 
 
-@pytest.mark.parametrize("message", [getter, question_for_all_properties, foreign_signal])
+@pytest.mark.parametrize("message", [getter, introspection, question_for_all_properties, foreign_signal])
 def test_a_flood_costs_little_memory_and_the_daemon_serves_on(daemon, client, flooders, message):
     for flooder in flooders:
         flooder.send(message(), MESSAGES // len(flooders))
