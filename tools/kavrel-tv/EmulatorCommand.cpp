@@ -74,9 +74,7 @@ public:
     Emulator(tools::MainLoop& loop, const EmulatorPeer& peer, int volume, int result)
         : m_loop(loop), m_peer(peer), m_volume(volume), m_result(result), m_client(PATIENCE) {
         Register();
-        m_name = g_bus_own_name_on_connection(m_client.Connection(), peer.name,
-                                              G_BUS_NAME_OWNER_FLAGS_DO_NOT_QUEUE, OnNameAcquired, OnNameLost,
-                                              this, nullptr);
+        RequestName();
     }
     ~Emulator() {
         g_bus_unown_name(m_name);
@@ -95,6 +93,12 @@ private:
         if (m_object == 0) {
             throw tools::ToolError(tools::EXIT_REFUSED, error->message);
         }
+    }
+
+    void RequestName() {
+        m_name = g_bus_own_name_on_connection(m_client.Connection(), m_peer.name,
+                                              G_BUS_NAME_OWNER_FLAGS_DO_NOT_QUEUE, OnNameAcquired, OnNameLost,
+                                              this, nullptr);
     }
 
     static void OnCall(GDBusConnection* /*connection*/, const char* /*sender*/, const char* /*path*/,
