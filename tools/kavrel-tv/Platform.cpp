@@ -114,6 +114,7 @@ std::vector<Zone> ReadZones() {
     std::vector<int> ids;
     std::vector<Zone> zones;
     static_cast<void>(host::GetZones(ids));  // an error leaves none
+    zones.reserve(ids.size());
     for (const int id : ids) {
         zones.push_back({id, ReadInteger(host::ZoneRoute(id))});
     }
