@@ -76,7 +76,7 @@ const Route* FindRoute(int code) {
 CLI::Validator RouteCode() {
     const auto check = [](std::string& text) -> std::string {
         const auto* const named = std::find_if(ROUTES.begin(), ROUTES.end(),
-                                        [&text](const Route& route) { return route.name == text; });
+                                               [&text](const Route& route) { return route.name == text; });
         if (named != ROUTES.end()) {
             text = std::to_string(named->code);
             return {};
