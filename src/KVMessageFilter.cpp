@@ -124,6 +124,8 @@ private:
     bool Enter(const std::string& sender, eMessageKind kind);
     /** Makes the message own the count that Enter has added for it. */
     void Attach(GDBusMessage* message, const std::string& sender, eMessageKind kind);
+    /** For the end of a message. @param ticket the pointer that Attach gave to the message */
+    static void ReleaseTicket(gpointer ticket);
 
     const std::string m_interface;
     const std::string m_methodPath;
@@ -209,11 +211,13 @@ void KVMessageFilter::Counts::Attach(GDBusMessage* message, const std::string& s
         const KVLockGuard lock(m_mutex);
         m_tickets[body] = ticket;
     }
-    g_object_set_data_full(
-        G_OBJECT(message), TICKET_KEY, std::make_unique<std::shared_ptr<Ticket>>(std::move(ticket)).release(),
-        [](gpointer owned) {
-            const std::unique_ptr<std::shared_ptr<Ticket>> last(static_cast<std::shared_ptr<Ticket>*>(owned));
-        });
+    g_object_set_data_full(G_OBJECT(message), TICKET_KEY,
+                           std::make_unique<std::shared_ptr<Ticket>>(std::move(ticket)).release(),
+                           ReleaseTicket);
+}
+
+void KVMessageFilter::Counts::ReleaseTicket(gpointer ticket) {
+    const std::unique_ptr<std::shared_ptr<Ticket>> last(static_cast<std::shared_ptr<Ticket>*>(ticket));
 }
 
 bool KVMessageFilter::Counts::Enter(const std::string& sender, eMessageKind kind) {

@@ -164,6 +164,7 @@ def test_what_the_handlers_log(daemon, client):
 
 
 def test_what_a_change_logs_from_the_report_to_the_signal(daemon, client):
+    daemon.log.wait_for_rest(0.5)  # the gain-out worker writes the start gain after the daemon serves
     before = daemon.log.end()
     client.set_volume(30)
     expected = [
