@@ -38,7 +38,8 @@ def unit_of(path):
 
 
 def test_each_file_is_in_its_place(installed):
-    for path in ("bin/kavreld", "lib/systemd/system/kavrel.service", "lib/tmpfiles.d/kavrel.conf",
+    for path in ("bin/kavreld", "lib/systemd/system/kavrel.service", "lib/sysusers.d/kavrel.conf",
+                 "lib/tmpfiles.d/kavrel.conf",
                  "share/dbus-1/interfaces/org.olvane.kavrel.xml", "share/dbus-1/system.d/org.olvane.kavrel.conf",
                  "share/dbus-1/system-services/org.olvane.kavrel.service"):
         assert (installed / PREFIX / path).is_file(), path
@@ -123,28 +124,64 @@ def test_the_unit_withdraws_the_ready_event_of_its_tv(installed):
     service = dict(unit_of(installed / PREFIX / "lib/systemd/system/kavrel.service")["Service"])
     tv = re.fullmatch(r"KAVREL_TV_DIR=(\S+)", service["Environment"]).group(1)
     assert service["ExecStopPost"].replace("%%", "%").split()[-1] == f"{tv}/{READY}"
-    assert service["RuntimeDirectory"] == tv.removeprefix("%t/")
-    assert service["RuntimeDirectoryPreserve"] == "yes"
+    assert service["ReadWritePaths"] == tv
+
+
+def test_the_unit_runs_kavreld_as_its_user_and_lets_it_see_its_callers(installed):
+    service = dict(unit_of(installed / PREFIX / "lib/systemd/system/kavrel.service")["Service"])
+    assert (service["User"], service["Group"], service["UMask"]) == ("kavrel", "audio", "0002")
+    assert (service["StateDirectory"], service["StateDirectoryMode"]) == ("kavrel", "2775")
+    assert not service.keys() & {"RuntimeDirectory", "ProtectProc", "ProcSubset", "PrivateUsers"}
 
 
 def test_activation_goes_through_the_unit(installed):
     parser = configparser.ConfigParser()
     parser.optionxform = str
     parser.read(installed / PREFIX / "share/dbus-1/system-services/org.olvane.kavrel.service")
-    assert dict(parser["D-BUS Service"]) == {"Name": NAME, "Exec": "/bin/false", "User": "root",
+    assert dict(parser["D-BUS Service"]) == {"Name": NAME, "Exec": "/bin/false", "User": "kavrel",
                                              "SystemdService": "kavrel.service"}
 
 
-def test_a_boot_forgets_the_settings_memory_and_nothing_else(tmp_path):
+@pytest.fixture
+def system(tmp_path):
+    """The root folder of a system with kavrel's user, made from the installed sysusers file; returns the folder."""
+    (tmp_path / "etc").mkdir()
+    (tmp_path / "etc/group").write_text("audio:x:29:\n")
+    subprocess.run(["systemd-sysusers", f"--root={tmp_path}", ROOT / "data/kavrel.sysusers"], check=True,
+                   capture_output=True)
+    return tmp_path
+
+
+def test_kavrel_is_a_system_user_of_the_group_audio_without_a_shell(system):
+    name, _, uid, gid, _, _, shell = (system / "etc/passwd").read_text().strip().split(":")
+    assert (name, gid, shell) == ("kavrel", "29", "/usr/sbin/nologin")
+    assert 0 < int(uid) < 1000
+
+
+def make_files_as_at_boot(system, *options):
+    subprocess.run(["systemd-tmpfiles", *options, f"--root={system}", ROOT / "data/kavrel.tmpfiles"], check=True)
+
+
+def test_a_boot_forgets_the_settings_memory_and_nothing_else(system):
     for key in ("memory/sysman/spdif", "db/usbsound/volume_level"):
-        (tmp_path / "run/kavrel/settings" / key).parent.mkdir(parents=True)
-        (tmp_path / "run/kavrel/settings" / key).write_text("1\n")
-    command = ["systemd-tmpfiles", "--remove", f"--root={tmp_path}", ROOT / "data/kavrel.tmpfiles"]
-    subprocess.run(command, check=True)
-    assert (tmp_path / "run/kavrel/settings/memory").exists()  # a restart of the service keeps the settings
-    subprocess.run([*command, "--boot"], check=True)
-    assert not (tmp_path / "run/kavrel/settings/memory").exists()
-    assert (tmp_path / "run/kavrel/settings/db/usbsound/volume_level").exists()
+        file = system / "run/kavrel/settings" / key
+        file.parent.mkdir(parents=True)
+        file.write_text("1\n")
+    make_files_as_at_boot(system, "--remove")
+    assert (system / "run/kavrel/settings/memory").exists()  # an upgrade keeps the settings
+    make_files_as_at_boot(system, "--remove", "--boot")
+    assert not (system / "run/kavrel/settings/memory").exists()
+    assert (system / "run/kavrel/settings/db/usbsound/volume_level").exists()
+
+
+if os.geteuid() == 0:
+    def test_the_folders_belong_to_kavrel_and_the_group_audio(system):
+        make_files_as_at_boot(system, "--create")
+        uid = int((system / "etc/passwd").read_text().split(":")[2])
+        for folder in ("run/kavrel", "run/kavrel/settings", "var/lib/kavrel"):
+            status = (system / folder).stat()
+            assert (status.st_uid, status.st_gid, oct(status.st_mode & 0o7777)) == (uid, 29, "0o2775"), folder
+        assert os.readlink(system / "run/kavrel/settings/db") == "/var/lib/kavrel"
 
 
 # --- the policy ---------------------------------------------------------------------------------------------------
