@@ -94,7 +94,7 @@ need() {
 # configure NAME MESON_OPTION...: sets up build/NAME, anew if the clone was moved or the options are others. Leaves it
 # locked in $lock, so that another script that builds the same directory waits.
 configure() {
-    local directory=$root/build/$1 made_with
+    local directory=$root/build/$1 made_with said
     shift
     made_with="$root $*"
     mkdir -p "$root/build"
@@ -102,26 +102,36 @@ configure() {
     flock "$lock"
     if [ ! -f "$directory/build.ninja" ] || [ "$(cat "$directory/made-with" 2>/dev/null)" != "$made_with" ]; then
         rm -rf "$directory"
-        meson setup "$@" "$directory" "$root" </dev/null >&2 || die "meson could not set up $directory"
+        said=$(meson setup "$@" "$directory" "$root" </dev/null 2>&1) || die "meson could not set up $directory: $said"
         printf '%s\n' "$made_with" >"$directory/made-with"
     fi
 }
 
-# build NAME MESON_OPTION...: brings build/NAME up to date.
-build() {
-    local directory=$root/build/$1 lock
+# make_target TARGET NAME MESON_OPTION...: brings ninja's TARGET in build/NAME up to date.
+make_target() {
+    local target=$1 directory=$root/build/$2 lock
+    shift
     # A directory of another user can be used as it is while it is up to date.
     if [ -e "$directory.lock" ] && [ ! -w "$directory.lock" ]; then
-        [[ $(ninja -C "$directory" -n 2>&1) == *'no work to do.'* ]] ||
+        [[ $(ninja -C "$directory" -n "$target" 2>&1) == *'no work to do.'* ]] ||
             die "$directory belongs to another user and is out of date; remove it, or use a clone of your own"
         return
     fi
     configure "$@"
-    case $(cd "$directory" && ninja -n) in
+    case $(cd "$directory" && ninja -n "$target") in
         *'no work to do.'*) ;;
-        *) (cd "$directory" && ninja -j "$(nproc)") </dev/null >&2 || die "the build in $directory failed" ;;
+        *) (cd "$directory" && ninja -j "$(nproc)" "$target") </dev/null >&2 || die "the build in $directory failed" ;;
     esac
     exec {lock}>&-
 }
 
-build_release() { build release --buildtype=release; }
+# build NAME MESON_OPTION...: brings build/NAME up to date.
+build() { make_target all "$@"; }
+
+# set_up NAME MESON_OPTION...: brings the directory build/NAME up to date, but builds nothing.
+set_up() { make_target build.ninja "$@"; }
+
+build_release() {
+    [ -e "$root/build/release/src/kavreld" ] || say "first build: about a minute"
+    build release --buildtype=release
+}

@@ -7,6 +7,7 @@ import re
 import select
 import signal
 import subprocess
+import tempfile
 from pathlib import Path
 
 import pytest
@@ -24,8 +25,11 @@ GET_VOLUME = ("gdbus call --system -d org.olvane.kavrel -o /Org/Olvane/KavrelInt
               "-m org.olvane.kavrel.GetSpeakerVolume").split()
 
 
+SCENE_VARIABLES = ("KAVREL_TV_DIR", "DBUS_SYSTEM_BUS_ADDRESS", "KAVREL_SCENES", "KAVREL_LOG")
+
+
 def environment(changes):
-    own = {key: value for key, value in os.environ.items() if key not in ("KAVREL_TV_DIR", "DBUS_SYSTEM_BUS_ADDRESS")}
+    own = {key: value for key, value in os.environ.items() if key not in SCENE_VARIABLES}
     return {**own, "LD_PRELOAD": os.environ.get("KAVREL_PRELOAD", ""), **changes}
 
 
@@ -154,19 +158,18 @@ def test_command_gets_its_arguments_unchanged():
 
 @pytest.mark.parametrize("script, status", [("exit 1", 1), ("exit 77", 77), ("exit 255", 255),
                                             ("kill -TERM $$", 128 + 15), ("kill -KILL $$", 128 + 9)])
-def test_run_exits_with_a_failed_commands_status_and_keeps_the_log(script, status):
-    code, output, errors = run("sh", "-c", script)
+def test_run_exits_with_a_failed_commands_status_and_keeps_no_log(script, status, tmp_path):
+    code, output, errors = run("sh", "-c", script, TMPDIR=str(tmp_path))
     assert (code, output) == (status, "")
-    assert f"sh ended with status {status}" in errors
-    assert "main.cpp: main(" in kept_log(errors)
+    assert "./run: " not in errors
+    assert list(tmp_path.iterdir()) == []
 
 
 @pytest.mark.parametrize("name, status", [("no-such-command", 127), ("no=such=command", 127), ("/etc/passwd", 126)])
 def test_a_command_that_cannot_start_is_reported(name, status):
     code, output, errors = run(name)
     assert (code, output) == (status, "")
-    assert re.match(f"./run: line 1: (exec: )?{name}: ", errors)
-    kept_log(errors)
+    assert re.fullmatch(f"(./run: line 1: (exec: )?{name}: .*\n)+", errors)
 
 
 def test_the_devices_never_block_on_their_output():
@@ -189,8 +192,7 @@ def test_nothing_is_left_after_a_success():
 
 def test_nothing_is_left_after_a_failure():
     code, output, errors = run("sh", "-c", f"{PIDS}\nexit 3")
-    kept_log(errors)
-    assert code == 3
+    assert (code, errors) == (3, "")
     assert_nothing_is_left(*pids_and_tv(output))
 
 
@@ -216,6 +218,26 @@ def test_the_end_of_the_daemon_is_reported_and_run_exits_with_the_commands_statu
     assert "kavreld has ended (status 137). The end of its log:" in errors
     assert "main.cpp: main(" in kept_log(errors)
     assert_nothing_is_left(*pids_and_tv(output))
+
+
+def test_a_daemon_that_does_not_answer_a_failed_command_is_reported():
+    stop = "kill -STOP $(busctl --system status org.olvane.kavrel | sed -n s/^PID=//p)"
+    code, output, errors = run("sh", "-c", f"{stop}; exit 3")
+    assert (code, output) == (3, "")
+    assert errors.startswith("./run: kavreld does not answer\n")
+    assert "main.cpp: main(" in kept_log(errors)
+
+
+def test_what_the_daemon_writes_besides_its_log_is_reported(tmp_path):
+    (tmp_path / "src").mkdir()
+    talkative = tmp_path / "src/kavreld"
+    talkative.write_text(f"#!/bin/sh\necho 'WARNING: something is wrong' >&2\nexec {os.environ['KAVRELD']}\n")
+    talkative.chmod(0o755)
+    (tmp_path / "tools").symlink_to(f"{os.environ['KAVREL_BUILD']}/tools")
+    code, output, errors = run(*GET_VOLUME, KAVREL_BUILD=str(tmp_path))
+    assert (code, output) == (0, "(10, 0)\n")
+    assert errors.splitlines()[:2] == ["./run: kavreld wrote this besides its log:", "WARNING: something is wrong"]
+    assert "main.cpp: main(" in kept_log(errors)
 
 
 def test_a_given_tv_is_kept_after_its_memory_settings_are_removed(tmp_path):
@@ -274,47 +296,152 @@ def test_ctrl_c_reaches_the_command_on_its_terminal_and_run_waits_for_it():
 # --- ./run alone --------------------------------------------------------------------------------------------------
 
 
-def in_a_second_terminal(introduction, command):
-    """Runs a command with the variables that the introduction suggests for a second terminal."""
-    exports = "\n".join(re.findall("^  (export .*)$", introduction, re.M))
-    done = subprocess.run(["bash", "-ec", f"{exports}\n{command}"], capture_output=True, text=True, timeout=PATIENCE,
-                          check=False, env=environment({}))
-    assert done.returncode == 0, done.stderr
-    return done.stdout
+LAST_LINE = r"--join +# opens a shell .*\n\n"
 
 
-def test_alone_it_explains_how_to_join_and_shows_log_and_signals_until_ctrl_c(start):
+def join(process, *command):
+    """Runs a command in the scene of a ./run as a second terminal does; returns its standard output."""
+    code, output, errors = run(f"--join={process.process.pid}", *command)
+    assert (code, errors) == (0, "")
+    return output
+
+
+def scene_of(process):
+    process.read_until(LAST_LINE)
+    return pids_and_tv(join(process, "sh", "-c", PIDS))
+
+
+def test_alone_it_introduces_itself_and_shows_errors_and_signals_until_ctrl_c(start):
     process = start()
-    introduction = process.read_until("Ctrl-C")
-    found = pids_and_tv(in_a_second_terminal(introduction, PIDS))
-    process.read_until(r"I main\.cpp: main\(\d+\) > \[main:\d+\] Started")
+    introduction = process.read_until(LAST_LINE)
+    found = scene_of(process)
+    assert introduction.startswith("E KVUtils.cpp: VconfGetInt(")
+    assert "\nThese errors are normal: " in introduction
+    assert re.search(LAST_LINE + r"\Z", introduction)
 
-    in_a_second_terminal(introduction, "echo 42 > $KAVREL_TV_DIR/audio/master_volume")
-    process.read_until("Send dbus signal VolumeChanged : 42")
+    join(process, "sh", "-c", "echo 42 > $KAVREL_TV_DIR/audio/master_volume")
     process.read_until(r"signal /Org/Olvane/KavrelInternal: org\.olvane\.kavrel\.SpeakerVolumeChanged \(65535, 42\)")
+    run(f"--join={process.process.pid}", "kavrelctl", "volume", "101")
+    said = process.read_until(r"E VolumeControlImpl\.cpp: .*invalid param")
+    assert not re.search("^[DI] ", said, re.M)
 
     assert process.end(signal.SIGINT) == (0, "")
     assert_nothing_is_left(*found)
 
 
-def test_a_second_terminal_finds_the_tools(start):
-    introduction = start().read_until("Ctrl-C")
-    assert in_a_second_terminal(introduction, "kavrelctl volume; kavrel-tv key memory/no/such/key || true") == "10\n"
+def test_verbose_shows_the_whole_log_and_signals(start):
+    process = start("--verbose")
+    introduction = process.read_until(LAST_LINE)
+    assert re.match(r"I main\.cpp: main\(\d+\) > \[main:\d+\] Started\n", introduction)
+    join(process, "kavrelctl", "volume", "42")
+    process.read_until("Send dbus signal VolumeChanged : 42")
+    process.read_until(r"signal /Org/Olvane/KavrelInternal: org\.olvane\.kavrel\.SpeakerVolumeChanged \(65535, 42\)")
 
 
-def test_the_five_commands_that_it_suggests_work(start):
-    introduction = start().read_until("Ctrl-C")
-    commands = re.findall(r"^  ((?:gdbus|busctl) .*)$", introduction, re.M)
+def test_the_log_that_the_introduction_names_has_all_lines(start):
+    introduction = start().read_until(LAST_LINE)
+    log = Path(re.search("^The whole log is in (.*)", introduction, re.M)[1])
+    assert log.read_text().startswith("I main.cpp: main(")
+
+
+def test_no_log_line_is_lost_around_the_introduction(start):
+    process = start("--verbose")
+    log = Path(re.search("^The whole log is in (.*)", process.read_until(LAST_LINE), re.M)[1])
+    join(process, "kavrelctl", "volume", "77")
+    last = "Send dbus signal VolumeChanged : 77"
+    shown = process.read_until(f"{last}.*\n").partition(last)[0].splitlines()
+    assert [line for line in shown if re.match("[DIWE] ", line)] == log.read_text().partition(last)[0].splitlines()
+
+
+# --- ./run --join -------------------------------------------------------------------------------------------------
+
+
+@pytest.fixture
+def scenes():
+    """A folder for scenes that no other test uses, so that --join finds those of this test alone."""
+    with tempfile.TemporaryDirectory(dir="/dev/shm", prefix="kavrel-test.") as folder:
+        yield folder
+
+
+def test_the_commands_that_the_introduction_suggests_work(scenes, start):
+    introduction = start(KAVREL_SCENES=scenes).read_until(LAST_LINE)
+    commands = re.findall(r"^  (\./run --join.*?)(?:  +#.*)?$", introduction, re.M)
     assert len(commands) == 5
     for command in commands:
-        patience = "timeout 1 " if " monitor " in command else ""
-        in_a_second_terminal(introduction, f"{patience}{command} || [ $? = 124 ]")
-    assert in_a_second_terminal(introduction, "cat $KAVREL_TV_DIR/audio/master_mute") == "1\n"
+        limit = "timeout 1 " if "watch" in command else ""
+        done = subprocess.run(["bash", "-c", f"{limit}{command}"], cwd=ROOT, env=environment({"KAVREL_SCENES": scenes}),
+                              input="command -v kavrel-tv; cat $KAVREL_TV_DIR/sound/route", timeout=PATIENCE,
+                              capture_output=True, text=True, check=False)
+        assert (done.returncode, done.stderr) == (124 if limit else 0, ""), command
+    assert done.stdout == f"{os.environ['KAVREL_BUILD']}/tools/kavrel-tv/kavrel-tv\n2\n"
+
+
+def test_a_joined_command_has_input_folder_arguments_and_exit_status_of_its_own(scenes, start, tmp_path):
+    start("sh", "-c", "echo ready; exec sleep 1000", KAVREL_SCENES=scenes).read_until("ready")
+    script = 'pwd; cat; printf "%s|" "$@"; exit 5'
+    assert run("--join", "sh", "-c", script, "sh", "a b", "", KAVREL_SCENES=scenes, cwd=tmp_path, input="text\n") == (
+        5, f"{tmp_path}\ntext\na b||", "")
+
+
+def test_without_a_scene_there_is_nothing_to_join(scenes):
+    assert run("--join", "true", KAVREL_SCENES=scenes) == (
+        1, "", "./run: you have no ./run that is ready; start one in another terminal\n")
+
+
+def test_among_several_scenes_the_pid_or_the_own_scene_decides(scenes, start):
+    processes = [start("sh", "-c", 'echo "TV $KAVREL_TV_DIR"; exec sleep 1000', name, KAVREL_SCENES=scenes)
+                 for name in ("one", "two")]
+    tvs = [re.search("^TV (.*)", process.read_until("TV .*\n"), re.M)[1] for process in processes]
+    show = ("sh", "-c", 'echo "$KAVREL_TV_DIR"')
+
+    code, output, errors = run("--join", *show, KAVREL_SCENES=scenes)
+    assert (code, output) == (1, "")
+    said, *choices = errors.splitlines()
+    assert said == "./run: there are several to join:"
+    assert sorted(re.sub(" +", " ", choice) for choice in choices) == sorted(
+        f' ./run --join={process.process.pid} # ./run sh -c echo "TV $KAVREL_TV_DIR"; exec sleep 1000 {name}'
+        for process, name in zip(processes, ("one", "two")))
+
+    for process, tv in zip(processes, tvs):
+        assert run(f"--join={process.process.pid}", *show, KAVREL_SCENES=scenes) == (0, f"{tv}\n", "")
+        assert run("--join", *show, KAVREL_SCENES=scenes, KAVREL_TV_DIR=tv) == (0, f"{tv}\n", "")
+    code, _, errors = run("--join=1", *show, KAVREL_SCENES=scenes)
+    assert (code, errors.splitlines()[0]) == (1, "./run: 1 is not the pid of a ./run that is ready. These are:")
+
+
+def test_a_scene_whose_run_was_killed_is_not_joined(scenes, start):
+    process = start("sh", "-c", "echo ready; exec sleep 1000", KAVREL_SCENES=scenes)
+    process.read_until("ready")
+    scene = next(Path(scenes).glob("kavrel.*"))
+    for field, value in ((0, b"0"), (1, b"1")):  # no process, and another process with the same pid
+        fields = (scene / "scene").read_bytes().split(b"\0")
+        fields[field] = value
+        left = Path(scenes) / f"kavrel.left0{field}"
+        left.mkdir()
+        (left / "scene").write_bytes(b"\0".join(fields))
+    assert run("--join", "sh", "-c", 'echo "$KAVREL_TV_DIR"', KAVREL_SCENES=scenes) == (0, f"{scene}/tv\n", "")
+
+
+def test_a_shell_that_names_a_removed_scene_gets_no_new_tv(scenes):
+    tv = f"{scenes}/kavrel.gone00/tv"
+    code, output, errors = run("true", KAVREL_SCENES=scenes, KAVREL_TV_DIR=tv)
+    assert (code, output) == (1, "")
+    assert errors.splitlines()[0] == f"./run: KAVREL_TV_DIR names the TV of a ./run that has ended: {tv}"
+    assert os.listdir(scenes) == []
+
+
+def test_a_tv_in_use_is_not_shared(scenes, start):
+    process = start("sh", "-c", 'echo "$KAVREL_TV_DIR"; exec sleep 1000', KAVREL_SCENES=scenes)
+    tv = process.read_until("\n").strip()
+    code, output, errors = run("true", KAVREL_SCENES=scenes, KAVREL_TV_DIR=tv)
+    assert (code, output) == (1, "")
+    assert re.match(r"./run: KAVREL_TV_DIR names the TV of ./run sh .* \(pid \d+\), which is running\.\n", errors)
+    assert Path(tv, "settings/memory/menu/network/screenmirroring/volume_support_hdmi").exists()
 
 
 def test_alone_ctrl_c_ends_it_even_if_a_script_started_it_with_an_ampersand(start):
     process = start(ignored=signal.SIGINT)
-    found = pids_and_tv(in_a_second_terminal(process.read_until("Ctrl-C"), PIDS))
+    found = scene_of(process)
     assert process.end(signal.SIGINT) == (0, "")
     assert_nothing_is_left(*found)
 
@@ -322,7 +449,7 @@ def test_alone_ctrl_c_ends_it_even_if_a_script_started_it_with_an_ampersand(star
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGHUP])
 def test_alone_a_signal_ends_everything(start, number):
     process = start()
-    found = pids_and_tv(in_a_second_terminal(process.read_until("Ctrl-C"), PIDS))
+    found = scene_of(process)
     assert process.end(number) == (128 + number, "")
     assert_nothing_is_left(*found)
 
@@ -331,7 +458,7 @@ def test_alone_a_signal_ends_everything(start, number):
                                             (1, "./run: the bus has ended\n")], ids=["daemon", "bus"])
 def test_alone_the_end_of_one_program_ends_everything(start, which, message):
     process = start()
-    found = pids_and_tv(in_a_second_terminal(process.read_until("Ctrl-C"), PIDS))
+    found = scene_of(process)
     os.kill(found[0][which], signal.SIGKILL)
     status, errors = process.wait()
     assert status == 1
@@ -357,8 +484,11 @@ def test_a_daemon_that_does_not_start_is_reported(tmp_path):
 def test_help_names_the_variables():
     code, output, errors = run("--help")
     assert (code, errors) == (0, "")
-    assert all(word in output for word in ("Usage: ./run", "KAVREL_TV_DIR", "KAVREL_LOG", "Example"))
+    assert all(word in output for word in ("Usage: ./run", "--join", "KAVREL_TV_DIR", "KAVREL_LOG", "Example"))
 
 
-def test_an_unknown_option_is_wrong_usage():
-    assert run("--no-such-option")[0] == 64
+@pytest.mark.parametrize("words", [["--no-such-option"], ["--join", "--no-such-option"], ["--verbose", "true"]], ids=" ".join)
+def test_wrong_usage(words):
+    code, output, errors = run(*words)
+    assert (code, output) == (64, "")
+    assert errors.endswith(", see ./run --help\n")
