@@ -47,12 +47,13 @@ TV in {tv.path}, kavreld not ready
 
 
 def test_show_tells_of_zones_focus_and_the_device_in_use(tool, tv):
-    for command in ("multiview on", "zones 1,2,3", "focus 2", "zone-route 2 hdmi", "zone-route 3 99", "sub-bt 3", "cable in",
+    for command in ("multiview on", "zones 1,2,3", "focus 2", "zone-route 2 hdmi", "sub-bt 3", "cable in",
                     "mobile on", "projector ready", "popup on", "mute on",
                     "key memory/menu/network/screenmirroring/volume_support_hdmi 7",
                     "key memory/menu/network/screenmirroring/get_volume_level_hdmi 42",
                     "key memory/menu/network/screenmirroring/get_volume_mute_hdmi 1"):
         tool(*command.split())
+    tv.echo("99", "sound/zones/3/route")
     lines = tool("show").splitlines()
     assert lines[1:] == """\
 ├─ output          2 hdmi, HDMI receiver, of the zone in focus
@@ -129,8 +130,9 @@ def test_show_survives_hostile_names_and_texts(tool, tv):
 
 
 @pytest.mark.parametrize("code, name", [(-1, "unknown"), (7, "other-7"), (20, "unknown"), (2**31 - 1, "unknown")])
-def test_show_names_every_code(tool, code, name):
-    tool("route", str(code))
+def test_show_names_every_code(tool, tv, code, name):
+    tool("show")
+    tv.echo(code, "sound/route")
     assert tool.show()["route"] == {"code": code, "name": name}
 
 
@@ -157,7 +159,6 @@ def test_show_cuts_its_lines_at_the_edge_of_the_terminal(tool):
 GOOD = [
     ("route 2", {"sound/route": "2"}),
     ("route hdmi", {"sound/route": "2"}),
-    ("route -7", {"sound/route": "-7"}),
     ("multiview on", {"settings/memory/multiscreen/info": '{"mode":"on"}'}),
     ("multiview off", {"settings/memory/multiscreen/info": '{"mode":"off"}'}),
     ("zones 3,1", {"sound/zones/1/route": "0", "sound/zones/3/route": "0"}),
@@ -206,9 +207,21 @@ def test_every_route_has_a_name_which_the_help_lists(tool, tv):
         assert tv.read("sound/route") == str(code)
 
 
-BAD = ["", "foo", "--foo", "show x", "watch x", "route", "route hdmy", "route 1.5", "route 2147483648", "route 1 2", "multiview",
-       "multiview yes", "multiview 1", "zones", "zones 1,x", "zones 1,,2", "zones ,", "focus", "focus x", "focus 1 2",
-       "zone-route", "zone-route 1", "zone-route x 1", "zone-route 1 x", "cable", "cable on", "mobile", "mobile in", "projector",
+def test_an_unknown_route_is_refused_with_the_known_ones(tool, tv):
+    known = ", ".join(f"{code} {name}" for code, name in enumerate(ROUTE_NAMES))
+    tool("zones", "1")
+    before = state_of(tv.path)
+    for command in ("route 20", "route -1", "route 4294967296", "route HDMY", "zone-route 1 20"):
+        done = tool.run(*command.split())
+        verb, *_, route = command.split()
+        assert (done.returncode, refused(done)) == (
+            64, f'ROUTE: "{route}" is neither the code nor the name of a route: {known}; see kavrel-tv {verb} --help')
+    assert state_of(tv.path) == before
+
+
+BAD = ["", "foo", "--foo", "show x", "watch x", "route", "route hdmy", "route 1.5", "route 20", "route -1",
+       "route 1 2", "multiview", "multiview yes", "multiview 1", "zones", "zones 1,x", "zones 1,,2", "zones ,", "focus", "focus x", "focus 1 2",
+       "zone-route", "zone-route 1", "zone-route x 1", "zone-route 1 x", "zone-route 1 20", "cable", "cable on", "mobile", "mobile in", "projector",
        "projector on", "sub-bt", "sub-bt nobody", "feature", "feature multiview", "feature multiview yes", "feature ../x on",
        "feature /x on", "popup", "popup done", "volume", "volume -1", "volume 101", "volume loud", "mute", "mute toggle", "key",
        "key a//b", "key ../x", "key .x 1", "key a b c", "devices x", "devices --delay", "devices --delay x", "devices --delay -1",

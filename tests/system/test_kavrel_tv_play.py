@@ -16,6 +16,7 @@ from kavrel_tv import KavrelTv, refused
 
 SCENARIOS = sorted((ROOT / "scenarios").glob("*.txt"))
 HEADER = ["seconds", "main_gain", "sub_gain", "volume", "mute", "event"]
+MIRRORING = "settings/memory/menu/network/screenmirroring"
 FULL_FADE = list(range(0, 101, 5))
 
 
@@ -91,6 +92,41 @@ def test_the_first_expectation_that_fails_is_named_with_what_was_seen(play, line
         assert "SetSpeakerVolume 55" not in done.stdout
 
 
+@pytest.mark.parametrize("route, level", [("tv", "audio/master_volume"),
+                                          ("hdmi", f"{MIRRORING}/get_volume_level_hdmi"),
+                                          ("usb", "settings/db/usbsound/volume_level")])
+@pytest.mark.parametrize("volume", ["1", "30"])
+def test_expect_output_puts_the_volume_back_and_leaves_no_signal_of_it(play, tv, route, level, volume):
+    tv.echo(volume, level)
+    done = play(f"route {route}", f"expect output {route}", f"expect value {level} {volume} within 0",
+                "expect no signal SpeakerVolumeChanged within 0.2", f"call GetSpeakerVolume -> {volume} 0 within 5")
+    assert (done.returncode, done.stderr) == (0, "")
+    assert tv.read(level) == volume
+
+
+def test_expect_output_removes_a_volume_that_was_not_there(scene, tv, tmp_path):
+    scene.start()
+    level = f"{MIRRORING}/get_volume_level_hdmi"
+    tv.echo(15, f"{MIRRORING}/volume_support_hdmi")  # without devices, which would publish a level
+    (tmp_path / "scenario.txt").write_text("route hdmi\nexpect output hdmi\n")
+    KavrelTv(scene)("play", str(tmp_path / "scenario.txt"))
+    assert not tv.has(level)
+
+
+def test_expect_output_puts_the_volume_back_when_it_fails_or_is_interrupted(tool, tv, tmp_path):
+    level = f"{MIRRORING}/get_volume_level_hdmi"
+    scenario = tmp_path / "scenario.txt"
+    tv.echo("30", level)
+    scenario.write_text("expect output hdmi within 0.5\n")  # while the TV's speaker plays
+    assert failed_at(tool.run("play", str(scenario)), 1).startswith("expected kavreld to follow the output hdmi")
+    assert tv.read(level) == "30"
+    scenario.write_text("expect output hdmi within 600\n")
+    running = tool.start("play", str(scenario))
+    tv.wait_until(level, lambda: tv.read(level) != "30")
+    assert running.end(signal.SIGINT) == (130, [f"kavrel-tv: {scenario}:1: interrupted"])
+    assert tv.read(level) == "30"
+
+
 def test_an_unexpected_signal_fails_and_a_seen_one_is_listed(play):
     done = play("call SetSpeakerVolume 44 -> 0", "expect no signal SpeakerVolumeChanged * * within 0.5")
     assert failed_at(done, 2) == ("expected no signal SpeakerVolumeChanged * * within 0.5 s, "
@@ -114,7 +150,8 @@ def test_an_unexpected_signal_fails_and_a_seen_one_is_listed(play):
     ("expect signal Spelling", 'there is no such signal: "Spelling"'),
     ("expect no signal SpeakerVolumeChanged 30", "SpeakerVolumeChanged takes 2 arguments"),
     ("expect output nowhere", 'ROUTE: "nowhere" is neither the code nor the name of a route'),
-    ("expect output 99", "there is no such output: 99"),
+    ("expect output 99", 'ROUTE: "99" is neither the code nor the name of a route: 0 tv, 1 optical, '),
+    ("expect output other-7", "the output other-7 has no volume"),
     ("key ../x y", 'KEY: "../x" is not a key'),
     ("expect", "expect is followed by signal, no signal, value, output, gain or fade"),
     ("expect gain left 3", 'OUTPUT: "left" is not one of main, sub'),
@@ -133,6 +170,17 @@ def test_a_line_that_is_wrong_is_refused_before_anything_is_done(play, tv, line,
     assert done.returncode == 64 and done.stdout == ""
     complaint = refused(done)
     assert "scenario.txt:2: " in complaint and message.split(" (The text")[0] in complaint, complaint
+    assert tv.read("audio/master_volume") == "10"
+
+
+def test_every_line_that_is_wrong_is_named_before_anything_is_done(play, tv):
+    done = play("volume 66", "jump", "", "expect gain main", "route tv", "1.5", "say 'half\x1b", "volume 67")
+    places, errors = zip(*(line.split(": ", 2)[1:] for line in done.stderr.splitlines()))
+    assert done.returncode == 64 and done.stdout == ""
+    assert [place.rpartition("/")[2] for place in places] == [f"scenario.txt:{line}" for line in (2, 4, 6, 7)]
+    assert errors[:3] == ('there is no such verb: "jump"', "PERCENT is required", "a time must be followed by a verb")
+    assert errors[3].startswith("Text ended before matching quote") and errors[3].endswith("; see kavrel-tv play --help")
+    assert "\x1b" not in done.stderr
     assert tv.read("audio/master_volume") == "10"
 
 

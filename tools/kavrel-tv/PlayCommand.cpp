@@ -3,11 +3,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <deque>
 #include <functional>
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Commands.h"
@@ -33,8 +35,7 @@ using std::chrono::milliseconds;
 constexpr std::chrono::seconds ANSWER_TIMEOUT(5);
 constexpr Seconds BETWEEN_CALLS(0.2);
 constexpr Seconds FIRST_WINDOW(0.3);
-constexpr int FIRST_VOLUME = 1;
-constexpr int LAST_VOLUME = 9;
+constexpr int LOUDEST_CHANGE = 9;  // of the volumes that a change tries
 constexpr int MOST_PENDING = 1000;
 constexpr int FULL_GAIN = 100;
 constexpr int HIGHEST_FADE_START = 25;
@@ -75,6 +76,59 @@ std::string Within(Seconds time) {
 [[noreturn]] void Miss(const std::string& expected, const std::string& seen) {
     throw tools::ToolError(tools::EXIT_REFUSED, "expected " + expected + ", seen: " + seen);
 }
+
+/** The value of an output's volume. The destructor puts its text back. */
+class KeptVolume {
+public:
+    /** @throws tools::ToolError if the value cannot be read, unless it is missing */
+    explicit KeptVolume(host::Value value) : m_value(std::move(value)) {
+        std::string text;
+        const host::Error error = host::Read(m_value, text);
+        if (error.number != ENOENT) {
+            ThrowIfFailed(error);
+            m_text = text;
+        }
+    }
+    ~KeptVolume() {
+        if (m_isChanged) {
+            static_cast<void>(WriteBack());  // there is no better attempt to make
+        }
+    }
+    KeptVolume(const KeptVolume&) = delete;
+    KeptVolume& operator=(const KeptVolume&) = delete;
+
+    /** The volume to put back; nothing if there was none. */
+    std::optional<int> Kept() const {
+        int volume = 0;
+        const host::Range range = m_value.range.value_or(host::ANY_INTEGER);
+        return m_text && host::ParseInteger(*m_text, range, volume) == 0 ? std::optional(volume)
+                                                                         : std::nullopt;
+    }
+
+    /** Writes a low volume, another one each time and never the kept one: the daemon announces only changes.
+     *  @return the volume */
+    int Change() {
+        do {
+            m_volume = m_volume % LOUDEST_CHANGE + 1;
+        } while (m_volume == Kept());
+        m_isChanged = true;
+        ThrowIfFailed(host::Write(m_value, std::to_string(m_volume)));
+        return m_volume;
+    }
+
+    void PutBack() {
+        ThrowIfFailed(WriteBack());
+        m_isChanged = false;
+    }
+
+private:
+    host::Error WriteBack() const { return m_text ? host::Write(m_value, *m_text) : host::Remove(m_value); }
+
+    const host::Value m_value;
+    std::optional<std::string> m_text;  // to put back; nothing: the value was missing
+    int m_volume = 0;
+    bool m_isChanged = false;
+};
 
 /**
  * Plays scenarios on the open TV and the daemon on the bus. Prints each step as it is done and draws a gain
@@ -188,20 +242,14 @@ private:
     /**
      * Changes the volume at the output itself until the daemon announces it: only then does the daemon follow that
      * output, and only then has it time for calls; a call before could make it miss the change. A busy daemon may
-     * miss a report, too, or be slow: each further volume gets twice the time.
+     * miss a report, too, or be slow: each further volume gets twice the time. The step ends with the announcement
+     * of the volume that it has put back, so that no signal of it is left to come.
      */
     void Do(const ExpectOutput& expected) {
         const auto deadline = Clock::now() + expected.within;
-        const DeviceKind* device = expected.route->device;
-        const host::Value value = device != nullptr ? device->level : host::MASTER_VOLUME;
-        Seconds window = FIRST_WINDOW;
-        m_signals.clear();
-        for (int volume = FIRST_VOLUME; Clock::now() < deadline;
-             volume = volume % LAST_VOLUME + 1, window *= 2) {
-            const Words signal = {"SpeakerVolumeChanged", "*", std::to_string(volume)};
-            ThrowIfFailed(host::Write(value, std::to_string(volume)));
-            if (Wait([&] { return HasSignal(signal); }, std::min<Seconds>(window, deadline - Clock::now()))) {
-                m_signals.clear();
+        KeptVolume volume(VolumeOf(*expected.route)->level);
+        for (Seconds window = FIRST_WINDOW; Clock::now() < deadline; window *= 2) {
+            if (IsFollowed(volume, std::min<Seconds>(window, deadline - Clock::now()))) {
                 return;
             }
         }
@@ -239,6 +287,24 @@ private:
         }
         const tools::Reading reading = m_client.Read(call.method.c_str());
         return {std::to_string(reading.value), std::to_string(reading.status)};
+    }
+
+    /** Changes the volume and puts it back. @return whether the daemon has announced both, each within the time */
+    bool IsFollowed(KeptVolume& volume, Seconds time) {
+        m_signals.clear();
+        if (!IsAnnounced(volume.Change(), time)) {
+            return false;
+        }
+        m_signals.clear();
+        volume.PutBack();
+        const bool isOver = !volume.Kept() || IsAnnounced(*volume.Kept(), time);
+        m_signals.clear();
+        return isOver;
+    }
+
+    bool IsAnnounced(int volume, Seconds time) {
+        const Words signal = {"SpeakerVolumeChanged", "*", std::to_string(volume)};
+        return Wait([&] { return HasSignal(signal); }, time);
     }
 
     // --- Events
@@ -389,22 +455,24 @@ struct TourCommand {
 }  // namespace
 
 void AddPlayAndTour(tools::CommandLine& line, const std::string& directory) {
-    AddCommand<PlayCommand>(line, directory,
-                            {"play",
-                             "Play a scenario and check what it expects\n\n"
-                             "Lines are played in order; a number in front is the earliest time in seconds:\n"
-                             "  0.5 route hdmi                       any verb of this tool\n"
-                             "  call SetSpeakerVolume 30 -> 0        a method and its expected answer:\n"
-                             "  call GetSpeakerVolume -> 30 0        a status, or a value and a status\n"
-                             "  emit BudsDisconnected 0              a signal for kavreld\n"
-                             "  expect signal SpeakerVolumeChanged 3 40 within 1\n"
-                             "  expect no signal SpeakerMuteChanged * * within 0.5, or the name alone\n"
-                             "  expect value audio/master_volume 30  a file of the TV directory\n"
-                             "  expect output hdmi                   waits until kavreld follows the output\n"
-                             "  expect gain main 20, expect fade main\n"
-                             "  say TEXT, pause SECONDS, settle SECONDS, # comment\n"
-                             "The first step that fails ends the scenario with exit status 1.",
-                             "kavrel-tv play scenarios/volume.txt"});
+    AddCommand<PlayCommand>(
+        line, directory,
+        {"play",
+         "Play a scenario and check what it expects\n\n"
+         "Lines are played in order; a number in front is the earliest time in seconds:\n"
+         "  0.5 route hdmi                       any verb of this tool\n"
+         "  call SetSpeakerVolume 30 -> 0        a method and its expected answer:\n"
+         "  call GetSpeakerVolume -> 30 0        a status, or a value and a status\n"
+         "  emit BudsDisconnected 0              a signal for kavreld\n"
+         "  expect signal SpeakerVolumeChanged 3 40 within 1\n"
+         "  expect no signal SpeakerMuteChanged * * within 0.5, or the name alone\n"
+         "  expect value audio/master_volume 30  a file of the TV directory\n"
+         "  expect output hdmi                   waits until kavreld follows the output:\n"
+         "      changes its volume until kavreld announces that, and puts it back\n"
+         "  expect gain main 20, expect fade main\n"
+         "  say TEXT, pause SECONDS, settle SECONDS, # comment\n"
+         "The first step that fails ends the scenario with exit status 1.",
+         "kavrel-tv play scenarios/volume.txt"});
     AddCommand<TourCommand>(line, directory,
                             {"tour",
                              "Show all that kavreld does, in about a minute\n\n"

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <vector>
 
 #include "CommandLine.h"
 #include "Print.h"
@@ -43,7 +44,7 @@ const std::array<Route, 20> ROUTES = {{
     {4, "wifi", "Wi-Fi speaker", &WIFI},
     {5, "bt-buds", "Bluetooth earbuds", &BLUETOOTH},
     {6, "multi-output", "several outputs at once", nullptr},
-    {7, "other-7", "output without volume control", nullptr},
+    {7, "other-7", "output without volume control", nullptr, false},
     {8, "hdmi-2", "HDMI receiver", &HDMI},
     {9, "optical-2", "optical receiver", &OPTICAL},
     {10, "wifi-2", "Wi-Fi speaker", &WIFI},
@@ -52,11 +53,21 @@ const std::array<Route, 20> ROUTES = {{
     {13, "tv-3", "TV speaker", nullptr},
     {14, "tv-4", "TV speaker", nullptr},
     {15, "usb", "USB speaker", &USB},
-    {16, "other-16", "output without volume control", nullptr},
-    {17, "other-17", "output without volume control", nullptr},
-    {18, "other-18", "output without volume control", nullptr},
+    {16, "other-16", "output without volume control", nullptr, false},
+    {17, "other-17", "output without volume control", nullptr, false},
+    {18, "other-18", "output without volume control", nullptr, false},
     {19, "auracast", "Auracast speaker", &AURACAST},
 }};
+
+/** "0 tv, 1 optical, ..." */
+std::string CodesAndNames() {
+    std::vector<std::string> routes;
+    routes.reserve(ROUTES.size());
+    for (const Route& route : ROUTES) {
+        routes.push_back(std::to_string(route.code) + " " + std::string(route.name));
+    }
+    return tools::Joined(routes, ", ");
+}
 
 }  // namespace
 
@@ -75,14 +86,13 @@ const Route* FindRoute(int code) {
 
 CLI::Validator RouteCode() {
     const auto check = [](std::string& text) -> std::string {
-        const auto* const named = std::find_if(ROUTES.begin(), ROUTES.end(),
-                                               [&text](const Route& route) { return route.name == text; });
-        if (named != ROUTES.end()) {
-            text = std::to_string(named->code);
-            return {};
+        const auto named = CodeOfRoute(text);
+        const auto code = named ? named : tools::Parsed<int>(text);
+        if (!code || FindRoute(*code) == nullptr) {
+            return tools::Quoted(text) + " is neither the code nor the name of a route: " + CodesAndNames();
         }
-        const bool isCode = tools::WholeNumber()(text).empty();
-        return isCode ? "" : tools::Quoted(text) + " is neither the code nor the name of a route";
+        text = std::to_string(*code);
+        return {};
     };
     return {check, ""};
 }
@@ -90,6 +100,19 @@ CLI::Validator RouteCode() {
 std::string_view NameOfRoute(int code) {
     const Route* route = FindRoute(code);
     return route != nullptr ? route->name : "unknown";
+}
+
+std::optional<int> CodeOfRoute(std::string_view name) {
+    const auto* const named =
+        std::find_if(ROUTES.begin(), ROUTES.end(), [name](const Route& route) { return route.name == name; });
+    return named != ROUTES.end() ? std::optional(named->code) : std::nullopt;
+}
+
+std::optional<Volume> VolumeOf(const Route& route) {
+    if (route.device != nullptr) {
+        return Volume{route.device->level, route.device->mute};
+    }
+    return route.hasVolume ? std::optional<Volume>({host::MASTER_VOLUME, host::MASTER_MUTE}) : std::nullopt;
 }
 
 }  // namespace tv

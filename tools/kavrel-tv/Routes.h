@@ -7,6 +7,7 @@
 #include <items.h>
 
 #include <CLI/App.hpp>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -26,6 +27,7 @@ struct Route {
     std::string_view name;
     std::string_view words;
     const DeviceKind* device;  // null for an output that is not external
+    bool hasVolume = true;
 };
 
 /** The codes 0 to 19, ascending. */
@@ -36,11 +38,22 @@ std::span<const DeviceKind> DeviceKinds();
 /** @return null for a code without an entry */
 const Route* FindRoute(int code);
 
-/** Accepts a route's name, which becomes its code, or any code. */
+/** Accepts the code or the name of an entry, and makes it the code. */
 CLI::Validator RouteCode();
 
 /** @return "unknown" for a code without an entry */
 std::string_view NameOfRoute(int code);
+/** @return nothing for a name without an entry */
+std::optional<int> CodeOfRoute(std::string_view name);
+
+/** The values that hold an output's level and mute: the TV's own ones, or those that its device publishes. */
+struct Volume {
+    host::Value level;
+    host::Value mute;
+};
+
+/** @return nothing for an output without volume control */
+std::optional<Volume> VolumeOf(const Route& route);
 
 }  // namespace tv
 

@@ -154,8 +154,9 @@ void AddOptions(CLI::App& line, ExpectValue& step) {
 void AddOptions(CLI::App& line, ExpectOutput& step) {
     const auto find = [&step](int code) {
         step.route = FindRoute(code);
-        if (step.route == nullptr) {
-            throw tools::UsageError("there is no such output: " + std::to_string(code));
+        if (!VolumeOf(*step.route)) {
+            throw tools::UsageError("the output " + std::string(step.route->name) +
+                                    " has no volume, whose changes would show that kavreld follows it");
         }
     };
     line.add_option_function<int>("ROUTE", find)->required()->transform(RouteCode());
@@ -302,29 +303,50 @@ private:
     Action m_action;
 };
 
+/** @return the step, without its place; nothing for a line without words
+ *  @throws tools::UsageError */
+std::optional<Step> ParseLine(Language& language, const std::string& line) {
+    Words words = Split(line);
+    if (words.empty()) {
+        return std::nullopt;
+    }
+    const auto at = TakeTime(words);
+    if (words.empty()) {
+        throw tools::UsageError("a time must be followed by a verb");
+    }
+    return Step{"", tools::Printable(tools::Joined(words)), at, language.Parse(words)};
+}
+
+/** Prints all errors but the last, which it throws for the tool to print. */
+void ThrowIfAny(const std::vector<std::string>& errors) {
+    for (std::size_t i = 0; i + 1 < errors.size(); ++i) {
+        tools::Complain(tools::Printable(errors[i]));
+    }
+    if (!errors.empty()) {
+        throw tools::UsageError(errors.back());
+    }
+}
+
 }  // namespace
 
 Scenario ParseScenario(const std::string& name, std::string_view text) {
     Language language;
     Scenario scenario;
+    std::vector<std::string> errors;
     for (int line = 1; !text.empty(); ++line) {
         const std::string_view row = text.substr(0, text.find('\n'));
         text.remove_prefix(std::min(row.size() + 1, text.size()));
         const std::string place = name + ":" + std::to_string(line);
         try {
-            Words words = Split(std::string(row));
-            if (words.empty()) {
-                continue;
+            if (auto step = ParseLine(language, std::string(row))) {
+                step->place = place;
+                scenario.push_back(std::move(*step));
             }
-            const auto at = TakeTime(words);
-            if (words.empty()) {
-                throw tools::UsageError("a time must be followed by a verb");
-            }
-            scenario.push_back({place, tools::Printable(tools::Joined(words)), at, language.Parse(words)});
         } catch (const tools::UsageError& error) {
-            throw tools::UsageError(place + ": " + error.what());
+            errors.push_back(place + ": " + error.what());
         }
     }
+    ThrowIfAny(errors);
     return scenario;
 }
 

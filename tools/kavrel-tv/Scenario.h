@@ -57,9 +57,9 @@ struct ExpectValue {
     Seconds within{5};
 };
 
-/** Waits until the daemon follows the output. */
+/** Waits until the daemon follows the output, whose volume it changes for that and puts back. */
 struct ExpectOutput {
-    const Route* route = nullptr;
+    const Route* route = nullptr;  // of an output that has a volume
     Seconds within{5};
 };
 
@@ -89,7 +89,7 @@ using Scenario = std::vector<Step>;
 
 /** Parses every line before any is played.
  *  @param name the scenario's name in messages
- *  @throws tools::UsageError for the first line that is wrong */
+ *  @throws tools::UsageError if lines are wrong, after it has printed the errors of all of them but the last */
 Scenario ParseScenario(const std::string& name, std::string_view text);
 
 }  // namespace tv
