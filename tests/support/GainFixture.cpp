@@ -8,7 +8,10 @@
 #include <array>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <iterator>
 #include <mutex>
+#include <sstream>
 #include <thread>
 
 using NKavrel::eKVGainHandlerType;
@@ -39,22 +42,40 @@ std::string FirstLine(const std::filesystem::path& file) {
     return line;
 }
 
-/** Calls `look` with the name and the /proc folder of each thread of this process. */
-void ForEachThread(const std::function<void(const std::string&, const std::filesystem::path&)>& look) {
-    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
-        look(FirstLine(thread.path() / "comm"), thread.path());
+/** A thread of this process, as /proc shows it. */
+struct Thread {
+    std::string name;
+    char state;  // 'S' while it waits in the kernel
+};
+
+/** The threads of this process but for those that are ending: a thread that was joined may stay in /proc for a while. */
+std::vector<Thread> Threads() {
+    constexpr unsigned ENDING = 4;  // PF_EXITING of the kernel, which a thread has before its join can return
+    std::vector<Thread> threads;
+    for (const auto& folder : std::filesystem::directory_iterator("/proc/self/task")) {
+        const std::string line = FirstLine(folder.path() / "stat");  // number (name) state ppid pgrp ... flags ...
+        const std::size_t nameEnd = line.rfind(')');
+        if (nameEnd == std::string::npos) {
+            continue;  // it has ended since the folder was listed
+        }
+        std::istringstream fields(line.substr(nameEnd + 1));
+        Thread thread = {.name = line.substr(line.find('(') + 1, nameEnd - line.find('(') - 1), .state = 0};
+        fields >> thread.state;
+        int ignored = 0;
+        for (int field = 0; field < 5; ++field) {
+            fields >> ignored;
+        }
+        unsigned flags = 0;
+        if (fields >> flags && (flags & ENDING) == 0) {
+            threads.push_back(std::move(thread));
+        }
     }
+    return threads;
 }
 
 bool WaitsInKernel(const std::string& name) {
-    bool waits = false;
-    ForEachThread([&](const std::string& thread, const std::filesystem::path& folder) {
-        if (thread == name) {
-            const std::string state = FirstLine(folder / "stat");
-            waits = state.substr(state.rfind(')') + 1, 2) == " S";
-        }
-    });
-    return waits;
+    return std::ranges::any_of(
+        Threads(), [&](const Thread& thread) { return thread.name == name && thread.state == 'S'; });
 }
 
 /** The number of the thread's entries if the last one has this text, else nothing. */
@@ -109,7 +130,7 @@ int GainOf(KVAudioGainHandler& controller, eKVGainHandlerType slot) {
 
 std::vector<std::string> ThreadNames() {
     std::vector<std::string> names;
-    ForEachThread([&](const std::string& name, const std::filesystem::path&) { names.push_back(name); });
+    std::ranges::transform(Threads(), std::back_inserter(names), &Thread::name);
     std::ranges::sort(names);
     return names;
 }
