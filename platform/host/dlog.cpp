@@ -11,6 +11,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -21,6 +22,8 @@ namespace {
 
 /** In bytes, with mark and newline. A pipe takes as much in one piece from each of several writers. */
 constexpr std::size_t LONGEST_LINE = 4096;
+/** Nearly every line fits into this many bytes, so that most threads never touch more pages of their stacks. */
+constexpr std::size_t USUAL_LINE = 512;
 
 enum class Style { PLAIN, TERMINAL, JOURNAL };
 
@@ -71,7 +74,8 @@ Style FindStyle() {
     return isatty(STDERR_FILENO) == 1 ? Style::TERMINAL : Style::PLAIN;
 }
 
-/** Builds a line. It cuts a text that does not fit, and ends it in three dots. */
+/** Builds a line of at most SIZE bytes. It cuts a text that does not fit, and ends it in three dots. */
+template <std::size_t SIZE>
 class Line {
 public:
     Line(Style style, const Marks& marks) {
@@ -99,6 +103,8 @@ public:
         }
     }
 
+    bool IsFull() const { return m_isFull; }
+
     std::string_view Finish(bool isCut, bool hasNewline) {
         if (isCut || m_isFull) {
             AppendEnd("...");
@@ -124,15 +130,20 @@ private:
         m_size += piece.size();
     }
 
-    std::array<char, LONGEST_LINE> m_bytes;  // [0, m_size) is set
+    std::array<char, SIZE> m_bytes;  // [0, m_size) is set
     std::size_t m_size = 0;
     bool m_isFull = false;
     std::string_view m_end;
 };
 
-int Print(int priority, const char* fmt, va_list arguments) {
+/**
+ * Writes a line of at most SIZE bytes.
+ * @return an errno, 0 on success, or nothing if a longer line is allowed and needed
+ */
+template <std::size_t SIZE>
+[[gnu::noinline]] std::optional<int> PrintWithin(int priority, const char* fmt, va_list arguments) {
     static const Style style = FindStyle();
-    std::array<char, LONGEST_LINE> buffer;
+    std::array<char, SIZE> buffer;
     const int length = std::vsnprintf(buffer.data(), buffer.size(), fmt, arguments);
     if (length < 0) {
         return errno;
@@ -144,10 +155,21 @@ int Print(int priority, const char* fmt, va_list arguments) {
     if (text.ends_with('\n')) {
         text.remove_suffix(1);
     }
-    Line line(style, MarksOf(priority));
+    Line<SIZE> line(style, MarksOf(priority));
     line.AppendText(text);
+    if (SIZE < LONGEST_LINE && (isCut || line.IsFull())) {
+        return std::nullopt;
+    }
     host::IgnorePipeSignal();
     return host::WriteAll(STDERR_FILENO, line.Finish(isCut, hasNewline));
+}
+
+int Print(int priority, const char* fmt, va_list arguments) {
+    va_list again;
+    va_copy(again, arguments);
+    const std::optional<int> error = PrintWithin<USUAL_LINE>(priority, fmt, again);
+    va_end(again);
+    return error ? *error : PrintWithin<LONGEST_LINE>(priority, fmt, arguments).value();
 }
 
 /**

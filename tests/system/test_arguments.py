@@ -36,3 +36,9 @@ def test_version_is_the_projects(kavreld):
 @pytest.mark.parametrize("arguments", [["--nonsense"], ["start"], [""], ["--help", "--version"], ["--version", "x"]])
 def test_anything_else_is_one_line_on_standard_error_and_status_64(kavreld, arguments):
     assert kavreld(*arguments) == (64, "", "kavreld: it takes no argument except --help or --version\n")
+
+
+@pytest.mark.parametrize("argument", ["--help", "--version"])
+def test_an_answer_that_cannot_be_written_fails(argument):
+    with open("/dev/full", "wb") as full:
+        assert subprocess.run([os.environ["KAVRELD"], argument], stdout=full, timeout=60, check=False).returncode == 1

@@ -84,3 +84,16 @@ def test_a_flood_costs_little_memory_and_the_daemon_serves_on(daemon, client, fl
     assert client.get_volume() == (30, 0)
     if IS_MEMORY_PLAIN:
         assert memory_of(daemon, "VmHWM") < MEMORY_LIMIT
+
+
+def test_the_memory_of_a_large_message_is_given_back_but_for_the_buffer_that_read_it(daemon, client):
+    size = 30 << 20
+    body = GLib.Variant.new_tuple(
+        GLib.Variant.new_from_bytes(GLib.VariantType("ay"), GLib.Bytes.new(bytes(size)), True))
+    for _ in range(2):
+        with pytest.raises(GLib.Error, match="InvalidArgs"):
+            client.connection.call_sync(NAME, METHODS_PATH, NAME, "GetSpeakerVolume", body, None,
+                                        Gio.DBusCallFlags.NONE, -1, None)
+    assert client.get_volume() == (10, 0)
+    if IS_MEMORY_PLAIN:
+        assert memory_of(daemon, "VmRSS") < size / 1024 + MEMORY_LIMIT / 2
