@@ -53,7 +53,8 @@ std::vector<Thread> Threads() {
     constexpr unsigned ENDING = 4;  // PF_EXITING of the kernel, which a thread has before its join can return
     std::vector<Thread> threads;
     for (const auto& folder : std::filesystem::directory_iterator("/proc/self/task")) {
-        const std::string line = FirstLine(folder.path() / "stat");  // number (name) state ppid pgrp ... flags ...
+        const std::string line =
+            FirstLine(folder.path() / "stat");  // number (name) state ppid pgrp ... flags ...
         const std::size_t nameEnd = line.rfind(')');
         if (nameEnd == std::string::npos) {
             continue;  // it has ended since the folder was listed
