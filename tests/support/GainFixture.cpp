@@ -3,6 +3,7 @@
 #include "GainFixture.h"
 
 #include <pthread.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -10,9 +11,12 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <map>
 #include <mutex>
+#include <optional>
 #include <sstream>
 #include <thread>
+#include <utility>
 
 using NKavrel::eKVGainHandlerType;
 using NKavrel::GainHandlerName;
@@ -24,7 +28,6 @@ namespace {
 constexpr const char* STORED =
     "D \t[OUT]void NKavrel::KVAudioGainHandler::SetSrcGain(NKavrel::eKVGainHandlerType, int)";
 
-/** The gain-out worker is last, because the others wake it. */
 constexpr std::array ALL_WORKERS = {
     NKavrel::GAIN_HANDLER_UNMUTE_MAIN_OUT, NKavrel::GAIN_HANDLER_UNMUTE_SUB_OUT,
     NKavrel::GAIN_HANDLER_PLAYER_MAIN_OUT, NKavrel::GAIN_HANDLER_PLAYER_SUB_OUT,
@@ -42,76 +45,83 @@ std::string FirstLine(const std::filesystem::path& file) {
     return line;
 }
 
-/** A thread of this process, as /proc shows it. */
-struct Thread {
-    std::string name;
-    char state;  // 'S' while it waits in the kernel
-};
-
-/** The threads of this process but for those that are ending: a thread that was joined may stay in /proc for a while. */
-std::vector<Thread> Threads() {
+/** The name of a thread, or nothing if it is ending. */
+std::optional<std::string> NameOf(const std::filesystem::path& folder) {
     constexpr unsigned ENDING = 4;  // PF_EXITING of the kernel, which a thread has before its join can return
-    std::vector<Thread> threads;
-    for (const auto& folder : std::filesystem::directory_iterator("/proc/self/task")) {
-        const std::string line =
-            FirstLine(folder.path() / "stat");  // number (name) state ppid pgrp ... flags ...
-        const std::size_t nameEnd = line.rfind(')');
-        if (nameEnd == std::string::npos) {
-            continue;  // it has ended since the folder was listed
-        }
-        std::istringstream fields(line.substr(nameEnd + 1));
-        Thread thread = {.name = line.substr(line.find('(') + 1, nameEnd - line.find('(') - 1), .state = 0};
-        fields >> thread.state;
-        int ignored = 0;
-        for (int field = 0; field < 5; ++field) {
-            fields >> ignored;
-        }
-        unsigned flags = 0;
-        if (fields >> flags && (flags & ENDING) == 0) {
-            threads.push_back(std::move(thread));
-        }
+    constexpr int BEFORE_FLAGS = 6;
+    const std::string stat = FirstLine(folder / "stat");  // number (name) state parent ... flags ...
+    const auto first = stat.find('(');
+    const auto last = stat.rfind(')');
+    if (last == std::string::npos) {
+        return std::nullopt;  // it has ended since the folder was listed
     }
-    return threads;
-}
-
-bool WaitsInKernel(const std::string& name) {
-    return std::ranges::any_of(
-        Threads(), [&](const Thread& thread) { return thread.name == name && thread.state == 'S'; });
-}
-
-/** The number of the thread's entries if the last one has this text, else nothing. */
-std::optional<std::size_t> CountIfLast(const std::vector<Entry>& journal, const std::string& thread,
-                                       const std::string& text) {
-    const auto count = std::ranges::count(journal, thread, &Entry::threadName);
-    const auto last = std::find_if(journal.rbegin(), journal.rend(),
-                                   [&](const Entry& entry) { return entry.threadName == thread; });
-    return last != journal.rend() && last->text == text ? std::optional<std::size_t>(count) : std::nullopt;
+    std::istringstream fields(stat.substr(last + 1));
+    std::string ignored;
+    for (int field = 0; field < BEFORE_FLAGS; ++field) {
+        fields >> ignored;
+    }
+    unsigned flags = 0;
+    fields >> flags;
+    return (flags & ENDING) == 0 ? std::optional(stat.substr(first + 1, last - first - 1)) : std::nullopt;
 }
 
 /**
- * Waits until a worker waits in the kernel and this is its last entry. Several looks in a row must agree,
- * because a worker logs its "Sleep" line before it waits, and wakes up before it logs again.
+ * For each other thread, how often it gave the processor to another thread. Nothing if one of them does not
+ * sleep.
  */
-bool ComesToWait(const FakeSeam& seam, const std::string& name, const std::string& lastEntry) {
-    constexpr int LOOKS = 3;  // a single look may meet a short wait for a lock
+std::optional<std::map<std::string, long>> SwitchesOfSleepers() {
+    const std::string self = std::to_string(gettid());
+    std::map<std::string, long> switches;
+    for (const auto& folder : std::filesystem::directory_iterator("/proc/self/task")) {
+        const std::string number = folder.path().filename();
+        if (number == self) {
+            continue;
+        }
+        std::ifstream status(folder.path() / "status");
+        for (std::string line; std::getline(status, line);) {
+            if (line.starts_with("State:") && line.find("S (sleeping)") == std::string::npos) {
+                return std::nullopt;
+            }
+            if (const auto at = line.find("ctxt_switches:"); at != std::string::npos) {
+                switches[number] += std::stol(line.substr(line.find(':') + 1));
+            }
+        }
+    }
+    return switches;
+}
+
+/** A thread by name, and the text of the last entry that it makes before it waits. */
+struct Wait {
+    std::string thread;
+    std::string lastEntry;
+};
+
+bool IsLast(const std::vector<Entry>& journal, const Wait& wait) {
+    const auto last = std::find_if(journal.rbegin(), journal.rend(),
+                                   [&](const Entry& entry) { return entry.threadName == wait.thread; });
+    return last != journal.rend() && last->text == wait.lastEntry;
+}
+
+/**
+ * Waits until all other threads of this process sleep at once, and these entries are the last ones of their
+ * threads. Then nobody is about to wake one of them, and no lock is held for a moment.
+ *
+ * A thread that was seen asleep may be awake when the last one is seen asleep. So this looks twice: a thread
+ * that did not run from the first look to the second one slept all that time.
+ */
+bool AllSleep(const FakeSeam& seam, const std::vector<Wait>& waits) {
+    const auto areLast = [&](const std::vector<Entry>& journal) {
+        return std::ranges::all_of(waits, [&](const Wait& wait) { return IsLast(journal, wait); });
+    };
     const auto deadline = Clock::now() + PATIENCE;
-    std::optional<std::size_t> seen;
-    for (int looks = 0; looks < LOOKS; ++looks) {
-        std::optional<std::size_t> now;
-        if (!seam.WaitUntil([&](const std::vector<Entry>& journal) {
-                now = CountIfLast(journal, name, lastEntry);
-                return now.has_value();
-            }) ||
-            Clock::now() > deadline) {
-            return false;
+    while (seam.WaitUntil(areLast) && Clock::now() < deadline) {
+        const auto before = SwitchesOfSleepers();
+        if (before && areLast(seam.Entries()) && SwitchesOfSleepers() == before) {
+            return true;
         }
-        if (now != seen || !WaitsInKernel(name)) {
-            looks = 0;
-        }
-        seen = now;
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    return true;
+    return false;
 }
 
 std::string ThisThread() {
@@ -131,15 +141,21 @@ int GainOf(KVAudioGainHandler& controller, eKVGainHandlerType slot) {
 
 std::vector<std::string> ThreadNames() {
     std::vector<std::string> names;
-    std::ranges::transform(Threads(), std::back_inserter(names), &Thread::name);
+    for (const auto& folder : std::filesystem::directory_iterator("/proc/self/task")) {
+        if (auto name = NameOf(folder.path())) {
+            names.push_back(std::move(*name));
+        }
+    }
     std::ranges::sort(names);
     return names;
 }
 
 bool WorkersRest() {
-    return std::ranges::all_of(ALL_WORKERS, [](eKVGainHandlerType worker) {
-        return ComesToWait(FakeSeam::Get(), GainHandlerName[worker], SleepLine(worker));
+    std::vector<Wait> waits;
+    std::ranges::transform(ALL_WORKERS, std::back_inserter(waits), [](eKVGainHandlerType worker) {
+        return Wait{GainHandlerName[worker], SleepLine(worker)};
     });
+    return AllSleep(FakeSeam::Get(), waits);
 }
 
 struct GainFixture::Watched {
@@ -169,7 +185,7 @@ void GainFixture::Start() {
 }
 
 bool GainFixture::Waits(eKVGainHandlerType worker, const std::string& lastEntry) const {
-    return ComesToWait(seam, GainHandlerName[worker], lastEntry);
+    return AllSleep(seam, {{GainHandlerName[worker], lastEntry}});
 }
 
 void GainFixture::Mark() {

@@ -21,12 +21,13 @@
 
 namespace fake {
 
-/** The sorted names of all threads of this process. */
+/** The sorted names of the threads of this process, without those that are ending: the kernel may list them after
+ * their join. */
 std::vector<std::string> ThreadNames();
 
 /**
  * Waits until every worker of the only gain controller rests: the last line of each is its "Sleep" line, and
- * its thread waits in the kernel. A worker can miss a request that comes earlier. Do not empty the journal
+ * all threads but the caller sleep. A worker can miss a request that comes earlier. Do not empty the journal
  * between the start of the controller and this call.
  * @return false if that takes longer than PATIENCE
  */
@@ -47,7 +48,7 @@ protected:
     /** Creates the controller, waits until its workers rest, and calls Mark(). */
     void Start();
     [[nodiscard]] bool Rest() const { return WorkersRest(); }
-    /** Waits until a worker waits in the kernel and this is its last entry. */
+    /** Waits until this is the last entry of a worker, and all threads but the caller sleep. */
     [[nodiscard]] bool Waits(NKavrel::eKVGainHandlerType worker, const std::string& lastEntry) const;
     /** Makes the functions below ignore all entries up to now. */
     void Mark();

@@ -34,7 +34,7 @@ using namespace std::chrono_literals;
 constexpr auto LONGEST = 60ms;
 constexpr std::uint64_t ONE_IN = 100;  // calls, of which one is held
 
-/** What the programs to hold threads of begin with; not the bus, Python, the shell and the compiler. */
+/** How the names of our programs begin: threads of the bus, Python, the shell and the compiler are not held. */
 constexpr std::array<std::string_view, 5> PROGRAMS = {"kavrel", "unit", "component", "fuzz", "host-"};
 
 std::uint64_t seed = 0;  // 0 means that this program runs undisturbed

@@ -358,6 +358,13 @@ class Bus(Process):
         assert self.address, (folder / "bus.log").read_text()
 
 
+class Thread(NamedTuple):
+    """A thread of kavreld at one moment."""
+    name: str
+    state: str  # "S" while it sleeps
+    switches: int  # how often it gave the processor to another thread
+
+
 class Kavreld(Process):
     """The real kavreld. Its log goes to a file, because a full pipe would block it."""
 
@@ -382,28 +389,37 @@ class Kavreld(Process):
         assert self.may_be_gone or (was_alive and status == -signal.SIGTERM), f"kavreld ended by itself: {status}"
 
     def settle(self):
-        """Waits until all its threads sleep: then it has handled everything, and holds no lock of a report.
+        """Waits until all its threads sleep at once: then it has handled everything, and holds no lock of a report.
 
         No event announces this, so it polls the states of the threads.
         """
         deadline = time.monotonic() + PATIENCE
-        while self.is_alive() and any(state != "S" for state in self._thread_states()):
+        while self.is_alive() and not self._sleeps():
             assert time.monotonic() < deadline, f"kavreld does not come to rest within {PATIENCE} s"
             os.sched_yield()
 
-    def _thread_states(self):
-        for status in Path(f"/proc/{self.pid}/task").glob("*/stat"):
+    def _sleeps(self):
+        """Returns whether all threads slept at one moment.
+
+        A thread that was seen asleep may be awake when the last one is seen asleep. So this looks twice: a thread that
+        did not run from the first look to the second one slept all that time.
+        """
+        before = self._threads()
+        return all(thread.state == "S" for thread in before.values()) and self._threads() == before
+
+    def _threads(self):
+        """Returns {thread id: Thread}."""
+        found = {}
+        for status in Path(f"/proc/{self.pid}/task").glob("*/status"):
             with contextlib.suppress(FileNotFoundError, ProcessLookupError):  # the thread has ended
-                yield status.read_text().rpartition(")")[2].split()[0]
+                fields = dict(line.split(":\t", 1) for line in status.read_text().splitlines())
+                switches = int(fields["voluntary_ctxt_switches"]) + int(fields["nonvoluntary_ctxt_switches"])
+                found[int(status.parent.name)] = Thread(fields["Name"], fields["State"][0], switches)
+        return found
 
     def threads(self):
         """Returns {thread id: (name, number of context switches)}."""
-        found = {}
-        for status in Path(f"/proc/{self.pid}/task").glob("*/status"):
-            fields = dict(line.split(":\t", 1) for line in status.read_text().splitlines())
-            switches = int(fields["voluntary_ctxt_switches"]) + int(fields["nonvoluntary_ctxt_switches"])
-            found[int(status.parent.name)] = (fields["Name"], switches)
-        return found
+        return {number: (thread.name, thread.switches) for number, thread in self._threads().items()}
 
 
 class Scene(contextlib.ExitStack):
