@@ -258,7 +258,8 @@ FileDescriptor Tree::MakeOwnFolder() const {
     const FileDescriptor all(openat(Folder(), OWN_FOLDERS, AS_FOLDER | O_NOFOLLOW));
     for (int attempt = 0; all && attempt < ATTEMPTS; ++attempt) {
         const std::string name = UniqueName() + '-' + std::to_string(attempt);
-        if (mkdirat(all.Get(), name.c_str(), 0700) != 0) {
+        // The folder is open like any other, so that a process of another user can remove it as a leftover.
+        if (mkdirat(all.Get(), name.c_str(), 0777) != 0) {
             if (errno == EEXIST) {
                 continue;
             }

@@ -10,6 +10,7 @@ import os
 import re
 import select
 import signal
+import socket
 import subprocess
 import tempfile
 import threading
@@ -218,6 +219,10 @@ class Client:
                                           method, body, None, Gio.DBusCallFlags.NONE, -1, None)
         return reply.unpack()
 
+    def wait_for_bus(self):
+        """Waits until this client has everything that the bus has sent to it so far."""
+        self._call_bus("GetId")
+
     def owner(self):
         """Returns the unique name of the owner of kavrel's name."""
         return self._call_bus("GetNameOwner", "s", NAME)[0]
@@ -349,10 +354,11 @@ class Process:
 class Bus(Process):
     """A private dbus-daemon, whose address only this scene knows."""
 
-    def __init__(self, folder, config=ROOT / "scripts/private-bus.conf"):
+    def __init__(self, folder, config=ROOT / "scripts/private-bus.conf", **environment):
         with open(folder / "bus.log", "w") as log:
             super().__init__("dbus-daemon", f"--config-file={config}", f"--address=unix:path={folder}/bus", "--nofork",
-                             "--nopidfile", "--nosyslog", "--print-address=1", stdout=subprocess.PIPE, stderr=log)
+                             "--nopidfile", "--nosyslog", "--print-address=1", stdout=subprocess.PIPE, stderr=log,
+                             env={**os.environ, **environment})
         self.address = self.child.stdout.readline().decode().strip()
         self.child.stdout.close()
         assert self.address, (folder / "bus.log").read_text()
@@ -365,12 +371,45 @@ class Thread(NamedTuple):
     switches: int  # how often it gave the processor to another thread
 
 
+class Broker(Process):
+    """A private dbus-broker. Its launcher gets the listening socket as systemd would pass it."""
+
+    def __init__(self, folder, config, **environment):
+        path = folder / "bus"
+        self.address = f"unix:path={path}"
+        self.journal = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.journal.bind(str(folder / "journal"))
+        self.journal_reader = threading.Thread(target=self._read_journal)
+        self.journal_reader.start()
+        with socket.socket(socket.AF_UNIX) as listening, open(folder / "bus.log", "w") as log:
+            listening.bind(str(path))
+            path.chmod(0o666)
+            listening.listen()
+            super().__init__(
+                "bash", "-c", 'LISTEN_PID=$$ LISTEN_FDS=1 exec "${@:2}" 3<&"$1"', "bash", str(listening.fileno()),
+                "dbus-broker-launch", "--scope=system", f"--config-file={config}", pass_fds=[listening.fileno()],
+                stdout=log, stderr=log, env={**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": self.address,
+                                             "KAVREL_TEST_JOURNAL": str(folder / "journal"), **environment})
+
+    def _read_journal(self):
+        """Reads what the bus logs, and forgets it: the bus waits while its journal is full."""
+        while self.journal.recv(65536):
+            pass
+
+    def end(self):
+        status = super().end()
+        self.journal.shutdown(socket.SHUT_RDWR)  # ends the reader
+        self.journal_reader.join()
+        self.journal.close()
+        return status
+
+
 class Kavreld(Process):
     """The real kavreld. Its log goes to a file, because a full pipe would block it."""
 
-    def __init__(self, log_path, environment):
+    def __init__(self, log_path, environment, command=(KAVRELD,)):
         with open(log_path, "a") as file:  # always appends, even after a test truncated the file
-            super().__init__(KAVRELD, stdout=file, stderr=file, env=environment)
+            super().__init__(*command, stdout=file, stderr=file, env=environment)
         self.log = Log(log_path, self.settle)
         self.may_be_gone = False  # set to True before a test makes it end
 
@@ -433,6 +472,7 @@ class Scene(contextlib.ExitStack):
         self.bus = Bus(self.folder)
         self.callback(self.bus.end)
         self.daemons = []
+        self.kavreld = (KAVRELD,)  # the command that starts it
 
     def environment(self, **changes):
         return {**os.environ, "KAVREL_TV_DIR": str(self.tv.path), "DBUS_SYSTEM_BUS_ADDRESS": self.bus.address,
@@ -450,7 +490,8 @@ class Scene(contextlib.ExitStack):
 
     def launch(self, **changes):
         """Starts a kavreld with changes to its environment, and does not wait until it owns its name."""
-        daemon = Kavreld(self.folder / f"kavreld-{len(self.daemons) + 1}.log", self.environment(**changes))
+        daemon = Kavreld(self.folder / f"kavreld-{len(self.daemons) + 1}.log", self.environment(**changes),
+                         self.kavreld)
         self.daemons.append(daemon)
         self.callback(daemon.end)
         return daemon
