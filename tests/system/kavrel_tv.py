@@ -13,7 +13,7 @@ from terminal import Terminal
 
 KAVREL_TV = os.environ["KAVREL_TV"]
 COMMANDS = ["show", "watch", "route", "multiview", "zones", "focus", "zone-route", "cable", "mobile", "projector", "sub-bt",
-            "feature", "popup", "volume", "mute", "key", "devices", "emulator", "play", "tour", "record", "plot"]
+            "feature", "popup", "volume", "mute", "key", "devices", "emulator", "play", "tour", "record", "plot", "help"]
 
 
 

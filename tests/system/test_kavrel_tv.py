@@ -58,7 +58,7 @@ def test_show_tells_of_zones_focus_and_the_device_in_use(tool, tv):
     assert lines[1:] == """\
 ├─ output          2 hdmi, HDMI receiver, of the zone in focus
 │  ├─ level        42, mute on
-│  └─ can          read volume, set volume, read mute (0x0007)
+│  └─ can          read volume, set volume, read mute; not: set mute (0x0007)
 ├─ sound
 │  ├─ route        0 tv, TV speaker
 │  ├─ volume       10, mute on

@@ -5,6 +5,7 @@ import json
 import os
 import re
 import select
+import shutil
 import signal
 import subprocess
 import threading
@@ -14,11 +15,11 @@ from pathlib import Path
 import pytest
 from gi.repository import Gio, GLib
 
-from harness import NAME, PATIENCE, TV_SUPPORT, Process
+from harness import NAME, PATIENCE, ROOT, SIGNALS_PATH, TV_SUPPORT, Bus, Process
 from terminal import Terminal
 
 KAVRELCTL = os.environ["KAVRELCTL"]
-DONE, REFUSED, UNREACHABLE, USAGE, INTERRUPTED = 0, 1, 2, 64, 130
+DONE, REFUSED, UNREACHABLE, USAGE, BUSY, NOT_ALLOWED, INTERRUPTED = 0, 1, 2, 64, 75, 77, 130
 
 ALL_WORDS = "read volume, set volume, read mute, set mute (0xffff)"
 HDMI = 2
@@ -27,12 +28,12 @@ MIRRORING = "settings/memory/menu/network/screenmirroring"
 # A good command line for every command that does its work and ends.
 SHORT_COMMANDS = [
     ["status"], ["support"], ["volume"], ["volume", "30"], ["volume", "+1"], ["mute"], ["mute", "on"],
-    ["mute", "toggle"], ["fade", "player"], ["fade", "unmute", "main"], ["gain", "reset"], ["gain", "on-mute", "40"],
+    ["mute", "toggle"], ["unmute"], ["fade", "player"], ["fade", "unmute", "main"], ["gain", "reset"], ["gain", "on-mute", "40"],
     ["pulse", "20", "100"], ["buds", "connected"], ["buds", "disconnected", "3"], ["speaker-gone", "4", "Living room"],
 ]
 HELP_PAGES = [
-    [], ["status"], ["support"], ["volume"], ["mute"], ["fade"], ["gain"], ["gain", "reset"], ["gain", "on-mute"],
-    ["pulse"], ["buds"], ["speaker-gone"], ["wait"], ["monitor"],
+    [], ["status"], ["support"], ["volume"], ["mute"], ["unmute"], ["fade"], ["gain"], ["gain", "reset"], ["gain", "on-mute"],
+    ["pulse"], ["buds"], ["speaker-gone"], ["wait"], ["monitor"], ["help"],
 ]
 
 
@@ -150,12 +151,12 @@ def stopped(daemon):
 
 
 def test_status_on_one_screen(daemon, ctl):
-    assert ctl("status") == f"volume   10\nmute     off\nsupport  {ALL_WORDS}\n"
+    assert ctl("status") == f"volume   10\nmute     off\nsupport  {ALL_WORDS}\noutput   tv, TV speaker (route 0)\n"
 
 
 def test_status_as_one_object(daemon, ctl):
     assert ctl("status", "--json") == (
-        '{"mute":false,"mute_status":0,"support":65535,"support_status":0,'
+        '{"mute":false,"mute_status":0,"output":"tv","route":0,"support":65535,"support_status":0,'
         '"support_words":["read volume","set volume","read mute","set mute"],"volume":10,"volume_status":0}\n')
 
 
@@ -163,19 +164,21 @@ def test_status_tells_in_words_what_the_output_does_not(hdmi, ctl):
     done = ctl.run("status")
     assert done.returncode == REFUSED
     assert done.stdout == ("volume   17\nmute     not supported by this output (-4)\n"
-                           "support  read volume, set volume (0x0003)\n")
+                           "support  read volume, set volume; not: read mute, set mute (0x0003)\n"
+                           "output   hdmi, HDMI receiver (route 2)\n")
 
 
 def test_status_as_an_object_has_null_for_what_the_output_does_not_tell(hdmi, ctl):
     done = ctl.run("status", "--json")
     assert done.returncode == REFUSED
     assert json.loads(done.stdout) == {
-        "volume": 17, "volume_status": 0, "mute": None, "mute_status": -4,
+        "volume": 17, "volume_status": 0, "mute": None, "mute_status": -4, "output": "hdmi", "route": 2,
         "support": 3, "support_status": 0, "support_words": ["read volume", "set volume"]}
 
 
 @pytest.mark.parametrize("before, argument, after", [
     (10, "30", 30), (10, "0", 0), (10, "100", 100),
+    (10, "5%", 5), (10, "5%+", 15), (10, "5%-", 5), (10, "+5%", 15), (10, "-5%", 5), (10, "5+", 15), (97, "5%+", 100),
     (10, "+5", 15), (10, "-5", 5), (10, "+0", 10), (97, "+5", 100), (3, "-5", 0), (50, "-2147483647", 0),
     (50, "+2147483647", 100),
 ])
@@ -213,7 +216,9 @@ def test_mute_is_set(daemon, ctl, client, before, argument, after):
 
 
 @pytest.mark.parametrize("word, words", [
-    (0x5, "read volume, read mute (0x0005)"), (0xA, "set volume, set mute (0x000a)"), (0x10, "nothing (0x0010)"),
+    (0x5, "read volume, read mute; not: set volume, set mute (0x0005)"),
+    (0xA, "set volume, set mute; not: read volume, read mute (0x000a)"),
+    (0x10, "nothing: volume and mute can be neither read nor set (0x0010)"),
 ])
 def test_support_in_words(daemon, tv, ctl, word, words):
     tv.echo(word, f"{MIRRORING}/volume_support_hdmi")
@@ -223,7 +228,125 @@ def test_support_in_words(daemon, tv, ctl, word, words):
     assert json.loads(ctl("support", "--json"))["support"] == word
 
 
+@pytest.mark.parametrize("arguments, after", [
+    (["mute", "ON"], "on"), (["mute", "1"], "on"), (["mute", "True"], "on"), (["mute", "yes"], "on"),
+    (["mute", "Off"], "off"), (["mute", "0"], "off"), (["mute", "FALSE"], "off"), (["mute", "No"], "off"),
+    (["mute", "Toggle"], "off"), (["unmute"], "off"),
+])
+def test_mute_has_many_words(daemon, ctl, client, arguments, after):
+    client.set_mute(after == "off")
+    if arguments[-1] == "Toggle":
+        client.set_mute(True)
+    assert ctl(*arguments) == ""
+    assert ctl("mute") == f"{after}\n"
+
+
+def test_unmute_as_an_object(daemon, ctl, client):
+    client.set_mute(True)
+    assert ctl("unmute", "--json") == '{"mute":false,"mute_status":0}\n'
+
+
+# The output that plays, which the TV directory tells
+
+
+@pytest.fixture
+def no_volume_control(daemon, tv):
+    """Uses an output without volume control."""
+    tv.echo(7, "sound/route")
+    daemon.log.wait("Type(7) is invalid, Create Unknown Speaker")
+    daemon.log.end()  # the change of route is over
+
+
+def test_status_names_an_output_without_volume_control(no_volume_control, ctl):
+    assert ctl("status").splitlines()[2:] == [
+        "support  nothing: volume and mute can be neither read nor set (0x0000)",
+        "output   other-7, output without volume control (route 7)"]
+
+
+@pytest.mark.parametrize("route, words", [
+    ("42", "unknown (route 42)"), (" -1 ", "unknown (route -1)"), ("19", "auracast, Auracast speaker (route 19)"),
+])
+def test_status_names_any_route(daemon, tv, ctl, route, words):
+    tv.echo(route, "sound/route")
+    daemon.log.end()
+    assert ctl.run("status").stdout.splitlines()[3:] == [f"output   {words}"]
+
+
+def test_status_names_the_output_of_the_zone_in_focus(daemon, tv, ctl):
+    tv.echo(2, "sound/zones/1/route")
+    tv.echo(1, "zones/focus")
+    assert ctl.run("status").stdout.splitlines()[3] == "output   tv, TV speaker (route 0)"
+    tv.echo('{"mode":"on"}', "settings/memory/multiscreen/info")
+    assert ctl.run("status").stdout.splitlines()[3] == "output   hdmi, HDMI receiver (route 2), of the zone in focus"
+    assert json.loads(ctl.run("status", "--json").stdout)["output"] == "hdmi"
+
+
+def not_a_directory(folder):
+    return folder / "nothing"
+
+
+def directory_without_a_route(folder):
+    return folder
+
+
+def directory_with_a_folder_for_a_route(folder):
+    (folder / "sound/route").mkdir(parents=True)
+    return folder
+
+
+def directory_with_a_fifo_for_a_route(folder):
+    (folder / "sound").mkdir()
+    os.mkfifo(folder / "sound/route")
+    return folder
+
+
+def directory_with_nonsense(folder):
+    (folder / "sound").mkdir()
+    (folder / "sound/route").write_text("hdmi\n")
+    return folder
+
+
+@pytest.mark.parametrize("make", [
+    not_a_directory, directory_without_a_route, directory_with_a_folder_for_a_route, directory_with_a_fifo_for_a_route,
+    directory_with_nonsense,
+])
+def test_status_leaves_out_an_output_that_no_directory_tells(daemon, ctl, tmp_path, make):
+    directory = str(make(tmp_path))
+    before = sorted(tmp_path.rglob("*"))
+    shown = ctl.run("status", KAVREL_TV_DIR=directory)
+    assert (shown.returncode, len(shown.stdout.splitlines())) == (DONE, 3)
+    state = json.loads(ctl.run("status", "--json", KAVREL_TV_DIR=directory).stdout)
+    assert (state["output"], state["route"]) == (None, None)
+    assert sorted(tmp_path.rglob("*")) == before  # it makes no TV
+
+
 # Refused arguments
+
+
+@pytest.mark.parametrize("arguments, complaint", [
+    (["volume", "20"], "the volume was not set"), (["volume", "+1"], "the volume was not set"),
+    (["mute", "on"], "mute was not set"), (["unmute"], "mute was not set"),
+])
+def test_set_on_an_output_without_volume_control_says_so(no_volume_control, ctl, arguments, complaint):
+    assert ctl.fails(REFUSED, *arguments) == (
+        f"{complaint}: the output in use supports nothing: volume and mute can be neither read nor set (0x0000)")
+
+
+def test_set_on_a_device_that_supports_nothing_says_so(daemon, tv, ctl):
+    tv.echo(0, f"{MIRRORING}/volume_support_hdmi")
+    tv.echo(HDMI, "sound/route")
+    daemon.log.wait("Create HDMI Speaker")
+    assert ctl.fails(REFUSED, "volume", "20").startswith("the volume was not set: the output in use supports nothing")
+    assert ctl.fails(REFUSED, "volume", "101") == "the volume was not set: invalid argument (-2)"
+
+
+def test_status_says_that_support_is_unknown(daemon, tv, ctl):
+    tv.echo(HDMI, "sound/route")
+    daemon.log.wait("Create HDMI Speaker")
+    daemon.log.end()
+    done = ctl.run("status")
+    assert (done.returncode, done.stdout.splitlines()[2]) == (
+        REFUSED, "support  unknown: the output's device has not said, or kavreld is busy (-1)")
 
 
 def test_status_below_zero_is_told_in_words(daemon, hdmi, tv, ctl):
@@ -294,6 +417,7 @@ def test_gain_on_mute(daemon, tv, ctl, client, arguments, path, gain):
     (["speaker-gone", "4", "Wohnzimmer süd"],
      "Speaker(type:4):Wohnzimmer süd disconnected. Connect to previous(type:0)"),
     (["speaker-gone", "--", "-1", "-x"], "Speaker(type:-1):-x disconnected. Connect to previous(type:0)"),
+    (["speaker-gone", "HDMI-2", "x"], "Speaker(type:8):x disconnected. Connect to previous(type:0)"),
 ])
 def test_signals_are_heard(daemon, ctl, arguments, text):
     assert ctl(*arguments) == ""
@@ -365,11 +489,15 @@ def test_no_answer_from_the_bus_in_time(scene, ctl):
 
 
 class Impostor:
-    """Owns the daemon's name and answers nothing."""
+    """Owns the daemon's name. It has a list of answers for each method, and answers no other call."""
 
-    def __init__(self, client):
+    TOO_MUCH = "org.freedesktop.DBus.Error.LimitsExceeded"
+
+    def __init__(self, client, **answers):
         self.connection = client.connection
         self.called = threading.Event()
+        self.answers = answers
+        self.calls = []
         self.connection.add_filter(self._filter)
         client._call_bus("RequestName", "su", NAME, 0)
 
@@ -377,7 +505,19 @@ class Impostor:
         if not incoming or message.get_message_type() != Gio.DBusMessageType.METHOD_CALL:
             return message
         self.called.set()
+        method = message.get_member()
+        self.calls.append(method)
+        if self.answers.get(method):
+            self.connection.send_message(self._answer(message, self.answers[method].pop(0)),
+                                         Gio.DBusSendMessageFlags.NONE)
         return None
+
+    def _answer(self, call, answer):
+        if answer == self.TOO_MUCH:
+            return call.new_method_error_literal(self.TOO_MUCH, "Too many wait")
+        reply = call.new_method_reply()
+        reply.set_body(GLib.Variant(f"({'i' * len(answer)})", answer))
+        return reply
 
     def emit(self, signal, types, *values):
         self.connection.emit_signal(None, "/Org/Olvane/KavrelInternal", NAME, signal, GLib.Variant(types, values))
@@ -400,14 +540,168 @@ def test_timeout_of_zero_is_none(stopped, ctl):
     assert view.wait() == DONE
 
 
+# A bus or a daemon that has too much to do
+
+
+@pytest.mark.parametrize("busy", [(0, -1), Impostor.TOO_MUCH], ids=str)
+def test_busy_daemon_is_asked_again(scene, ctl, busy):
+    impostor = Impostor(scene.client(), GetSpeakerVolume=[busy, busy, busy, (30, 0)])
+    assert ctl("volume") == "30\n"
+    assert impostor.calls == ["GetSpeakerVolume"] * 4
+
+
+@pytest.mark.parametrize("busy, status, complaint", [
+    ((0, -1), REFUSED, "the volume cannot be read: failed or busy (-1)"),
+    (Impostor.TOO_MUCH, BUSY, "busy, try again: Too many wait"),
+])
+def test_daemon_that_stays_busy_is_left_alone(scene, ctl, busy, status, complaint):
+    impostor = Impostor(scene.client(), GetSpeakerVolume=[busy] * 9)
+    assert ctl.fails(status, "volume") == complaint
+    assert impostor.calls == ["GetSpeakerVolume"] * 4
+
+
+def test_set_is_tried_again(scene, ctl):
+    impostor = Impostor(scene.client(), SetSpeakerVolume=[(-1,), Impostor.TOO_MUCH, (0,)],
+                        GetSpeakerSupportType=[(15, 0)])
+    assert ctl("volume", "30") == ""
+    assert impostor.calls == ["SetSpeakerVolume"] * 3 + ["GetSpeakerSupportType"]
+
+
+def test_monitor_asks_a_busy_daemon_again(scene, ctl):
+    impostor = Impostor(scene.client(), GetSpeakerVolume=[Impostor.TOO_MUCH, (0, -1), (30, 0)],
+                        GetSpeakerMute=[(0, -1)] * 9, GetSpeakerSupportType=[(15, 0)])
+    view = ctl.view("monitor", "--json")
+    state = view.read_events("state")[0]
+    assert (state["volume"], state["mute_status"], state["support"]) == (30, -1, 15)
+    assert sorted(impostor.calls) == (
+        ["GetSpeakerMute"] * 4 + ["GetSpeakerSupportType"] + ["GetSpeakerVolume"] * 3)
+
+
+def test_monitor_ends_while_it_waits_to_ask_again(scene, ctl):
+    impostor = Impostor(scene.client(), GetSpeakerVolume=[(0, -1)] * 9)
+    view = ctl.view("monitor")
+    assert impostor.called.wait(PATIENCE)
+    view.close_output()
+    assert view.wait() == DONE
+
+
+@pytest.fixture
+def change_bus(scene):
+    """Starts the scene's bus anew, with more lines in its configuration."""
+    def change(lines):
+        scene.bus.end()
+        (scene.folder / "bus").unlink(missing_ok=True)
+        config = scene.folder / "changed.conf"
+        text = (ROOT / "scripts/private-bus.conf").read_text()
+        config.write_text(text.replace("</busconfig>", f"{lines}</busconfig>"))
+        scene.bus = Bus(scene.folder, config)
+        scene.callback(scene.bus.end)
+    return change
+
+
+def test_bus_with_too_many_connections_is_busy(scene, ctl, change_bus):
+    change_bus('<limit name="max_connections_per_user">8</limit>')
+    scene.start()
+    clients = []
+    with pytest.raises(GLib.Error, match="LimitsExceeded"):
+        while len(clients) < 9:
+            clients.append(scene.client())
+    assert ctl.fails(BUSY, "status").startswith("busy, try again: The maximum number of active connections")
+    clients[0].close()
+    ctl.scene.client().close()  # so the bus has noticed
+    assert ctl("volume") == "10\n"
+
+
+def test_signal_that_the_bus_has_no_room_for_is_not_lost_in_silence(scene, ctl, change_bus):
+    change_bus('<limit name="max_outgoing_bytes">100000</limit>')
+    daemon = scene.start()
+    client = scene.client()
+    daemon.signal(signal.SIGSTOP)
+    try:
+        for _ in range(20):
+            message = Gio.DBusMessage.new_signal(SIGNALS_PATH, NAME, "BudsConnected")
+            message.set_destination(NAME)
+            message.set_body(GLib.Variant("(s)", ("x" * 100_000,)))
+            client.connection.send_message(message, Gio.DBusSendMessageFlags.NONE)
+        assert client.owner()  # the bus has them all
+        assert ctl.fails(BUSY, "buds", "connected").startswith("busy, try again: ")
+    finally:
+        daemon.signal(signal.SIGCONT)
+
+
+# A bus that refuses
+
+NEEDS_RIGHTS = "not allowed: needs root or the group audio"
+CHANGES = [["volume", "30"], ["mute", "on"], ["unmute"], ["fade", "player"], ["fade", "unmute"], ["gain", "reset"],
+           ["gain", "on-mute", "40"], ["pulse", "20", "100"], ["buds", "connected"], ["buds", "disconnected"],
+           ["speaker-gone", "4", "x"]]
+
+
+@pytest.fixture
+def refusing(scene, change_bus):
+    """A daemon on a bus that lets everybody ask, and nobody change anything."""
+    deny = f'<deny send_destination="{NAME}" send_interface="{NAME}"'
+    allow = "".join(f'<allow send_destination="{NAME}" send_interface="{NAME}" send_member="{method}"/>'
+                    for method in ("GetSpeakerVolume", "GetSpeakerMute", "GetSpeakerSupportType"))
+    change_bus(f'<policy context="mandatory">{deny}/>{allow}</policy>')
+    return scene.start()
+
+
+@pytest.mark.parametrize("arguments", CHANGES, ids=" ".join)
+def test_refusal_of_the_bus_has_a_status_of_its_own(refusing, ctl, arguments):
+    assert ctl.fails(NOT_ALLOWED, *arguments) == NEEDS_RIGHTS
+
+
+def test_questions_are_not_refused(refusing, ctl):
+    assert ctl("volume") == "10\n"
+    assert ctl("status").startswith("volume   10\n")
+
+
+if os.geteuid() == 0:
+    def test_nobody_is_refused_by_the_shipped_policy(scene, ctl, change_bus):
+        change_bus(f'<policy context="default"><deny send_destination="{NAME}"/></policy>'
+                   f"<include>{ROOT / 'data/org.olvane.kavrel.conf'}</include>")
+        daemon = scene.start()
+        scene.folder.chmod(0o755)
+        program = shutil.copy(KAVRELCTL, scene.folder)  # nobody may be unable to reach the original
+
+        def run_as(user, group, *arguments):
+            """Returns the exit status and the errors."""
+            done = subprocess.run(["setpriv", f"--reuid={user}", f"--regid={group}", "--clear-groups", "--", program,
+                                   *arguments], stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False,
+                                  timeout=PATIENCE, env=scene.environment(
+                                      LD_PRELOAD="", TSAN_OPTIONS="report_bugs=0", LSAN_OPTIONS="detect_leaks=0"))
+            return done.returncode, done.stderr
+
+        assert run_as("nobody", "nogroup", "status") == (DONE, "")
+        for arguments in CHANGES:
+            assert run_as("nobody", "nogroup", *arguments) == (NOT_ALLOWED, f"kavrelctl: {NEEDS_RIGHTS}\n"), arguments
+        assert run_as("nobody", "nogroup", "monitor", "--calls") == (
+            NOT_ALLOWED, "kavrelctl: not allowed: only root may see calls\n")
+        for arguments in CHANGES:
+            assert run_as("nobody", "audio", *arguments) == (DONE, ""), arguments
+        daemon.log.wait("Speaker(type:4):x disconnected. Connect to previous(type:0)")
+
+
 # Wrong usage: reported without a call
 
-NO_VOLUME = "VOLUME: {} is not N, +N or -N with N from 0 to 2147483647; see kavrelctl volume --help"
+NO_VOLUME = ("VOLUME: {} is not N, N%, +N, -N, N%+ or N%- with N from 0 to 2147483647; "
+             "see kavrelctl volume --help")
 
 
 @pytest.mark.parametrize("arguments, complaint", [
     ([], "a command is missing; see kavrelctl --help"),
     (["bogus"], 'no such command: "bogus"; see kavrelctl --help'),
+    (["x"], 'no such command: "x"; see kavrelctl --help'),
+    (["stauts"], 'no such command: "stauts" (did you mean "status"?); see kavrelctl --help'),
+    (["vol"], 'no such command: "vol" (did you mean "volume"?); see kavrelctl --help'),
+    (["monitr", "--json"], 'no such command: "monitr" (did you mean "monitor"?); see kavrelctl --help'),
+    (["umute"], 'no such command: "umute" (did you mean "mute"?); see kavrelctl --help'),
+    (["Status"], 'no such command: "Status" (did you mean "status"?); see kavrelctl --help'),
+    (["help", "bogus"], 'no such command: "bogus"; see kavrelctl help --help'),
+    (["help", "fad"], 'no such command: "fad" (did you mean "fade"?); see kavrelctl help --help'),
+    (["help", "gain", "rest"], 'no such command: "rest" (did you mean "reset"?); see kavrelctl help --help'),
+    (["help", "mute", "on"], 'no such command: "on"; see kavrelctl help --help'),
     (["--bogus"], 'unexpected argument "--bogus"; see kavrelctl --help'),
     (["status", "x"], 'unexpected argument "x"; see kavrelctl status --help'),
     (["status", "--bogus"], 'unexpected argument "--bogus"; see kavrelctl status --help'),
@@ -415,6 +709,11 @@ NO_VOLUME = "VOLUME: {} is not N, +N or -N with N from 0 to 2147483647; see kavr
     (["volume", "loud"], NO_VOLUME.format('"loud"')),
     (["volume", ""], NO_VOLUME.format('""')),
     (["volume", "+"], NO_VOLUME.format('"+"')),
+    (["volume", "%"], NO_VOLUME.format('"%"')),
+    (["volume", "%+"], NO_VOLUME.format('"%+"')),
+    (["volume", "5%%"], NO_VOLUME.format('"5%%"')),
+    (["volume", "5-%"], NO_VOLUME.format('"5-%"')),
+    (["volume", "+5+"], NO_VOLUME.format('"+5+"')),
     (["volume", "+-5"], NO_VOLUME.format('"+-5"')),
     (["volume", "-5x"], NO_VOLUME.format('"-5x"')),
     (["volume", "0x10"], NO_VOLUME.format('"0x10"')),
@@ -428,7 +727,7 @@ NO_VOLUME = "VOLUME: {} is not N, +N or -N with N from 0 to 2147483647; see kavr
     (["fade", "pulse"], 'SOURCE: "pulse" is not one of player, unmute; see kavrelctl fade --help'),
     (["fade", "player", "left"], 'OUTPUT: "left" is not one of main, sub, both; see kavrelctl fade --help'),
     (["gain"], "a command is missing; see kavrelctl gain --help"),
-    (["gain", "set"], 'unexpected argument "set"; see kavrelctl gain --help'),
+    (["gain", "set"], 'no such command: "set" (did you mean "reset"?); see kavrelctl gain --help'),
     (["gain", "reset", "left"], 'OUTPUT: "left" is not one of main, sub, both; see kavrelctl gain reset --help'),
     (["gain", "on-mute"], "GAIN is required; see kavrelctl gain on-mute --help"),
     (["gain", "on-mute", "101"], 'GAIN: "101" is not a whole number from 0 to 100; '
@@ -444,7 +743,7 @@ NO_VOLUME = "VOLUME: {} is not N, +N or -N with N from 0 to 2147483647; see kavr
     (["buds", "lost"], 'EVENT: "lost" is not one of connected, disconnected; see kavrelctl buds --help'),
     (["buds", "connected", "x"], 'REASON: "x" is not a whole number of 32 bits; see kavrelctl buds --help'),
     (["speaker-gone", "4"], "NAME is required; see kavrelctl speaker-gone --help"),
-    (["speaker-gone", "hdmi", "x"], 'TYPE: "hdmi" is not a whole number of 32 bits; '
+    (["speaker-gone", "hdmi?", "x"], 'TYPE: "hdmi?" is not a whole number of 32 bits; '
                                     'see kavrelctl speaker-gone --help'),
     (["speaker-gone", "4", b"\xff"], 'NAME: "?" is not UTF-8 text; see kavrelctl speaker-gone --help'),
     (["wait", "x"], 'unexpected argument "x"; see kavrelctl wait --help'),
@@ -486,6 +785,16 @@ def test_help_fits_the_terminal_and_has_an_example(ctl, page):
 def test_help_is_shown_whatever_else_is_wrong(ctl):
     assert ctl("volume", "loud", "--help") == help_of(ctl, ["volume"])
     assert ctl("--help", "gain", "on-mute", "101") == help_of(ctl, ["gain", "on-mute"])
+
+
+@pytest.mark.parametrize("page", HELP_PAGES, ids=lambda page: " ".join(page) or "kavrelctl")
+def test_help_is_a_command_too(ctl, page):
+    assert ctl("help", *page) == help_of(ctl, page)
+
+
+def test_help_names_every_exit_status(ctl):
+    exits = help_of(ctl, []).split("Exit status:")[1].split("Environment:")[0]
+    assert re.findall(r"(\d+) [a-zA-Z]", exits) == ["0", "1", "2", "64", "75", "77", "130"]
 
 
 def test_help_names_every_command(ctl):
@@ -621,7 +930,6 @@ def test_monitor_asks_only_once(daemon, ctl, client):
     begin = daemon.log.end()
     client.set_volume(50)
     client.set_volume(51)
-    ctl("volume", "52")
     assert [text for text in daemon.log.texts(begin) if text.startswith("Return Current")] == []
 
 

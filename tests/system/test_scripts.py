@@ -202,6 +202,8 @@ def complete(tmp_path):
     ("kavrelctl buds connected -1 ", ""), ("kavrelctl speaker-gone -- ", ""),
     ("kavrelctl --timeout ", ""), ("kavrelctl --timeout 5 mon", "monitor"), ("kavrelctl status --timeout -", ""),
     ("kavrelctl status --timeout =", ""), ("kavrelctl --timeout = 5 mon", "monitor"), ("kavrelctl --timeout = 5", ""),
+    ("kavrelctl help un", "unmute"), ("kavrelctl help gain ", "reset on-mute"), ("kavrelctl help mute ", ""),
+    ("kavrelctl help --h", "--help"), ("kavrel-tv help ro", "route"),
     ("kavrelctl status --j", "--json"), ("kavrelctl monitor --json --c", "--calls"),
     ("kavrel-tv ro", "route"), ("kavrel-tv --dir /tmp pro", "projector"), ("kavrel-tv --d", "--dir"),
     ("kavrel-tv --dir = /tmp pro", "projector"), ("kavrel-tv --dir so", "sound"), ("kavrel-tv --dir /nowhere focus ", ""),

@@ -60,6 +60,46 @@ std::string AsFooter(const std::string& examples) {
     return (isOne ? "Example:\n  " : "Examples:\n  ") + CLI::detail::find_and_replace(examples, "\n", "\n  ");
 }
 
+/** The number of letters to add, leave out, replace or swap with the next one that make `from` the other word. */
+size_t Distance(const std::string& from, const std::string& to) {
+    std::vector<std::vector<size_t>> distances(from.size() + 1, std::vector<size_t>(to.size() + 1));
+    for (size_t i = 0; i <= from.size(); ++i) {
+        for (size_t j = 0; j <= to.size(); ++j) {
+            if (i == 0 || j == 0) {
+                distances[i][j] = i + j;
+                continue;
+            }
+            const size_t replaced = from[i - 1] == to[j - 1] ? 0 : 1;
+            distances[i][j] = std::min(
+                {distances[i - 1][j] + 1, distances[i][j - 1] + 1, distances[i - 1][j - 1] + replaced});
+            if (i > 1 && j > 1 && from[i - 1] == to[j - 2] && from[i - 2] == to[j - 1]) {
+                distances[i][j] = std::min(distances[i][j], distances[i - 2][j - 2] + 1);
+            }
+        }
+    }
+    return distances[from.size()][to.size()];
+}
+
+std::vector<const CLI::App*> CommandsOf(const CLI::App& parent) {
+    return parent.get_subcommands([](const CLI::App*) { return true; });
+}
+
+/** Names the command that the word begins, or the one that it most resembles, if there is one. */
+std::string NoSuchCommand(const CLI::App& parent, const std::string& word) {
+    size_t limit = word.size() / 3 + 1;
+    std::string nearest;
+    for (const CLI::App* command : CommandsOf(parent)) {
+        const std::string& name = command->get_name();
+        const size_t distance = word.size() > 1 && name.starts_with(word) ? 0 : Distance(word, name);
+        if (distance < limit || (distance == limit && nearest.empty())) {
+            limit = distance;
+            nearest = name;
+        }
+    }
+    return "no such command: " + Quoted(word) +
+           (nearest.empty() ? "" : " (did you mean " + Quoted(nearest) + "?)");
+}
+
 std::string InOneLine(std::string text) {
     std::replace(text.begin(), text.end(), '\n', ' ');
     return Printable(text);
@@ -67,11 +107,15 @@ std::string InOneLine(std::string text) {
 
 }  // namespace
 
+std::string Version() {
+    return KAVREL_VERSION;
+}
+
 CommandLine::CommandLine(const std::string& name, const std::string& description, const std::string& footer)
     : m_app(description, name) {
     m_app.formatter(std::make_shared<HelpPage>());
     m_app.set_help_flag("-h,--help", "Show this help");
-    m_app.set_version_flag("--version", name + " " + KAVREL_VERSION, "Show the version");
+    m_app.set_version_flag("--version", name + " " + Version(), "Show the version");
     m_app.require_subcommand(0, 1);
     m_app.footer(footer);
 }
@@ -93,9 +137,36 @@ CLI::App& CommandLine::AddGroup(const std::string& name, const std::string& desc
     return *group;
 }
 
+void CommandLine::AddHelp() {
+    const auto names = std::make_shared<std::vector<std::string>>();
+    const std::string example = m_app.get_name() + " help " + CommandsOf(m_app).front()->get_name();
+    CLI::App& help = AddCommand("help", "Show the help page of a command, or this list", example,
+                                [this, names] { return ShowHelp(*names); });
+    help.add_option("COMMAND", *names, "The command; without it: the list of commands");
+}
+
+int CommandLine::ShowHelp(const std::vector<std::string>& names) const {
+    const CLI::App* shown = &m_app;
+    std::string path = m_app.get_name();
+    for (const std::string& name : names) {
+        const auto commands = CommandsOf(*shown);
+        const auto named = std::find_if(commands.begin(), commands.end(), [&name](const CLI::App* command) {
+            return command->get_name() == name;
+        });
+        if (named == commands.end()) {
+            throw UsageError(NoSuchCommand(*shown, name));
+        }
+        shown = *named;
+        path += " " + name;
+    }
+    Print(shown->get_formatter()->make_help(shown, path, CLI::AppFormatMode::Normal));
+    return EXIT_DONE;
+}
+
 int CommandLine::Run(int argc, char** argv) {
     g_set_prgname(m_app.get_name().c_str());
     std::signal(SIGPIPE, SIG_IGN);
+    AddHelp();
     try {
         return ParseAndAct(argc, argv);
     } catch (const ReaderGone&) {
@@ -157,10 +228,17 @@ std::string CommandLine::CommandPath() const {
 std::string CommandLine::Explained(const CLI::ParseError& error) const {
     const auto unexpected = m_app.remaining(true);
     if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr && !unexpected.empty()) {
-        const bool isCommand = unexpected.front().front() != '-' && m_app.get_subcommands().empty();
-        return (isCommand ? "no such command: " : "unexpected argument ") + Quoted(unexpected.front());
+        const CLI::App& last = *Given().back();
+        const bool isCommand = unexpected.front().front() != '-' && !CommandsOf(last).empty();
+        return isCommand ? NoSuchCommand(last, unexpected.front())
+                         : "unexpected argument " + Quoted(unexpected.front());
     }
     return InOneLine(error.what());
+}
+
+bool IsSameWord(std::string_view first, std::string_view second) {
+    return first.size() == second.size() &&
+           g_ascii_strncasecmp(first.data(), second.data(), first.size()) == 0;
 }
 
 CLI::Validator WholeNumber(int least, int most) {
@@ -188,18 +266,24 @@ CLI::Validator DecimalNumber(double least, double most) {
     return {check, ""};
 }
 
-CLI::Validator OneOf(const std::vector<std::pair<std::string, int>>& choices) {
+const Choices SWITCH_SYNONYMS = {{"1", 1}, {"0", 0}, {"true", 1}, {"false", 0}, {"yes", 1}, {"no", 0}};
+
+CLI::Validator OneOf(const Choices& choices, const Choices& synonyms) {
     std::vector<std::string> words;
     words.reserve(choices.size());
     for (const auto& [word, value] : choices) {
         words.push_back(word);
     }
+    Choices accepted = choices;
+    accepted.insert(accepted.end(), synonyms.begin(), synonyms.end());
     const auto check = [=](std::string& text) -> std::string {
-        const auto chosen = std::find(words.begin(), words.end(), text);
-        if (chosen == words.end()) {
+        const auto chosen = std::find_if(accepted.begin(), accepted.end(), [&text](const auto& choice) {
+            return IsSameWord(choice.first, text);
+        });
+        if (chosen == accepted.end()) {
             return Quoted(text) + " is not one of " + Joined(words, ", ");
         }
-        text = std::to_string(choices[static_cast<size_t>(chosen - words.begin())].second);
+        text = std::to_string(chosen->second);
         return {};
     };
     return {check, Joined(words, "|")};

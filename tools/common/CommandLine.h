@@ -15,6 +15,9 @@
 
 namespace tools {
 
+/** The version of all tools, "1.2.3". */
+std::string Version();
+
 /**
  * The command line of a tool made of commands. All tools have the same --help and --version, an example on
  * every help page, one line and a hint on wrong usage, and the same exit codes.
@@ -44,6 +47,10 @@ public:
     int Run(int argc, char** argv);
 
 private:
+    /** Adds "help [COMMAND]" behind the other commands. */
+    void AddHelp();
+    /** @param names of a command, the outermost first; none for the tool itself */
+    int ShowHelp(const std::vector<std::string>& names) const;
     int ParseAndAct(int argc, char** argv);
     /** The tool and the commands that were recognised, the outermost first. */
     std::vector<const CLI::App*> Given() const;
@@ -65,6 +72,9 @@ std::optional<Number> Parsed(std::string_view text) {
     return read.ec == std::errc() && read.ptr == end ? std::optional(number) : std::nullopt;
 }
 
+/** Compares two words in any case of their ASCII letters. */
+bool IsSameWord(std::string_view first, std::string_view second);
+
 // Validators for CLI::Option::transform(): with them all tools report wrong arguments in the same words. CLI11 can
 // convert every text that they accept to the type of the argument.
 
@@ -73,8 +83,14 @@ CLI::Validator WholeNumber(int least = std::numeric_limits<int>::min(),
                            int most = std::numeric_limits<int>::max());
 /** Accepts a number, with or without decimals. */
 CLI::Validator DecimalNumber(double least, double most);
-/** Accepts one of the words, which the help shows, and stores its number in an int, bool or enum. */
-CLI::Validator OneOf(const std::vector<std::pair<std::string, int>>& choices);
+/** Words, each with its number. */
+using Choices = std::vector<std::pair<std::string, int>>;
+/** Accepts one of the words in any case, and stores its number in an int, bool or enum.
+ *  @param choices the words that the help shows
+ *  @param synonyms more words, which the help leaves out */
+CLI::Validator OneOf(const Choices& choices, const Choices& synonyms = {});
+/** The synonyms of on (1) and off (0). */
+extern const Choices SWITCH_SYNONYMS;
 /** Accepts UTF-8, without which text cannot be sent over the bus. */
 CLI::Validator Utf8Text();
 

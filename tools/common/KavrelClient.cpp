@@ -5,9 +5,12 @@
 #include <array>
 #include <map>
 #include <memory>
+#include <thread>
 #include <utility>
 
 #include "Print.h"
+
+using namespace std::chrono_literals;
 
 namespace tools {
 
@@ -20,9 +23,9 @@ constexpr Destination DAEMON = {KAVREL_NAME, KAVREL_PATH, KAVREL_INTERFACE};
 /** By the bits of the support word, from the lowest on. */
 constexpr std::array SUPPORT_WORDS = {"read volume", "set volume", "read mute", "set mute"};
 
-std::string Seconds(std::chrono::milliseconds time) {
-    return Formatted("%g s", static_cast<double>(time.count()) / 1000.0);
-}
+using Pauses = std::span<const std::chrono::milliseconds>;
+/** The pauses before the further attempts of a client that tries again. */
+constexpr std::array<std::chrono::milliseconds, 3> PAUSES = {50ms, 100ms, 200ms};
 
 std::string Message(const GError* error) {
     const GLibPtr<GError> copy(g_error_copy(error));
@@ -34,19 +37,25 @@ std::string NotRunning() {
     return std::string("kavreld is not running: nobody on the bus owns ") + KAVREL_NAME;
 }
 
+bool IsBusy(const GError* error) {
+    return g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_LIMITS_EXCEEDED) == TRUE;
+}
+
 ToolError AsToolError(const GError* error, Timeout timeout) {
     std::string line = "the call failed: " + Message(error);
     if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_SERVICE_UNKNOWN) ||
         g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER)) {
         line = NotRunning();
     } else if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT) && timeout) {
-        line = "no answer within " + Seconds(*timeout);
+        line = "no answer within " + InSeconds(*timeout);
     } else if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NO_REPLY)) {
         line = "kavreld left the bus before it answered";
     } else if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CLOSED)) {
         line = "the bus has gone";
     } else if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_ACCESS_DENIED)) {
-        line = "the bus does not allow it: " + Message(error);
+        return {EXIT_NOT_ALLOWED, "not allowed: needs root or the group audio"};
+    } else if (IsBusy(error)) {
+        return {EXIT_BUSY, "busy, try again: " + Message(error)};
     }
     return {EXIT_UNREACHABLE, line};
 }
@@ -57,51 +66,83 @@ Reading AsReading(GVariant* reply) {
     return reading;
 }
 
-/** One attempt to connect to the bus. */
-struct Attempt {
-    GLibPtr<GCancellable> cancellable{g_cancellable_new()};
-    GLibPtr<GDBusConnection> connection;
-    GLibError error;
-    bool isOver = false;
+/** Whether the daemon answers an attempt with status -1, or bus or daemon have too much to do for it. */
+bool IsBusy(GVariant* reply, const GError* error) {
+    if (reply == nullptr) {
+        return IsBusy(error);
+    }
+    const Variant last(g_variant_get_child_value(reply, g_variant_n_children(reply) - 1));
+    return g_variant_is_of_type(last.get(), G_VARIANT_TYPE_INT32) == TRUE &&
+           g_variant_get_int32(last.get()) == FAILED_OR_BUSY;
+}
 
-    static void OnEnd(GObject* /*source*/, GAsyncResult* result, void* data) {
-        auto* attempt = static_cast<Attempt*>(data);
-        attempt->connection.reset(g_dbus_connection_new_for_address_finish(result, attempt->error));
-        attempt->isOver = true;
+/** The end of one asynchronous operation of GIO. */
+struct Ending {
+    GLibPtr<GAsyncResult> result;
+
+    static void OnEnd(GObject* /*source*/, GAsyncResult* result, void* ending) {
+        static_cast<Ending*>(ending)->result.reset(G_ASYNC_RESULT(g_object_ref(result)));
+    }
+    /** @param context that was the thread's own at the start of the operation; null for the default one */
+    void Await(GMainContext* context) const {
+        while (result == nullptr) {
+            g_main_context_iteration(context, TRUE);
+        }
     }
 };
 
-/** @throws ToolError if there is no bus, or it does not answer in time */
-GLibPtr<GDBusConnection> ConnectToSystemBus(Timeout timeout) {
-    GLibError error;
-    const GLibPtr<char> address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, error));
-    if (address == nullptr) {
-        throw ToolError(EXIT_UNREACHABLE, "no system bus: " + Message(error.Get()));
-    }
+/** While it lives, the operations that this thread begins end in a main context of their own. */
+class OwnContext {
+public:
+    OwnContext() { g_main_context_push_thread_default(m_context.get()); }
+    ~OwnContext() { g_main_context_pop_thread_default(m_context.get()); }
+    OwnContext(const OwnContext&) = delete;
+    OwnContext& operator=(const OwnContext&) = delete;
+
+    GMainContext* Get() const { return m_context.get(); }
+
+private:
+    const GLibPtr<GMainContext> m_context{g_main_context_new()};
+};
+
+/** @throws ToolError if the bus does not answer in time
+ *  @return null and the error if there is no bus */
+GLibPtr<GDBusConnection> ConnectTo(const char* address, Timeout timeout, GError** error) {
     const auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
-    const auto cancel = [](void* cancellable) -> gboolean {
-        g_cancellable_cancel(static_cast<GCancellable*>(cancellable));
-        return G_SOURCE_REMOVE;
-    };
-    Attempt attempt;
-    GLibPtr<GSource> timer;
-    if (timeout) {
-        timer.reset(g_timeout_source_new(static_cast<guint>(timeout->count())));
-        g_source_set_callback(timer.get(), cancel, attempt.cancellable.get(), nullptr);
-        g_source_attach(timer.get(), nullptr);
+    const Deadline deadline(timeout);
+    Ending ending;
+    g_dbus_connection_new_for_address(address, flags, nullptr, deadline.Cancellable(), Ending::OnEnd,
+                                      &ending);
+    ending.Await(nullptr);
+    GLibPtr<GDBusConnection> connection(g_dbus_connection_new_for_address_finish(ending.result.get(), error));
+    if (connection == nullptr && deadline.IsOver()) {
+        throw ToolError(EXIT_UNREACHABLE, "no answer from the bus within " + InSeconds(*timeout));
     }
-    g_dbus_connection_new_for_address(address.get(), flags, nullptr, attempt.cancellable.get(),
-                                      Attempt::OnEnd, &attempt);
-    while (!attempt.isOver) {
-        g_main_context_iteration(nullptr, TRUE);
+    return connection;
+}
+
+/** @throws ToolError if there is no bus, or it does not answer in time */
+GLibPtr<GDBusConnection> ConnectToSystemBus(Timeout timeout, Pauses pauses) {
+    GLibError noAddress;
+    const GLibPtr<char> address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, noAddress));
+    if (address == nullptr) {
+        throw ToolError(EXIT_UNREACHABLE, "no system bus: " + Message(noAddress.Get()));
     }
-    if (attempt.connection == nullptr) {
-        const bool isLate = g_cancellable_is_cancelled(attempt.cancellable.get()) == TRUE;
-        throw ToolError(EXIT_UNREACHABLE, isLate ? "no answer from the bus within " + Seconds(*timeout)
-                                                 : "no system bus: " + Message(attempt.error.Get()));
+    for (auto pause = pauses.begin();; ++pause) {
+        GLibError error;
+        GLibPtr<GDBusConnection> connection = ConnectTo(address.get(), timeout, error);
+        if (connection != nullptr) {
+            return connection;
+        }
+        if (!IsBusy(error.Get())) {
+            throw ToolError(EXIT_UNREACHABLE, "no system bus: " + Message(error.Get()));
+        }
+        if (pause == pauses.end()) {
+            throw AsToolError(error.Get(), timeout);
+        }
+        std::this_thread::sleep_for(*pause);
     }
-    return std::move(attempt.connection);
 }
 
 }  // namespace
@@ -121,41 +162,72 @@ std::string SupportInHex(int support) {
 }
 
 std::string SupportInWords(int support) {
-    const std::string words = Joined(SupportWords(support), ", ");
-    return (words.empty() ? "nothing" : words) + " (" + SupportInHex(support) + ")";
+    const std::string can = Joined(SupportWords(support), ", ");
+    const std::string cannot = Joined(SupportWords(~support), ", ");
+    const std::string words = can.empty()      ? "nothing: volume and mute can be neither read nor set"
+                              : cannot.empty() ? can
+                                               : can + "; not: " + cannot;
+    return words + " (" + SupportInHex(support) + ")";
 }
 
 std::string StatusInWords(int status) {
-    static const std::map<int, std::string> FAILURES = {
-        {-1, "failed or busy"}, {-2, "invalid argument"}, {-4, "not supported by this output"}};
+    static const std::map<int, std::string> FAILURES = {{FAILED_OR_BUSY, "failed or busy"},
+                                                        {-2, "invalid argument"},
+                                                        {NOT_SUPPORTED, "not supported by this output"}};
     const auto failure = FAILURES.find(status);
     const std::string other = status < 0 ? "platform error" : "done";
     return (failure != FAILURES.end() ? failure->second : other) + " (" + std::to_string(status) + ")";
 }
 
-/** A call under way; the client waits for its end. */
+/** A question whose answer comes later. The client waits for the end of all of them. */
 struct KavrelClient::LateAnswer {
-    KavrelClient* client;
+    LateAnswer(KavrelClient& asking, const char* getter, Answered callback)
+        : client(asking), method(getter), answered(std::move(callback)), pause(client.m_pauses.begin()) {
+        client.m_unanswered += 1;
+    }
+    ~LateAnswer() { client.m_unanswered -= 1; }
+    LateAnswer(const LateAnswer&) = delete;
+    LateAnswer& operator=(const LateAnswer&) = delete;
+
+    KavrelClient& client;
+    const char* method;
     Answered answered;
+    /** The pause before the next attempt. */
+    Pauses::iterator pause;
+
+    static std::unique_ptr<LateAnswer> Owned(void* data) {
+        return std::unique_ptr<LateAnswer>(static_cast<LateAnswer*>(data));
+    }
 
     static void OnAnswer(GObject* connection, GAsyncResult* result, void* data) {
-        const std::unique_ptr<LateAnswer> late(static_cast<LateAnswer*>(data));
-        late->client->m_unanswered -= 1;
+        auto late = Owned(data);
         GLibError error;
         const Variant reply(g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, error));
-        if (g_cancellable_is_cancelled(late->client->m_cancellable.get())) {
+        if (g_cancellable_is_cancelled(late->client.m_cancellable.get())) {
             return;
         }
-        if (reply == nullptr) {
-            late->answered({}, AsToolError(error.Get(), late->client->m_timeout));
+        if (late->pause != late->client.m_pauses.end() && IsBusy(reply.get(), error.Get())) {
+            const auto pause = static_cast<guint>((late->pause++)->count());
+            g_timeout_add(pause, AskAgain, late.release());
+        } else if (reply == nullptr) {
+            late->answered({}, AsToolError(error.Get(), late->client.m_timeout));
         } else {
             late->answered(AsReading(reply.get()), std::nullopt);
         }
     }
+
+    static gboolean AskAgain(void* data) {
+        auto late = Owned(data);
+        late->client.Ask(std::move(late));
+        return G_SOURCE_REMOVE;
+    }
 };
 
-KavrelClient::KavrelClient(Timeout timeout)
-    : m_timeout(timeout), m_connection(ConnectToSystemBus(timeout)), m_cancellable(g_cancellable_new()) {}
+KavrelClient::KavrelClient(Timeout timeout, WhenBusy whenBusy)
+    : m_timeout(timeout),
+      m_pauses(whenBusy == WhenBusy::TRY_AGAIN ? Pauses(PAUSES) : Pauses()),
+      m_connection(ConnectToSystemBus(timeout, m_pauses)),
+      m_cancellable(g_cancellable_new()) {}
 
 KavrelClient::~KavrelClient() {
     for (const guint subscription : m_subscriptions) {
@@ -171,33 +243,22 @@ KavrelClient::~KavrelClient() {
 }
 
 Reading KavrelClient::Read(const char* method) const {
-    return AsReading(CallOrThrow(DAEMON, method, nullptr, "(ii)").get());
+    return AsReading(CallDaemon(method, nullptr, "(ii)").get());
 }
 
 int KavrelClient::Command(const char* method, GVariant* arguments) const {
     int status = 0;
-    g_variant_get(CallOrThrow(DAEMON, method, arguments, "(i)").get(), "(i)", &status);
+    g_variant_get(CallDaemon(method, arguments, "(i)").get(), "(i)", &status);
     return status;
 }
 
 void KavrelClient::ReadLater(const char* method, Answered answered) {
-    auto late = std::make_unique<LateAnswer>(LateAnswer{this, std::move(answered)});
-    m_unanswered += 1;
-    g_dbus_connection_call(m_connection.get(), KAVREL_NAME, KAVREL_PATH, KAVREL_INTERFACE, method, nullptr,
-                           G_VARIANT_TYPE("(ii)"), G_DBUS_CALL_FLAGS_NO_AUTO_START, Milliseconds(),
-                           m_cancellable.get(), LateAnswer::OnAnswer, late.release());
+    Ask(std::make_unique<LateAnswer>(*this, method, std::move(answered)));
 }
 
 void KavrelClient::Emit(const char* signal, GVariant* arguments) const {
     const Variant body(g_variant_ref_sink(arguments));
-    RequireOwner();
-    GLibError error;
-    if (!g_dbus_connection_emit_signal(m_connection.get(), nullptr, KAVREL_SIGNAL_PATH, KAVREL_INTERFACE,
-                                       signal, body.get(), error)) {
-        throw AsToolError(error.Get(), m_timeout);
-    }
-    // The bus takes messages in order: when it answers this call, it has the signal.
-    CallOrThrow(BUS, "GetId", nullptr, "(s)");
+    Try([&](GError** error) { return Send(signal, body.get(), error); });
 }
 
 std::string KavrelClient::Owner() const {
@@ -268,14 +329,62 @@ Variant KavrelClient::Call(const Destination& to, const char* method, GVariant* 
         G_DBUS_CALL_FLAGS_NO_AUTO_START, Milliseconds(), nullptr, error));
 }
 
-Variant KavrelClient::CallOrThrow(const Destination& to, const char* method, GVariant* arguments,
-                                  const char* replyType) const {
-    GLibError error;
-    Variant reply = Call(to, method, arguments, replyType, error);
-    if (reply == nullptr) {
-        throw AsToolError(error.Get(), m_timeout);
+Variant KavrelClient::CallDaemon(const char* method, GVariant* arguments, const char* replyType) const {
+    const Variant body(arguments == nullptr ? nullptr : g_variant_ref_sink(arguments));
+    return Try([&](GError** error) { return Call(DAEMON, method, body.get(), replyType, error); });
+}
+
+Variant KavrelClient::Try(const std::function<Variant(GError** error)>& attempt) const {
+    for (auto pause = m_pauses.begin();; ++pause) {
+        GLibError error;
+        Variant reply = attempt(error);
+        if (pause != m_pauses.end() && IsBusy(reply.get(), error.Get())) {
+            std::this_thread::sleep_for(*pause);
+            continue;
+        }
+        if (reply == nullptr) {
+            throw AsToolError(error.Get(), m_timeout);
+        }
+        return reply;
     }
-    return reply;
+}
+
+void KavrelClient::Ask(std::unique_ptr<LateAnswer> late) {
+    const char* method = late->method;
+    g_dbus_connection_call(m_connection.get(), KAVREL_NAME, KAVREL_PATH, KAVREL_INTERFACE, method, nullptr,
+                           G_VARIANT_TYPE("(ii)"), G_DBUS_CALL_FLAGS_NO_AUTO_START, Milliseconds(),
+                           m_cancellable.get(), LateAnswer::OnAnswer, late.release());
+}
+
+Variant KavrelClient::Send(const char* signal, GVariant* body, GError** error) const {
+    const GLibPtr<GDBusMessage> message(
+        g_dbus_message_new_signal(KAVREL_SIGNAL_PATH, KAVREL_INTERFACE, signal));
+    g_dbus_message_set_destination(message.get(), KAVREL_NAME);
+    // A bus may keep a refusal to itself if the message says that no reply is expected.
+    g_dbus_message_set_flags(message.get(), G_DBUS_MESSAGE_FLAGS_NO_AUTO_START);
+    g_dbus_message_set_body(message.get(), body);
+
+    const OwnContext context;
+    const GLibPtr<GCancellable> cancellable(g_cancellable_new());
+    Ending refusal;
+    g_dbus_connection_send_message_with_reply(m_connection.get(), message.get(),
+                                              G_DBUS_SEND_MESSAGE_FLAGS_NONE, G_MAXINT, nullptr,
+                                              cancellable.get(), Ending::OnEnd, &refusal);
+    // The bus takes messages in order: when it answers this call, a refusal of the signal has come.
+    Variant reply = Call(BUS, "GetId", nullptr, "(s)", error);
+    g_main_context_iteration(context.Get(), FALSE);
+    if (refusal.result == nullptr) {
+        g_cancellable_cancel(cancellable.get());
+        refusal.Await(context.Get());
+        return reply;
+    }
+    g_clear_error(error);
+    const GLibPtr<GDBusMessage> answer(
+        g_dbus_connection_send_message_with_reply_finish(m_connection.get(), refusal.result.get(), error));
+    if (answer != nullptr) {
+        g_dbus_message_to_gerror(answer.get(), error);
+    }
+    return nullptr;
 }
 
 void KavrelClient::Subscribe(const char* sender, const char* interface, const char* signal, const char* name,

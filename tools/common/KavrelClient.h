@@ -7,10 +7,13 @@
 
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
+#include "Deadline.h"
 #include "Errors.h"
 #include "GLibPtr.h"
 #include "MainLoop.h"
@@ -24,17 +27,22 @@ inline constexpr const char* KAVREL_PATH = "/Org/Olvane/KavrelInternal";
 /** Object path of the signals that the daemon listens to, and of its requests to change the output. */
 inline constexpr const char* KAVREL_SIGNAL_PATH = "/Org/Olvane/Kavrel";
 
+/** Statuses of the daemon. */
+inline constexpr int FAILED_OR_BUSY = -1;
+inline constexpr int NOT_SUPPORTED = -4;
+
 /** Lists the abilities of the output in use: "read volume", "set volume", ... */
 std::vector<std::string> SupportWords(int support);
 /** "0x000f" */
 std::string SupportInHex(int support);
-/** "read volume, set volume (0x0003)"; "nothing (0x0000)". */
+/** "read volume, set volume; not: read mute, set mute (0x0003)". */
 std::string SupportInWords(int support);
 /** "failed or busy (-1)", "platform error (-1002)"; "done (0)" from 0 on. */
 std::string StatusInWords(int status);
 
-/** The longest wait for an answer; nothing: no limit. */
-using Timeout = std::optional<std::chrono::milliseconds>;
+/** A client gives up when the daemon is busy (status -1), or when bus or daemon have too much to do; or it tries
+ *  again a few times, for less than half a second in all. */
+enum class WhenBusy { GIVE_UP, TRY_AGAIN };
 
 /** The answer of a getter: the value is valid if the status is not below 0. */
 struct Reading {
@@ -58,7 +66,7 @@ class KavrelClient {
 public:
     /** @param timeout of each call
      *  @throws ToolError if there is no bus, or it does not answer in time */
-    explicit KavrelClient(Timeout timeout);
+    explicit KavrelClient(Timeout timeout, WhenBusy whenBusy = WhenBusy::GIVE_UP);
     ~KavrelClient();
     KavrelClient(const KavrelClient&) = delete;
     KavrelClient& operator=(const KavrelClient&) = delete;
@@ -79,8 +87,10 @@ public:
     using Answered = std::function<void(const Reading&, const std::optional<ToolError>&)>;
     void ReadLater(const char* method, Answered answered);
 
-    /** Broadcasts one of the signals that the daemon listens to; when it returns, the bus has the signal. Consumes
-     *  floating arguments. @throws ToolError if nobody owns the daemon's name */
+    /** Sends the daemon one of the signals that it listens to; when it returns, the bus has passed the signal on.
+     *  The signal goes to the daemon alone, because a bus drops a broadcast that it does not allow in silence.
+     *  Consumes floating arguments.
+     *  @throws ToolError if nobody owns the daemon's name, or the bus refuses the signal */
     void Emit(const char* signal, GVariant* arguments) const;
 
     /** The unique name of the owner of the daemon's name; empty if there is none.
@@ -102,14 +112,21 @@ public:
 
 private:
     struct LateAnswer;
-    /** @throws ToolError without an answer */
-    Variant CallOrThrow(const Destination& to, const char* method, GVariant* arguments,
-                        const char* replyType) const;
+    void Ask(std::unique_ptr<LateAnswer> late);
+    /** Makes an attempt, and further ones while the client tries again. @throws ToolError without an answer */
+    Variant Try(const std::function<Variant(GError** error)>& attempt) const;
+    /** Calls a method of the daemon. @throws ToolError without an answer */
+    Variant CallDaemon(const char* method, GVariant* arguments, const char* replyType) const;
+    /** Sends the daemon a signal. @return the answer of the bus to a question sent behind it; null and the error
+     *  if the bus refused the signal, or did not answer */
+    Variant Send(const char* signal, GVariant* body, GError** error) const;
     void Subscribe(const char* sender, const char* interface, const char* signal, const char* name,
                    GDBusSignalCallback callback);
     int Milliseconds() const;
 
     const Timeout m_timeout;
+    /** The pauses before the further attempts. */
+    const std::span<const std::chrono::milliseconds> m_pauses;
     GLibPtr<GDBusConnection> m_connection;
     GLibPtr<GCancellable> m_cancellable;
     int m_unanswered = 0;

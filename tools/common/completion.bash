@@ -13,7 +13,7 @@ _kavrel_names() { # the directories (d) or files (f) below a folder of the TV di
 
 _kavrel_complete() {
     local tool=${COMP_WORDS[0]} current=${COMP_WORDS[COMP_CWORD]} directory=${KAVREL_TV_DIR:-/run/kavrel}
-    local page command=() given=1 entry name word words='' i
+    local page command=() given=1 help='' entry='' name word words='' i
     page=$("$tool" --help 2>/dev/null)
     for ((i = 1; i < COMP_CWORD; i++)); do
         word=${COMP_WORDS[i]}
@@ -22,6 +22,8 @@ _kavrel_complete() {
             ((++i)) # the option's value, before which a "=" may be a word of its own
             [ "${COMP_WORDS[i]}" != = ] || ((++i))
             [ "$word" != --dir ] || directory=${COMP_WORDS[i]-}
+        elif [ "${command[*]}$help$word" = help ]; then
+            help=1 # its words are those of the list of commands
         elif _kavrel_section Commands | grep -q -- "^$word " 2>/dev/null; then
             command+=("$word")
             page=$("$tool" "${command[@]}" --help 2>/dev/null)
@@ -32,10 +34,11 @@ _kavrel_complete() {
     if ((i > COMP_CWORD)); then
         entry=${entry#* } # the value of an option, after its name
     elif [[ $current == -* ]]; then
+        [ -z "$help" ] || page=$("$tool" help --help 2>/dev/null)
         entry="OPTION $(_kavrel_section Options | sed 's/ .*//; s/.*,//' | tr '\n' '|')"
     elif [[ $page == *$'\nCommands:'* ]]; then
         entry="COMMAND $(_kavrel_section Commands | sed 's/ .*//' | tr '\n' '|')"
-    else
+    elif [ -z "$help" ]; then
         entry=$(_kavrel_section Arguments | sed -n "${given}p")
     fi
     read -r name word _ <<<"$entry" # the argument's name, and its words in the form on|off;

@@ -103,8 +103,9 @@ std::string_view NameOfRoute(int code) {
 }
 
 std::optional<int> CodeOfRoute(std::string_view name) {
-    const auto* const named =
-        std::find_if(ROUTES.begin(), ROUTES.end(), [name](const Route& route) { return route.name == name; });
+    const auto* const named = std::find_if(ROUTES.begin(), ROUTES.end(), [name](const Route& route) {
+        return tools::IsSameWord(route.name, name);
+    });
     return named != ROUTES.end() ? std::optional(named->code) : std::nullopt;
 }
 

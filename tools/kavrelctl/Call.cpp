@@ -2,8 +2,6 @@
 // SPDX-License-Identifier: MIT
 #include "CallWatch.h"
 
-#include <algorithm>
-
 namespace ctl {
 
 namespace {
@@ -76,26 +74,6 @@ std::string Duration(const Call& call) {
     return tools::Formatted("%.1f ms", Milliseconds(call));
 }
 
-/** The program's name without its folder, if it is known. */
-std::optional<std::string> ProgramOf(const Caller& caller) {
-    if (caller.command.empty()) {
-        return std::nullopt;
-    }
-    const std::string& path = caller.command.front();
-    return path.substr(path.rfind('/') + 1);
-}
-
-std::string InWords(const Caller& caller) {
-    if (!caller.process) {
-        return "by " + caller.name + ", which has gone";
-    }
-    std::vector<std::string> command = caller.command;
-    command.resize(std::max<size_t>(command.size(), 1));
-    command.front() = ProgramOf(caller).value_or("a program that has gone");
-    return "by " + tools::Printable(tools::Joined(command)) + " (pid " + std::to_string(*caller.process) +
-           ")";
-}
-
 std::string AnswerInWords(const Call& call) {
     const Answer answer = AnswerOf(call);
     if (answer.status && *answer.status < 0) {
@@ -125,7 +103,7 @@ std::string EndInWords(const Call& call) {
 std::string InWords(const Call& call) {
     const bool isKavrels = call.interface.empty() || call.interface == tools::KAVREL_INTERFACE;
     return (isKavrels ? "" : call.interface + ".") + call.method + Listed(call.arguments.get()) + " -> " +
-           EndInWords(call) + ", " + InWords(call.caller);
+           EndInWords(call) + ", by " + InWords(call.caller);
 }
 
 Json::Value InJson(const Call& call) {

@@ -2,7 +2,6 @@
 // SPDX-License-Identifier: MIT
 #include "CallWatch.h"
 
-#include <fstream>
 #include <iterator>
 
 #include "Errors.h"
@@ -33,20 +32,11 @@ tools::Variant Body(GDBusMessage* message) {
     return tools::Variant(body == nullptr ? nullptr : g_variant_ref(body));
 }
 
-/** Program and arguments; the name alone of a process that has ended and that its parent has not waited for yet;
- *  empty if there is no such process. */
-std::vector<std::string> CommandOf(unsigned process) {
-    const std::string folder = "/proc/" + std::to_string(process);
-    std::vector<std::string> command;
-    std::ifstream arguments(folder + "/cmdline");
-    for (std::string argument; std::getline(arguments, argument, '\0');) {
-        command.push_back(argument);
-    }
-    std::ifstream comm(folder + "/comm");
-    if (std::string name; command.empty() && std::getline(comm, name)) {
-        command.push_back(name);
-    }
-    return command;
+tools::ToolError Refusal(const GError* error) {
+    return g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_ACCESS_DENIED) == TRUE
+               ? tools::ToolError(tools::EXIT_NOT_ALLOWED, "not allowed: only root may see calls")
+               : tools::ToolError(tools::EXIT_UNREACHABLE,
+                                  std::string("the bus does not show calls: ") + error->message);
 }
 
 }  // namespace
@@ -75,8 +65,7 @@ CallWatch::CallWatch(tools::MainLoop& loop, const tools::KavrelClient& client, t
                        g_variant_new("(@asu)", g_variant_new_strv(RULES, std::size(RULES)), 0U), "()", error);
     if (reply == nullptr) {
         g_dbus_connection_remove_filter(m_monitor.Connection(), m_filter);
-        throw tools::ToolError(tools::EXIT_UNREACHABLE,
-                               std::string("the bus does not let this user see calls: ") + error->message);
+        throw Refusal(error.Get());
     }
     m_monitor.EndWithBus(loop);
 }
@@ -198,11 +187,7 @@ const Caller& CallWatch::CallerOf(const std::string& name) {
     if (known != m_callers.end()) {
         return known->second;
     }
-    Caller caller{name, m_client.ProcessOf(name), {}};
-    if (caller.process) {
-        caller.command = CommandOf(*caller.process);
-    }
-    return m_callers.emplace(name, std::move(caller)).first->second;
+    return m_callers.emplace(name, FindCaller(m_client, name)).first->second;
 }
 
 }  // namespace ctl

@@ -15,22 +15,13 @@
 #include <utility>
 #include <vector>
 
+#include "Caller.h"
 #include "GLibPtr.h"
 #include "KavrelClient.h"
 #include "MainLoop.h"
 #include "Print.h"
 
 namespace ctl {
-
-/** The program that called, as far as the kernel knows the process behind its connection to the bus. */
-struct Caller {
-    /** Unique name on the bus. */
-    std::string name;
-    /** Nothing if the connection had gone before it could be looked up. */
-    std::optional<unsigned> process;
-    /** Program and arguments; empty if the process had gone, or hides them. */
-    std::vector<std::string> command;
-};
 
 /** One method call to the daemon, with its end. */
 struct Call {

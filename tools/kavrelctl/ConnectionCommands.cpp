@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 #include "Errors.h"
 #include "MainLoop.h"
+#include "Routes.h"
 #include "Tool.h"
 
 namespace ctl {
@@ -26,14 +27,25 @@ struct Buds {
     }
 };
 
+/** Accepts any code, and the names that kavrel-tv gives to routes. */
+CLI::Validator RouteOrCode() {
+    const auto check = [](std::string& text) -> std::string {
+        if (const auto code = tv::CodeOfRoute(text)) {
+            text = std::to_string(*code);
+        }
+        return tools::WholeNumber()(text);
+    };
+    return {check, ""};
+}
+
 struct SpeakerGone {
     int type = 0;
     std::string name;
 
     void AddArguments(CLI::App& command) {
-        command.add_option("TYPE", type, "The output's route code, for the log")
+        command.add_option("TYPE", type, "The output's route, for the log: a name or a code")
             ->required()
-            ->transform(tools::WholeNumber());
+            ->transform(RouteOrCode());
         command.add_option("NAME", name, "The output's name, for the log")
             ->required()
             ->transform(tools::Utf8Text());
@@ -77,14 +89,15 @@ void AddConnectionCommands(Tool& tool) {
     tool.Add<Buds>("buds",
                    "Announce that a wireless headset has come or gone\n"
                    "When it has gone, the daemon asks for the previous output, or the default one.\n"
-                   "It sends a signal, which the daemon does not answer. Without a daemon it fails.",
+                   "It sends a signal, which the daemon does not answer. It fails without a daemon,\n"
+                   "or if the bus refuses the signal.",
                    "kavrelctl buds disconnected");
     tool.Add<SpeakerGone>("speaker-gone",
                           "Announce that an output has gone\n"
                           "The daemon then sets the previous output, or the default one, even if another\n"
-                          "output is in use. It sends a signal, which the daemon does not answer. Without a\n"
-                          "daemon it fails.",
-                          "kavrelctl speaker-gone 4 \"Living room\"");
+                          "output is in use. It sends a signal, which the daemon does not answer. It fails\n"
+                          "without a daemon, or if the bus refuses the signal.",
+                          "kavrelctl speaker-gone wifi \"Living room\"");
     tool.Add<Wait>("wait",
                    "Wait until the daemon is on the bus\n"
                    "The exit status is 2 if the daemon does not come within the timeout.",

@@ -128,7 +128,8 @@ void AddGainCommands(Tool& tool) {
                          "kavrelctl gain on-mute 40", &gain);
     tool.Add<Pulse>("pulse",
                     "Ramp the pulse gain of both outputs in ten steps\n"
-                    "It sends a signal, which the daemon does not answer. Without a daemon it fails.",
+                    "It sends a signal, which the daemon does not answer. It fails without a daemon,\n"
+                    "or if the bus refuses the signal.",
                     "kavrelctl pulse 20 1000");
 }
 

@@ -25,7 +25,8 @@ constexpr size_t EVENT_WIDTH = 9;
 class Monitor {
 public:
     /** @throws tools::ToolError if there is no bus, or it does not allow monitoring of calls */
-    Monitor(bool asJson, bool withCalls, tools::Timeout timeout) : m_asJson(asJson), m_client(timeout) {
+    Monitor(bool asJson, bool withCalls, tools::Timeout timeout)
+        : m_asJson(asJson), m_client(timeout, tools::WhenBusy::TRY_AGAIN) {
         m_loop.EndWithReader();
         m_client.OnOwnerChanged([this](const auto& owner) { m_loop.Guard([&] { OnOwnerChanged(owner); }); });
         m_client.OnSignal([this](const auto& sender, const auto& signal, GVariant* body) {

@@ -15,6 +15,9 @@ const char* GetterOf(Property property) {
 }
 
 std::string InWords(Property property, const tools::Reading& reading) {
+    if (property == Property::SUPPORT && reading.status == tools::FAILED_OR_BUSY) {
+        return "unknown: the output's device has not said, or kavreld is busy (-1)";
+    }
     if (reading.status < 0) {
         return tools::StatusInWords(reading.status);
     }

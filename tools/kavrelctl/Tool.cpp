@@ -17,11 +17,13 @@ constexpr const char* FOOTER = R"(Examples:
   kavrelctl monitor --calls
 
 Exit status: 0 done; 1 the daemon refused or failed; 2 no daemon, no bus or no
-answer in time; 64 wrong usage; 130 Ctrl-C ended a wait. kavrelctl never starts
-the daemon.
+answer in time; 64 wrong usage; 75 bus or daemon too busy, try again; 77 the bus
+does not allow it: it needs root or the group audio; 130 Ctrl-C ended a wait.
+kavrelctl tries a busy daemon again for a moment, and never starts it.
 
 Environment: DBUS_SYSTEM_BUS_ADDRESS names another bus than the system's;
-NO_COLOR, if not empty, turns colours off.)";
+KAVREL_TV_DIR, another TV directory than /run/kavrel; NO_COLOR, if not empty,
+turns colours off.)";
 
 constexpr double MOST_SECONDS = 1e6;
 

@@ -33,7 +33,7 @@ public:
     /** The time limit of each call that the user asked for. */
     tools::Timeout Timeout() const;
     /** @throws tools::ToolError if there is no bus, or it does not answer in time */
-    tools::KavrelClient Connect() const { return tools::KavrelClient(Timeout()); }
+    tools::KavrelClient Connect() const { return tools::KavrelClient(Timeout(), tools::WhenBusy::TRY_AGAIN); }
 
 private:
     void AddTimeout(CLI::App& command);
