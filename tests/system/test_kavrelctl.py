@@ -15,7 +15,7 @@ from pathlib import Path
 import pytest
 from gi.repository import Gio, GLib
 
-from harness import NAME, PATIENCE, ROOT, SIGNALS_PATH, TV_SUPPORT, Bus, Process
+from harness import KAVRELD, NAME, PATIENCE, ROOT, SIGNALS_PATH, TV_SUPPORT, Bus, Process
 from terminal import Terminal
 
 KAVRELCTL = os.environ["KAVRELCTL"]
@@ -33,7 +33,7 @@ SHORT_COMMANDS = [
 ]
 HELP_PAGES = [
     [], ["status"], ["support"], ["volume"], ["mute"], ["unmute"], ["fade"], ["gain"], ["gain", "reset"], ["gain", "on-mute"],
-    ["pulse"], ["buds"], ["speaker-gone"], ["wait"], ["monitor"], ["help"],
+    ["pulse"], ["buds"], ["speaker-gone"], ["wait"], ["monitor"], ["report"], ["help"],
 ]
 
 
@@ -1030,6 +1030,92 @@ def test_calls_do_not_show_the_monitors_own(daemon, ctl, client):
     assert [words.split("(")[0] for event, words in events(told) if event == "call"] == ["GetSpeakerMute"]
 
 
+# The report
+
+
+@pytest.fixture
+def programs(scene):
+    """A folder for PATH, and a function that makes a shell script there."""
+    folder = scene.folder / "bin"
+    folder.mkdir()
+
+    def make(name, script):
+        path = folder / name
+        path.write_text(f"#!/bin/sh\n{script}\n")
+        path.chmod(0o755)
+    make.folder = folder
+    return make
+
+
+def parts_of(report):
+    """Splits a report into {heading: its lines}."""
+    first, *parts = report.split("\n\n")
+    assert re.fullmatch(r"Report of kavrelctl, \d{4}-\d\d-\d\dT[\d:.+-]+", first)
+    return {heading: [line.strip() for line in lines] for heading, *lines in (part.splitlines() for part in parts)}
+
+
+def rows_of(lines):
+    return dict(re.split("  +", line, maxsplit=1) for line in lines)
+
+
+def test_report(daemon, tv, ctl, client, programs):
+    programs("systemctl", 'echo "ActiveState=active for $2"')
+    programs("journalctl", 'printf "one %s\\n\\033[31mtwo\\377\\n" "$1"')
+    done = ctl.run("report", PATH=str(programs.folder))
+    assert (done.returncode, done.stderr) == (DONE, "")
+    parts = parts_of(done.stdout)
+    assert list(parts) == ["Versions", "Daemon", "State", "Unit", "Last lines of the log"]
+    versions = rows_of(parts["Versions"])
+    assert versions["kavrelctl"] == ctl("--version").split()[1]
+    assert versions["kavreld"] == f"{versions['kavrelctl']} (the one that runs)"
+    assert re.fullmatch(r"2\.\d+\.\d+", versions["GLib"])
+    assert versions["kernel"] == f"{os.uname().sysname} {os.uname().release} {os.uname().machine}"
+    assert versions["distribution"] == re.search('PRETTY_NAME="(.*)"', Path("/etc/os-release").read_text()).group(1)
+    assert rows_of(parts["Daemon"])["owner of name"] == f"{client.owner()}, pid {daemon.pid}, {KAVRELD}"
+    assert rows_of(parts["State"]) == {"volume": "10", "mute": "off", "support": ALL_WORDS,
+                                       "output": "tv, TV speaker (route 0)"}
+    assert parts["Unit"] == ["ActiveState=active for kavrel.service"]
+    assert parts["Last lines of the log"] == ["one --unit=kavrel", "?[31mtwo?"]
+
+
+def test_report_says_what_is_missing(scene, ctl, programs):
+    done = ctl.run("report", PATH=str(programs.folder))
+    assert (done.returncode, done.stderr) == (DONE, "")
+    parts = parts_of(done.stdout)
+    gone = f"missing: kavreld is not running: nobody on the bus owns {NAME}"
+    assert rows_of(parts["Versions"])["kavreld"] == "missing: there is no program kavreld"
+    assert rows_of(parts["Daemon"])["owner of name"] == gone
+    assert rows_of(parts["State"]) == {"volume": gone, "mute": gone, "support": gone,
+                                       "output": f"missing: no readable route in {scene.tv.path}"}
+    assert parts["Unit"] == ["missing: there is no program systemctl"]
+    assert parts["Last lines of the log"] == ["missing: there is no program journalctl"]
+
+
+def test_report_without_a_bus_and_with_programs_that_fail(scene, ctl, programs):
+    programs("kavreld", "echo kavreld 9.8.7")
+    programs("systemctl", "echo 'no systemd here' >&2; exit 1")
+    programs("journalctl", "exit 3")
+    nobody = f"unix:path={scene.folder}/nobody"
+    done = ctl.run("report", PATH=str(programs.folder), DBUS_SYSTEM_BUS_ADDRESS=nobody)
+    assert (done.returncode, done.stderr) == (DONE, "")
+    parts = parts_of(done.stdout)
+    no_bus = "missing: no system bus: Could not connect: No such file or directory"
+    assert rows_of(parts["Versions"])["kavreld"] == "9.8.7 (the one in PATH)"
+    assert rows_of(parts["Daemon"])["bus"] == nobody
+    assert rows_of(parts["Daemon"])["owner of name"] == rows_of(parts["State"])["volume"] == no_bus
+    assert parts["Unit"] == ["missing: no systemd here"]
+    assert parts["Last lines of the log"] == ["missing: journalctl failed"]
+
+
+def test_report_waits_for_nothing_that_hangs(stopped, ctl, programs):
+    programs("journalctl", "exec /bin/sleep 1000")
+    done = ctl.run("report", "--timeout", "0.5", PATH=str(programs.folder))
+    assert (done.returncode, done.stderr) == (DONE, "")
+    parts = parts_of(done.stdout)
+    assert set(rows_of(parts["State"]).values()) == {"missing: no answer within 0.5 s", "tv, TV speaker (route 0)"}
+    assert parts["Last lines of the log"] == ["missing: journalctl did not end within 0.5 s"]
+
+
 # With and without a terminal
 
 
@@ -1085,9 +1171,10 @@ def test_lines_of_the_monitor_fit_the_terminal(scene, daemon, client, terminal):
     assert len(call) == 80 and call.endswith("...")
 
 
-def test_full_disk_is_not_success(scene, daemon, ctl):
+@pytest.mark.parametrize("command", ["status", "report"])
+def test_full_disk_is_not_success(scene, daemon, ctl, command):
     with open("/dev/full", "w") as full:
-        done = subprocess.run([KAVRELCTL, "status"], env=scene.environment(), stdout=full, stderr=subprocess.PIPE,
+        done = subprocess.run([KAVRELCTL, command], env=scene.environment(), stdout=full, stderr=subprocess.PIPE,
                               text=True, timeout=PATIENCE, check=False)
     assert (done.returncode, done.stderr) == (
         REFUSED, "kavrelctl: cannot write to standard output: No space left on device\n")

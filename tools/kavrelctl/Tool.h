@@ -52,6 +52,7 @@ void AddPropertyCommands(Tool& tool);
 void AddGainCommands(Tool& tool);
 void AddConnectionCommands(Tool& tool);
 void AddMonitorCommand(Tool& tool);
+void AddReportCommand(Tool& tool);
 
 }  // namespace ctl
 

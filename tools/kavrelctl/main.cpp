@@ -8,5 +8,6 @@ int main(int argc, char** argv) {
     ctl::AddGainCommands(tool);
     ctl::AddConnectionCommands(tool);
     ctl::AddMonitorCommand(tool);
+    ctl::AddReportCommand(tool);
     return tool.Run(argc, argv);
 }
