@@ -6,16 +6,18 @@ import itertools
 import re
 import shutil
 import signal
+import subprocess
 import time
 import xml.etree.ElementTree
 
 import pytest
 
 from harness import PATIENCE, ROOT, FolderWatch
-from kavrel_tv import KavrelTv, refused
+from kavrel_tv import KAVREL_TV, KavrelTv, refused
 
 SCENARIOS = sorted((ROOT / "scenarios").glob("*.txt"))
-HEADER = ["seconds", "main_gain", "sub_gain", "volume", "mute", "event"]
+HEADER = ["seconds", "main_gain", "sub_gain", "volume", "mute", "output", "output_level", "output_mute", "event"]
+OLD_HEADER = HEADER[:5] + HEADER[-1:]
 MIRRORING = "settings/memory/menu/network/screenmirroring"
 FULL_FADE = list(range(0, 101, 5))
 
@@ -281,7 +283,7 @@ def recording(tool, scene, client, tmp_path):
     assert client.set_mute(False) == 0
     wait_until_recorded(path, lambda rows: rows[-1][1:3] == ["100", "100"] and any(row[1] != "100" for row in rows))
     tool("route", "hdmi")
-    wait_until_recorded(path, lambda rows: any(row[5] == "route hdmi" for row in rows))
+    wait_until_recorded(path, lambda rows: any(row[-1] == "route hdmi" for row in rows))
     status, complaints = running.end(signal.SIGINT)
     assert (status, complaints) == (0, ["kavrel-tv: recording until Ctrl-C"])
     assert running.said(f"{len(rows_of(path))} lines in ")
@@ -292,12 +294,12 @@ def test_a_recorded_fade_rises_without_a_step_back(recording):
     rows = rows_of(recording)
     times = [float(row[0]) for row in rows]
     assert times == sorted(times)
-    assert rows[0][1:] == ["100", "100", "10", "0", "start"] and rows[-1][5] == "end"
+    assert rows[0] == ["0.000000", "100", "100", "10", "0", "tv", "10", "0", "start"] and rows[-1][-1] == "end"
     gains = [int(row[1]) for row in rows]
     rise = gains[gains.index(min(gains)):]
     assert rise == sorted(rise) and set(rise) <= set(FULL_FADE) and rise[-1] == 100
     assert [row[4] for row in rows if row[4] == "1"]
-    assert "route hdmi" in [row[5] for row in rows]
+    assert "route hdmi" in [row[-1] for row in rows]
 
 
 def test_what_else_happens_is_recorded_by_its_name(tool, tv, tmp_path):
@@ -308,9 +310,35 @@ def test_what_else_happens_is_recorded_by_its_name(tool, tv, tmp_path):
                            ("popup on", "events/FadeInPopup "), ("popup off", "events/FadeInPopup removed"),
                            ("zones none", "zone 2 removed"), ("cable out", "settings/memory/sysman/spdif 0")):
         tool(*command.split())
-        wait_until_recorded(path, lambda rows, event=event: any(row[5].startswith(event) for row in rows))
+        wait_until_recorded(path, lambda rows, event=event: any(row[-1].startswith(event) for row in rows))
     assert running.end() == (0, ["kavrel-tv: recording until Ctrl-C"])
-    assert not any("." in row[5] for row in rows_of(path))
+    assert not any("." in row[-1] for row in rows_of(path))
+
+
+def test_the_output_in_use_is_recorded_with_its_level_and_mute(tool, tv, tmp_path):
+    path = tmp_path / "outputs.csv"
+    running = tool.start("record", str(path))
+    running.wait_for_complaint("recording until Ctrl-C")
+    level, mute = f"{MIRRORING}/get_volume_level_hdmi", f"{MIRRORING}/get_volume_mute_hdmi"
+
+    def is_recorded_after(change, *cells):
+        change()
+        wait_until_recorded(path, lambda rows: rows[-1][5:8] == list(cells))
+
+    is_recorded_after(lambda: tool("volume", "30"), "tv", "30", "0")
+    is_recorded_after(lambda: tool("mute", "on"), "tv", "30", "1")
+    is_recorded_after(lambda: tool("route", "hdmi"), "hdmi", "10", "0")
+    is_recorded_after(lambda: tool("key", level.removeprefix("settings/"), "55"), "hdmi", "55", "0")
+    is_recorded_after(lambda: tool("key", mute.removeprefix("settings/"), "1"), "hdmi", "55", "1")
+    is_recorded_after(lambda: tool("route", "other-7"), "other-7", "", "")
+    is_recorded_after(lambda: tv.echo(99, "sound/route"), "99", "", "")
+    for command in ("zones 1,2", "zone-route 2 usb", "focus 2"):
+        tool(*command.split())
+    is_recorded_after(lambda: tool("multiview", "on"), "usb", "10", "0")
+    is_recorded_after(lambda: tv.echo("loud", "settings/db/usbsound/volume_level"), "usb", "", "0")
+    assert running.end() == (0, ["kavrel-tv: recording until Ctrl-C"])
+    events = [row[-1] for row in rows_of(path)]
+    assert not any("hdmi level" in event or "hdmi mute" in event for event in events)  # they have columns
 
 
 def test_a_plot_is_one_picture_with_axes_units_legend_and_marks(tool, recording, tmp_path):
@@ -318,17 +346,133 @@ def test_a_plot_is_one_picture_with_axes_units_legend_and_marks(tool, recording,
     tool("plot", str(recording), str(picture))
     text = picture.read_text()
     xml.etree.ElementTree.fromstring(text)
-    for words in ("gain (%)", "time (s)", "volume", "muted", "main output gain", "sub output gain", "route hdmi", "fade.csv"):
-        assert words in text
+    for words in ("gain (%)", "time (s)", "volume", "main output gain", "sub output gain", "TV volume", "TV muted",
+                  "output level", "output in use", "output muted", "tv", "hdmi", "route hdmi", "fade.csv"):
+        assert f">{words}<" in text or (words == "fade.csv" and words in text), words
     assert "<image" not in text and "href=\"http" not in text
+    rows = rows_of(recording)
+    assert boxes_in(picture, TV_MUTED) == pytest.approx(in_parts(rows, 4, "1"), abs=0.001)
+
+
+# Fill colour and opacity of the boxes
+TV_MUTED, USED, OUTPUT_MUTED = ("192,32,32", "0.25"), ("96,128,160", "0.5"), ("192,32,32", "0.8")
+
+
+def polygons(picture, kind):
+    """Returns (left, right, top, bottom) of each box of a kind, from left to right, without the one in the legend."""
+    found = []
+    for polygon in xml.etree.ElementTree.parse(picture).iter("{http://www.w3.org/2000/svg}polygon"):
+        colour = polygon.get("fill").removeprefix("rgb(").removesuffix(")").replace(" ", "")
+        if (colour, polygon.get("fill-opacity").rstrip("0")) == kind:
+            across, down = zip(*(map(float, point.split(",")) for point in polygon.get("points").split()))
+            found.append((min(across), max(across), min(down), max(down)))
+    return sorted(found[1:])
+
+
+def boxes_in(picture, kind):
+    """Returns begin and end of each box of a kind, in turn, as parts of the time in which any output was in use."""
+    used = polygons(picture, USED)
+    first, last = min(box[0] for box in used), max(box[1] for box in used)
+    return [(side - first) / (last - first) for box in polygons(picture, kind) for side in box[:2]]
+
+
+def in_parts(rows, column, cell):
+    """Returns begin and end of each time in which a column has a cell, in turn, as parts of the recorded time."""
+    first, last = float(rows[0][0]), float(rows[-1][0])
+    sides = []
+    for row in rows:
+        if (row[column] == cell) != (len(sides) % 2 == 1):
+            sides.append((float(row[0]) - first) / (last - first))
+    return sides + [1.0] * (len(sides) % 2)
+
+
+def test_a_plot_shows_all_of_the_time_that_tv_and_output_were_muted_and_in_use(scene, tmp_path):
+    rows = [row.split(",") for row in (
+        "0,100,100,10,0,tv,10,0,start", "2,100,100,10,1,tv,10,1,", "3,0,0,10,1,tv,10,1,", "4.5,0,0,10,0,tv,10,0,",
+        "5,0,0,10,,hdmi,55,0,route hdmi", "6,0,0,10,0,hdmi,55,1,", "7,0,0,10,0,hdmi,55,0,", "8,0,0,10,1,hdmi,55,0,",
+        "8.5,0,0,10,0,tv,10,0,route tv", "9,0,0,10,1,99,,,", "10,0,0,10,1,99,,,end")]
+    table = "".join(",".join(row) + "\n" for row in [HEADER, *rows])
+    (tmp_path / "some.csv").write_text(table)
+    KavrelTv(scene)("plot", str(tmp_path / "some.csv"), str(tmp_path / "some.svg"))
+    picture = tmp_path / "some.svg"
+    assert boxes_in(picture, TV_MUTED) == pytest.approx([0.2, 0.45, 0.8, 0.85, 0.9, 1], abs=0.001)
+    assert boxes_in(picture, TV_MUTED) == pytest.approx(in_parts(rows, 4, "1"), abs=0.001)
+    assert boxes_in(picture, USED) == pytest.approx([0, 0.5, 0.5, 0.85, 0.85, 0.9, 0.9, 1], abs=0.001)
+    assert boxes_in(picture, OUTPUT_MUTED) == pytest.approx([0.2, 0.45, 0.6, 0.7], abs=0.001)
+    assert len({(top, bottom) for _, _, top, bottom in polygons(picture, USED)}) == 3  # a row for each output
+    assert {">tv<", ">hdmi<", ">99<"} <= set(re.findall(">[^<>]+<", picture.read_text()))
+
+
+def test_an_old_recording_is_drawn_without_what_it_lacks(scene, tmp_path):
+    (tmp_path / "old.csv").write_text(",".join(OLD_HEADER) + "\n0,100,100,10,0,start\n1,100,,10,1,\n2,100,,10,1,end\n")
+    KavrelTv(scene)("plot", str(tmp_path / "old.csv"), str(tmp_path / "old.svg"))
+    text = (tmp_path / "old.svg").read_text()
+    for words in ("main output gain", "sub output gain", "TV volume", "TV muted"):
+        assert f">{words}<" in text
+    assert polygons(tmp_path / "old.svg", USED) == [] and len(polygons(tmp_path / "old.svg", TV_MUTED)) == 1
+    assert ">output" not in text
+
+
+def test_a_recording_is_read_by_the_names_of_its_columns(scene, tmp_path):
+    (tmp_path / "odd.csv").write_text("seconds,mute,colour,event\n0,1,red,start\n4,0,,\n5,,,end\n")
+    KavrelTv(scene)("plot", str(tmp_path / "odd.csv"), str(tmp_path / "odd.svg"))
+    assert len(polygons(tmp_path / "odd.svg", TV_MUTED)) == 1
+    assert ">main output gain<" not in (tmp_path / "odd.svg").read_text()
+
+
+# --- The picture's type
+
+PNG_SIGNATURE = b"\x89PNG\r\n\x1a\n"
+
+
+@pytest.fixture
+def plotted(scene, tmp_path):
+    """Returns a function that draws a recording with these arguments and returns the finished process, with bytes."""
+    (tmp_path / "some.csv").write_text(",".join(HEADER) + "\n0,100,100,10,0,tv,10,0,start\n1,0,0,10,0,tv,10,0,end\n")
+
+    def run(*arguments):
+        return subprocess.run([KAVREL_TV, "plot", "some.csv", *arguments], cwd=tmp_path, capture_output=True,
+                              env=KavrelTv(scene).environment(), timeout=PATIENCE, check=False)
+    return run
+
+
+def test_the_type_of_a_picture_follows_its_name(plotted, tmp_path):
+    assert plotted("some.svg").stdout == b"2 lines drawn in some.svg\n"
+    assert (tmp_path / "some.svg").read_bytes().startswith(b"<?xml")
+    assert plotted("some.png", "--format", "png").stdout == b"2 lines drawn in some.png\n"
+    assert (tmp_path / "some.png").read_bytes().startswith(PNG_SIGNATURE)
+
+
+@pytest.mark.parametrize("options, begin, end", [([], b"<?xml", b"</svg>\n\n"), (["--format", "svg"], b"<?xml", b"</svg>\n\n"),
+                                                 (["--format", "png"], PNG_SIGNATURE, b"IEND\xaeB`\x82")])
+def test_standard_output_gets_the_picture_alone(plotted, options, begin, end):
+    done = plotted("-", *options)
+    assert (done.returncode, done.stderr) == (0, b"")
+    assert done.stdout.startswith(begin) and done.stdout.endswith(end)
+
+
+@pytest.mark.parametrize("arguments, message", [
+    (["some.pdf"], 'PICTURE: "some.pdf" is not FILE.svg, FILE.png or -'),
+    (["svg"], 'PICTURE: "svg" is not FILE.svg, FILE.png or -'),
+    (["some.svg.gz"], 'PICTURE: "some.svg.gz" is not FILE.svg, FILE.png or -'),
+    (["some.svg", "--format", "png"], '--format differs from the type of "some.svg"'),
+    (["-", "--format", "pdf"], '--format: "pdf" is not one of svg, png'),
+])
+def test_other_types_of_pictures_are_refused_before_any_work(plotted, tmp_path, arguments, message):
+    (tmp_path / "some.csv").unlink()  # which would be the error of any work
+    done = plotted(*arguments)
+    assert (done.returncode, done.stdout) == (64, b"")
+    assert done.stderr.decode() == f"kavrel-tv: {message}; see kavrel-tv plot --help\n"
+    assert list(tmp_path.glob("some*")) == []
 
 
 @pytest.mark.parametrize("text, message", [
     ("", "this is not a recording of kavrel-tv record"), ("a,b\n", "this is not a recording of kavrel-tv record"),
     (",".join(HEADER) + "\n", "the recording is empty"),
-    (",".join(HEADER) + "\n0.0,1,2\n", "a time, four values and an event were expected"),
-    (",".join(HEADER) + "\n0.0,1,2,x,0,\n", "a time, four values and an event were expected"),
-    (",".join(HEADER) + "\n1.0,1,2,3,0,\n0.5,1,2,3,0,\n", "the time is earlier than on the line before"),
+    (",".join(HEADER) + "\n0.0,1,2\n", "a time, 7 values and an event were expected"),
+    (",".join(HEADER) + "\n0.0,1,2,3,0,hdmy,1,0,\n", "a time, 7 values and an event were expected"),
+    (",".join(OLD_HEADER) + "\n0.0,1,2,x,0,\n", "a time, 4 values and an event were expected"),
+    (",".join(OLD_HEADER) + "\n1.0,1,2,3,0,\n0.5,1,2,3,0,\n", "the time is earlier than on the line before"),
 ])
 def test_what_is_no_recording_is_refused_with_its_line(scene, tmp_path, text, message):
     (tmp_path / "some.csv").write_text(text)
@@ -339,7 +483,7 @@ def test_what_is_no_recording_is_refused_with_its_line(scene, tmp_path, text, me
 
 def test_hostile_event_texts_reach_neither_gnuplot_nor_the_csv_s_form(scene, tmp_path):
     event = "it's `touch {0}/owned` \\\" $x @y \\n <b>&amp;".format(tmp_path)
-    (tmp_path / "odd.csv").write_text(",".join(HEADER) + f"\n0.0,100,100,10,0,start\n0.5,100,,10,1,{event}\n1.0,0,0,0,0,end\n")
+    (tmp_path / "odd.csv").write_text(",".join(OLD_HEADER) + f"\n0.0,100,100,10,0,start\n0.5,100,,10,1,{event}\n1.0,0,0,0,0,end\n")
     KavrelTv(scene)("plot", str(tmp_path / "odd.csv"), str(tmp_path / "odd.svg"))
     xml.etree.ElementTree.parse(tmp_path / "odd.svg")
     assert not (tmp_path / "owned").exists()
@@ -349,7 +493,7 @@ def test_hostile_event_texts_reach_neither_gnuplot_nor_the_csv_s_form(scene, tmp
 def plot(scene, tmp_path):
     """Returns a function that runs plot with only tmp_path/bin in PATH and with an installer of the given lines."""
     def run(installer):
-        (tmp_path / "some.csv").write_text(",".join(HEADER) + "\n0.0,100,100,10,0,start\n")
+        (tmp_path / "some.csv").write_text(",".join(OLD_HEADER) + "\n0.0,100,100,10,0,start\n")
         script = tmp_path / "installer"
         script.write_text(f"#!/bin/sh\n{installer}\n")
         script.chmod(0o755)

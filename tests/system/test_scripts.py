@@ -216,6 +216,7 @@ def complete(tmp_path):
     ("kavrel-tv show --", "--help --json"), ("kavrel-tv emulator ", "bt tv"), ("kavrel-tv volume ", ""),
     ("kavrel-tv devices --d", "--deaf --delay --double"), ("kavrel-tv devices --seed 5 --d", "--deaf --delay --double"),
     ("kavrel-tv devices --seed ", ""), ("kavrel-tv play fea", "features"), ("kavrel-tv plot a.csv s", "settings sound"),
+    ("kavrel-tv plot --format ", "png svg"),
 ])
 def test_completion(complete, line, offered):
     assert sorted(complete(*line.split(" "))) == sorted(offered.split())

@@ -15,6 +15,7 @@ struct GLibRelease {
     void operator()(char* text) const { g_free(text); }
     void operator()(char** texts) const { g_strfreev(texts); }
     void operator()(GVariant* variant) const { g_variant_unref(variant); }
+    void operator()(GBytes* bytes) const { g_bytes_unref(bytes); }
     void operator()(GError* error) const { g_error_free(error); }
     /** Removes the source from its context, too: its callback is not called again. */
     void operator()(GSource* source) const {

@@ -52,7 +52,7 @@ _kavrel_complete() {
     esac
     case $name in
         DIR) mapfile -t COMPREPLY < <(compgen -d -- "${current#=}") ;;
-        FILE*) mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
+        FILE* | PICTURE) mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
         *) mapfile -t COMPREPLY < <(compgen -W "${words//|/ }" -- "$current") ;;
     esac
 }

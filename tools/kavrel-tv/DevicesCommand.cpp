@@ -14,6 +14,7 @@
 #include <random>
 #include <string>
 #include <string_view>
+#include <tuple>
 
 #include "Commands.h"
 #include "DirectoryWatch.h"
@@ -246,19 +247,29 @@ private:
         return std::min((possible + step / 2) / step, HIGHEST_LEVEL / step) * step;
     }
 
-    /** Publishes all three values: those asked for, as far as the device can do them, and the present others. */
+    /**
+     * Publishes all three values: those asked for, as far as the device can do them, and the present others. Without
+     * a request it writes only what is not there yet, since another program may write the values meanwhile.
+     */
     void Publish(const DeviceKind& kind, const Request& request, const std::string& verb) {
-        const auto present = [](const host::Value& setting, int otherwise) {
-            const Integer integer = ReadInteger(setting);
+        const auto present = [](const Integer& integer, int otherwise) {
             return integer ? integer.value : otherwise;
         };
-        const int support = m_behaviour.support.value_or(present(kind.support, EVERYTHING));
-        const int level = Rounded(request.level.value_or(present(kind.level, FIRST_LEVEL)));
-        const int mute = request.mute ? static_cast<int>(*request.mute != 0) : present(kind.mute, 0);
+        const bool isAnswer = request.level || request.mute;
+        const Integer oldSupport = ReadInteger(kind.support);
+        const Integer oldLevel = ReadInteger(kind.level);
+        const Integer oldMute = ReadInteger(kind.mute);
+        const int support = m_behaviour.support.value_or(present(oldSupport, EVERYTHING));
+        const int level = Rounded(request.level.value_or(present(oldLevel, FIRST_LEVEL)));
+        const int mute = request.mute ? static_cast<int>(*request.mute != 0) : present(oldMute, 0);
 
         // The support word first: a program that is notified of the level asks for it.
-        for (const auto& [setting, number] :
-             {std::pair(&kind.support, support), {&kind.level, level}, {&kind.mute, mute}}) {
+        for (const auto& [setting, old, number] : {std::tuple(&kind.support, oldSupport, support),
+                                                   {&kind.level, oldLevel, level},
+                                                   {&kind.mute, oldMute, mute}}) {
+            if (!isAnswer && old && old.value == number) {
+                continue;
+            }
             if (const host::Error error = host::Write(*setting, std::to_string(number))) {
                 tools::Complain(error.text);
                 return;

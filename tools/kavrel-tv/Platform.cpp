@@ -78,6 +78,11 @@ const DeviceKind* OutputInUse::Device() const {
     return known != nullptr ? known->device : nullptr;
 }
 
+std::optional<VolumeValues> OutputInUse::Volume() const {
+    const Route* known = route ? FindRoute(route.value) : nullptr;
+    return known != nullptr ? VolumeOf(*known) : std::nullopt;
+}
+
 Integer ReadInteger(const host::Value& value) {
     Integer integer;
     integer.error = host::Read(value, integer.value).number;

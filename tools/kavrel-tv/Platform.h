@@ -48,6 +48,8 @@ struct OutputInUse {
 
     /** @return null for an output that is not external */
     const DeviceKind* Device() const;
+    /** @return nothing for an output without volume control */
+    std::optional<VolumeValues> Volume() const;
 };
 
 OutputInUse ReadOutput();

@@ -34,7 +34,7 @@ using std::chrono::milliseconds;
 
 constexpr std::chrono::seconds ANSWER_TIMEOUT(5);
 constexpr Seconds BETWEEN_CALLS(0.2);
-constexpr Seconds FIRST_WINDOW(0.3);
+constexpr Seconds FIRST_WINDOW(0.1);
 constexpr int LOUDEST_CHANGE = 9;  // of the volumes that a change tries
 constexpr int MOST_PENDING = 1000;
 constexpr int FULL_GAIN = 100;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <fstream>
+#include <map>
 #include <optional>
 #include <string>
 
@@ -21,6 +22,70 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+decltype(Sample::values) ReadValues() {
+    const auto number = [](const Integer& integer) {
+        return integer ? std::optional(integer.value) : std::nullopt;
+    };
+    const auto read = [&](const host::Value& value) {
+        return number(ReadInteger({value.path, host::ANY_INTEGER}));
+    };
+    const OutputInUse output = ReadOutput();
+    const auto volume = output.Volume();
+    return {read(host::MAIN_OUT_GAIN),
+            read(host::SUB_OUT_GAIN),
+            read(host::MASTER_VOLUME),
+            read(host::MASTER_MUTE),
+            number(output.route),
+            volume ? read(volume->level) : std::nullopt,
+            volume ? read(volume->mute) : std::nullopt};
+}
+
+/** Whether the value at the path has a column of its own, at the moment. */
+bool HasColumn(const std::string& path) {
+    const auto volume = ReadOutput().Volume();
+    return path == host::MAIN_OUT_GAIN.path || path == host::SUB_OUT_GAIN.path ||
+           path == host::MASTER_VOLUME.path || path == host::MASTER_MUTE.path ||
+           (volume && (path == volume->level.path || path == volume->mute.path));
+}
+
+std::map<std::string, std::string> NamesOfPaths() {
+    std::map<std::string, std::string> names = {{host::ROUTE.path, "route"},
+                                                {host::FOCUS.path, "focus"},
+                                                {host::LEVEL_REQUEST.path, "level request"},
+                                                {host::MUTE_REQUEST.path, "mute request"}};
+    for (const DeviceKind& kind : DeviceKinds()) {
+        const std::string name(kind.name);
+        names[kind.support.path] = name + " support";
+        names[kind.level.path] = name + " level";
+        names[kind.mute.path] = name + " mute";
+    }
+    return names;
+}
+
+/** The verb that changes the value, "zone 2 route" for a zone's route, "hdmi level" for a device's level, and else
+ *  the path. */
+std::string NameOf(const std::string& path) {
+    static const std::string ZONES = std::string(host::ZONES) + "/";
+    static const auto NAMES = NamesOfPaths();
+    if (const auto named = NAMES.find(path); named != NAMES.end()) {
+        return named->second;
+    }
+    if (!path.starts_with(ZONES)) {
+        return path;
+    }
+    std::string name = "zone " + path.substr(ZONES.size());
+    std::replace(name.begin(), name.end(), '/', ' ');
+    return name;
+}
+
+std::string ValueOf(const std::string& path) {
+    if (const Integer route = ReadInteger({path, host::ANY_INTEGER}); route && path.ends_with("/route")) {
+        return std::string(NameOfRoute(route.value));
+    }
+    std::string text;
+    return host::Read({path, host::TEXT}, text) ? "unreadable" : text;
+}
+
 /** Writes a line for each change on the open TV, at once. */
 class Recorder {
 public:
@@ -30,16 +95,12 @@ public:
           m_watch(loop, directory,
                   [this](DirectoryWatch::Event event, const std::string& path) { On(event, path); }) {
         Write(RecordingHeader());
-        Record("start");
+        Record("start", m_start);
     }
 
     /** Writes a line, unless there is neither an event nor a change of the values. */
-    void Record(const std::string& event) {
-        Sample sample{std::chrono::duration<double>(Clock::now() - m_start).count(), {}, event};
-        for (std::size_t i = 0; i < COLUMNS.size(); ++i) {
-            const Integer value = ReadInteger({COLUMNS[i].value.path, host::ANY_INTEGER});
-            sample.values[i] = value ? std::optional(value.value) : std::nullopt;
-        }
+    void Record(const std::string& event, Clock::time_point time = Clock::now()) {
+        const Sample sample{std::chrono::duration<double>(time - m_start).count(), ReadValues(), event};
         if (event.empty() && sample.values == m_last) {
             return;
         }
@@ -55,37 +116,9 @@ private:
         if (event == DirectoryWatch::Event::LOST) {
             Record("notifications lost");
         } else if (!path.empty()) {
-            const bool isColumn = std::any_of(COLUMNS.begin(), COLUMNS.end(), [&](const Column& column) {
-                return path == column.value.path;
-            });
             const bool isRemoved = event == DirectoryWatch::Event::REMOVED;
-            Record(isColumn ? "" : NameOf(path) + " " + (isRemoved ? "removed" : ValueOf(path)));
+            Record(HasColumn(path) ? "" : NameOf(path) + " " + (isRemoved ? "removed" : ValueOf(path)));
         }
-    }
-
-    /** The verb that changes the value, "zone 2 route" for a zone's route, and else the path. */
-    static std::string NameOf(const std::string& path) {
-        static const std::string ZONES = std::string(host::ZONES) + "/";
-        if (path == host::ROUTE.path) {
-            return "route";
-        }
-        if (path == host::FOCUS.path) {
-            return "focus";
-        }
-        if (!path.starts_with(ZONES)) {
-            return path;
-        }
-        std::string name = "zone " + path.substr(ZONES.size());
-        std::replace(name.begin(), name.end(), '/', ' ');
-        return name;
-    }
-
-    static std::string ValueOf(const std::string& path) {
-        if (const Integer route = ReadInteger({path, host::ANY_INTEGER}); route && path.ends_with("/route")) {
-            return std::string(NameOfRoute(route.value));
-        }
-        std::string text;
-        return host::Read({path, host::TEXT}, text) ? "unreadable" : text;
     }
 
     void Write(const std::string& text) {
@@ -136,12 +169,20 @@ struct RecordCommand {
 }  // namespace
 
 void AddRecord(tools::CommandLine& line, const std::string& directory) {
-    AddCommand<RecordCommand>(line, directory,
-                              {"record",
-                               "Record gains, volume and mute over time\n\n"
-                               "The recording has comma-separated values, a line for each change: seconds,\n"
-                               "main_gain, sub_gain, volume, mute, event.",
-                               "kavrel-tv record --seconds 5 fade.csv"});
+    AddCommand<RecordCommand>(
+        line, directory,
+        {"record",
+         "Record gains, volume, mute and the output over time\n\n"
+         "The recording has comma-separated values, a line for each change and event:\n"
+         "  seconds                     since the recording began\n"
+         "  main_gain, sub_gain         of the outputs of the audio hardware, in percent\n"
+         "  volume, mute                the TV's master volume, and mute: 1 on, 0 off\n"
+         "  output                      the output in use, by the name of its route\n"
+         "  output_level, output_mute   its own volume and mute; those of the TV for an\n"
+         "                              output that is not external\n"
+         "  event                       what else changed; start, end\n"
+         "A cell is empty if its value cannot be read, or the output has no volume.",
+         "kavrel-tv record --seconds 5 fade.csv"});
 }
 
 }  // namespace tv

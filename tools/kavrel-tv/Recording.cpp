@@ -8,33 +8,56 @@
 #include "CommandLine.h"
 #include "Errors.h"
 #include "Print.h"
+#include "Routes.h"
 
 namespace tv {
 
 namespace {
 
-/** Takes the text up to the next comma off, and the comma. */
-std::string_view TakeCell(std::string_view& row) {
-    const std::string_view cell = row.substr(0, row.find(','));
-    row.remove_prefix(std::min(cell.size() + 1, row.size()));
-    return cell;
+using Cells = std::vector<std::string>;
+
+Cells Split(std::string row) {
+    Cells cells;
+    row += ',';
+    for (std::size_t begin = 0; begin < row.size();) {
+        const std::size_t comma = row.find(',', begin);
+        cells.push_back(row.substr(begin, comma - begin));
+        begin = comma + 1;
+    }
+    return cells;
 }
 
-bool ReadSample(std::string_view row, Sample& sample) {
-    const auto commas = std::count(row.begin(), row.end(), ',');
-    const auto seconds = tools::Parsed<double>(TakeCell(row));
-    if (commas != static_cast<std::ptrdiff_t>(COLUMNS.size()) + 1 || !seconds || !std::isfinite(*seconds)) {
+bool IsHeader(const Cells& cells) {
+    return cells.size() > 2 && cells.front() == "seconds" && cells.back() == "event";
+}
+
+std::string ToCell(Column column, int value) {
+    return column == OUTPUT ? NameOrCodeOfRoute(value) : std::to_string(value);
+}
+
+std::optional<int> FromCell(Column column, const std::string& cell) {
+    const auto route = column == OUTPUT ? CodeOfRoute(cell) : std::nullopt;
+    return route ? route : tools::Parsed<int>(cell);
+}
+
+bool ReadSample(const Cells& header, const Cells& cells, Sample& sample) {
+    const auto seconds = tools::Parsed<double>(cells.front());
+    if (cells.size() != header.size() || !seconds || !std::isfinite(*seconds)) {
         return false;
     }
     sample.seconds = *seconds;
-    for (auto& value : sample.values) {
-        const std::string_view cell = TakeCell(row);
-        value = tools::Parsed<int>(cell);
-        if (!value && !cell.empty()) {
+    sample.event = cells.back();
+    for (std::size_t i = 1; i + 1 < cells.size(); ++i) {
+        const auto* const name = std::find(COLUMN_NAMES.begin(), COLUMN_NAMES.end(), header[i]);
+        if (name == COLUMN_NAMES.end() || cells[i].empty()) {
+            continue;
+        }
+        const auto column = static_cast<Column>(name - COLUMN_NAMES.begin());
+        sample.values[column] = FromCell(column, cells[i]);
+        if (!sample.values[column]) {
             return false;
         }
     }
-    sample.event = row;
     return true;
 }
 
@@ -42,17 +65,17 @@ bool ReadSample(std::string_view row, Sample& sample) {
 
 std::string RecordingHeader() {
     std::string line = "seconds";
-    for (const Column& column : COLUMNS) {
-        line += std::string(",") + column.name;
+    for (const char* name : COLUMN_NAMES) {
+        line += std::string(",") + name;
     }
     return line + ",event\n";
 }
 
 std::string ToLine(const Sample& sample) {
     std::string line = tools::Formatted("%.6f", sample.seconds);
-    for (const auto& value : sample.values) {
+    for (std::size_t i = 0; i < sample.values.size(); ++i) {
         line += ",";
-        line += value ? std::to_string(*value) : "";
+        line += sample.values[i] ? ToCell(static_cast<Column>(i), *sample.values[i]) : "";
     }
     std::string event = sample.event;
     std::replace_if(
@@ -64,6 +87,7 @@ std::string ToLine(const Sample& sample) {
 
 std::vector<Sample> ParseRecording(const std::string& name, std::string_view text) {
     std::vector<Sample> samples;
+    Cells header;
     int line = 0;
     const auto require = [&](bool isMet, const std::string& failure) {
         if (!isMet) {
@@ -74,11 +98,13 @@ std::vector<Sample> ParseRecording(const std::string& name, std::string_view tex
         const std::string row(text.substr(0, text.find('\n')));
         text.remove_prefix(std::min(row.size() + 1, text.size()));
         if (line == 1) {
-            require(row + "\n" == RecordingHeader(), "this is not a recording of kavrel-tv record");
+            header = Split(row);
+            require(IsHeader(header), "this is not a recording of kavrel-tv record");
             continue;
         }
         Sample sample;
-        require(ReadSample(row, sample), "a time, four values and an event were expected");
+        require(ReadSample(header, Split(row), sample),
+                "a time, " + std::to_string(header.size() - 2) + " values and an event were expected");
         require(samples.empty() || sample.seconds >= samples.back().seconds,
                 "the time is earlier than on the line before");
         samples.push_back(sample);

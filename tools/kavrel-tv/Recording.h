@@ -4,15 +4,14 @@
  * A recording, which record writes and plot reads: a text of comma-separated values, a line for each change of
  * a value and for each event. A value that cannot be read is an empty cell.
  *
- *     seconds,main_gain,sub_gain,volume,mute,event
- *     0.000000,100,100,10,0,start
+ *     seconds,main_gain,sub_gain,volume,mute,output,output_level,output_mute,event
+ *     0.000000,100,100,10,0,tv,10,0,start
  *
  * The last cell is the event, without commas, quotes and line breaks; it is empty for a change of a value alone.
+ * docs/kavrel-tv.md describes each column.
  */
 #ifndef KAVREL_TV_RECORDING_H
 #define KAVREL_TV_RECORDING_H
-
-#include <items.h>
 
 #include <array>
 #include <optional>
@@ -22,27 +21,22 @@
 
 namespace tv {
 
-struct Column {
-    const char* name;
-    host::NamedValue value;
-};
-inline constexpr std::array<Column, 4> COLUMNS = {{
-    {"main_gain", host::MAIN_OUT_GAIN},
-    {"sub_gain", host::SUB_OUT_GAIN},
-    {"volume", host::MASTER_VOLUME},
-    {"mute", host::MASTER_MUTE},
-}};
+/** The columns between the time and the event, in their order. */
+enum Column : std::size_t { MAIN_GAIN, SUB_GAIN, VOLUME, MUTE, OUTPUT, OUTPUT_LEVEL, OUTPUT_MUTE };
+inline constexpr std::array COLUMN_NAMES = {"main_gain", "sub_gain",     "volume",     "mute",
+                                            "output",    "output_level", "output_mute"};
 
 struct Sample {
-    double seconds = 0;  // since the recording began
-    std::array<std::optional<int>, COLUMNS.size()> values;
+    double seconds = 0;                                          // since the recording began
+    std::array<std::optional<int>, COLUMN_NAMES.size()> values;  // by Column; OUTPUT is a route
     std::string event;
 };
 
 std::string RecordingHeader();
 /** @return the line, with its line break */
 std::string ToLine(const Sample& sample);
-/** @return at least one sample
+/** Takes the columns in any order, leaves missing ones empty, and ignores others.
+ *  @return at least one sample
  *  @throws tools::ToolError with the line, for a text that is not a recording */
 std::vector<Sample> ParseRecording(const std::string& name, std::string_view text);
 

@@ -102,6 +102,11 @@ std::string_view NameOfRoute(int code) {
     return route != nullptr ? route->name : "unknown";
 }
 
+std::string NameOrCodeOfRoute(int code) {
+    const Route* route = FindRoute(code);
+    return route != nullptr ? std::string(route->name) : std::to_string(code);
+}
+
 std::optional<int> CodeOfRoute(std::string_view name) {
     const auto* const named = std::find_if(ROUTES.begin(), ROUTES.end(), [name](const Route& route) {
         return tools::IsSameWord(route.name, name);
@@ -109,11 +114,12 @@ std::optional<int> CodeOfRoute(std::string_view name) {
     return named != ROUTES.end() ? std::optional(named->code) : std::nullopt;
 }
 
-std::optional<Volume> VolumeOf(const Route& route) {
+std::optional<VolumeValues> VolumeOf(const Route& route) {
     if (route.device != nullptr) {
-        return Volume{route.device->level, route.device->mute};
+        return VolumeValues{route.device->level, route.device->mute};
     }
-    return route.hasVolume ? std::optional<Volume>({host::MASTER_VOLUME, host::MASTER_MUTE}) : std::nullopt;
+    return route.hasVolume ? std::optional<VolumeValues>({host::MASTER_VOLUME, host::MASTER_MUTE})
+                           : std::nullopt;
 }
 
 }  // namespace tv

@@ -43,17 +43,18 @@ CLI::Validator RouteCode();
 
 /** @return "unknown" for a code without an entry */
 std::string_view NameOfRoute(int code);
+std::string NameOrCodeOfRoute(int code);
 /** @return nothing for a name without an entry */
 std::optional<int> CodeOfRoute(std::string_view name);
 
 /** The values that hold an output's level and mute: the TV's own ones, or those that its device publishes. */
-struct Volume {
+struct VolumeValues {
     host::Value level;
     host::Value mute;
 };
 
 /** @return nothing for an output without volume control */
-std::optional<Volume> VolumeOf(const Route& route);
+std::optional<VolumeValues> VolumeOf(const Route& route);
 
 }  // namespace tv
 
