@@ -288,6 +288,7 @@ class Client:
         return self.call("GetSpeakerSupportType")
 
     def emit(self, member, signature="", *arguments, path=SIGNALS_PATH, interface=NAME):
+        self.before_call()
         body = GLib.Variant(f"({signature})", arguments)
         self.connection.emit_signal(None, path, interface, member, body)
         self.flush()
@@ -479,7 +480,7 @@ class Scene(contextlib.ExitStack):
                 "G_DEBUG": "fatal-warnings", "LD_PRELOAD": os.environ.get("KAVREL_PRELOAD", ""), **changes}
 
     def client(self):
-        """Returns a client whose calls wait until the daemon is at rest, because it refuses calls during a report."""
+        """Returns a client whose calls and signals wait until the daemon is at rest, as it refuses them in a report."""
         client = Client(self.bus.address, before_call=self.settle)
         self.callback(client.close)
         return client

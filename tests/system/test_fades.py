@@ -43,10 +43,13 @@ def rest(daemon):
     deadline = time.monotonic() + PATIENCE
     with FolderWatch(daemon.log.path.parent) as watch:
         while True:
-            daemon.settle()
+            logged = len(daemon.log.raw_lines())
             if all(sleeps(daemon.log, worker) for worker in SLEEP):
-                return
-            assert watch.wait(deadline), f"the gain workers do not come to rest within {PATIENCE} s"
+                # A worker says so before it waits. If nothing is logged until all threads sleep, none has woken again.
+                if daemon.log.end() + 1 == logged:
+                    return
+            else:
+                assert watch.wait(deadline), f"the gain workers do not come to rest within {PATIENCE} s"
 
 
 @pytest.fixture
@@ -85,6 +88,12 @@ def written(log, path, after=-1):
 def is_subsequence(part, whole):
     rest_of_whole = iter(whole)
     return all(item in rest_of_whole for item in part)
+
+
+def wait_for_step(log, path, gain, after):
+    """Waits until a fade has written this gain or a higher one: a loaded machine may skip some steps."""
+    steps = "|".join(str(step) for step in FADE if step >= gain)
+    log.wait_matching(rf"\[Path:{path:02}\] gain2:({steps})", after)
 
 
 class Recording:
@@ -239,7 +248,7 @@ def test_an_unmute_fade_while_not_muted_brings_the_full_gain_back_at_once(daemon
 def test_a_second_fade_during_the_first_starts_again_from_0_without_another_wake(daemon, client):
     before = daemon.log.end()
     client.call("ApplyPlayerFadeIn", "i", MAIN)
-    daemon.log.wait("[Path:01] gain2:20", before)
+    wait_for_step(daemon.log, MAIN, 20, before)
     client.call("ApplyPlayerFadeIn", "i", MAIN)
     rest(daemon)
     numbers = written(daemon.log, MAIN, before)
@@ -297,7 +306,7 @@ def test_the_total_is_the_product_of_the_three_gains_truncated(daemon, client, t
 def test_reset_player_gain_ends_a_fade_at_the_full_gain(daemon, client):
     before = daemon.log.end()
     client.call("ApplyPlayerFadeIn", "i", MAIN)
-    daemon.log.wait("[Path:01] gain2:10", before)
+    wait_for_step(daemon.log, MAIN, 10, before)
     assert client.call("ResetPlayerGain", "i", MAIN) == (0,)
     rest(daemon)
     numbers = written(daemon.log, MAIN, before)
@@ -312,7 +321,7 @@ def test_a_gain_on_mute_cuts_an_unmute_fade_short_and_stays(daemon, client, tv):
     mute(client)
     before = daemon.log.end()
     client.call("ApplyUnmuteFadeIn", "i", BOTH)
-    daemon.log.wait("[Path:02] gain2:15", before)
+    wait_for_step(daemon.log, SUB, 15, before)
     assert client.call("ApplyGainOnMute", "ii", BOTH, 1) == (0,)
     rest(daemon)
     assert gains(tv) == (1, 1)
@@ -327,7 +336,7 @@ def test_a_gain_on_mute_cuts_an_unmute_fade_short_and_stays(daemon, client, tv):
 def test_a_player_fade_is_never_cut_short(daemon, client):
     before = daemon.log.end()
     client.call("ApplyPlayerFadeIn", "i", MAIN)
-    daemon.log.wait("[Path:01] gain2:15", before)
+    wait_for_step(daemon.log, MAIN, 15, before)
     client.call("ApplyGainOnMute", "ii", BOTH, 50)
     rest(daemon)
     assert not any(text.startswith("Interruptable") for text in daemon.log.texts(before))
