@@ -166,3 +166,10 @@ def test_a_boot_forgets_the_settings_memory_and_nothing_else(system):
     run_tmpfiles(system, "--remove", "--boot")
     assert not (system / "run/kavrel/settings/memory").exists()
     assert (system / "run/kavrel/settings/db/usbsound/volume_level").exists()
+
+
+def test_the_errors_of_a_plain_first_start_are_those_that_the_operators_page_lists(daemon):
+    page = (ROOT / "docs/operation.md").read_text().partition("**The first start**")[2]
+    listed = [line.strip() for line in page.split("\n\n")[1].splitlines()]
+    daemon.settle()
+    assert [line.text for line in daemon.log.lines() if line.priority in "WE"] == listed

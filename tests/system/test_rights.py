@@ -8,14 +8,16 @@ import contextlib
 import grp
 import json
 import os
+import re
 import shutil
+import signal
 import subprocess
 from pathlib import Path
 from typing import NamedTuple
 
 import pytest
 
-from harness import KAVRELD, METHODS_PATH, NAME, PATIENCE, READY, ROOT, SIGNALS_PATH, Broker, Bus
+from harness import KAVRELD, METHODS_PATH, NAME, PATIENCE, READY, ROOT, SIGNALS_PATH, Broker, Bus, Process
 from installation import make_users, run_tmpfiles
 from interface import connect, read_methods
 from gi.repository import Gio, GLib
@@ -65,6 +67,7 @@ class System:
             passwd.write("member:x:65533:65533:::\n")
         self.users = {"nobody": ["--reuid=65534", *GROUPLESS], "audio": ["--reuid=65533", *IN_AUDIO],
                       "kavrel": [f"--reuid={kavrel}", *IN_AUDIO], "root": []}
+        self.preload = ":".join(self.copy(library) for library in [os.environ.get("KAVREL_PRELOAD")] if library)
         scene.folder.chmod(0o755)  # these users read the folder and nothing of the checkout
         if os.geteuid() == 0:
             self.run_kavreld_as_its_user()
@@ -79,8 +82,8 @@ class System:
 
     def run_as(self, user, *command, umask=0o022):
         """Returns the exit status and the output."""
-        done = subprocess.run(self.as_user(user, *command), env=self.scene.environment(LD_PRELOAD=""), text=True,
-                              timeout=PATIENCE, check=False, umask=umask, stdin=subprocess.DEVNULL,
+        done = subprocess.run(self.as_user(user, *command), env=self.scene.environment(LD_PRELOAD=self.preload),
+                              text=True, timeout=PATIENCE, check=False, umask=umask, stdin=subprocess.DEVNULL,
                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
         return done.returncode, done.stdout
 
@@ -94,16 +97,15 @@ class System:
 
     def make_folders(self):
         run_tmpfiles(self.root, "--create")
-        database = self.root / "run/kavrel/settings/db"
-        assert os.readlink(database) == "/var/lib/kavrel"
+        database, lasting = self.root / "run/kavrel/settings/db", self.root / "var/lib/kavrel"
+        assert os.readlink(database) in ("/var/lib/kavrel", str(lasting))
         database.unlink()
-        database.symlink_to(self.root / "var/lib/kavrel")  # not that of this machine
+        database.symlink_to(lasting)  # not that of this machine
 
     def run_kavreld_as_its_user(self):
         self.make_folders()
         self.scene.tv.path = self.root / "run/kavrel"
-        preload = [self.copy(library) for library in filter(None, [os.environ.get("KAVREL_PRELOAD")])]
-        self.scene.kavreld = self.as_user("kavrel", "env", f"LD_PRELOAD={':'.join(preload)}", "sh", "-c",
+        self.scene.kavreld = self.as_user("kavrel", "env", f"LD_PRELOAD={self.preload}", "sh", "-c",
                                           'umask 0002; exec "$1"', "sh", self.copy(KAVRELD))
 
 
@@ -310,7 +312,7 @@ if os.geteuid() == 0:
     def test_everybody_hears_that_the_volume_changed(strict):
         strict.scene.start()
         nobody = subprocess.Popen(strict.as_user("nobody", "gdbus", "monitor", "--system", "-d", NAME), text=True,
-                                  stdout=subprocess.PIPE, env=strict.scene.environment(LD_PRELOAD=""),
+                                  stdout=subprocess.PIPE, env=strict.scene.environment(LD_PRELOAD=strict.preload),
                                   stdin=subprocess.DEVNULL)
         try:
             while "is owned by" not in nobody.stdout.readline():
@@ -371,3 +373,48 @@ if os.geteuid() == 0:
                 status = os.stat(f"{folder}/{name}")
                 assert (oct(status.st_mode & 0o7777), status.st_gid) == ("0o664", grp.getgrnam("audio").gr_gid), name
         assert "may write" not in installed.scene.daemons[0].log.path.read_text()
+
+    def test_a_reboot_forgets_all_but_the_settings_of_db(installed):
+        tv, [daemon] = installed.scene.tv, installed.scene.daemons
+        kavrel_tv = installed.copy(os.environ["KAVREL_TV"])
+        for key in ("memory/menu/kept", "db/menu/kept"):
+            assert installed.run_as("audio", kavrel_tv, "key", key, "1") == (0, "")
+        tv.echo(42, "audio/master_volume")
+        daemon.kill()
+        shutil.rmtree(tv.path)  # /run is in memory
+        installed.make_folders()
+        installed.scene.start()
+        assert (tv.read("audio/master_volume"), tv.read("settings/db/menu/kept")) == ("10", "1")
+        assert not tv.has("settings/memory/menu/kept")
+
+    def test_a_restart_keeps_the_values(installed):
+        tv, [daemon] = installed.scene.tv, installed.scene.daemons
+        assert echo(installed, "audio", 42, "audio/master_volume") == 0
+        assert echo(installed, "audio", 1, "settings/memory/menu") == 0
+        daemon.kill()
+        installed.make_folders()  # as an upgrade does
+        installed.scene.start()
+        assert (tv.read("audio/master_volume"), tv.read("settings/memory/menu")) == ("42", "1")
+
+    def test_the_unit_removes_the_ready_event_with_the_rights_of_kavrel(installed):
+        tv, [daemon] = installed.scene.tv, installed.scene.daemons
+        daemon.kill()
+        assert tv.has(READY)
+        [command] = re.findall("^ExecStopPost=(.*)$", (ROOT / "data/kavrel.service.in").read_text(), re.MULTILINE)
+        command = command.replace("%t", str(installed.root / "run")).replace("%%", "%")
+        assert installed.run_as("kavrel", *command.split()) == (0, "")
+        assert not tv.has(READY)
+
+    def test_kavrel_removes_what_a_killed_writer_of_another_user_left(installed):
+        tv, [daemon] = installed.scene.tv, installed.scene.daemons
+        writer = Process(*installed.as_user("audio", installed.copy(os.environ["KAVREL_TV"]), "devices"),
+                         env=installed.scene.environment(LD_PRELOAD=installed.preload), umask=0o022, stdout=subprocess.PIPE)
+        assert writer.child.stdout.readline()  # it has written
+        writer.signal(signal.SIGKILL)
+        writer.wait()
+        writer.child.stdout.close()
+        daemon.kill()
+        left = set(os.listdir(tv.path / ".tmp"))
+        assert any(name.startswith(f"{writer.pid}-") for name in left)
+        installed.scene.start()
+        assert not left & set(os.listdir(tv.path / ".tmp"))
