@@ -45,9 +45,10 @@ int LookIfEmpty(const Tree& tree, bool& isEmpty) {
     return 0;
 }
 
+/** A folder of that name is no mark: it may hold files, and then nobody could remove it. */
 bool HasMark(const Tree& tree) {
     struct stat status {};
-    return fstatat(tree.Folder(), MARK, &status, AT_SYMLINK_NOFOLLOW) == 0;
+    return fstatat(tree.Folder(), MARK, &status, AT_SYMLINK_NOFOLLOW) == 0 && !S_ISDIR(status.st_mode);
 }
 
 Error TreeError(const char* action, const std::string& path, int number) {
