@@ -106,6 +106,17 @@ std::shared_ptr<Tree> OpenedOrNewTree() {
     return tree;
 }
 
+/** Looks for the TV directory by itself only where a link is on the way. */
+FileDescriptor OpenToRead(const std::string& path) {
+    Opened();
+    FileDescriptor file = OpenWithoutLinks(TreePath() + '/' + path, TO_READ);
+    if (file || errno == ENOENT) {
+        return file;
+    }
+    const std::shared_ptr<Tree> tree = Tree::Current();
+    return tree ? tree->Open(path, TO_READ) : FileDescriptor();
+}
+
 bool IsZoneName(const std::string& name, int& zone) {
     const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), zone);
     return error == std::errc() && std::to_string(zone) == name && *end == '\0';
@@ -172,15 +183,7 @@ bool HasZone(int zone) {
 }
 
 Error Read(const Value& value, std::string& text, Empty empty) {
-    const std::shared_ptr<Tree> tree = OpenedTree();
-    int error = tree ? ReadFile(tree->Open(value.path, TO_READ), text, empty) : errno;
-    if (error == 0 && value.range) {
-        int number = 0;
-        error = ParseInteger(text, *value.range, number);
-        if (error == 0) {
-            text = std::to_string(number);
-        }
-    }
+    const int error = ReadFile(OpenToRead(value.path), value, text, empty);
     return error == 0 || error == ENOENT ? Error{error, {}} : PathError("read", value.path, error);
 }
 
@@ -194,15 +197,11 @@ Error Read(const Value& value, int& number) {
 }
 
 Error Write(const Value& value, std::string_view text) {
-    return Write(value, text, nullptr);
-}
-
-Error Write(const Value& value, std::string_view text, KeptFolder* kept) {
     if (text.size() > MAX_VALUE_SIZE) {
         return PathError("write", value.path, EFBIG);
     }
     const std::shared_ptr<Tree> tree = OpenedOrNewTree();
-    const int error = tree ? ReplaceValue(tree, value, text, kept) : errno;
+    const int error = tree ? ReplaceValue(*tree, value, text) : errno;
     return error == 0 ? Error{} : PathError("write", value.path, error);
 }
 

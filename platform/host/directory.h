@@ -73,8 +73,6 @@ Error Read(const Value& value, int& number);
  * program that splits the screen.
  */
 Error Write(const Value& value, std::string_view text);
-struct KeptFolder;
-Error Write(const Value& value, std::string_view text, KeptFolder* kept);  // see ReplaceValue()
 
 /** @param exists whether the file is there, whatever it holds; set on success only */
 Error Exists(const Value& value, bool& exists);

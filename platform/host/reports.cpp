@@ -28,13 +28,35 @@ namespace {
  * A folder that disappears may exist elsewhere already, if its link now leads there.
  */
 constexpr std::uint32_t FINISHED = IN_CLOSE_WRITE | IN_MOVED_TO;
-constexpr std::uint32_t WATCHED = FINISHED | IN_CREATE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+constexpr std::uint32_t WATCHED =
+    FINISHED | IN_MOVED_FROM | IN_CREATE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 constexpr std::uint32_t MOVED_GROUND = IN_Q_OVERFLOW | IN_ISDIR | IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT;
 
 constexpr int RETRY_MILLISECONDS = 1000;
 constexpr std::size_t MOST_GONE_ZONES = 64;  // whose last routes are remembered
 
 }  // namespace
+
+/** The notifications that one read takes out of the kernel's queue. */
+class Notifications {
+public:
+    explicit Notifications(const FileDescriptor& inotify)
+        : m_size(read(inotify.Get(), m_bytes.data(), m_bytes.size())) {}  // never waits
+
+    const inotify_event* First() const { return At(0); }
+    const inotify_event* After(const inotify_event& event) const {
+        return At(reinterpret_cast<const char*>(&event) - m_bytes.data() +
+                  static_cast<std::ptrdiff_t>(sizeof(event) + event.len));
+    }
+
+private:
+    const inotify_event* At(std::ptrdiff_t offset) const {
+        return offset < m_size ? reinterpret_cast<const inotify_event*>(m_bytes.data() + offset) : nullptr;
+    }
+
+    alignas(inotify_event) std::array<char, 16384> m_bytes;  // [0, m_size) is set
+    const ssize_t m_size;
+};
 
 RecursiveMutex deliveryLock;
 
@@ -56,24 +78,18 @@ Error Reports::Set(const Value& value, std::string_view text) {
     if (!IsHeard(value.topic)) {
         return Write(value, text);
     }
-    Followed& followed = FollowedOf(value);
-    const bool isCertain = IsCertain(followed);
-    bool isNews = followed.known != text;
-    if (!isCertain) {
+    std::optional<bool> isNews = ExchangeKnown(value, text);
+    if (!isNews) {
         // A write of the present value makes no report, even if the last value known differs from it: then
         // another process made the change, and its notification is on the way to the platform thread.
-        followed.kept = {};
         std::string present;
-        isNews = Read(value, present) ? isNews : present != text;
+        isNews = Read(value, present) ? FollowedOf(value).known != text : present != text;
+        if (Error error = Write(value, text)) {
+            return error;
+        }
     }
-    if (Error error = Write(value, text, &followed.kept)) {
-        return error;
-    }
-    if (isCertain) {
-        TakeOwnNotification(followed, text);
-    }
-    if (isNews) {
-        Deliver(followed, std::string(text));
+    if (*isNews) {
+        Deliver(FollowedOf(value), std::string(text));
     }
     return {};
 }
@@ -159,9 +175,9 @@ Reports::Followed& Reports::FollowedOf(const Value& value) {
     return followed;
 }
 
-/** Whether the last value known is the present one, and the kept folder in its place. */
+/** Whether the last value known is the present one, and what is kept of folders is in its place. */
 bool Reports::IsCertain(const Followed& followed) {
-    if (!followed.isWatched || !followed.known || !m_pending.empty()) {
+    if (followed.watch < 0 || !followed.known || !m_pending.empty()) {
         return false;
     }
     Events events{};
@@ -173,18 +189,69 @@ bool Reports::IsCertain(const Followed& followed) {
     return count == 0 && !m_haveMountsMoved;
 }
 
-void Reports::TakeOwnNotification(Followed& followed, std::string_view text) {
-    const std::string path = followed.value.path;
-    TakeNotifications();
-    if (m_pending.size() == 1 && m_pending.front().path == path && followed.kept.tree) {
-        std::string present;
-        if (ReadFileIn(followed.kept.folder, NameIn(path), present) == 0 && present == text) {
-            m_pending.clear();
-        }
+/**
+ * Writes a value whose present text is known, in a folder that can be kept.
+ * @return whether the value was another one; none if this is no such value: then it has not been written
+ */
+std::optional<bool> Reports::ExchangeKnown(const Value& value, std::string_view text) {
+    Followed& followed = FollowedOf(value);
+    if (!IsCertain(followed)) {
+        followed.kept.reset();
+        return std::nullopt;
     }
-    if (!m_pending.empty()) {
+    if (!followed.kept) {
+        followed.kept = KeepFolder(value);
+    }
+    if (!followed.kept) {
+        return std::nullopt;
+    }
+    // The platform thread sleeps on: it would find nothing in the queue, and wait for the delivery lock.
+    epoll_ctl(m_epoll.Get(), EPOLL_CTL_DEL, m_inotify.Get(), nullptr);
+    const std::optional<bool> isNews = ExchangeText(value, followed, text);
+    HeedNotifications();
+    return isNews;
+}
+
+/** @return whether the value was another one; none if it could not be written this way */
+std::optional<bool> Reports::ExchangeText(const Value& value, Followed& followed, std::string_view text) {
+    const Exchange exchange(followed.kept, value);
+    if (exchange.Make(text) != 0) {
+        followed.kept.reset();
+        return std::nullopt;
+    }
+    bool isNews = followed.known != text;
+    if (!TakeOwnNotifications(followed)) {  // which may have forgotten a zone that is gone
+        Wake();
+        std::string replaced;
+        isNews = exchange.ReadReplaced(replaced) == 0 ? replaced != text : isNews;
+    }
+    return exchange.Finish() == 0 ? std::optional(isNews) : std::nullopt;
+}
+
+/** Wakes the platform thread at each notification from now on, and at once if there is one. */
+void Reports::HeedNotifications() {
+    if (!WaitFor(m_inotify, EPOLLIN)) {
+        NoteUnwatched(Root(), errno);
+        m_inotify = {};  // the platform thread opens another and watches everything anew
         Wake();
     }
+}
+
+/** @return whether there were those of an own exchange alone: then they are done with */
+bool Reports::TakeOwnNotifications(const Followed& followed) {
+    const Notifications notifications(m_inotify);
+    const std::string name = NameIn(followed.value.path);
+    const auto isOf = [&](const inotify_event* event, std::uint32_t move) {
+        return event != nullptr && event->mask == move && event->wd == followed.watch && event->name == name;
+    };
+    const inotify_event* const came = notifications.First();
+    const inotify_event* const went = isOf(came, IN_MOVED_TO) ? notifications.After(*came) : nullptr;
+    if (isOf(went, IN_MOVED_FROM) && went->cookie == came->cookie + 1 &&
+        notifications.After(*went) == nullptr) {
+        return true;
+    }
+    NoteAll(notifications);
+    return false;
 }
 
 void Reports::Wake() const {
@@ -256,18 +323,14 @@ int Reports::Take(bool haveMountsMoved) {
             LookAtEverything();
         }
     }
-    TakeNotifications();
+    NoteAll(Notifications(m_inotify));
     return m_unwatched.empty() ? -1 : RETRY_MILLISECONDS;
 }
 
-void Reports::TakeNotifications() {
-    alignas(inotify_event) std::array<char, 16384> buffer;
+void Reports::NoteAll(const Notifications& notifications) {
     bool hasGroundMoved = false;
-    const ssize_t size = read(m_inotify.Get(), buffer.data(), buffer.size());  // never waits
-    for (const char* at = buffer.data(); at < buffer.data() + size;) {
-        const auto& event = *reinterpret_cast<const inotify_event*>(at);
-        hasGroundMoved = Note(event) || hasGroundMoved;
-        at += sizeof(event) + event.len;
+    for (const auto* event = notifications.First(); event != nullptr; event = notifications.After(*event)) {
+        hasGroundMoved = Note(*event) || hasGroundMoved;
     }
     if (hasGroundMoved) {
         LookAtEverything();
@@ -345,8 +408,8 @@ void Reports::Rewatch() {
     m_folders.clear();
     m_places.clear();
     for (auto& [path, followed] : m_values) {
-        followed.kept = {};
-        followed.isWatched = false;
+        followed.kept.reset();
+        followed.watch = -1;
         followed.isPresent = false;
     }
     for (const auto& [id, registration] : m_registrations) {
@@ -398,8 +461,8 @@ void Reports::FollowValue(const Value& value) {
     const fs::path file(value.path);
     const int folder = OpenInotify() ? FollowTv(file.parent_path()) : -1;
     followed.isPresent = true;
-    followed.isWatched = folder >= 0;
-    if (followed.isWatched) {
+    followed.watch = folder;
+    if (folder >= 0) {
         m_places.insert_or_assign({folder, file.filename()}, value.path);
     }
 }

@@ -12,11 +12,14 @@
  * another process: at the notification it reads the file under the lock. The text that it finds is never older
  * than the last one known, so no report goes back in time.
  *
- * The thread that writes through the seam reports its own write. It also takes the notification of its rename
- * out of the kernel's queue, so that the platform thread need not. The kernel may have merged that notification
- * with one of another process, so the writer reads the file once: if it finds its own text, nothing is left to
- * report. Before a write it has to know the present text. That is the last one known as long as the file is
- * watched and no notification waits; otherwise the writer reads the file.
+ * The thread that writes through the seam reports its own write, if the text differs from the present one. That
+ * is the last one known as long as the file is watched and no notification waits. Then the writer exchanges the
+ * file for a new one, which makes two notifications: one of the file that came and one of the file that went. It
+ * takes both out of the kernel's queue, so that the platform thread need not. If there are no others, and the
+ * kernel numbered the two in a row, nobody else has written the value since: the kernel merges a notification
+ * only with an equal one before it, of which it keeps the number. Otherwise the writer reads the file that it
+ * has replaced, and leaves the file in its place to the platform thread. In all other cases the writer reads the
+ * file, then writes, and the platform thread finds that there is nothing to report.
  *
  * A folder that cannot be watched silences the values in it alone. While there is one, and only then, the
  * platform thread tries again once a second.
@@ -32,6 +35,7 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -51,6 +55,8 @@ struct Change {
     /** The value as an integer. Only for values with a range; others are not integers. */
     int Integer() const;
 };
+
+class Notifications;
 
 /** The delivery lock; see above. */
 extern RecursiveMutex deliveryLock;
@@ -79,10 +85,10 @@ private:
         Value value;
         std::optional<std::string> known;  // the last text known, if there was one
         std::uint64_t report = 0;          // the number of its latest report
-        bool isWatched = false;            // its changes by other processes cause notifications
+        int watch = -1;                    // of its folder; -1: changes by other processes are not noticed
         bool isPresent = false;            // not the route of a zone that is gone
         std::uint64_t goneSince = 0;       // zones that went earlier have lower numbers; 0: not gone
-        KeptFolder kept;                   // valid until a folder has moved
+        std::shared_ptr<const KeptFolder> kept;  // until a folder has moved; may be null
     };
     struct Pending {
         std::string path;
@@ -97,8 +103,12 @@ private:
     static bool Has(const Events& events, int count, const FileDescriptor& file);
     [[noreturn]] void Listen();
     int Take(bool haveMountsMoved);
-    void TakeNotifications() REQUIRES(deliveryLock);
-    void TakeOwnNotification(Followed& followed, std::string_view text) REQUIRES(deliveryLock);
+    std::optional<bool> ExchangeKnown(const Value& value, std::string_view text) REQUIRES(deliveryLock);
+    std::optional<bool> ExchangeText(const Value& value, Followed& followed, std::string_view text)
+        REQUIRES(deliveryLock);
+    void HeedNotifications() REQUIRES(deliveryLock);
+    bool TakeOwnNotifications(const Followed& followed) REQUIRES(deliveryLock);
+    void NoteAll(const Notifications& notifications) REQUIRES(deliveryLock);
     bool Note(const inotify_event& event) REQUIRES(deliveryLock);
     void Await(const std::string& path, bool isWritten) REQUIRES(deliveryLock);
     void LookAtEverything() REQUIRES(deliveryLock);

@@ -49,14 +49,19 @@ FileDescriptor OpenPartByPart(int folder, const std::string& path, int flags) {
         openat(here ? here.Get() : folder, path.c_str() + start, flags | O_NOFOLLOW | O_CLOEXEC));
 }
 
-FileDescriptor OpenBelow(int folder, const std::string& path, int flags, std::uint64_t resolve) {
+FileDescriptor Openat2(int folder, const std::string& path, int flags, std::uint64_t resolve) {
     open_how how{};
     how.flags = static_cast<std::uint64_t>(flags | O_CLOEXEC);
+    how.mode = (flags & O_CREAT) != 0 ? 0666 : 0;
     how.resolve = resolve;
+    return FileDescriptor(static_cast<int>(syscall(SYS_openat2, folder, path.c_str(), &how, sizeof(how))));
+}
+
+FileDescriptor OpenBelow(int folder, const std::string& path, int flags, std::uint64_t resolve) {
     // The kernel answers EAGAIN when something was renamed meanwhile; also when a file would have to be waited
     // for, which does not pass.
     for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
-        FileDescriptor file(static_cast<int>(syscall(SYS_openat2, folder, path.c_str(), &how, sizeof(how))));
+        FileDescriptor file = Openat2(folder, path, flags, resolve);
         if (file || errno != EAGAIN) {
             return file || (errno != ENOSYS && errno != EPERM) ? std::move(file)
                                                                : OpenPartByPart(folder, path, flags);
@@ -136,6 +141,10 @@ struct CurrentTree {
 
 FileDescriptor OpenBelow(int folder, const std::string& path, int flags) {
     return OpenBelow(folder, path, flags, RESOLVE_BENEATH);
+}
+
+FileDescriptor OpenWithoutLinks(const std::string& path, int flags) {
+    return Openat2(AT_FDCWD, path, flags, RESOLVE_NO_SYMLINKS);
 }
 
 std::optional<std::vector<Entry>> List(const FileDescriptor& folder) {
@@ -232,18 +241,18 @@ int Tree::MakeFolders(const std::string& path) const {
     return 0;
 }
 
-std::shared_ptr<const FileDescriptor> Tree::OwnFolder() {
+std::shared_ptr<const OwnFolder> Tree::GetOwnFolder() {
     const Guard guard(m_mutex);
     if (!m_ownFolder) {
-        FileDescriptor made = MakeOwnFolder();
-        if (made) {
-            m_ownFolder = std::make_shared<const FileDescriptor>(std::move(made));
+        OwnFolder made = MakeOwnFolder();
+        if (made.folder) {
+            m_ownFolder = std::make_shared<const OwnFolder>(std::move(made));
         }
     }
     return m_ownFolder;
 }
 
-void Tree::LeaveOwnFolder(const std::shared_ptr<const FileDescriptor>& left) {
+void Tree::LeaveOwnFolder(const std::shared_ptr<const OwnFolder>& left) {
     const Guard guard(m_mutex);
     if (m_ownFolder == left) {
         m_ownFolder.reset();
@@ -251,7 +260,7 @@ void Tree::LeaveOwnFolder(const std::shared_ptr<const FileDescriptor>& left) {
 }
 
 /** Between making and locking it, a process that starts may take the folder for a leftover: then make another. */
-FileDescriptor Tree::MakeOwnFolder() const {
+OwnFolder Tree::MakeOwnFolder() const {
     if (mkdirat(Folder(), OWN_FOLDERS, 0777) != 0 && errno != EEXIST) {
         return {};
     }
@@ -271,7 +280,7 @@ FileDescriptor Tree::MakeOwnFolder() const {
         if (Lock(own) && fstat(own.Get(), &opened) == 0 &&
             fstatat(all.Get(), name.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
             opened.st_ino == named.st_ino) {
-            return own;
+            return {std::move(own), TreePath() + '/' + OWN_FOLDERS + '/' + name};
         }
     }
     return {};

@@ -33,6 +33,13 @@ namespace host {
  */
 FileDescriptor OpenBelow(int folder, const std::string& path, int flags);
 
+/**
+ * Opens an absolute path in one step, if no part of it is a link: then it leads to where its words say.
+ * @param flags of open(), also O_CREAT
+ * @return empty, with errno, on failure; ELOOP: a part is a link
+ */
+FileDescriptor OpenWithoutLinks(const std::string& path, int flags);
+
 struct Entry {
     std::string name;
     unsigned char type;  // DT_DIR, DT_REG, ...; DT_UNKNOWN on some file systems
@@ -43,6 +50,12 @@ std::optional<std::vector<Entry>> List(const FileDescriptor& folder);
 
 /** KAVREL_TV_DIR, else /run/kavrel, absolute. */
 const std::string& TreePath();
+
+/** The folder in which one process makes its files. */
+struct OwnFolder {
+    FileDescriptor folder;
+    std::string path;  // absolute
+};
 
 /** The TV directory that was found under its name; it stays open while a pointer to it exists. */
 class Tree {
@@ -64,22 +77,22 @@ public:
     int MakeFolders(const std::string& path) const;
 
     /** This process's own folder for unfinished files; null if it cannot have one. */
-    std::shared_ptr<const FileDescriptor> OwnFolder();
+    std::shared_ptr<const OwnFolder> GetOwnFolder();
     /** Forgets the own folder: it is no longer part of the tree. */
-    void LeaveOwnFolder(const std::shared_ptr<const FileDescriptor>& left);
+    void LeaveOwnFolder(const std::shared_ptr<const OwnFolder>& left);
 
     /** Removes what writers that are gone have left behind. */
     void RemoveLeftovers() const;
 
 private:
     bool IsAt(const struct stat& status) const;
-    FileDescriptor MakeOwnFolder() const;
+    OwnFolder MakeOwnFolder() const;
 
     const FileDescriptor m_folder;
     dev_t m_device = 0;
     ino_t m_inode = 0;
     Mutex m_mutex;
-    std::shared_ptr<const FileDescriptor> m_ownFolder GUARDED_BY(m_mutex);
+    std::shared_ptr<const OwnFolder> m_ownFolder GUARDED_BY(m_mutex);
 };
 
 /** The part of a path before the last slash. */

@@ -15,7 +15,8 @@
 namespace host {
 namespace {
 
-constexpr int TO_READ = O_RDONLY | O_NONBLOCK | O_CLOEXEC;  // a FIFO must not make the reader wait
+constexpr int TO_READ =
+    O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;  // a FIFO must not make the reader wait
 constexpr int TO_MAKE = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC;
 constexpr int ATTEMPTS = 100;
 constexpr const char* DB_VALUES = "settings/db/";
@@ -71,10 +72,15 @@ int Place(int folder, const std::string& temporary, const Target& target) {
     return error;
 }
 
+/** The name of the next file in the own folder. */
+std::string NextName() {
+    static std::atomic<unsigned int> count = 0;
+    return std::to_string(++count);
+}
+
 /** Writes in the own folder. @return the errno, or 0; EXDEV if files cannot be renamed from there into place */
 int WriteAside(const FileDescriptor& own, const Target& target, std::string_view text) {
-    static std::atomic<unsigned int> count = 0;
-    const std::string temporary = std::to_string(++count);
+    const std::string temporary = NextName();
     FileDescriptor file(openat(own.Get(), temporary.c_str(), TO_MAKE, 0666));
     if (!file) {
         return errno == ENOENT || errno == EEXIST ? errno : EXDEV;
@@ -121,13 +127,13 @@ bool IsOnOtherFileSystem(const FileDescriptor& own, int folder) {
 /** @return the errno, or 0; EXDEV if the own folder does not serve */
 int WriteFromOwnFolder(Tree& tree, const Target& target, std::string_view text) {
     for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
-        const auto own = tree.OwnFolder();
+        const auto own = tree.GetOwnFolder();
         // A synced value looks first: syncing its text twice would take long.
-        if (!own || (target.isSynced && IsOnOtherFileSystem(*own, target.folder))) {
+        if (!own || (target.isSynced && IsOnOtherFileSystem(own->folder, target.folder))) {
             return EXDEV;
         }
-        const int error = WriteAside(*own, target, text);
-        if (error == ENOENT && IsRemoved(*own)) {
+        const int error = WriteAside(own->folder, target, text);
+        if (error == ENOENT && IsRemoved(own->folder)) {
             tree.LeaveOwnFolder(own);
         } else if (error != EEXIST || !target.isReplaced) {
             return error;
@@ -169,9 +175,8 @@ int WriteByPath(Tree& tree, const Value& value, std::string_view text, bool isRe
     return error;
 }
 
-}  // namespace
-
-int ReadFile(const FileDescriptor& file, std::string& text, Empty empty) {
+/** Takes off one newline. @return the errno, or 0 */
+int ReadText(const FileDescriptor& file, std::string& text, Empty empty) {
     if (!file) {
         return errno;
     }
@@ -194,28 +199,73 @@ int ReadFile(const FileDescriptor& file, std::string& text, Empty empty) {
     return text.find('\0') == std::string::npos ? 0 : EINVAL;
 }
 
-int ReadFileIn(const FileDescriptor& folder, const std::string& name, std::string& text) {
-    const FileDescriptor file(openat(folder.Get(), name.c_str(), TO_READ | O_NOFOLLOW));
-    return ReadFile(file, text, Empty::UNFINISHED);
-}
+}  // namespace
 
-int ReplaceValue(const std::shared_ptr<Tree>& tree, const Value& value, std::string_view text,
-                 KeptFolder* kept) {
-    if (kept != nullptr && kept->tree == tree &&
-        Write(*tree, {kept->folder.Get(), NameIn(value.path), false, true}, text) == 0) {
-        return 0;
-    }
-    const int error = WriteByPath(*tree, value, text, true);
-    if (kept != nullptr) {
-        const bool canBeKept = error == 0 && !value.path.starts_with(DB_VALUES);
-        kept->folder = canBeKept ? tree->OpenKeptFolder(FolderOf(value.path)) : FileDescriptor();
-        kept->tree = kept->folder ? tree : nullptr;
+int ReadFile(const FileDescriptor& file, const Value& value, std::string& text, Empty empty) {
+    int error = ReadText(file, text, empty);
+    if (error == 0 && value.range) {
+        int number = 0;
+        error = ParseInteger(text, *value.range, number);
+        if (error == 0) {
+            text = std::to_string(number);
+        }
     }
     return error;
 }
 
+int ReplaceValue(Tree& tree, const Value& value, std::string_view text) {
+    return WriteByPath(tree, value, text, true);
+}
+
 int MakeValue(Tree& tree, const std::string& path, std::string_view text) {
     return WriteByPath(tree, {path, TEXT}, text, false);
+}
+
+std::shared_ptr<const KeptFolder> KeepFolder(const Value& value) {
+    std::shared_ptr<Tree> tree = value.path.starts_with(DB_VALUES) ? nullptr : Tree::Current();
+    FileDescriptor folder = tree ? tree->OpenKeptFolder(FolderOf(value.path)) : FileDescriptor();
+    return folder ? std::make_shared<KeptFolder>(KeptFolder{std::move(tree), std::move(folder)}) : nullptr;
+}
+
+Exchange::Exchange(std::shared_ptr<const KeptFolder> kept, const Value& value)
+    : m_kept(std::move(kept)), m_value(value), m_own(m_kept->tree->GetOwnFolder()), m_ownName(NextName()) {}
+
+int Exchange::Make(std::string_view text) const {
+    if (!m_own) {
+        return EXDEV;
+    }
+    // That the own folder is found by its path shows that the tree is in its place.
+    FileDescriptor file = OpenWithoutLinks(m_own->path + '/' + m_ownName, TO_MAKE);
+    if (!file) {
+        return errno;
+    }
+    int error = WriteText(file, text, false);
+    file.Close();  // before it has the value's name: closing it then would be another notification
+    error = error == 0 ? Swap() : error;
+    if (error != 0) {
+        unlinkat(m_own->folder.Get(), m_ownName.c_str(), 0);
+    }
+    return error;
+}
+
+int Exchange::ReadReplaced(std::string& text) const {
+    const FileDescriptor file(openat(m_own->folder.Get(), m_ownName.c_str(), TO_READ));
+    return ReadFile(file, m_value, text, Empty::UNFINISHED);
+}
+
+int Exchange::Finish() const {
+    if (unlinkat(m_own->folder.Get(), m_ownName.c_str(), 0) == 0 || errno != EISDIR || Swap() != 0) {
+        return 0;
+    }
+    unlinkat(m_own->folder.Get(), m_ownName.c_str(), 0);
+    return EISDIR;
+}
+
+int Exchange::Swap() const {
+    return renameat2(m_own->folder.Get(), m_ownName.c_str(), m_kept->folder.Get(),
+                     NameIn(m_value.path).c_str(), RENAME_EXCHANGE) == 0
+               ? 0
+               : errno;
 }
 
 }  // namespace host

@@ -13,26 +13,46 @@
 
 namespace host {
 
-/** The folder of a value, kept open so that the next write need not look for it. */
+/** The errno, or 0. The text comes without its newline, that of an integer without blanks. */
+int ReadFile(const FileDescriptor& file, const Value& value, std::string& text, Empty empty);
+
+/** Replaces the value, and makes missing folders but those of zones. @return the errno, or 0 */
+int ReplaceValue(Tree& tree, const Value& value, std::string_view text);
+
+/** The folder of a value, kept open so that a write need not look for it. */
 struct KeptFolder {
-    std::shared_ptr<Tree> tree;  // null: nothing is kept
+    std::shared_ptr<Tree> tree;
     FileDescriptor folder;
 };
 
-/** The errno, or 0. The text comes without its newline. */
-int ReadFile(const FileDescriptor& file, std::string& text, Empty empty);
-
-/** The errno, or 0. Refuses at once what could not be opened without waiting. */
-int ReadFileIn(const FileDescriptor& folder, const std::string& name, std::string& text);
+/** Null if each write has to look for the folder. */
+std::shared_ptr<const KeptFolder> KeepFolder(const Value& value);
 
 /**
- * Replaces the value, and makes missing folders but those of zones.
- * @param kept the value's folder, if it is certain that the folder is still in its place; set to the folder to
- *             keep, if it can be kept; may be null
- * @return the errno, or 0
+ * A write that changes places: the new file gets the value's name, and the old one moves to the own folder. So
+ * the writer can read exactly what it replaced, and the kernel notifies of the file that came and, right after
+ * it, of the one that went.
  */
-int ReplaceValue(const std::shared_ptr<Tree>& tree, const Value& value, std::string_view text,
-                 KeptFolder* kept);
+class Exchange {
+public:
+    /** @param kept the value's folder; it is certain to be in its place */
+    Exchange(std::shared_ptr<const KeptFolder> kept, const Value& value);
+
+    /** @return the errno, or 0; on failure the value has not changed */
+    int Make(std::string_view text) const;
+    /** Reads the replaced file. @return the errno, or 0 */
+    int ReadReplaced(std::string& text) const;
+    /** Removes the replaced file, but puts back a folder. @return 0, or EISDIR: then the value has not changed */
+    int Finish() const;
+
+private:
+    int Swap() const;
+
+    const std::shared_ptr<const KeptFolder> m_kept;
+    const Value& m_value;
+    const std::shared_ptr<const OwnFolder> m_own;
+    const std::string m_ownName;  // of the new file, then of the old one, in the own folder
+};
 
 /** Writes the value unless it exists. @return the errno, or 0; EEXIST if it exists */
 int MakeValue(Tree& tree, const std::string& path, std::string_view text);

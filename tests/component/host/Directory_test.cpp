@@ -26,6 +26,7 @@ using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::SizeIs;
 using testing::StartsWith;
 
@@ -100,6 +101,19 @@ TEST_F(DirectoryTest, AMarkThatIsNoFileNeitherHangsTheStartNorLeadsElsewhere) {
     const Folder second;
     ASSERT_EQ(mkfifo((second / ".filling").c_str(), 0600), 0);
     EXPECT_EQ(OtherProcess(second).Do("volume"), "0 10");
+}
+
+TEST_F(DirectoryTest, AFolderWithTheNameOfTheMarkIsNoMark) {
+    tv.Put(".filling/note", "");
+    {
+        OtherProcess first(tv);
+        EXPECT_EQ(first.Do("volume"), "0 10");
+        EXPECT_THAT(first.Log(), IsEmpty());
+    }
+    fs::remove(tv / "sound/route");
+    OtherProcess second(tv);
+    EXPECT_EQ(second.Do("route"), "-1002") << "the TV was filled again";
+    EXPECT_TRUE(fs::exists(tv / ".filling/note"));
 }
 
 TEST_F(DirectoryTest, ADirectoryThatOthersMayWriteIsWarnedOfOnce) {
@@ -301,6 +315,22 @@ TEST_F(DirectoryTest, TheFolderForDbMayBeALink) {
     EXPECT_TRUE(fs::is_symlink(tv / "settings/db"));
 }
 
+TEST_F(DirectoryTest, TheDirectoryItselfMayBeReachedByALinkThatMayComeToLeadElsewhere) {
+    const fs::path link = tv / "link";
+    tv.Echo("two/audio/master_volume", "22");
+    fs::create_directory_symlink("one", link);
+    fs::create_directory(tv / "one");
+    OtherProcess other(tv, {{"KAVREL_TV_DIR", link}});
+    EXPECT_EQ(other.Do("set-volume 11"), "0");
+    EXPECT_EQ(other.Do("volume"), "0 11");
+    fs::create_directory_symlink("two", tv / "new");
+    fs::rename(tv / "new", link);
+    EXPECT_EQ(other.Do("volume"), "0 22");
+    EXPECT_EQ(other.Do("set-volume 23"), "0");
+    EXPECT_EQ(tv.Content("one/audio/master_volume"), "11\n");
+    EXPECT_EQ(tv.Content("two/audio/master_volume"), "23\n");
+}
+
 TEST_F(DirectoryTest, ALinkIsFollowedOnlyInsideTheDirectory) {
     tv.Echo("outside/master_volume", "77");
     OtherProcess other(tv, {{"KAVREL_TV_DIR", tv / "tv"}});
@@ -327,7 +357,7 @@ TEST_F(DirectoryTest, WithoutOpenat2NoLinkIsFollowedButThatOfDb) {
     fs::create_directory_symlink(persistent.Path(), tv / "settings/db");
     for (const std::string error : {"1", "38"}) {  // EPERM, ENOSYS
         OtherProcess other(tv);
-        ASSERT_EQ(other.Do("refuse-openat2 " + error), "0");
+        ASSERT_EQ(other.Do("refuse openat2 " + error), "0");
         EXPECT_EQ(other.Do("volume"), "-1020");
         EXPECT_EQ(other.Do("set-route " + error), "0");
         EXPECT_EQ(other.Do("route"), "0 " + error);
@@ -442,6 +472,30 @@ TEST_F(DirectoryTest, TheFolderForDbMayBeOnAnotherFileSystem) {
     EXPECT_THAT(tv.Leftovers("settings/db/usb"), IsEmpty());
     EXPECT_THAT(other.Log(), IsEmpty());
     fs::remove_all(persistent);
+}
+
+TEST_F(DirectoryTest, OnlyValuesBelowDbAreSyncedTheTextBeforeItsNameAndTheFolderLast) {
+    const fs::path elsewhere = fs::temp_directory_path() / tv.Path().filename();  // mostly on a disk
+    OtherProcess other(tv);
+    ASSERT_EQ(other.Do("volume"), "0 10");
+    ASSERT_EQ(other.Do("hear memory/key"), "0");
+    for (const std::string set :
+         {"set-volume 20", "set-route 1", "set-gain 50", "done event", "set-text memory/new a",
+          "set-text memory/key a", "set-text memory/key b"}) {
+        EXPECT_EQ(other.Do(set), "0");
+    }
+    EXPECT_THAT(other.Do("take-steps"), AllOf(HasSubstr("rename key"), Not(HasSubstr("sync"))));
+    for (const bool isHeard : {false, true}) {
+        EXPECT_EQ(other.Do("set-text db/key a"), "0");
+        EXPECT_EQ(other.Do("take-steps"), "sync file, rename key, sync db, ");
+        ASSERT_EQ(other.Do("hear db/key"), "0") << isHeard;
+    }
+    fs::create_directories(elsewhere);
+    fs::remove_all(tv / "settings/db");
+    fs::create_directory_symlink(elsewhere, tv / "settings/db");
+    EXPECT_EQ(other.Do("set-text db/key a"), "0");
+    EXPECT_EQ(other.Do("take-steps"), "sync file, rename key, sync " + elsewhere.filename().string() + ", ");
+    fs::remove_all(elsewhere);
 }
 
 TEST_F(DirectoryTest, WritersOfOneValueNeverDisturbEachOther) {

@@ -16,6 +16,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
+#include <thread>
 
 namespace fs = std::filesystem;
 
@@ -250,9 +251,27 @@ void Ear::Forget() {
 }
 
 bool IsAsleep(pid_t thread) {
-    const std::string stat = ReadAll("/proc/self/task/" + std::to_string(thread) + "/stat");
+    const std::string stat = ReadAll("/proc/" + std::to_string(thread) + "/stat");
     const std::size_t name = stat.rfind(") ");
     return name != std::string::npos && stat.at(name + 2) == 'S';
+}
+
+pid_t ThreadOf(pid_t process, const std::string& name) {
+    for (;;) {
+        for (const auto& task : fs::directory_iterator("/proc/" + std::to_string(process) + "/task")) {
+            if (ReadAll(task.path() / "comm") == name + '\n') {
+                return std::stoi(task.path().filename());
+            }
+        }
+        std::this_thread::yield();
+    }
+}
+
+int Sleeps(pid_t process, pid_t thread) {
+    constexpr std::string_view KEY = "\nvoluntary_ctxt_switches:";
+    const std::string status =
+        ReadAll("/proc/" + std::to_string(process) + "/task/" + std::to_string(thread) + "/status");
+    return std::stoi(status.substr(status.find(KEY) + KEY.size()));
 }
 
 std::map<int, std::string> ContextSwitches(pid_t process) {

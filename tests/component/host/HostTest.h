@@ -98,8 +98,14 @@ private:
     std::vector<std::thread::id> m_threads;
 };
 
-/** Whether a thread of this process sleeps. The test lets it wait for nothing but a lock. */
+/** Whether a thread of any process sleeps. */
 bool IsAsleep(pid_t thread);
+
+/** The thread of a process that has this name, as soon as it has. */
+pid_t ThreadOf(pid_t process, const std::string& name);
+
+/** How often a thread of a process has gone to sleep. */
+int Sleeps(pid_t process, pid_t thread);
 
 /** How often each thread of a process, by id, has been switched to or from. */
 std::map<int, std::string> ContextSwitches(pid_t process);

@@ -489,6 +489,89 @@ TEST_F(ReportsTest, AChangeAfterAnOwnOneIsReportedThoughItWasWrittenBeforeItsNot
     EXPECT_THAT(ear.Heard(), ElementsAre("20", "30"));
 }
 
+/** Another process on a TV of its own, which hears the volume, was quiet until now, and knows it as 20. */
+class CrossingTest : public ReportsTest {
+protected:
+    CrossingTest() {
+        EXPECT_EQ(process.Do("hear volume"), "0");
+        EXPECT_EQ(process.Do("set-volume 20"), "0");
+        EXPECT_EQ(process.Report(), "volume 20 own");
+    }
+
+    /** Lets a change fall right before or after the moment at which the process's next volume gets its place. */
+    void Cross(const std::string& when, const std::string& what) {
+        ASSERT_EQ(process.Do("cross " + when + " move " + file + ' ' + what), "0");
+    }
+
+    const Folder place;
+    const std::string file = place / "audio/master_volume";
+    OtherProcess process{place};
+};
+
+TEST_F(CrossingTest, AChangeBetweenAnOwnWriteAndItsNotificationIsReportedAfterIt) {
+    for (const std::string how : {"move", "echo"}) {
+        ASSERT_EQ(process.Do("cross after " + how + ' ' + file + " 40"), "0");
+        EXPECT_EQ(process.Do("set-volume 30"), "0");
+        EXPECT_EQ(process.Report(), "volume 30 own") << how;
+        EXPECT_EQ(process.Report(), "volume 40 platform") << how;
+    }
+    EXPECT_EQ(process.Do("volume"), "0 40");
+}
+
+TEST_F(CrossingTest, AnOwnWriteIsNewsIfItDiffersFromTheTextThatItReplaced) {
+    Cross("before", "40");
+    EXPECT_EQ(process.Do("set-volume 20"), "0");
+    EXPECT_EQ(process.Report(), "volume 20 own");
+    EXPECT_EQ(process.Do("set-volume 21"), "0");
+    EXPECT_EQ(process.Report(), "volume 21 own");
+}
+
+TEST_F(CrossingTest, AnOwnWriteOfTheTextThatItReplacedLeavesTheReportToThePlatformThread) {
+    Cross("before", "40");
+    EXPECT_EQ(process.Do("set-volume 40"), "0");
+    EXPECT_EQ(process.Report(), "volume 40 platform");
+}
+
+TEST_F(CrossingTest, AFolderThatTakesTheValuesPlaceInTheLastMomentStays) {
+    ASSERT_EQ(process.Do("cross before folder " + file), "0");
+    EXPECT_EQ(process.Do("set-volume 30"), "-1021");
+    EXPECT_TRUE(fs::is_directory(file));
+    EXPECT_THAT(process.TakeReports(), IsEmpty());
+    EXPECT_THAT(process.Log(), Contains("E Cannot write " + file + ": Is a directory"));
+    EXPECT_THAT(place.Leftovers("."), IsEmpty());
+    fs::remove(file);
+    EXPECT_EQ(process.Do("set-volume 30"), "0");
+    EXPECT_EQ(process.Report(), "volume 30 own");
+}
+
+TEST_F(CrossingTest, OwnChangesLeaveThePlatformThreadAsleep) {
+    constexpr int CHANGES = 100;
+    const pid_t thread = host_test::ThreadOf(process.Process(), "tv-platform");
+    const auto sleeps = [&] { return host_test::Sleeps(process.Process(), thread); };
+    while (!host_test::IsAsleep(thread)) {
+        std::this_thread::yield();
+    }
+    const int before = sleeps();
+    for (int i = 0; i < CHANGES; ++i) {
+        ASSERT_EQ(process.Do("set-volume " + std::to_string(21 + i % 2)), "0");
+    }
+    EXPECT_THAT(process.TakeReports(), SizeIs(CHANGES));
+    // A rename anywhere on the machine in the same moment makes the writer have the thread look, too.
+    EXPECT_LT(sleeps() - before, CHANGES / 2);
+}
+
+TEST_F(CrossingTest, AQueueThatTheKernelNoLongerWaitsForIsReplaced) {
+    ASSERT_EQ(process.Do("refuse epoll_ctl 28"), "0");  // for the thread that writes
+    OtherProcess second(place);
+    for (const std::string tens : {"3", "4"}) {
+        EXPECT_EQ(process.Do("set-volume " + tens + '0'), "0");
+        EXPECT_EQ(process.Report(), "volume " + tens + "0 own");
+        EXPECT_EQ(second.Do("set-volume " + tens + '1'), "0");
+        EXPECT_EQ(process.Report(), "volume " + tens + "1 platform");
+    }
+    EXPECT_THAT(process.Log(), Each("E Cannot watch " + place.Path().string() + ": No space left on device"));
+}
+
 // --- Registrations
 
 TEST_F(ReportsTest, ASlotHoldsOneRegistration) {
@@ -857,6 +940,30 @@ TEST_F(ReportsTest, AFolderThatCannotBeWatchedSilencesItsOwnValuesAlone) {
     EXPECT_EQ(deaf.Report(), "memory/private/key 4 platform");
     EXPECT_THAT(deaf.Log(), ElementsAre("E Cannot watch " + (place / "settings/memory/private").string() +
                                         ": Permission denied"));
+}
+
+TEST_F(ReportsTest, AFolderForWhichNoWatchIsLeftSilencesItsOwnValuesUntilThereIsOne) {
+    const Folder place;
+    OtherProcess deaf(place);
+    OtherProcess second(place);
+    ASSERT_EQ(second.Do("set-int memory/late/key 1"), "0");
+    ASSERT_EQ(deaf.Do("refuse-watches-of memory/late"), "0");
+    EXPECT_EQ(deaf.Do("hear memory/late/key"), "0");
+    EXPECT_EQ(deaf.Do("hear volume"), "0");
+    EXPECT_EQ(second.Do("set-int memory/late/key 2"), "0");
+    EXPECT_EQ(second.Do("set-volume 20"), "0");
+    EXPECT_EQ(deaf.Report(), "volume 20 platform");
+    EXPECT_EQ(deaf.Do("set-int memory/late/key 3"), "0");
+    EXPECT_EQ(deaf.Report(), "memory/late/key 3 own");
+    EXPECT_EQ(second.Do("set-int memory/late/key 4"), "0");
+    ASSERT_EQ(deaf.Do("refuse-watches-of"), "0");
+    EXPECT_EQ(deaf.Report(), "memory/late/key 4 platform");  // once the watch is tried again
+    EXPECT_EQ(second.Do("set-int memory/late/key 5"), "0");
+    EXPECT_EQ(deaf.Report(), "memory/late/key 5 platform");
+    EXPECT_EQ(deaf.Do("set-int memory/late/key 6"), "0");
+    EXPECT_EQ(deaf.Report(), "memory/late/key 6 own");
+    EXPECT_THAT(deaf.Log(), ElementsAre("E Cannot watch " + (place / "settings/memory/late").string() +
+                                        ": No space left on device"));
 }
 
 TEST_F(ReportsTest, ALoopOfLinksSilencesItsOwnValuesAlone) {

@@ -9,15 +9,13 @@
 #include <audio_hal.h>
 #include <dlog.h>
 #include <linux/capability.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <lwipc.h>
 #include <resource_center.h>
 #include <sched.h>
 #include <sound_manager.h>
 #include <sys/mount.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <system_info.h>
 #include <unistd.h>
@@ -25,8 +23,8 @@
 
 #include <array>
 #include <csignal>
-#include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <functional>
@@ -37,6 +35,8 @@
 #include <sstream>
 #include <string>
 #include <thread>
+
+#include "Kernel.h"
 
 namespace {
 
@@ -138,18 +138,6 @@ int DropCapabilities() {
     return static_cast<int>(syscall(SYS_capset, &header, none));
 }
 
-/** Makes the kernel answer openat2() with this errno, as a sandbox or an old kernel does. */
-int RefuseOpenat2(int error) {
-    std::array<sock_filter, 4> filter = {{
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_openat2, 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<unsigned int>(error)),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-    }};
-    const sock_fprog program{filter.size(), filter.data()};
-    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) | prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program);
-}
-
 /** Gives this process, before it has threads, a table of mounts of its own. */
 int OwnMounts() {
     if (unshare(CLONE_NEWNS) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
@@ -199,6 +187,37 @@ std::string Rest(std::istream& words) {
     std::string rest;
     std::getline(words >> std::ws, rest);
     return rest;
+}
+
+/** Replaces a file like an editor. */
+void Move(const std::string& path, const std::string& text) {
+    Echo(path + "~", text);
+    std::rename((path + "~").c_str(), path.c_str());
+}
+
+void MakeFolder(const std::string& path, const std::string& /*text*/) {
+    std::remove(path.c_str());
+    mkdir(path.c_str(), 0777);
+}
+
+/** "before HOW PATH TEXT" or "after HOW PATH TEXT": somebody else crosses the next write of this file. */
+std::string Cross(std::istream& words) {
+    const std::string when = Word(words);
+    const std::string how = Word(words);
+    const std::string path = Word(words);
+    const auto act = [path, text = Rest(words), how] {
+        if (how == "echo") {
+            Echo(path, text);
+        } else if (how == "move") {
+            Move(path, text);
+        } else {
+            MakeFolder(path, text);
+        }
+    };
+    const std::string name = path.substr(path.rfind('/') + 1);
+    kernel::Cross(when == "before" ? kernel::Crossing{name, act, nullptr}
+                                   : kernel::Crossing{name, nullptr, act});
+    return "0";
 }
 
 using Command = std::function<std::string(std::istream&)>;
@@ -296,7 +315,18 @@ Commands ReportCommands() {
 Commands ProcessCommands() {
     return {
         {"drop-capabilities", [](std::istream&) { return std::to_string(DropCapabilities()); }},
-        {"refuse-openat2", Does(RefuseOpenat2)},
+        {"refuse",
+         [](std::istream& words) {
+             const std::string call = Word(words);
+             return std::to_string(kernel::Refuse(call, NextInt(words)));
+         }},
+        {"refuse-watches-of",
+         [](std::istream& words) {
+             kernel::RefuseWatchesOf(Word(words));
+             return std::string("0");
+         }},
+        {"take-steps", [](std::istream&) { return kernel::TakeSteps(); }},
+        {"cross", [](std::istream& words) { return Cross(words); }},
         {"own-mounts", [](std::istream&) { return std::to_string(OwnMounts()); }},
         {"mount", Does([](const char* path) { return mount("none", path, "tmpfs", 0, nullptr); })},
         {"unmount", Does([](const char* path) { return umount2(path, UMOUNT_NOFOLLOW); })},

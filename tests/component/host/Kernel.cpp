@@ -1,0 +1,124 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
+#include "Kernel.h"
+
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/inotify.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <system_error>
+#include <utility>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::mutex mutex;
+// Guarded by the mutex.
+std::string steps;
+kernel::Crossing crossing;
+std::string refusedEnd;
+
+/** "file", or the name of the folder. */
+std::string NameOf(int file) {
+    struct stat status {};
+    std::error_code ignored;
+    return fstat(file, &status) == 0 && S_ISDIR(status.st_mode)
+               ? fs::read_symlink("/proc/self/fd/" + std::to_string(file), ignored).filename().string()
+               : "file";
+}
+
+void Note(const std::string& step) {
+    const std::lock_guard guard(mutex);
+    steps += step + ", ";
+}
+
+kernel::Crossing TakeCrossing(const std::string& name) {
+    const std::lock_guard guard(mutex);
+    return name == crossing.name ? std::exchange(crossing, {}) : kernel::Crossing();
+}
+
+bool IsRefused(const std::string& path) {
+    const std::lock_guard guard(mutex);
+    return !refusedEnd.empty() && path.ends_with(refusedEnd);
+}
+
+void Run(const std::function<void()>& action) {
+    if (action) {
+        action();
+    }
+}
+
+}  // namespace
+
+// --- The calls, in the place of the C library's
+
+extern "C" int fsync(int file) {
+    Note("sync " + NameOf(file));
+    return static_cast<int>(syscall(SYS_fsync, file));
+}
+
+extern "C" int renameat2(int oldFolder, const char* oldName, int newFolder, const char* newName,
+                         unsigned int flags) noexcept {
+    const kernel::Crossing others = TakeCrossing(newName);
+    Run(others.before);
+    const auto result =
+        static_cast<int>(syscall(SYS_renameat2, oldFolder, oldName, newFolder, newName, flags));
+    const int error = errno;
+    Note(std::string("rename ") + newName);
+    Run(others.after);
+    errno = error;
+    return result;
+}
+
+extern "C" int inotify_add_watch(int inotify, const char* path, std::uint32_t mask) noexcept {
+    if (IsRefused(path)) {
+        errno = ENOSPC;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_inotify_add_watch, inotify, path, mask));
+}
+
+namespace kernel {
+
+std::string TakeSteps() {
+    const std::lock_guard guard(mutex);
+    return std::exchange(steps, {});
+}
+
+void Cross(const Crossing& next) {
+    const std::lock_guard guard(mutex);
+    crossing = next;
+}
+
+void RefuseWatchesOf(const std::string& end) {
+    const std::lock_guard guard(mutex);
+    refusedEnd = end;
+}
+
+int Refuse(const std::string& call, int error) {
+    static const std::map<std::string, unsigned int> numbers = {{"openat2", SYS_openat2},
+                                                                {"epoll_ctl", SYS_epoll_ctl}};
+    std::array<sock_filter, 4> filter = {{
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, numbers.at(call), 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<unsigned int>(error)),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    }};
+    const sock_fprog program{filter.size(), filter.data()};
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) | prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program);
+}
+
+}  // namespace kernel

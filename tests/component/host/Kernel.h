@@ -1,0 +1,34 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
+/**
+ * Functions in the place of the C library's that call the kernel. They note the calls of the platform, let them
+ * fail, or let somebody else act in between. A program that links them uses them.
+ */
+#ifndef KAVREL_TESTS_HOST_KERNEL_H
+#define KAVREL_TESTS_HOST_KERNEL_H
+
+#include <functional>
+#include <string>
+
+namespace kernel {
+
+/** The files that were renamed into place and those that were synced, in order, since the last call. */
+std::string TakeSteps();
+
+/** Two actions for the moments right before and right after the next file of this name comes into its place. */
+struct Crossing {
+    std::string name;
+    std::function<void()> before;
+    std::function<void()> after;
+};
+void Cross(const Crossing& crossing);
+
+/** No folder whose path ends so can be watched, as if no watches were left. An empty end: all can be. */
+void RefuseWatchesOf(const std::string& end);
+
+/** Makes the kernel answer a system call of this thread with the errno, as a sandbox does. @return 0 on success */
+int Refuse(const std::string& call, int error);
+
+}  // namespace kernel
+
+#endif
