@@ -24,6 +24,7 @@ struct GLibRelease {
     }
     void operator()(GMainContext* context) const { g_main_context_unref(context); }
     void operator()(GMainLoop* loop) const { g_main_loop_unref(loop); }
+    void operator()(GDBusNodeInfo* node) const { g_dbus_node_info_unref(node); }
     /** Every type that has no overload of its own is a GObject. */
     template <typename Object>
     void operator()(Object* object) const {
