@@ -5,7 +5,6 @@ import json
 import os
 import re
 import select
-import shutil
 import signal
 import subprocess
 import threading
@@ -608,7 +607,6 @@ def test_bus_with_too_many_connections_is_busy(scene, ctl, change_bus):
             clients.append(scene.client())
     assert ctl.fails(BUSY, "status").startswith("busy, try again: The maximum number of active connections")
     clients[0].close()
-    ctl.scene.client().close()  # so the bus has noticed
     assert ctl("volume") == "10\n"
 
 
@@ -618,13 +616,17 @@ def test_signal_that_the_bus_has_no_room_for_is_not_lost_in_silence(scene, ctl, 
     client = scene.client()
     daemon.signal(signal.SIGSTOP)
     try:
-        for _ in range(20):
-            message = Gio.DBusMessage.new_signal(SIGNALS_PATH, NAME, "BudsConnected")
-            message.set_destination(NAME)
-            message.set_body(GLib.Variant("(s)", ("x" * 100_000,)))
-            client.connection.send_message(message, Gio.DBusSendMessageFlags.NONE)
-        assert client.owner()  # the bus has them all
-        assert ctl.fails(BUSY, "buds", "connected").startswith("busy, try again: ")
+        for _ in range(100):  # 200 MB
+            for _ in range(20):
+                message = Gio.DBusMessage.new_signal(SIGNALS_PATH, NAME, "BudsConnected")
+                message.set_destination(NAME)
+                message.set_body(GLib.Variant("(s)", ("x" * 100_000,)))
+                client.connection.send_message(message, Gio.DBusSendMessageFlags.NONE)
+            assert client.owner()  # the bus has them all
+            done = ctl.run("buds", "connected")
+            if done.returncode != DONE:
+                break
+        assert (done.returncode, done.stderr.split(": ")[:2]) == (BUSY, ["kavrelctl", "busy, try again"])
     finally:
         daemon.signal(signal.SIGCONT)
 
@@ -655,32 +657,6 @@ def test_refusal_of_the_bus_has_a_status_of_its_own(refusing, ctl, arguments):
 def test_questions_are_not_refused(refusing, ctl):
     assert ctl("volume") == "10\n"
     assert ctl("status").startswith("volume   10\n")
-
-
-if os.geteuid() == 0:
-    def test_nobody_is_refused_by_the_shipped_policy(scene, ctl, change_bus):
-        change_bus(f'<policy context="default"><deny send_destination="{NAME}"/></policy>'
-                   f"<include>{ROOT / 'data/org.olvane.kavrel.conf'}</include>")
-        daemon = scene.start()
-        scene.folder.chmod(0o755)
-        program = shutil.copy(KAVRELCTL, scene.folder)  # nobody may be unable to reach the original
-
-        def run_as(user, group, *arguments):
-            """Returns the exit status and the errors."""
-            done = subprocess.run(["setpriv", f"--reuid={user}", f"--regid={group}", "--clear-groups", "--", program,
-                                   *arguments], stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False,
-                                  timeout=PATIENCE, env=scene.environment(
-                                      LD_PRELOAD="", TSAN_OPTIONS="report_bugs=0", LSAN_OPTIONS="detect_leaks=0"))
-            return done.returncode, done.stderr
-
-        assert run_as("nobody", "nogroup", "status") == (DONE, "")
-        for arguments in CHANGES:
-            assert run_as("nobody", "nogroup", *arguments) == (NOT_ALLOWED, f"kavrelctl: {NEEDS_RIGHTS}\n"), arguments
-        assert run_as("nobody", "nogroup", "monitor", "--calls") == (
-            NOT_ALLOWED, "kavrelctl: not allowed: only root may see calls\n")
-        for arguments in CHANGES:
-            assert run_as("nobody", "audio", *arguments) == (DONE, ""), arguments
-        daemon.log.wait("Speaker(type:4):x disconnected. Connect to previous(type:0)")
 
 
 # Wrong usage: reported without a call
@@ -1061,7 +1037,7 @@ def rows_of(lines):
 def test_report(daemon, tv, ctl, client, programs):
     programs("systemctl", 'echo "ActiveState=active for $2"')
     programs("journalctl", 'printf "one %s\\n\\033[31mtwo\\377\\n" "$1"')
-    done = ctl.run("report", PATH=str(programs.folder))
+    done = ctl.run("report", "--timeout", str(PATIENCE), PATH=str(programs.folder))
     assert (done.returncode, done.stderr) == (DONE, "")
     parts = parts_of(done.stdout)
     assert list(parts) == ["Versions", "Daemon", "State", "Unit", "Last lines of the log"]
@@ -1096,7 +1072,7 @@ def test_report_without_a_bus_and_with_programs_that_fail(scene, ctl, programs):
     programs("systemctl", "echo 'no systemd here' >&2; exit 1")
     programs("journalctl", "exit 3")
     nobody = f"unix:path={scene.folder}/nobody"
-    done = ctl.run("report", PATH=str(programs.folder), DBUS_SYSTEM_BUS_ADDRESS=nobody)
+    done = ctl.run("report", "--timeout", str(PATIENCE), PATH=str(programs.folder), DBUS_SYSTEM_BUS_ADDRESS=nobody)
     assert (done.returncode, done.stderr) == (DONE, "")
     parts = parts_of(done.stdout)
     no_bus = "missing: no system bus: Could not connect: No such file or directory"
@@ -1112,7 +1088,8 @@ def test_report_waits_for_nothing_that_hangs(stopped, ctl, programs):
     done = ctl.run("report", "--timeout", "0.5", PATH=str(programs.folder))
     assert (done.returncode, done.stderr) == (DONE, "")
     parts = parts_of(done.stdout)
-    assert set(rows_of(parts["State"]).values()) == {"missing: no answer within 0.5 s", "tv, TV speaker (route 0)"}
+    assert [re.sub(" from the bus", "", text) for text in rows_of(parts["State"]).values()] == [
+        *["missing: no answer within 0.5 s"] * 3, "tv, TV speaker (route 0)"]
     assert parts["Last lines of the log"] == ["missing: journalctl did not end within 0.5 s"]
 
 

@@ -22,6 +22,7 @@ from installation import make_users, run_tmpfiles
 from interface import connect, read_methods
 from gi.repository import Gio, GLib
 
+KAVRELCTL = os.environ["KAVRELCTL"]
 POPUP = "org.olvane.kv_popupnoti"
 PEER = "com.norvik.tv.bt.connectionmanager"  # the peer of the emulated Bluetooth speaker
 DENIED = "org.freedesktop.DBus.Error.AccessDenied"
@@ -292,6 +293,22 @@ if os.geteuid() == 0:
         log.wait("Buds Connected. reason:3")
         assert [text for text in log.texts() if text.startswith("Buds Connected")] == [
             "Buds Connected. reason:1", "Buds Connected. reason:3"]
+
+    def test_kavrelctl_says_what_the_bus_refuses(strict):
+        """dbus-broker does not tell even the sender that it has dropped a signal."""
+        log = strict.scene.start().log
+        kavrelctl = strict.copy(KAVRELCTL)
+        refused = (77, "kavrelctl: not allowed: needs root or the group audio\n")
+        dropped = refused if isinstance(strict.scene.bus, Bus) else (0, "")
+        for command, answer in (("volume 30", refused), ("unmute", refused), ("fade player", refused),
+                                ("gain reset", refused), ("pulse 20 100", dropped), ("speaker-gone 4 x", dropped),
+                                ("buds connected 7", dropped)):
+            assert strict.run_as("nobody", kavrelctl, *command.split()) == answer, command
+            assert strict.run_as("audio", kavrelctl, *command.split()) == (0, ""), command
+        log.wait("Buds Connected. reason:7")
+        assert len([text for text in log.texts() if text.startswith("Buds Connected")]) == 1
+        assert strict.run_as("nobody", kavrelctl, "monitor", "--calls") == (
+            77, "kavrelctl: not allowed: only root may see calls\n")
 
     def count_open_files(process):
         """Counts the kinds of files that a message may bring, and none that the process opens for an instant."""

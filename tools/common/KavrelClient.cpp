@@ -360,7 +360,6 @@ Variant KavrelClient::Send(const char* signal, GVariant* body, GError** error) c
     const GLibPtr<GDBusMessage> message(
         g_dbus_message_new_signal(KAVREL_SIGNAL_PATH, KAVREL_INTERFACE, signal));
     g_dbus_message_set_destination(message.get(), KAVREL_NAME);
-    // A bus may keep a refusal to itself if the message says that no reply is expected.
     g_dbus_message_set_flags(message.get(), G_DBUS_MESSAGE_FLAGS_NO_AUTO_START);
     g_dbus_message_set_body(message.get(), body);
 
