@@ -218,7 +218,8 @@ struct KavrelClient::LateAnswer {
 
     static gboolean AskAgain(void* data) {
         auto late = Owned(data);
-        late->client.Ask(std::move(late));
+        KavrelClient& client = late->client;
+        client.Ask(std::move(late));
         return G_SOURCE_REMOVE;
     }
 };

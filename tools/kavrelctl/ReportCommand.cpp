@@ -36,20 +36,14 @@ const std::vector<const char*> JOURNALCTL = {"journalctl", "--unit=kavrel", "--l
 /** Finds out one part of the report. @throws std::exception to say why it is missing */
 using Part = std::function<std::string()>;
 
-/** The part, or why it is missing, safe for a terminal; each line has the margin in front. */
-std::string Found(const Part& part, const std::string& margin) {
-    std::string text;
+/** The part, or why it is missing. */
+std::string TextOf(const Part& part) {
     try {
-        text = part();
+        const std::string text = part();
+        return text.empty() ? "missing: there is nothing" : text;
     } catch (const std::exception& error) {
-        text = std::string("missing: ") + error.what();
+        return std::string("missing: ") + error.what();
     }
-    std::istringstream lines(text);
-    std::string found;
-    for (std::string line; std::getline(lines, line);) {
-        found += margin + tools::Printable(line) + "\n";
-    }
-    return found;
 }
 
 struct Row {
@@ -61,12 +55,16 @@ void PrintRows(const std::string& heading, const std::vector<Row>& rows) {
     tools::PrintLine("\n" + heading);
     for (auto [title, part] : rows) {
         title.resize(TITLE_WIDTH, ' ');
-        tools::Print("  " + title + Found(part, ""));
+        tools::PrintLine("  " + title + tools::Printable(TextOf(part)));
     }
 }
 
 void PrintLines(const std::string& heading, const Part& part) {
-    tools::Print("\n" + heading + "\n" + Found(part, "  "));
+    std::istringstream lines(TextOf(part));
+    tools::PrintLine("\n" + heading);
+    for (std::string line; std::getline(lines, line);) {
+        tools::PrintLine("  " + tools::Printable(line));
+    }
 }
 
 std::string GLibVersion() {
@@ -181,6 +179,7 @@ struct Report {
 private:
     static std::vector<Row> StateRows(Daemon& daemon) {
         std::vector<Row> rows;
+        rows.reserve(PROPERTIES.size() + 1);
         for (const Property property : PROPERTIES) {
             rows.push_back(
                 {NameOf(property), [&daemon, property] { return InWords(property, daemon.Read(property)); }});
