@@ -418,7 +418,7 @@ if os.geteuid() == 0:
         daemon.kill()
         assert tv.has(READY)
         [command] = re.findall("^ExecStopPost=(.*)$", (ROOT / "data/kavrel.service.in").read_text(), re.MULTILINE)
-        command = command.replace("%t", str(installed.root / "run")).replace("%%", "%")
+        command = command.replace("/run/kavrel", str(tv.path)).replace("%%", "%")
         assert installed.run_as("kavrel", *command.split()) == (0, "")
         assert not tv.has(READY)
 
