@@ -33,6 +33,7 @@ using namespace std::chrono_literals;
 
 constexpr auto LONGEST = 60ms;
 constexpr std::uint64_t ONE_IN = 100;  // calls, of which one is held
+constexpr int REST = 2;  // how many times as long as a hold the thread then runs undisturbed, at least
 
 /** How the names of our programs begin: threads of the bus, Python, the shell and the compiler are not held. */
 constexpr std::array<std::string_view, 5> PROGRAMS = {"kavrel", "unit", "component", "fuzz", "host-"};
@@ -40,6 +41,7 @@ constexpr std::array<std::string_view, 5> PROGRAMS = {"kavrel", "unit", "compone
 std::uint64_t seed = 0;  // 0 means that this program runs undisturbed
 std::atomic<std::uint64_t> threads = 0;
 thread_local std::uint64_t state = 0;
+thread_local Clock::time_point next;  // the earliest time of this thread's next hold
 
 /** The n-th number of the sequence that begins with any number: a well mixed one. */
 std::uint64_t Mixed(std::uint64_t number) {
@@ -71,18 +73,23 @@ Clock::duration RandomTime() {
 }
 
 /**
- * Holds the calling thread now and then. The thread stays runnable, like one that gets no processor: the tests
- * take a thread that sleeps in the kernel for one that has nothing to do.
+ * Holds the calling thread now and then, for a third of its time at most. The thread stays runnable, like one
+ * that gets no processor: the tests take a thread that sleeps in the kernel for one that has nothing to do.
  */
 void Shake() {
     if (seed == 0 || Random() % ONE_IN != 0) {
         return;
     }
+    const auto begin = Clock::now();
+    if (begin < next) {
+        return;
+    }
     const int error = errno;
-    const auto end = Clock::now() + RandomTime();
-    while (Clock::now() < end) {
+    const auto time = RandomTime();
+    while (Clock::now() < begin + time) {
         sched_yield();
     }
+    next = begin + time + REST * time;
     errno = error;
 }
 
