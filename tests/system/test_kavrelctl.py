@@ -474,8 +474,8 @@ ANSWERED_COMMANDS = [arguments for arguments in SHORT_COMMANDS
 @pytest.mark.parametrize("arguments", [*ANSWERED_COMMANDS, ["monitor"]], ids=" ".join)
 def test_no_answer_in_time(stopped, ctl, arguments):
     begin = time.monotonic()
-    assert ctl.fails(UNREACHABLE, *arguments, "--timeout", "0.2") == "no answer within 0.2 s"
-    assert time.monotonic() - begin >= 0.2
+    assert ctl.fails(UNREACHABLE, *arguments, "--timeout", "2") == "no answer within 2 s"  # enough to reach the bus
+    assert time.monotonic() - begin >= 2
 
 
 def test_no_answer_from_the_bus_in_time(scene, ctl):
@@ -986,7 +986,9 @@ def test_calls_without_an_answer_are_told(stopped, ctl, client):
     view = ctl.monitor("--calls", "--timeout", "1.5")
     stopped.signal(signal.SIGSTOP)
     client.send("SetSpeakerVolume", "i", 30)
-    assert re.search(r"SetSpeakerVolume\(30\) -> no answer for 1[5-9]\d\d\.\d ms, by ", view.read_line())
+    told = view.read_line()
+    waited = re.search(r"SetSpeakerVolume\(30\) -> no answer for (\d+\.\d) ms, by ", told)
+    assert float(waited[1]) >= 1500, told
 
 
 def test_calls_of_programs_that_end_at_once_are_told(scene, daemon, ctl):
