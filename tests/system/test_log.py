@@ -83,13 +83,18 @@ def trace_of(daemon, after):
             if line.text.startswith(("\t[IN]", "\t[OUT]")) and "KVDbusSender" not in line.text]
 
 
-def test_nested_calls_are_traced_as_nested_pairs(scene, client):
+def start_traced(scene):
+    """Starts a kavreld that logs its traces, and waits until its gain-out worker has no more to trace."""
     daemon = scene.start(KAVREL_LOG="debug")
-    client.get_volume()
-    daemon.log.wait_matching(rf"Called by .*{client.name}/.* size:1")
     asleep = daemon.log.wait("Sleep AudioGainOut")
     daemon.log.wait("Sleep AudioGainOut", asleep.number)  # sleeps again after it wrote the gain of the start
-    daemon.settle()
+    return daemon
+
+
+def test_nested_calls_are_traced_as_nested_pairs(scene, client):
+    daemon = start_traced(scene)
+    client.get_volume()
+    daemon.log.wait_matching(rf"Called by .*{client.name}/.* size:1")
     before = daemon.log.end()
     client.get_volume()
     daemon.log.wait_matching(r"\t\[OUT\].*methodCallHandler\(.*", before)
@@ -108,7 +113,7 @@ def test_nested_calls_are_traced_as_nested_pairs(scene, client):
 
 
 def test_an_early_return_is_traced_to_its_end(scene, client):
-    daemon = scene.start(KAVREL_LOG="debug")
+    daemon = start_traced(scene)
     client.set_volume(101)
     trace = trace_of(daemon, after=-1)
     entered = trace.index("[IN]int NKavrel::VolumeControlImpl::SetTVVolume(int)")
