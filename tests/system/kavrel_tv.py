@@ -1,6 +1,7 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
 """Runs kavrel-tv for the tests, to its end or in the background."""
+import contextlib
 import json
 import os
 import signal
@@ -120,7 +121,8 @@ def assert_idle(pid):
     def switches():
         found = {}
         for task in os.listdir(f"/proc/{pid}/task"):
-            with open(f"/proc/{pid}/task/{task}/status") as status:
+            with (contextlib.suppress(FileNotFoundError, ProcessLookupError),  # the thread has ended
+                  open(f"/proc/{pid}/task/{task}/status") as status):
                 found[task] = [line for line in status if "ctxt_switches" in line]
         return found
 

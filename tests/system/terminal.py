@@ -52,6 +52,13 @@ class Terminal:
         self.output += os.read(self.master, 65536).decode(errors="replace")
         return True
 
+    def _read_rest(self):
+        """Reads all that the program wrote, which the kernel hands over a moment later: up to a mark that follows it."""
+        os.write(self.slave, b"\0")
+        while not self.output.endswith("\0"):
+            assert self._read(PATIENCE), "the terminal hands nothing over"
+        self.output = self.output[:-1]
+
     def wait_until(self, condition, every=PATIENCE):
         """Waits until condition() is true; checks it after each output, and at least every so many seconds."""
         deadline = time.monotonic() + PATIENCE
@@ -66,8 +73,7 @@ class Terminal:
         """Waits for the end and reads all output; returns the exit status."""
         while self.child.poll() is None:
             self._read(0.05)
-        while self._read(0):
-            pass
+        self._read_rest()
         return self.child.returncode
 
     def wait_for_stop(self):
@@ -75,8 +81,7 @@ class Terminal:
         while not os.WIFSTOPPED(os.waitpid(self.child.pid, os.WUNTRACED | os.WNOHANG)[1] or 0):
             assert time.monotonic() < deadline, "it does not stop"
             self._read(0.05)
-        while self._read(0):
-            pass
+        self._read_rest()
 
     def run(self):
         """Waits until the program ends by itself; returns all its output."""

@@ -58,7 +58,7 @@ def pids_and_tv(output):
 def is_running(pid):
     try:
         return Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()[0] not in "ZX"
-    except FileNotFoundError:
+    except (FileNotFoundError, ProcessLookupError):  # the latter if it ends between the opening and the reading
         return False
 
 
