@@ -45,7 +45,7 @@ def rest(daemon):
         while True:
             logged = len(daemon.log.raw_lines())
             if all(sleeps(daemon.log, worker) for worker in SLEEP):
-                # A worker says so before it waits. If nothing is logged until all threads sleep, none has woken again.
+                # A worker logs that before it waits. If nothing is logged until all threads sleep, none has woken again.
                 if daemon.log.end() + 1 == logged:
                     return
             else:
