@@ -26,7 +26,7 @@ FULL_FADE = list(range(0, 101, 5))
 def tool(scene):
     scene.start()
     tool = KavrelTv(scene)
-    tool.devices("--delay", "20")
+    tool.devices("--delay", "200")  # the daemon misses an answer that comes while it is busy with the request
     return tool
 
 
