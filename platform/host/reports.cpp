@@ -214,18 +214,23 @@ std::optional<bool> Reports::ExchangeKnown(const Value& value, std::string_view 
 
 /** @return whether the value was another one; none if it could not be written this way */
 std::optional<bool> Reports::ExchangeText(const Value& value, Followed& followed, std::string_view text) {
-    const Exchange exchange(followed.kept, value);
+    Exchange exchange(followed.kept, value);
     if (exchange.Make(text) != 0) {
         followed.kept.reset();
         return std::nullopt;
     }
-    bool isNews = followed.known != text;
-    if (!TakeOwnNotifications(followed)) {  // which may have forgotten a zone that is gone
-        Wake();
-        std::string replaced;
-        isNews = exchange.ReadReplaced(replaced) == 0 ? replaced != text : isNews;
+    const bool isNews = followed.known != text;
+    if (TakeOwnNotifications(followed)) {
+        return isNews;
     }
-    return exchange.Finish() == 0 ? std::optional(isNews) : std::nullopt;
+    Wake();  // and `followed` may be gone: that of a zone that is gone is forgotten
+    std::string replaced;
+    const int error = exchange.ReadReplaced(replaced);
+    if (error == EISDIR) {
+        exchange.Undo();
+        return std::nullopt;
+    }
+    return error == 0 ? replaced != text : isNews;
 }
 
 /** Wakes the platform thread at each notification from now on, and at once if there is one. */

@@ -230,7 +230,13 @@ std::shared_ptr<const KeptFolder> KeepFolder(const Value& value) {
 Exchange::Exchange(std::shared_ptr<const KeptFolder> kept, const Value& value)
     : m_kept(std::move(kept)), m_value(value), m_own(m_kept->tree->GetOwnFolder()), m_ownName(NextName()) {}
 
-int Exchange::Make(std::string_view text) const {
+Exchange::~Exchange() {
+    if (m_isMade) {
+        unlinkat(m_own->folder.Get(), m_ownName.c_str(), 0);
+    }
+}
+
+int Exchange::Make(std::string_view text) {
     if (!m_own) {
         return EXDEV;
     }
@@ -239,26 +245,15 @@ int Exchange::Make(std::string_view text) const {
     if (!file) {
         return errno;
     }
-    int error = WriteText(file, text, false);
+    m_isMade = true;
+    const int error = WriteText(file, text, false);
     file.Close();  // before it has the value's name: closing it then would be another notification
-    error = error == 0 ? Swap() : error;
-    if (error != 0) {
-        unlinkat(m_own->folder.Get(), m_ownName.c_str(), 0);
-    }
-    return error;
+    return error == 0 ? Swap() : error;
 }
 
 int Exchange::ReadReplaced(std::string& text) const {
     const FileDescriptor file(openat(m_own->folder.Get(), m_ownName.c_str(), TO_READ));
     return ReadFile(file, m_value, text, Empty::UNFINISHED);
-}
-
-int Exchange::Finish() const {
-    if (unlinkat(m_own->folder.Get(), m_ownName.c_str(), 0) == 0 || errno != EISDIR || Swap() != 0) {
-        return 0;
-    }
-    unlinkat(m_own->folder.Get(), m_ownName.c_str(), 0);
-    return EISDIR;
 }
 
 int Exchange::Swap() const {

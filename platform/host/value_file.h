@@ -37,13 +37,17 @@ class Exchange {
 public:
     /** @param kept the value's folder; it is certain to be in its place */
     Exchange(std::shared_ptr<const KeptFolder> kept, const Value& value);
+    /** Removes the replaced file. */
+    ~Exchange();
+    Exchange(const Exchange&) = delete;
+    Exchange& operator=(const Exchange&) = delete;
 
     /** @return the errno, or 0; on failure the value has not changed */
-    int Make(std::string_view text) const;
-    /** Reads the replaced file. @return the errno, or 0 */
+    int Make(std::string_view text);
+    /** Reads the replaced file. @return the errno, or 0; EISDIR: it is a folder */
     int ReadReplaced(std::string& text) const;
-    /** Removes the replaced file, but puts back a folder. @return 0, or EISDIR: then the value has not changed */
-    int Finish() const;
+    /** Puts the replaced file back. */
+    void Undo() const { Swap(); }
 
 private:
     int Swap() const;
@@ -52,6 +56,7 @@ private:
     const Value& m_value;
     const std::shared_ptr<const OwnFolder> m_own;
     const std::string m_ownName;  // of the new file, then of the old one, in the own folder
+    bool m_isMade = false;        // there is a file of that name
 };
 
 /** Writes the value unless it exists. @return the errno, or 0; EEXIST if it exists */
