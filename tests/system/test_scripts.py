@@ -103,6 +103,30 @@ def test_run_needs_the_fewest_packages(shell):
     assert unshared == []
 
 
+MESON = 'mkdir -p "$HERE/build/release" "$HERE/build/test"; echo noise; exit ${FAILS-0}'
+
+
+def test_a_first_build_says_how_long_it_takes_and_shows_progress(shell):
+    done, _ = shell('root=$HERE; build_release', meson=MESON, ninja='echo "[1/70] a step"')
+    assert (done.returncode, done.stdout, done.stderr) == (0, "", "./run: first build: about a minute\n[1/70] a step\n")
+    done, _ = shell('root=$HERE; mkdir -p "$root/build/release/src"; touch "$root/build/release/src/kavreld"; build_release',
+                    meson=MESON, ninja='echo "[1/70] a step"')
+    assert (done.returncode, done.stderr) == (0, "[1/70] a step\n")
+
+
+def test_meson_speaks_only_when_it_fails(shell):
+    done, _ = shell('root=$HERE; export FAILS=1; build test', meson=MESON)
+    assert (done.returncode, done.stdout) == (1, "")
+    assert re.fullmatch(r"./run: meson could not set up \S+/build/test: noise\n", done.stderr)
+
+
+def test_what_lists_the_tests_builds_nothing(shell):
+    done, calls = shell('root=$HERE; set_up test', meson=MESON, ninja="echo a step")
+    assert done.returncode == 0, done.stderr
+    assert [re.sub(r"-j \d+", "-j N", call) for call in calls if call.startswith("ninja")] == [
+        "ninja -n build.ninja", "ninja -j N build.ninja"]
+
+
 # --- the summary --------------------------------------------------------------------------------------------------
 
 GTEST = """\
