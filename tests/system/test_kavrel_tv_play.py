@@ -308,7 +308,9 @@ def test_what_else_happens_is_recorded_by_its_name(tool, tv, tmp_path):
     running.wait_for_complaint("recording until Ctrl-C")
     for command, event in (("zones 1,2", "zone 2 route tv"), ("zone-route 2 usb", "zone 2 route usb"), ("focus 2", "focus 2"),
                            ("popup on", "events/FadeInPopup "), ("popup off", "events/FadeInPopup removed"),
-                           ("zones none", "zone 2 removed"), ("cable out", "settings/memory/sysman/spdif 0")):
+                           ("zones none", "zone 2 removed"), ("cable out", "cable out"), ("mobile on", "mobile on"),
+                           ("projector not-ready", "projector not-ready"), ("sub-bt 2", "sub-bt 2"), ("multiview on", "multiview on"),
+                           ("key db/some/text hello", "settings/db/some/text hello")):
         tool(*command.split())
         wait_until_recorded(path, lambda rows, event=event: any(row[-1].startswith(event) for row in rows))
     assert running.end() == (0, ["kavrel-tv: recording until Ctrl-C"])

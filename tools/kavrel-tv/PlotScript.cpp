@@ -41,7 +41,7 @@ constexpr const char* SETTINGS = R"(
 set encoding utf8
 set grid xtics ytics linetype 1 linecolor rgb '#e0e0e0'
 set lmargin at screen 0.12
-set rmargin at screen 0.97
+set rmargin at screen 0.9
 set format x ''
 )";
 
@@ -253,7 +253,7 @@ std::string Terminal(PictureType type, int height) {
 void AddPanel(std::ostream& script, const Panel& panel, double top, double bottom, double legend) {
     const std::string plots = panel.plots.empty() ? "NaN notitle" : tools::Joined(panel.plots, ", ");
     script << "set tmargin at screen " << top << "\nset bmargin at screen " << bottom << '\n'
-           << panel.settings << "set key at screen 0.545," << legend << " center horizontal maxrows 1\n"
+           << panel.settings << "set key at screen 0.51," << legend << " center horizontal maxrows 1\n"
            << "plot " << plots << '\n';
 }
 

@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <fstream>
 #include <map>
@@ -51,6 +52,11 @@ bool HasColumn(const std::string& path) {
 std::map<std::string, std::string> NamesOfPaths() {
     std::map<std::string, std::string> names = {{host::ROUTE.path, "route"},
                                                 {host::FOCUS.path, "focus"},
+                                                {host::MULTIVIEW_INFO.path, "multiview"},
+                                                {host::OPTICAL_CABLE.path, "cable"},
+                                                {host::MOBILE_MIRRORING.path, "mobile"},
+                                                {host::PROJECTOR_READY.path, "projector"},
+                                                {host::SUB_BLUETOOTH_ZONE.path, "sub-bt"},
                                                 {host::LEVEL_REQUEST.path, "level request"},
                                                 {host::MUTE_REQUEST.path, "mute request"}};
     for (const DeviceKind& kind : DeviceKinds()) {
@@ -78,9 +84,23 @@ std::string NameOf(const std::string& path) {
     return name;
 }
 
+/** The present value, in the word of a verb if there is one. */
 std::string ValueOf(const std::string& path) {
-    if (const Integer route = ReadInteger({path, host::ANY_INTEGER}); route && path.ends_with("/route")) {
-        return std::string(NameOfRoute(route.value));
+    static const std::map<std::string, std::array<const char*, 2>> SWITCHES = {
+        {host::OPTICAL_CABLE.path, {"out", "in"}},
+        {host::MOBILE_MIRRORING.path, {"off", "on"}},
+        {host::PROJECTOR_READY.path, {"not-ready", "ready"}}};
+    if (path == host::MULTIVIEW_INFO.path) {
+        const Json::Value mode = ReadMultiviewInfo()["mode"];
+        return mode.isString() ? mode.asString() : "unreadable";
+    }
+    const Integer number = ReadInteger({path, host::ANY_INTEGER});
+    if (number && path.ends_with("/route")) {
+        return NameOrCodeOfRoute(number.value);
+    }
+    const auto words = SWITCHES.find(path);
+    if (number && words != SWITCHES.end() && (number.value == 0 || number.value == 1)) {
+        return words->second.at(static_cast<std::size_t>(number.value));
     }
     std::string text;
     return host::Read({path, host::TEXT}, text) ? "unreadable" : text;
