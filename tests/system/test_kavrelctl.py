@@ -460,7 +460,7 @@ def test_no_daemon(ctl, arguments):
 def test_no_bus(scene, ctl, arguments):
     nobody = f"unix:path={scene.folder}/nobody"
     complaint = ctl.fails(UNREACHABLE, *arguments, DBUS_SYSTEM_BUS_ADDRESS=nobody)
-    assert complaint == "no system bus: Could not connect: No such file or directory"
+    assert complaint == f"no system bus: Could not connect: No such file or directory; DBUS_SYSTEM_BUS_ADDRESS names {nobody}"
 
 
 def test_nonsense_for_a_bus_address(ctl):
@@ -1077,7 +1077,7 @@ def test_report_without_a_bus_and_with_programs_that_fail(scene, ctl, programs):
     done = ctl.run("report", "--timeout", str(PATIENCE), PATH=str(programs.folder), DBUS_SYSTEM_BUS_ADDRESS=nobody)
     assert (done.returncode, done.stderr) == (DONE, "")
     parts = parts_of(done.stdout)
-    no_bus = "missing: no system bus: Could not connect: No such file or directory"
+    no_bus = f"missing: no system bus: Could not connect: No such file or directory; DBUS_SYSTEM_BUS_ADDRESS names {nobody}"
     assert rows_of(parts["Versions"])["kavreld"] == "9.8.7 (the one in PATH)"
     assert rows_of(parts["Daemon"])["bus"] == nobody
     assert rows_of(parts["Daemon"])["owner of name"] == rows_of(parts["State"])["volume"] == no_bus

@@ -3,6 +3,7 @@
 #include "KavrelClient.h"
 
 #include <array>
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <thread>
@@ -122,12 +123,20 @@ GLibPtr<GDBusConnection> ConnectTo(const char* address, Timeout timeout, GError*
     return connection;
 }
 
+/** Names the address from the environment, which may be that of a bus that has ended. */
+ToolError NoSystemBus(const GError* error) {
+    const char* const address = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
+    const std::string given =
+        address != nullptr ? "; DBUS_SYSTEM_BUS_ADDRESS names " + Printable(address) : std::string();
+    return {EXIT_UNREACHABLE, "no system bus: " + Message(error) + given};
+}
+
 /** @throws ToolError if there is no bus, or it does not answer in time */
 GLibPtr<GDBusConnection> ConnectToSystemBus(Timeout timeout, Pauses pauses) {
     GLibError noAddress;
     const GLibPtr<char> address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, noAddress));
     if (address == nullptr) {
-        throw ToolError(EXIT_UNREACHABLE, "no system bus: " + Message(noAddress.Get()));
+        throw NoSystemBus(noAddress.Get());
     }
     for (auto pause = pauses.begin();; ++pause) {
         GLibError error;
@@ -136,7 +145,7 @@ GLibPtr<GDBusConnection> ConnectToSystemBus(Timeout timeout, Pauses pauses) {
             return connection;
         }
         if (!IsBusy(error.Get())) {
-            throw ToolError(EXIT_UNREACHABLE, "no system bus: " + Message(error.Get()));
+            throw NoSystemBus(error.Get());
         }
         if (pause == pauses.end()) {
             throw AsToolError(error.Get(), timeout);
