@@ -107,7 +107,19 @@ join_scene() {
     exec bash -c 'exec "$@"' "$me" "$@"
 }
 
-# Refuses a KAVREL_TV_DIR that another ./run uses, or that has gone with its ./run.
+# is_new FOLDER: whether nobody has filled this folder with a TV yet. As the daemon does, this overlooks hidden files, and
+# the link settings/db if there are no settings.
+is_new() {
+    local values
+    values=$(cd "$1" && find . -mindepth 1 -maxdepth 2 -name '.*' -prune -o -path ./settings -type d \
+        -o -path ./settings/db -type l -o -print -quit) && [ -z "$values" ]
+}
+
+# is_tv FOLDER: whether kavrel-tv takes this folder for a TV, or the daemon makes one of it.
+is_tv() { [ -e "$1/sound" ] || [ -f "$1/.filling" ] || is_new "$1"; }
+
+# Refuses a KAVREL_TV_DIR that another ./run uses, that has gone with its ./run, or that is something else than a TV: this
+# ./run would remove files there.
 check_tv() {
     find_running
     if find_scene of_tv "$KAVREL_TV_DIR"; then
@@ -118,5 +130,9 @@ check_tv() {
         say "KAVREL_TV_DIR names the TV of a ./run that has ended: $KAVREL_TV_DIR"
         say "./run --join joins one that is running; for a new TV, first: unset KAVREL_TV_DIR DBUS_SYSTEM_BUS_ADDRESS"
         exit 1
+    elif [ -e "$KAVREL_TV_DIR" ] && [ ! -d "$KAVREL_TV_DIR" ]; then
+        die "KAVREL_TV_DIR names no directory: $KAVREL_TV_DIR"
+    elif [ -e "$KAVREL_TV_DIR" ] && ! is_tv "$KAVREL_TV_DIR"; then
+        die "KAVREL_TV_DIR names a directory that is neither empty nor a TV: $KAVREL_TV_DIR"
     fi
 }

@@ -245,6 +245,7 @@ def test_a_given_tv_is_kept_after_its_memory_settings_are_removed(tmp_path):
     for key in ("memory/sysman/spdif", "memory/.hidden", "db/usbsound/volume_level"):
         (tv / "settings" / key).parent.mkdir(parents=True, exist_ok=True)
         (tv / "settings" / key).write_text("1\n")
+    (tv / "sound").mkdir()
     (tv / "audio").mkdir()
     (tv / "audio/master_volume").write_text("77\n")
     code, output, _ = run(*GET_VOLUME, KAVREL_TV_DIR=str(tv))
@@ -258,6 +259,50 @@ def test_a_given_tv_that_does_not_exist_is_made(tmp_path):
     code, output, _ = run(*GET_VOLUME, KAVREL_TV_DIR="a tv", cwd=tmp_path)
     assert (code, output) == (0, "(10, 0)\n")
     assert (tmp_path / "a tv/audio/master_volume").read_text() == "10\n"
+
+
+def make_files(folder, *names):
+    """Makes a file for each name, or for "LINK -> TARGET" a link."""
+    for name in names:
+        path, _, target = name.partition(" -> ")
+        (folder / path).parent.mkdir(parents=True, exist_ok=True)
+        if target:
+            (folder / path).symlink_to(target)
+        else:
+            (folder / path).write_text("1\n")
+
+
+@pytest.mark.parametrize("names", [
+    (".hidden", "settings/db -> ../../database"), (".filling", "settings/db/x", "audio/master_mute")], ids=" ".join)
+def test_a_given_tv_that_is_not_filled_yet_is_filled(tmp_path, names):
+    (tmp_path / "database").mkdir()
+    make_files(tmp_path / "tv", *names)
+    code, output, _ = run(*GET_VOLUME, KAVREL_TV_DIR=str(tmp_path / "tv"))
+    assert (code, output) == (0, "(10, 0)\n")
+    assert (tmp_path / "tv/sound/route").read_text() == "0\n"
+
+
+def state_of(folder):
+    return sorted((str(path), path.lstat().st_mtime_ns) for path in [folder, *folder.rglob("*")])
+
+
+@pytest.mark.parametrize("names", [
+    ("settings/memory/photo",), ("notes", "settings/memory/photo"), ("settings/db -> ../..", "settings/memory/photo"),
+    ("settings/db/photo",), ("settings -> ..",), (".filling/x", "settings/memory/photo"), ("settings",)], ids=" ".join)
+def test_a_directory_that_is_no_tv_is_refused_and_left_as_it_is(tmp_path, names):
+    folder = tmp_path / "my files"
+    make_files(folder, *names)
+    before = state_of(tmp_path)
+    assert run("true", KAVREL_TV_DIR=str(folder)) == (
+        1, "", f"./run: KAVREL_TV_DIR names a directory that is neither empty nor a TV: {folder}\n")
+    assert state_of(tmp_path) == before
+
+
+def test_a_file_is_refused_as_a_tv(tmp_path):
+    file = tmp_path / "a file"
+    file.write_text("text\n")
+    assert run("true", KAVREL_TV_DIR=str(file)) == (1, "", f"./run: KAVREL_TV_DIR names no directory: {file}\n")
+    assert file.read_text() == "text\n"
 
 
 def test_two_at_once_share_nothing(start):
