@@ -18,6 +18,7 @@ die() {
 
 # A command or a file of each Debian package: looking for that takes no time, asking dpkg does.
 declare -A proof=(
+    [build-essential]=/usr/share/build-essential/list
     [clang]=clang++
     [clang-format]=clang-format
     [clang-tidy]=clang-tidy
@@ -52,7 +53,7 @@ to_build=(g++ meson ninja-build pkg-config libglib2.0-dev libjsoncpp-dev libcli1
 to_run=("${to_build[@]}" dbus-daemon libglib2.0-bin systemd)
 to_test=("${to_run[@]}" dbus-broker libgtest-dev libgmock-dev python3-gi python3-pytest gnuplot-nox strace)
 to_bench=("${to_run[@]}" libbenchmark-dev python3 strace)
-to_package=("${to_build[@]}" debhelper dpkg-dev lintian lowdown mandoc mmdebstrap python3-gi python3-pytest)
+to_package=("${to_build[@]}" build-essential debhelper dpkg-dev lintian lowdown mandoc mmdebstrap python3-gi python3-pytest)
 to_lint=("${to_test[@]}" libbenchmark-dev clang clang-format clang-tidy shellcheck)
 
 is_there() {
