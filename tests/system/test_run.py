@@ -215,7 +215,7 @@ def test_the_end_of_the_daemon_is_reported_and_run_exits_with_the_commands_statu
     code, output, errors = run("sh", "-c", f"{PIDS}\nkill -KILL $(busctl --system status org.olvane.kavrel |"
                                            " sed -n s/^PID=//p); gdbus wait --system --timeout 1 nobody.owns.this; exit 5")
     assert code == 5
-    assert "kavreld has ended (status 137). The end of its log:" in errors
+    assert errors.startswith("./run: kavreld has ended (status 137). The end of its log:\n")
     assert "main.cpp: main(" in kept_log(errors)
     assert_nothing_is_left(*pids_and_tv(output))
 
@@ -499,7 +499,7 @@ def test_alone_a_signal_ends_everything(start, number):
     assert_nothing_is_left(*found)
 
 
-@pytest.mark.parametrize("which, message", [(0, "kavreld has ended (status 137). The end of its log:"),
+@pytest.mark.parametrize("which, message", [(0, "./run: kavreld has ended (status 137). The end of its log:\n"),
                                             (1, "./run: the bus has ended\n")], ids=["daemon", "bus"])
 def test_alone_the_end_of_one_program_ends_everything(start, which, message):
     process = start()
@@ -508,18 +508,20 @@ def test_alone_the_end_of_one_program_ends_everything(start, which, message):
     status, errors = process.wait()
     assert status == 1
     assert message in errors
+    assert "Killed" not in errors  # as bash itself would say
     assert "main.cpp: main(" in kept_log(errors)
     assert_nothing_is_left(*found)
 
 
-def test_a_daemon_that_does_not_start_is_reported(tmp_path):
+@pytest.mark.parametrize("end, status", [("exit 3", 3), ("kill -KILL $$", 128 + 9)])
+def test_a_daemon_that_does_not_start_is_reported(tmp_path, end, status):
     (tmp_path / "src").mkdir()
     broken = tmp_path / "src/kavreld"
-    broken.write_text("#!/bin/sh\necho 'E cannot' >&2\nexit 3\n")
+    broken.write_text(f"#!/bin/sh\necho 'E cannot' >&2\n{end}\n")
     broken.chmod(0o755)
     code, output, errors = run("true", KAVREL_BUILD=str(tmp_path))
     assert (code, output) == (1, "")
-    assert "kavreld has ended (status 3)" in errors
+    assert errors.startswith(f"./run: kavreld has ended (status {status}). The end of its log:\nE cannot\n")
     assert kept_log(errors) == "E cannot\n"
 
 
