@@ -93,9 +93,24 @@ choose_scene() {
     exit 1
 }
 
+# check_command COMMAND CALL: refuses a COMMAND that does not exist, and names the tool that has a command of this name.
+# CALL is the part of the command line before COMMAND, such as ./run --join.
+check_command() {
+    local tool hint=
+    if type -P -- "$1" >/dev/null || [[ $1 == */* && -e $1 ]]; then
+        return
+    fi
+    for tool in kavrel-tv kavrelctl; do
+        ! "$tool" help "$1" >/dev/null 2>&1 || hint="; did you mean $2 $tool $1?"
+    done
+    say "there is no command $1$hint"
+    exit 127
+}
+
 # join_scene PID [COMMAND [ARGS...]]: becomes COMMAND, or a shell, in the scene.
 join_scene() {
     choose_scene "$1"
+    local call="./run --join${1:+=$1}"
     shift
     export DBUS_SYSTEM_BUS_ADDRESS=$of_address KAVREL_TV_DIR=$of_tv PATH=$of_tools:$PATH
     [ -z "$of_installer" ] || export KAVREL_INSTALL=$of_installer
@@ -103,6 +118,8 @@ join_scene() {
         [ ! -t 0 ] || say "a shell with kavrelctl and kavrel-tv; exit leaves it"
         export debian_chroot=kavrel # Debian's prompt shows this word
         set -- "${SHELL:-bash}"
+    else
+        check_command "$1" "$call"
     fi
     exec bash -c 'exec "$@"' "$me" "$@"
 }

@@ -165,11 +165,24 @@ def test_run_exits_with_a_failed_commands_status_and_keeps_no_log(script, status
     assert list(tmp_path.iterdir()) == []
 
 
-@pytest.mark.parametrize("name, status", [("no-such-command", 127), ("no=such=command", 127), ("/etc/passwd", 126)])
-def test_a_command_that_cannot_start_is_reported(name, status):
-    code, output, errors = run(name)
-    assert (code, output) == (status, "")
-    assert re.fullmatch(f"(./run: line 1: (exec: )?{name}: .*\n)+", errors)
+NO_COMMANDS = [("no-such-command", None), ("no=such=command", None), ("/no/such/command", None),
+               ("status", "kavrelctl"), ("volume", "kavrelctl"), ("zone-route", "kavrel-tv")]
+
+
+def no_command(name, tool, call):
+    return f"./run: there is no command {name}" + (f"; did you mean {call} {tool} {name}?\n" if tool else "\n")
+
+
+@pytest.mark.parametrize("name, tool", NO_COMMANDS)
+def test_a_command_that_does_not_exist_is_refused(name, tool, tmp_path):
+    assert run(name, "30", TMPDIR=str(tmp_path), KAVREL_SCENES=str(tmp_path)) == (127, "", no_command(name, tool, "./run"))
+    assert list(tmp_path.iterdir()) == []
+
+
+def test_a_command_that_cannot_start_is_reported():
+    code, output, errors = run("/etc/passwd")
+    assert (code, output) == (126, "")
+    assert re.fullmatch("(./run: line 1: (exec: )?/etc/passwd: .*\n)+", errors)
 
 
 def test_the_devices_never_block_on_their_output():
@@ -426,6 +439,14 @@ def test_a_joined_command_has_input_folder_arguments_and_exit_status_of_its_own(
     script = 'pwd; cat; printf "%s|" "$@"; exit 5'
     assert run("--join", "sh", "-c", script, "sh", "a b", "", KAVREL_SCENES=scenes, cwd=tmp_path, input="text\n") == (
         5, f"{tmp_path}\ntext\na b||", "")
+
+
+def test_a_command_that_does_not_exist_does_not_join(scenes, start):
+    process = start("sh", "-c", "echo ready; exec sleep 1000", KAVREL_SCENES=scenes)
+    process.read_until("ready")
+    for call in ("--join", f"--join={process.process.pid}"):
+        for name, tool in NO_COMMANDS:
+            assert run(call, name, "30", KAVREL_SCENES=scenes) == (127, "", no_command(name, tool, f"./run {call}"))
 
 
 def test_without_a_scene_there_is_nothing_to_join(scenes):
