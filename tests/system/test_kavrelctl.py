@@ -467,6 +467,11 @@ def test_nonsense_for_a_bus_address(ctl):
     assert ctl.fails(UNREACHABLE, "status", DBUS_SYSTEM_BUS_ADDRESS="nonsense").startswith("no system bus: ")
 
 
+def test_empty_bus_address_is_named(ctl):
+    assert ctl.fails(UNREACHABLE, "status", DBUS_SYSTEM_BUS_ADDRESS="") == (
+        "no system bus: DBUS_SYSTEM_BUS_ADDRESS is empty; unset it to use the system's bus")
+
+
 ANSWERED_COMMANDS = [arguments for arguments in SHORT_COMMANDS
                      if arguments[0] not in ("pulse", "buds", "speaker-gone")]
 
@@ -672,7 +677,10 @@ NO_VOLUME = ("VOLUME: {} is not N, N%, +N, -N, N%+ or N%- with N from 0 to 21474
     (["stauts"], 'no such command: "stauts" (did you mean "status"?); see kavrelctl --help'),
     (["vol"], 'no such command: "vol" (did you mean "volume"?); see kavrelctl --help'),
     (["monitr", "--json"], 'no such command: "monitr" (did you mean "monitor"?); see kavrelctl --help'),
-    (["umute"], 'no such command: "umute" (did you mean "mute"?); see kavrelctl --help'),
+    (["umute"], 'no such command: "umute" (did you mean "unmute"?); see kavrelctl --help'),
+    (["UNMUTE"], 'no such command: "UNMUTE" (did you mean "unmute"?); see kavrelctl --help'),
+    (["MUTE", "on"], 'no such command: "MUTE" (did you mean "mute"?); see kavrelctl --help'),
+    ([""], 'no such command: ""; see kavrelctl --help'),
     (["Status"], 'no such command: "Status" (did you mean "status"?); see kavrelctl --help'),
     (["help", "bogus"], 'no such command: "bogus"; see kavrelctl help --help'),
     (["help", "fad"], 'no such command: "fad" (did you mean "fade"?); see kavrelctl help --help'),
@@ -703,7 +711,7 @@ NO_VOLUME = ("VOLUME: {} is not N, N%, +N, -N, N%+ or N%- with N from 0 to 21474
     (["fade", "pulse"], 'SOURCE: "pulse" is not one of player, unmute; see kavrelctl fade --help'),
     (["fade", "player", "left"], 'OUTPUT: "left" is not one of main, sub, both; see kavrelctl fade --help'),
     (["gain"], "a command is missing; see kavrelctl gain --help"),
-    (["gain", "set"], 'no such command: "set" (did you mean "reset"?); see kavrelctl gain --help'),
+    (["gain", "set"], 'no such command: "set"; see kavrelctl gain --help'),
     (["gain", "reset", "left"], 'OUTPUT: "left" is not one of main, sub, both; see kavrelctl gain reset --help'),
     (["gain", "on-mute"], "GAIN is required; see kavrelctl gain on-mute --help"),
     (["gain", "on-mute", "101"], 'GAIN: "101" is not a whole number from 0 to 100; '
@@ -719,8 +727,10 @@ NO_VOLUME = ("VOLUME: {} is not N, N%, +N, -N, N%+ or N%- with N from 0 to 21474
     (["buds", "lost"], 'EVENT: "lost" is not one of connected, disconnected; see kavrelctl buds --help'),
     (["buds", "connected", "x"], 'REASON: "x" is not a whole number of 32 bits; see kavrelctl buds --help'),
     (["speaker-gone", "4"], "NAME is required; see kavrelctl speaker-gone --help"),
-    (["speaker-gone", "hdmi?", "x"], 'TYPE: "hdmi?" is not a whole number of 32 bits; '
-                                    'see kavrelctl speaker-gone --help'),
+    (["speaker-gone", "hdmii", "x"], 'TYPE: "hdmii" is neither the name of a route nor an integer of 32 bits; '
+                                     'see kavrelctl speaker-gone --help'),
+    (["speaker-gone", "2147483648", "x"], 'TYPE: "2147483648" is neither the name of a route nor an integer of 32 bits; '
+                                          'see kavrelctl speaker-gone --help'),
     (["speaker-gone", "4", b"\xff"], 'NAME: "?" is not UTF-8 text; see kavrelctl speaker-gone --help'),
     (["wait", "x"], 'unexpected argument "x"; see kavrelctl wait --help'),
     (["monitor", "--color"], 'unexpected argument "--color"; see kavrelctl monitor --help'),

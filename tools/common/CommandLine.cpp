@@ -84,18 +84,28 @@ std::vector<const CLI::App*> CommandsOf(const CLI::App& parent) {
     return parent.get_subcommands([](const CLI::App*) { return true; });
 }
 
-/** Names the command that the word begins, or the one that it most resembles, if there is one. */
-std::string NoSuchCommand(const CLI::App& parent, const std::string& word) {
-    size_t limit = word.size() / 3 + 1;
+/** The command that the word in lower case begins, or the one that it most resembles; empty if there is none. Of two
+ *  that resemble it as much it is the longer one: "umute" lacks a letter of "unmute", and has none too many. */
+std::string NearestCommand(const CLI::App& parent, const std::string& word) {
+    size_t limit = word.size() / 3;
     std::string nearest;
     for (const CLI::App* command : CommandsOf(parent)) {
         const std::string& name = command->get_name();
-        const size_t distance = word.size() > 1 && name.starts_with(word) ? 0 : Distance(word, name);
-        if (distance < limit || (distance == limit && nearest.empty())) {
+        if (word.size() > 1 && name.starts_with(word)) {
+            return name;
+        }
+        const size_t distance = Distance(word, name);
+        if (distance < limit || (distance == limit && name.size() > nearest.size())) {
             limit = distance;
             nearest = name;
         }
     }
+    return nearest;
+}
+
+std::string NoSuchCommand(const CLI::App& parent, const std::string& word) {
+    const GLibPtr<char> lower(g_ascii_strdown(word.c_str(), -1));
+    const std::string nearest = NearestCommand(parent, lower.get());
     return "no such command: " + Quoted(word) +
            (nearest.empty() ? "" : " (did you mean " + Quoted(nearest) + "?)");
 }
@@ -229,7 +239,7 @@ std::string CommandLine::Explained(const CLI::ParseError& error) const {
     const auto unexpected = m_app.remaining(true);
     if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr && !unexpected.empty()) {
         const CLI::App& last = *Given().back();
-        const bool isCommand = unexpected.front().front() != '-' && !CommandsOf(last).empty();
+        const bool isCommand = !unexpected.front().starts_with('-') && !CommandsOf(last).empty();
         return isCommand ? NoSuchCommand(last, unexpected.front())
                          : "unexpected argument " + Quoted(unexpected.front());
     }

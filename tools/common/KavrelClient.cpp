@@ -126,9 +126,13 @@ GLibPtr<GDBusConnection> ConnectTo(const char* address, Timeout timeout, GError*
 /** Names the address from the environment, which may be that of a bus that has ended. */
 ToolError NoSystemBus(const GError* error) {
     const char* const address = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
-    const std::string given =
-        address != nullptr ? "; DBUS_SYSTEM_BUS_ADDRESS names " + Printable(address) : std::string();
-    return {EXIT_UNREACHABLE, "no system bus: " + Message(error) + given};
+    std::string line = "no system bus: " + Message(error);
+    if (address != nullptr && *address == '\0') {
+        line = "no system bus: DBUS_SYSTEM_BUS_ADDRESS is empty; unset it to use the system's bus";
+    } else if (address != nullptr) {
+        line += "; DBUS_SYSTEM_BUS_ADDRESS names " + Printable(address);
+    }
+    return {EXIT_UNREACHABLE, line};
 }
 
 /** @throws ToolError if there is no bus, or it does not answer in time */

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 #include "Scenario.h"
 
+#include <directory.h>
 #include <glib.h>
 
 #include <algorithm>
@@ -20,6 +21,7 @@ namespace tv {
 namespace {
 
 constexpr double LONGEST = 86400;  // seconds
+constexpr int HIGHEST_GAIN = 100;
 
 /** Splits as a shell does, with quotes and with comments behind "#". */
 Words Split(const std::string& line) {
@@ -147,7 +149,10 @@ void AddOptions(CLI::App& line, Pause& step) {
 }
 
 void AddOptions(CLI::App& line, ExpectValue& step) {
-    line.add_option("PATH", step.path)->required();
+    const auto check = [](const std::string& path) {
+        return host::IsKey(path) ? "" : tools::Quoted(path) + " is not a path below the TV directory";
+    };
+    line.add_option("PATH", step.path)->required()->check(CLI::Validator(check, ""));
     line.add_option("TEXT", step.text)->required();
 }
 
@@ -164,7 +169,7 @@ void AddOptions(CLI::App& line, ExpectOutput& step) {
 
 void AddOptions(CLI::App& line, ExpectGain& step) {
     AddGainOutput(line, step.output);
-    line.add_option("PERCENT", step.gain)->required()->transform(tools::WholeNumber());
+    line.add_option("PERCENT", step.gain)->required()->transform(tools::WholeNumber(0, HIGHEST_GAIN));
 }
 
 void AddOptions(CLI::App& line, ExpectFade& step) {

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 #include "Errors.h"
 #include "MainLoop.h"
+#include "Print.h"
 #include "Routes.h"
 #include "Tool.h"
 
@@ -30,10 +31,13 @@ struct Buds {
 /** Accepts any code, and the names that kavrel-tv gives to routes. */
 CLI::Validator RouteOrCode() {
     const auto check = [](std::string& text) -> std::string {
-        if (const auto code = tv::CodeOfRoute(text)) {
-            text = std::to_string(*code);
+        const auto named = tv::CodeOfRoute(text);
+        const auto code = named ? named : tools::Parsed<int>(text);
+        if (!code) {
+            return tools::Quoted(text) + " is neither the name of a route nor an integer of 32 bits";
         }
-        return tools::WholeNumber()(text);
+        text = std::to_string(*code);
+        return {};
     };
     return {check, ""};
 }
