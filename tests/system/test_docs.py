@@ -159,6 +159,13 @@ class Shell:
         return subprocess.Popen(words, cwd=self.folder, env=self.environment, stdin=subprocess.DEVNULL, text=True,
                                 stdout=subprocess.PIPE, stderr=subprocess.STDOUT, start_new_session=True)
 
+    def run(self, command, pattern):
+        """Runs a command until it ends by itself; its whole output must match the pattern."""
+        process = self.start(command)
+        output = process.communicate(timeout=PATIENCE)[0]
+        assert re.fullmatch(pattern, output), output
+        assert process.returncode == 0
+
     def begin(self, command, pattern):
         """Starts a command and returns it once its output begins with the pattern."""
         process = self.start(command)
@@ -181,21 +188,22 @@ class Shell:
 
 @pytest.fixture(scope="module")
 def shell():
-    """A shell beside a plain ./run, which all commands share."""
+    """A shell beside a plain ./run, which all commands share. The TV's volume is 30, and an HDMI receiver plays."""
     with tempfile.TemporaryDirectory(dir="/dev/shm", prefix="kavrel-test.") as folder:
         it = Shell(folder)
         daemon = it.begin("./run", RUN_UNTIL_CTRL_C["./run"])
-        yield it
-        assert it.end(daemon)[0] == 0
+        try:
+            (it.folder / "begin.txt").write_text("call SetSpeakerVolume 30 -> 0\nroute hdmi\nexpect output hdmi\n")
+            it.run("kavrel-tv play begin.txt", r"(  ok  .*\n){3}")
+            yield it
+        finally:
+            assert it.end(daemon)[0] == 0
 
 
 @pytest.mark.parametrize("command", [command for command in COMMANDS if command in {**RUN, **RUN_UNTIL_CTRL_C} and command != "./run"])
 def test_command(shell, command):
     if command in RUN:
-        process = shell.start(command)
-        output = process.communicate(timeout=PATIENCE)[0]
-        assert re.fullmatch(RUN[command], output), output
-        assert process.returncode == 0
+        shell.run(command, RUN[command])
     else:
         assert shell.end(shell.begin(command, RUN_UNTIL_CTRL_C[command]))[0] == 0
     if command in WRITES:
