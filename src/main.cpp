@@ -34,8 +34,10 @@ Environment of a TV in a directory:
 void LimitHeaps() {
     constexpr int HEAPS_MAX = 2;
     constexpr int LARGE = 128 * 1024;  // in bytes; without a fixed bound each larger block raises it
+    // NOLINTBEGIN(concurrency-mt-unsafe): there is one thread yet
     mallopt(M_ARENA_MAX, HEAPS_MAX);
     mallopt(M_MMAP_THRESHOLD, LARGE);
+    // NOLINTEND(concurrency-mt-unsafe)
 }
 
 /** @return the exit status of an answer on standard output: 1 if it could not be written */

@@ -24,7 +24,8 @@ namespace fs = std::filesystem;
 namespace host {
 namespace {
 
-constexpr int TO_READ = O_RDONLY | O_NONBLOCK;  // a FIFO must not make the reader wait
+/** Neither does a FIFO make the reader wait, nor does a terminal become the process's own. */
+constexpr int TO_READ = O_RDONLY | O_NONBLOCK | O_NOCTTY;
 
 std::string Describe(int number) {
     switch (number) {

@@ -3,6 +3,7 @@
 #include "reports.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -31,6 +32,9 @@ constexpr std::uint32_t FINISHED = IN_CLOSE_WRITE | IN_MOVED_TO;
 constexpr std::uint32_t WATCHED =
     FINISHED | IN_MOVED_FROM | IN_CREATE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 constexpr std::uint32_t MOVED_GROUND = IN_Q_OVERFLOW | IN_ISDIR | IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT;
+
+/** The kernel shows a change of it once to each that has it open. */
+constexpr const char* MOUNTS = "/proc/self/mountinfo";
 
 constexpr int RETRY_MILLISECONDS = 1000;
 constexpr std::size_t MOST_GONE_ZONES = 64;  // whose last routes are remembered
@@ -114,6 +118,7 @@ Error Reports::Add(const Value& value, Handler handler, int& id) {
         std::string text;
         if (followed.value.topic == value.topic && !Read(followed.value, text)) {
             followed.known = text;
+            followed.isSure = true;
         }
     }
     return {};
@@ -177,16 +182,18 @@ Reports::Followed& Reports::FollowedOf(const Value& value) {
 
 /** Whether the last value known is the present one, and what is kept of folders is in its place. */
 bool Reports::IsCertain(const Followed& followed) {
-    if (followed.watch < 0 || !followed.known || !m_pending.empty()) {
+    if (followed.watch < 0 || !followed.isSure || !m_pending.empty() || m_haveMountsMoved ||
+        !m_writersMounts) {
         return false;
     }
-    Events events{};
-    const int count = epoll_wait(m_epoll.Get(), events.data(), events.size(), 0);
-    if (Has(events, count, m_mounts)) {  // which the kernel shows only once
+    std::array<pollfd, 3> files = {
+        {{m_wake.Get(), POLLIN, 0}, {m_inotify.Get(), POLLIN, 0}, {m_writersMounts.Get(), POLLPRI, 0}}};
+    const int count = poll(files.data(), files.size(), 0);
+    if (files.back().revents != 0) {  // which the kernel shows only once
         m_haveMountsMoved = true;
         Wake();
     }
-    return count == 0 && !m_haveMountsMoved;
+    return count == 0;
 }
 
 /**
@@ -276,7 +283,8 @@ Error Reports::Start() {
     if (!WaitFor(wake, EPOLLIN)) {
         return MakeError("watch", "the TV", errno);
     }
-    m_mounts = FileDescriptor(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
+    m_mounts = FileDescriptor(open(MOUNTS, O_RDONLY | O_CLOEXEC));
+    m_writersMounts = FileDescriptor(open(MOUNTS, O_RDONLY | O_CLOEXEC));
     WaitFor(m_mounts, EPOLLPRI);
     m_wake = std::move(wake);
     try {
@@ -322,11 +330,7 @@ int Reports::Take(bool haveMountsMoved) {
     if (std::exchange(m_haveMountsMoved, false) || haveMountsMoved) {
         LookAtEverything();
     } else if (!m_unwatched.empty()) {
-        const auto before = m_unwatched;
         Rewatch();
-        if (m_unwatched != before) {
-            LookAtEverything();
-        }
     }
     NoteAll(Notifications(m_inotify));
     return m_unwatched.empty() ? -1 : RETRY_MILLISECONDS;
@@ -349,8 +353,13 @@ bool Reports::Note(const inotify_event& event) {
         return true;
     }
     const auto found = m_places.find(place);
-    if (found != m_places.end() && (event.mask & FINISHED) != 0) {
-        Await(found->second, true);
+    if (found != m_places.end()) {
+        Followed& followed = m_values.at(found->second);
+        followed.isSure = false;
+        followed.kept.reset();
+        if ((event.mask & FINISHED) != 0) {
+            Await(found->second, true);
+        }
     }
     return false;
 }
@@ -368,6 +377,10 @@ void Reports::Await(const std::string& path, bool isWritten) {
 /** Watches the folders anew before the values are read, so that nothing is missed in between. */
 void Reports::LookAtEverything() {
     Rewatch();
+    AwaitEverything();
+}
+
+void Reports::AwaitEverything() {
     for (const auto& [path, followed] : m_values) {
         Await(path, false);
     }
@@ -393,6 +406,7 @@ void Reports::Check(const Pending& pending) {
     Followed& followed = found->second;
     std::string text;
     const Error error = Read(followed.value, text, Empty::UNFINISHED);
+    followed.isSure = !error;
     if (!error && followed.known != text) {
         Deliver(followed, text);
     } else if (pending.isWritten) {
@@ -404,7 +418,7 @@ void Reports::Check(const Pending& pending) {
 
 /**
  * Watches every folder that exists on the way to a value, from the top down, so that a folder that appears
- * later appears in a watched one.
+ * later appears in a watched one. A folder that could not be watched until now may have changed meanwhile.
  */
 void Reports::Rewatch() {
     const std::set<int> before = std::exchange(m_watched, {});
@@ -425,6 +439,10 @@ void Reports::Rewatch() {
         if (!m_watched.contains(folder)) {
             inotify_rm_watch(m_inotify.Get(), folder);
         }
+    }
+    if (m_unwatched != m_unwatchedBefore) {
+        AwaitEverything();
+        Wake();
     }
     m_unwatchedBefore.clear();
 }

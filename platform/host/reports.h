@@ -84,10 +84,12 @@ private:
     struct Followed {
         Value value;
         std::optional<std::string> known;  // the last text known, if there was one
-        std::uint64_t report = 0;          // the number of its latest report
-        int watch = -1;                    // of its folder; -1: changes by other processes are not noticed
-        bool isPresent = false;            // not the route of a zone that is gone
-        std::uint64_t goneSince = 0;       // zones that went earlier have lower numbers; 0: not gone
+        bool isSure =
+            false;  // the file held it when it was last read, and none has come into its place since
+        std::uint64_t report = 0;     // the number of its latest report
+        int watch = -1;               // of its folder; -1: changes by other processes are not noticed
+        bool isPresent = false;       // not the route of a zone that is gone
+        std::uint64_t goneSince = 0;  // zones that went earlier have lower numbers; 0: not gone
         std::shared_ptr<const KeptFolder> kept;  // until a folder has moved; may be null
     };
     struct Pending {
@@ -112,6 +114,7 @@ private:
     bool Note(const inotify_event& event) REQUIRES(deliveryLock);
     void Await(const std::string& path, bool isWritten) REQUIRES(deliveryLock);
     void LookAtEverything() REQUIRES(deliveryLock);
+    void AwaitEverything() REQUIRES(deliveryLock);
     bool HandleNext();
     void Check(const Pending& pending) REQUIRES(deliveryLock);
     void Deliver(Followed& followed, const std::string& text) REQUIRES(deliveryLock);
@@ -141,7 +144,9 @@ private:
 
     FileDescriptor m_epoll;  // all that the platform thread waits for; like the next two set by Start() alone
     FileDescriptor m_wake;   // an eventfd: there is something pending, or a watch to try again
-    FileDescriptor m_mounts;  // the kernel's table of mounts; empty where there is none
+    // The kernel's table of mounts, for the platform thread and for writers; empty where there is none.
+    FileDescriptor m_mounts;
+    FileDescriptor m_writersMounts;
     FileDescriptor m_inotify GUARDED_BY(deliveryLock);
     bool m_haveMountsMoved GUARDED_BY(deliveryLock) = false;
 

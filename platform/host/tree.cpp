@@ -219,7 +219,7 @@ FileDescriptor Tree::OpenFolder(const std::string& path) const {
 }
 
 FileDescriptor Tree::OpenKeptFolder(const std::string& path) const {
-    return OpenBelow(Folder(), path, AS_FOLDER, RESOLVE_BENEATH | RESOLVE_NO_XDEV);
+    return OpenBelow(Folder(), path, AS_FOLDER, RESOLVE_BENEATH | RESOLVE_NO_XDEV | RESOLVE_NO_SYMLINKS);
 }
 
 int Tree::MakeFolders(const std::string& path) const {

@@ -71,7 +71,10 @@ public:
     FileDescriptor Open(const std::string& path, int flags) const;
     /** Opens a folder to work in it. */
     FileDescriptor OpenFolder(const std::string& path) const;
-    /** Like OpenFolder(), but refuses a folder that can be unmounted: an open folder would prevent that. */
+    /**
+     * Like OpenFolder(), but refuses a folder that can be unmounted, because an open folder would prevent that, and one
+     * behind a link, because what is behind it may move unnoticed.
+     */
     FileDescriptor OpenKeptFolder(const std::string& path) const;
     /** Makes the folders that are missing on the way. @return 0 or the errno */
     int MakeFolders(const std::string& path) const;

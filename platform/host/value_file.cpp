@@ -15,8 +15,8 @@
 namespace host {
 namespace {
 
-constexpr int TO_READ =
-    O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;  // a FIFO must not make the reader wait
+/** Neither does a FIFO make the reader wait, nor does a terminal become the process's own. */
+constexpr int TO_READ = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC;
 constexpr int TO_MAKE = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC;
 constexpr int ATTEMPTS = 100;
 constexpr const char* DB_VALUES = "settings/db/";
@@ -175,6 +175,13 @@ int WriteByPath(Tree& tree, const Value& value, std::string_view text, bool isRe
     return error;
 }
 
+/** S_IFREG and the like, also of a link; 0 if nothing has this name. */
+mode_t TypeOf(const FileDescriptor& folder, const std::string& name) {
+    struct stat status {};
+    const bool isThere = fstatat(folder.Get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+    return isThere ? status.st_mode & S_IFMT : 0;
+}
+
 /** Takes off one newline. @return the errno, or 0 */
 int ReadText(const FileDescriptor& file, std::string& text, Empty empty) {
     if (!file) {
@@ -224,7 +231,9 @@ int MakeValue(Tree& tree, const std::string& path, std::string_view text) {
 std::shared_ptr<const KeptFolder> KeepFolder(const Value& value) {
     std::shared_ptr<Tree> tree = value.path.starts_with(DB_VALUES) ? nullptr : Tree::Current();
     FileDescriptor folder = tree ? tree->OpenKeptFolder(FolderOf(value.path)) : FileDescriptor();
-    return folder ? std::make_shared<KeptFolder>(KeptFolder{std::move(tree), std::move(folder)}) : nullptr;
+    return folder && TypeOf(folder, NameIn(value.path)) == S_IFREG
+               ? std::make_shared<KeptFolder>(KeptFolder{std::move(tree), std::move(folder)})
+               : nullptr;
 }
 
 Exchange::Exchange(std::shared_ptr<const KeptFolder> kept, const Value& value)
@@ -240,6 +249,9 @@ int Exchange::Make(std::string_view text) {
     if (!m_own) {
         return EXDEV;
     }
+    if (text.size() > MAX_VALUE_SIZE) {
+        return EFBIG;
+    }
     // That the own folder is found by its path shows that the tree is in its place.
     FileDescriptor file = OpenWithoutLinks(m_own->path + '/' + m_ownName, TO_MAKE);
     if (!file) {
@@ -252,6 +264,9 @@ int Exchange::Make(std::string_view text) {
 }
 
 int Exchange::ReadReplaced(std::string& text) const {
+    if (TypeOf(m_own->folder, m_ownName) == S_IFDIR) {
+        return EISDIR;  // whether it can be read or not
+    }
     const FileDescriptor file(openat(m_own->folder.Get(), m_ownName.c_str(), TO_READ));
     return ReadFile(file, m_value, text, Empty::UNFINISHED);
 }

@@ -25,7 +25,7 @@ struct KeptFolder {
     FileDescriptor folder;
 };
 
-/** Null if each write has to look for the folder. */
+/** Null if each write has to look for the folder, and if anything but a file is in the place of the value. */
 std::shared_ptr<const KeptFolder> KeepFolder(const Value& value);
 
 /**

@@ -396,6 +396,15 @@ TEST_F(ReportsTest, AnyTextComesBackAsItWas) {
     }
 }
 
+TEST_F(ReportsTest, ATextThatIsTooLongForAReaderIsRefused) {
+    HearKey(KEY, listener);
+    ASSERT_EQ(vconf_set_str(KEY, "short"), 0);
+    Settle();
+    EXPECT_EQ(vconf_set_str(KEY, std::string((1 << 20) + 1, 'x').c_str()), -1027);
+    EXPECT_EQ(Text(KEY), "short");
+    EXPECT_THAT(ear.Heard(), ElementsAre("short"));
+}
+
 TEST_F(ReportsTest, EveryZonesRouteIsReportedThatOfALaterZoneToo) {
     Listener& zones = NewListener("");
     fs::remove_all(tv / "sound/zones");
@@ -503,9 +512,21 @@ protected:
         ASSERT_EQ(process.Do("cross " + when + " move " + file + ' ' + what), "0");
     }
 
+    /** Returns when the platform thread of the process has handled all that happened on the TV before. */
+    void LetItNotice() {
+        ASSERT_EQ(process.Do("hear memory/mark"), "0");
+        OtherProcess marker(place);
+        const std::string mark = "memory/mark " + std::to_string(++m_marks);
+        ASSERT_EQ(marker.Do("set-int " + mark), "0");
+        ASSERT_EQ(process.Report(), mark + " platform");
+    }
+
     const Folder place;
     const std::string file = place / "audio/master_volume";
     OtherProcess process{place};
+
+private:
+    int m_marks = 0;
 };
 
 TEST_F(CrossingTest, AChangeBetweenAnOwnWriteAndItsNotificationIsReportedAfterIt) {
@@ -542,6 +563,46 @@ TEST_F(CrossingTest, AFolderThatTakesTheValuesPlaceInTheLastMomentStays) {
     fs::remove(file);
     EXPECT_EQ(process.Do("set-volume 30"), "0");
     EXPECT_EQ(process.Report(), "volume 30 own");
+}
+
+TEST_F(CrossingTest, AFolderInTheValuesPlaceStaysAtEveryWrite) {
+    fs::remove(file);
+    fs::create_directory(file);
+    place.Echo("audio/master_volume/precious", "1");
+    LetItNotice();
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(process.Do("set-volume 30"), "-1021");
+    }
+    EXPECT_EQ(place.Content("audio/master_volume/precious"), "1\n");
+    EXPECT_THAT(process.Log(), Each("E Cannot write " + file + ": Is a directory"));
+    EXPECT_THAT(place.Leftovers("."), IsEmpty());
+}
+
+TEST_F(CrossingTest, AFileLinkedIntoTheValuesPlaceIsThePresentValue) {
+    place.Echo("forty", "40");
+    for (const std::string when : {"before", "after"}) {
+        fs::remove(file);
+        fs::create_hard_link(place / "forty", file);
+        if (when == "after") {
+            LetItNotice();
+        }
+        EXPECT_EQ(process.Do("set-volume 20"), "0");
+        EXPECT_EQ(process.Report(), "volume 20 own") << when << " the platform thread has noticed";
+        LetItNotice();
+    }
+    EXPECT_EQ(place.Content("forty"), "40\n");
+}
+
+TEST_F(CrossingTest, ALinkInTheValuesPlaceIsFollowedByReadsAndReplacedByAWrite) {
+    place.Echo("audio/forty", "40");
+    fs::remove(file);
+    fs::create_symlink("forty", file);
+    LetItNotice();
+    EXPECT_EQ(process.Do("volume"), "0 40");
+    EXPECT_EQ(process.Do("set-volume 20"), "0");
+    EXPECT_EQ(process.Report(), "volume 20 own");
+    EXPECT_FALSE(fs::is_symlink(file));
+    EXPECT_EQ(place.Content("audio/forty"), "40\n");
 }
 
 TEST_F(CrossingTest, OwnChangesLeaveThePlatformThreadAsleep) {
@@ -964,6 +1025,44 @@ TEST_F(ReportsTest, AFolderForWhichNoWatchIsLeftSilencesItsOwnValuesUntilThereIs
     EXPECT_EQ(deaf.Report(), "memory/late/key 6 own");
     EXPECT_THAT(deaf.Log(), ElementsAre("E Cannot watch " + (place / "settings/memory/late").string() +
                                         ": No space left on device"));
+}
+
+TEST_F(ReportsTest, AChangeWhileAFolderCannotBeWatchedIsReportedEvenIfARemovalFindsTheWatch) {
+    const Folder place;
+    OtherProcess deaf(place);
+    OtherProcess second(place);
+    ASSERT_EQ(second.Do("set-int memory/late/key 1"), "0");
+    ASSERT_EQ(deaf.Do("refuse-watches-of memory/late"), "0");
+    EXPECT_EQ(deaf.Do("hear memory/late/key"), "0");
+    EXPECT_EQ(deaf.Do("hear volume"), "0");
+    EXPECT_EQ(second.Do("set-int memory/late/key 2"), "0");
+    ASSERT_EQ(deaf.Do("refuse-watches-of"), "0");
+    EXPECT_EQ(deaf.Do("ignore-volume"), "0");  // which watches all that is still heard anew
+    EXPECT_EQ(deaf.Report(), "memory/late/key 2 platform");
+}
+
+TEST_F(ReportsTest, AWriteFollowsALinkOfSeveralPartsThatMovedWhereNobodyWatches) {
+    const Folder place;
+    OtherProcess process(place);
+    ASSERT_EQ(process.Do("volume"), "0 10");
+    fs::create_directories(place / "deep/other");
+    fs::rename(place / "audio", place / "deep/other/audio");
+    fs::create_directory_symlink("deep/other/audio", place / "audio");
+    ASSERT_EQ(process.Do("hear volume"), "0");
+    for (const std::string volume : {"20", "21"}) {
+        EXPECT_EQ(process.Do("set-volume " + volume), "0");
+        EXPECT_EQ(process.Report(), "volume " + volume + " own");
+    }
+    // When this comes, the platform thread has looked at the two writes, and expects nothing more.
+    ASSERT_EQ(process.Do("hear memory/mark"), "0");
+    ASSERT_EQ(OtherProcess(place).Do("set-int memory/mark 1"), "0");
+    ASSERT_EQ(process.Report(), "memory/mark 1 platform");
+    fs::rename(place / "deep/other", place / "deep/gone");
+    place.Echo("deep/other/audio/master_volume", "5");
+    EXPECT_EQ(process.Do("set-volume 30"), "0");
+    EXPECT_EQ(process.Report(), "volume 30 own");
+    EXPECT_EQ(place.Content("deep/other/audio/master_volume"), "30\n");
+    EXPECT_EQ(place.Content("deep/gone/audio/master_volume"), "21\n");
 }
 
 TEST_F(ReportsTest, ALoopOfLinksSilencesItsOwnValuesAlone) {

@@ -302,6 +302,8 @@ Commands KeyCommands() {
 Commands ReportCommands() {
     return {
         {"hear", [](std::istream& words) { return std::to_string(Hear(Word(words))); }},
+        {"ignore-volume",
+         [](std::istream&) { return std::to_string(audio_unregister_master_volume_changed_cb()); }},
         {"storm",
          [](std::istream& words) {
              const std::string key = Word(words);
