@@ -2,7 +2,8 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # shellcheck disable=SC2034 # the scripts that source this file use the variables
-# run, test, bench and lint source this file: it knows the Debian packages that they need, and builds.
+# run, test, bench and lint source this file: it knows the Debian packages that they need, builds, and lists the project's
+# files.
 set -euo pipefail
 
 unset CDPATH
@@ -146,4 +147,36 @@ set_up() { make_target build.ninja "$@"; }
 build_release() {
     [ -e "$root/build/release/src/kavreld" ] || say "first build: about a minute"
     build release --buildtype=release
+}
+
+# Prints each line of .gitignore as conditions for find: "/" begins a path, and ends the name of a folder.
+ignored() {
+    local line
+    while read -r line; do
+        case $line in
+            '' | '#'*) continue ;;
+            */) printf '%s\n' -o -type d ;;
+            *) printf '%s\n' -o ;;
+        esac
+        case ${line%/} in
+            /*) printf '%s\n' -path ".${line%/}" ;;
+            *) printf '%s\n' -name "${line%/}" ;;
+        esac
+    done <.gitignore
+}
+
+# files PATTERN...: the project's files, new ones included. git also reads a clone that belongs to another user; a release
+# archive has no git.
+files() {
+    local pattern ignored chosen=(-false)
+    cd "$root"
+    if [ -e .git ]; then
+        git -c safe.directory="$root" ls-files --cached --others --exclude-standard --deduplicate -- "$@"
+        return
+    fi
+    for pattern in "${@:-*}"; do
+        chosen+=(-o -path "./$pattern")
+    done
+    readarray -t ignored < <(ignored)
+    find . '(' -false "${ignored[@]}" ')' -prune -o -type f '(' "${chosen[@]}" ')' -printf '%P\n'
 }

@@ -4,7 +4,7 @@
 
 Each line of WORDS is a regular expression. A space in it also matches a line break, "^" the first word of a line, and small
 letters also capital ones. The search covers comments and, in the tools, string literals of C++; comments and docstrings
-of Python; the whole text of all other files. Exits with 1 if it found a phrase.
+of Python; the whole text of all other files. Exits with 1 if it found a phrase, or a file that is no text.
 """
 import io
 import re
@@ -71,18 +71,23 @@ def patterns_in(path):
     return re.compile("|".join(pattern_of(line) for line in lines if line and line[0] != "#"), re.MULTILINE)
 
 
+def findings(path, pattern):
+    try:
+        text = Path(path).read_text(encoding="utf-8")
+    except UnicodeDecodeError:
+        yield f"{path}: not a text in UTF-8"
+        return
+    prose = prose_of(path, text)
+    for use in pattern.finditer(prose):
+        line = prose.count("\n", 0, use.start()) + 1
+        yield f"{path}:{line}: {' '.join(use[0].split())}"
+
+
 def main(words):
     pattern = patterns_in(words)
-    found = 0
-    for path in sys.stdin.read().splitlines():
-        if path == words:
-            continue
-        prose = prose_of(path, Path(path).read_text(encoding="utf-8"))
-        for use in pattern.finditer(prose):
-            line = prose.count("\n", 0, use.start()) + 1
-            print(f"{path}:{line}: {' '.join(use[0].split())}")
-            found += 1
-    return int(found > 0)
+    found = [finding for path in sys.stdin.read().splitlines() if path != words for finding in findings(path, pattern)]
+    print(*found, sep="\n", end="\n" * bool(found))
+    return int(bool(found))
 
 
 sys.exit(main(sys.argv[1]))

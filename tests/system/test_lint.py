@@ -1,6 +1,7 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-"""./lint: its command line, and its search for words."""
+"""./lint: its command line, the files that it checks, and its search for words."""
+import shutil
 import subprocess
 
 import pytest
@@ -24,6 +25,24 @@ def test_an_unknown_step_is_wrong_usage():
     assert (done.returncode, done.stdout, done.stderr) == (64, "", "./lint: unknown step spelling, see ./lint --help\n")
 
 
+def test_without_git_it_passes_over_what_a_build_leaves(tmp_path):
+    kept = {"src/main.cpp", "debian/kavrel.install", "debian/source/files", "scripts/lib.sh", ".gitignore"}
+    left = {"build/a", "build-2/a", "obj-x86_64-linux-gnu/a.o", "debian/kavrel/usr/bin/kavreld", "debian/kavrel-tv/a",
+            "debian/.debhelper/a", "debian/kavrel.substvars", "debian/files", "src/__pycache__/a.pyc"}
+    for name in kept | left:
+        (tmp_path / name).parent.mkdir(parents=True, exist_ok=True)
+        (tmp_path / name).touch()
+    for name in (".gitignore", "scripts/lib.sh"):
+        shutil.copy(ROOT / name, tmp_path / name)
+
+    def files(*patterns):
+        return subprocess.run(["bash", "-c", 'source scripts/lib.sh; files "$@"', "files", *patterns], cwd=tmp_path,
+                              capture_output=True, text=True, check=True).stdout.splitlines()
+
+    assert sorted(files()) == sorted(kept)
+    assert files("*.cpp") == ["src/main.cpp"]
+
+
 @pytest.fixture
 def search(tmp_path):
     """Searches one file for the phrases "pet word" and "^Thus"; returns the exit status and the findings."""
@@ -31,7 +50,7 @@ def search(tmp_path):
 
     def run(name, text):
         (tmp_path / name).parent.mkdir(exist_ok=True)
-        (tmp_path / name).write_text(text)
+        (tmp_path / name).write_text(text, errors="surrogateescape")
         done = subprocess.run(["/usr/bin/python3", "-B", ROOT / "scripts/words.py", "words.txt"], input=f"{name}\n",
                               cwd=tmp_path, capture_output=True, text=True, check=False)
         assert done.stderr == ""
@@ -72,3 +91,7 @@ def test_code_and_other_words_are_not_found(search, name, text):
 def test_the_first_word_of_a_line_is_found_only_there(search):
     assert search("a.cpp", "// Thus it is.\n") == (1, ["a.cpp:1: Thus"])
     assert search("a.cpp", "// It is Thus.\n// thus it is\n") == (0, [])
+
+
+def test_a_file_that_is_no_text_is_a_finding(search):
+    assert search("a.out", "\x7fELF\udcff") == (1, ["a.out: not a text in UTF-8"])
