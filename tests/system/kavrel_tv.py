@@ -72,8 +72,9 @@ class KavrelTv:
     def environment(self, **changes):
         return self.scene.environment(**{"LC_ALL": "C.UTF-8", "TERM": "xterm", **changes})
 
-    def run(self, *arguments, **changes):
-        return subprocess.run([KAVREL_TV, *arguments], env=self.environment(**changes), stdin=subprocess.DEVNULL,
+    def run(self, *arguments, before=(), **changes):
+        """Runs it to its end; `before` is a command that runs it, such as setpriv."""
+        return subprocess.run([*before, KAVREL_TV, *arguments], env=self.environment(**changes), stdin=subprocess.DEVNULL,
                               capture_output=True, text=True, timeout=PATIENCE, check=False)
 
     def __call__(self, *arguments):

@@ -2,6 +2,7 @@
 # SPDX-License-Identifier: MIT
 """kavrel-tv shows the TV and changes it; kavreld hears of that as of a TV's own changes."""
 import json
+import os
 import re
 
 import pytest
@@ -324,6 +325,28 @@ def test_a_value_that_cannot_be_written_is_one_line_too(tool, tv):
     done = tool.run("volume", "5")
     assert done.returncode == 1
     assert refused(done) == f"Cannot write {tv.path}/audio/master_volume: Is a directory"
+
+
+@pytest.fixture
+def read_only(tool, tv):
+    """A TV directory that nobody may write, except a root with all its rights."""
+    tool("show")
+    folders = [tv.path, *(path for path in tv.path.rglob("*") if path.is_dir())]
+    for folder in folders:
+        folder.chmod(0o555)
+    yield
+    for folder in folders:
+        folder.chmod(0o755)
+
+
+@pytest.mark.parametrize("command", ["volume 5", "zones 1", "devices"])
+def test_a_tv_that_this_user_may_not_write_is_one_line_with_a_status_of_its_own(read_only, tool, tv, command):
+    before = state_of(tv.path)
+    rights = ["setpriv", "--bounding-set=-dac_override", "--inh-caps=-dac_override", "--"] if os.geteuid() == 0 else []
+    done = tool.run(*command.split(), before=rights)
+    assert done.returncode == 77
+    assert re.fullmatch(rf"not allowed: needs root or the group audio: Cannot \w+ {tv.path}/.*: Permission denied", refused(done))
+    assert state_of(tv.path) == before
 
 
 def test_dir_names_another_tv(tool, scene):

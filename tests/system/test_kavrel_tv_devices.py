@@ -9,7 +9,7 @@ import time
 import pytest
 from gi.repository import Gio, GLib
 
-from harness import PATIENCE, TV_SUPPORT, Switches
+from harness import PATIENCE, ROOT, TV_SUPPORT, Bus, Switches
 from kavrel_tv import assert_idle, make_tool, refused
 
 MIRRORING = "settings/memory/menu/network/screenmirroring"
@@ -346,7 +346,19 @@ def test_the_peer_needs_its_name(tool):
     first.wait("is here")
     done = tool.run("emulator", "bt")
     assert done.returncode == 1
-    assert refused(done).startswith(f"cannot own the name {BT_PEER[0]}: ")
+    assert refused(done) == f"cannot own the name {BT_PEER[0]}: another program does"
+
+
+def test_the_peer_needs_the_right_to_its_name(tool, scene):
+    scene.bus.end()
+    (scene.folder / "bus").unlink(missing_ok=True)
+    config = scene.folder / "strict.conf"
+    config.write_text((ROOT / "scripts/private-bus.conf").read_text().replace('<allow own="*"/>', '<deny own="*"/>'))
+    scene.bus = Bus(scene.folder, config)
+    scene.callback(scene.bus.end)
+    done = tool.run("emulator", "bt")
+    assert done.returncode == 77
+    assert refused(done) == f"not allowed: needs a rule of the bus that lets this user own {BT_PEER[0]}"
 
 
 def test_the_peer_needs_a_bus_and_tells_when_it_goes(tool, scene):

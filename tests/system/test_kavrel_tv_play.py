@@ -320,6 +320,31 @@ def test_what_else_happens_is_recorded_by_its_name(tool, tv, tmp_path):
     assert not any("." in row[-1] for row in rows_of(path))
 
 
+def test_a_support_word_that_a_device_writes_again_is_no_event(tool, tv, tmp_path):
+    path = tmp_path / "events.csv"
+    support, request = f"{MIRRORING}/volume_support_hdmi", f"{MIRRORING}/set_volume_level"
+    tv.echo(15, support)
+    running = tool.start("record", str(path))
+    running.wait_for_complaint("recording until Ctrl-C")
+    events = ["start"]
+
+    def is_recorded_after(change, event):
+        change()
+        events.append(event)
+        wait_until_recorded(path, lambda rows: [row[-1] for row in rows] == events)
+
+    tv.echo(15, support)
+    is_recorded_after(lambda: tv.echo(40, request), "level request 40")
+    is_recorded_after(lambda: tv.echo(40, request), "level request 40")
+    is_recorded_after(lambda: tv.echo(7, support), "hdmi support 7")
+    tv.echo(7, support)
+    is_recorded_after(lambda: tv.echo(41, request), "level request 41")
+    is_recorded_after(lambda: tv.remove(support), "hdmi support removed")
+    is_recorded_after(lambda: tv.echo(7, support), "hdmi support 7")
+    assert running.end() == (0, ["kavrel-tv: recording until Ctrl-C"])
+    assert [row[-1] for row in rows_of(path)] == [*events, "end"]
+
+
 def test_the_output_in_use_is_recorded_with_its_level_and_mute(tool, tv, tmp_path):
     path = tmp_path / "outputs.csv"
     running = tool.start("record", str(path))
@@ -446,6 +471,22 @@ def test_the_type_of_a_picture_follows_its_name(plotted, tmp_path):
     assert (tmp_path / "some.svg").read_bytes().startswith(b"<?xml")
     assert plotted("some.png", "--format", "png").stdout == b"2 lines drawn in some.png\n"
     assert (tmp_path / "some.png").read_bytes().startswith(PNG_SIGNATURE)
+    assert plotted("MORE.PNG").stdout == b"2 lines drawn in MORE.PNG\n"
+    assert (tmp_path / "MORE.PNG").read_bytes().startswith(PNG_SIGNATURE)
+
+
+def test_a_picture_that_cannot_be_written_is_told_by_its_own_name(plotted):
+    done = plotted("/no/such/folder/some.svg")
+    assert (done.returncode, done.stderr) == (
+        1, b"kavrel-tv: cannot write /no/such/folder/some.svg: No such file or directory\n")
+
+
+def test_the_title_of_the_time_axis_keeps_off_the_legend(plotted):
+    svg = plotted("-").stdout.decode()
+    # gnuplot writes each text in a group that moves it to its place.
+    places = {text: float(y) for y, text in re.findall(
+        r'<g transform="translate\([\d.]+,([\d.]+)\)"[^>]*>\s*<text><[^>]*>([^<]+)<', svg)}
+    assert places["output in use"] - places["time (s)"] >= 20  # pixels; a letter has 13
 
 
 @pytest.mark.parametrize("options, begin, end", [([], b"<?xml", b"</svg>\n\n"), (["--format", "svg"], b"<?xml", b"</svg>\n\n"),
@@ -531,6 +572,13 @@ def test_recording_for_some_time_ends_by_itself(tool, tmp_path):
     out = tool("record", "--seconds", "0.2", str(tmp_path / "short.csv"))
     rows = rows_of(tmp_path / "short.csv")
     assert out.startswith(f"{len(rows)} lines in ") and float(rows[-1][0]) >= 0.2
+
+
+def test_standard_output_gets_the_recording_alone(tool, tmp_path):
+    lines = tool("record", "--seconds", "0.2", "-").splitlines()
+    assert lines[0].split(",") == HEADER
+    assert [line.split(",")[-1] for line in lines[1:]] == ["start", "end"]
+    assert not (tmp_path / "-").exists()
 
 
 def test_a_recording_that_cannot_be_written_is_told(tool):

@@ -20,7 +20,7 @@ enum ExitCode : int {
     EXIT_USAGE = 64,
     /** The bus or the daemon had too much to do; nothing was done. */
     EXIT_BUSY = 75,
-    /** The bus does not allow it to this user; nothing was done. */
+    /** The bus, or the mode of a file of the TV, does not allow it to this user; nothing was done. */
     EXIT_NOT_ALLOWED = 77,
     // A signal ended the command early: 128 plus the signal's number.
     EXIT_HUNG_UP = 129,

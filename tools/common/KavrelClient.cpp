@@ -297,6 +297,26 @@ std::string KavrelClient::RequireOwner() const {
     return owner;
 }
 
+void KavrelClient::OwnName(const std::string& name) const {
+    constexpr guint32 DO_NOT_QUEUE = 4;  // as the bus numbers them
+    constexpr guint32 IS_OWNER = 1;
+    GLibError error;
+    const Variant reply =
+        Call(BUS, "RequestName", g_variant_new("(su)", name.c_str(), DO_NOT_QUEUE), "(u)", error);
+    if (g_error_matches(error.Get(), G_DBUS_ERROR, G_DBUS_ERROR_ACCESS_DENIED) == TRUE) {
+        throw ToolError(EXIT_NOT_ALLOWED,
+                        "not allowed: needs a rule of the bus that lets this user own " + name);
+    }
+    if (reply == nullptr) {
+        throw AsToolError(error.Get(), m_timeout);
+    }
+    guint32 answer = 0;
+    g_variant_get(reply.get(), "(u)", &answer);
+    if (answer != IS_OWNER) {
+        throw ToolError(EXIT_REFUSED, "cannot own the name " + name + ": another program does");
+    }
+}
+
 std::optional<unsigned> KavrelClient::ProcessOf(const std::string& name) const {
     const Variant reply =
         Call(BUS, "GetConnectionUnixProcessID", g_variant_new("(s)", name.c_str()), "(u)", nullptr);

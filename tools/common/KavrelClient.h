@@ -98,6 +98,9 @@ public:
     std::string Owner() const;
     /** Returns the unique name of the owner, too. @throws ToolError without a bus or an owner */
     std::string RequireOwner() const;
+    /** Makes this connection the owner of another name. @throws ToolError if the bus does not allow it, or another
+     *  program owns the name */
+    void OwnName(const std::string& name) const;
     /** Process id of a connection to the bus; nothing if it has gone. */
     std::optional<unsigned> ProcessOf(const std::string& name) const;
 

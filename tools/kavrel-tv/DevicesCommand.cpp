@@ -14,6 +14,7 @@
 #include <random>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <tuple>
 
 #include "Commands.h"
@@ -111,7 +112,12 @@ private:
     /** Makes the folder of the requests, since only what happens in an existing folder is never missed.
      *  @return the TV directory */
     static std::filesystem::path FolderOfRequests() {
-        std::filesystem::create_directories((host::Root() / host::LEVEL_REQUEST.path).parent_path());
+        const auto folder = (host::Root() / host::LEVEL_REQUEST.path).parent_path();
+        std::error_code error;
+        std::filesystem::create_directories(folder, error);
+        if (error) {
+            ThrowIfFailed({error.value(), "Cannot make " + folder.string() + ": " + error.message()});
+        }
         return host::Root();
     }
 

@@ -70,16 +70,15 @@ tools::GLibPtr<GDBusNodeInfo> Describe(const EmulatorPeer& peer) {
 class Emulator {
 public:
     /** @param result the last value of every answer of GetSpkVolume: 0 for success
-     *  @throws tools::ToolError without a bus; the main loop throws one if the name cannot be owned */
+     *  @throws tools::ToolError without a bus, or if the name cannot be owned */
     Emulator(tools::MainLoop& loop, const EmulatorPeer& peer, int volume, int result)
         : m_loop(loop), m_peer(peer), m_volume(volume), m_result(result), m_client(PATIENCE) {
+        m_client.EndWithBus(loop);
         Register();
-        RequestName();
+        m_client.OwnName(peer.name);
+        tools::PrintWithTime(std::string(peer.name) + " is here, volume " + std::to_string(volume));
     }
-    ~Emulator() {
-        g_bus_unown_name(m_name);
-        g_dbus_connection_unregister_object(m_client.Connection(), m_object);
-    }
+    ~Emulator() { g_dbus_connection_unregister_object(m_client.Connection(), m_object); }
     Emulator(const Emulator&) = delete;
     Emulator& operator=(const Emulator&) = delete;
 
@@ -93,12 +92,6 @@ private:
         if (m_object == 0) {
             throw tools::ToolError(tools::EXIT_REFUSED, error->message);
         }
-    }
-
-    void RequestName() {
-        m_name = g_bus_own_name_on_connection(m_client.Connection(), m_peer.name,
-                                              G_BUS_NAME_OWNER_FLAGS_DO_NOT_QUEUE, OnNameAcquired, OnNameLost,
-                                              this, nullptr);
     }
 
     static void OnCall(GDBusConnection* /*connection*/, const char* /*sender*/, const char* /*path*/,
@@ -155,32 +148,12 @@ private:
                              std::to_string(m_peer.support) + " " + std::to_string(volume));
     }
 
-    static void OnNameAcquired(GDBusConnection* /*connection*/, const char* name, void* self) {
-        auto* emulator = static_cast<Emulator*>(self);
-        emulator->m_loop.Guard([&] {
-            tools::PrintWithTime(std::string(name) + " is here, volume " +
-                                 std::to_string(emulator->m_volume));
-        });
-    }
-
-    static void OnNameLost(GDBusConnection* connection, const char* name, void* self) {
-        static_cast<Emulator*>(self)->m_loop.Guard([&] {
-            if (connection == nullptr || g_dbus_connection_is_closed(connection) == TRUE) {
-                throw tools::ToolError(tools::EXIT_UNREACHABLE, "the bus has gone");
-            }
-            throw tools::ToolError(tools::EXIT_REFUSED,
-                                   std::string("cannot own the name ") + name +
-                                       ": another program does, or the bus does not allow it");
-        });
-    }
-
     tools::MainLoop& m_loop;
     const EmulatorPeer& m_peer;
     int m_volume;
     const int m_result;
     tools::KavrelClient m_client;
     guint m_object = 0;
-    guint m_name = 0;
     std::string m_typed;  // of a line that has not ended yet
     tools::GLibPtr<GSource> m_knob = m_loop.WhenReadable(STDIN_FILENO, [this] { ReadKnob(); });
 };

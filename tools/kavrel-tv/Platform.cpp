@@ -56,10 +56,16 @@ void OpenTv(const std::string& directory) {
 }
 
 void ThrowIfFailed(const host::Error& error) {
-    if (error) {
-        const std::string reason = std::generic_category().message(error.number);
-        throw tools::ToolError(tools::EXIT_REFUSED, error.text.empty() ? reason : error.text);
+    if (!error) {
+        return;
     }
+    const std::string reason =
+        error.text.empty() ? std::generic_category().message(error.number) : error.text;
+    if (error.number == EACCES) {
+        throw tools::ToolError(tools::EXIT_NOT_ALLOWED,
+                               "not allowed: needs root or the group audio: " + reason);
+    }
+    throw tools::ToolError(tools::EXIT_REFUSED, reason);
 }
 
 std::string ReadFile(const std::string& name) {

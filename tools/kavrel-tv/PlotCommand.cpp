@@ -2,9 +2,11 @@
 // SPDX-License-Identifier: MIT
 #include <gio/gio.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -64,14 +66,24 @@ std::string RunGnuplot(const std::string& script) {
     return ToText(picture.get());
 }
 
-constexpr const char* STANDARD_OUTPUT = "-";
-
-/** @return nothing for a name that does not end with a known type */
-std::optional<PictureType> TypeOf(const std::string& name) {
-    if (name.ends_with(".svg")) {
+/** @return nothing for a name that does not end with a known type, in any case */
+std::optional<PictureType> TypeOf(std::string_view name) {
+    const std::string_view end = name.substr(name.size() - std::min<std::size_t>(name.size(), 4));
+    if (tools::IsSameWord(end, ".svg")) {
         return PictureType::SVG;
     }
-    return name.ends_with(".png") ? std::optional(PictureType::PNG) : std::nullopt;
+    return tools::IsSameWord(end, ".png") ? std::optional(PictureType::PNG) : std::nullopt;
+}
+
+/** Replaces the file as a whole. GLib's message names a temporary file: only the reason at its end is of use. */
+void WriteFile(const std::string& name, const std::string& text) {
+    tools::GLibError error;
+    if (!g_file_set_contents(name.c_str(), text.data(), static_cast<gssize>(text.size()), error)) {
+        const std::string message = error->message;
+        throw tools::ToolError(
+            tools::EXIT_REFUSED,
+            "cannot write " + name + message.substr(std::min(message.rfind(": "), message.size())));
+    }
 }
 
 std::string CheckPicture(const std::string& name) {
@@ -111,10 +123,7 @@ struct PlotCommand {
             tools::Print(drawn);
             return tools::EXIT_DONE;
         }
-        tools::GLibError error;
-        if (!g_file_set_contents(picture.c_str(), drawn.data(), static_cast<gssize>(drawn.size()), error)) {
-            throw tools::ToolError(tools::EXIT_REFUSED, error->message);
-        }
+        WriteFile(picture, drawn);
         tools::PrintLine(std::to_string(samples.size()) + " lines drawn in " + tools::Printable(picture));
         return tools::EXIT_DONE;
     }

@@ -30,7 +30,7 @@ constexpr int GAINS_HEIGHT = 220;
 constexpr int VOLUMES_HEIGHT = 160;
 constexpr int ROW_HEIGHT = 24;     // of an output
 constexpr int LEGEND_HEIGHT = 50;  // below a panel
-constexpr int TIMES_HEIGHT = 35;   // below the last panel
+constexpr int TIMES_HEIGHT = 45;   // below the last panel
 
 constexpr int PRECISION = 12;  // digits of a time
 

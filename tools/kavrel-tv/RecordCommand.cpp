@@ -7,6 +7,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "Commands.h"
 #include "DirectoryWatch.h"
@@ -111,9 +112,14 @@ class Recorder {
 public:
     Recorder(tools::MainLoop& loop, const std::string& directory, const std::string& name)
         : m_name(name),
-          m_file(name, std::ios::binary | std::ios::trunc),
           m_watch(loop, directory,
                   [this](DirectoryWatch::Event event, const std::string& path) { On(event, path); }) {
+        if (m_name != STANDARD_OUTPUT) {
+            m_file.open(m_name, std::ios::binary | std::ios::trunc);
+        }
+        for (const DeviceKind& kind : DeviceKinds()) {
+            m_support[kind.support.path] = ValueOf(kind.support.path);
+        }
         Write(RecordingHeader());
         Record("start", m_start);
     }
@@ -136,12 +142,23 @@ private:
         if (event == DirectoryWatch::Event::LOST) {
             Record("notifications lost");
         } else if (!path.empty()) {
-            const bool isRemoved = event == DirectoryWatch::Event::REMOVED;
-            Record(HasColumn(path) ? "" : NameOf(path) + " " + (isRemoved ? "removed" : ValueOf(path)));
+            const std::string value = event == DirectoryWatch::Event::REMOVED ? "removed" : ValueOf(path);
+            const bool isEvent = !HasColumn(path) && !IsOldSupport(path, value);
+            Record(isEvent ? NameOf(path) + " " + value : "");
         }
     }
 
+    /** Whether this is the support word that the file held before: a device writes it with each answer. */
+    bool IsOldSupport(const std::string& path, const std::string& value) {
+        const auto support = m_support.find(path);
+        return support != m_support.end() && std::exchange(support->second, value) == value;
+    }
+
     void Write(const std::string& text) {
+        if (m_name == STANDARD_OUTPUT) {
+            tools::Print(text);
+            return;
+        }
         m_file << text << std::flush;
         if (!m_file) {
             throw tools::ToolError(tools::EXIT_REFUSED, "cannot write " + m_name);
@@ -152,6 +169,7 @@ private:
     const std::string m_name;
     std::ofstream m_file;
     DirectoryWatch m_watch;
+    std::map<std::string, std::string> m_support;  // the last value of each device's support word, by path
     decltype(Sample::values) m_last;
     int m_count = 0;
 };
@@ -161,7 +179,8 @@ struct RecordCommand {
     std::optional<double> seconds;
 
     void AddOptions(CLI::App& command) {
-        command.add_option("FILE", file, "The recording; an old one is replaced")->required();
+        command.add_option("FILE", file, "The recording, an old one is replaced;\n- for standard output")
+            ->required();
         command.add_option("--seconds", seconds, "End after 0.001 to 86400 seconds (default: at Ctrl-C)")
             ->type_name("S")
             ->transform(tools::DecimalNumber(0.001, 86400));
@@ -181,7 +200,9 @@ struct RecordCommand {
         }
         const int status = loop.RunUntilInterrupted();
         recorder.Record("end");
-        tools::PrintLine(std::to_string(recorder.Count()) + " lines in " + tools::Printable(file));
+        if (file != STANDARD_OUTPUT) {
+            tools::PrintLine(std::to_string(recorder.Count()) + " lines in " + tools::Printable(file));
+        }
         return status;
     }
 };

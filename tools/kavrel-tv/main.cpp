@@ -11,9 +11,9 @@ constexpr const char* FOOTER = R"(Example:
   kavrel-tv route hdmi
 
 Exit status: 0 done, 1 refused or failed, 2 no TV directory, no bus or no
-daemon, 64 wrong usage, 75 bus or daemon too busy, 77 the bus does not allow
-it; 130 if Ctrl-C ended a command before it was done. Colours appear
-only on a terminal and only without NO_COLOR.)";
+daemon, 64 wrong usage, 75 bus or daemon too busy, 77 the bus or the TV
+directory does not allow it; 130 if Ctrl-C ended a command before it was done.
+Colours appear only on a terminal and only without NO_COLOR.)";
 
 }  // namespace
 
