@@ -129,7 +129,12 @@ NOT_RUN = {
         "systemd-sysusers kavrel.conf", "systemd-tmpfiles --create kavrel.conf", "systemctl reload dbus",
         "systemctl daemon-reload", "systemctl enable --now kavrel", "systemctl restart kavrel", "sudo adduser alice audio",
         "id -nG alice", "newgrp audio",
-        "meson setup --buildtype=release build/release; meson install -C build/release")},
+        "meson setup --buildtype=release build/release; meson install -C build/release", "sudo systemctl mask --now kavrel",
+        "sudo systemctl unmask kavrel", "sudo systemctl start kavrel",
+        "sudo apt install ./build/packages/kavrel_*.deb ./build/packages/kavrel-tools_*.deb")},
+    "sudo apt build-dep ./": "it needs root; ./test packages installs what a build of the packages needs",
+    "dpkg-buildpackage -us -uc -b": "it writes beside the checkout; ./test packages makes the packages from a copy",
+    "meson dist -C build/test": "it takes minutes and needs a checkout without changes",
     "systemd-analyze security kavrel.service": "test_installation.py rates the unit without installing it",
     "git log -1 --format=%ae": "a release archive has no history",
 }
