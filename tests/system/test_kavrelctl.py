@@ -1046,9 +1046,11 @@ def rows_of(lines):
     return dict(re.split("  +", line, maxsplit=1) for line in lines)
 
 
+OTHER_UNIT = "The daemon on this bus is another one than that of this unit."
+
+
 def test_report(daemon, tv, ctl, client, programs):
     programs("systemctl", 'echo "ActiveState=active for $2"')
-    programs("journalctl", 'printf "one %s\\n\\033[31mtwo\\377\\n" "$1"')
     done = ctl.run("report", "--timeout", str(PATIENCE), PATH=str(programs.folder))
     assert (done.returncode, done.stderr) == (DONE, "")
     parts = parts_of(done.stdout)
@@ -1063,7 +1065,50 @@ def test_report(daemon, tv, ctl, client, programs):
     assert rows_of(parts["State"]) == {"volume": "10", "mute": "off", "support": ALL_WORDS,
                                        "output": "tv, TV speaker (route 0)"}
     assert parts["Unit"] == ["ActiveState=active for kavrel.service"]
-    assert parts["Last lines of the log"] == ["one --unit=kavrel", "?[31mtwo?"]
+
+
+def is_logged(daemon, lines):
+    return "\n".join(lines) in "\n".join(line.strip() for line in daemon.log.raw_lines())
+
+
+@pytest.mark.parametrize("more", [0, 60])
+def test_report_shows_the_end_of_the_file_into_which_the_own_daemon_logs(daemon, ctl, programs, more):
+    programs("journalctl", "echo of another daemon")
+    with open(daemon.log.path, "a") as log:
+        log.write("".join(f"line {line}\n" for line in range(more)))
+    shown = parts_of(ctl.run("report", "--timeout", str(PATIENCE), PATH=str(programs.folder)).stdout)["Last lines of the log"]
+    assert is_logged(daemon, shown)
+    assert len(shown) == 50 or (more == 0 and len(shown) > 1)
+
+
+@pytest.mark.parametrize("main, remark", [("own", []), ("0", [OTHER_UNIT]), ("1", [OTHER_UNIT])])
+def test_report_says_that_the_unit_is_another_daemons(daemon, ctl, programs, main, remark):
+    shown = f"MainPID={daemon.pid if main == 'own' else main}"
+    programs("systemctl", f"echo {shown}")
+    assert parts_of(ctl.run("report", "--timeout", str(PATIENCE), PATH=str(programs.folder)).stdout)["Unit"] == [*remark, shown]
+
+
+def test_report_says_that_the_journal_is_another_daemons(scene, ctl, programs):
+    daemon = Process(KAVRELD, env=scene.environment(), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    scene.callback(daemon.end)
+    ctl("wait", "--timeout", str(PATIENCE))
+    programs("systemctl", "echo MainPID=1")
+    programs("journalctl", "echo one")
+    parts = parts_of(ctl.run("report", "--timeout", str(PATIENCE), PATH=str(programs.folder)).stdout)
+    assert parts["Unit"] == [OTHER_UNIT, "MainPID=1"]
+    assert parts["Last lines of the log"] == ["The daemon on this bus is another one than that of this journal.", "one"]
+
+
+@pytest.mark.parametrize("script, lines", [
+    ('printf "one %s\\n\\033[31mtwo\\377\\n" "$1"', ["one --unit=kavrel", "?[31mtwo?"]),
+    ("echo -- No entries --; echo No journal files were found. >&2", ["missing: No journal files were found."]),
+    ("echo No rights >&2", ["missing: No rights"]),
+    ("echo -- No entries --", ["-- No entries --"]),
+    ("echo one; echo 'Hint: some are hidden' >&2", ["Hint: some are hidden", "one"]),
+])
+def test_report_shows_the_journal_with_its_errors(scene, ctl, programs, script, lines):
+    programs("journalctl", script)
+    assert parts_of(ctl.run("report", "--timeout", str(PATIENCE), PATH=str(programs.folder)).stdout)["Last lines of the log"] == lines
 
 
 def test_report_says_what_is_missing(scene, ctl, programs):
@@ -1096,13 +1141,14 @@ def test_report_without_a_bus_and_with_programs_that_fail(scene, ctl, programs):
 
 
 def test_report_waits_for_nothing_that_hangs(stopped, ctl, programs):
-    programs("journalctl", "exec /bin/sleep 1000")
+    programs("systemctl", "exec /bin/sleep 1000")
     done = ctl.run("report", "--timeout", "0.5", PATH=str(programs.folder))
     assert (done.returncode, done.stderr) == (DONE, "")
     parts = parts_of(done.stdout)
     assert [re.sub(" from the bus", "", text) for text in rows_of(parts["State"]).values()] == [
         *["missing: no answer within 0.5 s"] * 3, "tv, TV speaker (route 0)"]
-    assert parts["Last lines of the log"] == ["missing: journalctl did not end within 0.5 s"]
+    assert parts["Unit"] == ["missing: systemctl did not end within 0.5 s"]
+    assert is_logged(stopped, parts["Last lines of the log"])
 
 
 # With and without a terminal

@@ -40,7 +40,7 @@ std::string TextOf(GBytes* bytes) {
 
 }  // namespace
 
-std::string OutputOf(const std::vector<const char*>& command, tools::Timeout timeout) {
+Written RunProgram(const std::vector<const char*>& command, tools::Timeout timeout) {
     const std::string name = command.front();
     std::vector<const char*> arguments = command;
     arguments.push_back(nullptr);
@@ -63,12 +63,16 @@ std::string OutputOf(const std::vector<const char*>& command, tools::Timeout tim
                                      ? name + " did not end within " + tools::InSeconds(*timeout)
                                      : run.error->message);
     }
-    const std::string output = TextOf(run.output.get());
-    const std::string errors = TextOf(run.errors.get());
+    Written written = {TextOf(run.output.get()), TextOf(run.errors.get())};
     if (g_subprocess_get_successful(program.get()) == FALSE) {
-        throw std::runtime_error(errors.empty() ? name + " failed" : errors);
+        throw std::runtime_error(written.errors.empty() ? name + " failed" : written.errors);
     }
-    return output.empty() ? errors : output;
+    return written;
+}
+
+std::string OutputOf(const std::vector<const char*>& command, tools::Timeout timeout) {
+    const Written written = RunProgram(command, timeout);
+    return written.output.empty() ? written.errors : written.output;
 }
 
 }  // namespace ctl

@@ -4,12 +4,16 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <deque>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <type_traits>
 #include <vector>
 
@@ -26,10 +30,11 @@ namespace ctl {
 namespace {
 
 constexpr size_t TITLE_WIDTH = 15;
+constexpr size_t LOG_LINES = 50;
 
 const std::vector<const char*> SYSTEMCTL = {
     "systemctl", "show", "kavrel.service",
-    "--property=LoadState,UnitFileState,ActiveState,SubState,Result,NRestarts,StateChangeTimestamp"};
+    "--property=LoadState,UnitFileState,ActiveState,SubState,Result,NRestarts,MainPID,StateChangeTimestamp"};
 const std::vector<const char*> JOURNALCTL = {"journalctl", "--unit=kavrel", "--lines=50", "--no-pager",
                                              "--output=short-iso"};
 
@@ -99,8 +104,11 @@ public:
     explicit Daemon(tools::Timeout timeout) : m_timeout(timeout) {}
 
     Caller Owner() {
-        return Ask(
-            [](const tools::KavrelClient& client) { return FindCaller(client, client.RequireOwner()); });
+        if (!m_owner) {
+            m_owner = Ask(
+                [](const tools::KavrelClient& client) { return FindCaller(client, client.RequireOwner()); });
+        }
+        return *m_owner;
     }
     tools::Reading Read(Property property) {
         return Ask([property](const tools::KavrelClient& client) { return client.Read(GetterOf(property)); });
@@ -126,16 +134,16 @@ private:
     const tools::Timeout m_timeout;
     std::unique_ptr<tools::KavrelClient> m_client;
     std::optional<tools::ToolError> m_failure;
+    std::optional<Caller> m_owner;
 };
 
-/** The program that this user runs as the daemon; nothing if there is none, or another user runs it. */
-std::optional<std::string> OwnProgram(Daemon& daemon) {
+/** The folder in /proc of the daemon that this user runs; nothing if there is none, or another user runs it. */
+std::optional<std::string> OwnProcess(Daemon& daemon) {
     try {
         const std::string process = "/proc/" + std::to_string(daemon.Owner().process.value());
         struct stat status {};
-        return stat(process.c_str(), &status) == 0 && status.st_uid == geteuid()
-                   ? std::optional(process + "/exe")
-                   : std::nullopt;
+        return stat(process.c_str(), &status) == 0 && status.st_uid == geteuid() ? std::optional(process)
+                                                                                 : std::nullopt;
     } catch (const std::exception&) {
         return std::nullopt;
     }
@@ -143,8 +151,8 @@ std::optional<std::string> OwnProgram(Daemon& daemon) {
 
 /** Never runs a program that another user chose, so that root may report safely. */
 std::string DaemonVersion(Daemon& daemon, tools::Timeout timeout) {
-    const auto own = OwnProgram(daemon);
-    const std::string program = own.value_or("kavreld");
+    const auto own = OwnProcess(daemon);
+    const std::string program = own ? *own + "/exe" : "kavreld";
     const std::string answer = OutputOf({program.c_str(), "--version"}, timeout);
     return answer.substr(answer.find(' ') + 1) + (own ? " (the one that runs)" : " (the one in PATH)");
 }
@@ -153,6 +161,64 @@ std::string OwnerOfName(Daemon& daemon) {
     const Caller owner = daemon.Owner();
     const std::string process = owner.process ? "pid " + std::to_string(*owner.process) : "which has gone";
     return tools::Joined({owner.name, process, tools::Joined(owner.command)}, ", ");
+}
+
+/** Whether the unit runs another daemon than the one on the bus, or none. @param unit as systemctl shows it */
+bool IsOfOtherDaemon(const std::string& unit, Daemon& daemon) {
+    std::istringstream lines(unit);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with("MainPID=")) {
+            const auto process = daemon.Owner().process;
+            return process && line != "MainPID=" + std::to_string(*process);
+        }
+    }
+    return false;
+}
+
+/** A line about a part of the report that is not about the daemon on the bus; empty if it is, or nobody knows.
+ *  @param part "this unit" */
+std::string RemarkOn(const std::string& part, const std::string& unit, Daemon& daemon) {
+    try {
+        return IsOfOtherDaemon(unit, daemon)
+                   ? "The daemon on this bus is another one than that of " + part + ".\n"
+                   : "";
+    } catch (const std::exception&) {
+        return "";  // there is no daemon on the bus
+    }
+}
+
+std::string LastLinesOf(const std::string& name) {
+    std::deque<std::string> lines;
+    std::ifstream file(name);
+    for (std::string line; std::getline(file, line);) {
+        lines.push_back(line);
+        if (lines.size() > LOG_LINES) {
+            lines.pop_front();
+        }
+    }
+    return tools::Joined({lines.begin(), lines.end()}, "\n");
+}
+
+/** The errors say what is missing: that there is no journal, or that the user may not read all of it. */
+std::string LastLinesOfJournal(tools::Timeout timeout) {
+    const auto [output, errors] = RunProgram(JOURNALCTL, timeout);
+    if (errors.empty()) {
+        return output;
+    }
+    if (output.empty() || output == "-- No entries --") {
+        throw std::runtime_error(errors);
+    }
+    return errors + "\n" + output;
+}
+
+/** The end of the file into which this user's own daemon logs, as under ./run, or else of the journal. */
+std::string LastLinesOfLog(const std::string& unit, Daemon& daemon, tools::Timeout timeout) {
+    const auto own = OwnProcess(daemon);
+    const std::string file = own ? *own + "/fd/2" : "";
+    std::error_code ignored;
+    return std::filesystem::is_regular_file(file, ignored)
+               ? LastLinesOf(file)
+               : RemarkOn("this journal", unit, daemon) + LastLinesOfJournal(timeout);
 }
 
 struct Report {
@@ -171,8 +237,12 @@ struct Report {
                              {"owner of name", [&] { return OwnerOfName(daemon); }},
                              {"reported by", [] { return std::string(g_get_user_name()); }}});
         PrintRows("State", StateRows(daemon));
-        PrintLines("Unit", [&] { return OutputOf(SYSTEMCTL, timeout); });
-        PrintLines("Last lines of the log", [&] { return OutputOf(JOURNALCTL, timeout); });
+        std::string unit;
+        PrintLines("Unit", [&] {
+            unit = OutputOf(SYSTEMCTL, timeout);
+            return RemarkOn("this unit", unit, daemon) + unit;
+        });
+        PrintLines("Last lines of the log", [&] { return LastLinesOfLog(unit, daemon, timeout); });
         return tools::EXIT_DONE;
     }
 
@@ -195,9 +265,10 @@ void AddReportCommand(Tool& tool) {
     tool.Add<Report>("report",
                      "Write a text to attach to a bug report\n"
                      "It holds versions, the owner of the daemon's name, volume, mute, support and\n"
-                     "output, the state of the unit kavrel.service, and the last lines of its log. It\n"
-                     "says what is missing; root sees most. Read it before you send it: the log names\n"
-                     "programs.",
+                     "output, the state of the unit kavrel.service, and the last lines of the log:\n"
+                     "from the file into which your own daemon logs, or else from the journal. It\n"
+                     "says what is missing; root sees most. Read it before you send it: the log\n"
+                     "names programs.",
                      "kavrelctl report");
 }
 
