@@ -29,4 +29,4 @@ def test_each_program_has_the_version(program):
 
 def test_the_newest_entries_of_both_changelogs_are_of_the_version():
     assert first(r"^## .*?(\d+\.\d+\.\d+)", "CHANGELOG.md") == VERSION
-    assert first(r"^kavrel \((.*)-\d+\)", "debian/changelog") == VERSION
+    assert first(r"^kavrel \((.*)\)", "debian/changelog") == VERSION
