@@ -1003,14 +1003,22 @@ TEST_F(ReportsTest, AFolderThatCannotBeWatchedSilencesItsOwnValuesAlone) {
                                         ": Permission denied"));
 }
 
-TEST_F(ReportsTest, AFolderForWhichNoWatchIsLeftSilencesItsOwnValuesUntilThereIsOne) {
+/** A process that hears the volume and a value in a folder for which no watch is left, and a second one. */
+class NoWatchLeftTest : public ReportsTest {
+protected:
+    NoWatchLeftTest() {
+        EXPECT_EQ(second.Do("set-int memory/late/key 1"), "0");
+        EXPECT_EQ(deaf.Do("refuse-watches-of memory/late"), "0");
+        EXPECT_EQ(deaf.Do("hear memory/late/key"), "0");
+        EXPECT_EQ(deaf.Do("hear volume"), "0");
+    }
+
     const Folder place;
-    OtherProcess deaf(place);
-    OtherProcess second(place);
-    ASSERT_EQ(second.Do("set-int memory/late/key 1"), "0");
-    ASSERT_EQ(deaf.Do("refuse-watches-of memory/late"), "0");
-    EXPECT_EQ(deaf.Do("hear memory/late/key"), "0");
-    EXPECT_EQ(deaf.Do("hear volume"), "0");
+    OtherProcess deaf{place};
+    OtherProcess second{place};
+};
+
+TEST_F(NoWatchLeftTest, ItsFolderSilencesItsOwnValuesUntilThereIsOne) {
     EXPECT_EQ(second.Do("set-int memory/late/key 2"), "0");
     EXPECT_EQ(second.Do("set-volume 20"), "0");
     EXPECT_EQ(deaf.Report(), "volume 20 platform");
@@ -1027,14 +1035,7 @@ TEST_F(ReportsTest, AFolderForWhichNoWatchIsLeftSilencesItsOwnValuesUntilThereIs
                                         ": No space left on device"));
 }
 
-TEST_F(ReportsTest, AChangeWhileAFolderCannotBeWatchedIsReportedEvenIfARemovalFindsTheWatch) {
-    const Folder place;
-    OtherProcess deaf(place);
-    OtherProcess second(place);
-    ASSERT_EQ(second.Do("set-int memory/late/key 1"), "0");
-    ASSERT_EQ(deaf.Do("refuse-watches-of memory/late"), "0");
-    EXPECT_EQ(deaf.Do("hear memory/late/key"), "0");
-    EXPECT_EQ(deaf.Do("hear volume"), "0");
+TEST_F(NoWatchLeftTest, AChangeMeanwhileIsReportedEvenIfARemovalFindsTheWatch) {
     EXPECT_EQ(second.Do("set-int memory/late/key 2"), "0");
     ASSERT_EQ(deaf.Do("refuse-watches-of"), "0");
     EXPECT_EQ(deaf.Do("ignore-volume"), "0");  // which watches all that is still heard anew
