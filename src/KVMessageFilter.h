@@ -23,7 +23,7 @@ namespace NKavrel {
  * - A call that no handler gets and that asks for no reply is refused, because GDBus would answer it.
  *
  * A refused call is answered LimitsExceeded, unless it asked for no reply; a refused signal is dropped. Replies,
- * the bus's own messages, and messages that GDBus answers itself pass uncounted.
+ * the bus's own messages, and all other calls that GDBus answers itself pass uncounted.
  *
  * The filter never waits and logs nothing, and no function of this class is traced.
  */

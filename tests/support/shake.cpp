@@ -21,6 +21,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdarg>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
@@ -102,10 +103,21 @@ auto Shaken(Function* function, Arguments... arguments) {
     return result;
 }
 
-/** The function that the library's function of this name replaces. */
-template <typename Function>
-Function* Next(Function* /*as*/, const char* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+/** A name as a template argument. */
+template <std::size_t SIZE>
+struct Name {
+    constexpr Name(const char (&literal)[SIZE])  // not explicit: a literal becomes an argument
+    {
+        std::ranges::copy(literal, text);
+    }
+    char text[SIZE] = {};
+};
+
+/** The function that this library's function NAME replaces. */
+template <Name NAME, typename Function>
+Function* Next(Function* /*ours*/) {
+    static auto* const next = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, NAME.text));
+    return next;
 }
 
 struct Start {
@@ -137,60 +149,54 @@ __attribute__((constructor)) void ReadSeed(int count, char** arguments, char** /
 
 }  // namespace
 
-// The library's functions, with holds. The compiler sees the replaced function where NEXT is.
-#define NEXT(function)                                        \
-    ([] {                                                     \
-        static auto* const next = Next(&function, #function); \
-        return next;                                          \
-    }())
-
+// The library's functions, with holds.
 extern "C" {
 
 int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
-    return Shaken(NEXT(pthread_mutex_lock), mutex);
+    return Shaken(Next<"pthread_mutex_lock">(pthread_mutex_lock), mutex);
 }
 
 int pthread_mutex_trylock(pthread_mutex_t* mutex) noexcept {
-    return Shaken(NEXT(pthread_mutex_trylock), mutex);
+    return Shaken(Next<"pthread_mutex_trylock">(pthread_mutex_trylock), mutex);
 }
 
 int pthread_mutex_timedlock(pthread_mutex_t* mutex, const timespec* deadline) noexcept {
-    return Shaken(NEXT(pthread_mutex_timedlock), mutex, deadline);
+    return Shaken(Next<"pthread_mutex_timedlock">(pthread_mutex_timedlock), mutex, deadline);
 }
 
 int pthread_mutex_clocklock(pthread_mutex_t* mutex, clockid_t clock, const timespec* deadline) noexcept {
-    return Shaken(NEXT(pthread_mutex_clocklock), mutex, clock, deadline);
+    return Shaken(Next<"pthread_mutex_clocklock">(pthread_mutex_clocklock), mutex, clock, deadline);
 }
 
 int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
-    return Shaken(NEXT(pthread_mutex_unlock), mutex);
+    return Shaken(Next<"pthread_mutex_unlock">(pthread_mutex_unlock), mutex);
 }
 
 int pthread_cond_signal(pthread_cond_t* condition) noexcept {
-    return Shaken(NEXT(pthread_cond_signal), condition);
+    return Shaken(Next<"pthread_cond_signal">(pthread_cond_signal), condition);
 }
 
 int pthread_cond_broadcast(pthread_cond_t* condition) noexcept {
-    return Shaken(NEXT(pthread_cond_broadcast), condition);
+    return Shaken(Next<"pthread_cond_broadcast">(pthread_cond_broadcast), condition);
 }
 
 int pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
-    return Shaken(NEXT(pthread_cond_wait), condition, mutex);
+    return Shaken(Next<"pthread_cond_wait">(pthread_cond_wait), condition, mutex);
 }
 
 int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec* deadline) {
-    return Shaken(NEXT(pthread_cond_timedwait), condition, mutex, deadline);
+    return Shaken(Next<"pthread_cond_timedwait">(pthread_cond_timedwait), condition, mutex, deadline);
 }
 
 int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
                            const timespec* deadline) {
-    return Shaken(NEXT(pthread_cond_clockwait), condition, mutex, clock, deadline);
+    return Shaken(Next<"pthread_cond_clockwait">(pthread_cond_clockwait), condition, mutex, clock, deadline);
 }
 
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
                    void* argument) noexcept {
     auto start = std::make_unique<Start>(Start{body, argument});
-    const int result = NEXT(pthread_create)(thread, attributes, Run, start.get());
+    const int result = Next<"pthread_create">(pthread_create)(thread, attributes, Run, start.get());
     if (result == 0) {
         static_cast<void>(start.release());  // the thread owns it
     }
@@ -208,8 +214,8 @@ long syscall(long number, ...) noexcept {
     }
     va_end(list);
     const auto call = [&] {
-        return NEXT(syscall)(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4],
-                             arguments[5]);
+        return Next<"syscall">(syscall)(number, arguments[0], arguments[1], arguments[2], arguments[3],
+                                        arguments[4], arguments[5]);
     };
     if (number != SYS_futex) {
         return call();
