@@ -16,8 +16,9 @@ extern "C" {
  * others in their places and may be null.
  *
  * A gain is a percentage: 100 leaves the sound as it is. Any 32-bit integer is stored and read back. The
- * functions wait for no callback, so any thread may call them with locks of its own held. A result of 0 is
- * success, any other the platform's own negative code; `*gain` is set on success only.
+ * functions wait for no callback of any interface, so any thread may call them with locks of its own held. A
+ * result of 0 is success, any other the platform's own negative code; on failure `*gain` and the stored gain
+ * are as they were.
  */
 typedef struct AudioControl {
     void (*reserved_1)(void);

@@ -18,8 +18,9 @@ enum {
 /**
  * Writes one message. The text ends in a newline of its own: the log adds none.
  *
- * Any thread may call this, and callers may hold locks of their own: it waits for nothing but the reader of
- * the log. The log filters by priority before it formats. `errno` is left as it was.
+ * Any thread may call this, also from within a callback, and callers may hold locks of their own: it waits
+ * for nothing but the reader of the log. The log filters by priority before it formats. `errno` is left as it
+ * was, and a reader that has gone never ends the process.
  *
  * @param priority one of the four above
  * @param tag      the component that speaks, for logs that keep it; may be null

@@ -3,8 +3,9 @@
 /**
  * Boot events: named marks that any process may set, and others wait for while the TV starts.
  *
- * All calls may be made from any thread. An event's name is any non-empty text, by custom a path such as
- * "/tmp/.kavrel_ready".
+ * All calls may be made from any thread, also from within a callback, and wait for no callback. An event's
+ * name is any non-empty text, by custom a path such as "/tmp/.kavrel_ready". An event that nobody has marked
+ * is not done.
  */
 #ifndef LWIPC_H
 #define LWIPC_H

@@ -4,7 +4,20 @@
  * The resource centre: the multi-view zones on the screen, and which of them has the audio focus.
  *
  * All calls may be made from any thread, also from within a callback; one list and its zones belong to one
- * thread at a time.
+ * thread at a time. A failure code is the platform's own negative one, but never -1, -2 or -4. All calls but
+ * the registration and its removal wait for no callback.
+ *
+ * The callbacks of all interfaces of the platform keep these rules:
+ * - They run one at a time in the process, and the reports of one value come in the order of its changes.
+ * - They get changes only: never the value that a registration finds, never a value equal to the last one.
+ * - A change that this process makes is reported on the thread that makes it, before its call returns. No
+ *   other change is reported inside that call.
+ * - A change that anybody else makes is reported on a thread of the platform. Quick changes may become one
+ *   report; the last value is always reported.
+ * - A callback may make any call. If it changes a value, the report of that change nests inside it. It may add
+ *   and remove registrations, its own too; one that it adds does not get the change that is being reported.
+ * - A removal waits for a callback that is running on another thread. Once the removal has returned, the
+ *   callback is never called again.
  */
 #ifndef RESOURCE_CENTER_H
 #define RESOURCE_CENTER_H
@@ -20,8 +33,8 @@ typedef struct _rc_zone_list* rc_zone_list_h;
 typedef struct _rc_zone* rc_zone_h;
 
 /**
- * @param list to be freed with rc_free_zone_list(); set on success only. No zones make an empty list, not a
- * failure.
+ * @param list to be freed with rc_free_zone_list(); as it was on failure. Without zones it is an empty list,
+ * not a failure.
  * @return 0 on success
  */
 int rc_get_zone_list(rc_zone_list_h* list);
@@ -41,25 +54,17 @@ int rc_free_zone_list(rc_zone_list_h list);
 /** @return 0 on success; non-zero, with `*zone_id` as it was, while no zone has the focus */
 int rc_get_audio_focus(int* zone_id);
 
-/**
- * Gets the zone that has the focus when the focus has moved.
- *
- * All callbacks of the seam run one at a time. If this process makes the change, they run on the thread that
- * makes it, before its call returns; otherwise on a thread of the platform. A callback may register and
- * remove callbacks, its own too.
- */
+/** @param zone_id the zone that has the focus now */
 typedef void (*rc_audio_focus_changed_cb)(int zone_id, void* user_data);
 
 /**
- * May be called several times, with the same callback too: each call makes a registration of its own.
+ * May be called several times, with the same callback too: each call makes a registration of its own, which
+ * is called with its own user data.
  * @return the registration's id, above 0; 0 on failure
  */
 int rc_register_audio_focus_changed_callback(rc_audio_focus_changed_cb callback, void* user_data);
 
-/**
- * Waits for a callback that is running on another thread, after which it is never called again.
- * @return 0 on success; non-zero for an id that is not registered
- */
+/** @return 0 on success; non-zero for an id that is not registered, or no longer */
 int rc_unregister_audio_focus_changed_callback(int callback_id);
 
 #ifdef __cplusplus

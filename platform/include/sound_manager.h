@@ -4,13 +4,23 @@
  * The sound manager: which output the sound of the TV goes to, as a whole and for each multi-view zone.
  *
  * All calls may be made from any thread, also from within a callback. A result of 0 is success; any other is
- * a negative code.
+ * the platform's own negative code, but never -1, -2 or -4. A call that fails changes and reports nothing,
+ * and leaves `*route` as it was. The getters wait for no callback.
  *
- * All callbacks of the seam run one at a time. If this process makes the change, they run on the thread that
- * makes it, before its call returns; otherwise on a thread of the platform. They get changes only, never
- * a value equal to the last one. The process has one callback of each kind: setting it again replaces it.
- * Unsetting waits for a callback that is running on another thread, after which it is never called again; it
- * fails if none is set.
+ * The callbacks of all interfaces of the platform keep these rules:
+ * - They run one at a time in the process, and the reports of one value come in the order of its changes.
+ * - They get changes only: never the value that a registration finds, never a value equal to the last one.
+ * - A change that this process makes is reported on the thread that makes it, before its call returns. No
+ *   other change is reported inside that call.
+ * - A change that anybody else makes is reported on a thread of the platform. Quick changes may become one
+ *   report; the last value is always reported.
+ * - A callback may make any call. If it changes a value, the report of that change nests inside it. It may add
+ *   and remove registrations, its own too; one that it adds does not get the change that is being reported.
+ * - A removal waits for a callback that is running on another thread. Once the removal has returned, the
+ *   callback is never called again.
+ *
+ * The process has one callback of each kind: setting a second one replaces the first and its user data.
+ * Unsetting fails if none is set.
  */
 #ifndef SOUND_MANAGER_H
 #define SOUND_MANAGER_H
@@ -22,18 +32,18 @@ extern "C" {
 /** Code of an output. Any 32-bit integer can be stored; the sound manager gives none a meaning. */
 typedef int sound_tv_output_route_e;
 
-/** `*route` is set on success only. */
 int sound_manager_get_speaker_selection(sound_tv_output_route_e* route);
 
+/** An equal route succeeds and is not reported. */
 int sound_manager_set_speaker_selection(sound_tv_output_route_e route);
 
-/**
- * `*route` is set on success only.
- * @return 0xFE6A0004 (as an int -26607612) if there is no such zone
- */
+/** @return 0xFE6A0004 (as an int -26607612) if there is no such zone, as after the end of multi-view */
 int sound_manager_get_multiview_speaker_selection_with_zone_id(sound_tv_output_route_e* route, int zone_id);
 
-/** @return 0xFE6A0004 (as an int -26607612) if there is no such zone; a zone is never made by this */
+/**
+ * An equal route succeeds and is not reported.
+ * @return 0xFE6A0004 (as an int -26607612) if there is no such zone; this call never makes one
+ */
 int sound_manager_set_multiview_speaker_selection_with_zone_id(sound_tv_output_route_e route, int zone_id);
 
 typedef void (*sound_manager_speaker_changed_cb)(sound_tv_output_route_e route, void* user_data);
@@ -44,7 +54,7 @@ int sound_manager_unset_speaker_changed_cb(void);
 typedef void (*sound_manager_multiview_speaker_selection_changed_cb)(sound_tv_output_route_e route,
                                                                      int zone_id, void* user_data);
 
-/** Reports changes in every zone, also in one that appears later; the first route of a new zone is a change. */
+/** Reports the changes of all zones, also of later ones; the first route of a new zone is a change. */
 int sound_manager_set_multiview_speaker_selection_changed_cb(
     sound_manager_multiview_speaker_selection_changed_cb callback, void* user_data);
 int sound_manager_unset_multiview_speaker_selection_changed_cb(void);

@@ -11,11 +11,11 @@ extern "C" {
 #endif
 
 /**
- * May be called from any thread.
+ * May be called from any thread, also from within a callback, and waits for no callback.
  *
  * @param key   such as "com.norvik/featureconf/multiview.support"
  * @param value set on success only
- * @return 0; non-zero for a flag that this TV does not have or that cannot be read
+ * @return 0; non-zero, the platform's own code, for a flag that this TV does not have or that cannot be read
  */
 int system_info_get_custom_bool(const char* key, bool* value);
 
