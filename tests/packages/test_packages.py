@@ -28,7 +28,8 @@ FILES = {
                      "/usr/share/man/man1/kavrelctl.1.gz"},
     "kavrel-tv": {"/usr/bin/kavrel-tv", "/usr/share/bash-completion/completions/kavrel-tv",
                   "/usr/share/man/man1/kavrel-tv.1.gz"},
-    "kavrel-dev": {f"/usr/share/dbus-1/interfaces/{NAME}.xml"},
+    "kavrel-dev": {f"/usr/share/dbus-1/interfaces/{NAME}.xml", "/usr/include/kavrel/kavrel.h",
+                   "/usr/share/pkgconfig/kavrel.pc"},
 }
 DOCUMENTS = {
     "kavrel": {path.name for path in (ROOT / "docs").glob("*.md")},

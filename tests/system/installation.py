@@ -1,10 +1,17 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-"""The user and the folders that an installation makes."""
+"""An installation in a folder, and the user and the folders that it makes."""
 import grp
+import os
 import subprocess
 
 from interface import ROOT
+
+
+def install(root):
+    """Installs the build below the root folder."""
+    subprocess.run(["meson", "install", "-C", os.environ["KAVREL_BUILD"], "--no-rebuild", "--destdir", root, "--quiet"],
+                   check=True, stdin=subprocess.DEVNULL, capture_output=True)
 
 
 def make_users(root):

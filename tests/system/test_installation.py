@@ -7,13 +7,12 @@ import json
 import os
 import re
 import subprocess
-import xml.etree.ElementTree as ElementTree
 from pathlib import Path
 
 import pytest
 
-from harness import METHODS_PATH, NAME, READY, ROOT
-from installation import make_users, run_tmpfiles
+from harness import NAME, READY, ROOT
+from installation import install, make_users, run_tmpfiles
 
 PREFIX = "usr"
 
@@ -22,8 +21,7 @@ PREFIX = "usr"
 def installed(tmp_path_factory):
     """The root folder of an installation."""
     folder = tmp_path_factory.mktemp("installed")
-    subprocess.run(["meson", "install", "-C", os.environ["KAVREL_BUILD"], "--no-rebuild", "--destdir", folder,
-                    "--quiet"], check=True, stdin=subprocess.DEVNULL, capture_output=True)
+    install(folder)
     return folder
 
 
@@ -74,17 +72,6 @@ def test_a_release_build_checks_buffers_and_the_stack(tmp_path):
     for command in sources:
         for flag in ("-D_FORTIFY_SOURCE=2", "-fstack-protector-strong", "-fstack-clash-protection", "-Os"):
             assert flag in command["command"].split(), command["file"]
-
-
-def test_the_installed_interface_is_the_one_compiled_in(installed, daemon, scene):
-    file = (installed / PREFIX / "share/dbus-1/interfaces/org.olvane.kavrel.xml").read_text()
-    shown = scene.run("gdbus", "introspect", "--system", "--xml", "-d", NAME, "-o", METHODS_PATH)
-
-    def arguments(xml):
-        node = ElementTree.fromstring(xml).find(f"interface[@name='{NAME}']")
-        return [(method.get("name"), [tuple(sorted(arg.items())) for arg in method]) for method in node]
-
-    assert arguments(shown) == arguments(file)
 
 
 def test_the_unit_is_valid(installed):

@@ -19,10 +19,10 @@ def methods_of(interface):
             for method in interface.iter("method")]
 
 
-def test_introspection_shows_the_nine_methods_of_the_installed_file_and_nothing_else(daemon, scene):
+def test_introspection_shows_the_nine_methods_of_the_compiled_file_and_nothing_else(daemon, scene):
     shown = interface_of(scene.run("gdbus", "introspect", "--system", "--xml", "-d", NAME, "-o", METHODS_PATH))
-    installed = interface_of(XML_FILE.read_text())
-    assert methods_of(shown) == methods_of(installed)
+    compiled = interface_of(XML_FILE.read_text())
+    assert methods_of(shown) == methods_of(compiled)
     assert [name for name, _ in methods_of(shown)] == [
         "GetSpeakerSupportType", "SetSpeakerVolume", "GetSpeakerVolume", "SetSpeakerMute", "GetSpeakerMute",
         "ApplyPlayerFadeIn", "ApplyUnmuteFadeIn", "ResetPlayerGain", "ApplyGainOnMute"]
