@@ -176,7 +176,9 @@ int CommandLine::ShowHelp(const std::vector<std::string>& names) const {
 int CommandLine::Run(int argc, char** argv) {
     g_set_prgname(m_app.get_name().c_str());
     std::signal(SIGPIPE, SIG_IGN);
-    AddHelp();
+    if (!CommandsOf(m_app).empty()) {
+        AddHelp();
+    }
     try {
         return ParseAndAct(argc, argv);
     } catch (const ReaderGone&) {
@@ -206,10 +208,11 @@ int CommandLine::ParseAndAct(int argc, char** argv) {
         Print(m_app.help());
         return EXIT_DONE;
     }
-    if (!m_action) {
+    const Action& action = m_action ? m_action : m_default;
+    if (!action) {
         throw UsageError("a command is missing");
     }
-    return m_action();
+    return action();
 }
 
 std::vector<const CLI::App*> CommandLine::Given() const {

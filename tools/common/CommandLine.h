@@ -40,6 +40,8 @@ public:
      *  @return the command, to add arguments and options to */
     CLI::App& AddCommand(const std::string& name, const std::string& description, const std::string& example,
                          Action action, CLI::App* group = nullptr);
+    /** Sets what the tool does without a command; otherwise that is wrong usage. */
+    void SetDefault(Action action) { m_default = std::move(action); }
     /** Adds a command that does nothing without another one after it. */
     CLI::App& AddGroup(const std::string& name, const std::string& description, const std::string& example);
 
@@ -61,6 +63,7 @@ private:
 
     CLI::App m_app;
     Action m_action;
+    Action m_default;
 };
 
 /** The number that is the whole text, without a blank or a "+" in front. */

@@ -1,12 +1,8 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <charconv>
 #include <chrono>
-#include <csignal>
 #include <deque>
 #include <filesystem>
 #include <map>
@@ -23,6 +19,7 @@
 #include "KavrelClient.h"
 #include "MainLoop.h"
 #include "Platform.h"
+#include "Player.h"
 #include "Print.h"
 #include "Routes.h"
 
@@ -62,11 +59,6 @@ struct DeviceBehaviour {
     std::optional<unsigned> seed;    // of the random numbers
 };
 
-/** The process id of the command that plays. No value has a name with a dot in front. */
-host::Value Player() {
-    return {".devices", host::ANY_INTEGER};
-}
-
 void Say(std::string_view device, const std::string& what) {
     tools::PrintWithTime(std::string(device) + ": " + what);
 }
@@ -88,15 +80,9 @@ public:
           m_random(behaviour.seed ? *behaviour.seed : std::random_device()()),
           m_watch(loop, FolderOfRequests(),
                   [this](auto event, const std::string& path) { On(event, path); }) {
-        BecomePlayer();
+        m_player.Take();
+        Begin();
     }
-    ~Devices() {
-        if (m_isPlayer) {
-            static_cast<void>(host::Remove(Player()));
-        }
-    }
-    Devices(const Devices&) = delete;
-    Devices& operator=(const Devices&) = delete;
 
 private:
     struct Request {
@@ -126,7 +112,7 @@ private:
         if (event == DirectoryWatch::Event::LOST) {
             tools::Complain("too many changes at once: requests may be lost");
         }
-        if (path == Player().path) {
+        if (path == Player::File().path) {
             LookAtPlayer();
         } else if (event == DirectoryWatch::Event::WRITTEN && (isLevel || path == host::MUTE_REQUEST.path)) {
             LookAtPlayer();  // which a signal may have ended before it could remove its process id
@@ -138,9 +124,7 @@ private:
 
     // --- Which command plays
 
-    void BecomePlayer() {
-        ThrowIfFailed(host::Write(Player(), std::to_string(getpid())));
-        m_isPlayer = true;
+    void Begin() {
         const Integer route = ReadOutput().route;
         m_route = route ? std::optional(route.value) : std::nullopt;
         for (const DeviceKind& kind : DeviceKinds()) {
@@ -151,14 +135,13 @@ private:
     }
 
     void LookAtPlayer() {
-        int player = 0;
-        const bool isAlive = !host::Read(Player(), player) && (kill(player, 0) == 0 || errno == EPERM);
-        if (!isAlive) {
+        const Player::Change change = m_player.Look();
+        if (change == Player::Change::GIVEN_BACK) {
             Say("devices", "the other devices have gone; these play again");
-            BecomePlayer();
-        } else if (player != getpid() && m_isPlayer) {
-            Say("devices", "process " + std::to_string(player) + " plays now; these wait until it ends");
-            m_isPlayer = false;
+            Begin();
+        } else if (change == Player::Change::TAKEN_AWAY) {
+            Say("devices",
+                "process " + std::to_string(m_player.Process()) + " plays now; these wait until it ends");
             m_answers.clear();
             m_timer.reset();
         }
@@ -168,7 +151,7 @@ private:
 
     void LookAtOutput() {
         const OutputInUse output = ReadOutput();
-        if (!m_isPlayer || !output.route || m_route == output.route.value) {
+        if (!m_player.IsThisProcess() || !output.route || m_route == output.route.value) {
             return;
         }
         m_route = output.route.value;
@@ -181,7 +164,7 @@ private:
     void Take(bool isLevel) {
         const host::NamedValue& value = isLevel ? host::LEVEL_REQUEST : host::MUTE_REQUEST;
         const Integer asked = ReadInteger(value);
-        if (!m_isPlayer || asked.IsMissing()) {
+        if (!m_player.IsThisProcess() || asked.IsMissing()) {
             return;
         }
         if (!asked) {
@@ -297,7 +280,7 @@ private:
     const DeviceBehaviour m_behaviour;
     std::mt19937 m_random;
     DirectoryWatch m_watch;
-    bool m_isPlayer = false;
+    Player m_player;
     std::optional<int> m_route;       // of the output in use at the last look
     std::deque<Answer> m_answers;     // not given yet, in the order of the requests
     tools::GLibPtr<GSource> m_timer;  // of the first of them

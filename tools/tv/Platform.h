@@ -1,8 +1,8 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
 /** The TV directory, through the core of the host platform, whose errors become the tool's. */
-#ifndef KAVREL_TV_PLATFORM_H
-#define KAVREL_TV_PLATFORM_H
+#ifndef KAVREL_TOOLS_TV_PLATFORM_H
+#define KAVREL_TOOLS_TV_PLATFORM_H
 
 #include <directory.h>
 #include <json/value.h>

@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-#ifndef KAVREL_TV_DIRECTORYWATCH_H
-#define KAVREL_TV_DIRECTORYWATCH_H
+#ifndef KAVREL_TOOLS_TV_DIRECTORYWATCH_H
+#define KAVREL_TOOLS_TV_DIRECTORYWATCH_H
 
 #include <cstdint>
 #include <filesystem>

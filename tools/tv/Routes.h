@@ -1,8 +1,8 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
 /** The TV's outputs: the platform's route codes, and their names in this tool. */
-#ifndef KAVREL_TV_ROUTES_H
-#define KAVREL_TV_ROUTES_H
+#ifndef KAVREL_TOOLS_TV_ROUTES_H
+#define KAVREL_TOOLS_TV_ROUTES_H
 
 #include <items.h>
 

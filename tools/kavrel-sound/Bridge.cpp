@@ -1,0 +1,255 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
+#include "Bridge.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <utility>
+
+#include "Errors.h"
+#include "Layout.h"
+#include "Print.h"
+
+namespace sound {
+
+Bridge::Bridge(tools::MainLoop& loop, const std::string& directory, const Settings& settings)
+    : m_loop(loop),
+      m_directory(directory),
+      m_settings(settings),
+      m_outputs(settings.outputs),
+      m_watch(loop, host::Root(), [this](auto event, const std::string& path) { OnTv(event, path); }),
+      m_server(loop, settings.server,
+               {[this] { OnReady(); }, [this](const std::string& reason) { OnGone(reason); },
+                [this](int facility, int type, Index index) { OnChange(facility, type, index); }}),
+      m_writer(m_server, [this] { Look(); }),
+      m_kavrel(m_server, KAVREL_MODULE, [this] { Look(); }),
+      m_main(m_server, {MAIN_STAGE, settings.latency, !settings.isRough, [this] { Look(); }}),
+      m_sub(m_server, {SUB_STAGE, settings.latency, !settings.isRough, [this] { Look(); }}) {
+    const auto whenDue = [this] { Settle(); };
+    m_devices.push_back(std::make_unique<Device>(loop, m_writer, nullptr, whenDue));
+    for (const tv::DeviceKind& kind : tv::DeviceKinds()) {
+        m_devices.push_back(std::make_unique<Device>(loop, m_writer, &kind, whenDue));
+    }
+    m_player.Take();
+    ReadRoute();
+    SetGains();
+    m_server.Connect();
+}
+
+// --- The TV directory
+
+void Bridge::OnTv(tv::DirectoryWatch::Event event, const std::string& path) {
+    if (path == tv::Player::File().path) {
+        m_player.Look();
+    }
+    if (path == host::MAIN_OUT_GAIN.path || path == host::SUB_OUT_GAIN.path) {
+        SetGains();
+        return;
+    }
+    if (event == tv::DirectoryWatch::Event::LOST) {
+        tools::Complain("too many changes at once: requests may be lost");
+        SetGains();
+    }
+    std::error_code ignored;
+    if (path.empty() && !std::filesystem::exists(host::Root(), ignored)) {
+        throw tools::ToolError(tools::EXIT_UNREACHABLE, "the TV directory " + m_directory + " has gone");
+    }
+    ReadRoute();
+    if (event == tv::DirectoryWatch::Event::WRITTEN) {
+        if (path == host::LEVEL_REQUEST.path || path == host::MUTE_REQUEST.path) {
+            Answer(path == host::LEVEL_REQUEST.path);
+        }
+    }
+    Settle();
+}
+
+/** Keeps the last route while there is none that can be read. */
+void Bridge::ReadRoute() {
+    if (const tv::Integer route = tv::ReadOutput().route) {
+        m_route = route.value;
+    }
+}
+
+void Bridge::SetGains() {
+    if (const tv::Integer gain = tv::ReadInteger(host::MAIN_OUT_GAIN)) {
+        m_main.SetGain(gain.value);
+    }
+    if (const tv::Integer gain = tv::ReadInteger(host::SUB_OUT_GAIN)) {
+        m_sub.SetGain(gain.value);
+    }
+}
+
+/** Applies a request to the output in use. */
+void Bridge::Answer(bool isLevel) {
+    const tv::DeviceKind* const kind = tv::ReadOutput().Device();
+    const tv::Integer asked = tv::ReadInteger(isLevel ? host::LEVEL_REQUEST : host::MUTE_REQUEST);
+    if (kind == nullptr || !asked || !m_player.IsThisProcess()) {
+        return;
+    }
+    const auto value = std::optional(asked.value);
+    DeviceOf(kind).Ask(SinkOf(kind), isLevel ? value : std::nullopt, isLevel ? std::nullopt : value);
+}
+
+Device& Bridge::DeviceOf(const tv::DeviceKind* kind) {
+    return **std::find_if(m_devices.begin(), m_devices.end(),
+                          [kind](const auto& device) { return device->Kind() == kind; });
+}
+
+/** @return null if the server does not have it */
+Sink* Bridge::SinkOf(const tv::DeviceKind* kind) {
+    const Choice choice = m_outputs.ChoiceOfKind(kind, m_route, m_defaultSink);
+    const Sink* const sink = std::as_const(m_snapshot).FindSink(choice.sink);
+    return sink != nullptr ? m_snapshot.FindSink(sink->index) : nullptr;
+}
+
+// --- The server
+
+void Bridge::OnReady() {
+    m_isLooking = false;
+    Look();
+}
+
+void Bridge::OnGone(const std::string& reason) {
+    tools::Complain("waiting for a sound server: " + reason);
+    m_snapshot = {};
+    m_writer.Forget();
+    m_kavrel.Forget();
+    m_main.Forget();
+    m_sub.Forget();
+    m_programs.clear();
+    m_kavrelSink = PA_INVALID_INDEX;
+    m_isGuarding = false;
+    m_isDefaultSet = false;
+    for (const auto& device : m_devices) {
+        device->Interrupt();
+    }
+}
+
+void Bridge::OnChange(int facility, int type, Index index) {
+    if (facility == PA_SUBSCRIPTION_EVENT_SINK && type == PA_SUBSCRIPTION_EVENT_REMOVE) {
+        m_main.Leave(index);
+        m_sub.Leave(index);
+    }
+    if (facility == PA_SUBSCRIPTION_EVENT_SINK_INPUT && type == PA_SUBSCRIPTION_EVENT_CHANGE &&
+        (m_main.IsChanging(index) || m_sub.IsChanging(index))) {
+        return;  // the server's word of the stage's own volumes
+    }
+    Look();
+}
+
+void Bridge::Look() {
+    m_isStale = m_isLooking;
+    if (m_isLooking || !m_server.IsReady()) {
+        return;
+    }
+    m_isLooking = true;
+    m_writer.BeginLook();
+    m_server.Look([this](Snapshot&& snapshot) { OnLook(std::move(snapshot)); });
+}
+
+void Bridge::OnLook(Snapshot&& snapshot) {
+    m_isLooking = false;
+    m_writer.Amend(snapshot, m_snapshot);
+    const bool isFirst = m_snapshot.server.empty();
+    m_snapshot = std::move(snapshot);
+    if (isFirst) {
+        tools::PrintLine("the TV " + tools::Printable(m_directory) + " plays on " + m_snapshot.server);
+    }
+    Settle();
+    if (m_isStale) {
+        Look();
+    }
+}
+
+// --- What there has to be
+
+void Bridge::Settle() {
+    if (m_snapshot.server.empty()) {
+        return;
+    }
+    FindDefaultSink();
+    SayWhatIsMissing();
+    for (const auto& device : m_devices) {
+        device->Follow(SinkOf(device->Kind()), m_player.IsThisProcess());
+    }
+    m_kavrel.Ensure(FindKavrel(m_snapshot), KavrelArguments());
+    const Sink* const kavrel = m_snapshot.FindSink(std::string(KAVREL_SINK));
+    if (kavrel == nullptr) {
+        m_main.Follow(m_snapshot, nullptr);
+        m_sub.Follow(m_snapshot, nullptr);
+        return;
+    }
+    const Sink* const main = m_snapshot.FindSink(OutputSink());
+    const Sink* const sub = m_snapshot.FindSink(m_settings.sub);
+    FollowPrograms(*kavrel);
+    Guard(*kavrel, m_main.WillAppear(m_snapshot, main) || m_sub.WillAppear(m_snapshot, sub));
+    m_main.Follow(m_snapshot, main);
+    m_sub.Follow(m_snapshot, sub);
+    if (m_settings.isDefault && !std::exchange(m_isDefaultSet, true)) {
+        m_server.SetDefaultSink(KAVREL_SINK);
+    }
+}
+
+std::string Bridge::OutputSink() const {
+    return m_route ? m_outputs.ChoiceOf(*m_route, m_defaultSink).sink : "";
+}
+
+/** The TV speaker is the default sink. While that is "kavrel", it is the default sink before. */
+void Bridge::FindDefaultSink() {
+    if (m_snapshot.defaultSink != KAVREL_SINK) {
+        m_defaultSink = m_snapshot.defaultSink;
+    } else if (m_snapshot.FindSink(m_defaultSink) == nullptr) {
+        const auto other = std::find_if(m_snapshot.sinks.begin(), m_snapshot.sinks.end(),
+                                        [](const Sink& sink) { return sink.name != KAVREL_SINK; });
+        m_defaultSink = other != m_snapshot.sinks.end() ? other->name : "";
+    }
+}
+
+bool Bridge::IsOwn(const Stream& stream) const {
+    return IsOfStage(stream, MAIN_STAGE) || IsOfStage(stream, SUB_STAGE);
+}
+
+/** Moves programs back if "kavrel" was removed and made again. Programs that a person moves away stay away. */
+void Bridge::FollowPrograms(const Sink& kavrel) {
+    if (std::exchange(m_kavrelSink, kavrel.index) != kavrel.index) {
+        for (const Stream& stream : m_snapshot.streams) {
+            if (m_programs.contains(stream.index) && stream.sink != kavrel.index) {
+                m_server.MoveStream(stream.index, kavrel.index);
+            }
+        }
+        return;
+    }
+    m_programs.clear();
+    for (const Stream& stream : m_snapshot.streams) {
+        if (stream.sink == kavrel.index && !IsOwn(stream)) {
+            m_programs.insert(stream.index);
+        }
+    }
+}
+
+/** Keeps "kavrel" silent while a stage has appeared on the server, and its gain is not in force yet. */
+void Bridge::Guard(const Sink& kavrel, bool isNeeded) {
+    if (isNeeded && !m_isGuarding && !m_programs.empty() && !kavrel.isMuted) {
+        m_isGuarding = true;
+        m_server.SetSinkMute(kavrel.index, true, {});
+    } else if (!isNeeded && m_isGuarding) {
+        m_isGuarding = false;
+        m_server.SetSinkMute(kavrel.index, false, {});
+    }
+}
+
+void Bridge::SayWhatIsMissing() {
+    std::vector<std::string> named = {m_settings.sub};
+    for (const auto& [route, sink] : m_outputs.Named()) {
+        named.push_back(sink);
+    }
+    for (const std::string& sink : named) {
+        if (sink.empty() || m_snapshot.FindSink(sink) != nullptr) {
+            m_missing.erase(sink);
+        } else if (m_missing.insert(sink).second) {
+            tools::Complain("waiting for the sink " + tools::Printable(sink));
+        }
+    }
+}
+
+}  // namespace sound

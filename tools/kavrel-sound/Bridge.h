@@ -1,0 +1,91 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
+#ifndef KAVREL_SOUND_BRIDGE_H
+#define KAVREL_SOUND_BRIDGE_H
+
+#include <DirectoryWatch.h>
+#include <Player.h>
+
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Device.h"
+#include "Outputs.h"
+#include "OwnModule.h"
+#include "Server.h"
+#include "Settings.h"
+#include "SinkWriter.h"
+#include "Stage.h"
+
+namespace sound {
+
+/**
+ * Plays the TV in the open TV directory on a sound server, until the loop ends:
+ *
+ *     programs -> sink "kavrel" -> stage "kavrel-main": its volume is the main gain -> sink of the output in use
+ *                               \-> stage "kavrel-sub": its volume is the sub gain  -> sink of the sub output
+ *
+ * Every change of the server leads to a look at all that it holds, and every look to one step that makes what is
+ * missing, removes what is too much, and settles every difference between the TV directory and the server.
+ */
+class Bridge {
+public:
+    /** @throws tools::ToolError if the directory cannot be watched or written */
+    Bridge(tools::MainLoop& loop, const std::string& directory, const Settings& settings);
+
+    /** The server's default sink, or the last one before "kavrel"; empty: none was seen. */
+    const std::string& DefaultSink() const { return m_defaultSink; }
+
+private:
+    void OnTv(tv::DirectoryWatch::Event event, const std::string& path);
+    void OnReady();
+    void OnGone(const std::string& reason);
+    void OnChange(int facility, int type, Index index);
+
+    void Look();
+    void OnLook(Snapshot&& snapshot);
+    void Settle();
+
+    void ReadRoute();
+    void SetGains();
+    void Answer(bool isLevel);
+    Device& DeviceOf(const tv::DeviceKind* kind);
+    Sink* SinkOf(const tv::DeviceKind* kind);
+    void FindDefaultSink();
+    void FollowPrograms(const Sink& kavrel);
+    bool IsOwn(const Stream& stream) const;
+    void Guard(const Sink& kavrel, bool isNeeded);
+    void SayWhatIsMissing();
+    std::string OutputSink() const;
+
+    tools::MainLoop& m_loop;
+    const std::string m_directory;
+    const Settings m_settings;
+    const Outputs m_outputs;
+    tv::DirectoryWatch m_watch;
+    tv::Player m_player;
+    Server m_server;
+    SinkWriter m_writer;
+    OwnModule m_kavrel;
+    Stage m_main;
+    Stage m_sub;
+    std::vector<std::unique_ptr<Device>> m_devices;  // the TV's own outputs first
+
+    std::optional<int> m_route;  // of the output in use, as last read
+    Snapshot m_snapshot;
+    bool m_isLooking = false;
+    bool m_isStale = false;       // something has changed since the look began
+    std::string m_defaultSink;    // the last one that was not "kavrel"
+    bool m_isDefaultSet = false;  // on this connection
+    Index m_kavrelSink = PA_INVALID_INDEX;
+    std::set<Index> m_programs;       // streams that play on "kavrel", or did until it went
+    bool m_isGuarding = false;        // whether "kavrel" is muted until the gains are in force
+    std::set<std::string> m_missing;  // sinks that were said to be missing
+};
+
+}  // namespace sound
+
+#endif

@@ -1,0 +1,20 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
+#ifndef KAVREL_SOUND_CLEANER_H
+#define KAVREL_SOUND_CLEANER_H
+
+#include <string>
+
+namespace sound {
+
+/**
+ * Removes from the server what a bridge has made, over a connection of its own: the stages first, then "kavrel". Returns
+ * when the server no longer has it, or after two seconds.
+ *
+ * @param defaultSink to become the server's default sink again in the place of "kavrel"; empty: none
+ */
+void RemoveFromServer(const std::string& server, const std::string& defaultSink);
+
+}  // namespace sound
+
+#endif

@@ -1,0 +1,67 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
+#include "OwnModule.h"
+
+#include <utility>
+
+#include "Print.h"
+
+namespace sound {
+
+OwnModule::OwnModule(Server& server, std::string name, std::function<void()> whenAnswered)
+    : m_server(server), m_name(std::move(name)), m_whenAnswered(std::move(whenAnswered)) {}
+
+Index OwnModule::Ensure(std::vector<Index> found, const std::string& arguments) {
+    m_isWanted = true;
+    std::erase_if(found, [this](Index module) { return m_unloading.contains(module); });
+    if (found.empty()) {
+        if (!m_isLoading && m_unloading.empty()) {
+            Load(arguments);
+        }
+        return PA_INVALID_INDEX;
+    }
+    const Index kept = found.front();
+    found.erase(found.begin());
+    for (const Index module : found) {
+        Unload(module);
+    }
+    return kept;
+}
+
+void OwnModule::Remove(const std::vector<Index>& found) {
+    m_isWanted = false;
+    for (const Index module : found) {
+        Unload(module);
+    }
+}
+
+void OwnModule::Load(const std::string& arguments) {
+    m_isLoading = true;
+    m_server.Load(m_name, arguments, [this](Index module) {
+        m_isLoading = false;
+        if (module == PA_INVALID_INDEX) {
+            tools::Complain("the server cannot load " + m_name);
+            return;
+        }
+        if (!m_isWanted) {
+            Unload(module);
+        }
+        m_whenAnswered();
+    });
+}
+
+void OwnModule::Unload(Index module) {
+    if (m_unloading.insert(module).second) {
+        m_server.Unload(module, [this, module](bool /*hasSucceeded*/) {
+            m_unloading.erase(module);
+            m_whenAnswered();
+        });
+    }
+}
+
+void OwnModule::Forget() {
+    m_isLoading = false;
+    m_unloading.clear();
+}
+
+}  // namespace sound

@@ -1,0 +1,123 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
+#include "Settings.h"
+
+#include <Platform.h>
+#include <fcntl.h>
+#include <json/reader.h>
+#include <json/value.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+#include <system_error>
+
+#include "Errors.h"
+#include "Print.h"
+
+namespace sound {
+
+namespace {
+
+/** No value of the TV has a name with a dot in front. */
+std::string FileName() {
+    return host::Root() / ".kavrel-sound";
+}
+
+Json::Value ToJson(const Settings& settings) {
+    Json::Value json(Json::objectValue);
+    json["process"] = getpid();
+    json["server"] = settings.server;
+    json["outputs"] = Json::Value(Json::arrayValue);
+    for (const std::string& output : settings.outputs) {
+        json["outputs"].append(output);
+    }
+    json["sub"] = settings.sub;
+    json["latency"] = settings.latency;
+    json["default"] = settings.isDefault;
+    json["smoothing"] = !settings.isRough;
+    return json;
+}
+
+/** @throws Json::Exception if it is not what ToJson() has made */
+Claim::Holder FromJson(const Json::Value& json) {
+    Claim::Holder holder{json["process"].asInt(), {}};
+    holder.settings.server = json["server"].asString();
+    for (const Json::Value& output : json["outputs"]) {
+        std::string option = output.asString();
+        if (OutputOption()(option).empty()) {
+            holder.settings.outputs.push_back(option);
+        }
+    }
+    holder.settings.sub = json["sub"].asString();
+    holder.settings.latency = json["latency"].asInt();
+    holder.settings.isDefault = json["default"].asBool();
+    holder.settings.isRough = !json["smoothing"].asBool();
+    return holder;
+}
+
+}  // namespace
+
+void Settings::AddOptions(CLI::App& app) {
+    app.add_option("--server", server, "Name the sound server (default: the one that pactl finds)")
+        ->type_name("S");
+    app.add_option("--output", outputs, "Play a route on a sink; for each route once")
+        ->type_name("ROUTE=SINK")
+        ->allow_extra_args(false)
+        ->transform(OutputOption());
+    app.add_option("--sub", sub, "Play the sub output on a sink")->type_name("SINK")->transform(SinkOption());
+    app.add_option("--latency", latency, "Let the sound be late by so many milliseconds (default: 60)")
+        ->type_name("MS")
+        ->transform(tools::WholeNumber(1, 2000));
+    app.add_flag("--default", isDefault, "Make \"kavrel\" the default sink");
+    app.add_flag("--no-smoothing", isRough, "Change gains in the daemon's own steps");
+}
+
+Claim::Claim(const Settings& settings)
+    : m_file(open(FileName().c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0660)) {
+    if (m_file < 0) {
+        const int error = errno;
+        tv::ThrowIfFailed(
+            {error, "cannot open " + FileName() + ": " + std::generic_category().message(error)});
+    }
+    if (flock(m_file, LOCK_EX | LOCK_NB) != 0) {
+        close(m_file);
+        const auto holder = Find();
+        throw tools::ToolError(tools::EXIT_REFUSED,
+                               "another kavrel-sound" +
+                                   (holder ? " (process " + std::to_string(holder->process) + ")" : "") +
+                                   " plays this TV already");
+    }
+    const std::string text = tools::JsonLine(ToJson(settings)) + "\n";
+    if (ftruncate(m_file, 0) != 0 || write(m_file, text.data(), text.size()) < 0) {
+        const int error = errno;
+        close(m_file);
+        tv::ThrowIfFailed(
+            {error, "cannot write " + FileName() + ": " + std::generic_category().message(error)});
+    }
+}
+
+/** The file stays: who removes a locked file removes the lock of another process, too. */
+Claim::~Claim() {
+    static_cast<void>(ftruncate(m_file, 0));
+    close(m_file);
+}
+
+std::optional<Claim::Holder> Claim::Find() {
+    Json::Value json;
+    try {
+        const std::string text = tv::ReadFile(FileName());
+        const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+        if (reader->parse(text.data(), text.data() + text.size(), &json, nullptr)) {
+            return FromJson(json);
+        }
+    } catch (const Json::Exception&) {
+        // Nobody who runs has written that.
+    } catch (const tools::ToolError&) {
+        // There is no file.
+    }
+    return std::nullopt;
+}
+
+}  // namespace sound

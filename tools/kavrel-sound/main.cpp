@@ -1,0 +1,55 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
+#include <Platform.h>
+
+#include <clocale>
+
+#include "Bridge.h"
+#include "Cleaner.h"
+#include "CommandLine.h"
+#include "Errors.h"
+#include "Settings.h"
+
+namespace {
+
+constexpr const char* FOOTER = R"(Examples:
+  kavrel-sound
+  kavrel-sound --output bt=SINK --sub SINK
+
+Exit status: 0 done, 1 refused or failed, 2 no TV directory or no sound server,
+64 wrong usage, 77 the TV directory does not allow it; 130 if Ctrl-C ended a
+command before it was done. Ctrl-C is the usual end without a command: then the
+exit status is 0.)";
+
+/** Plays until Ctrl-C, and leaves the server as it was. */
+int Play(const std::string& directory, const sound::Settings& settings) {
+    tv::OpenTv(directory);
+    const sound::Claim claim(settings);
+    std::string defaultSink;
+    int status = tools::EXIT_DONE;
+    {
+        tools::MainLoop loop;
+        sound::Bridge bridge(loop, directory, settings);
+        status = loop.RunUntilInterrupted();
+        defaultSink = bridge.DefaultSink();
+    }
+    sound::RemoveFromServer(settings.server, defaultSink);
+    return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::setlocale(LC_CTYPE, "");  // NOLINT(concurrency-mt-unsafe): there is no other thread yet
+    tools::CommandLine line("kavrel-sound", "Play the TV's sound on a sound server, until Ctrl-C.", FOOTER);
+    std::string directory = "/run/kavrel";
+    sound::Settings settings;
+    line.App()
+        .add_option("--dir", directory, "Name the TV directory (default: /run/kavrel)")
+        ->type_name("DIR")
+        ->envname("KAVREL_TV_DIR");
+    settings.AddOptions(line.App());
+    line.App().fallthrough();
+    line.SetDefault([&] { return Play(directory, settings); });
+    return line.Run(argc, argv);
+}
