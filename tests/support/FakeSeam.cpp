@@ -226,6 +226,7 @@ void FakeSeam::Reset() {
     *m_state = State();
     m_failures.clear();
     m_hooks.clear();
+    m_judge = nullptr;
     m_journal.clear();
     m_gainWrites.clear();
     m_dropLogLines = false;
@@ -249,6 +250,11 @@ std::optional<int> FakeSeam::Record(Entry entry) {
         for (PlannedFailure& failure : m_failures) {
             if (Matches(failure.what, entry) && (++failure.seen == failure.nth || failure.nth == 0)) {
                 result = failure.result;
+            }
+        }
+        if (m_judge != nullptr) {
+            if (const auto judged = m_judge(entry)) {
+                result = judged;
             }
         }
         std::erase_if(m_hooks, [&](Hook& hook) {
@@ -413,6 +419,11 @@ void FakeSeam::Fail(const std::string& what, int result, int nth) {
 void FakeSeam::Succeed(const std::string& what) {
     const std::lock_guard lock(m_mutex);
     std::erase_if(m_failures, [&](const PlannedFailure& failure) { return failure.what == what; });
+}
+
+void FakeSeam::Judge(std::function<std::optional<int>(const Entry&)> judge) {
+    const std::lock_guard lock(m_mutex);
+    m_judge = std::move(judge);
 }
 
 void FakeSeam::Before(const std::string& what, std::function<void()> action) {

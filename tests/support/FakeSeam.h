@@ -227,6 +227,11 @@ public:
     /** Cancels every Fail with exactly this `what`. */
     void Succeed(const std::string& what);
     /**
+     * Shows `judge` every entry before it enters the journal. A result makes that call fail. It runs under the
+     * fake's lock, so it must use only its argument. Null shows none.
+     */
+    void Judge(std::function<std::optional<int>(const Entry&)> judge);
+    /**
      * Runs `action` inside each such call, on its thread: after it enters the journal and before it takes
      * effect.
      */
@@ -332,6 +337,7 @@ private:
     std::vector<Entry> m_journal;
     std::vector<PlannedFailure> m_failures;
     std::vector<Hook> m_hooks;
+    std::function<std::optional<int>(const Entry&)> m_judge;
     std::vector<GainWrite> m_gainWrites;
     std::unique_ptr<State> m_state;
     std::atomic<bool> m_dropLogLines = false;
