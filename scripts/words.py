@@ -3,8 +3,8 @@
 """words.py WORDS: print where the files named on standard input use a phrase of the list WORDS.
 
 Each line of WORDS is a regular expression. A space in it also matches a line break, "^" the first word of a line, and small
-letters also capital ones. The search covers comments and, in the tools, string literals of C++; comments and docstrings
-of Python; the whole text of all other files. Exits with 1 if it found a phrase, or a file that is no text.
+letters also capital ones. The search covers comments of C and C++ and, in the tools, string literals; comments and
+docstrings of Python; the whole text of all other files. Exits with 1 if it found a phrase, or a file that is no text.
 """
 import io
 import re
@@ -52,7 +52,7 @@ def python_prose(text):
 
 
 def prose_of(path, text):
-    if path.endswith((".cpp", ".h")):
+    if path.endswith((".c", ".cpp", ".h")):
         text = cpp_prose(text, path.startswith(READ_BY_PEOPLE))
     elif path.endswith(".py"):
         text = python_prose(text)

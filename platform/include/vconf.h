@@ -19,8 +19,8 @@
  *   other change is reported inside that call.
  * - A change that anybody else makes is reported on a thread of the platform. Quick changes may become one
  *   report; the last value is always reported.
- * - A callback may make any call. If it changes a value, the report of that change nests inside it. It may add
- *   and remove registrations, its own too; one that it adds does not get the change that is being reported.
+ * - A callback may make any call. If it changes a value, the report of that change nests inside it. It may
+ *   add and remove registrations, its own too; one that it adds does not get the change under report.
  * - A removal waits for a callback that is running on another thread. Once the removal has returned, the
  *   callback is never called again.
  */
