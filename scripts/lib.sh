@@ -38,6 +38,7 @@ declare -A proof=(
     [libjsoncpp-dev]=/usr/include/jsoncpp/json/json.h
     [lintian]=lintian
     [lowdown]=lowdown
+    [make]=make
     [mandoc]=mandoc
     [meson]=meson
     [mmdebstrap]=mmdebstrap
@@ -52,7 +53,7 @@ declare -A proof=(
 )
 to_build=(g++ meson ninja-build pkg-config libglib2.0-dev libjsoncpp-dev libcli11-dev)
 to_run=("${to_build[@]}" dbus-daemon libglib2.0-bin systemd)
-to_test=("${to_run[@]}" dbus-broker libgtest-dev libgmock-dev python3-gi python3-pytest gnuplot-nox strace)
+to_test=("${to_run[@]}" dbus-broker make libgtest-dev libgmock-dev python3-gi python3-pytest gnuplot-nox strace)
 to_bench=("${to_run[@]}" libbenchmark-dev python3 strace)
 to_package=("${to_build[@]}" build-essential debhelper dpkg-dev lintian lowdown mandoc mmdebstrap python3-gi python3-pytest)
 to_lint=("${to_test[@]}" libbenchmark-dev clang clang-format clang-tidy shellcheck)

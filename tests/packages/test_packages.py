@@ -35,7 +35,7 @@ DOCUMENTS = {
     "kavrel": {path.name for path in (ROOT / "docs").glob("*.md")},
     "kavrel-tools": set(),
     "kavrel-tv": {f"examples/{path.name}" for path in (ROOT / "scenarios").glob("*.txt")},
-    "kavrel-dev": {"integration.md"},
+    "kavrel-dev": {"integration.md"} | {f"examples/{path.name}" for path in (ROOT / "examples").iterdir()},
 }
 PAGES = {"kavreld.8": "kavrel", "kavrelctl.1": "kavrel-tools", "kavrel-tv.1": "kavrel-tv"}
 

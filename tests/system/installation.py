@@ -14,6 +14,15 @@ def install(root):
                    check=True, stdin=subprocess.DEVNULL, capture_output=True)
 
 
+def pkg_config_path(root):
+    """Returns a folder with kavrel.pc as if the root folder were the machine's."""
+    folder = root / "pkg-config"
+    folder.mkdir(exist_ok=True)
+    text = (root / "usr/share/pkgconfig/kavrel.pc").read_text()
+    (folder / "kavrel.pc").write_text(text.replace("prefix=/usr\n", f"prefix={root}/usr\n"))
+    return folder
+
+
 def make_users(root):
     """Makes the user kavrel in the etc/passwd of the root folder; returns its user id. Its group is the machine's audio."""
     (root / "etc").mkdir(parents=True)

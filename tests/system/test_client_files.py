@@ -10,7 +10,7 @@ import pytest
 from gi.repository import Gio, GLib
 
 from harness import METHODS_PATH, NAME, PATIENCE, ROOT, SIGNALS_PATH
-from installation import install
+from installation import install, pkg_config_path
 from interface import XML_FILE, connect
 
 INTERFACES = "usr/share/dbus-1/interfaces"
@@ -142,13 +142,12 @@ def test_the_header_names_each_object_method_and_signal(installed, description):
 
 
 def ask_pkg_config(installed, *options):
-    return subprocess.run(["pkg-config", "--define-prefix", *options, "kavrel"], capture_output=True, text=True, check=True,
-                          env={"PKG_CONFIG_PATH": f"{installed}/usr/share/pkgconfig"}).stdout.strip()
+    return subprocess.run(["pkg-config", *options, "kavrel"], capture_output=True, text=True, check=True,
+                          env={"PKG_CONFIG_PATH": str(pkg_config_path(installed))}).stdout.strip()
 
 
 def test_pkg_config_finds_the_header_and_the_interface_description(installed):
     assert ask_pkg_config(installed, "--modversion") == (ROOT / "VERSION").read_text().strip()
     assert ask_pkg_config(installed, "--cflags") == f"-I{installed}/usr/include"
-    interfaces = ask_pkg_config(installed, "--variable=interfaces_dir")
-    assert interfaces == f"{installed}/{INTERFACES}"
+    assert ask_pkg_config(installed, "--variable=interfaces_dir") == f"{installed}/{INTERFACES}"
     assert ask_pkg_config(installed, "--libs") == ""

@@ -4,10 +4,8 @@
 import json
 import os
 import re
-import select
 import signal
 import subprocess
-import threading
 import time
 from pathlib import Path
 
@@ -15,7 +13,9 @@ import pytest
 from gi.repository import Gio, GLib
 
 from harness import KAVRELD, NAME, PATIENCE, ROOT, SIGNALS_PATH, TV_SUPPORT, Bus, Process
+from impostor import Impostor
 from terminal import Terminal
+from view import View
 
 KAVRELCTL = os.environ["KAVRELCTL"]
 DONE, REFUSED, UNREACHABLE, USAGE, BUSY, NOT_ALLOWED, INTERRUPTED = 0, 1, 2, 64, 75, 77, 130
@@ -34,59 +34,6 @@ HELP_PAGES = [
     [], ["status"], ["support"], ["volume"], ["mute"], ["unmute"], ["fade"], ["gain"], ["gain", "reset"], ["gain", "on-mute"],
     ["pulse"], ["buds"], ["speaker-gone"], ["wait"], ["monitor"], ["report"], ["help"],
 ]
-
-
-class View(Process):
-    """A kavrelctl that stays, and the lines that it prints."""
-
-    def __init__(self, environment, *arguments):
-        self.lines = []
-        self.rest = ""
-        self.reader, writer = os.pipe()
-        super().__init__(KAVRELCTL, *arguments, env=environment, stdout=writer, stderr=subprocess.PIPE)
-        os.close(writer)
-
-    def read_line(self, timeout=PATIENCE):
-        """Returns the next line, without its newline; None after the last one."""
-        deadline = time.monotonic() + timeout
-        while "\n" not in self.rest:
-            assert select.select([self.reader], [], [], max(0, deadline - time.monotonic()))[0], \
-                f"no line within {timeout} s after {self.lines}"
-            read = os.read(self.reader, 65536).decode()
-            if not read:
-                assert self.rest == "", "the last line has no end"
-                return None
-            self.rest += read
-        line, self.rest = self.rest.split("\n", 1)
-        self.lines.append(line)
-        return line
-
-    def read_until(self, pattern):
-        """Returns all lines up to the first one that contains the pattern."""
-        lines = []
-        while not lines or not re.search(pattern, lines[-1]):
-            line = self.read_line()
-            assert line is not None, f"no {pattern} in {lines}"
-            lines.append(line)
-        return lines
-
-    def read_events(self, event):
-        """Returns all JSON objects up to the first one of this event."""
-        return [json.loads(line) for line in self.read_until(f'"event":"{event}"')]
-
-    def errors(self):
-        return self.child.stderr.read().decode()
-
-    def close_output(self):
-        os.close(self.reader)
-        self.reader = None
-
-    def end(self):
-        status = super().end()
-        self.child.stderr.close()
-        if self.reader is not None:
-            self.close_output()
-        return status
 
 
 class Ctl:
@@ -113,7 +60,7 @@ class Ctl:
         return done.stderr.removeprefix("kavrelctl: ").removesuffix("\n")
 
     def view(self, *arguments):
-        view = View(self.scene.environment(), *arguments)
+        view = View(self.scene.environment(), KAVRELCTL, *arguments)
         self.scene.callback(view.end)
         return view
 
@@ -490,41 +437,6 @@ def test_no_answer_from_the_bus_in_time(scene, ctl):
     finally:
         scene.bus.signal(signal.SIGCONT)
     assert complaint == "no answer from the bus within 0.2 s"
-
-
-class Impostor:
-    """Owns the daemon's name. It has a list of answers for each method, and answers no other call."""
-
-    TOO_MUCH = "org.freedesktop.DBus.Error.LimitsExceeded"
-
-    def __init__(self, client, **answers):
-        self.connection = client.connection
-        self.called = threading.Event()
-        self.answers = answers
-        self.calls = []
-        self.connection.add_filter(self._filter)
-        client._call_bus("RequestName", "su", NAME, 0)
-
-    def _filter(self, _connection, message, incoming, *_):
-        if not incoming or message.get_message_type() != Gio.DBusMessageType.METHOD_CALL:
-            return message
-        self.called.set()
-        method = message.get_member()
-        self.calls.append(method)
-        if self.answers.get(method):
-            self.connection.send_message(self._answer(message, self.answers[method].pop(0)),
-                                         Gio.DBusSendMessageFlags.NONE)
-        return None
-
-    def _answer(self, call, answer):
-        if answer == self.TOO_MUCH:
-            return call.new_method_error_literal(self.TOO_MUCH, "Too many wait")
-        reply = call.new_method_reply()
-        reply.set_body(GLib.Variant(f"({'i' * len(answer)})", answer))
-        return reply
-
-    def emit(self, signal, types, *values):
-        self.connection.emit_signal(None, "/Org/Olvane/KavrelInternal", NAME, signal, GLib.Variant(types, values))
 
 
 def test_daemon_that_ends_before_it_answers(scene, ctl):
