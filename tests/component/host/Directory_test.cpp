@@ -3,8 +3,10 @@
 /** The contents of the files and how they are written. Each test runs processes on a TV directory of its own. */
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,6 +25,7 @@ namespace fs = std::filesystem;
 using host_test::Folder;
 using host_test::OtherProcess;
 using testing::AllOf;
+using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -125,6 +128,84 @@ TEST_F(DirectoryTest, ADirectoryThatOthersMayWriteIsWarnedOfOnce) {
                                          tv.Path().string()));
 }
 
+TEST_F(DirectoryTest, ADirectoryThatAForeignGroupMayWriteIsWarnedOf) {
+    constexpr gid_t FOREIGN = 54321;
+    if (chown(tv.Path().c_str(), static_cast<uid_t>(-1), FOREIGN) != 0) {
+        ASSERT_NE(getegid(),
+                  0U);  // only root can give it to another group; this user's own group serves, too
+    }
+    fs::permissions(tv.Path(), fs::perms::owner_all | fs::perms::group_all);
+    OtherProcess other(tv);
+    EXPECT_EQ(other.Do("volume"), "0 10");
+    EXPECT_THAT(other.Log(),
+                ElementsAre(StartsWith("W Others than its owner and the group audio may write")));
+}
+
+TEST_F(DirectoryTest, TheGroupAudioMayWriteToTheDirectory) {
+    std::array<char, 4096> buffer{};
+    group found{};
+    group* audio = nullptr;
+    ASSERT_EQ(getgrnam_r("audio", &found, buffer.data(), buffer.size(), &audio), 0);
+    ASSERT_NE(audio, nullptr);
+    if (chown(tv.Path().c_str(), static_cast<uid_t>(-1), audio->gr_gid) != 0) {
+        ASSERT_NE(geteuid(), 0U);
+        return;  // only root can give the directory to that group
+    }
+    fs::permissions(tv.Path(), fs::perms::owner_all | fs::perms::group_all);
+    OtherProcess other(tv);
+    EXPECT_EQ(other.Do("volume"), "0 10");
+    EXPECT_THAT(other.Log(), IsEmpty());
+}
+
+TEST_F(DirectoryTest, ADirectoryThatCannotBeListedIsAnErrorAndNotFilled) {
+    fs::permissions(tv.Path(), fs::perms::owner_write | fs::perms::owner_exec);
+    OtherProcess other(tv);
+    ASSERT_EQ(other.Do("drop-capabilities"), "0");
+    EXPECT_EQ(other.Do("volume"), "-1002");
+    EXPECT_THAT(other.Log(), ElementsAre("E Cannot list " + tv.Path().string() + ": Permission denied"));
+    fs::permissions(tv.Path(), fs::perms::owner_all);
+    EXPECT_FALSE(fs::exists(tv / "audio"));
+}
+
+TEST_F(DirectoryTest, AFillingThatFailsAtAFolderIsAnErrorAndKeepsItsMark) {
+    tv.Put(".filling", "");
+    tv.Put("audio", "no folder");
+    OtherProcess other(tv);
+    EXPECT_EQ(other.Do("route"), "-1002");
+    EXPECT_THAT(other.Log(), ElementsAre("E Cannot make " + (tv / "audio").string() + ": Not a directory"));
+    EXPECT_TRUE(fs::exists(tv / ".filling"));
+}
+
+TEST_F(DirectoryTest, AFillingThatFailsAtAValueIsAnError) {
+    tv.Put(".filling", "");
+    fs::create_directories(tv / "sound");
+    fs::create_directories(tv / "sound/zones");
+    fs::permissions(tv / "sound", fs::perms::owner_read | fs::perms::owner_exec);
+    OtherProcess other(tv);
+    ASSERT_EQ(other.Do("drop-capabilities"), "0");
+    EXPECT_EQ(other.Do("volume"), "-1002");
+    EXPECT_THAT(other.Log(),
+                ElementsAre("E Cannot write " + (tv / "sound/route").string() + ": Permission denied"));
+    fs::permissions(tv / "sound", fs::perms::owner_all);
+}
+
+TEST_F(DirectoryTest, WithAnEmptyVariableTheDirectoryIsThatOfTheSystem) {
+    OtherProcess other(tv, {{"KAVREL_TV_DIR", ""}});
+    ASSERT_EQ(other.Do("own-mounts"), "0");
+    ASSERT_EQ(other.Do("mount /run"), "0");  // the test shall not touch the machine's own
+    EXPECT_EQ(other.Do("volume"), "0 10");
+    EXPECT_EQ(other.Do("echo /run/kavrel/audio/master_volume 33"), "0");
+    EXPECT_EQ(other.Do("volume"), "0 33");
+}
+
+TEST_F(DirectoryTest, ARelativeDirectoryStaysWhereItWasAtTheStart) {
+    OtherProcess other(tv, {{"KAVREL_TV_DIR", fs::relative(tv.Path())}});
+    ASSERT_EQ(other.Do("volume"), "0 10");
+    ASSERT_EQ(other.Do("change-directory /"), "0");
+    EXPECT_EQ(other.Do("set-volume 20"), "0");
+    EXPECT_EQ(tv.Content(VOLUME), "20\n");
+}
+
 TEST_F(DirectoryTest, ProcessesThatStartAtOnceFindAWholeTvAndOverwriteNothing) {
     for (int round = 0; round < 10; ++round) {
         const Folder folder;
@@ -149,7 +230,8 @@ TEST_F(DirectoryTest, AnUnusableDirectoryIsOneErrorAndNoCrash) {
     tv.Echo("file", "");
     OtherProcess other(tv, {{"KAVREL_TV_DIR", tv / "file/tv"}});
     EXPECT_THAT(other.Do("volume"), StartsWith("-10"));
-    EXPECT_THAT(other.Log().front(), AllOf(StartsWith("E "), HasSubstr(tv / "file/tv")));
+    EXPECT_EQ(other.Log().front(),
+              "E Cannot make the TV in " + (tv / "file/tv").string() + ": Not a directory");
     EXPECT_EQ(tv.Content("file"), "\n");
 }
 
@@ -241,7 +323,7 @@ TEST_F(DirectoryTest, AFolderOrAPipeInAValuesPlaceFailsAtOnce) {
     OtherProcess other(tv);
     EXPECT_EQ(other.Do("text memory"), "null");
     ASSERT_EQ(mkfifo((tv / KEY).c_str(), 0600), 0);
-    EXPECT_EQ(other.Do("text memory/key"), "null");
+    EXPECT_EQ(other.Do("int memory/key"), "-1022");
     EXPECT_THAT(other.Log(), ElementsAre(HasSubstr("settings/memory: Is a directory"), HasSubstr(KEY)));
 }
 
@@ -276,8 +358,10 @@ TEST_F(DirectoryTest, ZonesAreTheFoldersInAscendingOrder) {
         fs::create_directories(tv / "sound/zones" / name);
     }
     tv.Echo("sound/zones/5", "a file");
+    fs::create_directory_symlink("9", tv / "sound/zones/12");
+    fs::create_symlink("5", tv / "sound/zones/13");
     OtherProcess other(tv);
-    EXPECT_EQ(other.Do("zones"), "0 -1,9,10");
+    EXPECT_EQ(other.Do("zones"), "0 -1,9,10,12");
     EXPECT_EQ(other.Do("zone-route 9"), "-1002");
     EXPECT_EQ(other.Do("zone-route 1"), "-26607612");
     EXPECT_EQ(other.Do("set-zone-route 1 2"), "-26607612");
@@ -291,7 +375,7 @@ TEST_F(DirectoryTest, AnEventIsAFileWithAnEscapedName) {
     OtherProcess other(tv);
     EXPECT_EQ(other.Do("is-done /tmp/.kavrel_ready"), "0");
     EXPECT_EQ(other.Do("done /tmp/.kavrel_ready"), "0");
-    EXPECT_TRUE(fs::exists(tv / "events/%2Ftmp%2F%2Ekavrel_ready"));
+    EXPECT_EQ(tv.Content("events/%2Ftmp%2F%2Ekavrel_ready"), "done\n");
     EXPECT_EQ(other.Do("is-done /tmp/.kavrel_ready"), "1");
     EXPECT_EQ(other.Do("reset /tmp/.kavrel_ready"), "0");
     EXPECT_EQ(other.Do("reset /tmp/.kavrel_ready"), "0");
@@ -302,6 +386,27 @@ TEST_F(DirectoryTest, AnEventIsAFileWithAnEscapedName) {
     EXPECT_TRUE(fs::exists(tv / "events/a-Z_0%25%C3%A4"));
     EXPECT_EQ(other.Do("done"), "-1022");
     EXPECT_EQ(other.Do("is-done"), "-1022");
+}
+
+TEST_F(DirectoryTest, AnEventThatCannotBeLookedForIsAFailure) {
+    OtherProcess other(tv);
+    EXPECT_EQ(other.Do("is-done " + std::string(300, 'a')), "-1036");
+    EXPECT_THAT(other.Log(),
+                ElementsAre(AllOf(StartsWith("E Cannot look for "), HasSubstr("File name too long"))));
+}
+
+TEST_F(DirectoryTest, ASettingBesideDbIsNoneOfDb) {
+    OtherProcess other(tv);
+    EXPECT_EQ(other.Do("set-int dbx/key 4"), "0");
+    EXPECT_EQ(other.Do("int dbx/key"), "0 4");
+    EXPECT_EQ(tv.Content("settings/dbx/key"), "4\n");
+}
+
+TEST_F(DirectoryTest, AnOpenThatMeetsARenameIsTriedAgain) {
+    OtherProcess other(tv);
+    ASSERT_EQ(other.Do("volume"), "0 10");
+    ASSERT_EQ(other.Do("rename-meanwhile 5"), "0");
+    EXPECT_EQ(other.Do("volume"), "0 10");
 }
 
 TEST_F(DirectoryTest, TheFolderForDbMayBeALink) {
@@ -383,10 +488,31 @@ TEST_F(DirectoryTest, LeftoversOfWritersThatAreGoneAreRemovedWhenAProcessStarts)
     fs::create_directories(tv / ".tmp/999-2-0");
     tv.Put("settings/db/usb/.kavrel-999-1-7", "5");
     tv.Put("settings/db/usb/.level.swp", "of an editor");
+    tv.Put("settings/.mine/.kavrel-999-1-7", "somebody's own");
+    tv.Put("audio/.kavrel-999-1-7", "5");
     OtherProcess other(tv);
     ASSERT_EQ(other.Do("volume"), "0 10");
     EXPECT_THAT(tv.OwnFolders(), IsEmpty());
+    EXPECT_THAT(tv.Leftovers("audio"), IsEmpty());
     EXPECT_THAT(tv.Leftovers("settings/db/usb"), ElementsAre(".level.swp"));
+    EXPECT_THAT(tv.Leftovers("settings/.mine"), ElementsAre(".kavrel-999-1-7"));
+}
+
+TEST_F(DirectoryTest, LeftoversBehindTheLinkForDbAreRemoved) {
+    const Folder persistent;
+    tv.Echo("audio/master_volume", "10");
+    fs::create_directories(tv / "settings");
+    fs::create_directory_symlink(persistent.Path(), tv / "settings/db");
+    persistent.Put("usb/.kavrel-999-1-7", "5");
+    ASSERT_EQ(OtherProcess(tv).Do("volume"), "0 10");
+    EXPECT_THAT(persistent.Leftovers("usb"), IsEmpty());
+}
+
+TEST_F(DirectoryTest, ALeftoverThatIsAPipeDoesNotHangTheStart) {
+    tv.Echo("audio/master_volume", "10");
+    ASSERT_EQ(mkfifo((tv / "audio/.kavrel-999-1-7").c_str(), 0600), 0);
+    EXPECT_EQ(OtherProcess(tv).Do("volume"), "0 10");
+    EXPECT_THAT(tv.Leftovers("audio"), IsEmpty());
 }
 
 TEST_F(DirectoryTest, ALiveWritersFolderIsNoLeftover) {
@@ -418,6 +544,8 @@ TEST_F(DirectoryTest, EachWriterHasAFolderOfItsOwnForItsWholeLife) {
     ASSERT_EQ(two.Do("set-volume 30"), "0");
     const auto folders = tv.OwnFolders();
     EXPECT_THAT(folders, SizeIs(2));
+    EXPECT_THAT(folders, Each(Not(HasSubstr("-0-"))))
+        << "a random number makes it unlike one of another container";
     for (const std::string& folder : folders) {
         const int own = open((tv / folder).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         EXPECT_EQ(flock(own, LOCK_EX | LOCK_NB), -1);
@@ -437,14 +565,91 @@ TEST_F(DirectoryTest, AWriterWhoseFolderWasRemovedMakesAnother) {
     EXPECT_THAT(other.Log(), IsEmpty());
 }
 
-TEST_F(DirectoryTest, AWriterThatCannotHaveAFolderWritesBesideTheValue) {
+TEST_F(DirectoryTest, AWriterWhoseFolderWasReplacedMakesAnother) {
+    OtherProcess other(tv);
+    ASSERT_EQ(other.Do("set-volume 20"), "0");
+    const std::string folder = *tv.OwnFolders().begin();
+    fs::remove_all(tv / folder);
+    fs::create_directory(tv / folder);
+    EXPECT_EQ(other.Do("set-volume 30"), "0");
+    EXPECT_EQ(tv.Content(VOLUME), "30\n");
+    EXPECT_THAT(tv.OwnFolders(), SizeIs(2));
+}
+
+TEST_F(DirectoryTest, AWriterPassesByANameThatIsTakenInItsFolder) {
+    OtherProcess other(tv);
+    ASSERT_EQ(other.Do("set-volume 20"), "0");
+    const std::string folder = *tv.OwnFolders().begin();
+    for (int name = 0; name < 40; ++name) {
+        tv.Put(folder + '/' + std::to_string(name), "taken");
+    }
+    EXPECT_EQ(other.Do("set-volume 30"), "0");
+    EXPECT_EQ(tv.Content(VOLUME), "30\n");
+    EXPECT_THAT(other.Log(), IsEmpty());
+}
+
+TEST_F(DirectoryTest, ALinkInThePlaceOfTheWritersFoldersIsNotFollowed) {
+    const Folder outside;
     tv.Echo(VOLUME, "10");
-    tv.Put(".tmp", "no folder");
+    fs::create_directory_symlink(outside.Path(), tv / ".tmp");
+    OtherProcess other(tv);
+    EXPECT_EQ(other.Do("set-volume 30"), "0");
+    EXPECT_EQ(tv.Content(VOLUME), "30\n");
+    EXPECT_TRUE(fs::is_empty(outside.Path()));
+}
+
+TEST_F(DirectoryTest, FoldersThatAreMadeAreOpenToWhoTheMaskLets) {
+    const mode_t before = umask(0);
+    OtherProcess other(tv);
+    umask(before);
+    ASSERT_EQ(other.Do("set-int memory/new/key 1"), "0");
+    EXPECT_EQ(fs::status(tv / "settings/memory/new").permissions(), fs::perms::all);
+    EXPECT_EQ(fs::status(tv / ".tmp").permissions(), fs::perms::all);
+    EXPECT_EQ(fs::status(tv / *tv.OwnFolders().begin()).permissions(), fs::perms::all);
+    constexpr auto ALL_READ_AND_WRITE = static_cast<fs::perms>(0666);
+    EXPECT_EQ(fs::status(tv / "settings/memory/new/key").permissions(), ALL_READ_AND_WRITE);
+    ASSERT_EQ(other.Do("hear memory/new/key"), "0");
+    ASSERT_EQ(other.Do("set-int memory/new/key 2"), "0");  // which exchanges the file
+    EXPECT_EQ(fs::status(tv / "settings/memory/new/key").permissions(), ALL_READ_AND_WRITE);
+}
+
+/** Writers that have no folder of their own. */
+class BesideTest : public DirectoryTest {
+protected:
+    BesideTest() {
+        tv.Echo(VOLUME, "10");
+        tv.Put(".tmp", "no folder");
+    }
+};
+
+TEST_F(BesideTest, AWriterThatCannotHaveAFolderWritesBesideTheValue) {
     OtherProcess other(tv);
     EXPECT_EQ(other.Do("set-volume 30"), "0");
     EXPECT_EQ(tv.Content(VOLUME), "30\n");
     EXPECT_THAT(tv.Leftovers("audio"), IsEmpty());
     EXPECT_THAT(other.Log(), IsEmpty());
+}
+
+TEST_F(BesideTest, NoTwoUnfinishedFilesOfAProcessHaveOneName) {
+    OtherProcess other(tv);
+    ASSERT_EQ(other.Do("cross before mute " + (tv / VOLUME).string()), "0");
+    EXPECT_EQ(other.Do("set-volume 30"), "0");
+    EXPECT_EQ(other.Do("mute"), "0 1");
+    EXPECT_EQ(other.Do("volume"), "0 30");
+}
+
+TEST_F(BesideTest, AnUnfinishedFileIsLockedUntilItHasItsName) {
+    OtherProcess other(tv);
+    ASSERT_EQ(other.Do("cross before clean " + (tv / VOLUME).string()), "0");
+    EXPECT_EQ(other.Do("set-volume 30"), "0");
+    EXPECT_EQ(other.Do("cleaned"), "0") << "files that somebody else could remove as leftovers";
+}
+
+TEST_F(BesideTest, AFullDiskLeavesNoUnfinishedFile) {
+    OtherProcess other(tv);
+    ASSERT_EQ(other.Do("limit-files 4096"), "0");
+    EXPECT_EQ(other.Do("set-text memory/key " + std::string(5000, 'n')), "-1027");
+    EXPECT_THAT(tv.Leftovers("settings/memory"), IsEmpty());
 }
 
 TEST_F(DirectoryTest, ATvDirectoryThatWasReplacedIsWrittenAnew) {
@@ -496,6 +701,31 @@ TEST_F(DirectoryTest, OnlyValuesBelowDbAreSyncedTheTextBeforeItsNameAndTheFolder
     EXPECT_EQ(other.Do("set-text db/key a"), "0");
     EXPECT_EQ(other.Do("take-steps"), "sync file, rename key, sync " + elsewhere.filename().string() + ", ");
     fs::remove_all(elsewhere);
+}
+
+TEST_F(DirectoryTest, AWriteIsOneNotificationOfAFileThatCameIntoItsPlace) {
+    OtherProcess other(tv);
+    ASSERT_EQ(other.Do("volume"), "0 10");
+    const int inotify = inotify_init1(IN_CLOEXEC);
+    ASSERT_GE(inotify_add_watch(inotify, (tv / "audio").c_str(), IN_CLOSE_WRITE | IN_MOVED_TO), 0);
+    ASSERT_EQ(other.Do("set-volume 20"), "0");
+    alignas(inotify_event) std::array<char, 4096> buffer;
+    const ssize_t size = read(inotify, buffer.data(), buffer.size());
+    const auto& event = *reinterpret_cast<const inotify_event*>(buffer.data());
+    EXPECT_EQ(event.mask, IN_MOVED_TO);
+    EXPECT_EQ(size, static_cast<ssize_t>(sizeof(event) + event.len)) << "another notification";
+    close(inotify);
+}
+
+TEST_F(DirectoryTest, NoFileOfThePlatformIsOpenInProgramsStartedLater) {
+    OtherProcess other(tv);
+    const std::string before = other.Do("files-to-inherit");
+    for (const char* const line :
+         {"hear volume", "hear memory/key", "set-volume 20", "set-volume 30", "set-int memory/key 1",
+          "set-int db/key 1", "zones", "gain", "done event"}) {
+        other.Do(line);
+    }
+    EXPECT_EQ(other.Do("files-to-inherit"), before);
 }
 
 TEST_F(DirectoryTest, WritersOfOneValueNeverDisturbEachOther) {
@@ -553,6 +783,7 @@ TEST_F(DirectoryTest, AFullDiskIsAClearErrorAndTheOldValueStands) {
         EXPECT_EQ(other.Do("set-text " + folder + "/key " + wanted), "-1027");
         EXPECT_EQ(other.Do("text " + folder + "/key"), "0 " + old);
         EXPECT_THAT(tv.Leftovers("settings/" + folder), IsEmpty());
+        EXPECT_THAT(tv.Leftovers("."), IsEmpty());
         EXPECT_THAT(other.Log().back(), AllOf(StartsWith("E Cannot write "),
                                               HasSubstr("settings/" + folder + "/key: File too large")));
     }

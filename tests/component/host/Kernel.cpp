@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 #include "Kernel.h"
 
+#include <dlfcn.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sys/inotify.h>
@@ -11,7 +12,9 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
+#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -30,6 +33,8 @@ std::mutex mutex;
 std::string steps;
 kernel::Crossing crossing;
 std::string refusedEnd;
+
+std::atomic<int> renames = 0;
 
 /** "file", or the name of the folder. */
 std::string NameOf(int file) {
@@ -64,6 +69,23 @@ void Run(const std::function<void()>& action) {
 }  // namespace
 
 // --- The calls, in the place of the C library's
+
+extern "C" long syscall(long number, ...) noexcept {
+    static const auto real = reinterpret_cast<long (*)(long, ...)>(dlsym(RTLD_NEXT, "syscall"));
+    if (number == SYS_openat2 && renames > 0) {
+        --renames;
+        errno = EAGAIN;
+        return -1;
+    }
+    std::array<long, 6> values{};
+    va_list arguments;
+    va_start(arguments, number);
+    for (long& value : values) {
+        value = va_arg(arguments, long);
+    }
+    va_end(arguments);
+    return real(number, values[0], values[1], values[2], values[3], values[4], values[5]);
+}
 
 extern "C" int fsync(int file) {
     Note("sync " + NameOf(file));
@@ -106,6 +128,11 @@ void Cross(const Crossing& next) {
 void RefuseWatchesOf(const std::string& end) {
     const std::lock_guard guard(mutex);
     refusedEnd = end;
+}
+
+int RenameMeanwhile(int times) {
+    renames = times;
+    return 0;
 }
 
 int Refuse(const std::string& call, int error) {

@@ -26,6 +26,9 @@ void Cross(const Crossing& crossing);
 /** No folder whose path ends so can be watched, as if no watches were left. An empty end: all can be. */
 void RefuseWatchesOf(const std::string& end);
 
+/** The next so many openat2() find that something is renamed meanwhile. @return 0 */
+int RenameMeanwhile(int times);
+
 /** Makes the kernel answer a system call of this thread with the errno, as a sandbox does. @return 0 on success */
 int Refuse(const std::string& call, int error);
 

@@ -4,14 +4,17 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <thread>
 
 #include "HostTest.h"
 
@@ -59,6 +62,11 @@ public:
         text.resize(count < 0 ? 0 : static_cast<std::size_t>(count));
         return text;
     }
+    /** The number of bytes that nobody has read yet. */
+    int Waiting() const {
+        int count = 0;
+        return ioctl(m_ends[0], FIONREAD, &count) == 0 ? count : -1;
+    }
     /** The name that JOURNAL_STREAM would give this stream. */
     std::string Name() const {
         struct stat status {};
@@ -102,6 +110,23 @@ TEST_F(LogTest, TheLowestPriorityIsSetByName) {
     EXPECT_THAT(unknown.Log(), ElementsAre("I text", "W text", "E text"));
 }
 
+TEST_F(LogTest, APriorityAboveErrorIsAnError) {
+    OtherProcess other(tv);
+    EXPECT_EQ(other.Do("log 7 text"), "0");
+    EXPECT_EQ(other.Do("log 1000 text"), "0");
+    EXPECT_THAT(other.Log(), ElementsAre("E text", "E text"));
+}
+
+TEST_F(LogTest, ALogCallLeavesErrnoAsItWas) {
+    OtherProcess other(tv);
+    EXPECT_EQ(other.Do("errno-after-log 6"), "77");
+    EXPECT_EQ(other.Do("errno-after-log 3"), "77") << "filtered out";
+    Channel gone(Channel::Kind::PIPE);
+    OtherProcess failing(tv, {}, gone.Writer());
+    gone.CloseReader();
+    EXPECT_EQ(failing.Do("errno-after-log 6"), "77") << "could not be written";
+}
+
 TEST_F(LogTest, WhatIsFilteredOutIsNotFormatted) {
     OtherProcess other(tv);
     EXPECT_EQ(other.Do("log-unreadable " + std::to_string(DEBUG)), "0");
@@ -122,6 +147,18 @@ TEST_F(LogTest, AJournalThatIsNotBehindThisStreamDoesNotCount) {
     OtherProcess other(tv, {{"JOURNAL_STREAM", journal.Name()}});
     LogAll(other);
     EXPECT_THAT(other.Log(), ElementsAre("I text", "W text", "E text"));
+}
+
+TEST_F(LogTest, AJournalOfThisDeviceOrOfThisFileNumberAloneDoesNotCount) {
+    const Channel stream(Channel::Kind::PACKETS);
+    const std::string name = stream.Name();
+    const std::string device = name.substr(0, name.find(':'));
+    const std::string number = name.substr(name.find(':') + 1);
+    for (const std::string& other : {device + ":1" + number, "1" + device + ':' + number, name + '0'}) {
+        OtherProcess process(tv, {{"JOURNAL_STREAM", other}}, stream.Writer());
+        EXPECT_EQ(process.Do("log 6 text"), "0");
+        EXPECT_EQ(stream.Read(), "E text\n") << other;
+    }
 }
 
 TEST_F(LogTest, ATerminalGetsColours) {
@@ -168,6 +205,29 @@ TEST_F(LogTest, ALineEndsInDotsAfterFourKibibytes) {
     }
 }
 
+TEST_F(LogTest, ALineThatJustFitsIsWhole) {
+    constexpr int MOST = 4086;  // with the mark, and room for dots, the end of a colour and a newline
+    const Channel packets(Channel::Kind::PACKETS);
+    OtherProcess other(tv, {}, packets.Writer());
+    EXPECT_EQ(other.Do("log-long " + std::to_string(MOST)), "0");
+    EXPECT_EQ(packets.Read(), "I " + std::string(MOST, 'x') + '\n');
+    for (const int size : {MOST + 1, MOST + 2, MOST + 8, MOST + 9, MOST + 10}) {
+        EXPECT_EQ(other.Do("log-long " + std::to_string(size)), "0");
+        EXPECT_EQ(packets.Read(), "I " + std::string(MOST, 'x') + "...\n") << size;
+    }
+}
+
+TEST_F(LogTest, NoLineOfAnOtherSizeIsCut) {
+    const Channel packets(Channel::Kind::PACKETS);
+    OtherProcess other(tv, {}, packets.Writer());
+    for (const int around : {512, 1024, 2048}) {
+        for (int size = around - 12; size <= around + 2; ++size) {
+            EXPECT_EQ(other.Do("log-long " + std::to_string(size)), "0");
+            EXPECT_EQ(packets.Read(), "I " + std::string(static_cast<std::size_t>(size), 'x') + '\n') << size;
+        }
+    }
+}
+
 TEST_F(LogTest, ControlBytesAreWrittenInHexadecimalButForTheTab) {
     OtherProcess other(tv);
     EXPECT_EQ(other.Do("log-controls 4"), "0");
@@ -192,6 +252,35 @@ TEST_F(LogTest, LinesWaitForASlowReaderAndAreWhole) {
         }
         EXPECT_EQ(other.Answer(), "0");
     }
+}
+
+TEST_F(LogTest, ASignalThatInterruptsAWriteLosesNothing) {
+    constexpr int LINES = 80;            // more than a pipe holds
+    constexpr int NEARLY_FULL = 60'000;  // in bytes
+    const Channel pipe(Channel::Kind::PIPE);
+    OtherProcess other(tv, {}, pipe.Writer());
+    ASSERT_EQ(other.Do("let-signals-interrupt"), "0");
+    other.Tell("log-many " + std::to_string(LINES));
+    while (pipe.Waiting() < NEARLY_FULL || !host_test::IsAsleep(other.Process())) {
+        std::this_thread::yield();
+    }
+    ASSERT_EQ(kill(other.Process(), SIGUSR1), 0);
+    std::string text;
+    while (text.size() < LINES * 1002) {
+        text += pipe.Read();
+    }
+    EXPECT_EQ(other.Answer(), "0");
+}
+
+TEST_F(LogTest, SignalsOfFailedWritesAreHandledUnlessTheProcessHandlesThem) {
+    OtherProcess other(tv);
+    EXPECT_EQ(other.Do("signals"), "default, default");
+    EXPECT_EQ(other.Do("log 6 text"), "0");
+    EXPECT_EQ(other.Do("signals"), "platform's and restarts, platform's and restarts");
+    OtherProcess handling(tv);
+    ASSERT_EQ(handling.Do("handle-signals"), "0");
+    EXPECT_EQ(handling.Do("log 6 text"), "0");
+    EXPECT_EQ(handling.Do("signals"), "own, own");
 }
 
 TEST_F(LogTest, WithoutAStandardErrorNoOtherFileBecomesTheLog) {

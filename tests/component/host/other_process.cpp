@@ -8,11 +8,13 @@
 #include <audio_control.h>
 #include <audio_hal.h>
 #include <dlog.h>
+#include <fcntl.h>
 #include <linux/capability.h>
 #include <lwipc.h>
 #include <resource_center.h>
 #include <sched.h>
 #include <sound_manager.h>
+#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -22,10 +24,12 @@
 #include <vconf.h>
 
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iostream>
@@ -165,6 +169,40 @@ int PipePending() {
     return sigismember(&pending, SIGPIPE);
 }
 
+void OwnHandler(int) {}
+
+/** Handles the signals of failed writes before the platform looks at them. */
+int HandleSignals() {
+    struct sigaction own {};
+    own.sa_handler = OwnHandler;
+    return sigaction(SIGPIPE, &own, nullptr) | sigaction(SIGXFSZ, &own, nullptr);
+}
+
+/** A program that is started inherits only "ignored". */
+std::string HandlerOf(int signal) {
+    struct sigaction present {};
+    sigaction(signal, nullptr, &present);
+    if (present.sa_handler == SIG_DFL || present.sa_handler == SIG_IGN) {
+        return present.sa_handler == SIG_DFL ? "default" : "ignored";
+    }
+    return std::string(present.sa_handler == OwnHandler ? "own" : "platform's") +
+           ((present.sa_flags & SA_RESTART) != 0 ? " and restarts" : "");
+}
+
+/** SIGUSR1 interrupts a system call from now on, and does nothing else. */
+int LetSignalsInterrupt() {
+    struct sigaction interrupts {};
+    interrupts.sa_handler = OwnHandler;
+    return sigaction(SIGUSR1, &interrupts, nullptr);
+}
+
+/** @return errno after a line was logged, which was 77 before */
+int ErrnoAfterLog(int priority) {
+    errno = 77;
+    static_cast<void>(__dlog_print(priority, "OtherProcess", "text\n"));
+    return errno;
+}
+
 /** Logs with an argument that ends the process if it is formatted. */
 int LogUnreadable(int priority) {
     const auto* const nowhere = reinterpret_cast<const char*>(std::uintptr_t{1});
@@ -201,6 +239,29 @@ void MakeFolder(const std::string& path, const std::string& /*text*/) {
     mkdir(path.c_str(), 0777);
 }
 
+int cleanedFiles = 0;
+
+/** Removes unfinished files beside a value like a process that starts: those that nobody has locked. */
+void Clean(const std::string& path) {
+    for (const auto& entry : std::filesystem::directory_iterator(std::filesystem::path(path).parent_path())) {
+        const int file = open(entry.path().c_str(), O_RDONLY | O_CLOEXEC);
+        if (entry.path().filename().string().starts_with(".kavrel-") && flock(file, LOCK_EX | LOCK_NB) == 0) {
+            ++cleanedFiles;
+        }
+        close(file);
+    }
+}
+
+/** How many open files a program started now would inherit, but for the standard streams. */
+int FilesToInherit() {
+    int count = 0;
+    for (int file = STDERR_FILENO + 1; file < 256; ++file) {
+        const int flags = fcntl(file, F_GETFD);
+        count += flags >= 0 && (flags & FD_CLOEXEC) == 0 ? 1 : 0;
+    }
+    return count;
+}
+
 /** "before HOW PATH TEXT" or "after HOW PATH TEXT": somebody else crosses the next write of this file. */
 std::string Cross(std::istream& words) {
     const std::string when = Word(words);
@@ -211,6 +272,10 @@ std::string Cross(std::istream& words) {
             Echo(path, text);
         } else if (how == "move") {
             Move(path, text);
+        } else if (how == "mute") {
+            audio_set_master_mute(true);
+        } else if (how == "clean") {
+            Clean(path);
         } else {
             MakeFolder(path, text);
         }
@@ -328,6 +393,13 @@ Commands ProcessCommands() {
              kernel::RefuseWatchesOf(Word(words));
              return std::string("0");
          }},
+        {"rename-meanwhile", Does([](int times) { return kernel::RenameMeanwhile(times); })},
+        {"cleaned", [](std::istream&) { return std::to_string(cleanedFiles); }},
+        {"files-to-inherit", [](std::istream&) { return std::to_string(FilesToInherit()); }},
+        {"change-directory", Does([](const char* path) { return chdir(path); })},
+        {"handle-signals", [](std::istream&) { return std::to_string(HandleSignals()); }},
+        {"signals", [](std::istream&) { return HandlerOf(SIGPIPE) + ", " + HandlerOf(SIGXFSZ); }},
+        {"let-signals-interrupt", [](std::istream&) { return std::to_string(LetSignalsInterrupt()); }},
         {"take-steps", [](std::istream&) { return kernel::TakeSteps(); }},
         {"cross", [](std::istream& words) { return Cross(words); }},
         {"own-mounts", [](std::istream&) { return std::to_string(OwnMounts()); }},
@@ -355,6 +427,7 @@ Commands LogCommands() {
              const int priority = NextInt(words);
              return std::to_string(__dlog_print(priority, "OtherProcess", "%s\n", Rest(words).c_str()));
          }},
+        {"errno-after-log", Does(ErrnoAfterLog)},
         {"log-lines",
          Does([](int priority) { return __dlog_print(priority, "OtherProcess", "one\ntwo\n"); })},
         {"log-controls", Does([](int priority) {
