@@ -26,6 +26,10 @@ OTHER_BLOCKS = {
     "settings/<key>": "a list of files",
     "Failed to get key": "log lines",
     "<busconfig>": "a configuration file",
+    "import time": "a program that test_examples.py runs",
+    "#include <kavrel/kavrel.h>": "a program that test_examples.py builds and runs",
+    "gdbus-codegen": "commands that test_examples.py runs",
+    "kavrel() {": "a program that test_examples.py runs",
     "speaker changed cb set failed.": "log lines",
     "#include <audio_hal.h>": "a source that test_platforms.py builds and runs",
 }

@@ -1,13 +1,15 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-"""Tests the examples: builds the C one from an installation alone, and runs the volume bar of each language."""
+"""Tests the examples, and the first clients in docs/integration.md, in each language. Builds those in C from an
+installation alone."""
 import os
-import shutil
+import re
 import subprocess
+import textwrap
 
 import pytest
 
-from harness import ROOT, change_route
+from harness import NAME, ROOT, change_route
 from impostor import Impostor
 from installation import install, pkg_config_path
 from view import View
@@ -31,15 +33,27 @@ def bar_line(volume, suffix=""):
 
 
 @pytest.fixture(scope="module")
-def examples(tmp_path_factory):
-    """A copy of the examples with the C one built."""
+def build(tmp_path_factory):
+    """A function that runs a command in a new folder, with the installed files in their places. It returns the folder."""
     root = tmp_path_factory.mktemp("installed")
     install(root)
-    folder = root / "examples"
-    shutil.copytree(ROOT / "examples", folder)
-    subprocess.run(["make", "CFLAGS=-O1 -Wall -Wextra -Wpedantic -Werror"], cwd=folder, check=True,
-                   env={**os.environ, "PKG_CONFIG_PATH": str(pkg_config_path(root))})
-    return folder
+    environment = {**os.environ, "PKG_CONFIG_PATH": str(pkg_config_path(root))}
+
+    def run(files, *command):
+        folder = tmp_path_factory.mktemp("client")
+        for name, text in files.items():
+            (folder / name).write_text(text)
+        subprocess.run(command, cwd=folder, env=environment, check=True)
+        return folder
+
+    return run
+
+
+@pytest.fixture(scope="module")
+def examples(build):
+    """The folder of the examples with the C one built."""
+    files = {path.name: path.read_text() for path in (ROOT / "examples").iterdir()}
+    return build(files, "make", "CFLAGS=-O1 -Wall -Wextra -Wpedantic -Werror")
 
 
 @pytest.fixture(params=LANGUAGES)
@@ -96,3 +110,45 @@ def test_a_bar_asks_a_busy_daemon_again_and_gives_up(start_bar, scene):
     assert bar.read_line() == BUSY
     assert impostor.calls == (["GetSpeakerVolume"] * 3 + ["GetSpeakerMute"] * 2 + ["GetSpeakerSupportType"] * 2
                               + ["GetSpeakerVolume"] * 7)
+
+
+# --- the first clients in docs/integration.md ------------------------------------------------------------------------
+
+
+def block_of(first_line):
+    """Returns the indented block of the document that begins so."""
+    text = (ROOT / "docs/integration.md").read_text()
+    return textwrap.dedent(re.search(rf"^    {re.escape(first_line)}.*\n(    .*\n)*", text, re.MULTILINE).group())
+
+
+def python_client(_build):
+    return ["/usr/bin/python3", "-c", block_of("import time")]
+
+
+def c_client(build):
+    files = {"first.c": block_of("#include <kavrel/kavrel.h>")}
+    return [build(files, "sh", "-ec", block_of("gdbus-codegen")) / "first"]
+
+
+def shell_client(_build):
+    return ["bash", "-c", block_of("kavrel() {")]
+
+
+FIRST_CLIENTS = {
+    python_client: (["(0,)", "(30, 0)", "SpeakerVolumeChanged (65535, 30)"], "SpeakerVolumeChanged (65535, 31)"),
+    c_client: (["set: status 0", "volume 30, status 0", "volume 30, support word 0xffff"], "volume 31, support word 0xffff"),
+    shell_client: (["i 0", "volume 30, status 0", f"Monitoring signals from all objects owned by {NAME}",
+                    f"The name {NAME} is owned by :1."],
+                   "/Org/Olvane/KavrelInternal: org.olvane.kavrel.SpeakerVolumeChanged (65535, 31)"),
+}
+
+
+@pytest.mark.parametrize("client_in", FIRST_CLIENTS)
+def test_the_first_client_of_each_language_works_as_it_is_printed(build, scene, daemon, client, client_in):
+    lines, changed = FIRST_CLIENTS[client_in]
+    program = View(scene.environment(), *client_in(build))
+    scene.callback(program.end)
+    for line in lines:
+        assert program.read_line().startswith(line)
+    client.set_volume(31)
+    assert program.read_line() == changed
