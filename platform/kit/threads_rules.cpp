@@ -1,0 +1,238 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
+/** Threads: which calls wait for no callback, and that all may be made at once. */
+#include <audio_control.h>
+#include <audio_hal.h>
+#include <dlog.h>
+#include <lwipc.h>
+#include <resource_center.h>
+#include <sound_manager.h>
+#include <system_info.h>
+#include <vconf.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <set>
+
+#include "kit.h"
+
+using namespace kit;
+
+namespace {
+
+struct Call {
+    const char* name;
+    Action make;
+};
+
+/** Makes each call on a thread of its own, while a callback runs and does not return. */
+void CheckNeverWaits(const std::vector<Call>& calls) {
+    for (const Hold::By by : {Hold::By::SOMEBODY, Hold::By::US}) {
+        const Hold hold(by);
+        if (!hold.Holds()) {
+            continue;
+        }
+        for (const Call& call : calls) {
+            Step(std::string(call.name) + " is called on another thread, while the callback runs");
+            const Worker worker(call.make);
+            if (!worker.HasReturned()) {
+                Broken(std::string(call.name) + " did not return while a callback ran on another thread");
+                EndNow();
+            }
+        }
+    }
+}
+
+TEST(Threads, GainsNeverWaitForACallback) {
+    Rule("The four functions of AudioControl wait for no callback.");
+    AudioControl* const control = AudioControl_getInstance();
+    if (control == nullptr) {
+        Cannot("this platform has no table of gains: AudioControl_getInstance() gives null");
+        return;
+    }
+    static int gain = 0;
+    CheckNeverWaits({{"AudioControl_getInstance()", [] { AudioControl_getInstance(); }},
+                     {"get_main_out_gain2()", [=] { control->get_main_out_gain2(&gain); }},
+                     {"set_main_out_gain2()", [=] { control->set_main_out_gain2(50); }},
+                     {"get_sub_out_gain2()", [=] { control->get_sub_out_gain2(&gain); }},
+                     {"set_sub_out_gain2()", [=] { control->set_sub_out_gain2(50); }}});
+}
+
+TEST(Threads, TheLogNeverWaitsForACallback) {
+    Rule("__dlog_print() waits for no callback.");
+    CheckNeverWaits(
+        {{"__dlog_print() of a debug line", [] { __dlog_print(DLOG_DEBUG, "Kit", "a debug line\n"); }},
+         {"__dlog_print() of an error", [] { __dlog_print(DLOG_ERROR, "Kit", "an error\n"); }}});
+}
+
+TEST(Threads, ReadsNeverWaitForACallback) {
+    Rule("A plain read of a value waits for no callback.");
+    vconf_set_int("memory/kit/value", 1);
+    static int value = 0;
+    static bool flag = false;
+    std::vector<Call> calls = {
+        {"audio_get_master_volume()", [] { audio_get_master_volume(&value); }},
+        {"audio_get_master_mute()", [] { audio_get_master_mute(&flag); }},
+        {"sound_manager_get_speaker_selection()", [] { sound_manager_get_speaker_selection(&value); }},
+        {"sound_manager_get_multiview_speaker_selection_with_zone_id()",
+         [] { sound_manager_get_multiview_speaker_selection_with_zone_id(&value, 2); }},
+        {"vconf_get_int()", [] { vconf_get_int("memory/kit/value", &value); }},
+        {"vconf_get_str()", [] { std::free(vconf_get_str("memory/kit/value")); }},
+        {"system_info_get_custom_bool()", [] { system_info_get_custom_bool("kit/none", &flag); }},
+        {"rc_get_audio_focus()", [] { rc_get_audio_focus(&value); }},
+        {"the functions of a list of zones",
+         [] {
+             rc_zone_list_h list = nullptr;
+             rc_zone_h zone = nullptr;
+             if (rc_get_zone_list(&list) == 0) {
+                 rc_get_next_zone(list, &zone);
+                 rc_free_zone_list(list);
+             }
+         }},
+        {"LwipcIsDone()", [] { LwipcIsDone("kit/none"); }},
+    };
+    AllStreams();  // arranges zones, if the adapter can
+    CheckNeverWaits(calls);
+}
+
+/** Repeats a call on a thread until the others have made theirs. */
+TEST(Threads, AllCallsMayBeMadeAtOnce) {
+    Rule(
+        "All calls may be made from any thread at the same time: each gives a value that somebody has set, "
+        "and none fails or crashes.");
+    constexpr int ROUNDS = 150;
+    AllStreams();
+    AudioControl* const control = AudioControl_getInstance();
+    std::mutex mutex;
+    std::set<std::string> failures;  // guarded by mutex
+    const auto check = [&](const char* call, bool isRight) {
+        if (!isRight) {
+            const std::lock_guard guard(mutex);
+            failures.insert(call);
+        }
+    };
+    const auto repeat = [&](const std::function<void(int)>& action) {
+        return std::make_unique<Worker>([action] {
+            for (int i = 0; i < ROUNDS; ++i) {
+                action(i);
+            }
+        });
+    };
+    Scene volumeScene(Volume());
+    Scene settingScene(SettingStream());
+    vconf_set_str("memory/kit/long", std::string(2000, 'a').c_str());
+    audio_set_master_volume(50, 0);
+    Volume().ear(0).Act(nullptr);
+    Step("eight threads make all calls at once");
+    SetQuiet(true);
+    {
+        std::vector<std::unique_ptr<Worker>> workers;
+        workers.push_back(repeat([&](int i) {
+            int value = -1;
+            check("audio_set_master_volume", audio_set_master_volume(i % 101, 0) == 0);
+            check("audio_get_master_volume",
+                  audio_get_master_volume(&value) == 0 && value >= 0 && value <= 100);
+        }));
+        workers.push_back(repeat([&](int i) {
+            check("vconf_set_str",
+                  vconf_set_str("memory/kit/long",
+                                std::string(1000U + i % 7 * 500U, static_cast<char>('a' + i % 26)).c_str()) ==
+                      0);
+            check("vconf_set_int", vconf_set_int("memory/kit/value", i) == 0);
+        }));
+        workers.push_back(repeat([&](int) {
+            const std::unique_ptr<char, decltype(&std::free)> text(vconf_get_str("memory/kit/long"),
+                                                                   &std::free);
+            const std::string_view read = text ? text.get() : "";
+            check("vconf_get_str",
+                  read.size() >= 1000 && read.find_first_not_of(read.front()) == std::string_view::npos);
+        }));
+        workers.push_back(repeat([&](int) {
+            check("vconf_notify_key_changed", SettingStream().add(5, nullptr) == 0);
+            check("vconf_ignore_key_changed", SettingStream().remove(5) == 0);
+            check("audio_register_master_volume_changed_cb", Volume().add(5, nullptr) == 0);
+            check("audio_unregister_master_volume_changed_cb", Volume().remove(5) == 0);
+        }));
+        workers.push_back(repeat([&](int i) {
+            int value = 0;
+            check("sound_manager_set_speaker_selection", sound_manager_set_speaker_selection(i) == 0);
+            check("sound_manager_get_speaker_selection", sound_manager_get_speaker_selection(&value) == 0);
+            const int id = rc_register_audio_focus_changed_callback([](int, void*) {}, nullptr);
+            check("rc_register_audio_focus_changed_callback", id > 0);
+            check("rc_unregister_audio_focus_changed_callback",
+                  rc_unregister_audio_focus_changed_callback(id) == 0);
+        }));
+        workers.push_back(repeat([&](int i) {
+            if (control != nullptr) {
+                int gain = -1;
+                check("set_main_out_gain2", control->set_main_out_gain2(i) == 0);
+                check("get_main_out_gain2",
+                      control->get_main_out_gain2(&gain) == 0 && gain >= 0 && gain < ROUNDS);
+            }
+            const std::string event = "kit/event" + std::to_string(i % 3);
+            check("LwipcEventDone", LwipcEventDone(event.c_str()) == 0);
+            check("LwipcIsDone", LwipcIsDone(event.c_str()) == 1);
+        }));
+        workers.push_back(repeat([&](int) {
+            rc_zone_list_h list = nullptr;
+            check("rc_get_zone_list", rc_get_zone_list(&list) == 0);
+            rc_zone_h zone = nullptr;
+            int last = 0;
+            while (list != nullptr && rc_get_next_zone(list, &zone) == 0) {
+                int id = 0;
+                check("rc_get_zone_id", rc_get_zone_id(zone, &id) == 0 && id > last);
+                last = id;
+            }
+            if (list != nullptr) {
+                check("rc_free_zone_list", rc_free_zone_list(list) == 0);
+            }
+        }));
+        workers.push_back(repeat([&](int i) {
+            SomebodySetsQuietly(MASTER_VOLUME, std::to_string(i % 101));
+            SomebodySetsQuietly(Setting("memory/kit/value"), std::to_string(i));
+            bool mute = false;
+            check("audio_set_master_mute", audio_set_master_mute(i % 2 == 0) == 0);
+            check("audio_get_master_mute", audio_get_master_mute(&mute) == 0);
+        }));
+    }
+    SetQuiet(false);
+    const std::lock_guard guard(mutex);
+    Check(failures.empty(), "with all calls at once these failed or gave a value that nobody had set: " +
+                                List({failures.begin(), failures.end()}));
+}
+
+/** After a storm the last report has to be the value in force. */
+TEST(Threads, AfterAStormTheLastReportIsThePresentValue) {
+    Rule(
+        "When several threads and somebody else change a value at once, the last report is the value that is "
+        "in force at the end.");
+    for (Stream* const stream : {&Volume(), &SettingStream(), &Route()}) {
+        Scene scene(*stream);
+        if (!scene.IsReady() || !scene.Register()) {
+            continue;
+        }
+        Step("three threads set values at once, and somebody else does");
+        SetQuiet(true);
+        {
+            std::vector<std::unique_ptr<Worker>> workers;
+            for (int worker = 0; worker < 3; ++worker) {
+                workers.push_back(std::make_unique<Worker>([=] {
+                    for (int i = 0; i < 60; ++i) {
+                        if (worker == 0) {
+                            SomebodySetsQuietly(stream->value, stream->at(1 + i));
+                        } else {
+                            stream->set(stream->at(1 + (i * 7 + worker) % 60));
+                        }
+                    }
+                }));
+            }
+        }
+        SetQuiet(false);
+        Settle();
+        const std::string present = stream->prefix + stream->get();
+        Check(kit::Await([&] { return stream->ear(0).Last() == present; }),
+              stream->name + " is " + present + " now, but the last report was " + stream->ear(0).Last());
+    }
+}
+
+}  // namespace
