@@ -122,6 +122,21 @@ class Machine:
             program.kill()
             program.communicate()
 
+    @contextlib.contextmanager
+    def view(self, user, *command):
+        """A program of this machine that stays. Yields the lines that it prints."""
+        ends_with_us = ["setpriv", "--pdeathsig=TERM", "--", *command]
+        program = subprocess.Popen(self._inside(user, ends_with_us), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                   text=True)
+        limit = threading.Timer(PATIENCE, program.kill)
+        limit.start()
+        try:
+            yield (line.rstrip("\n") for line in program.stdout)
+        finally:
+            limit.cancel()
+            program.kill()
+            program.communicate()
+
     def start_daemon(self):
         """Starts kavreld as the unit does."""
         self._start("kavreld", "sh", "-c", "umask 0002; exec kavreld", user="kavrel")

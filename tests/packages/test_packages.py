@@ -230,6 +230,32 @@ def test_only_kavrel_and_root_can_send_the_signals_of_the_daemon(running, number
                                                   f"PopupNoti ('{number + 1}',)"}
 
 
+# --- clients ------------------------------------------------------------------------------------------------------
+
+EXAMPLES = "/usr/share/doc/kavrel-dev/examples"
+CLIENTS = {"python": "python3 -B volume-bar.py", "c": "./volume-bar", "shell": "./volume-bar.sh"}
+
+
+@pytest.fixture(scope="session")
+def clients(running, before):
+    """A folder with the examples, built with the packages that their README.md names."""
+    rows = re.findall(r"^\| `.*\| (.*) \|$", running.must_run("cat", f"{EXAMPLES}/README.md"), re.MULTILINE)
+    without = everything_on(running)
+    running.apt("install", *sorted(set(", ".join(rows).split(", ")) - set(FILES)))
+    before |= everything_on(running) - without
+    running.must_run("sh", "-ec", f"cp -r {EXAMPLES} /tmp/clients && make -C /tmp/clients", user="viewer")
+    return "/tmp/clients"
+
+
+@pytest.mark.parametrize("language, volume", [("python", 60), ("c", 70), ("shell", 80)])
+def test_a_client_in_each_language_follows_the_volume(running, clients, language, volume):
+    running.must_run("kavrelctl", "volume", "50", user="viewer")
+    with running.view("nobody", "sh", "-c", f"cd {clients} && exec {CLIENTS[language]}") as lines:
+        assert next(lines) == "[##########..........]  50%"
+        running.must_run("kavrelctl", "volume", str(volume), user="viewer")
+        assert next(lines) == f"[{volume // 5 * '#':.<20}]  {volume}%"
+
+
 # --- the directory ------------------------------------------------------------------------------------------------
 
 VOLUME_FILE = "/run/kavrel/audio/master_volume"

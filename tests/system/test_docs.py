@@ -90,6 +90,7 @@ RUN = {
     "kavrel-tv route --help": r"Switch the output of the single view\n(.*\n)+ +2  hdmi +HDMI receiver\n(.*\n)+",
     "kavrelctl report > report.txt": "",
     "busctl call org.freedesktop.DBus / org.freedesktop.DBus ListQueuedOwners s org.olvane.kavrel": r'as 1 ":1\.\d+"\n',
+    "busctl --system emit /Org/Olvane/Kavrel org.olvane.kavrel ApplyPulseAudioGain ii 100 500": "",
     "kavreld --version": r"kavreld \d+\.\d+\.\d+\n",
 }
 
