@@ -176,9 +176,7 @@ int CommandLine::ShowHelp(const std::vector<std::string>& names) const {
 int CommandLine::Run(int argc, char** argv) {
     g_set_prgname(m_app.get_name().c_str());
     std::signal(SIGPIPE, SIG_IGN);
-    if (!CommandsOf(m_app).empty()) {
-        AddHelp();
-    }
+    AddHelp();
     try {
         return ParseAndAct(argc, argv);
     } catch (const ReaderGone&) {

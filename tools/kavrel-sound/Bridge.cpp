@@ -167,7 +167,7 @@ void Bridge::Settle() {
     if (m_snapshot.server.empty()) {
         return;
     }
-    FindDefaultSink();
+    m_defaultSink = sound::DefaultSink(m_snapshot, m_defaultSink);
     SayWhatIsMissing();
     for (const auto& device : m_devices) {
         device->Follow(SinkOf(device->Kind()), m_player.IsThisProcess());
@@ -192,17 +192,6 @@ void Bridge::Settle() {
 
 std::string Bridge::OutputSink() const {
     return m_route ? m_outputs.ChoiceOf(*m_route, m_defaultSink).sink : "";
-}
-
-/** The TV speaker is the default sink. While that is "kavrel", it is the default sink before. */
-void Bridge::FindDefaultSink() {
-    if (m_snapshot.defaultSink != KAVREL_SINK) {
-        m_defaultSink = m_snapshot.defaultSink;
-    } else if (m_snapshot.FindSink(m_defaultSink) == nullptr) {
-        const auto other = std::find_if(m_snapshot.sinks.begin(), m_snapshot.sinks.end(),
-                                        [](const Sink& sink) { return sink.name != KAVREL_SINK; });
-        m_defaultSink = other != m_snapshot.sinks.end() ? other->name : "";
-    }
 }
 
 bool Bridge::IsOwn(const Stream& stream) const {

@@ -54,7 +54,6 @@ private:
     void Answer(bool isLevel);
     Device& DeviceOf(const tv::DeviceKind* kind);
     Sink* SinkOf(const tv::DeviceKind* kind);
-    void FindDefaultSink();
     void FollowPrograms(const Sink& kavrel);
     bool IsOwn(const Stream& stream) const;
     void Guard(const Sink& kavrel, bool isNeeded);

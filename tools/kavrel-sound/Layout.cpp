@@ -54,6 +54,18 @@ bool IsOfStage(const Stream& stream, const std::string& stage) {
     return stream.name == stage && stream.module != PA_INVALID_INDEX;
 }
 
+std::string DefaultSink(const Snapshot& snapshot, const std::string& before) {
+    if (snapshot.defaultSink != KAVREL_SINK) {
+        return snapshot.defaultSink;
+    }
+    if (snapshot.FindSink(before) != nullptr) {
+        return before;
+    }
+    const auto other = std::find_if(snapshot.sinks.begin(), snapshot.sinks.end(),
+                                    [](const Sink& sink) { return sink.name != KAVREL_SINK; });
+    return other != snapshot.sinks.end() ? other->name : "";
+}
+
 std::vector<Index> FindStage(const Snapshot& snapshot, const std::string& stage) {
     std::vector<Index> found;
     for (const Stream& stream : snapshot.streams) {

@@ -23,6 +23,11 @@ std::string KavrelArguments();
 /** Whether the stage of this name has made the stream. */
 bool IsOfStage(const Stream& stream, const std::string& stage);
 
+/** The sink of the TV speaker without an option: the server's default one. While that is "kavrel", it is the one before.
+ *  @param before as far as it is known
+ *  @return empty if there is none */
+std::string DefaultSink(const Snapshot& snapshot, const std::string& before);
+
 // The modules that have made it, or have yet to; the one to keep comes first.
 std::vector<Index> FindStage(const Snapshot& snapshot, const std::string& stage);
 std::vector<Index> FindKavrel(const Snapshot& snapshot);

@@ -6,12 +6,12 @@
 #include <fcntl.h>
 #include <json/reader.h>
 #include <json/value.h>
-#include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <memory>
-#include <system_error>
+#include <stdexcept>
 
 #include "Errors.h"
 #include "Print.h"
@@ -22,7 +22,27 @@ namespace {
 
 /** No value of the TV has a name with a dot in front. */
 std::string FileName() {
-    return host::Root() / ".kavrel-sound";
+    return host::Root() / ".sound";
+}
+
+constexpr mode_t FILE_MODE = 0660;  // for the group audio, as all files of the TV directory
+
+[[noreturn]] void Fail(const std::string& action) {
+    const int error = errno;
+    tv::ThrowIfFailed(host::MakeError(action, FileName(), error));
+    throw std::logic_error("no error");
+}
+
+struct flock WholeFile() {
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    return lock;
+}
+
+bool IsLocked(int file) {
+    struct flock lock = WholeFile();
+    return fcntl(file, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
 Json::Value ToJson(const Settings& settings) {
@@ -75,36 +95,29 @@ void Settings::AddOptions(CLI::App& app) {
 }
 
 Claim::Claim(const Settings& settings)
-    : m_file(open(FileName().c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0660)) {
-    if (m_file < 0) {
-        const int error = errno;
-        tv::ThrowIfFailed(
-            {error, "cannot open " + FileName() + ": " + std::generic_category().message(error)});
+    : m_file(open(FileName().c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, FILE_MODE)) {
+    struct flock lock = WholeFile();
+    if (!m_file) {
+        Fail("open");
     }
-    if (flock(m_file, LOCK_EX | LOCK_NB) != 0) {
-        close(m_file);
+    if (fcntl(m_file.Get(), F_OFD_SETLK, &lock) != 0) {
         const auto holder = Find();
+        const std::string process = holder ? " (process " + std::to_string(holder->process) + ")" : "";
         throw tools::ToolError(tools::EXIT_REFUSED,
-                               "another kavrel-sound" +
-                                   (holder ? " (process " + std::to_string(holder->process) + ")" : "") +
-                                   " plays this TV already");
+                               "another kavrel-sound" + process + " plays this TV already");
     }
+    static_cast<void>(fchmod(m_file.Get(), FILE_MODE));  // only the owner of the file may
     const std::string text = tools::JsonLine(ToJson(settings)) + "\n";
-    if (ftruncate(m_file, 0) != 0 || write(m_file, text.data(), text.size()) < 0) {
-        const int error = errno;
-        close(m_file);
-        tv::ThrowIfFailed(
-            {error, "cannot write " + FileName() + ": " + std::generic_category().message(error)});
+    if (ftruncate(m_file.Get(), 0) != 0 || write(m_file.Get(), text.data(), text.size()) < 0) {
+        Fail("write");
     }
-}
-
-/** The file stays: who removes a locked file removes the lock of another process, too. */
-Claim::~Claim() {
-    static_cast<void>(ftruncate(m_file, 0));
-    close(m_file);
 }
 
 std::optional<Claim::Holder> Claim::Find() {
+    const host::FileDescriptor file(open(FileName().c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (!file || !IsLocked(file.Get())) {
+        return std::nullopt;
+    }
     Json::Value json;
     try {
         const std::string text = tv::ReadFile(FileName());
@@ -115,7 +128,7 @@ std::optional<Claim::Holder> Claim::Find() {
     } catch (const Json::Exception&) {
         // Nobody who runs has written that.
     } catch (const tools::ToolError&) {
-        // There is no file.
+        // It has ended meanwhile.
     }
     return std::nullopt;
 }

@@ -4,6 +4,8 @@
 #ifndef KAVREL_SOUND_SETTINGS_H
 #define KAVREL_SOUND_SETTINGS_H
 
+#include <file_descriptor.h>
+
 #include <optional>
 #include <string>
 #include <vector>
@@ -29,9 +31,6 @@ class Claim {
 public:
     /** @throws tools::ToolError if another bridge runs on the open TV, or the TV directory cannot be written */
     explicit Claim(const Settings& settings);
-    ~Claim();
-    Claim(const Claim&) = delete;
-    Claim& operator=(const Claim&) = delete;
 
     /** The settings of the bridge on the open TV; nothing if there is none. */
     struct Holder {
@@ -41,7 +40,8 @@ public:
     static std::optional<Holder> Find();
 
 private:
-    int m_file;
+    /** Stays in its folder: removing it would let two bridges lock one file each. */
+    host::FileDescriptor m_file;
 };
 
 }  // namespace sound

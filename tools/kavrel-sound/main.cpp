@@ -7,6 +7,7 @@
 #include "Bridge.h"
 #include "Cleaner.h"
 #include "CommandLine.h"
+#include "Commands.h"
 #include "Errors.h"
 #include "Settings.h"
 
@@ -42,14 +43,17 @@ int Play(const std::string& directory, const sound::Settings& settings) {
 int main(int argc, char** argv) {
     std::setlocale(LC_CTYPE, "");  // NOLINT(concurrency-mt-unsafe): there is no other thread yet
     tools::CommandLine line("kavrel-sound", "Play the TV's sound on a sound server, until Ctrl-C.", FOOTER);
-    std::string directory = "/run/kavrel";
-    sound::Settings settings;
+    sound::Scene scene;
     line.App()
-        .add_option("--dir", directory, "Name the TV directory (default: /run/kavrel)")
+        .add_option("--dir", scene.directory, "Name the TV directory (default: /run/kavrel)")
         ->type_name("DIR")
         ->envname("KAVREL_TV_DIR");
-    settings.AddOptions(line.App());
+    scene.settings.AddOptions(line.App());
     line.App().fallthrough();
-    line.SetDefault([&] { return Play(directory, settings); });
+    sound::AddOutputs(line, scene);
+    sound::AddStatus(line, scene);
+    sound::AddTone(line, scene);
+    sound::AddHear(line, scene);
+    line.SetDefault([&] { return Play(scene.directory, scene.settings); });
     return line.Run(argc, argv);
 }

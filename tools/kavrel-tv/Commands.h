@@ -12,9 +12,6 @@
 
 namespace tv {
 
-/** The name of a file that means standard output. */
-inline constexpr const char* STANDARD_OUTPUT = "-";
-
 /** The help page of a command; the examples are whole command lines. */
 struct About {
     std::string name;

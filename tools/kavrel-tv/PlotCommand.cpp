@@ -16,7 +16,7 @@
 #include "Platform.h"
 #include "PlotScript.h"
 #include "Print.h"
-#include "Recording.h"
+#include "Recorder.h"
 
 namespace tv {
 

@@ -46,6 +46,7 @@ set format x ''
 )";
 
 constexpr const char* MAIN_GAIN_STYLE = "linewidth 2.5 linecolor rgb '#0060c0'";
+constexpr const char* HEARD_STYLE = "linewidth 2 linecolor rgb '#e0a0a0'";
 constexpr const char* SUB_GAIN_STYLE = "linewidth 1.5 dashtype 2 linecolor rgb '#e07000'";
 constexpr const char* VOLUME_STYLE = "linewidth 2 linecolor rgb '#208040'";
 /** As wide as to be seen on both sides of the TV's volume, which it often equals. */
@@ -128,9 +129,30 @@ void FindBoxes(std::vector<Box>& boxes, const Recording& recording, double low, 
     }
 }
 
+/** Draws the sound so that its loudest window is as high as the gain 100. */
+void AddHeard(Panel& panel, const Recording& recording) {
+    double loudest = 0;
+    for (const Sample& sample : recording.samples) {
+        loudest = std::max(loudest, sample.heard.value_or(0));
+    }
+    if (loudest <= 0) {
+        return;
+    }
+    std::ostringstream lines;
+    lines << std::setprecision(PRECISION);
+    for (const Sample& sample : recording.samples) {
+        if (sample.heard) {
+            lines << sample.seconds << ' ' << *sample.heard * 100 / loudest << '\n';
+        }
+    }
+    panel.data += Block("heard", lines.str());
+    panel.plots.push_back(std::string("$heard using 1:2 with lines title 'heard' ") + HEARD_STYLE);
+}
+
 Panel Gains(const Recording& recording) {
     Panel panel = {.height = GAINS_HEIGHT, .settings = "set ylabel 'gain (%)'\nset ytics 20\n"};
     panel.settings += "set yrange [" + std::to_string(LOWEST) + ":" + std::to_string(HIGHEST) + "]\n";
+    AddHeard(panel, recording);
     AddLine(panel, recording, MAIN_GAIN, "main output gain", MAIN_GAIN_STYLE);
     AddLine(panel, recording, SUB_GAIN, "sub output gain", SUB_GAIN_STYLE);
     return panel;

@@ -7,11 +7,12 @@
  *     seconds,main_gain,sub_gain,volume,mute,output,output_level,output_mute,event
  *     0.000000,100,100,10,0,tv,10,0,start
  *
- * The last cell is the event, without commas, quotes and line breaks; it is empty for a change of a value alone.
+ * A recording of kavrel-sound has the column "heard" before the event, and a line for each window of sound; the other
+ * lines leave that cell empty. The last cell is the event, without commas, quotes and line breaks; it is empty for a change of a value alone.
  * docs/kavrel-tv.md describes each column.
  */
-#ifndef KAVREL_TV_RECORDING_H
-#define KAVREL_TV_RECORDING_H
+#ifndef KAVREL_TOOLS_TV_RECORDING_H
+#define KAVREL_TOOLS_TV_RECORDING_H
 
 #include <array>
 #include <optional>
@@ -29,12 +30,15 @@ inline constexpr std::array COLUMN_NAMES = {"main_gain", "sub_gain",     "volume
 struct Sample {
     double seconds = 0;                                          // since the recording began
     std::array<std::optional<int>, COLUMN_NAMES.size()> values;  // by Column; OUTPUT is a route
-    std::string event;
+    std::optional<double> heard =
+        std::nullopt;  // RMS in percent of the full scale, of a window that ends then
+    std::string event = {};
 };
 
-std::string RecordingHeader();
+/** @param hasSound whether there is a column for what is heard */
+std::string RecordingHeader(bool hasSound = false);
 /** @return the line, with its line break */
-std::string ToLine(const Sample& sample);
+std::string ToLine(const Sample& sample, bool hasSound = false);
 /** Takes the columns in any order, leaves missing ones empty, and ignores others.
  *  @return at least one sample
  *  @throws tools::ToolError with the line, for a text that is not a recording */

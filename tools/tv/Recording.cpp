@@ -14,6 +14,8 @@ namespace tv {
 
 namespace {
 
+constexpr const char* HEARD = "heard";
+
 using Cells = std::vector<std::string>;
 
 Cells Split(std::string row) {
@@ -40,6 +42,11 @@ std::optional<int> FromCell(Column column, const std::string& cell) {
     return route ? route : tools::Parsed<int>(cell);
 }
 
+bool ReadHeard(const std::string& cell, Sample& sample) {
+    sample.heard = tools::Parsed<double>(cell);
+    return cell.empty() || (sample.heard && std::isfinite(*sample.heard));
+}
+
 bool ReadSample(const Cells& header, const Cells& cells, Sample& sample) {
     const auto seconds = tools::Parsed<double>(cells.front());
     if (cells.size() != header.size() || !seconds || !std::isfinite(*seconds)) {
@@ -48,6 +55,9 @@ bool ReadSample(const Cells& header, const Cells& cells, Sample& sample) {
     sample.seconds = *seconds;
     sample.event = cells.back();
     for (std::size_t i = 1; i + 1 < cells.size(); ++i) {
+        if (header[i] == HEARD && !ReadHeard(cells[i], sample)) {
+            return false;
+        }
         const auto* const name = std::find(COLUMN_NAMES.begin(), COLUMN_NAMES.end(), header[i]);
         if (name == COLUMN_NAMES.end() || cells[i].empty()) {
             continue;
@@ -63,19 +73,22 @@ bool ReadSample(const Cells& header, const Cells& cells, Sample& sample) {
 
 }  // namespace
 
-std::string RecordingHeader() {
+std::string RecordingHeader(bool hasSound) {
     std::string line = "seconds";
     for (const char* name : COLUMN_NAMES) {
         line += std::string(",") + name;
     }
-    return line + ",event\n";
+    return line + (hasSound ? std::string(",") + HEARD : "") + ",event\n";
 }
 
-std::string ToLine(const Sample& sample) {
+std::string ToLine(const Sample& sample, bool hasSound) {
     std::string line = tools::Formatted("%.6f", sample.seconds);
     for (std::size_t i = 0; i < sample.values.size(); ++i) {
         line += ",";
         line += sample.values[i] ? ToCell(static_cast<Column>(i), *sample.values[i]) : "";
+    }
+    if (hasSound) {
+        line += "," + (sample.heard ? tools::Formatted("%.4f", *sample.heard) : "");
     }
     std::string event = sample.event;
     std::replace_if(
