@@ -450,6 +450,29 @@ def test_a_recording_is_read_by_the_names_of_its_columns(scene, tmp_path):
     assert ">main output gain<" not in (tmp_path / "odd.svg").read_text()
 
 
+def test_a_plot_shows_the_sound_as_high_as_the_gain_100_where_it_was_loudest(scene, tmp_path):
+    lines = ["seconds,main_gain,heard,event", "0,0,,start", "1,0,0.0,", "2,100,,", "3,100,2.5,", "4,100,10.0,", "5,100,7.5,", "5,100,,end"]
+    (tmp_path / "heard.csv").write_text("".join(line + "\n" for line in lines))
+    KavrelTv(scene)("plot", str(tmp_path / "heard.csv"), str(tmp_path / "heard.svg"))
+    text = (tmp_path / "heard.svg").read_text()
+    assert ">heard<" in text and ">main output gain<" in text
+
+    def line(colour):  # without the two points of its sample in the legend
+        points = re.search(rf"<path stroke='rgb\({colour}\)'\s+d='([^']*)'", text).group(1)
+        return [(float(x), float(y)) for x, y in re.findall(r"([\d.]+),([\d.]+)", points)][2:]
+
+    gain, heard = line("  0,  96, 192"), line("224, 160, 160")
+    (start, low), (end, high) = gain[0], gain[-1]
+    at = [((x - start) / (end - start) * 5, (y - low) / (high - low) * 100) for x, y in heard]
+    assert [value for point in at for value in point] == pytest.approx([1, 0, 3, 25, 4, 100, 5, 75], abs=0.01)
+
+
+def test_a_sound_that_is_no_number_is_no_recording(scene, tmp_path):
+    for cell in ("loud", "inf", "nan"):
+        (tmp_path / "odd.csv").write_text(f"seconds,heard,event\n0,{cell},start\n")
+        assert "odd.csv:2: " in refused(KavrelTv(scene).run("plot", str(tmp_path / "odd.csv"), str(tmp_path / "odd.svg")))
+
+
 # --- The picture's type
 
 PNG_SIGNATURE = b"\x89PNG\r\n\x1a\n"

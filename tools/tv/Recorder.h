@@ -17,7 +17,8 @@ namespace tv {
 /** The name of a file that means standard output. */
 inline constexpr const char* STANDARD_OUTPUT = "-";
 
-/** Records the open TV: writes a line for each change, at once, or in order with what is heard. */
+/** Records the open TV: writes a line for each change, at once; or, if it records sound, when the sound before the change
+ *  has come. */
 class Recorder {
 public:
     using Clock = std::chrono::steady_clock;

@@ -35,7 +35,7 @@ struct Sample {
     std::string event = {};
 };
 
-/** @param hasSound whether there is a column for what is heard */
+/** @param hasSound whether there is the column "heard" */
 std::string RecordingHeader(bool hasSound = false);
 /** @return the line, with its line break */
 std::string ToLine(const Sample& sample, bool hasSound = false);
