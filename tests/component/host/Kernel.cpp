@@ -136,8 +136,8 @@ int RenameMeanwhile(int times) {
 }
 
 int Refuse(const std::string& call, int error) {
-    static const std::map<std::string, unsigned int> numbers = {{"openat2", SYS_openat2},
-                                                                {"epoll_ctl", SYS_epoll_ctl}};
+    static const std::map<std::string, unsigned int> numbers = {
+        {"openat2", SYS_openat2}, {"inotify_init1", SYS_inotify_init1}, {"epoll_ctl", SYS_epoll_ctl}};
     std::array<sock_filter, 4> filter = {{
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, numbers.at(call), 0, 1),

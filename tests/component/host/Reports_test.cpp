@@ -604,8 +604,109 @@ TEST_F(CrossingTest, ALinkInTheValuesPlaceIsFollowedByReadsAndReplacedByAWrite) 
     EXPECT_EQ(place.Content("audio/forty"), "40\n");
 }
 
+TEST_F(CrossingTest, AnEqualOwnWriteIsNoNews) {
+    LetItNotice();
+    EXPECT_EQ(process.Do("set-volume 20"), "0");
+    EXPECT_EQ(process.Do("set-volume 21"), "0");
+    EXPECT_THAT(process.TakeReports(), ElementsAre("volume 21 own"));
+}
+
+TEST_F(CrossingTest, ThePresentValueOfALinkIsThatOfTheFileItLeadsTo) {
+    LetItNotice();
+    for (const std::string volume : {"21", "20"}) {
+        EXPECT_EQ(process.Do("set-volume " + volume), "0");
+        EXPECT_EQ(process.Report(), "volume " + volume + " own");
+    }
+    place.Echo("events/elsewhere", "40");
+    fs::create_symlink("../events/elsewhere", place / "audio/link");
+    fs::rename(place / "audio/link", file);
+    EXPECT_EQ(process.Report(), "volume 40 platform");
+    LetItNotice();
+    place.Echo("events/elsewhere", "50");  // which nobody notices
+    EXPECT_EQ(process.Do("set-volume 50"), "0");
+    EXPECT_EQ(process.Report(), "volume 50 platform") << "the change was not this process's own";
+}
+
+TEST_F(CrossingTest, AFolderThatCannotBeReadStaysInTheValuesPlaceToo) {
+    LetItNotice();
+    ASSERT_EQ(process.Do("drop-capabilities"), "0");
+    ASSERT_EQ(process.Do("cross before lock " + file), "0");
+    EXPECT_NE(process.Do("set-volume 30"), "0");
+    EXPECT_TRUE(fs::is_directory(file));
+    EXPECT_THAT(process.TakeReports(), IsEmpty());
+}
+
+TEST_F(CrossingTest, AnUnfinishedFileThatWasReplacedSaysNothing) {
+    ASSERT_EQ(process.Do("set-text memory/key a"), "0");
+    ASSERT_EQ(process.Do("hear memory/key"), "0");
+    LetItNotice();
+    ASSERT_EQ(process.Do("cross before empty " + (place / "settings/memory/key").string()), "0");
+    EXPECT_EQ(process.Do("set-text memory/key a"), "0");
+    EXPECT_THAT(process.TakeReports(), IsEmpty());
+}
+
+TEST_F(CrossingTest, AFolderThatGoesInTheLastMomentIsMadeAgain) {
+    ASSERT_EQ(process.Do("set-int memory/going/key 1"), "0");
+    ASSERT_EQ(process.Do("cross before remove " + (place / "settings/memory/going/key").string()), "0");
+    EXPECT_EQ(process.Do("set-int memory/going/key 2"), "0");
+    EXPECT_EQ(place.Content("settings/memory/going/key"), "2\n");
+}
+
+TEST_F(CrossingTest, AZoneThatGoesInTheLastMomentIsNotMadeAgain) {
+    place.Echo("sound/zones/1/route", "0");
+    ASSERT_EQ(process.Do("cross before remove " + (place / "sound/zones/1/route").string()), "0");
+    EXPECT_EQ(process.Do("set-zone-route 1 5"), "-1002");
+    EXPECT_FALSE(fs::exists(place / "sound/zones/1"));
+}
+
+TEST_F(CrossingTest, AnOwnChangeThatCannotBeWrittenChangesNothing) {
+    const std::string old(3000, 'o');
+    ASSERT_EQ(process.Do("set-text memory/key " + old), "0");
+    ASSERT_EQ(process.Do("hear memory/key"), "0");
+    LetItNotice();
+    ASSERT_EQ(process.Do("limit-files 4096"), "0");
+    EXPECT_EQ(process.Do("set-text memory/key " + std::string(5000, 'n')), "-1027");
+    EXPECT_EQ(process.Do("text memory/key"), "0 " + old);
+    EXPECT_THAT(process.TakeReports(), IsEmpty());
+    EXPECT_THAT(place.Leftovers("."), IsEmpty());
+}
+
+TEST_F(CrossingTest, ASignalThatInterruptsThePlatformThreadIsNothing) {
+    ASSERT_EQ(process.Do("let-signals-interrupt"), "0");
+    const pid_t thread = host_test::ThreadOf(process.Process(), "tv-platform");
+    OtherProcess second(place);
+    for (const std::string volume : {"31", "32"}) {
+        while (!host_test::IsAsleep(thread)) {
+            std::this_thread::yield();
+        }
+        ASSERT_EQ(tgkill(process.Process(), thread, SIGUSR1), 0);
+        ASSERT_EQ(second.Do("set-volume " + volume), "0");
+        EXPECT_EQ(process.Report(), "volume " + volume + " platform");
+    }
+}
+
+TEST_F(CrossingTest, AMissingTvIsWaitedFor) {
+    const pid_t thread = host_test::ThreadOf(process.Process(), "tv-platform");
+    LetItNotice();
+    while (!host_test::IsAsleep(thread)) {
+        std::this_thread::yield();
+    }
+    const int before = host_test::Sleeps(process.Process(), thread);
+    const fs::path away = place.Path().string() + ".away";
+    fs::rename(place.Path(), away);
+    while (host_test::Sleeps(process.Process(), thread) == before || !host_test::IsAsleep(thread)) {
+        std::this_thread::yield();
+    }
+    place.Echo("audio/master_volume", "44");
+    EXPECT_EQ(process.Report(), "volume 44 platform");
+    fs::remove_all(away);
+}
+
 TEST_F(CrossingTest, OwnChangesLeaveThePlatformThreadAsleep) {
     constexpr int CHANGES = 100;
+    ASSERT_EQ(OtherProcess(place).Do("set-volume 50"), "0");
+    ASSERT_EQ(process.Report(), "volume 50 platform");
+    LetItNotice();
     const pid_t thread = host_test::ThreadOf(process.Process(), "tv-platform");
     const auto sleeps = [&] { return host_test::Sleeps(process.Process(), thread); };
     while (!host_test::IsAsleep(thread)) {
@@ -626,6 +727,7 @@ TEST_F(CrossingTest, AQueueThatTheKernelNoLongerWaitsForIsReplaced) {
     for (const std::string tens : {"3", "4"}) {
         EXPECT_EQ(process.Do("set-volume " + tens + '0'), "0");
         EXPECT_EQ(process.Report(), "volume " + tens + "0 own");
+        LetItNotice();
         EXPECT_EQ(second.Do("set-volume " + tens + '1'), "0");
         EXPECT_EQ(process.Report(), "volume " + tens + "1 platform");
     }
@@ -645,6 +747,102 @@ TEST_F(ReportsTest, ASlotHoldsOneRegistration) {
     EXPECT_NE(audio_unregister_master_volume_changed_cb(), 0);
     EXPECT_EQ(audio_set_master_volume(2, 0), 0);
     EXPECT_THAT(ear.Heard(), ElementsAre("second 1"));
+}
+
+TEST_F(ReportsTest, ASecondRegistrationLosesNoChangeThatIsPending) {
+    Listener& one = NewListener("one ");
+    Listener& two = NewListener("two ");
+    HearKey(KEY, one);
+    WhileReporting([&] {
+        EXPECT_EQ(other.Do("set-int memory/key 5"), "0");
+        HearKey(KEY, two, OnKeyToo);
+    });
+    Settle();
+    EXPECT_THAT(ear.Heard(), ElementsAre("one 5", "two 5"));
+}
+
+TEST_F(ReportsTest, ANewRegistrationOfASlotHearsTheChangeThatIsPending) {
+    Listener& first = NewListener("first ");
+    Listener& second = NewListener("second ");
+    HearVolume(first);
+    WhileReporting([&] {
+        EXPECT_EQ(other.Do("set-volume 50"), "0");
+        HearVolume(second);
+    });
+    Settle();
+    EXPECT_THAT(ear.Heard(), ElementsAre("second 50"));
+}
+
+TEST_F(ReportsTest, TheRemovalOfAListenerLeavesTheValueKnownToTheOthers) {
+    EXPECT_EQ(vconf_set_int(KEY, 1), 0);
+    HearKey(KEY, listener);
+    HearKey(KEY, NewListener("two "), OnKeyToo);
+    EXPECT_EQ(vconf_ignore_key_changed(KEY, OnKeyToo), 0);
+    tv.Echo("settings/memory/key", "1");
+    Settle();
+    EXPECT_THAT(ear.Heard(), IsEmpty());
+}
+
+TEST_F(ReportsTest, AValueThatIsMissingAtTheRegistrationIsNewsWhateverItWasBefore) {
+    EXPECT_EQ(vconf_set_int(KEY, 1), 0);
+    for (const std::string value : {"1", "2"}) {
+        fs::remove(tv / "settings/memory/key");
+        HearKey(KEY, listener);
+        EXPECT_EQ(other.Do("set-int memory/key " + value), "0");
+        Settle();
+        EXPECT_EQ(vconf_set_int(KEY, 2), 0);
+        EXPECT_EQ(vconf_ignore_key_changed(KEY, OnKey), 0);
+    }
+    EXPECT_THAT(ear.Heard(), ElementsAre("1", "2", "2"));
+}
+
+TEST_F(ReportsTest, AListenerThatRemovesItselfSilencesNoOther) {
+    HearKey(KEY, NewListener("one ", [] { EXPECT_EQ(vconf_ignore_key_changed(KEY, OnKey), 0); }));
+    HearKey(KEY, NewListener("two "), OnKeyToo);
+    EXPECT_EQ(vconf_set_int(KEY, 1), 0);
+    EXPECT_EQ(vconf_set_int(KEY, 2), 0);
+    EXPECT_THAT(ear.Heard(), ElementsAre("one 1", "two 1", "two 2"));
+}
+
+TEST_F(ReportsTest, ARegistrationWaitsForAReportInFlightOnAnotherThread) {
+    std::latch running(1);
+    std::atomic<pid_t> registering = 0;
+    std::atomic<bool> registered = false;
+    std::atomic<bool> returned = false;
+    listener.act = [&] {
+        running.count_down();
+        while (registering == 0 || !(registered || host_test::IsAsleep(registering))) {
+            std::this_thread::yield();
+        }
+        returned = true;
+    };
+    HearVolume(listener);
+    Change("set-volume 70");
+    running.wait();
+    std::thread thread([&] {
+        registering = gettid();
+        const int id = rc_register_audio_focus_changed_callback(OnNumber, &listener);
+        registered = true;
+        EXPECT_TRUE(returned);
+        EXPECT_EQ(rc_unregister_audio_focus_changed_callback(id), 0);
+    });
+    thread.join();
+}
+
+TEST_F(ReportsTest, AnOwnWriteInAReportIsMeasuredAgainstThePresentValue) {
+    EXPECT_EQ(vconf_set_int(KEY, 1), 0);
+    EXPECT_EQ(vconf_set_int(OTHER, 1), 0);
+    HearKey(KEY, NewListener("key ", [] { EXPECT_EQ(vconf_set_int(OTHER, 1), 0); }));
+    HearKey(OTHER, NewListener("other "));
+    Settle();
+    tv.Echo("settings/next/key", "2");
+    tv.Echo("settings/next/other", "5");
+    ASSERT_EQ(renameat2(AT_FDCWD, (tv / "settings/next").c_str(), AT_FDCWD, (tv / "settings/memory").c_str(),
+                        RENAME_EXCHANGE),
+              0);
+    ear.WaitFor("other 1");
+    EXPECT_THAT(ear.Heard(), ElementsAre("key 2", "other 1"));
+    fs::remove_all(tv / "settings/next");
 }
 
 TEST_F(ReportsTest, RemovingWhatIsNotRegisteredFails) {
@@ -967,9 +1165,14 @@ TEST_F(ReportsTest, AWatchSurvivesItsFolder) {
         tv.Echo("settings/memory/away/key", "not this one");
         Settle();
         EXPECT_EQ(ear.Heard().back(), std::to_string(value + 1));
+        EXPECT_EQ(vconf_set_int(key.c_str(), value), 0);
+        Settle();
+        EXPECT_EQ(vconf_set_int(key.c_str(), value + 1), 0);
+        EXPECT_EQ(tv.Content("settings/" + key), std::to_string(value + 1) + '\n');
+        EXPECT_EQ(tv.Content("settings/memory/away/key"), "not this one\n");
         fs::remove_all(tv / "settings/memory/away");
     }
-    EXPECT_THAT(ear.Heard(), SizeIs(18));
+    EXPECT_THAT(ear.Heard(), SizeIs(36));
     fs::remove_all(folder);
 }
 
@@ -1083,6 +1286,92 @@ TEST_F(NoWatchLeftTest, ItsFolderSilencesItsOwnValuesUntilThereIsOne) {
                                         ": No space left on device"));
 }
 
+TEST_F(NoWatchLeftTest, TheErrorIsLoggedOnceForAllValuesOfTheFolder) {
+    EXPECT_EQ(deaf.Do("hear memory/late/second"), "0");
+    EXPECT_EQ(deaf.Do("hear memory/late/third"), "0");
+    EXPECT_THAT(deaf.Log(), SizeIs(1));
+}
+
+TEST_F(ReportsTest, AWatchIsTriedAgainThoughNothingElseHappens) {
+    const Folder place;
+    OtherProcess deaf(place);
+    OtherProcess second(place);
+    ASSERT_EQ(second.Do("set-int memory/late/key 1"), "0");
+    ASSERT_EQ(deaf.Do("refuse-watches-of memory/late"), "0");
+    EXPECT_EQ(deaf.Do("hear memory/late/key"), "0");
+    ASSERT_EQ(deaf.Do("refuse-watches-of"), "0");
+    EXPECT_EQ(second.Do("set-int memory/late/key 2"), "0");
+    EXPECT_EQ(deaf.Report(), "memory/late/key 2 platform");
+}
+
+TEST_F(ReportsTest, WithoutAQueueOwnChangesAreReportedAndTheErrorIsLogged) {
+    const Folder place;
+    OtherProcess deaf(place);
+    ASSERT_EQ(deaf.Do("refuse inotify_init1 24"), "0");
+    EXPECT_EQ(deaf.Do("hear volume"), "0");
+    EXPECT_EQ(deaf.Do("set-volume 20"), "0");
+    EXPECT_EQ(deaf.Report(), "volume 20 own");
+    EXPECT_THAT(deaf.Log(), ElementsAre("E Cannot watch " + place.Path().string() + ": Too many open files"));
+}
+
+TEST_F(ReportsTest, AMissingFolderOrAFileInItsPlaceIsWaitedForWithoutAnError) {
+    const Folder place;
+    OtherProcess process(place);
+    place.Echo("settings/memory/file", "no folder");
+    EXPECT_EQ(process.Do("hear memory/none/deep/key"), "0");
+    EXPECT_EQ(process.Do("hear memory/file/key"), "0");
+    fs::remove(place / "settings/memory/file");
+    place.Echo("settings/memory/file/key", "1");
+    EXPECT_EQ(process.Report(), "memory/file/key 1 platform");
+    EXPECT_THAT(process.Log(), IsEmpty());
+}
+
+TEST_F(ReportsTest, ZonesThatCannotBeListedAreOneError) {
+    const Folder place;
+    place.Echo("sound/zones", "a file");
+    OtherProcess process(place);
+    EXPECT_EQ(process.Do("hear zones"), "0");
+    EXPECT_THAT(process.Log(),
+                ElementsAre("E Cannot watch " + (place / "sound/zones").string() + ": Not a directory"));
+}
+
+TEST_F(ReportsTest, TheFirstZoneIsNoticedToo) {
+    fs::remove_all(tv / "sound/zones");
+    fs::create_directories(tv / "sound/zones");
+    ASSERT_EQ(sound_manager_set_multiview_speaker_selection_changed_cb(OnZoneRoute, &listener), 0);
+    tv.Echo("sound/zones/1/route", "4");
+    Settle();
+    EXPECT_THAT(ear.Heard(), ElementsAre("1:4"));
+    fs::remove_all(tv / "sound/zones");
+}
+
+TEST_F(ReportsTest, AMountIsHeededByAWriteRightAfterIt) {
+    const Folder place;
+    OtherProcess process(place);
+    ASSERT_EQ(process.Do("own-mounts"), "0");
+    ASSERT_EQ(process.Do("set-volume 11"), "0");
+    ASSERT_EQ(process.Do("hear volume"), "0");
+    const std::string folder = place / "audio";
+    for (int round = 0; round < 20; ++round) {
+        LetNotice(process, place);
+        for (const std::string volume : {"12", "11"}) {  // so that the folder is kept
+            ASSERT_EQ(process.Do("set-volume " + volume), "0");
+        }
+        ASSERT_EQ(process.Do("mount " + folder), "0");
+        ASSERT_EQ(process.Do("set-volume 15"), "0");
+        EXPECT_EQ(process.Do("volume"), "0 15");
+        bool isUnmounted = false;
+        for (int attempt = 0; attempt < 1000 && !isUnmounted; ++attempt) {
+            isUnmounted = process.Do("unmount " + folder) == "0";
+        }
+        ASSERT_TRUE(isUnmounted);
+        EXPECT_EQ(process.Do("volume"), "0 11");
+        while (process.Report() != "volume 11 platform") {
+        }
+        process.TakeReports();
+    }
+}
+
 TEST_F(NoWatchLeftTest, AChangeMeanwhileIsReportedEvenIfARemovalFindsTheWatch) {
     EXPECT_EQ(second.Do("set-int memory/late/key 2"), "0");
     ASSERT_EQ(deaf.Do("refuse-watches-of"), "0");
@@ -1171,11 +1460,43 @@ TEST_F(ReportsTest, TheRoutesOfSixtyFourZonesThatAreGoneAreRemembered) {
         Settle();
     }
     tv.Echo("sound/zones/70/route", "4");
+    tv.Echo("sound/zones/7/route", "4");
     Settle();
     EXPECT_THAT(ear.Heard(), IsEmpty());
-    tv.Echo("sound/zones/1/route", "4");
+    tv.Echo("sound/zones/6/route", "4");
     Settle();
-    EXPECT_THAT(ear.Heard(), ElementsAre("1:4"));
+    EXPECT_THAT(ear.Heard(), ElementsAre("6:4"));
+    fs::remove_all(tv / "sound/zones");
+}
+
+TEST_F(ReportsTest, OfZonesThatAreGoneTheOneThatWentFirstIsForgottenFirst) {
+    fs::remove_all(tv / "sound/zones");
+    const auto add = [&](int zone) { tv.Echo("sound/zones/" + std::to_string(zone) + "/route", "4"); };
+    const auto remove = [&](int zone) { fs::remove_all(tv / "sound/zones" / std::to_string(zone)); };
+    for (int zone = 9; zone <= 73; ++zone) {
+        add(zone);
+    }
+    ASSERT_EQ(sound_manager_set_multiview_speaker_selection_changed_cb(OnZoneRoute, &listener), 0);
+    for (const int zone : {72, 9}) {
+        remove(zone);
+        Settle();
+    }
+    add(72);
+    Settle();
+    for (int zone = 10; zone <= 71; ++zone) {
+        remove(zone);
+    }
+    Settle();
+    for (const int zone : {73, 72}) {  // the 65th zone that is gone makes the first one forgotten
+        remove(zone);
+        Settle();
+    }
+    add(72);
+    Settle();
+    EXPECT_THAT(ear.Heard(), IsEmpty());
+    add(9);
+    Settle();
+    EXPECT_THAT(ear.Heard(), ElementsAre("9:4"));
     fs::remove_all(tv / "sound/zones");
 }
 

@@ -100,6 +100,13 @@ int Hear(const std::string& what) {
         return audio_register_master_volume_changed_cb(
             [](unsigned int value, void*) { Report("volume " + std::to_string(value)); }, nullptr);
     }
+    if (what == "zones") {
+        return sound_manager_set_multiview_speaker_selection_changed_cb(
+            [](int route, int zone, void*) {
+                Report("zone " + std::to_string(zone) + ' ' + std::to_string(route));
+            },
+            nullptr);
+    }
     if (what == "route") {
         return sound_manager_set_speaker_changed_cb(
             [](int route, void*) { Report("route " + std::to_string(route)); }, nullptr);
@@ -276,6 +283,13 @@ std::string Cross(std::istream& words) {
             audio_set_master_mute(true);
         } else if (how == "clean") {
             Clean(path);
+        } else if (how == "remove") {
+            std::filesystem::remove_all(std::filesystem::path(path).parent_path());
+        } else if (how == "empty") {
+            std::ofstream(path, std::ios::trunc);
+        } else if (how == "lock") {
+            MakeFolder(path, text);
+            chmod(path.c_str(), 0);
         } else {
             MakeFolder(path, text);
         }
