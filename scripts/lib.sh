@@ -37,6 +37,7 @@ declare -A proof=(
     [libgtest-dev]=/usr/include/gtest/gtest.h
     [libjsoncpp-dev]=/usr/include/jsoncpp/json/json.h
     [lintian]=lintian
+    [llvm]=llvm-cov
     [lowdown]=lowdown
     [make]=make
     [mandoc]=mandoc
@@ -56,6 +57,7 @@ to_run=("${to_build[@]}" dbus-daemon libglib2.0-bin systemd)
 to_test=("${to_run[@]}" dbus-broker make libgtest-dev libgmock-dev python3-gi python3-pytest gnuplot-nox strace)
 to_bench=("${to_run[@]}" libbenchmark-dev python3 strace)
 to_package=("${to_build[@]}" build-essential debhelper dpkg-dev lintian lowdown mandoc mmdebstrap python3-gi python3-pytest)
+to_fuzz=("${to_test[@]}" clang llvm)
 to_lint=("${to_test[@]}" libbenchmark-dev clang clang-format clang-tidy shellcheck)
 
 is_there() {

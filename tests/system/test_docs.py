@@ -120,6 +120,7 @@ NOT_RUN = {
     "kavrel-tv play FILE": PATTERN,
     "./test N": PATTERN,
     "./test tsan N": PATTERN,
+    "./test fuzz [SECONDS]": PATTERN,
     "./bench [quick]": PATTERN,
     "./lint [STEP...]": PATTERN,
     "kavrel-tv emulator": "the name of a command, without its argument",
@@ -131,6 +132,8 @@ NOT_RUN = {
     "./test --suite unit": "it builds and runs tests that ./test runs",
     "./test --list": "it sets a build directory up",
     "./test packages": "it takes minutes and needs root",
+    "./test fuzz": "it searches for minutes; ./test feeds the corpora to the same targets",
+    "./test fuzz --planted": "it searches for minutes",
     **{f"./bench{row}": "it takes a minute or more; test_bench.py runs the benchmark with few calls"
        for row in ("", " quick", " get set", " micro", " flood", " timeline")},
     **{command: INSTALLED for command in (
