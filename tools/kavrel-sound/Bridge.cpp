@@ -72,11 +72,16 @@ void Bridge::ReadRoute() {
 
 void Bridge::SetGains() {
     if (const tv::Integer gain = tv::ReadInteger(host::MAIN_OUT_GAIN)) {
-        m_main.SetGain(gain.value);
+        m_main.SetGain(gain.value, IsMuted(OutputSink()));
     }
     if (const tv::Integer gain = tv::ReadInteger(host::SUB_OUT_GAIN)) {
-        m_sub.SetGain(gain.value);
+        m_sub.SetGain(gain.value, IsMuted(m_settings.sub));
     }
+}
+
+bool Bridge::IsMuted(const std::string& sink) const {
+    const Sink* const found = m_snapshot.FindSink(sink);
+    return found != nullptr && found->isMuted;
 }
 
 /** Applies a request to the output in use. */

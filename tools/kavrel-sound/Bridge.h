@@ -51,6 +51,7 @@ private:
 
     void ReadRoute();
     void SetGains();
+    bool IsMuted(const std::string& sink) const;
     void Answer(bool isLevel);
     Device& DeviceOf(const tv::DeviceKind* kind);
     Sink* SinkOf(const tv::DeviceKind* kind);

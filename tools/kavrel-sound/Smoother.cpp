@@ -5,6 +5,9 @@
 namespace sound {
 
 void Smoother::Aim(double amplitude) {
+    if (amplitude == m_target) {
+        return;  // on its way already, or there
+    }
     m_target = amplitude;
     m_left = m_present == m_target ? 0 : m_steps;
 }

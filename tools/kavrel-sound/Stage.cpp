@@ -101,12 +101,17 @@ void Stage::Leave(Index sink) {
     }
 }
 
-void Stage::SetGain(int gain) {
+void Stage::SetGain(int gain, bool isMuted) {
     m_smoother.Aim(AmplitudeOfGain(gain));
     if (m_stream == PA_INVALID_INDEX) {
         m_smoother.Finish();
-    } else if (m_timer == nullptr) {
+    } else if (isMuted && m_smoother.Target() < m_smoother.Present()) {
+        m_smoother.Finish();
+        Write();
+    } else if (!m_settings.isSmooth) {
         Step();
+    } else if (m_timer == nullptr) {
+        Wait();
     }
 }
 
@@ -118,8 +123,13 @@ void Stage::Step() {
     m_smoother.Next();
     Write();
     if (!m_smoother.IsThere()) {
-        m_timer = m_server.Loop().After(Smoother::PERIOD, [this] { Step(); });
+        Wait();
     }
+}
+
+/** Before the first step, too: it would follow the last step of the gain before at once. */
+void Stage::Wait() {
+    m_timer = m_server.Loop().After(Smoother::PERIOD, [this] { Step(); });
 }
 
 /** Sends one volume at a time: a server that is slow gets the last one, not all of them. */

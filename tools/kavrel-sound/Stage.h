@@ -33,8 +33,10 @@ public:
     /** Silences the stage before the server moves it, if it plays on this sink, which has gone. */
     void Leave(Index sink);
 
-    /** @param gain in percent */
-    void SetGain(int gain);
+    /** @param gain in percent
+     *  @param isMuted whether the sink is: then a fall, which nobody hears, holds at once, so that an unmute after it
+     *      begins there */
+    void SetGain(int gain, bool isMuted);
 
     /** Whether the server may let sound through the stage before its gain is in force, once it follows the sink. */
     bool WillAppear(const Snapshot& snapshot, const Sink* sink) const;
@@ -48,6 +50,7 @@ private:
     void Move(Index sink);
     bool IsAsSet(const pa_cvolume& volume) const;
     void Step();
+    void Wait();
     void Write();
 
     Server& m_server;

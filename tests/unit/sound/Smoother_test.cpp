@@ -63,6 +63,18 @@ TEST(SmootherTest, AChangeOnTheWayGoesOnFromTheAmplitudeReached) {
     EXPECT_EQ(smoother.Present(), 0);
 }
 
+TEST(SmootherTest, TheSameAimAgainDoesNotBeginAnew) {
+    Smoother smoother;
+    smoother.Aim(0.8);
+    smoother.Next();
+    smoother.Aim(0.8);
+    for (int step = 1; step < Smoother::STEPS; ++step) {
+        EXPECT_FALSE(smoother.IsThere());
+        smoother.Next();
+    }
+    EXPECT_TRUE(smoother.IsThere());
+}
+
 TEST(SmootherTest, AnEqualAimNeedsNoStep) {
     Smoother smoother;
     smoother.Aim(0.5);
