@@ -13,7 +13,7 @@ import sys
 import textwrap
 from pathlib import Path
 
-PAGES = ("kavreld(8)", "kavrelctl(1)", "kavrel-tv(1)")
+PAGES = ("kavreld(8)", "kavrelctl(1)", "kavrel-tv(1)", "kavrel-sound(1)")
 ENTRY = re.compile(r"^  (?P<name>\S.*?)  +(?P<text>\S.*(?:\n {10,}\S.*)*)", re.MULTILINE)
 
 

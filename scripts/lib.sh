@@ -36,6 +36,7 @@ declare -A proof=(
     [libgmock-dev]=/usr/include/gmock/gmock.h
     [libgtest-dev]=/usr/include/gtest/gtest.h
     [libjsoncpp-dev]=/usr/include/jsoncpp/json/json.h
+    [libpulse-dev]=/usr/include/pulse/glib-mainloop.h
     [lintian]=lintian
     [llvm]=llvm-cov
     [lowdown]=lowdown
@@ -44,19 +45,26 @@ declare -A proof=(
     [meson]=meson
     [mmdebstrap]=mmdebstrap
     [ninja-build]=ninja
+    [pipewire]=pipewire
+    [pipewire-pulse]=pipewire-pulse
     [pkg-config]=pkg-config
+    [pulseaudio]=pulseaudio
+    [pulseaudio-utils]=pactl
     [python3]=/usr/bin/python3
     [python3-gi]=/usr/lib/python3/dist-packages/gi/__init__.py
     [python3-pytest]=/usr/lib/python3/dist-packages/pytest/__init__.py
     [shellcheck]=shellcheck
     [strace]=strace
     [systemd]=busctl
+    [wireplumber]=wireplumber
 )
 to_build=(g++ meson ninja-build pkg-config libglib2.0-dev libjsoncpp-dev libcli11-dev)
 to_run=("${to_build[@]}" dbus-daemon libglib2.0-bin systemd)
 to_test=("${to_run[@]}" dbus-broker make libgtest-dev libgmock-dev python3-gi python3-pytest gnuplot-nox strace)
+to_run_sound=("${to_run[@]}" libpulse-dev)
+to_test_sound=("${to_run_sound[@]}" gnuplot-nox pipewire pipewire-pulse pulseaudio pulseaudio-utils python3-gi python3-pytest wireplumber)
 to_bench=("${to_run[@]}" libbenchmark-dev python3 strace)
-to_package=("${to_build[@]}" build-essential debhelper dpkg-dev lintian lowdown mandoc mmdebstrap python3-gi python3-pytest)
+to_package=("${to_build[@]}" build-essential debhelper dpkg-dev libpulse-dev lintian lowdown mandoc mmdebstrap python3-gi python3-pytest)
 to_fuzz=("${to_test[@]}" clang llvm)
 to_lint=("${to_test[@]}" libbenchmark-dev clang clang-format clang-tidy shellcheck)
 
@@ -86,15 +94,29 @@ become_root() {
     fi
 }
 
+# units_of_servers PACKAGES: prints the units of the sound servers among the packages.
+units_of_servers() {
+    local package
+    for package in $1; do
+        case $package in
+            pulseaudio | pipewire | pipewire-pulse) printf '%s ' "$package.service" "$package.socket" ;;
+            wireplumber) printf '%s ' wireplumber.service ;;
+        esac
+    done
+}
+
 # need PACKAGE...: installs the packages that are missing.
 need() {
-    local missing as_root
+    local missing as_root units
     missing=$(missing_of "$@" | paste -sd ' ')
     [ -n "$missing" ] || return 0
     local install="apt-get update && apt-get install -y --no-install-recommends $missing"
-    # This package would make dbus-broker the bus of the machine at its next boot; the tests only start a bus of their own.
+    # These packages would change the bus of the machine at its next boot, or the sound server of its users at their next
+    # login; the tests only start a bus and servers of their own.
     [[ " $missing " != *' dbus-broker '* ]] ||
         install+=" && systemctl disable dbus-broker && systemctl --global disable dbus-broker"
+    units=$(units_of_servers "$missing")
+    [ -z "$units" ] || install+=" && { systemctl --global disable $units || true; }"
     if ! as_root=$(become_root); then
         say "these Debian packages are missing: $missing"
         die "as root, this installs them: $install"

@@ -6,7 +6,7 @@
 #
 # A scene is a folder kavrel.XXXXXX. Once all of it is ready its file "scene" holds these fields, each ended by a zero
 # byte: the pid of its ./run, that process's start, the bus address, the TV's directory, the tools' folders, the installer
-# of packages, and the command line of ./run.
+# of packages, the command line of ./run, and the folder of its headless sound server, which may be empty.
 
 scenes=${KAVREL_SCENES-}
 if [ -z "$scenes" ]; then
@@ -30,7 +30,7 @@ command_line() {
 # publish_scene FOLDER [ARGUMENTS of ./run]: lets others join the scene.
 publish_scene() {
     printf '%s\0' "$$" "$(start_of "$$")" "$DBUS_SYSTEM_BUS_ADDRESS" "$KAVREL_TV_DIR" "$tools" "${KAVREL_INSTALL-}" \
-        "$(command_line "${@:2}")" >"$1/scene.new"
+        "$(command_line "${@:2}")" "${headless:+$1/sound}" >"$1/scene.new"
     mv "$1/scene.new" "$1/scene"
 }
 
@@ -38,13 +38,14 @@ publish_scene() {
 # user made it.
 read_scene() {
     local fields
-    [ -O "$1" ] && mapfile -d '' -t fields 2>/dev/null <"$1/scene" && [ "${#fields[@]}" = 7 ] || return
+    [ -O "$1" ] && mapfile -d '' -t fields 2>/dev/null <"$1/scene" && [ "${#fields[@]}" = 8 ] || return
     of_pid=${fields[0]}
     of_address=${fields[2]}
     of_tv=${fields[3]}
     of_tools=${fields[4]}
     of_installer=${fields[5]}
     of_command=${fields[6]}
+    of_sound=${fields[7]}
     [ "$(start_of "$of_pid")" = "${fields[1]}" ]
 }
 
@@ -100,7 +101,7 @@ check_command() {
     if type -P -- "$1" >/dev/null || [[ $1 == */* && -e $1 ]]; then
         return
     fi
-    for tool in kavrel-tv kavrelctl; do
+    for tool in kavrel-tv kavrelctl kavrel-sound; do
         ! "$tool" help "$1" >/dev/null 2>&1 || hint="; did you mean $2 $tool $1?"
     done
     say "there is no command $1$hint"
@@ -113,6 +114,7 @@ join_scene() {
     local call="./run --join${1:+=$1}"
     shift
     export DBUS_SYSTEM_BUS_ADDRESS=$of_address KAVREL_TV_DIR=$of_tv PATH=$of_tools:$PATH
+    [ -z "$of_sound" ] || use_sound "$of_sound"
     [ -z "$of_installer" ] || export KAVREL_INSTALL=$of_installer
     if [ $# = 0 ]; then
         [ ! -t 0 ] || say "a shell with kavrelctl and kavrel-tv; exit leaves it"

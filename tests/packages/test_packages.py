@@ -18,6 +18,7 @@ ROOT = Path(__file__).resolve().parents[2]
 NAME = "org.olvane.kavrel"
 METHODS_PATH, SIGNALS_PATH = "/Org/Olvane/KavrelInternal", "/Org/Olvane/Kavrel"
 UNIT = "/lib/systemd/system/kavrel.service"
+SOUND_UNIT = "/usr/lib/systemd/user/kavrel-sound.service"
 DENIED = "org.freedesktop.DBus.Error.AccessDenied"
 
 FILES = {
@@ -28,6 +29,8 @@ FILES = {
                      "/usr/share/man/man1/kavrelctl.1.gz"},
     "kavrel-tv": {"/usr/bin/kavrel-tv", "/usr/share/bash-completion/completions/kavrel-tv",
                   "/usr/share/man/man1/kavrel-tv.1.gz"},
+    "kavrel-sound": {"/usr/bin/kavrel-sound", "/usr/lib/systemd/user/kavrel-sound.service",
+                     "/usr/share/bash-completion/completions/kavrel-sound", "/usr/share/man/man1/kavrel-sound.1.gz"},
     "kavrel-dev": {f"/usr/share/dbus-1/interfaces/{NAME}.xml", "/usr/include/kavrel/kavrel.h",
                    "/usr/share/pkgconfig/kavrel.pc"},
 }
@@ -35,9 +38,11 @@ DOCUMENTS = {
     "kavrel": {path.name for path in (ROOT / "docs").glob("*.md")},
     "kavrel-tools": set(),
     "kavrel-tv": {f"examples/{path.name}" for path in (ROOT / "scenarios").glob("*.txt")},
+    "kavrel-sound": set(),
     "kavrel-dev": {"integration.md"} | {f"examples/{path.name}" for path in (ROOT / "examples").iterdir()},
 }
-PAGES = {"kavreld.8": "kavrel", "kavrelctl.1": "kavrel-tools", "kavrel-tv.1": "kavrel-tv"}
+PAGES = {"kavreld.8": "kavrel", "kavrelctl.1": "kavrel-tools", "kavrel-tv.1": "kavrel-tv",
+         "kavrel-sound.1": "kavrel-sound"}
 
 
 # --- what the packages hold ---------------------------------------------------------------------------------------
@@ -93,7 +98,7 @@ def test_the_man_pages_are_well_formed(unpacked, page):
     assert lint.stdout == ""
 
 
-@pytest.mark.parametrize("program", ["kavrelctl", "kavrel-tv"])
+@pytest.mark.parametrize("program", ["kavrelctl", "kavrel-tv", "kavrel-sound"])
 def test_the_man_page_of_a_tool_shows_each_of_its_commands(unpacked, program):
     commands = re.search(r"^Commands:\n((?:  .*\n)+)", host(unpacked / f"usr/bin/{program}", "--help"), re.MULTILINE)
     page = host("mandoc", "-T", "ascii", "-O", "width=100", unpacked / f"usr/share/man/man1/{program}.1.gz")
@@ -146,6 +151,12 @@ def test_the_unit_is_valid_and_exposes_little(installed):
     assert installed.must_run("systemd-analyze", "verify", "--man=no", "--recursive-errors=no", UNIT) == ""
     done = installed.run("systemd-analyze", "security", "--offline=true", "--threshold=15", "--no-pager", UNIT)
     assert done.returncode == 0, done.stdout
+
+
+def test_the_unit_of_a_user_is_valid_and_off(installed):
+    verified = installed.run("systemd-analyze", "--user", "verify", "--man=no", "--recursive-errors=no", SOUND_UNIT)
+    assert (verified.returncode, verified.stdout, verified.stderr) == (0, "", "")
+    assert installed.run("systemctl", "--global", "is-enabled", "kavrel-sound.service").stdout == "disabled\n"
 
 
 def test_the_unit_is_enabled(installed):

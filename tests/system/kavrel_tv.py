@@ -19,10 +19,10 @@ COMMANDS = ["show", "watch", "route", "multiview", "zones", "focus", "zone-route
 
 
 class Running:
-    """A kavrel-tv in the background, and the lines that it has printed so far."""
+    """A kavrel-tv or another program in the background, and the lines that it has printed so far."""
 
-    def __init__(self, environment, *arguments):
-        self.child = subprocess.Popen([KAVREL_TV, *arguments], env=environment, stdin=subprocess.PIPE,
+    def __init__(self, environment, *arguments, program=KAVREL_TV):
+        self.child = subprocess.Popen([program, *arguments], env=environment, stdin=subprocess.PIPE,
                                       stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, bufsize=1)
         self.lines, self.complaints = [], []
         self.news = threading.Condition()
@@ -46,9 +46,9 @@ class Running:
             assert self.news.wait_for(lambda: self.said(text) >= times, PATIENCE), \
                 f"not said {times} times: {text}; said: {self.lines}"
 
-    def wait_for_complaint(self, text):
+    def wait_for_complaint(self, text, program="kavrel-tv"):
         with self.news:
-            assert self.news.wait_for(lambda: f"kavrel-tv: {text}" in self.complaints, PATIENCE), self.complaints
+            assert self.news.wait_for(lambda: f"{program}: {text}" in self.complaints, PATIENCE), self.complaints
 
     def type(self, line):
         self.child.stdin.write(line + "\n")

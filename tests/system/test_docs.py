@@ -22,6 +22,7 @@ PROGRAMS = set("""adduser apt apt-get busctl cat cp dbus-daemon dbus-send debuil
 # The first words of each indented block that is no list of commands.
 OTHER_BLOCKS = {
     "clients ── D-Bus": "a drawing",
+    "programs -> sink": "a drawing",
     "21:04:11.124": "an output",
     "settings/<key>": "a list of files",
     "Failed to get key": "log lines",
@@ -110,8 +111,12 @@ WRITES = {
 }
 
 INSTALLED = "it needs root, and systemd as the first process; ./test packages installs and uses the packages"
+SOUND = "it needs a sound server and libpulse; ./test sound runs kavrel-sound and ./run sound"
 PATTERN = "a word in capital letters or brackets has to be replaced"
 NOT_RUN = {
+    **{command: SOUND for command in (
+        "./run sound", "./run --join kavrel-sound tone", "./run --join kavrelctl mute on", "./run --join kavrelctl mute off",
+        "./run --join kavrel-sound status", "./run sound --headless kavrel-tv tour", "./test sound")},
     "./run kavrel-tv tour": "it takes a minute; test_kavrel_tv_play.py plays the tour without pauses",
     "kavrel-tv tour": "it takes a minute; test_kavrel_tv_play.py plays the tour without pauses",
     "./run COMMAND": PATTERN,
@@ -141,6 +146,8 @@ NOT_RUN = {
         "systemctl daemon-reload", "systemctl enable --now kavrel", "systemctl restart kavrel", "sudo adduser alice audio",
         "id -nG alice", "newgrp audio",
         "meson setup --buildtype=release build/release; meson install -C build/release", "sudo systemctl mask --now kavrel",
+        "systemctl --user enable --now kavrel-sound", "systemctl --user edit kavrel-sound",
+        "journalctl --user -u kavrel-sound", "sudo apt install ./build/packages/kavrel-sound_*.deb",
         "sudo systemctl unmask kavrel", "sudo systemctl start kavrel",
         "sudo apt install ./build/packages/kavrel_*.deb ./build/packages/kavrel-tools_*.deb")},
     "sudo apt build-dep ./": "it needs root; ./test packages installs what a build of the packages needs",

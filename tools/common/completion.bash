@@ -1,7 +1,7 @@
 # shellcheck shell=bash
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
-# Completion of kavrelctl and kavrel-tv. The words come from their help pages; zones and keys, from the TV directory.
+# Completion of kavrelctl, kavrel-tv and kavrel-sound. The words come from their help pages; zones and keys, from the TV directory.
 
 _kavrel_section() { # the entries of a section of the help page in $page, such as Commands
     sed -n "/^$1:/,/^\$/s/^  \([^ ]\)/\1/p" <<<"$page"
@@ -56,4 +56,4 @@ _kavrel_complete() {
         *) mapfile -t COMPREPLY < <(compgen -W "${words//|/ }" -- "$current") ;;
     esac
 }
-complete -F _kavrel_complete kavrelctl kavrel-tv
+complete -F _kavrel_complete kavrelctl kavrel-tv kavrel-sound
