@@ -78,7 +78,10 @@ struct Kernel {
     std::map<std::string, int> watches;
     std::set<std::string> refused;
     std::vector<std::string> whileExchanged;  // the packets of notifications of the next exchange of files
+    std::string overwritten;  // the key of a setting that another process writes right after that exchange
 };
+
+constexpr const char* OF_ANOTHER = "of another process";
 
 Kernel& TheKernel() {
     static auto& kernel = *std::make_unique<Kernel>().release();  // the platform thread may outlive main()
@@ -223,6 +226,7 @@ void Write(Bytes& bytes) {
     const std::uint32_t cookie = bytes.Byte();
     std::vector<std::string> packets = {Event(watch, IN_MOVED_TO, cookie, name) +
                                         Event(watch, IN_MOVED_FROM, cookie + 1, name)};
+    bool isOverwritten = false;
     switch (bytes.Byte() % 8) {
         case 0:
             packets = {Event(watch, IN_MOVED_TO, cookie, name)};
@@ -233,6 +237,7 @@ void Write(Bytes& bytes) {
             break;
         case 2:
             packets.front() += Event(watch, IN_CLOSE_WRITE, 0, name);
+            isOverwritten = true;
             break;
         case 3:
             packets = {};
@@ -243,13 +248,22 @@ void Write(Bytes& bytes) {
     {
         const std::lock_guard lock(TheKernel().mutex);
         TheKernel().whileExchanged = packets;
+        TheKernel().overwritten = isOverwritten ? key : "";
     }
     const std::string text = std::to_string(bytes.Number());
-    if (vconf_set_str(key.c_str(), text.c_str()) == 0) {
-        Require(Present(key) == text, "a value that was set is read");
-    }
-    const std::lock_guard lock(TheKernel().mutex);
+    const bool isSet = vconf_set_str(key.c_str(), text.c_str()) == 0;
+    std::unique_lock lock(TheKernel().mutex);
     TheKernel().whileExchanged.clear();
+    isOverwritten = isOverwritten && std::exchange(TheKernel().overwritten, {}).empty();
+    lock.unlock();
+    if (isSet) {
+        Require(Present(key) == (isOverwritten ? OF_ANOTHER : text), "a value that was set is read");
+    }
+    if (isOverwritten) {
+        Settle();
+        const std::lock_guard heard(Listeners().mutex);
+        Require(Listeners().texts[key] == OF_ANOTHER, "a change right after an own one is reported");
+    }
 }
 
 void Listen(const std::string& key) {
@@ -421,6 +435,9 @@ extern "C" int renameat2(int oldFolder, const char* oldName, int newFolder, cons
     if (result == 0 && (flags & RENAME_EXCHANGE) != 0) {
         const std::lock_guard lock(TheKernel().mutex);
         packets = std::exchange(TheKernel().whileExchanged, {});
+        if (const std::string key = std::exchange(TheKernel().overwritten, {}); !key.empty()) {
+            fuzz::Put(FileOf(key), OF_ANOTHER);
+        }
     }
     for (const std::string& packet : packets) {
         Send(packet, MSG_DONTWAIT);  // the platform thread may wait for the writer
