@@ -126,6 +126,7 @@ NOT_RUN = {
     "./test N": PATTERN,
     "./test tsan N": PATTERN,
     "./test fuzz [SECONDS]": PATTERN,
+    "./test soak [SECONDS]": PATTERN,
     "./bench [quick]": PATTERN,
     "./lint [STEP...]": PATTERN,
     "kavrel-tv emulator": "the name of a command, without its argument",
