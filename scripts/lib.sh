@@ -66,7 +66,7 @@ to_test_sound=("${to_run_sound[@]}" gnuplot-nox pipewire pipewire-pulse pulseaud
 to_bench=("${to_run[@]}" libbenchmark-dev python3 strace)
 to_package=("${to_build[@]}" build-essential debhelper dpkg-dev libpulse-dev lintian lowdown mandoc mmdebstrap python3-gi python3-pytest)
 to_fuzz=("${to_test[@]}" clang llvm)
-to_lint=("${to_test[@]}" libbenchmark-dev clang clang-format clang-tidy shellcheck)
+to_lint=("${to_test[@]}" libbenchmark-dev libpulse-dev clang clang-format clang-tidy shellcheck)
 
 is_there() {
     case ${proof[$1]-} in

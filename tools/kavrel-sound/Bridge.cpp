@@ -125,6 +125,7 @@ void Bridge::OnGone(const std::string& reason) {
     m_kavrelSink = PA_INVALID_INDEX;
     m_isGuarding = false;
     m_isDefaultSet = false;
+    m_hasSaid = false;
     for (const auto& device : m_devices) {
         device->Interrupt();
     }
@@ -155,12 +156,9 @@ void Bridge::Look() {
 void Bridge::OnLook(Snapshot&& snapshot) {
     m_isLooking = false;
     m_writer.Amend(snapshot, m_snapshot);
-    const bool isFirst = m_snapshot.server.empty();
     m_snapshot = std::move(snapshot);
-    if (isFirst) {
-        tools::PrintLine("the TV " + tools::Printable(m_directory) + " plays on " + m_snapshot.server);
-    }
     Settle();
+    SayThatItPlays();
     if (m_isStale) {
         Look();
     }
@@ -229,6 +227,14 @@ void Bridge::Guard(const Sink& kavrel, bool isNeeded) {
     } else if (!isNeeded && m_isGuarding) {
         m_isGuarding = false;
         m_server.SetSinkMute(kavrel.index, false, {});
+    }
+}
+
+void Bridge::SayThatItPlays() {
+    const bool hasKavrel = m_snapshot.FindSink(std::string(KAVREL_SINK)) != nullptr;
+    if (hasKavrel && m_main.IsSettled() && m_sub.IsSettled() && !std::exchange(m_hasSaid, true)) {
+        tools::PrintLine("the TV " + tools::Printable(m_directory) + " plays on " +
+                         tools::Printable(m_snapshot.server));
     }
 }
 

@@ -58,6 +58,7 @@ private:
     void FollowPrograms(const Sink& kavrel);
     bool IsOwn(const Stream& stream) const;
     void Guard(const Sink& kavrel, bool isNeeded);
+    void SayThatItPlays();
     void SayWhatIsMissing();
     std::string OutputSink() const;
 
@@ -79,6 +80,7 @@ private:
     bool m_isLooking = false;
     bool m_isStale = false;       // something has changed since the look began
     std::string m_defaultSink;    // the last one that was not "kavrel"
+    bool m_hasSaid = false;       // that it plays, on this connection
     bool m_isDefaultSet = false;  // on this connection
     Index m_kavrelSink = PA_INVALID_INDEX;
     std::set<Index> m_programs;       // streams that play on "kavrel", or did until it went

@@ -8,6 +8,12 @@
 
 namespace sound {
 
+namespace {
+
+constexpr std::chrono::seconds RETRY{1};
+
+}  // namespace
+
 OwnModule::OwnModule(Server& server, std::string name, std::function<void()> whenAnswered)
     : m_server(server), m_name(std::move(name)), m_whenAnswered(std::move(whenAnswered)) {}
 
@@ -15,7 +21,7 @@ Index OwnModule::Ensure(std::vector<Index> found, const std::string& arguments) 
     m_isWanted = true;
     std::erase_if(found, [this](Index module) { return m_unloading.contains(module); });
     if (found.empty()) {
-        if (!m_isLoading && m_unloading.empty()) {
+        if (!m_isLoading && m_retry == nullptr && m_unloading.empty()) {
             Load(arguments);
         }
         return PA_INVALID_INDEX;
@@ -40,12 +46,23 @@ void OwnModule::Load(const std::string& arguments) {
     m_server.Load(m_name, arguments, [this](Index module) {
         m_isLoading = false;
         if (module == PA_INVALID_INDEX) {
-            tools::Complain("the server cannot load " + m_name);
+            Fail();
             return;
         }
+        m_hasComplained = false;
         if (!m_isWanted) {
             Unload(module);
         }
+        m_whenAnswered();
+    });
+}
+
+void OwnModule::Fail() {
+    if (!std::exchange(m_hasComplained, true)) {
+        tools::Complain("the server cannot load " + m_name + "; kavrel-sound asks again every second");
+    }
+    m_retry = m_server.Loop().After(RETRY, [this] {
+        m_retry.reset();
         m_whenAnswered();
     });
 }
@@ -61,6 +78,7 @@ void OwnModule::Unload(Index module) {
 
 void OwnModule::Forget() {
     m_isLoading = false;
+    m_retry.reset();
     m_unloading.clear();
 }
 

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "GLibPtr.h"
 #include "Server.h"
 
 namespace sound {
@@ -34,11 +35,14 @@ public:
 
 private:
     void Load(const std::string& arguments);
+    void Fail();
 
     Server& m_server;
     const std::string m_name;
     const std::function<void()> m_whenAnswered;
     bool m_isLoading = false;
+    bool m_hasComplained = false;
+    tools::GLibPtr<GSource> m_retry;  // until the next attempt after one that has failed
     bool m_isWanted = true;
     std::set<Index> m_unloading;
 };

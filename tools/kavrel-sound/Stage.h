@@ -38,6 +38,8 @@ public:
      *      begins there */
     void SetGain(int gain, bool isMuted);
 
+    /** Whether it plays on the sink that it follows, or has none to follow. */
+    bool IsSettled() const { return !m_isComing; }
     /** Whether the server may let sound through the stage before its gain is in force, once it follows the sink. */
     bool WillAppear(const Snapshot& snapshot, const Sink* sink) const;
     /** Whether this is the stage's stream, and its volume on the way to the gain. */
