@@ -26,6 +26,7 @@ constexpr auto PATIENCE = std::chrono::seconds(10);
 constexpr auto LITTLE_PATIENCE = std::chrono::seconds(1);  // once something has not come
 constexpr auto A_SHORT_TIME = std::chrono::milliseconds(100);
 constexpr auto A_LOOK = std::chrono::milliseconds(1);
+constexpr auto LONGEST_UNREST = std::chrono::seconds(2);
 constexpr int LOOKS = 10;  // a thread that is asleep in so many looks waits for something
 
 const char* const REPORTED = "Reports.SomebodyElsesChangeIsReported";
@@ -38,6 +39,7 @@ std::atomic<bool> isBroken = false;
 std::atomic<bool> isUnmet = false;
 std::atomic<bool> isCannot = false;
 std::atomic<int> quiet = 0;
+std::atomic<int> holds = 0;  // callbacks that Hold keeps from returning
 
 std::chrono::milliseconds Patience() {
     return isPatient ? PATIENCE : LITTLE_PATIENCE;
@@ -153,7 +155,8 @@ namespace {
 /** The threads that are inside a callback, each with its depth. Never destroyed: the platform may call at the end. */
 struct Callbacks {
     std::mutex mutex;
-    std::map<std::thread::id, int> running;  // guarded by mutex
+    std::map<std::thread::id, int> running;         // guarded by mutex
+    std::chrono::steady_clock::time_point lastEnd;  // guarded by mutex
     std::atomic<bool> haveOverlapped = false;
 };
 
@@ -167,6 +170,19 @@ bool DoesCallbackRun() {
     Callbacks& all = TheCallbacks();
     const std::lock_guard guard(all.mutex);
     return !all.running.empty();
+}
+
+/** Waits a moment after a callback has returned: the platform may still be busy with its report. */
+void AwaitEndOfCallbacks() {
+    Callbacks& all = TheCallbacks();
+    const auto isOver = [&] {
+        const std::lock_guard guard(all.mutex);
+        return all.running.contains(std::this_thread::get_id()) ||
+               (all.running.empty() && std::chrono::steady_clock::now() - all.lastEnd > A_LOOK);
+    };
+    for (int look = 0; look < 100 && holds == 0 && !isOver(); ++look) {
+        std::this_thread::sleep_for(A_LOOK);
+    }
 }
 
 std::string Read(int result, int value) {
@@ -280,6 +296,7 @@ bool Adapt(const std::string& what, const std::function<int()>& call) {
 }  // namespace
 
 bool SomebodySets(const kit_value& value, const std::string& text) {
+    AwaitEndOfCallbacks();
     if (!Adapt("sets " + NameOf(value) + " to " + Quoted(text),
                [&] { return kit_set(&value, text.c_str()); })) {
         return false;
@@ -334,6 +351,7 @@ public:
         const auto found = all.running.find(std::this_thread::get_id());
         if (--found->second == 0) {
             all.running.erase(found);
+            all.lastEnd = std::chrono::steady_clock::now();
         }
     }
     InCallback(const InCallback&) = delete;
@@ -402,6 +420,14 @@ bool Ear::Await(const std::string& text) const {
     });
     isPatient = isPatient && hasCome;
     return hasCome;
+}
+
+bool Ear::AwaitShortly(const std::string& text) const {
+    std::unique_lock lock(m_mutex);
+    return m_changed.wait_for(lock, 5 * A_SHORT_TIME, [&] {
+        return std::any_of(m_heard.begin(), m_heard.end(),
+                           [&](const Heard& heard) { return heard.text == text; });
+    });
 }
 
 bool Await(const std::function<bool()>& condition) {
@@ -761,13 +787,22 @@ bool Scene::Change(int i, int slot) const {
 
 void Settle() {
     static Stream& mark = *std::make_unique<Stream>(KeyStream("memory/kit/mark", SLOTS - 1)).release();
+    // The key exists before it is watched: another rule judges keys that do not.
     static const bool isRegistered =
+        vconf_set_str("memory/kit/mark", "") == 0 &&
         vconf_notify_key_changed("memory/kit/mark", KeyTable(ALL_SLOTS).back(), nullptr) == 0;
     static std::atomic<int> count = 0;
+    static std::atomic<bool> isWorthMarking = true;
+    const auto isMarked = [&] {
+        const std::string text = "mark " + std::to_string(++count);
+        return SomebodySetsQuietly(mark.value, text) && mark.ear(0).AwaitShortly(text);
+    };
     ++quiet;
     for (int i = 0; i < 2; ++i) {
-        const std::string text = "mark " + std::to_string(++count);
-        if (!isRegistered || !SomebodySetsQuietly(mark.value, text) || !mark.ear(0).Await(text)) {
+        AwaitEndOfCallbacks();
+        if (isRegistered && isWorthMarking) {
+            isWorthMarking = Await(isMarked);  // again and again, if the platform loses one
+        } else {
             std::this_thread::sleep_for(A_SHORT_TIME);
         }
     }
@@ -804,11 +839,12 @@ bool DoOthersRest() {
 
 /** Waits until `isAtRest` in many looks in a row, at most some seconds. */
 void AwaitRest(const std::function<bool()>& isAtRest) {
+    const auto end = std::chrono::steady_clock::now() + LONGEST_UNREST;
     int looks = 0;
-    Await([&] {
+    while (looks < LOOKS && std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(A_LOOK);
         looks = isAtRest() ? looks + 1 : 0;
-        return looks == LOOKS;
-    });
+    }
 }
 
 }  // namespace
@@ -827,10 +863,14 @@ bool WhileReporting(const Action& meanwhile) {
     const auto state = std::make_shared<State>();
     busy.ear(0).Act([state, meanwhile, self = std::this_thread::get_id()] {
         if (std::this_thread::get_id() == self && !std::exchange(state->hasRun, true)) {
+            const Limit limit("a call inside a callback", "Callbacks.MaySetOtherValues");
             meanwhile();
         }
     });
     static int count = 0;
+    ++quiet;
+    busy.set(busy.at(0));
+    --quiet;
     busy.add(0, nullptr);
     busy.set(busy.at(++count));
     busy.ear(0).Act(nullptr);
@@ -894,6 +934,7 @@ Hold::Hold(By by)
       m_stream(m_own.get()),
       m_slot(0) {
     static int count = 0;
+    m_stream->set(m_stream->at(0));
     m_stream->add(0, nullptr);
     Begin(by, m_stream->at(++count));
 }
@@ -904,6 +945,8 @@ Hold::Hold(By by, Stream& stream, int slot, const std::string& text)
 }
 
 void Hold::Begin(By by, const std::string& text) {
+    AwaitEndOfCallbacks();
+    ++holds;
     m_stream->ear(m_slot).Act([state = m_state] {
         std::unique_lock lock(state->mutex);
         if (!std::exchange(state->isHeld, true)) {
@@ -935,6 +978,7 @@ void Hold::Release() {
 
 Hold::~Hold() {
     Release();
+    --holds;
     m_setter.reset();
     m_stream->ear(m_slot).Act(nullptr);
     if (m_own) {

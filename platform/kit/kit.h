@@ -135,6 +135,8 @@ public:
     std::string Last() const;
     /** Waits for a report of `text`. @return false after some seconds without it */
     bool Await(const std::string& text) const;
+    /** The same for half a second. */
+    bool AwaitShortly(const std::string& text) const;
 
 private:
     const std::string m_name;
