@@ -199,7 +199,7 @@ TEST(Threads, AllCallsMayBeMadeAtOnce) {
                                 List({failures.begin(), failures.end()}));
 }
 
-/** Repeats what the simpler rules do. @return the name of one that is broken; null if none is */
+/** Repeats the scenes of the simpler rules. @return the name of the first broken one, or null */
 const char* SimplerRuleThatIsBroken(Scene& scene, Stream& stream) {
     const auto isLastPresent = [&] {
         Settle();

@@ -69,7 +69,7 @@ public:
     void SetReadable(const std::string& name, bool isReadable);
 
 protected:
-    /** What the platform thread gets to do: a value that somebody else has changed. */
+    /** A change by somebody else, for the platform thread to handle. */
     struct Pending {
         std::string name;
         std::string text;  // as it was when the change was made
