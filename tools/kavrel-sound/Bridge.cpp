@@ -13,8 +13,7 @@
 namespace sound {
 
 Bridge::Bridge(tools::MainLoop& loop, const std::string& directory, const Settings& settings)
-    : m_loop(loop),
-      m_directory(directory),
+    : m_directory(directory),
       m_settings(settings),
       m_outputs(settings.outputs),
       m_watch(loop, host::Root(), [this](auto event, const std::string& path) { OnTv(event, path); }),

@@ -62,7 +62,6 @@ private:
     void SayWhatIsMissing();
     std::string OutputSink() const;
 
-    tools::MainLoop& m_loop;
     const std::string m_directory;
     const Settings m_settings;
     const Outputs m_outputs;

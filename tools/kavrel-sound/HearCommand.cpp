@@ -26,7 +26,7 @@ using std::chrono::milliseconds;
 constexpr std::uint32_t RATE = 48000;
 constexpr std::uint8_t CHANNELS = 2;
 constexpr milliseconds WINDOW{10};
-constexpr std::size_t SAMPLES_OF_WINDOW = RATE * CHANNELS * WINDOW.count() / 1000;
+constexpr std::size_t SAMPLES_OF_WINDOW = std::size_t{RATE} * CHANNELS * WINDOW.count() / 1000;
 constexpr milliseconds LONGEST_HOLE{500};  // in the sound, until its clock is set anew
 
 /** The loudness of each window of a sound. */

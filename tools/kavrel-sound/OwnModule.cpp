@@ -43,14 +43,15 @@ void OwnModule::Remove(const std::vector<Index>& found) {
 
 void OwnModule::Load(const std::string& arguments) {
     m_isLoading = true;
+    m_hasUnloaded = false;
     m_server.Load(m_name, arguments, [this](Index module) {
         m_isLoading = false;
-        if (module == PA_INVALID_INDEX) {
+        if (module == PA_INVALID_INDEX && !m_hasUnloaded) {
             Fail();
             return;
         }
         m_hasComplained = false;
-        if (!m_isWanted) {
+        if (!m_isWanted && module != PA_INVALID_INDEX) {
             Unload(module);
         }
         m_whenAnswered();
@@ -68,6 +69,7 @@ void OwnModule::Fail() {
 }
 
 void OwnModule::Unload(Index module) {
+    m_hasUnloaded = true;
     if (m_unloading.insert(module).second) {
         m_server.Unload(module, [this, module](bool /*hasSucceeded*/) {
             m_unloading.erase(module);

@@ -44,6 +44,7 @@ private:
     bool m_hasComplained = false;
     tools::GLibPtr<GSource> m_retry;  // until the next attempt after one that has failed
     bool m_isWanted = true;
+    bool m_hasUnloaded = false;  // since the module was asked for, which then may fail
     std::set<Index> m_unloading;
 };
 
