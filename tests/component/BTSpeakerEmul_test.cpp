@@ -53,11 +53,11 @@ TEST_F(BTSpeakerEmulTest, GetVolumeAsksTheConnectionManagerAfterTheSupportCheck)
     int volume = -1;
     EXPECT_EQ(speaker->GetVolume(volume), 0);
     EXPECT_EQ(volume, 17);
-    EXPECT_THAT(seam.JournalHere(),
+    EXPECT_THAT(journal.Here().Texts(),
                 ElementsAre(GET_SUPPORT, GOT_SUPPORT, "I Method call 'GetSpkVolume'",
                             PeerCall("GetSpkVolume, ()"), "I current TV Speaker volume [3 17 0]"));
-    EXPECT_EQ(seam.Find("I current TV Speaker volume [3 17 0]")->site.file, "BTSpeakerEmul.cpp");
-    EXPECT_EQ(seam.FunctionOf("I current TV Speaker volume [3 17 0]"), "GetVolume");
+    EXPECT_EQ(journal.With("I current TV Speaker volume [3 17 0]").First().site.file, "BTSpeakerEmul.cpp");
+    EXPECT_EQ(journal.With("I current TV Speaker volume [3 17 0]").Function(), "GetVolume");
     result = 5;
     EXPECT_EQ(speaker->GetVolume(volume), 5);
     EXPECT_EQ(volume, 17);
@@ -67,7 +67,7 @@ TEST_F(BTSpeakerEmulTest, SetVolumeSucceedsWhateverTheConnectionManagerAnswers) 
     first = -1;
     result = -8;
     EXPECT_EQ(speaker->SetVolume(30), 0);
-    EXPECT_THAT(seam.JournalHere(),
+    EXPECT_THAT(journal.Here().Texts(),
                 ElementsAre(GET_SUPPORT, GOT_SUPPORT, "I Method call 'SetSpkVolume'",
                             PeerCall("SetSpkVolume, (30,)"), "I current TV Speaker volume [-1 -8]"));
     EXPECT_THAT(peer.Calls(), ElementsAre("SetSpkVolume(30,)"));
@@ -79,7 +79,8 @@ TEST_F(BTSpeakerEmulTest, FailedCallsLeaveTheCallersValue) {
     EXPECT_EQ(speaker->GetVolume(volume), -1);
     EXPECT_EQ(volume, 42);
     EXPECT_EQ(speaker->SetVolume(30), -1);
-    EXPECT_THAT(seam.Log().back(), StartsWith("E Method Call 'SetSpkVolume' Failed (GDBus.Error:"));
+    EXPECT_THAT(journal.Logs().Texts().back(),
+                StartsWith("E Method Call 'SetSpkVolume' Failed (GDBus.Error:"));
 }
 
 TEST_F(BTSpeakerEmulTest, AReplyOfAnotherTypeIsTreatedAsAFailure) {
@@ -89,15 +90,17 @@ TEST_F(BTSpeakerEmulTest, AReplyOfAnotherTypeIsTreatedAsAFailure) {
     EXPECT_EQ(volume, 42);
     gio::ReplyToNextCall(g_variant_new("()"));
     EXPECT_EQ(speaker->SetVolume(30), -1);
-    EXPECT_EQ(seam.FunctionOf("E Invalid reply to GetSpkVolume: expected (iii), got (iis)"), "GetVolume");
-    EXPECT_EQ(seam.FunctionOf("E Invalid reply to SetSpkVolume: expected (ii), got ()"), "SetVolume");
+    EXPECT_EQ(journal.With("E Invalid reply to GetSpkVolume: expected (iii), got (iis)").Function(),
+              "GetVolume");
+    EXPECT_EQ(journal.With("E Invalid reply to SetSpkVolume: expected (ii), got ()").Function(), "SetVolume");
 }
 
 TEST_F(BTSpeakerEmulTest, WithoutTheSupportBitNobodyIsCalled) {
     seam.SetInt(SUPPORT_KEY, 0x1);
     EXPECT_EQ(speaker->SetVolume(30), -4);
-    EXPECT_THAT(seam.JournalHere(), ElementsAre(GET_SUPPORT, GOT_SUPPORT, "E SET VOLUME is not supported."));
-    EXPECT_EQ(seam.FunctionOf("E SET VOLUME is not supported."), "SetVolume");
+    EXPECT_THAT(journal.Here().Texts(),
+                ElementsAre(GET_SUPPORT, GOT_SUPPORT, "E SET VOLUME is not supported."));
+    EXPECT_EQ(journal.With("E SET VOLUME is not supported.").Function(), "SetVolume");
 
     speaker.emplace();
     seam.SetInt(SUPPORT_KEY, 0x2);
@@ -105,8 +108,9 @@ TEST_F(BTSpeakerEmulTest, WithoutTheSupportBitNobodyIsCalled) {
     int volume = 42;
     EXPECT_EQ(speaker->GetVolume(volume), -4);
     EXPECT_EQ(volume, 42);
-    EXPECT_THAT(seam.JournalHere(), ElementsAre(GET_SUPPORT, GOT_SUPPORT, "E GET VOLUME is not supported."));
-    EXPECT_EQ(seam.FunctionOf("E GET VOLUME is not supported."), "GetVolume");
+    EXPECT_THAT(journal.Here().Texts(),
+                ElementsAre(GET_SUPPORT, GOT_SUPPORT, "E GET VOLUME is not supported."));
+    EXPECT_EQ(journal.With("E GET VOLUME is not supported.").Function(), "GetVolume");
     EXPECT_THAT(peer.Calls(), IsEmpty());
 }
 
@@ -115,7 +119,7 @@ TEST_F(BTSpeakerEmulTest, AnUnreadableSupportWordRefusesBoth) {
     int volume = 42;
     EXPECT_EQ(speaker->GetVolume(volume), -4);
     EXPECT_EQ(speaker->SetVolume(30), -4);
-    EXPECT_THAT(seam.LogHere(),
+    EXPECT_THAT(journal.Here().Logs().Texts(),
                 ElementsAre("E Failed to get key " + SUPPORT_KEY, "E Failed to get volume support status",
                             "E GET VOLUME is not supported.", "E Failed to get key " + SUPPORT_KEY,
                             "E Failed to get volume support status", "E SET VOLUME is not supported."));
@@ -138,34 +142,34 @@ TEST_F(BTSpeakerEmulTest, MuteAndSupportAreThoseOfTheBluetoothKeys) {
 TEST_F(BTSpeakerEmulTest, WatchesMuteThenSupportThenTheSignalOnceAndNeverTheLevel) {
     speaker->SetChangedCB();
     speaker->SetChangedCB();
-    EXPECT_THAT(seam.JournalHere(), ElementsAre(WATCH_MUTE, WATCH_SUPPORT, fake::SUBSCRIBE_CALL));
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre(WATCH_MUTE, WATCH_SUPPORT, fake::SUBSCRIBE_CALL));
     EXPECT_THAT(seam.Watches(LEVEL_KEY), IsEmpty());
 }
 
 TEST_F(BTSpeakerEmulTest, AFailedMuteWatchStopsThere) {
     seam.Fail(WATCH_MUTE, -1, 1);
     speaker->SetChangedCB();
-    EXPECT_THAT(seam.JournalHere(),
+    EXPECT_THAT(journal.Here().Texts(),
                 ElementsAre(WATCH_MUTE, "E Failed to register vconf key " + MUTE_KEY + " for notification",
                             "E get_volume_mute callback set failed"));
-    EXPECT_EQ(seam.FunctionOf("E get_volume_mute callback set failed"), "SetChangedCB");
+    EXPECT_EQ(journal.With("E get_volume_mute callback set failed").Function(), "SetChangedCB");
     seam.Clear();
     speaker->UnsetChangedCB();
-    EXPECT_THAT(seam.JournalHere(), IsEmpty());
+    EXPECT_THAT(journal.Here().Texts(), IsEmpty());
 }
 
 TEST_F(BTSpeakerEmulTest, AFailedSupportWatchLeavesTheMuteOneAndTheNextTryMakesAllAgain) {
     seam.Fail(WATCH_SUPPORT, -1, 1);
     speaker->SetChangedCB();
-    EXPECT_THAT(seam.JournalHere(),
+    EXPECT_THAT(journal.Here().Texts(),
                 ElementsAre(WATCH_MUTE, WATCH_SUPPORT,
                             "E Failed to register vconf key " + SUPPORT_KEY + " for notification",
                             "E get_volume_support callback set failed"));
-    EXPECT_EQ(seam.FunctionOf("E get_volume_support callback set failed"), "SetChangedCB");
+    EXPECT_EQ(journal.With("E get_volume_support callback set failed").Function(), "SetChangedCB");
     EXPECT_EQ(seam.Watches(MUTE_KEY).size(), 1U);
     seam.Clear();
     speaker->SetChangedCB();
-    EXPECT_THAT(seam.JournalHere(), ElementsAre(WATCH_MUTE, WATCH_SUPPORT, fake::SUBSCRIBE_CALL));
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre(WATCH_MUTE, WATCH_SUPPORT, fake::SUBSCRIBE_CALL));
 }
 
 TEST_F(BTSpeakerEmulTest, AVolumeSignalReachesTheHandlerWithItsThirdValue) {
@@ -173,8 +177,8 @@ TEST_F(BTSpeakerEmulTest, AVolumeSignalReachesTheHandlerWithItsThirdValue) {
     Announce(g_variant_new("(iii)", 3, 15, 12));
     const std::string line =
         "I Start sender:" + client.Name() + " signal_name:SpkVolumeChanged route:3, suppType:0x000f vol:12";
-    EXPECT_THAT(seam.JournalHere(), ElementsAre(line));
-    EXPECT_EQ(seam.FunctionOf(line), "OnVolumeLevelChanged");
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre(line));
+    EXPECT_EQ(journal.With(line).Function(), "OnVolumeLevelChanged");
     EXPECT_THAT(heard, ElementsAre("volume 12"));
 }
 
@@ -182,8 +186,8 @@ TEST_F(BTSpeakerEmulTest, ASignalOfAnotherTypeIsDropped) {
     Watch();
     Announce(g_variant_new("(iiu)", 0, 1, 2));
     constexpr const char* line = "E Invalid parameters of signal SpkVolumeChanged: expected (iii), got (iiu)";
-    EXPECT_THAT(seam.JournalHere(), ElementsAre(line));
-    EXPECT_EQ(seam.FunctionOf(line), "OnVolumeLevelChanged");
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre(line));
+    EXPECT_EQ(journal.With(line).Function(), "OnVolumeLevelChanged");
     EXPECT_THAT(heard, IsEmpty());
 }
 
@@ -194,10 +198,10 @@ TEST_F(BTSpeakerEmulTest, ASignalWithoutConnectionNameOrUserDataIsDroppedInThisO
     BTSpeakerEmul::OnVolumeLevelChanged(nullptr, nullptr, nullptr, nullptr, nullptr, body.get(), nullptr);
     BTSpeakerEmul::OnVolumeLevelChanged(connection, nullptr, nullptr, nullptr, nullptr, body.get(), nullptr);
     BTSpeakerEmul::OnVolumeLevelChanged(connection, nullptr, nullptr, nullptr, "Name", body.get(), nullptr);
-    EXPECT_THAT(seam.JournalHere(),
+    EXPECT_THAT(journal.Here().Texts(),
                 ElementsAre("E Conneciton is NULL", "E signal_name is NULL", "E userdata is NULL"));
-    for (const std::string& line : seam.JournalHere()) {
-        EXPECT_EQ(seam.FunctionOf(line), "OnVolumeLevelChanged");
+    for (const std::string& line : journal.Here().Texts()) {
+        EXPECT_EQ(journal.With(line).Function(), "OnVolumeLevelChanged");
     }
     EXPECT_THAT(heard, IsEmpty());
 }
@@ -208,7 +212,7 @@ TEST_F(BTSpeakerEmulTest, TheMuteAndSupportKeysAreWatchedTheLevelKeyIsNot) {
     EXPECT_EQ(seam.FireKey(MUTE_KEY, 2), 1);
     EXPECT_EQ(seam.FireKey(SUPPORT_KEY, 5), 1);
     EXPECT_THAT(heard, ElementsAre("mute 2"));
-    EXPECT_THAT(seam.LogHere(),
+    EXPECT_THAT(journal.Here().Logs().Texts(),
                 ElementsAre("I KeyName:" + MUTE_KEY + " val:2", "I KeyName:" + SUPPORT_KEY + " val:5",
                             "I Volume support flag changed 0x0000 to 0x0005"));
     EXPECT_EQ(speaker->SetVolume(1), -4) << "the announced word counts at once";
@@ -226,7 +230,7 @@ TEST_F(BTSpeakerEmulTest, UnsettingRemovesMuteThenSupportThenTheSignal) {
     Watch();
     speaker->UnsetChangedCB();
     speaker->UnsetChangedCB();
-    EXPECT_THAT(seam.JournalHere(), ElementsAre(IGNORE_MUTE, IGNORE_SUPPORT));
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre(IGNORE_MUTE, IGNORE_SUPPORT));
     Announce(g_variant_new("(iii)", 0, 1, 2));
     EXPECT_THAT(heard, IsEmpty());
     speaker->SetChangedCB();
@@ -238,14 +242,14 @@ TEST_F(BTSpeakerEmulTest, AFailedRemovalSaysTheSameForBothKeysAndLeavesTheSignal
     Watch();
     seam.Fail(IGNORE_MUTE, -1, 1);
     speaker->UnsetChangedCB();
-    EXPECT_THAT(seam.JournalHere(),
+    EXPECT_THAT(journal.Here().Texts(),
                 ElementsAre(IGNORE_MUTE, "E Failed to unregister vconf key " + MUTE_KEY + " for notification",
                             "E get_volume_mute callback unset failed"));
-    EXPECT_EQ(seam.FunctionOf("E get_volume_mute callback unset failed"), "UnsetChangedCB");
+    EXPECT_EQ(journal.With("E get_volume_mute callback unset failed").Function(), "UnsetChangedCB");
     seam.Clear();
     seam.Fail(IGNORE_SUPPORT, -1, 1);
     speaker->UnsetChangedCB();
-    EXPECT_THAT(seam.JournalHere(),
+    EXPECT_THAT(journal.Here().Texts(),
                 ElementsAre(IGNORE_MUTE, IGNORE_SUPPORT,
                             "E Failed to unregister vconf key " + SUPPORT_KEY + " for notification",
                             "E get_volume_mute callback unset failed"));
@@ -255,9 +259,9 @@ TEST_F(BTSpeakerEmulTest, AFailedRemovalSaysTheSameForBothKeysAndLeavesTheSignal
 
 TEST_F(BTSpeakerEmulTest, DestructionIsTheExternalSpeakers) {
     speaker.reset();
-    EXPECT_THAT(seam.JournalHere(), ElementsAre("E Already unset event handler"));
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre("E Already unset event handler"));
     EXPECT_THAT(
-        seam.TraceNames(),
+        journal.Traces().Names(),
         ElementsAre("[IN]BTSpeakerEmul::~BTSpeakerEmul", "[OUT]BTSpeakerEmul::~BTSpeakerEmul",
                     "[IN]ExternalSpeaker::~ExternalSpeaker", "[IN]ExternalSpeaker::UnsetEventHandler",
                     "[OUT]ExternalSpeaker::UnsetEventHandler", "[OUT]ExternalSpeaker::~ExternalSpeaker"));

@@ -47,64 +47,65 @@ protected:
 
 TEST_F(ChangeSignalsTest, AVolumeChangeWithoutAServerIsRefused) {
     KVServer::onVolumeChanged(1, 2, nullptr);
-    EXPECT_THAT(Lines(), ElementsAre("onVolumeChanged: E pObj is NULL"));
+    EXPECT_THAT(journal.Here().Lines(), ElementsAre("onVolumeChanged: E pObj is NULL"));
 }
 
 TEST_F(ChangeSignalsTest, AVolumeChangeIsLoggedThenEmitted) {
     KVServer::onVolumeChanged(0xFFFF, 30, server.get());
-    EXPECT_THAT(Lines(), ElementsAre("onVolumeChanged: I Send dbus signal VolumeChanged : 30",
-                                     Emission("SpeakerVolumeChanged, (65535, 30)")));
+    EXPECT_THAT(journal.Here().Lines(), ElementsAre("onVolumeChanged: I Send dbus signal VolumeChanged : 30",
+                                                    Emission("SpeakerVolumeChanged, (65535, 30)")));
 }
 
 TEST_F(ChangeSignalsTest, ValuesAreEmittedAsTheyCome) {
     KVServer::onVolumeChanged(-1, -2147483647 - 1, server.get());
-    EXPECT_THAT(Lines(), Contains(Emission("SpeakerVolumeChanged, (-1, -2147483648)")));
+    EXPECT_THAT(journal.Here().Lines(), Contains(Emission("SpeakerVolumeChanged, (-1, -2147483648)")));
 }
 
 TEST_F(ChangeSignalsTest, AVolumeChangeThatCannotBeEmittedIsLoggedAndNotRepeated) {
     seam.Fail("g_dbus_connection_emit_signal", gio::REFUSED);
     KVServer::onVolumeChanged(1, 30, server.get());
     EXPECT_THAT(
-        Lines(),
+        journal.Here().Lines(),
         ElementsAre("onVolumeChanged: I Send dbus signal VolumeChanged : 30",
                     Emission("SpeakerVolumeChanged, (1, 30)"),
                     "onVolumeChanged: E Failed g_dbus_connection_emit_signal(). err=refused by the test"));
     seam.Clear();
     seam.Fail("g_dbus_connection_emit_signal", gio::NOTHING);
     KVServer::onVolumeChanged(1, 30, server.get());
-    EXPECT_THAT(Lines(), Contains("onVolumeChanged: E Failed g_dbus_connection_emit_signal(). err=(null)"));
+    EXPECT_THAT(journal.Here().Lines(),
+                Contains("onVolumeChanged: E Failed g_dbus_connection_emit_signal(). err=(null)"));
     seam.Succeed("g_dbus_connection_emit_signal");
     seam.Clear();
     KVServer::onVolumeChanged(1, 31, server.get());
-    EXPECT_THAT(seam.Calls("g_"), ElementsAre(Emission("SpeakerVolumeChanged, (1, 31)")));
+    EXPECT_THAT(journal.Calls("g_").Texts(), ElementsAre(Emission("SpeakerVolumeChanged, (1, 31)")));
 }
 
 // Mute.
 
 TEST_F(ChangeSignalsTest, AMuteChangeWithoutAServerIsRefused) {
     KVServer::onMuteChanged(1, 1, nullptr);
-    EXPECT_THAT(Lines(), ElementsAre("onMuteChanged: E pObj is NULL"));
+    EXPECT_THAT(journal.Here().Lines(), ElementsAre("onMuteChanged: E pObj is NULL"));
 }
 
 TEST_F(ChangeSignalsTest, AMuteChangeIsLoggedThenEmittedAsABoolean) {
     KVServer::onMuteChanged(15, 0, server.get());
-    EXPECT_THAT(Lines(), ElementsAre("onMuteChanged: I Send dbus signal MuteChanged : 0",
-                                     Emission("SpeakerMuteChanged, (15, false)")));
+    EXPECT_THAT(journal.Here().Lines(), ElementsAre("onMuteChanged: I Send dbus signal MuteChanged : 0",
+                                                    Emission("SpeakerMuteChanged, (15, false)")));
 }
 
 TEST_F(ChangeSignalsTest, EveryMuteValueButZeroIsTrue) {
     for (const int mute : {5, 1, -1, 0x100}) {
         seam.Clear();
         KVServer::onMuteChanged(15, mute, server.get());
-        EXPECT_THAT(Lines(), ElementsAre("onMuteChanged: I Send dbus signal MuteChanged : 1",
-                                         Emission("SpeakerMuteChanged, (15, true)")));
+        EXPECT_THAT(journal.Here().Lines(), ElementsAre("onMuteChanged: I Send dbus signal MuteChanged : 1",
+                                                        Emission("SpeakerMuteChanged, (15, true)")));
     }
 }
 
 TEST_F(ChangeSignalsTest, AMuteChangeThatCannotBeEmittedIsLogged) {
     seam.Fail("g_dbus_connection_emit_signal", gio::REFUSED);
     KVServer::onMuteChanged(1, 1, server.get());
-    EXPECT_THAT(LogLines(),
+    EXPECT_THAT(journal.Here().Logs().Lines(),
                 ElementsAre("onMuteChanged: I Send dbus signal MuteChanged : 1",
                             "onMuteChanged: E Failed g_dbus_connection_emit_signal(). err=refused by the "
                             "test"));
@@ -115,17 +116,17 @@ TEST_F(ChangeSignalsTest, WithoutAConnectionNothingIsEmittedThenOrLater) {
     seam.Clear();
     KVServer::onVolumeChanged(1, 30, server.get());
     KVServer::onMuteChanged(1, 1, server.get());
-    EXPECT_THAT(Lines(),
+    EXPECT_THAT(journal.Here().Lines(),
                 ElementsAre("onVolumeChanged: E Connection is NULL", "onMuteChanged: E Connection is NULL"));
     KVServer::onNameAcquired(Shared(), BUS_NAME, server.get());
-    EXPECT_THAT(seam.Calls("g_dbus_connection_emit_signal"), IsEmpty());
+    EXPECT_THAT(journal.Calls("g_dbus_connection_emit_signal").Texts(), IsEmpty());
 }
 
 // The output.
 
 TEST_F(ChangeSignalsTest, AnOutputChangeWithoutAServerIsRefused) {
     KVServer::onSpeakerChanged(1, 2, nullptr);
-    EXPECT_THAT(Lines(), ElementsAre("onSpeakerChanged: E pObj is NULL"));
+    EXPECT_THAT(journal.Here().Lines(), ElementsAre("onSpeakerChanged: E pObj is NULL"));
 }
 
 TEST_F(ChangeSignalsTest, AReportOfThePreviousOutputIsADuplicateEachTime) {
@@ -133,8 +134,8 @@ TEST_F(ChangeSignalsTest, AReportOfThePreviousOutputIsADuplicateEachTime) {
     Control().SetMuteOnSpkChanged(true);
     KVServer::onSpeakerChanged(15, 12, server.get());
     KVServer::onSpeakerChanged(15, 12, server.get());
-    EXPECT_THAT(Lines(), ElementsAre("onSpeakerChanged: E Speaker type is same:12",
-                                     "onSpeakerChanged: E Speaker type is same:12"));
+    EXPECT_THAT(journal.Here().Lines(), ElementsAre("onSpeakerChanged: E Speaker type is same:12",
+                                                    "onSpeakerChanged: E Speaker type is same:12"));
     EXPECT_TRUE(Control().GetMuteOnSpkChanged());
 }
 
@@ -146,16 +147,16 @@ TEST_F(ChangeSignalsTest, AnOutputChangeBringsTheUnmuteGainToFullOnBothOutputs) 
     KVServer::onSpeakerChanged(0xFFFF, 12, server.get());
     EXPECT_EQ(seam.MainGainValue(), 100);
     EXPECT_EQ(seam.SubGainValue(), 100);
-    EXPECT_THAT(LogLines(),
+    EXPECT_THAT(journal.Here().Logs().Lines(),
                 Contains("onSpeakerChanged: I Speaker changed[0->12]. mode:0xffff, gainMax(ret:0)"));
-    EXPECT_THAT(seam.Calls("audio_set_master_mute"), IsEmpty());
-    EXPECT_THAT(seam.Calls("g_"), IsEmpty()) << "an output change is not broadcast";
+    EXPECT_THAT(journal.Calls("audio_set_master_mute").Texts(), IsEmpty());
+    EXPECT_THAT(journal.Calls("g_").Texts(), IsEmpty()) << "an output change is not broadcast";
 }
 
 TEST_F(ChangeSignalsTest, TheStatusOfTheGainRequestIsLogged) {
     seam.Fail("AudioControl_getInstance", 0);
     KVServer::onSpeakerChanged(5, 12, server.get());
-    EXPECT_THAT(LogLines(),
+    EXPECT_THAT(journal.Here().Logs().Lines(),
                 Contains("onSpeakerChanged: I Speaker changed[0->12]. mode:0x0005, gainMax(ret:-1)"));
 }
 
@@ -163,8 +164,9 @@ TEST_F(ChangeSignalsTest, TheGainRequestIsForcedThroughOnTheMultiOutputRoute) {
     Control().ApplyAudioGain(KVDefine::GAIN_SRC_UNMUTE, 40, KVDefine::AUDIO_PATH_BOTH, false);
     seam.FireRoute(6);  // the daemon handles the report and sets the full gain itself
     EXPECT_EQ(seam.MainGainValue(), 100);
-    EXPECT_THAT(LogLines(), Not(Contains("_IsFadeInAvailable: E Multi-output Audio, do not apply fade.")));
-    EXPECT_THAT(LogLines(),
+    EXPECT_THAT(journal.Here().Logs().Lines(),
+                Not(Contains("_IsFadeInAvailable: E Multi-output Audio, do not apply fade.")));
+    EXPECT_THAT(journal.Here().Logs().Lines(),
                 Contains("onSpeakerChanged: I Speaker changed[0->6]. mode:0xffff, gainMax(ret:0)"));
 }
 
@@ -176,7 +178,7 @@ TEST_F(ChangeSignalsTest, WhileMirroredToAMobileTheGainStaysAndTheStatusIsZero) 
     seam.Clear();
     KVServer::onSpeakerChanged(1, 12, server.get());
     EXPECT_EQ(seam.MainGainValue(), before);
-    EXPECT_THAT(Lines(),
+    EXPECT_THAT(journal.Here().Lines(),
                 ElementsAre("onSpeakerChanged: I Speaker changed[0->12]. mode:0x0001, gainMax(ret:0)"));
 }
 
@@ -185,15 +187,15 @@ TEST_F(ChangeSignalsTest, ARequestedMuteMutesTheNewOutputOnceAndLeavesTheGain) {
     KVServer::onSpeakerChanged(1, 12, server.get());
     EXPECT_FALSE(Control().GetMuteOnSpkChanged());
     EXPECT_TRUE(seam.Mute());
-    EXPECT_THAT(seam.Calls("audio_set_master_mute"), ElementsAre("audio_set_master_mute(true)"));
-    EXPECT_THAT(seam.Calls("AudioControl_getInstance"), IsEmpty());
-    EXPECT_THAT(LogLines(),
+    EXPECT_THAT(journal.Calls("audio_set_master_mute").Texts(), ElementsAre("audio_set_master_mute(true)"));
+    EXPECT_THAT(journal.Calls("AudioControl_getInstance").Texts(), IsEmpty());
+    EXPECT_THAT(journal.Here().Logs().Lines(),
                 Contains("onSpeakerChanged: I Speaker changed[0->12]. mode:0x0001, gainMax(ret:0)"));
 
     seam.Clear();
     KVServer::onSpeakerChanged(1, 13, server.get());
-    EXPECT_THAT(seam.Calls("audio_set_master_mute"), IsEmpty());
-    EXPECT_THAT(seam.Calls("AudioControl_getInstance"), Not(IsEmpty()));
+    EXPECT_THAT(journal.Calls("audio_set_master_mute").Texts(), IsEmpty());
+    EXPECT_THAT(journal.Calls("AudioControl_getInstance").Texts(), Not(IsEmpty()));
 }
 
 TEST_F(ChangeSignalsTest, TheMuteComesBeforeTheFlagIsClearedAndItsFailureIsNotAnnounced) {
@@ -204,7 +206,7 @@ TEST_F(ChangeSignalsTest, TheMuteComesBeforeTheFlagIsClearedAndItsFailureIsNotAn
     KVServer::onSpeakerChanged(1, 12, server.get());
     EXPECT_TRUE(flag);
     EXPECT_FALSE(Control().GetMuteOnSpkChanged());
-    EXPECT_THAT(LogLines(),
+    EXPECT_THAT(journal.Here().Logs().Lines(),
                 Contains("onSpeakerChanged: I Speaker changed[0->12]. mode:0x0001, gainMax(ret:0)"));
 }
 
@@ -212,7 +214,7 @@ TEST_F(ChangeSignalsTest, AnOutputChangeNeedsNoConnection) {
     KVServer::onNameLost(Shared(), BUS_NAME, server.get());
     seam.Clear();
     KVServer::onSpeakerChanged(1, 12, server.get());
-    EXPECT_THAT(LogLines(),
+    EXPECT_THAT(journal.Here().Logs().Lines(),
                 Contains("onSpeakerChanged: I Speaker changed[0->12]. mode:0x0001, gainMax(ret:0)"));
 }
 
@@ -245,10 +247,9 @@ TEST_F(ChangeSignalsOfTheDaemonTest, AReportOfAPlatformThreadIsEmittedFromThatTh
     EXPECT_EQ(signal.name, "SpeakerVolumeChanged");
     EXPECT_EQ(signal.path, OBJECT_PATH);
     EXPECT_EQ(signal.body, "(65535, 44)");
-    const auto entry = seam.Find(Emission("SpeakerVolumeChanged, (65535, 44)"));
-    ASSERT_TRUE(entry);
-    EXPECT_NE(entry->thread, daemon->Thread());
-    EXPECT_NE(entry->thread, std::this_thread::get_id());
+    const auto entry = journal.With(Emission("SpeakerVolumeChanged, (65535, 44)")).First();
+    EXPECT_NE(entry.thread, daemon->Thread());
+    EXPECT_NE(entry.thread, std::this_thread::get_id());
 }
 
 TEST_F(ChangeSignalsOfTheDaemonTest, SignalsCarryTheSupportTypeOfThePresentOutput) {
@@ -261,7 +262,7 @@ TEST_F(ChangeSignalsOfTheDaemonTest, SignalsCarryTheSupportTypeOfThePresentOutpu
 
 TEST_F(ChangeSignalsOfTheDaemonTest, AnOutputChangeIsNotBroadcast) {
     fake::OnPlatformThread([&] { seam.FireRoute(12); });
-    EXPECT_TRUE(seam.WaitForLog("I Speaker changed[0->12]. mode:0xffff, gainMax(ret:0)"));
+    EXPECT_TRUE(journal.With("I Speaker changed[0->12]. mode:0xffff, gainMax(ret:0)").Wait());
     EXPECT_THAT(client.TakeSignals(), IsEmpty());
 }
 

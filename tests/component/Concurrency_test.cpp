@@ -48,7 +48,7 @@ TEST_F(ConcurrencyTest, RequestsDuringAReportAreAnsweredAtOnceWithMinusOne) {
         EXPECT_EQ(Call("GetSpeakerSupportType"), "(0, -1)");
     }
     EXPECT_THAT(
-        Log(),
+        MainLoop().Logs().Lines(),
         HasInOrder(
             {"GetTVVolume: E owns_lock", "_OnGetSpeakerVolume: I Return Current volume state(0), ret:-1",
              "SetTVVolume: E owns_lock", "_OnSetSpeakerVolume: I Return volume 30. ret:-1",
@@ -74,9 +74,10 @@ TEST_F(ConcurrencyTest, GainRequestsAreServedDuringAReport) {
     // The daemon cannot read the mute state now and assumes unmuted.
     EXPECT_EQ(Call("ApplyUnmuteFadeIn", g_variant_new("(i)", 3)), "(0,)");
     EXPECT_EQ(seam.MainGainValue(), 100);
-    EXPECT_THAT(Log(), Contains("ApplyVolumeFadeIn: W UnMute State, Recover gain instead of FadeIn"));
+    EXPECT_THAT(MainLoop().Logs().Lines(),
+                Contains("ApplyVolumeFadeIn: W UnMute State, Recover gain instead of FadeIn"));
     Emit("ApplyPulseAudioGain", g_variant_new("(ii)", 50, 0));
-    EXPECT_TRUE(seam.WaitForGainWrite(fake::MainGain(50)));
+    EXPECT_TRUE(journal.With(fake::MainGain(50)).Wait());
 }
 
 TEST_F(ConcurrencyTest, AReportDuringARequestIsLostAndTheRequestIsServed) {
@@ -91,14 +92,15 @@ TEST_F(ConcurrencyTest, AReportDuringARequestIsLostAndTheRequestIsServed) {
     seam.FireVolume(44);
     seam.FireMute(1);
     seam.FireRoute(2);
-    EXPECT_THAT(LogLines(),
+    EXPECT_THAT(journal.Here().Logs().Lines(),
                 ElementsAre("_OnVolumeChanged: E mutex lock failed", "_OnMuteChanged: E mutex lock failed",
                             "SpeakerChangedCallback: E owns_lock"));
     request.Open();
     caller.join();
     EXPECT_EQ(answer, "(44, 0)");
     seam.FireVolume(45);
-    EXPECT_THAT(LogLines(), Contains("onVolumeChanged: I Send dbus signal VolumeChanged : 45"));
+    EXPECT_THAT(journal.Here().Logs().Lines(),
+                Contains("onVolumeChanged: I Send dbus signal VolumeChanged : 45"));
 }
 
 TEST_F(ConcurrencyTest, TheSignalOfAReportIsSentWhileTheReportHoldsTheVolumeControl) {
@@ -117,7 +119,7 @@ TEST_F(ConcurrencyTest, TheSignalOfAReportIsSentWhileTheReportHoldsTheVolumeCont
 TEST_F(ConcurrencyTest, AStormOfReportsAndRequestsLosesNoAnswer) {
     constexpr int ROUNDS = 150;
     seam.ReportOwnChanges(false);  // only the platform thread reports
-    seam.DropLogLines(true);
+    journal.DropLogLines(true);
     seam.SetInt("db/usbsound/volume_capability", 15);
     std::thread platform([&] {
         std::mt19937 random(1);  // NOLINT(cert-msc51-cpp): the same storm each time

@@ -53,7 +53,7 @@ protected:
      * consequences.
      */
     std::vector<std::string> OfHandler() {
-        auto lines = Journal();
+        auto lines = MainLoop().Lines();
         std::erase_if(lines, [](const std::string& line) {
             return !line.starts_with("_OnBuds") && !line.starts_with("_OnSpeakerDis") &&
                    !line.starts_with("sound_manager_set") &&
@@ -68,8 +68,8 @@ protected:
 TEST_F(ConnectionSignalsTest, BudsConnectedIsLoggedAndChangesNothing) {
     Move(12, 0);
     Emit("BudsConnected", g_variant_new("(i)", -3));
-    EXPECT_THAT(Journal(), ElementsAre(StartLine("signal", "BudsConnected"), CallerLine(),
-                                       "_OnBudsConnected: I Buds Connected. reason:-3"));
+    EXPECT_THAT(MainLoop().Lines(), ElementsAre(StartLine("signal", "BudsConnected"), CallerLine(),
+                                                "_OnBudsConnected: I Buds Connected. reason:-3"));
     EXPECT_FALSE(Control().GetMuteOnSpkChanged());
     EXPECT_EQ(Control().GetPrevSpeakerSelection(), 12);
 }
@@ -79,7 +79,7 @@ TEST_F(ConnectionSignalsTest, BudsConnectedIsLoggedAndChangesNothing) {
 TEST_F(ConnectionSignalsTest, BudsDisconnectedBeforeTheTvSpeakerRequestsItThenSwitchesAndMutes) {
     Move(0, 3);
     BudsDisconnected();
-    EXPECT_THAT(Journal(),
+    EXPECT_THAT(MainLoop().Lines(),
                 HasInOrder({StartLine("signal", "BudsDisconnected"), CallerLine(),
                             "DbusEmitSignal: I Signal 'SpeakerChangeRequest'", Request(0), BudsGone(0),
                             SetRoute(0), "SpeakerChangedCallback: I Type(3->0)",
@@ -116,10 +116,11 @@ TEST_F(ConnectionSignalsTest, ARequestThatCannotBeSentStopsNothing) {
     Move(0, 3);
     seam.Fail("g_dbus_connection_emit_signal", gio::REFUSED);
     BudsDisconnected();
-    EXPECT_THAT(Log(), HasInOrder({"DbusEmitSignal: E g_dbus_connection_emit_signal 'SpeakerChangeRequest' "
-                                   "Failed (refused by the test)",
-                                   BudsGone(0)}));
-    EXPECT_THAT(seam.Calls("sound_manager_set"), Contains(SetRoute(0)));
+    EXPECT_THAT(MainLoop().Logs().Lines(),
+                HasInOrder({"DbusEmitSignal: E g_dbus_connection_emit_signal 'SpeakerChangeRequest' "
+                            "Failed (refused by the test)",
+                            BudsGone(0)}));
+    EXPECT_THAT(journal.Calls("sound_manager_set").Texts(), Contains(SetRoute(0)));
 }
 
 TEST_F(ConnectionSignalsTest, EveryBlockedPreviousOutputIsReplacedByTheDefaultOne) {
@@ -163,13 +164,13 @@ TEST_F(ConnectionSignalsTest, TheTargetIsChosenBeforeTheParametersAreReadAndNotW
 TEST_F(ConnectionSignalsTest, ADisconnectedOutputSetsTheRouteAndRequestsNothing) {
     Move(2, 4);
     SpeakerDisconnected();
-    EXPECT_THAT(Journal(),
+    EXPECT_THAT(MainLoop().Lines(),
                 HasInOrder({StartLine("signal", "SpkDisconnected"), CallerLine(),
                             "_OnSpeakerDisconnected: I Speaker(type:5):Box disconnected. Connect to "
                             "previous(type:2)",
                             SetRoute(2), "SpeakerChangedCallback: I Type(4->2)",
                             "SetOutputRoute: I Set Speaker Output(2)"}));
-    EXPECT_THAT(seam.Calls("g_dbus_connection_emit_signal"), IsEmpty());
+    EXPECT_THAT(journal.Calls("g_dbus_connection_emit_signal").Texts(), IsEmpty());
     EXPECT_EQ(Control().GetSpeakerSelection(), 2);
 }
 
@@ -178,7 +179,7 @@ TEST_F(ConnectionSignalsTest, ADisconnectedOutputRequestsNoMute) {
     SpeakerDisconnected();
     EXPECT_FALSE(seam.Mute());
     EXPECT_FALSE(Control().GetMuteOnSpkChanged());
-    EXPECT_THAT(seam.Calls("audio_set_master_mute"), IsEmpty());
+    EXPECT_THAT(journal.Calls("audio_set_master_mute").Texts(), IsEmpty());
 }
 
 TEST_F(ConnectionSignalsTest, AnOutputThatIsNotInUseMovesTheRouteAllTheSame) {
@@ -211,14 +212,15 @@ TEST_F(ConnectionSignalsTest, InMultiViewEveryZoneIsSetButThatOfTheSubHeadset) {
     seam.Fail("sound_manager_set_multiview_speaker_selection_with_zone_id(2, 7)", -8);
     seam.Clear();
     SpeakerDisconnected();
-    EXPECT_THAT(Journal(), HasInOrder({"sound_manager_set_multiview_speaker_selection_with_zone_id(2, 1)",
-                                       "SetOutputRoute: I [Zone: 1] Speaker Output(2). ret:0",
-                                       "SetOutputRoute: I [Zone: 2] SubBT is connected. Skip current zone",
-                                       "sound_manager_set_multiview_speaker_selection_with_zone_id(2, 7)",
-                                       "SetOutputRoute: I [Zone: 7] Speaker Output(2). ret:-8",
-                                       "SetOutputRoute: I Set Speaker Output(2)"}));
+    EXPECT_THAT(MainLoop().Lines(),
+                HasInOrder({"sound_manager_set_multiview_speaker_selection_with_zone_id(2, 1)",
+                            "SetOutputRoute: I [Zone: 1] Speaker Output(2). ret:0",
+                            "SetOutputRoute: I [Zone: 2] SubBT is connected. Skip current zone",
+                            "sound_manager_set_multiview_speaker_selection_with_zone_id(2, 7)",
+                            "SetOutputRoute: I [Zone: 7] Speaker Output(2). ret:-8",
+                            "SetOutputRoute: I Set Speaker Output(2)"}));
     EXPECT_EQ(seam.Zones(), (std::map<int, int>{{1, 2}, {2, 3}, {7, 4}}));
-    EXPECT_THAT(seam.Calls("sound_manager_set_speaker_selection"), IsEmpty());
+    EXPECT_THAT(journal.Calls("sound_manager_set_speaker_selection").Texts(), IsEmpty());
     EXPECT_EQ(Control().GetSpeakerSelection(), 2);
 }
 
@@ -233,8 +235,9 @@ TEST_F(ConnectionSignalsTest, AWronglyTypedNameIsNeverRead) {
 TEST_F(ConnectionSignalsTest, ANameMayHoldAnythingThatTextCan) {
     Move(2, 4);
     Emit("SpkDisconnected", g_variant_new("(is)", 5, "100 %s %n \"Küche\""));
-    EXPECT_THAT(Log(), Contains("_OnSpeakerDisconnected: I Speaker(type:5):100 %s %n \"Küche\" disconnected. "
-                                "Connect to previous(type:2)"));
+    EXPECT_THAT(MainLoop().Logs().Lines(),
+                Contains("_OnSpeakerDisconnected: I Speaker(type:5):100 %s %n \"Küche\" disconnected. "
+                         "Connect to previous(type:2)"));
 }
 
 }  // namespace

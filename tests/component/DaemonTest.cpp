@@ -13,28 +13,9 @@ extern "C" const char kavrel_interface_xml[];
 
 namespace {
 
-using fake::Entry;
 using fake::FakeSeam;
 
 constexpr const char* UNANSWERED = "org.olvane.Test.Unanswered";
-
-std::string Line(const Entry& entry) {
-    return entry.kind == Entry::Kind::CALL ? entry.text : entry.site.function + ": " + entry.text;
-}
-
-std::vector<std::string> LinesOf(std::thread::id thread, const std::function<bool(const Entry&)>& wanted) {
-    std::vector<std::string> lines;
-    for (const Entry& entry : FakeSeam::Get().Entries()) {
-        if (entry.thread == thread && wanted(entry)) {
-            lines.push_back(Line(entry));
-        }
-    }
-    return lines;
-}
-
-bool IsLine(const Entry& entry) {
-    return entry.kind == Entry::Kind::CALL || entry.IsLog(DLOG_INFO);
-}
 
 /** "(ii)" for two integers. */
 std::string TypesOf(GDBusArgInfo** arguments) {
@@ -76,27 +57,6 @@ std::string ProgramName() {
     return program_invocation_short_name;
 }
 
-std::vector<std::string> Lines(std::thread::id thread) {
-    return LinesOf(thread, IsLine);
-}
-
-std::vector<std::string> LinesAndScopes(std::thread::id thread) {
-    const std::string mark = "[IN]";
-    auto lines = LinesOf(thread, [&](const Entry& entry) {
-        return IsLine(entry) || (entry.IsTrace() && entry.text.find(mark) != std::string::npos);
-    });
-    for (std::string& line : lines) {
-        if (const auto at = line.find(mark); at != std::string::npos) {
-            line.erase(0, at + mark.size());
-        }
-    }
-    return lines;
-}
-
-std::vector<std::string> LogLines(std::thread::id thread) {
-    return LinesOf(thread, [](const Entry& entry) { return entry.IsLog(DLOG_INFO); });
-}
-
 testing::Matcher<const std::vector<std::string>&> HasInOrder(std::vector<std::string> lines) {
     return testing::Truly([lines = std::move(lines)](const std::vector<std::string>& all) {
         auto from = all.begin();
@@ -117,7 +77,8 @@ DaemonInProcess::DaemonInProcess(bool waitForName) : m_loop(g_main_loop_new(null
     auto isReady = ready.get_future();
     m_thread = std::thread(&DaemonInProcess::Run, this, std::move(ready));
     isReady.get();
-    if (waitForName && !FakeSeam::Get().WaitFor("LwipcEventDone(\"" + std::string(READY_EVENT) + "\")")) {
+    if (waitForName &&
+        !FakeSeam::Get().journal.With("LwipcEventDone(\"" + std::string(READY_EVENT) + "\")").Wait()) {
         ADD_FAILURE() << "the daemon did not get its name";
     }
 }

@@ -39,16 +39,6 @@ std::vector<MethodSignature> ReadMethods();
 /** The base name of this test program, which the daemon's caller tracker must find. */
 std::string ProgramName();
 
-/**
- * The seam calls of one thread, and its log lines of INFO and above as "FUNCTION: E text" with the function
- * that logged.
- */
-std::vector<std::string> Lines(std::thread::id thread = std::this_thread::get_id());
-/** The same, and a line for each traced scope that the thread entered. */
-std::vector<std::string> LinesAndScopes(std::thread::id thread = std::this_thread::get_id());
-/** Only the log lines, in the same form. */
-std::vector<std::string> LogLines(std::thread::id thread = std::this_thread::get_id());
-
 /** Matches a list that contains all of these lines in this order; other lines may come between them. */
 testing::Matcher<const std::vector<std::string>&> HasInOrder(std::vector<std::string> lines);
 
@@ -143,13 +133,13 @@ protected:
     /** Sends the daemon a signal and waits until it has handled it. */
     void Emit(const std::string& name, GVariant* parameters);
     /** The seam calls and log lines of the daemon's main loop, in order. Log() has only the log lines. */
-    std::vector<std::string> Journal() const { return Lines(daemon->Thread()); }
-    std::vector<std::string> Log() const { return LogLines(daemon->Thread()); }
+    fake::Query MainLoop() const { return journal.Of(daemon->Thread()); }
     /** The two lines that the daemon logs first for each request; `kind` is "method" or "signal". */
     std::string StartLine(const std::string& kind, const std::string& name) const;
     std::string CallerLine() const;
 
     fake::FakeSeam& seam = fake::FakeSeam::Get();
+    fake::Journal& journal = seam.journal;
     fake::BusClient client;
     std::optional<DaemonInProcess> daemon;
 };
@@ -169,6 +159,7 @@ protected:
     GDBusConnection* Shared() const { return m_shared.get(); }
 
     fake::FakeSeam& seam = fake::FakeSeam::Get();
+    fake::Journal& journal = seam.journal;
     std::unique_ptr<NKavrel::KVServer> server = std::make_unique<NKavrel::KVServer>();
 
 private:

@@ -67,6 +67,7 @@ protected:
     std::atomic<bool> refuses = false;
 
     FakeSeam& seam = FakeSeam::Get();
+    fake::Journal& journal = seam.journal;
     std::vector<std::string> heard;
     BusPeer peer;
     BusClient client;

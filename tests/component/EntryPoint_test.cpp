@@ -32,39 +32,41 @@ TEST_F(EntryPointTest, AMethodCallIsCheckedInOrderAndNobodyIsAnswered) {
     const std::string function = "methodCallHandler: E ";
     KVServer::methodCallHandler(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
     KVServer::methodCallHandler(Shared(), nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
-    EXPECT_THAT(Lines(), ElementsAre(function + "Connection is NULL", function + "invocation is NULL"));
+    EXPECT_THAT(journal.Here().Lines(),
+                ElementsAre(function + "Connection is NULL", function + "invocation is NULL"));
     EXPECT_EQ(CallMethod(false, ":9.9", "GetSpeakerVolume", true), "no reply");
-    EXPECT_THAT(LogLines(), ElementsAre(function + "Connection is NULL"));
+    EXPECT_THAT(journal.Here().Logs().Lines(), ElementsAre(function + "Connection is NULL"));
     EXPECT_EQ(CallMethod(true, nullptr, nullptr, false), "no reply");
-    EXPECT_THAT(LogLines(), ElementsAre(function + "signal_name is NULL"));
+    EXPECT_THAT(journal.Here().Logs().Lines(), ElementsAre(function + "signal_name is NULL"));
     EXPECT_EQ(CallMethod(true, nullptr, "GetSpeakerVolume", false), "no reply");
-    EXPECT_THAT(LogLines(), ElementsAre(function + "user data is NULL"));
+    EXPECT_THAT(journal.Here().Logs().Lines(), ElementsAre(function + "user data is NULL"));
 }
 
 TEST_F(EntryPointTest, AMethodCallWithoutASenderIsServedAsThatOfNobody) {
     EXPECT_EQ(CallMethod(true, nullptr, "GetSpeakerVolume", true), "(10, 0)");
-    EXPECT_THAT(LogLines(), HasInOrder({"methodCallHandler: I Start sender: method_name:GetSpeakerVolume",
-                                        "_OnGetSpeakerVolume: I Return Current volume state(10), ret:0"}));
+    EXPECT_THAT(journal.Here().Logs().Lines(),
+                HasInOrder({"methodCallHandler: I Start sender: method_name:GetSpeakerVolume",
+                            "_OnGetSpeakerVolume: I Return Current volume state(10), ret:0"}));
     fake::RunMainContextUntilQuiet();
-    EXPECT_THAT(LogLines(), Contains("UpdateSenderLists: I Called by [/] size:1"));
+    EXPECT_THAT(journal.Here().Logs().Lines(), Contains("UpdateSenderLists: I Called by [/] size:1"));
 }
 
 TEST_F(EntryPointTest, ASignalIsCheckedInOrder) {
     const std::string function = "signalCallHandler: E ";
     Signal(false, nullptr, nullptr, false);
-    EXPECT_THAT(Lines(), ElementsAre(function + "Connection is NULL"));
+    EXPECT_THAT(journal.Here().Lines(), ElementsAre(function + "Connection is NULL"));
     Signal(true, nullptr, nullptr, false);
-    EXPECT_THAT(Lines(), ElementsAre(function + "sender is NULL"));
+    EXPECT_THAT(journal.Here().Lines(), ElementsAre(function + "sender is NULL"));
     Signal(true, ":9.9", nullptr, false);
-    EXPECT_THAT(Lines(), ElementsAre(function + "signal_name is NULL"));
+    EXPECT_THAT(journal.Here().Lines(), ElementsAre(function + "signal_name is NULL"));
     Signal(true, ":9.9", "BudsConnected", false);
-    EXPECT_THAT(Lines(), ElementsAre(function + "user data is NULL"));
+    EXPECT_THAT(journal.Here().Lines(), ElementsAre(function + "user data is NULL"));
 }
 
 TEST_F(EntryPointTest, ASignalIsAnnouncedThenItsSenderRecordedThenItIsDispatched) {
     Signal(true, ":9.9", "BudsConnected", true);
     EXPECT_THAT(
-        LinesAndScopes(),
+        journal.Here().AndScopes().Lines(),
         HasInOrder({"signalCallHandler: I Start sender::9.9 signal_name:BudsConnected",
                     "void NKavrel::KVDbusSender::Print(std::string)",
                     "void NKavrel::KVDbusEventHandler::OnSignal(const std::string&, GVariant*, gpointer)",
@@ -74,12 +76,12 @@ TEST_F(EntryPointTest, ASignalIsAnnouncedThenItsSenderRecordedThenItIsDispatched
 TEST_F(EntryPointTest, AnUnknownMemberIsDroppedAndItsSenderRecordedAllTheSame) {
     EXPECT_EQ(CallMethod(true, ":9.9", "GetNothing", true), "no reply");
     Signal(true, ":9.9", "SpeakerChangeRequest", true);
-    EXPECT_THAT(Lines(),
+    EXPECT_THAT(journal.Here().Lines(),
                 ElementsAre("signalCallHandler: I Start sender::9.9 signal_name:SpeakerChangeRequest",
                             "OnSignal: E Not matched signal:SpeakerChangeRequest"));
     fake::RunMainContextUntilQuiet();
-    EXPECT_THAT(LogLines(), HasInOrder({"UpdateSenderLists: I Called by [:9.9/] size:1",
-                                        "UpdateSenderLists: I Called by [:9.9/] size:1"}));
+    EXPECT_THAT(journal.Here().Logs().Lines(), HasInOrder({"UpdateSenderLists: I Called by [:9.9/] size:1",
+                                                           "UpdateSenderLists: I Called by [:9.9/] size:1"}));
 }
 
 TEST_F(EntryPointTest, PathAndInterfaceAreNotLookedAt) {

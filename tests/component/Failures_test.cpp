@@ -10,7 +10,6 @@
  * that come instead (+), the result of the request, and the state afterwards. All else stays as without the
  * failure. A place without a row fails the test, and so does a row without a place.
  */
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <time.h>
@@ -259,12 +258,13 @@ protected:
         if (std::exchange(isDone, true)) {
             return;
         }
+        fake::SkipStepTimes();
         FakeSeam& seam = FakeSeam::Get();
         seam.Reset();
         seam.SetFeature(INTERNAL_SPEAKER, false);
         seam.Fail(std::string("system_info_get_custom_bool(\"") + INTERNAL_SPEAKER + "\")", OF_PLATFORM);
         EXPECT_EQ(NKavrel::KVUtils::GetDefaultSpeaker(), 0);
-        EXPECT_EQ(seam.Calls("system_info_get_custom_bool").size(), 1U);
+        EXPECT_EQ(seam.journal.Calls("system_info_get_custom_bool").Count(), 1);
     }
 
     ~FailuresTest() override { End(); }
@@ -337,7 +337,7 @@ protected:
             EXPECT_TRUE(fake::WorkersRest());
         }
         Run run;
-        run.begin = seam.Entries().size();
+        run.begin = journal.All().Entries().size();
         if (failure) {
             FailOnce(*failure);
         }
@@ -346,7 +346,7 @@ protected:
             EXPECT_TRUE(fake::WorkersRest());
         }
         seam.Judge(nullptr);
-        run.journal = seam.Entries();
+        run.journal = journal.All().Entries();
         run.state = State();
         ExpectNextRequestWorks();
         End();
@@ -362,7 +362,7 @@ protected:
             bool isDone = false;
         };
         auto judgement = std::make_shared<Judgement>();
-        for (const Entry& entry : seam.Entries()) {
+        for (const Entry& entry : journal.All().Entries()) {
             judgement->places.Of(entry);
         }
         seam.Judge([judgement, failure](const Entry& entry) -> std::optional<int> {
@@ -483,6 +483,7 @@ protected:
     }
 
     FakeSeam& seam = FakeSeam::Get();
+    fake::Journal& journal = seam.journal;
     const tools::GLibPtr<GDBusConnection> shared = fake::SharedConnection();
     std::unique_ptr<NKavrel::KVServer> server;
 };
@@ -615,7 +616,7 @@ const std::vector<FailuresTest::Step>& FailuresTest::Scenario() {
         {"ramp the pulse gain at once", nothing, nothing, report([](T& t) {
              const auto held = t.HoldGainOut();
              t.Signal("ApplyPulseAudioGain", g_variant_new("(ii)", 40, 0));
-             EXPECT_TRUE(t.seam.WaitFor("I Sleep PulseRampH", 2));
+             EXPECT_TRUE(t.journal.With("I Sleep PulseRampH").Wait(2));
          })},
 
         {"end", nothing, nothing, report([](T& t) { t.server.reset(); })},
@@ -754,17 +755,4 @@ extern "C" int nanosleep(const timespec* time, timespec* remaining) {
     constexpr long PAUSE = 200'000'000;
     return time->tv_sec == 0 && time->tv_nsec == PAUSE ? 0
                                                        : clock_nanosleep(CLOCK_REALTIME, 0, time, remaining);
-}
-
-/** Cuts the workers' waits between two steps of a fade-in or a ramp, so that the test does not take minutes. */
-extern "C" int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
-                                      const timespec* deadline) {
-    using Wait = int (*)(pthread_cond_t*, pthread_mutex_t*, clockid_t, const timespec*);
-    static const auto wait = reinterpret_cast<Wait>(dlsym(RTLD_NEXT, "pthread_cond_clockwait"));
-    constexpr long LONGEST_STEP = 100'000'000;
-    constexpr long SECOND = 1'000'000'000;
-    timespec now = {};
-    clock_gettime(clock, &now);
-    const long left = (deadline->tv_sec - now.tv_sec) * SECOND + deadline->tv_nsec - now.tv_nsec;
-    return wait(condition, mutex, clock, left > 0 && left <= LONGEST_STEP ? &now : deadline);
 }

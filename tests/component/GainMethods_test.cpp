@@ -23,7 +23,7 @@ protected:
      * The log lines of the handlers and of the volume control object, without those of the gain controller.
      */
     std::vector<std::string> OfRequest() {
-        auto lines = Log();
+        auto lines = MainLoop().Logs().Lines();
         std::erase_if(lines, [](const std::string& line) {
             return !line.starts_with("_On") && !line.starts_with("_Handle") &&
                    !line.starts_with("ApplyVolumeFadeIn") && !line.starts_with("_IsFade");
@@ -50,11 +50,11 @@ TEST_F(GainMethodsTest, APlayerFadeInDropsThePlayerGainOfItsPathAndBringsItBack)
     EXPECT_THAT(OfRequest(),
                 ElementsAre("_HandleApplyVolumeFadeIn: I Apply Player VolumeFadeIn. path:1",
                             "_HandleApplyVolumeFadeIn: I Doen Apply Player VolumeFadeIn. ret:0"));
-    EXPECT_EQ(seam.GainWrites().at(0), MainGain(0)) << "before the reply";
-    EXPECT_TRUE(seam.WaitForLog("I Wake PlayerMainOutH. gain:0"));
-    EXPECT_TRUE(seam.WaitForLog("I handlerGainType:2, LastGain:100"));
-    EXPECT_TRUE(seam.WaitForGainWrite(MainGain(100)));
-    EXPECT_THAT(seam.GainWrites(fake::GainWrite::Out::SUB), IsEmpty());
+    EXPECT_EQ(journal.Gains().Texts().at(0), MainGain(0)) << "before the reply";
+    EXPECT_TRUE(journal.With("I Wake PlayerMainOutH. gain:0").Wait());
+    EXPECT_TRUE(journal.With("I handlerGainType:2, LastGain:100").Wait());
+    EXPECT_TRUE(journal.With(MainGain(100)).Wait());
+    EXPECT_THAT(journal.Gains(fake::Out::SUB).Numbers(), IsEmpty());
 }
 
 TEST_F(GainMethodsTest, AnUnmuteFadeInDiffersInTheSourceAndTheWord) {
@@ -63,7 +63,7 @@ TEST_F(GainMethodsTest, AnUnmuteFadeInDiffersInTheSourceAndTheWord) {
     EXPECT_THAT(OfRequest(),
                 ElementsAre("_HandleApplyVolumeFadeIn: I Apply Unmute VolumeFadeIn. path:1",
                             "_HandleApplyVolumeFadeIn: I Doen Apply Unmute VolumeFadeIn. ret:0"));
-    EXPECT_TRUE(seam.WaitForLog("I Wake UnMuteMainOutH. gain:0"));
+    EXPECT_TRUE(journal.With("I Wake UnMuteMainOutH. gain:0").Wait());
 }
 
 TEST_F(GainMethodsTest, AnUnmuteFadeInWhileUnmutedRecoversTheGainAtOnce) {
@@ -76,15 +76,15 @@ TEST_F(GainMethodsTest, AnUnmuteFadeInWhileUnmutedRecoversTheGainAtOnce) {
 
 TEST_F(GainMethodsTest, AFadeInOnThePathOfTheSubOutputLeavesTheMainOutputAlone) {
     EXPECT_EQ(Call("ApplyPlayerFadeIn", g_variant_new("(i)", 2)), "(0,)");
-    EXPECT_TRUE(seam.WaitForLog("I handlerGainType:3, LastGain:100"));
-    EXPECT_THAT(seam.GainWrites(fake::GainWrite::Out::MAIN), IsEmpty());
+    EXPECT_TRUE(journal.With("I handlerGainType:3, LastGain:100").Wait());
+    EXPECT_THAT(journal.Gains(fake::Out::MAIN).Numbers(), IsEmpty());
 }
 
 TEST_F(GainMethodsTest, AFadeInOnNoPathIsRefusedByTheOperation) {
     EXPECT_EQ(Call("ApplyPlayerFadeIn", g_variant_new("(i)", 0)), "(-2,)");
     EXPECT_EQ(Call("ApplyPlayerFadeIn", g_variant_new("(i)", -4)), "(-2,)");
     EXPECT_THAT(OfRequest(), Contains("_HandleApplyVolumeFadeIn: I Doen Apply Player VolumeFadeIn. ret:-2"));
-    EXPECT_THAT(seam.GainWrites(), IsEmpty());
+    EXPECT_THAT(journal.Gains().Texts(), IsEmpty());
 }
 
 TEST_F(GainMethodsTest, OnTheMultiOutputRouteAnUnmuteFadeInAnswersZeroAndDoesNothing) {
@@ -95,7 +95,7 @@ TEST_F(GainMethodsTest, OnTheMultiOutputRouteAnUnmuteFadeInAnswersZeroAndDoesNot
                 ElementsAre("_HandleApplyVolumeFadeIn: I Apply Unmute VolumeFadeIn. path:1",
                             "_IsFadeInAvailable: E Multi-output Audio, do not apply fade.",
                             "_HandleApplyVolumeFadeIn: I Doen Apply Unmute VolumeFadeIn. ret:0"));
-    EXPECT_THAT(seam.GainWrites(), IsEmpty());
+    EXPECT_THAT(journal.Gains().Texts(), IsEmpty());
 }
 
 // Gains.
@@ -106,16 +106,16 @@ TEST_F(GainMethodsTest, AGainOnMuteTakesThePathFirst) {
     EXPECT_EQ(Call("ApplyGainOnMute", g_variant_new("(ii)", 1, 40)), "(0,)");
     EXPECT_THAT(OfRequest(), ElementsAre("_OnApplyGainOnMute: I Apply GainOnMute path:1 gain:40",
                                          "_OnApplyGainOnMute: I Done Apply GainOnMute:40. ret:0"));
-    EXPECT_THAT(seam.GainWrites(), ElementsAre(MainGain(40)));
+    EXPECT_THAT(journal.Gains().Texts(), ElementsAre(MainGain(40)));
     EXPECT_EQ(Call("ApplyGainOnMute", g_variant_new("(ii)", 2, 30)), "(0,)");
-    EXPECT_THAT(seam.GainWrites(), ElementsAre(MainGain(40), SubGain(30)));
+    EXPECT_THAT(journal.Gains().Texts(), ElementsAre(MainGain(40), SubGain(30)));
 }
 
 TEST_F(GainMethodsTest, AGainIsPassedOnUnchecked) {
     EXPECT_EQ(Call("ApplyGainOnMute", g_variant_new("(ii)", 3, -40)), "(0,)");
     EXPECT_THAT(OfRequest(), ElementsAre("_OnApplyGainOnMute: I Apply GainOnMute path:3 gain:-40",
                                          "_OnApplyGainOnMute: I Done Apply GainOnMute:-40. ret:0"));
-    EXPECT_THAT(seam.GainWrites(), ElementsAre(MainGain(-40), SubGain(-40)));
+    EXPECT_THAT(journal.Gains().Texts(), ElementsAre(MainGain(-40), SubGain(-40)));
     EXPECT_EQ(Call("ApplyGainOnMute", g_variant_new("(ii)", 3, 101)), "(0,)");
     EXPECT_EQ(seam.MainGainValue(), -40) << "the gain controller's to refuse";
     EXPECT_EQ(Call("ApplyGainOnMute", g_variant_new("(ii)", 40, 1)), "(-2,)");
@@ -128,7 +128,7 @@ TEST_F(GainMethodsTest, AGainOnMuteIsNotForcedThroughOnTheMultiOutputRoute) {
     EXPECT_THAT(OfRequest(), ElementsAre("_OnApplyGainOnMute: I Apply GainOnMute path:3 gain:40",
                                          "_IsFadeInAvailable: E Multi-output Audio, do not apply fade.",
                                          "_OnApplyGainOnMute: I Done Apply GainOnMute:40. ret:0"));
-    EXPECT_THAT(seam.GainWrites(), IsEmpty());
+    EXPECT_THAT(journal.Gains().Texts(), IsEmpty());
 }
 
 TEST_F(GainMethodsTest, AResetBringsThePlayerGainToFullWhateverItIs) {
@@ -137,10 +137,10 @@ TEST_F(GainMethodsTest, AResetBringsThePlayerGainToFullWhateverItIs) {
     EXPECT_EQ(Call("ResetPlayerGain", g_variant_new("(i)", 1)), "(0,)");
     EXPECT_THAT(OfRequest(), ElementsAre("_OnResetPlayerGain: I Reset PlayerGain. path:1",
                                          "_OnResetPlayerGain: I Done Reset PlayerGain:MAX. ret:0"));
-    EXPECT_THAT(seam.GainWrites(), ElementsAre(MainGain(100)));
+    EXPECT_THAT(journal.Gains().Texts(), ElementsAre(MainGain(100)));
     seam.Clear();
     EXPECT_EQ(Call("ResetPlayerGain", g_variant_new("(i)", 1)), "(0,)");
-    EXPECT_THAT(seam.GainWrites(), IsEmpty());
+    EXPECT_THAT(journal.Gains().Texts(), IsEmpty());
 }
 
 TEST_F(GainMethodsTest, AFailedWriteIsTheStatusOfAReset) {
@@ -157,8 +157,8 @@ TEST_F(GainMethodsTest, APulseGainSetAtOnceReachesBothOutputs) {
     EXPECT_THAT(OfRequest(),
                 ElementsAre("_OnApplyPulseAudioGain: I Apply PulseAudioGain 50, duration 0",
                             "_OnApplyPulseAudioGain: I Done Apply PulseAudioGain 50, duration 0. ret:0"));
-    EXPECT_TRUE(seam.WaitForGainWrite(MainGain(50)));
-    EXPECT_TRUE(seam.WaitForGainWrite(SubGain(50)));
+    EXPECT_TRUE(journal.With(MainGain(50)).Wait());
+    EXPECT_TRUE(journal.With(SubGain(50)).Wait());
 }
 
 TEST_F(GainMethodsTest, APulseGainWithADurationRampsToIt) {
@@ -166,9 +166,9 @@ TEST_F(GainMethodsTest, APulseGainWithADurationRampsToIt) {
     EXPECT_THAT(OfRequest(),
                 ElementsAre("_OnApplyPulseAudioGain: I Apply PulseAudioGain 50, duration 100",
                             "_OnApplyPulseAudioGain: I Done Apply PulseAudioGain 50, duration 100. ret:0"));
-    EXPECT_TRUE(seam.WaitForLog("I startVolume:100, remainCount:10, timeout:10"));
-    EXPECT_TRUE(seam.WaitForLog("I Remain[0]. gain:50"));
-    EXPECT_TRUE(seam.WaitForGainWrite(MainGain(50)));
+    EXPECT_TRUE(journal.With("I startVolume:100, remainCount:10, timeout:10").Wait());
+    EXPECT_TRUE(journal.With("I Remain[0]. gain:50").Wait());
+    EXPECT_TRUE(journal.With(MainGain(50)).Wait());
 }
 
 TEST_F(GainMethodsTest, APulseSignalOfAnotherTypeActsOnNothing) {
@@ -179,7 +179,7 @@ TEST_F(GainMethodsTest, APulseSignalOfAnotherTypeActsOnNothing) {
                             "expected (ii), got (is)",
                             "_OnApplyPulseAudioGain: E Invalid parameters of signal ApplyPulseAudioGain: "
                             "expected (ii), got ()"));
-    EXPECT_EQ(seam.Count("I Wake PulseRampH"), 0);
+    EXPECT_EQ(journal.With("I Wake PulseRampH").Count(), 0);
 }
 
 }  // namespace

@@ -70,12 +70,12 @@ TEST_F(GainPopupTest, TheMessageNamesTheWorkerAndIsABroadcast) {
                                       "('Gain Source:UnMuteSubOutH" + after + "',)"));
     seam.Clear();
     KVAudioGainHandler::SendPopupMsg(NKavrel::GAIN_HANDLER_UNMUTE_SUB_OUT, Seconds(1.5));
-    EXPECT_THAT(seam.Journal(),
+    EXPECT_THAT(journal.Texts(),
                 ElementsAre("I MSG :Gain Source:UnMuteSubOutH" + after, "I Signal 'PopupNoti'",
                             "g_dbus_connection_emit_signal(*, /Org/Olvane/KVPopupNoti, "
                             "org.olvane.kv_popupnoti.PopupNoti, ('Gain Source:UnMuteSubOutH" +
                                 after + "',))"));
-    EXPECT_EQ(seam.Find("I MSG :Gain Source:UnMuteSubOutH" + after)->site.function, "SendPopupMsg");
+    EXPECT_EQ(journal.With("I MSG :Gain Source:UnMuteSubOutH" + after).Function(), "SendPopupMsg");
 }
 
 TEST_F(GainPopupTest, LessThanHalfASecondIsNotAnnounced) {
@@ -83,7 +83,7 @@ TEST_F(GainPopupTest, LessThanHalfASecondIsNotAnnounced) {
     for (const double seconds : {0.4, 0.4999999, 0.0, -3.0}) {
         KVAudioGainHandler::SendPopupMsg(NKavrel::GAIN_HANDLER_PLAYER_MAIN_OUT, Seconds(seconds));
     }
-    EXPECT_THAT(seam.Journal(),
+    EXPECT_THAT(journal.Texts(),
                 ElementsAre("E Time(0.400000) is under (0.500000)", "E Time(0.500000) is under (0.500000)",
                             "E Time(0.000000) is under (0.500000)", "E Time(-3.000000) is under (0.500000)"));
     EXPECT_THAT(Bodies(), IsEmpty());
@@ -99,7 +99,7 @@ TEST_F(GainPopupTest, AFinishedFadeIsAnnouncedWithItsMeasuredDurationByItsWorker
     ASSERT_THAT(bodies[0], testing::StartsWith(before));
     EXPECT_GE(std::strtod(bodies[0].c_str() + before.size(), nullptr), 1.5);
     const std::string message = bodies[0].substr(2, bodies[0].size() - 5);
-    EXPECT_EQ(Find("PlayerMainOutH", "I MSG :" + message).site.function, "SendPopupMsg");
+    EXPECT_EQ(journal.Of("PlayerMainOutH").With("I MSG :" + message).Function(), "SendPopupMsg");
 }
 
 TEST_F(GainPopupTest, AShortFadeAndOneWithoutTheEventAreNotAnnounced) {
@@ -117,10 +117,10 @@ TEST_F(GainPopupTest, APopupThatTheBusRefusesEndsTheFadeLikeAnyOther) {
     seam.Fail("g_dbus_connection_emit_signal", gio::REFUSED);
     gain->_ApplyAudioGain(NKavrel::GAIN_HANDLER_PLAYER_SUB_OUT, 2, 60, false);
     ASSERT_TRUE(Rest());
-    EXPECT_EQ(
-        Find("PlayerSubOutH", "E g_dbus_connection_emit_signal 'PopupNoti' Failed (refused by the test)")
-            .site.function,
-        "DbusEmitSignal");
+    EXPECT_EQ(journal.Of("PlayerSubOutH")
+                  .With("E g_dbus_connection_emit_signal 'PopupNoti' Failed (refused by the test)")
+                  .Function(),
+              "DbusEmitSignal");
     EXPECT_EQ(Gain(NKavrel::GAIN_HANDLER_PLAYER_SUB_OUT), 100);
     EXPECT_THAT(Bodies(), IsEmpty());
 }

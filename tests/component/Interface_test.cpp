@@ -41,7 +41,7 @@ protected:
         Emit("BudsConnected", g_variant_new("(i)", 1));
     }
     std::vector<std::string> Requests() {
-        auto lines = Log();
+        auto lines = MainLoop().Logs().Lines();
         std::erase_if(lines, [](const std::string& line) { return line.find("Start sender") == line.npos; });
         return lines;
     }
@@ -160,7 +160,7 @@ TEST_F(InterfaceTest, ChangesAreBroadcastFromTheObjectWithTheirTypes) {
     client.Listen(OBJECT_PATH, INTERFACE);
     Call("SetSpeakerVolume", g_variant_new("(i)", 30));
     Call("SetSpeakerMute", g_variant_new("(b)", TRUE));
-    EXPECT_THAT(seam.Calls("g_dbus_connection_emit_signal"),
+    EXPECT_THAT(journal.Calls("g_dbus_connection_emit_signal").Texts(),
                 ElementsAre("g_dbus_connection_emit_signal(*, /Org/Olvane/KavrelInternal, "
                             "org.olvane.kavrel.SpeakerVolumeChanged, (65535, 30))",
                             "g_dbus_connection_emit_signal(*, /Org/Olvane/KavrelInternal, "
@@ -182,7 +182,7 @@ TEST_F(InterfaceTest, TheChangeRequestIsBroadcastOnThePublicPath) {
     EXPECT_EQ(signals[1].name, "SpeakerChangeRequest");
     EXPECT_EQ(signals[1].path, PUBLIC_PATH);
     EXPECT_EQ(signals[1].body, "(0, 1)");
-    EXPECT_THAT(seam.Calls("g_dbus_connection_emit_signal"),
+    EXPECT_THAT(journal.Calls("g_dbus_connection_emit_signal").Texts(),
                 ElementsAre("g_dbus_connection_emit_signal(*, /Org/Olvane/Kavrel, "
                             "org.olvane.kavrel.SpeakerChangeRequest, (0, 1))"));
 }
@@ -190,16 +190,17 @@ TEST_F(InterfaceTest, TheChangeRequestIsBroadcastOnThePublicPath) {
 TEST_F(InterfaceTest, TheServiceHearsItsOwnChangeRequestAndDropsIt) {
     Emit("BudsDisconnected", g_variant_new("(i)", 0));
     daemon->WaitUntilIdle();
-    EXPECT_THAT(Log(), HasInOrder({"_OnBudsDisconnected: I Buds disconnected. Connect to previous(type:0)",
-                                   "OnSignal: E Not matched signal:SpeakerChangeRequest"}));
+    EXPECT_THAT(MainLoop().Logs().Lines(),
+                HasInOrder({"_OnBudsDisconnected: I Buds disconnected. Connect to previous(type:0)",
+                            "OnSignal: E Not matched signal:SpeakerChangeRequest"}));
 }
 
 TEST_F(InterfaceTest, OtherMembersOfThePublicPathAreLoggedAndChangeNothing) {
     for (const char* member : {"SpeakerChangeRequest", "SpeakerVolumeChanged", "budsdisconnected", "X"}) {
         seam.Clear();
         Emit(member, g_variant_new("(ii)", 2, 1));
-        EXPECT_THAT(Journal(), ElementsAre(StartLine("signal", member), CallerLine(),
-                                           std::string("OnSignal: E Not matched signal:") + member));
+        EXPECT_THAT(MainLoop().Lines(), ElementsAre(StartLine("signal", member), CallerLine(),
+                                                    std::string("OnSignal: E Not matched signal:") + member));
     }
 }
 
@@ -224,7 +225,7 @@ TEST_F(InterfaceTest, SignalsOfAnySenderAreHandled) {
     const fake::BusClient another;
     another.Emit(PUBLIC_PATH, INTERFACE, "BudsConnected", g_variant_new("(i)", 7));
     daemon->WaitUntilIdle();
-    EXPECT_THAT(Log(), Contains("_OnBudsConnected: I Buds Connected. reason:7"));
+    EXPECT_THAT(MainLoop().Logs().Lines(), Contains("_OnBudsConnected: I Buds Connected. reason:7"));
 }
 
 TEST_F(InterfaceTest, AMuteStateTravelsAsABooleanToTheServiceAndAsANumberFromIt) {

@@ -65,6 +65,7 @@ protected:
     }
 
     fake::FakeSeam& seam = fake::FakeSeam::Get();
+    fake::Journal& journal = seam.journal;
     NKavrel::VolumeControlImpl control;
     NKavrel::KVDbusEventHandler handler;
 };
@@ -74,14 +75,14 @@ protected:
 TEST_F(KVDbusEventHandlerTest, InitFillsTheMethodsThenTheSignals) {
     NKavrel::KVDbusEventHandler another;
     another.Init();
-    EXPECT_THAT(Lines(), ElementsAre("_AddMedthodCallEvents: I Add 9 events",
-                                     "_AddSignalEvents: I Add 4 signal events"));
+    EXPECT_THAT(journal.Here().Lines(), ElementsAre("_AddMedthodCallEvents: I Add 9 events",
+                                                    "_AddSignalEvents: I Add 4 signal events"));
 }
 
 TEST_F(KVDbusEventHandlerTest, AnotherInitKeepsWhatIsThere) {
     handler.Init();
-    EXPECT_THAT(Lines(), ElementsAre("_AddMedthodCallEvents: I Add 9 events",
-                                     "_AddSignalEvents: I Add 4 signal events"));
+    EXPECT_THAT(journal.Here().Lines(), ElementsAre("_AddMedthodCallEvents: I Add 9 events",
+                                                    "_AddSignalEvents: I Add 4 signal events"));
     EXPECT_EQ(CallWith(GETTERS[1], nullptr, &control), "(10, 0)");
 }
 
@@ -89,28 +90,29 @@ TEST_F(KVDbusEventHandlerTest, BeforeInitNothingIsKnown) {
     NKavrel::KVDbusEventHandler empty;
     empty.OnMethodCall("GetSpeakerVolume", nullptr, nullptr, &control);
     empty.OnSignal("BudsConnected", nullptr, &control);
-    EXPECT_THAT(Lines(), ElementsAre("OnMethodCall: E Not matched methodCall:GetSpeakerVolume",
-                                     "OnSignal: E Not matched signal:BudsConnected"));
+    EXPECT_THAT(journal.Here().Lines(), ElementsAre("OnMethodCall: E Not matched methodCall:GetSpeakerVolume",
+                                                    "OnSignal: E Not matched signal:BudsConnected"));
 }
 
 TEST_F(KVDbusEventHandlerTest, AfterDeinitNothingIsKnownAndInitFillsAgain) {
     handler.Deinit();
     handler.OnSignal("BudsConnected", nullptr, &control);
-    EXPECT_THAT(Lines(), ElementsAre("OnSignal: E Not matched signal:BudsConnected"));
+    EXPECT_THAT(journal.Here().Lines(), ElementsAre("OnSignal: E Not matched signal:BudsConnected"));
     EXPECT_EQ(CallWith(GETTERS[1], nullptr, &control), "no reply");
-    EXPECT_THAT(LogLines(), ElementsAre("OnMethodCall: E Not matched methodCall:GetSpeakerVolume"));
+    EXPECT_THAT(journal.Here().Logs().Lines(),
+                ElementsAre("OnMethodCall: E Not matched methodCall:GetSpeakerVolume"));
     seam.Clear();
     handler.Init();
-    EXPECT_THAT(Lines(), ElementsAre("_AddMedthodCallEvents: I Add 9 events",
-                                     "_AddSignalEvents: I Add 4 signal events"));
+    EXPECT_THAT(journal.Here().Lines(), ElementsAre("_AddMedthodCallEvents: I Add 9 events",
+                                                    "_AddSignalEvents: I Add 4 signal events"));
 }
 
 TEST_F(KVDbusEventHandlerTest, TheDestructorCallsNoDeinit) {
     auto another = std::make_unique<NKavrel::KVDbusEventHandler>();
     seam.Clear();
     another.reset();
-    EXPECT_THAT(seam.Trace(), ElementsAre("[IN]NKavrel::KVDbusEventHandler::~KVDbusEventHandler()",
-                                          "[OUT]NKavrel::KVDbusEventHandler::~KVDbusEventHandler()"));
+    EXPECT_THAT(journal.Traces().Names(), ElementsAre("[IN]KVDbusEventHandler::~KVDbusEventHandler",
+                                                      "[OUT]KVDbusEventHandler::~KVDbusEventHandler"));
 }
 
 TEST_F(KVDbusEventHandlerTest, NamesAreMatchedExactly) {
@@ -120,13 +122,15 @@ TEST_F(KVDbusEventHandlerTest, NamesAreMatchedExactly) {
         seam.Clear();
         handler.OnMethodCall(name, nullptr, call.Invocation(), &control);
         EXPECT_EQ(call.Answer(), "no reply") << name;
-        EXPECT_THAT(LogLines(), ElementsAre("OnMethodCall: E Not matched methodCall:" + std::string(name)));
+        EXPECT_THAT(journal.Here().Logs().Lines(),
+                    ElementsAre("OnMethodCall: E Not matched methodCall:" + std::string(name)));
     }
     const auto parameters = gio::Parsed("(1,)");
     for (const char* name : {"budsconnected", "BudsConnecte", "BudsConnectedX", "", "GetSpeakerVolume"}) {
         seam.Clear();
         handler.OnSignal(name, parameters.get(), &control);
-        EXPECT_THAT(Lines(), ElementsAre("OnSignal: E Not matched signal:" + std::string(name)));
+        EXPECT_THAT(journal.Here().Lines(),
+                    ElementsAre("OnSignal: E Not matched signal:" + std::string(name)));
     }
 }
 
@@ -142,7 +146,7 @@ TEST_F(KVDbusEventHandlerTest, GettersNeedNoParameters) {
 TEST_F(KVDbusEventHandlerTest, GettersWithoutUserDataDoNotAnswer) {
     for (const HandledMember& method : GETTERS) {
         EXPECT_EQ(CallWith(method, nullptr, nullptr), "no reply") << method.name;
-        EXPECT_THAT(LogLines(), ElementsAre(Said(method, NO_USER_DATA)));
+        EXPECT_THAT(journal.Here().Logs().Lines(), ElementsAre(Said(method, NO_USER_DATA)));
     }
 }
 
@@ -150,11 +154,11 @@ TEST_F(KVDbusEventHandlerTest, VolumeSettersLookAtTheUserDataFirst) {
     for (const HandledMember& method : SETTERS) {
         const auto parameters = gio::Parsed(method.arguments);
         EXPECT_EQ(CallWith(method, nullptr, nullptr), "no reply");
-        EXPECT_THAT(LogLines(), ElementsAre(Said(method, NO_USER_DATA)));
+        EXPECT_THAT(journal.Here().Logs().Lines(), ElementsAre(Said(method, NO_USER_DATA)));
         EXPECT_EQ(CallWith(method, parameters.get(), nullptr), "no reply");
-        EXPECT_THAT(LogLines(), ElementsAre(Said(method, NO_USER_DATA)));
+        EXPECT_THAT(journal.Here().Logs().Lines(), ElementsAre(Said(method, NO_USER_DATA)));
         EXPECT_EQ(CallWith(method, nullptr, &control), "no reply");
-        EXPECT_THAT(LogLines(), ElementsAre(Said(method, NO_PARAMETERS)));
+        EXPECT_THAT(journal.Here().Logs().Lines(), ElementsAre(Said(method, NO_PARAMETERS)));
     }
     EXPECT_EQ(seam.Volume(), 10);
     EXPECT_FALSE(seam.Mute());
@@ -164,13 +168,13 @@ TEST_F(KVDbusEventHandlerTest, GainMethodsLookAtTheParametersFirst) {
     for (const HandledMember& method : GAIN_METHODS) {
         const auto parameters = gio::Parsed(method.arguments);
         EXPECT_EQ(CallWith(method, nullptr, nullptr), "no reply");
-        EXPECT_THAT(LogLines(), ElementsAre(Said(method, NO_PARAMETERS)));
+        EXPECT_THAT(journal.Here().Logs().Lines(), ElementsAre(Said(method, NO_PARAMETERS)));
         EXPECT_EQ(CallWith(method, nullptr, &control), "no reply");
-        EXPECT_THAT(LogLines(), ElementsAre(Said(method, NO_PARAMETERS)));
+        EXPECT_THAT(journal.Here().Logs().Lines(), ElementsAre(Said(method, NO_PARAMETERS)));
         EXPECT_EQ(CallWith(method, parameters.get(), nullptr), "no reply");
-        EXPECT_THAT(LogLines(), ElementsAre(Said(method, NO_USER_DATA)));
+        EXPECT_THAT(journal.Here().Logs().Lines(), ElementsAre(Said(method, NO_USER_DATA)));
     }
-    EXPECT_THAT(seam.GainWrites(), IsEmpty());
+    EXPECT_THAT(journal.Gains().Texts(), IsEmpty());
 }
 
 TEST_F(KVDbusEventHandlerTest, SignalsLookAtTheParametersFirstAndHaveNoEffect) {
@@ -180,8 +184,9 @@ TEST_F(KVDbusEventHandlerTest, SignalsLookAtTheParametersFirstAndHaveNoEffect) {
         handler.OnSignal(signal.name, nullptr, nullptr);
         handler.OnSignal(signal.name, nullptr, &control);
         handler.OnSignal(signal.name, parameters.get(), nullptr);
-        EXPECT_THAT(Lines(), ElementsAre(Said(signal, NO_PARAMETERS), Said(signal, NO_PARAMETERS),
-                                         Said(signal, NO_USER_DATA)));
+        EXPECT_THAT(journal.Here().Lines(),
+                    ElementsAre(Said(signal, NO_PARAMETERS), Said(signal, NO_PARAMETERS),
+                                Said(signal, NO_USER_DATA)));
     }
     EXPECT_FALSE(control.GetMuteOnSpkChanged());
 }
@@ -195,7 +200,7 @@ TEST_F(KVDbusEventHandlerTest, ASignalOfAnotherTypeIsDroppedWithBothTypesNamed) 
             seam.Clear();
             handler.OnSignal(SIGNALS[i].name, parameters.get(), &control);
             EXPECT_THAT(
-                Lines(),
+                journal.Here().Lines(),
                 ElementsAre(Said(SIGNALS[i], std::string("E Invalid parameters of signal ") +
                                                  SIGNALS[i].name + ": expected " + expected[i] + ", got " +
                                                  g_variant_get_type_string(parameters.get()))));
@@ -209,7 +214,7 @@ TEST_F(KVDbusEventHandlerTest, TheNullChecksOfASignalComeBeforeItsType) {
     for (const HandledMember& signal : SIGNALS) {
         seam.Clear();
         handler.OnSignal(signal.name, wrong.get(), nullptr);
-        EXPECT_THAT(Lines(), ElementsAre(Said(signal, NO_USER_DATA)));
+        EXPECT_THAT(journal.Here().Lines(), ElementsAre(Said(signal, NO_USER_DATA)));
     }
 }
 

@@ -73,6 +73,7 @@ protected:
     }
 
     fake::FakeSeam& seam = fake::FakeSeam::Get();
+    fake::Journal& journal = seam.journal;
     fake::BusClient client;
     KVDbusSender tracker;
 };
@@ -82,13 +83,14 @@ protected:
 TEST_F(KVDbusSenderTest, ANewCallerIsLookedUpWhenTheLoopIsIdleAndKnownFromThenOn) {
     const std::string caller = client.Name() + '/' + ProgramName();
     tracker.Print(client.Name());
-    EXPECT_THAT(Lines(), IsEmpty());
+    EXPECT_THAT(journal.Here().Lines(), IsEmpty());
     Idle();
-    EXPECT_THAT(Lines(), ElementsAre(PidCall(client.Name()),
-                                     "UpdateSenderLists: I Called by [" + caller + "] size:1"));
+    EXPECT_THAT(
+        journal.Here().Lines(),
+        ElementsAre(PidCall(client.Name()), "UpdateSenderLists: I Called by [" + caller + "] size:1"));
     seam.Clear();
     tracker.Print(client.Name());
-    EXPECT_THAT(Lines(), ElementsAre("Print: I Called by [" + caller + ']'));
+    EXPECT_THAT(journal.Here().Lines(), ElementsAre("Print: I Called by [" + caller + ']'));
 }
 
 TEST_F(KVDbusSenderTest, ACallerSeenTwiceBeforeTheLoopIsIdleIsLookedUpTwice) {
@@ -97,7 +99,7 @@ TEST_F(KVDbusSenderTest, ACallerSeenTwiceBeforeTheLoopIsIdleIsLookedUpTwice) {
     tracker.Print(client.Name());
     Idle();
     EXPECT_THAT(
-        Lines(),
+        journal.Here().Lines(),
         ElementsAre(PidCall(client.Name()), "UpdateSenderLists: I Called by [" + caller + "] size:1",
                     PidCall(client.Name()), "UpdateSenderLists: I Called by [" + caller + "] size:1"));
 }
@@ -106,20 +108,20 @@ TEST_F(KVDbusSenderTest, CallersAreLookedUpInTheOrderOfTheirRequestsOneForEachId
     tracker.Print(":9.1");
     tracker.Print(":9.2");
     EXPECT_EQ(KVDbusSender::UpdateSenderLists(&tracker), FALSE);
-    EXPECT_THAT(LogLines(), ElementsAre("UpdateSenderLists: I Called by [:9.1/] size:1"));
+    EXPECT_THAT(journal.Here().Logs().Lines(), ElementsAre("UpdateSenderLists: I Called by [:9.1/] size:1"));
     Idle();
-    EXPECT_THAT(LogLines(), ElementsAre("UpdateSenderLists: I Called by [:9.1/] size:1",
-                                        "UpdateSenderLists: I Called by [:9.2/] size:2"));
+    EXPECT_THAT(journal.Here().Logs().Lines(), ElementsAre("UpdateSenderLists: I Called by [:9.1/] size:1",
+                                                           "UpdateSenderLists: I Called by [:9.2/] size:2"));
 }
 
 TEST_F(KVDbusSenderTest, ALookUpWithNothingPendingIsSilent) {
     EXPECT_EQ(KVDbusSender::UpdateSenderLists(&tracker), FALSE);
-    EXPECT_THAT(Lines(), IsEmpty());
+    EXPECT_THAT(journal.Here().Lines(), IsEmpty());
 }
 
 TEST_F(KVDbusSenderTest, ALookUpWithoutATrackerIsRefused) {
     EXPECT_EQ(KVDbusSender::UpdateSenderLists(nullptr), FALSE);
-    EXPECT_THAT(Lines(), ElementsAre("UpdateSenderLists: E Data is Null"));
+    EXPECT_THAT(journal.Here().Lines(), ElementsAre("UpdateSenderLists: E Data is Null"));
 }
 
 TEST_F(KVDbusSenderTest, OnlyANameWithoutAnEntryIsNew) {
@@ -129,7 +131,7 @@ TEST_F(KVDbusSenderTest, OnlyANameWithoutAnEntryIsNew) {
     Idle();
     EXPECT_FALSE(tracker.IsNewSender(client.Name()));
     EXPECT_TRUE(tracker.IsNewSender(client.Name() + '0'));
-    EXPECT_THAT(LogLines(), testing::SizeIs(1));
+    EXPECT_THAT(journal.Here().Logs().Lines(), testing::SizeIs(1));
 }
 
 TEST_F(KVDbusSenderTest, WhileTheKnownCallersAreBusyEveryCallerIsNewAtOnce) {
@@ -145,7 +147,7 @@ TEST_F(KVDbusSenderTest, WhileTheKnownCallersAreBusyEveryCallerIsNewAtOnce) {
     SeeOnce(":9.1");
     EXPECT_TRUE(isNew);
     EXPECT_FALSE(tracker.IsNewSender(client.Name()));
-    EXPECT_EQ(seam.Count("I Called by [" + client.Name() + '/' + ProgramName() + "] size:2"), 1)
+    EXPECT_EQ(journal.With("I Called by [" + client.Name() + '/' + ProgramName() + "] size:2").Count(), 1)
         << "queued a second time, looked up again";
 }
 
@@ -153,15 +155,15 @@ TEST_F(KVDbusSenderTest, TheFiftyFirstCallerDropsAllOthers) {
     for (int i = 1; i <= 50; ++i) {
         SeeOnce(":9." + std::to_string(i));
     }
-    EXPECT_EQ(seam.Count("I Called by [:9.50/] size:50"), 1);
+    EXPECT_EQ(journal.With("I Called by [:9.50/] size:50").Count(), 1);
     EXPECT_FALSE(tracker.IsNewSender(":9.1"));
     SeeOnce(":9.51");
-    EXPECT_EQ(seam.Count("I Called by [:9.51/] size:1"), 1);
+    EXPECT_EQ(journal.With("I Called by [:9.51/] size:1").Count(), 1);
     EXPECT_FALSE(tracker.IsNewSender(":9.51"));
     EXPECT_TRUE(tracker.IsNewSender(":9.1"));
     EXPECT_TRUE(tracker.IsNewSender(":9.50"));
     SeeOnce(":9.1");
-    EXPECT_EQ(seam.Count("I Called by [:9.1/] size:2"), 1);
+    EXPECT_EQ(journal.With("I Called by [:9.1/] size:2").Count(), 1);
 }
 
 TEST_F(KVDbusSenderTest, ARepeatedLookUpOfAKnownCallerDropsAllOthersTooWhenFull) {
@@ -171,8 +173,8 @@ TEST_F(KVDbusSenderTest, ARepeatedLookUpOfAKnownCallerDropsAllOthersTooWhenFull)
     tracker.Print(":9.50");
     tracker.Print(":9.50");
     Idle();
-    EXPECT_EQ(seam.Count("I Called by [:9.50/] size:50"), 1);
-    EXPECT_EQ(seam.Count("I Called by [:9.50/] size:1"), 1);
+    EXPECT_EQ(journal.With("I Called by [:9.50/] size:50").Count(), 1);
+    EXPECT_EQ(journal.With("I Called by [:9.50/] size:1").Count(), 1);
     EXPECT_TRUE(tracker.IsNewSender(":9.1"));
 }
 
@@ -182,32 +184,34 @@ TEST_F(KVDbusSenderTest, ACallerThatIsGoneBeforeItsLookUpHasNoProgramAndIsNotLoo
     tracker.Print(name);
     gone.reset();
     Idle();
-    EXPECT_THAT(Lines(), ElementsAre(PidCall(name), "UpdateSenderLists: I Called by [" + name + "/] size:1"));
+    EXPECT_THAT(journal.Here().Lines(),
+                ElementsAre(PidCall(name), "UpdateSenderLists: I Called by [" + name + "/] size:1"));
     seam.Clear();
     tracker.Print(name);
     Idle();
-    EXPECT_THAT(Lines(), ElementsAre("Print: I Called by [" + name + "/]"));
+    EXPECT_THAT(journal.Here().Lines(), ElementsAre("Print: I Called by [" + name + "/]"));
 }
 
 // Process ids.
 
 TEST_F(KVDbusSenderTest, TheProcessIdOfAConnectionIsItsProcesss) {
     EXPECT_EQ(tracker.GetConnectionPID(client.Name()), static_cast<unsigned int>(getpid()));
-    EXPECT_THAT(Lines(), ElementsAre(PidCall(client.Name())));
+    EXPECT_THAT(journal.Here().Lines(), ElementsAre(PidCall(client.Name())));
 }
 
 TEST_F(KVDbusSenderTest, AnUnknownConnectionHasNoProcessIdAndThatIsNotLogged) {
     for (const char* name : {":9.1", "", "no.such.name", "not a name"}) {
         EXPECT_EQ(tracker.GetConnectionPID(name), 0U);
     }
-    EXPECT_THAT(LogLines(), IsEmpty());
+    EXPECT_THAT(journal.Here().Logs().Lines(), IsEmpty());
 }
 
 TEST_F(KVDbusSenderTest, AReplyOfAnotherTypeIsNoProcessId) {
     gio::ReplyToNextCall(g_variant_new("(s)", "1"));
     EXPECT_EQ(tracker.GetConnectionPID(client.Name()), 0U);
-    EXPECT_THAT(LogLines(), ElementsAre("GetConnectionPID: E Invalid reply to GetConnectionUnixProcessID: "
-                                        "expected (u), got (s)"));
+    EXPECT_THAT(journal.Here().Logs().Lines(),
+                ElementsAre("GetConnectionPID: E Invalid reply to GetConnectionUnixProcessID: "
+                            "expected (u), got (s)"));
 }
 
 TEST_F(KVDbusSenderTest, AProcessIdMayFillItsType) {
@@ -219,13 +223,13 @@ TEST_F(KVDbusSenderTest, AProcessIdMayFillItsType) {
 
 TEST_F(KVDbusSenderTest, NoProcessHasNoProgram) {
     EXPECT_EQ(tracker.GetSenderNameByPID(0), "");
-    EXPECT_THAT(Lines(), IsEmpty());
+    EXPECT_THAT(journal.Here().Lines(), IsEmpty());
 }
 
 TEST_F(KVDbusSenderTest, AProcessThatIsGoneIsLoggedWithThePathAndTheCause) {
     EXPECT_EQ(tracker.GetSenderNameByPID(4294967295U), "");
-    EXPECT_THAT(Lines(), ElementsAre("GetSenderNameByPID: W Failed to open "
-                                     "cmdLine(4294967295,/proc/4294967295/cmdline) : 2"));
+    EXPECT_THAT(journal.Here().Lines(), ElementsAre("GetSenderNameByPID: W Failed to open "
+                                                    "cmdLine(4294967295,/proc/4294967295/cmdline) : 2"));
 }
 
 TEST_F(KVDbusSenderTest, AProgramIsTheBaseNameOfTheFirstArgument) {
@@ -235,7 +239,7 @@ TEST_F(KVDbusSenderTest, AProgramIsTheBaseNameOfTheFirstArgument) {
     EXPECT_EQ(NameOf("/"), "");
     EXPECT_EQ(NameOf("/opt/player/"), "");
     EXPECT_EQ(NameOf(""), "");
-    EXPECT_THAT(Lines(), IsEmpty());
+    EXPECT_THAT(journal.Here().Lines(), IsEmpty());
 }
 
 TEST_F(KVDbusSenderTest, AFirstArgumentIsCutAtItsFirstSpaceBeforeItsBaseNameIsTaken) {
@@ -252,7 +256,7 @@ TEST_F(KVDbusSenderTest, OnlyTheFirst255CharactersCount) {
     EXPECT_EQ(NameOf(folder + std::string(500, 'p')), std::string(54, 'p'));
     EXPECT_EQ(NameOf('/' + std::string(300, 'f') + "/player"), std::string(254, 'f'));
     EXPECT_EQ(NameOf(folder + std::string(53, 'p') + " x"), std::string(53, 'p'));
-    EXPECT_THAT(Lines(), IsEmpty());
+    EXPECT_THAT(journal.Here().Lines(), IsEmpty());
 }
 
 TEST_F(KVDbusSenderTest, AProcessWithoutACommandLineHasNoProgram) {
@@ -263,7 +267,7 @@ TEST_F(KVDbusSenderTest, AProcessWithoutACommandLineHasNoProgram) {
     siginfo_t ended = {};
     ASSERT_EQ(waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOWAIT), 0);
     EXPECT_EQ(tracker.GetSenderNameByPID(static_cast<unsigned int>(child)), "");
-    EXPECT_THAT(Lines(), IsEmpty());
+    EXPECT_THAT(journal.Here().Lines(), IsEmpty());
     waitpid(child, nullptr, 0);
 }
 
@@ -277,7 +281,7 @@ TEST_F(KVDbusSenderOfTheDaemonTest, ANewCallersRequestIsServedBeforeItsLookUp) {
     EXPECT_EQ(Call("GetSpeakerVolume"), "(10, 0)");
     daemon->WaitUntilIdle();
     EXPECT_THAT(
-        Journal(),
+        MainLoop().Lines(),
         HasInOrder({StartLine("method", "GetSpeakerVolume"), "audio_get_master_volume()",
                     "g_dbus_method_invocation_return_value((10, 0))", PidCall(client.Name()),
                     "UpdateSenderLists: I Called by [" + client.Name() + '/' + ProgramName() + "] size:1"}));
@@ -289,10 +293,10 @@ TEST_F(KVDbusSenderOfTheDaemonTest, CallersOfMethodsAndSendersOfSignalsAreTracke
     sender.Emit(PUBLIC_PATH, INTERFACE, "BudsConnected", g_variant_new("(i)", 1));
     daemon->WaitUntilIdle();
     const std::string caller = "Called by [" + sender.Name() + '/' + ProgramName() + ']';
-    EXPECT_THAT(Log(), testing::Contains("UpdateSenderLists: I " + caller + " size:2"));
+    EXPECT_THAT(MainLoop().Logs().Lines(), testing::Contains("UpdateSenderLists: I " + caller + " size:2"));
     sender.Emit(PUBLIC_PATH, INTERFACE, "Nothing", nullptr);
     daemon->WaitUntilIdle();
-    EXPECT_THAT(Log(), testing::Contains("Print: I " + caller));
+    EXPECT_THAT(MainLoop().Logs().Lines(), testing::Contains("Print: I " + caller));
 }
 
 }  // namespace

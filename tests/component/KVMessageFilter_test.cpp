@@ -213,7 +213,7 @@ TEST_F(KVMessageFilterTest, ARefusedCallThatWantsNoReplyGetsNone) {
     fake::RunMainContextUntilQuiet();
     EXPECT_FALSE(sender.HasAnswer(serial));
     EXPECT_EQ(std::ranges::count_if(
-                  LogLines(),
+                  journal.Here().Logs().Lines(),
                   [](const std::string& line) { return line.ends_with("method_name:GetSpeakerVolume"); }),
               64);
 }
@@ -234,8 +234,8 @@ TEST_F(KVMessageFilterTest, SixteenThousandOtherMessagesOfOneSenderWait) {
     const guint32 served = another.Send(another.NewCall("SetSpeakerVolume", g_variant_new("(i)", 30)));
     EXPECT_TRUE(fake::RunMainContextUntil([&] { return another.HasAnswer(served); }));
     EXPECT_EQ(another.AnswerTo(served), "reply (0,)");
-    EXPECT_THAT(LogLines(), testing::Contains(HasSubstr("Buds Connected. reason:8191")));
-    EXPECT_THAT(LogLines(), Each(Not(HasSubstr("Buds Connected. reason:-1"))));
+    EXPECT_THAT(journal.Here().Logs().Lines(), testing::Contains(HasSubstr("Buds Connected. reason:8191")));
+    EXPECT_THAT(journal.Here().Logs().Lines(), Each(Not(HasSubstr("Buds Connected. reason:-1"))));
 }
 
 TEST_F(KVMessageFilterTest, WhatGDBusAnswersItselfIsNotCounted) {
@@ -286,10 +286,10 @@ TEST_F(KVMessageFilterTest, AMessageWaitsUntilTheLookUpOfItsCallerHasRun) {
     const auto served = sender.SendGetters(64);
     sender.Ping();
     const auto isServed = [](const std::string& line) { return line.ends_with("state(10), ret:0"); };
-    while (std::ranges::count_if(LogLines(), isServed) < 64) {
+    while (std::ranges::count_if(journal.Here().Logs().Lines(), isServed) < 64) {
         g_main_context_iteration(nullptr, TRUE);  // a look-up, an idle source, comes after all of the calls
     }
-    ASSERT_THAT(LogLines(), Each(Not(HasSubstr("size:")))) << "a look-up has run";
+    ASSERT_THAT(journal.Here().Logs().Lines(), Each(Not(HasSubstr("size:")))) << "a look-up has run";
     ExpectRefused(sender, sender.SendGetters(1).front());
     fake::RunMainContextUntilQuiet();
     ExpectServed(sender, sender.SendGetters(64));
@@ -382,7 +382,7 @@ TEST_F(KVMessageFilterDescriptorTest, ACallWithADescriptorThatWantsNoReplyIsDrop
     EXPECT_TRUE(IsClosed());
     fake::RunMainContextUntilQuiet();
     EXPECT_FALSE(sender.HasAnswer(serial));
-    EXPECT_THAT(LogLines(), Each(Not(HasSubstr("method_name"))));
+    EXPECT_THAT(journal.Here().Logs().Lines(), Each(Not(HasSubstr("method_name"))));
 }
 
 TEST_F(KVMessageFilterDescriptorTest, ASignalWithADescriptorIsDropped) {
@@ -391,7 +391,7 @@ TEST_F(KVMessageFilterDescriptorTest, ASignalWithADescriptorIsDropped) {
     sender.Ping();
     EXPECT_TRUE(IsClosed());
     fake::RunMainContextUntilQuiet();
-    EXPECT_THAT(LogLines(), Each(Not(HasSubstr("BudsConnected"))));
+    EXPECT_THAT(journal.Here().Logs().Lines(), Each(Not(HasSubstr("BudsConnected"))));
 }
 
 TEST_F(KVMessageFilterDescriptorTest, AMessageForAnyOtherObjectLosesItsDescriptorToo) {

@@ -2,6 +2,9 @@
 // SPDX-License-Identifier: MIT
 #include "KVServer.h"
 
+#include <dlfcn.h>
+#include <pthread.h>
+
 #include "DaemonTest.h"
 #include "KVDefine.h"
 
@@ -14,10 +17,34 @@ using testing::Not;
 
 namespace {
 
+constexpr const char* LOCK_IS_BUSY = "pthread_mutex_lock(busy)";
+/** Whether the next lock of this thread that has to wait enters the journal. */
+thread_local bool watchesLocks = false;
+
+}  // namespace
+
+/** Replaces the library's function. */
+extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
+    static auto* const lock =
+        reinterpret_cast<decltype(pthread_mutex_lock)*>(dlsym(RTLD_NEXT, "pthread_mutex_lock"));
+    if (watchesLocks) {
+        if (pthread_mutex_trylock(mutex) == 0) {
+            return 0;
+        }
+        watchesLocks = false;
+        fake::FakeSeam::Get().Enter("pthread_mutex_lock", "busy");
+    }
+    return lock(mutex);
+}
+
+namespace {
+
 const std::string READY = "LwipcEventDone(\"/tmp/.kavrel_ready\")";
 const std::string NOT_READY = "LwipcResetEvent(\"/tmp/.kavrel_ready\")";
 constexpr const char* CONTROL_MADE = "NKavrel::VolumeControlImpl::VolumeControlImpl()";
 constexpr const char* CONTROL_GONE = "NKavrel::VolumeControlImpl::~VolumeControlImpl()";
+constexpr const char* WAIT_FOR_LOCK =
+    "std::unique_lock<std::recursive_mutex> NKavrel::VolumeControlImpl::WaitForLock()";
 constexpr const char* REGISTER =
     "g_dbus_connection_register_object(/Org/Olvane/KavrelInternal, org.olvane.kavrel)";
 constexpr const char* UNREGISTER = "g_dbus_connection_unregister_object()";
@@ -33,7 +60,7 @@ protected:
     std::vector<std::string> StepsOfEnd() {
         seam.Clear();
         server.reset();
-        auto steps = LinesAndScopes();
+        auto steps = journal.Here().AndScopes().Lines();
         std::erase_if(steps, [](const std::string& step) {
             for (const char* kept : {"~", "Deinit()", "g_", "unregister_object"}) {
                 if (step.find(kept) != std::string::npos && step.find("Speaker") == std::string::npos &&
@@ -80,9 +107,8 @@ protected:
 // The constructor and Init.
 
 TEST_F(KVServerTest, ConstructionDoesNothingButTrace) {
-    EXPECT_THAT(Lines(), IsEmpty());
-    EXPECT_THAT(seam.Trace(),
-                ElementsAre("[IN]NKavrel::KVServer::KVServer()", "[OUT]NKavrel::KVServer::KVServer()"));
+    EXPECT_THAT(journal.Here().Lines(), IsEmpty());
+    EXPECT_THAT(journal.Traces().Names(), ElementsAre("[IN]KVServer::KVServer", "[OUT]KVServer::KVServer"));
 }
 
 TEST_F(KVServerTest, InitRequestsTheNameThenCreatesTheVolumeControlThenTrackerAndDispatcher) {
@@ -91,30 +117,29 @@ TEST_F(KVServerTest, InitRequestsTheNameThenCreatesTheVolumeControlThenTrackerAn
         "void NKavrel::VolumeControlImpl::SetEventHandler(const std::string&, const "
         "NKavrel::VolumeEventHandler&)";
     EXPECT_THAT(
-        LinesAndScopes(),
+        journal.Here().AndScopes().Lines(),
         HasInOrder({"bool NKavrel::KVServer::Init()", "g_dbus_node_info_new_for_xml()",
                     "g_bus_own_name(system bus, org.olvane.kavrel, 0)", CONTROL_MADE,
-                    "NKavrel::KVAudioGainHandler::KVAudioGainHandler()",
-                    "std::unique_lock<std::recursive_mutex> NKavrel::VolumeControlImpl::WaitForLock()",
-                    setHandler, setHandler, setHandler, "NKavrel::KVDbusSender::KVDbusSender()",
+                    "NKavrel::KVAudioGainHandler::KVAudioGainHandler()", WAIT_FOR_LOCK, setHandler,
+                    setHandler, setHandler, "NKavrel::KVDbusSender::KVDbusSender()",
                     "NKavrel::KVDbusEventHandler::KVDbusEventHandler()",
                     "void NKavrel::KVDbusEventHandler::Init()", "_AddMedthodCallEvents: I Add 9 events",
                     "_AddSignalEvents: I Add 4 signal events"}));
-    EXPECT_EQ(seam.Count("D \t[IN]NKavrel::VolumeControlImpl::VolumeControlImpl()"), 1);
+    EXPECT_EQ(journal.With("D \t[IN]NKavrel::VolumeControlImpl::VolumeControlImpl()").Count(), 1);
 }
 
 TEST_F(KVServerTest, InitLogsTheIdOfTheNameRequest) {
     seam.Fail("g_bus_own_name", 0);
     EXPECT_TRUE(server->Init());
-    EXPECT_THAT(LogLines(), Contains("Init: I g_bus_own_name return 0"));
+    EXPECT_THAT(journal.Here().Logs().Lines(), Contains("Init: I g_bus_own_name return 0"));
 }
 
 TEST_F(KVServerTest, BusCallbacksRunOnlyWhenTheMainLoopRuns) {
     server->Init();
-    EXPECT_THAT(Lines(), Not(Contains(REGISTER)));
+    EXPECT_THAT(journal.Here().Lines(), Not(Contains(REGISTER)));
     EXPECT_FALSE(seam.Event(READY_EVENT));
     EXPECT_TRUE(fake::RunMainContextUntil([&] { return seam.Event(READY_EVENT); }));
-    EXPECT_THAT(Lines(), HasInOrder({REGISTER, SUBSCRIBE, READY}));
+    EXPECT_THAT(journal.Here().Lines(), HasInOrder({REGISTER, SUBSCRIBE, READY}));
 }
 
 TEST_F(KVServerTest, InitRegistersAListenerForEachOfTheThreeEvents) {
@@ -123,9 +148,10 @@ TEST_F(KVServerTest, InitRegistersAListenerForEachOfTheThreeEvents) {
          {KVDefine::VOLUME_CHANGED, KVDefine::MUTE_CHANGED, KVDefine::SPEAKER_CHANGED}) {
         server->getCurrentSpeaker()->SetEventHandler(event, [](int, int) {});
     }
-    EXPECT_THAT(LogLines(), ElementsAre("SetEventHandler: E Already set VOLUME_CHANGED event handler",
-                                        "SetEventHandler: E Already set MUTE_CHANGED event handler",
-                                        "SetEventHandler: E Already set SPEAKER_CHANGED event handler"));
+    EXPECT_THAT(journal.Here().Logs().Lines(),
+                ElementsAre("SetEventHandler: E Already set VOLUME_CHANGED event handler",
+                            "SetEventHandler: E Already set MUTE_CHANGED event handler",
+                            "SetEventHandler: E Already set SPEAKER_CHANGED event handler"));
 }
 
 TEST_F(KVServerTest, InitWaitsWhileAReportHoldsTheVolumeControlAndThenRegisters) {
@@ -138,53 +164,50 @@ TEST_F(KVServerTest, InitWaitsWhileAReportHoldsTheVolumeControlAndThenRegisters)
         platform = std::thread([&] { seam.FireVolume(33); });
         ASSERT_TRUE(report.WaitReached());
         opener = std::thread([&] {
-            const auto waiting = [](const std::vector<fake::Entry>& journal) {
-                return std::ranges::any_of(journal, [](const fake::Entry& entry) {
-                    return entry.IsTrace() && entry.text.find("::WaitForLock()") != std::string::npos;
-                });
-            };
-            EXPECT_TRUE(seam.WaitUntil(waiting));
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));  // by now Init waits for the lock
+            EXPECT_TRUE(journal.With(LOCK_IS_BUSY).Wait());
             report.Open();
         });
     });
+    seam.BeforeNext("D \t[IN]" + std::string(WAIT_FOR_LOCK), [] { watchesLocks = true; });
     EXPECT_TRUE(server->Init());
     report.Open();
     opener.join();
     platform.join();
-    EXPECT_THAT(LogLines(), Not(Contains("SetEventHandler: E mutex lock failed")));
+    EXPECT_THAT(journal.Here().Logs().Lines(), Not(Contains("SetEventHandler: E mutex lock failed")));
     seam.FireVolume(34);
-    EXPECT_THAT(LogLines(), Contains("onVolumeChanged: E Connection is NULL"));
+    EXPECT_THAT(journal.Here().Logs().Lines(), Contains("onVolumeChanged: E Connection is NULL"));
     seam.FireMute(1);
-    EXPECT_THAT(LogLines(), Contains("onMuteChanged: E Connection is NULL"));
+    EXPECT_THAT(journal.Here().Logs().Lines(), Contains("onMuteChanged: E Connection is NULL"));
     seam.FireRoute(12);
-    EXPECT_THAT(LogLines(),
+    EXPECT_THAT(journal.Here().Logs().Lines(),
                 Contains("onSpeakerChanged: I Speaker changed[0->12]. mode:0xffff, gainMax(ret:0)"));
 }
 
 TEST_F(KVServerTest, AnInterfaceThatCannotBeCompiledLeavesNothingBehind) {
     seam.Fail("g_dbus_node_info_new_for_xml", gio::REFUSED);
     EXPECT_FALSE(server->Init());
-    EXPECT_THAT(Lines(), ElementsAre("g_dbus_node_info_new_for_xml()",
-                                     "Init: E Failed g_dbus_node_info_new_for_xml. refused by the test"));
+    EXPECT_THAT(journal.Here().Lines(),
+                ElementsAre("g_dbus_node_info_new_for_xml()",
+                            "Init: E Failed g_dbus_node_info_new_for_xml. refused by the test"));
 }
 
 TEST_F(KVServerTest, AMissingErrorObjectPrintsAsNull) {
     seam.Fail("g_dbus_node_info_new_for_xml", gio::NOTHING);
     EXPECT_FALSE(server->Init());
-    EXPECT_THAT(LogLines(), ElementsAre("Init: E Failed g_dbus_node_info_new_for_xml. (null)"));
+    EXPECT_THAT(journal.Here().Logs().Lines(),
+                ElementsAre("Init: E Failed g_dbus_node_info_new_for_xml. (null)"));
 }
 
 TEST_F(KVServerTest, AnotherInitReplacesTrackerAndDispatcher) {
     InitWithoutName();
     EXPECT_TRUE(server->Init());
     EXPECT_THAT(
-        LinesAndScopes(),
+        journal.Here().AndScopes().Lines(),
         HasInOrder({"NKavrel::KVDbusSender::KVDbusSender()", "NKavrel::KVDbusSender::~KVDbusSender()",
                     "NKavrel::KVDbusEventHandler::KVDbusEventHandler()",
                     "NKavrel::KVDbusEventHandler::~KVDbusEventHandler()",
                     "_AddMedthodCallEvents: I Add 9 events", "_AddSignalEvents: I Add 4 signal events"}));
-    EXPECT_THAT(LinesAndScopes(), Not(Contains(CONTROL_MADE)));
+    EXPECT_THAT(journal.Here().AndScopes().Lines(), Not(Contains(CONTROL_MADE)));
 }
 
 // The volume control object.
@@ -192,9 +215,9 @@ TEST_F(KVServerTest, AnotherInitReplacesTrackerAndDispatcher) {
 TEST_F(KVServerTest, TheVolumeControlIsMadeByItsFirstUse) {
     auto& control = server->getCurrentSpeaker();
     ASSERT_NE(control, nullptr);
-    EXPECT_THAT(LinesAndScopes(), Contains(CONTROL_MADE));
+    EXPECT_THAT(journal.Here().AndScopes().Lines(), Contains(CONTROL_MADE));
     EXPECT_EQ(&server->getCurrentSpeaker(), &control);
-    EXPECT_EQ(seam.Count("D \t[IN]NKavrel::VolumeControlImpl::VolumeControlImpl()"), 1);
+    EXPECT_EQ(journal.With("D \t[IN]NKavrel::VolumeControlImpl::VolumeControlImpl()").Count(), 1);
 }
 
 TEST_F(KVServerTest, AMethodCallMakesAMissingVolumeControlBeforeItsHandlerRuns) {
@@ -204,9 +227,10 @@ TEST_F(KVServerTest, AMethodCallMakesAMissingVolumeControlBeforeItsHandlerRuns) 
     seam.Clear();
     KVServer::methodCallHandler(call.Connection(), ":1.99", OBJECT_PATH, INTERFACE, "GetSpeakerVolume",
                                 nullptr, call.Invocation(), server.get());
-    EXPECT_THAT(LinesAndScopes(), HasInOrder({CONTROL_MADE,
-                                              "_OnGetSpeakerVolume: I Return Current volume "
-                                              "state(10), ret:0"}));
+    EXPECT_THAT(journal.Here().AndScopes().Lines(),
+                HasInOrder({CONTROL_MADE,
+                            "_OnGetSpeakerVolume: I Return Current volume "
+                            "state(10), ret:0"}));
     EXPECT_EQ(call.Answer(), "(10, 0)");
 }
 
@@ -216,14 +240,15 @@ TEST_F(KVServerTest, BusAcquiredRefusesNulls) {
     KVServer::onBusAcquired(nullptr, BUS_NAME, nullptr);
     KVServer::onBusAcquired(nullptr, BUS_NAME, server.get());
     KVServer::onBusAcquired(Shared(), BUS_NAME, nullptr);
-    EXPECT_THAT(Lines(), ElementsAre("onBusAcquired: E Connection is NULL",
-                                     "onBusAcquired: E Connection is NULL", "onBusAcquired: E pObj is NULL"));
+    EXPECT_THAT(journal.Here().Lines(),
+                ElementsAre("onBusAcquired: E Connection is NULL", "onBusAcquired: E Connection is NULL",
+                            "onBusAcquired: E pObj is NULL"));
 }
 
 TEST_F(KVServerTest, BusAcquiredRegistersTheObjectThenSubscribesOnThePublicPath) {
     InitWithoutName();
     AcquireBus();
-    const auto lines = Lines();
+    const auto lines = journal.Here().Lines();
     ASSERT_EQ(lines.size(), 3U);
     EXPECT_EQ(lines[0], REGISTER);
     EXPECT_THAT(lines[1], testing::MatchesRegex("onBusAcquired: I m_DbusRegisterObjId:[1-9][0-9]*"));
@@ -237,7 +262,8 @@ TEST_F(KVServerTest, AFailedRegistrationIsLoggedAndNothingIsSubscribed) {
     AcquireBus();
     AcquireBus();
     const std::string failed = "onBusAcquired: E Failed g_dbus_connection_register_object(). ";
-    EXPECT_THAT(Lines(), ElementsAre(REGISTER, failed + "refused by the test", REGISTER, failed + "(null)"));
+    EXPECT_THAT(journal.Here().Lines(),
+                ElementsAre(REGISTER, failed + "refused by the test", REGISTER, failed + "(null)"));
 }
 
 TEST_F(KVServerTest, ASecondBusAcquiredRegistersAndSubscribesAgainAndRemovesNothing) {
@@ -245,7 +271,7 @@ TEST_F(KVServerTest, ASecondBusAcquiredRegistersAndSubscribesAgainAndRemovesNoth
     AcquireBus();
     gio::RemoveLeftovers();  // a new connection has no object at the path either
     AcquireBus();
-    EXPECT_THAT(seam.Calls("g_"), ElementsAre(REGISTER, SUBSCRIBE, REGISTER, SUBSCRIBE));
+    EXPECT_THAT(journal.Calls("g_").Texts(), ElementsAre(REGISTER, SUBSCRIBE, REGISTER, SUBSCRIBE));
 }
 
 // Name acquired.
@@ -254,7 +280,7 @@ TEST_F(KVServerTest, NameAcquiredRefusesNulls) {
     KVServer::onNameAcquired(nullptr, BUS_NAME, nullptr);
     KVServer::onNameAcquired(nullptr, BUS_NAME, server.get());
     KVServer::onNameAcquired(Shared(), BUS_NAME, nullptr);
-    EXPECT_THAT(Lines(),
+    EXPECT_THAT(journal.Here().Lines(),
                 ElementsAre("onNameAcquired: E Connection is NULL", "onNameAcquired: E Connection is NULL",
                             "onNameAcquired: E pObj is NULL"));
 }
@@ -262,14 +288,15 @@ TEST_F(KVServerTest, NameAcquiredRefusesNulls) {
 TEST_F(KVServerTest, NameAcquiredRaisesTheReadyEventAndNeverMindsItsResult) {
     seam.Fail("LwipcEventDone", -7);
     AcquireName();
-    EXPECT_THAT(Lines(), ElementsAre(READY));
+    EXPECT_THAT(journal.Here().Lines(), ElementsAre(READY));
 }
 
 TEST_F(KVServerTest, TheConnectionIsSetBeforeTheReadyEventIsRaised) {
     InitWithoutName();
     seam.BeforeNext(READY, [&] { KVServer::onVolumeChanged(1, 2, server.get()); });
     AcquireName();
-    EXPECT_THAT(LogLines(), ElementsAre("onVolumeChanged: I Send dbus signal VolumeChanged : 2"));
+    EXPECT_THAT(journal.Here().Logs().Lines(),
+                ElementsAre("onVolumeChanged: I Send dbus signal VolumeChanged : 2"));
 }
 
 TEST_F(KVServerTest, CallsAreServedBeforeTheNameButChangesBeforeItAreNeverAnnounced) {
@@ -287,12 +314,13 @@ TEST_F(KVServerTest, CallsAreServedBeforeTheNameButChangesBeforeItAreNeverAnnoun
         g_main_context_wakeup(nullptr);
     });
     EXPECT_TRUE(fake::RunMainContextUntil(
-        [&] { return seam.Count("g_dbus_method_invocation_return_value((0,))") == 1; }));
+        [&] { return journal.With("g_dbus_method_invocation_return_value((0,))").Count() == 1; }));
     caller.join();
     EXPECT_EQ(answer, "(0,)");
-    EXPECT_THAT(LogLines(), HasInOrder({"_OnVolumeChanged: I volume is changed : 30",
-                                        "onVolumeChanged: E Connection is NULL",
-                                        "_OnSetSpeakerVolume: I Return volume 30. ret:0"}));
+    EXPECT_THAT(
+        journal.Here().Logs().Lines(),
+        HasInOrder({"_OnVolumeChanged: I volume is changed : 30", "onVolumeChanged: E Connection is NULL",
+                    "_OnSetSpeakerVolume: I Return volume 30. ret:0"}));
     EXPECT_THAT(client.TakeSignals(), IsEmpty());
     AcquireName();
     seam.FireVolume(31);
@@ -307,8 +335,9 @@ TEST_F(KVServerTest, NameLostRefusesNulls) {
     KVServer::onNameLost(nullptr, BUS_NAME, nullptr);
     KVServer::onNameLost(nullptr, BUS_NAME, server.get());
     KVServer::onNameLost(Shared(), BUS_NAME, nullptr);
-    EXPECT_THAT(Lines(), ElementsAre("onNameLost: E Connection is NULL", "onNameLost: E Connection is NULL",
-                                     "onNameLost: E pObj is NULL"));
+    EXPECT_THAT(journal.Here().Lines(),
+                ElementsAre("onNameLost: E Connection is NULL", "onNameLost: E Connection is NULL",
+                            "onNameLost: E pObj is NULL"));
 }
 
 TEST_F(KVServerTest, NameLostClearsTheConnectionThenUnregistersThenResetsTheReadyEvent) {
@@ -319,14 +348,15 @@ TEST_F(KVServerTest, NameLostClearsTheConnectionThenUnregistersThenResetsTheRead
     seam.BeforeNext("g_dbus_connection_unregister_object",
                     [&] { KVServer::onVolumeChanged(1, 2, server.get()); });
     LoseName();
-    EXPECT_THAT(Lines(), ElementsAre(UNREGISTER, "onVolumeChanged: E Connection is NULL", NOT_READY));
+    EXPECT_THAT(journal.Here().Lines(),
+                ElementsAre(UNREGISTER, "onVolumeChanged: E Connection is NULL", NOT_READY));
     EXPECT_FALSE(seam.Event(READY_EVENT));
 }
 
 TEST_F(KVServerTest, NameLostNeverMindsWhatCannotBeUndone) {
     seam.Fail("LwipcResetEvent", -7);
     LoseName();
-    EXPECT_THAT(Lines(), ElementsAre(UNREGISTER, NOT_READY));
+    EXPECT_THAT(journal.Here().Lines(), ElementsAre(UNREGISTER, NOT_READY));
 }
 
 TEST_F(KVServerLifeTest, TheReadyEventIsDoneWhileTheNameIsOwned) {
@@ -354,7 +384,7 @@ TEST_F(KVServerLifeTest, ChangesAreAnnouncedOnlyWhileTheNameIsOwned) {
     LoseName();
     seam.FireVolume(20);
     seam.FireMute(1);
-    EXPECT_THAT(LogLines(),
+    EXPECT_THAT(journal.Here().Logs().Lines(),
                 HasInOrder({"onVolumeChanged: E Connection is NULL", "onMuteChanged: E Connection is NULL"}));
     EXPECT_THAT(client.TakeSignals(), IsEmpty());
     RegainName();
@@ -368,7 +398,7 @@ TEST_F(KVServerLifeTest, SignalsAreHandledWithoutTheNameToo) {
     Start();
     LoseName();
     Emit("BudsConnected", g_variant_new("(i)", 4));
-    EXPECT_THAT(Log(), Contains("_OnBudsConnected: I Buds Connected. reason:4"));
+    EXPECT_THAT(MainLoop().Logs().Lines(), Contains("_OnBudsConnected: I Buds Connected. reason:4"));
 }
 
 TEST_F(KVServerLifeTest, TheIdOfTheObjectOutlivesTheName) {
@@ -377,7 +407,8 @@ TEST_F(KVServerLifeTest, TheIdOfTheObjectOutlivesTheName) {
     RegainName();
     const auto thread = daemon->Thread();
     daemon.reset();  // the server has a connection and an id, but no object is registered under that id
-    EXPECT_THAT(LogLines(thread), Contains("~KVServer: E unregister_object() result FAILED"));
+    EXPECT_THAT(journal.Of(thread).Logs().Lines(),
+                Contains("~KVServer: E unregister_object() result FAILED"));
 }
 
 TEST_F(KVServerLifeTest, ASecondInstanceLosesTheNameAtOnceAndServesNobody) {
@@ -385,9 +416,9 @@ TEST_F(KVServerLifeTest, ASecondInstanceLosesTheNameAtOnceAndServesNobody) {
                                    "RequestName", g_variant_new("(su)", BUS_NAME, 0));
     ASSERT_NE(reply, nullptr);
     daemon.emplace(false);
-    ASSERT_TRUE(seam.WaitFor(NOT_READY));
+    ASSERT_TRUE(journal.With(NOT_READY).Wait());
     daemon->WaitUntilIdle();
-    EXPECT_THAT(Lines(daemon->Thread()),
+    EXPECT_THAT(journal.Of(daemon->Thread()).Lines(),
                 AllOf(HasInOrder({REGISTER, SUBSCRIBE, UNREGISTER, NOT_READY}), Not(Contains(READY))));
     EXPECT_THAT(CallByUniqueName("GetSpeakerVolume"), testing::StartsWith("error: "));
 }
@@ -439,10 +470,10 @@ TEST_F(KVServerTest, AReportDuringTheEndFindsTheVolumeControlAndMakesNoOther) {
         seam.FireRoute(12);
     });
     server.reset();
-    EXPECT_THAT(LogLines(),
+    EXPECT_THAT(journal.Here().Logs().Lines(),
                 HasInOrder({"onMuteChanged: E Connection is NULL",
                             "onSpeakerChanged: I Speaker changed[0->12]. mode:0xffff, gainMax(ret:0)"}));
-    EXPECT_THAT(LinesAndScopes(), Not(Contains(CONTROL_MADE)));
+    EXPECT_THAT(journal.Here().AndScopes().Lines(), Not(Contains(CONTROL_MADE)));
 }
 
 }  // namespace

@@ -41,6 +41,7 @@ protected:
                 {"Refuse", [](GVariant*) -> GVariant* { return nullptr; }}}) {}
 
     FakeSeam& seam = FakeSeam::Get();
+    fake::Journal& journal = seam.journal;
     fake::BusPeer peer;
     fake::BusClient client;
 };
@@ -51,14 +52,14 @@ TEST_F(KVUtilsBusTest, ThereIsOneConnectionForTheWholeProcess) {
     EXPECT_EQ(KVUtils::GetConnection(), first);
     EXPECT_EQ(fake::SharedConnection().get(), first);
     EXPECT_TRUE(g_dbus_connection_get_exit_on_close(first)) << "a dead bus ends the process";
-    EXPECT_THAT(seam.Log(DLOG_DEBUG), IsEmpty());
+    EXPECT_THAT(journal.Logs(DLOG_DEBUG).Texts(), IsEmpty());
 }
 
 TEST_F(KVUtilsBusTest, ASignalIsBroadcastWithItsBody) {
     client.Listen(PATH, INTERFACE);
     EXPECT_EQ(KVUtils::DbusEmitSignal(PATH, INTERFACE, "Sig", g_variant_new("(i)", 7)), 0);
-    EXPECT_THAT(seam.JournalHere(), ElementsAre("I Signal 'Sig'", EMIT_CALL));
-    EXPECT_EQ(seam.FunctionOf("I Signal 'Sig'"), "DbusEmitSignal");
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre("I Signal 'Sig'", EMIT_CALL));
+    EXPECT_EQ(journal.With("I Signal 'Sig'").Function(), "DbusEmitSignal");
     const fake::Signal heard = client.WaitForSignal();
     EXPECT_EQ(heard.path, PATH);
     EXPECT_EQ(heard.interface, INTERFACE);
@@ -94,9 +95,9 @@ TEST_F(KVUtilsBusTest, ASignalThatCannotBeSentIsLoggedAndItsBodyReleased) {
     WatchedBody body;
     seam.Fail("g_dbus_connection_emit_signal", gio::REFUSED);
     EXPECT_EQ(KVUtils::DbusEmitSignal(PATH, INTERFACE, "Sig", body.Floating()), -1);
-    EXPECT_THAT(seam.JournalHere(), ElementsAre("I Signal 'Sig'", EMIT_CALL,
-                                                "E g_dbus_connection_emit_signal 'Sig' Failed (" +
-                                                    std::string(gio::REFUSAL) + ")"));
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre("I Signal 'Sig'", EMIT_CALL,
+                                                    "E g_dbus_connection_emit_signal 'Sig' Failed (" +
+                                                        std::string(gio::REFUSAL) + ")"));
     EXPECT_EQ(body.TimesFreed(), 1);
 }
 
@@ -104,7 +105,7 @@ TEST_F(KVUtilsBusTest, AMissingErrorObjectOfASignalPrintsAsNull) {
     WatchedBody body;
     seam.Fail("g_dbus_connection_emit_signal", gio::NOTHING);
     EXPECT_EQ(KVUtils::DbusEmitSignal(PATH, INTERFACE, "Sig", body.Floating()), -1);
-    EXPECT_EQ(seam.Log().back(), "E g_dbus_connection_emit_signal 'Sig' Failed ((null))");
+    EXPECT_EQ(journal.Logs().Texts().back(), "E g_dbus_connection_emit_signal 'Sig' Failed ((null))");
     EXPECT_EQ(body.TimesFreed(), 1);
 }
 
@@ -113,11 +114,11 @@ TEST_F(KVUtilsBusTest, ACallHandsItsReplyOver) {
     EXPECT_EQ(KVUtils::DbusCallSync(PEER, PATH, INTERFACE, "Double", g_variant_new("(i)", 21), &reply), 0);
     const tools::Variant owned(reply);
     EXPECT_EQ(gio::PrintedWithTypes(reply), "(42,)");
-    EXPECT_THAT(seam.JournalHere(),
+    EXPECT_THAT(journal.Here().Texts(),
                 ElementsAre("I Method call 'Double'",
                             "g_dbus_connection_call_sync(org.olvane.TestPeer, /Org/Olvane/Test, "
                             "org.olvane.test.Double, (21,), *, 0, -1)"));
-    EXPECT_EQ(seam.FunctionOf("I Method call 'Double'"), "DbusCallSync");
+    EXPECT_EQ(journal.With("I Method call 'Double'").Function(), "DbusCallSync");
 }
 
 TEST_F(KVUtilsBusTest, ACallNeedsNoPlaceForItsReply) {
@@ -145,7 +146,7 @@ TEST_F(KVUtilsBusTest, ARefusedCallIsLoggedWithThePeersWords) {
     GVariant* reply = nullptr;
     EXPECT_EQ(KVUtils::DbusCallSync(PEER, PATH, INTERFACE, "Refuse", nullptr, &reply), -1);
     EXPECT_EQ(reply, nullptr);
-    EXPECT_THAT(seam.Log(),
+    EXPECT_THAT(journal.Logs().Texts(),
                 ElementsAre("I Method call 'Refuse'",
                             "E Method Call 'Refuse' Failed (GDBus.Error:org.olvane.Test.Refused: refused)"));
 }
@@ -155,7 +156,7 @@ TEST_F(KVUtilsBusTest, ACallToNobodyFails) {
     EXPECT_EQ(
         KVUtils::DbusCallSync("org.olvane.Nobody", PATH, INTERFACE, "Do", parameters.Floating(), nullptr),
         -1);
-    EXPECT_THAT(seam.Log().back(), StartsWith("E Method Call 'Do' Failed (GDBus.Error:"));
+    EXPECT_THAT(journal.Logs().Texts().back(), StartsWith("E Method Call 'Do' Failed (GDBus.Error:"));
     EXPECT_TRUE(parameters.WaitUntilFreed());
 }
 
@@ -163,7 +164,7 @@ TEST_F(KVUtilsBusTest, AMissingErrorObjectOfACallPrintsAsNull) {
     WatchedBody parameters;
     seam.Fail("g_dbus_connection_call_sync", gio::NOTHING);
     EXPECT_EQ(KVUtils::DbusCallSync(PEER, PATH, INTERFACE, "Do", parameters.Floating(), nullptr), -1);
-    EXPECT_EQ(seam.Log().back(), "E Method Call 'Do' Failed ((null))");
+    EXPECT_EQ(journal.Logs().Texts().back(), "E Method Call 'Do' Failed ((null))");
     EXPECT_EQ(parameters.TimesFreed(), 1);
 }
 
@@ -174,11 +175,11 @@ NKavrel::CallSite Caller() {
 TEST_F(KVUtilsBusTest, ASignalOfAnotherTypeIsTheCallersError) {
     const tools::Variant body(g_variant_ref_sink(g_variant_new("(is)", 1, "x")));
     EXPECT_TRUE(KVUtils::IsSignalOfType(body.get(), "(is)", "Sig", Caller()));
-    EXPECT_THAT(seam.Log(), IsEmpty());
+    EXPECT_THAT(journal.Logs().Texts(), IsEmpty());
     EXPECT_FALSE(KVUtils::IsSignalOfType(body.get(), "(iii)", "Sig", Caller()));
     constexpr const char* line = "E Invalid parameters of signal Sig: expected (iii), got (is)";
-    EXPECT_THAT(seam.LogHere(), ElementsAre(line));
-    EXPECT_EQ(seam.FunctionOf(line), "Caller");
+    EXPECT_THAT(journal.Here().Logs().Texts(), ElementsAre(line));
+    EXPECT_EQ(journal.With(line).Function(), "Caller");
 }
 
 TEST_F(KVUtilsBusTest, AReplyOfAnotherTypeIsTheCallersError) {
@@ -186,8 +187,8 @@ TEST_F(KVUtilsBusTest, AReplyOfAnotherTypeIsTheCallersError) {
     EXPECT_TRUE(KVUtils::IsReplyOfType(reply.get(), "(u)", "Do", Caller()));
     EXPECT_FALSE(KVUtils::IsReplyOfType(reply.get(), "(i)", "Do", Caller()));
     constexpr const char* line = "E Invalid reply to Do: expected (i), got (u)";
-    EXPECT_THAT(seam.LogHere(), ElementsAre(line));
-    EXPECT_EQ(seam.FunctionOf(line), "Caller");
+    EXPECT_THAT(journal.Here().Logs().Texts(), ElementsAre(line));
+    EXPECT_EQ(journal.With(line).Function(), "Caller");
 }
 
 }  // namespace

@@ -96,7 +96,7 @@ protected:
     /** Runs main. Once its loop runs, calls `visit` on another thread and then quits the loop. */
     int RunMain(const std::function<void()>& visit) {
         std::thread visitor([&] {
-            EXPECT_TRUE(seam.WaitFor(RUN_LOOP));
+            EXPECT_TRUE(journal.With(RUN_LOOP).Wait());
             visit();
             const auto quit = [](void*) {
                 g_main_loop_quit(mainLoop);
@@ -110,19 +110,21 @@ protected:
     }
 
     fake::FakeSeam& seam = fake::FakeSeam::Get();
+    fake::Journal& journal = seam.journal;
 };
 
 TEST_F(MainTest, WithoutALoopItEndsWithZero) {
     seam.Fail("g_main_loop_new", 0);
     EXPECT_EQ(DaemonMain(1, arguments), 0);
-    EXPECT_THAT(Lines(), ElementsAre("main: I Started", NEW_LOOP, "main: E Failed to create a main loop"));
+    EXPECT_THAT(journal.Here().Lines(),
+                ElementsAre("main: I Started", NEW_LOOP, "main: E Failed to create a main loop"));
 }
 
 TEST_F(MainTest, WithoutAServerItReleasesTheLoopAndEndsWithZero) {
     seam.Fail("new KVServer", 0);
     EXPECT_EQ(DaemonMain(1, arguments), 0);
-    EXPECT_THAT(Lines(), ElementsAre("main: I Started", NEW_LOOP, NEW_SERVER,
-                                     "main: E Failed to create KVServer", RELEASE_LOOP));
+    EXPECT_THAT(journal.Here().Lines(), ElementsAre("main: I Started", NEW_LOOP, NEW_SERVER,
+                                                    "main: E Failed to create KVServer", RELEASE_LOOP));
 }
 
 TEST_F(MainTest, WithoutAnInterfaceItRunsItsLoopWithoutANameOrAVolumeControl) {
@@ -137,7 +139,7 @@ TEST_F(MainTest, WithoutAnInterfaceItRunsItsLoopWithoutANameOrAVolumeControl) {
               }),
               0);
     EXPECT_TRUE(served);
-    EXPECT_THAT(Lines(),
+    EXPECT_THAT(journal.Here().Lines(),
                 ElementsAre("main: I Started", NEW_LOOP, NEW_SERVER, "g_dbus_node_info_new_for_xml()",
                             "Init: E Failed g_dbus_node_info_new_for_xml. refused by the test", RUN_LOOP,
                             RELEASE_LOOP, "main: I Stopped"));
@@ -146,7 +148,7 @@ TEST_F(MainTest, WithoutAnInterfaceItRunsItsLoopWithoutANameOrAVolumeControl) {
 TEST_F(MainTest, ItServesUntilItsLoopIsLeftAndLeavesTheServerAlive) {
     std::string answer;
     EXPECT_EQ(RunMain([&] {
-                  EXPECT_TRUE(seam.WaitFor("LwipcEventDone(\"/tmp/.kavrel_ready\")"));
+                  EXPECT_TRUE(journal.With("LwipcEventDone(\"/tmp/.kavrel_ready\")").Wait());
                   const fake::BusClient client;
                   const auto reply =
                       client.Call(BUS_NAME, OBJECT_PATH, INTERFACE, "GetSpeakerVolume", nullptr);
@@ -155,11 +157,12 @@ TEST_F(MainTest, ItServesUntilItsLoopIsLeftAndLeavesTheServerAlive) {
               0);
     EXPECT_EQ(answer, "(10, 0)");
     const std::string constructor = "NKavrel::KVServer::KVServer()";
-    EXPECT_THAT(LinesAndScopes(), AllOf(HasInOrder({"main: I Started", NEW_LOOP, NEW_SERVER, constructor,
-                                                    "bool NKavrel::KVServer::Init()", RUN_LOOP, RELEASE_LOOP,
-                                                    "main: I Stopped"}),
-                                        Not(Contains("NKavrel::KVServer::~KVServer()"))));
-    EXPECT_THAT(seam.Trace(), Not(Contains(testing::HasSubstr("main()"))));
+    EXPECT_THAT(
+        journal.Here().AndScopes().Lines(),
+        AllOf(HasInOrder({"main: I Started", NEW_LOOP, NEW_SERVER, constructor,
+                          "bool NKavrel::KVServer::Init()", RUN_LOOP, RELEASE_LOOP, "main: I Stopped"}),
+              Not(Contains("NKavrel::KVServer::~KVServer()"))));
+    EXPECT_THAT(journal.Traces().Texts(), Not(Contains(testing::HasSubstr("main()"))));
 }
 
 }  // namespace

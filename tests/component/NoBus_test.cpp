@@ -23,6 +23,7 @@ const std::string NO_BUS =
 class NoBusTest : public testing::Test {
 protected:
     fake::FakeSeam& seam = fake::FakeSeam::Get();
+    fake::Journal& journal = seam.journal;
 };
 
 TEST_F(NoBusTest, TheTrackerFindsNoConnectionAndTriesAgainEachTime) {
@@ -30,14 +31,14 @@ TEST_F(NoBusTest, TheTrackerFindsNoConnectionAndTriesAgainEachTime) {
     EXPECT_EQ(tracker.GetConnectionPID(":1.1"), 0U);
     EXPECT_EQ(tracker.GetConnectionPID(":1.1"), 0U);
     const std::string failed = "GetConnectionPID: E Failed to get GDBus Connection";
-    EXPECT_THAT(Lines(), ElementsAre(NO_BUS, failed, NO_BUS, failed));
+    EXPECT_THAT(journal.Here().Lines(), ElementsAre(NO_BUS, failed, NO_BUS, failed));
 }
 
 TEST_F(NoBusTest, ACallerWithoutAConnectionHasNoProgram) {
     NKavrel::KVDbusSender tracker;
     tracker.Print(":1.1");
     const std::string line = "I Called by [:1.1/] size:1";
-    EXPECT_TRUE(fake::RunMainContextUntil([&] { return seam.Count(line) == 1; }));
+    EXPECT_TRUE(fake::RunMainContextUntil([&] { return journal.With(line).Count() == 1; }));
 }
 
 TEST_F(NoBusTest, TheEmulatorsWatchNothingAndSayNothingOfIt) {
@@ -45,11 +46,11 @@ TEST_F(NoBusTest, TheEmulatorsWatchNothingAndSayNothingOfIt) {
     NKavrel::BTSpeakerEmul bluetooth;
     tv.SetChangedCB();
     bluetooth.SetChangedCB();
-    EXPECT_THAT(seam.Calls(), IsEmpty());
-    EXPECT_THAT(Lines(), ElementsAre(NO_BUS, NO_BUS)) << "only the connection's own line";
+    EXPECT_THAT(journal.Calls().Texts(), IsEmpty());
+    EXPECT_THAT(journal.Here().Lines(), ElementsAre(NO_BUS, NO_BUS)) << "only the connection's own line";
     tv.UnsetChangedCB();
     bluetooth.UnsetChangedCB();
-    EXPECT_THAT(seam.Calls(), IsEmpty());
+    EXPECT_THAT(journal.Calls().Texts(), IsEmpty());
 }
 
 TEST_F(NoBusTest, TheEmulatorsVolumeCannotBeReachedAndStaysAsTheCallerHadIt) {
@@ -68,11 +69,11 @@ TEST_F(NoBusTest, TheServerStartsAndIdlesWithoutAName) {
     NKavrel::KVServer server;
     EXPECT_TRUE(server.Init());
     seam.Clear();
-    EXPECT_TRUE(fake::RunMainContextUntil([&] { return !LogLines().empty(); }));
-    EXPECT_THAT(Lines(), ElementsAre("onNameLost: E Connection is NULL"));
+    EXPECT_TRUE(fake::RunMainContextUntil([&] { return !journal.Here().Logs().Lines().empty(); }));
+    EXPECT_THAT(journal.Here().Lines(), ElementsAre("onNameLost: E Connection is NULL"));
     seam.FireVolume(30);
     seam.FireRoute(12);
-    EXPECT_THAT(LogLines(),
+    EXPECT_THAT(journal.Here().Logs().Lines(),
                 HasInOrder({"onVolumeChanged: E Connection is NULL",
                             "onSpeakerChanged: I Speaker changed[0->12]. mode:0xffff, gainMax(ret:0)"}));
     EXPECT_FALSE(seam.Event(READY_EVENT));

@@ -23,7 +23,7 @@ protected:
         seam.Clear();
     }
     std::vector<std::string> OfHandler() {
-        auto lines = Journal();
+        auto lines = MainLoop().Lines();
         std::erase_if(lines, [](const std::string& line) {
             return !line.starts_with("_OnBuds") && !line.starts_with("_OnSpeakerDis") &&
                    !line.starts_with("sound_manager_set");

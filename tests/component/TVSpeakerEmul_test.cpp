@@ -44,10 +44,10 @@ TEST_F(TVSpeakerEmulTest, GetVolumeIsThePeersSecondValueAndItsThirdTheResult) {
     int volume = -1;
     EXPECT_EQ(speaker->GetVolume(volume), 0);
     EXPECT_EQ(volume, 17);
-    EXPECT_THAT(seam.JournalHere(), ElementsAre("I Method call 'GetSpkVolume'", GET_CALL,
-                                                "I current TV Speaker volume [3 17 0]"));
-    EXPECT_EQ(seam.FunctionOf("I current TV Speaker volume [3 17 0]"), "GetVolume");
-    EXPECT_EQ(seam.Find("I current TV Speaker volume [3 17 0]")->site.file, "TVSpeakerEmul.cpp");
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre("I Method call 'GetSpkVolume'", GET_CALL,
+                                                    "I current TV Speaker volume [3 17 0]"));
+    EXPECT_EQ(journal.With("I current TV Speaker volume [3 17 0]").Function(), "GetVolume");
+    EXPECT_EQ(journal.With("I current TV Speaker volume [3 17 0]").First().site.file, "TVSpeakerEmul.cpp");
     EXPECT_THAT(peer.Calls(), ElementsAre("GetSpkVolume()"));
 }
 
@@ -65,8 +65,9 @@ TEST_F(TVSpeakerEmulTest, AFailedGetVolumeLeavesTheCallersValue) {
     int volume = 42;
     EXPECT_EQ(speaker->GetVolume(volume), -1);
     EXPECT_EQ(volume, 42);
-    EXPECT_THAT(seam.LogHere(), ElementsAre("I Method call 'GetSpkVolume'",
-                                            StartsWith("E Method Call 'GetSpkVolume' Failed (GDBus.Error:")));
+    EXPECT_THAT(journal.Here().Logs().Texts(),
+                ElementsAre("I Method call 'GetSpkVolume'",
+                            StartsWith("E Method Call 'GetSpkVolume' Failed (GDBus.Error:")));
 }
 
 TEST_F(TVSpeakerEmulTest, AReplyOfAnotherTypeIsTreatedAsAFailure) {
@@ -78,26 +79,26 @@ TEST_F(TVSpeakerEmulTest, AReplyOfAnotherTypeIsTreatedAsAFailure) {
     EXPECT_EQ(speaker->SetVolume(30), -1);
     constexpr const char* getLine = "E Invalid reply to GetSpkVolume: expected (iii), got (ii)";
     constexpr const char* setLine = "E Invalid reply to SetSpkVolume: expected (ii), got (iii)";
-    EXPECT_THAT(seam.LogHere(), ElementsAre("I Method call 'GetSpkVolume'", getLine,
-                                            "I Method call 'SetSpkVolume'", setLine));
-    EXPECT_EQ(seam.FunctionOf(getLine), "GetVolume");
-    EXPECT_EQ(seam.FunctionOf(setLine), "SetVolume");
+    EXPECT_THAT(journal.Here().Logs().Texts(), ElementsAre("I Method call 'GetSpkVolume'", getLine,
+                                                           "I Method call 'SetSpkVolume'", setLine));
+    EXPECT_EQ(journal.With(getLine).Function(), "GetVolume");
+    EXPECT_EQ(journal.With(setLine).Function(), "SetVolume");
 }
 
 TEST_F(TVSpeakerEmulTest, SetVolumeSucceedsWhateverThePeerAnswers) {
     first = 9;
     result = -8;
     EXPECT_EQ(speaker->SetVolume(30), 0);
-    EXPECT_THAT(seam.JournalHere(),
+    EXPECT_THAT(journal.Here().Texts(),
                 ElementsAre("I Method call 'SetSpkVolume'", SET_CALL, "I current TV Speaker volume [9 -8]"));
-    EXPECT_EQ(seam.FunctionOf("I current TV Speaker volume [9 -8]"), "SetVolume");
+    EXPECT_EQ(journal.With("I current TV Speaker volume [9 -8]").Function(), "SetVolume");
     EXPECT_THAT(peer.Calls(), ElementsAre("SetSpkVolume(30,)"));
 }
 
 TEST_F(TVSpeakerEmulTest, SetVolumeFailsWhenTheCallFails) {
     refuses = true;
     EXPECT_EQ(speaker->SetVolume(30), -1);
-    EXPECT_EQ(seam.Log().size(), 2U);
+    EXPECT_EQ(journal.Logs().Texts().size(), 2U);
 }
 
 TEST_F(TVSpeakerEmulTest, MuteAndSupportAreThoseOfTheRealTvSpeaker) {
@@ -108,14 +109,15 @@ TEST_F(TVSpeakerEmulTest, MuteAndSupportAreThoseOfTheRealTvSpeaker) {
     EXPECT_TRUE(mute);
     EXPECT_EQ(speaker->GetVolumeSupportType(support), 0);
     EXPECT_EQ(support, 0xFFFF);
-    EXPECT_THAT(seam.Calls(), ElementsAre("audio_set_master_mute(true)", "audio_get_master_mute()"));
+    EXPECT_THAT(journal.Calls().Texts(),
+                ElementsAre("audio_set_master_mute(true)", "audio_get_master_mute()"));
     EXPECT_THAT(peer.Calls(), IsEmpty());
 }
 
 TEST_F(TVSpeakerEmulTest, WatchesTheMuteThenTheSignalOnceHoweverOftenItIsAsked) {
     speaker->SetChangedCB();
     speaker->SetChangedCB();
-    EXPECT_THAT(seam.JournalHere(), ElementsAre(REGISTER_MUTE, fake::SUBSCRIBE_CALL));
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre(REGISTER_MUTE, fake::SUBSCRIBE_CALL));
     EXPECT_EQ(seam.TvMasterMuteRegistration().data, &*speaker);
     EXPECT_EQ(seam.VolumeRegistration().callback, nullptr) << "the audio HAL's callbacks are not used";
     EXPECT_EQ(seam.MuteRegistration().callback, nullptr);
@@ -124,13 +126,13 @@ TEST_F(TVSpeakerEmulTest, WatchesTheMuteThenTheSignalOnceHoweverOftenItIsAsked) 
 TEST_F(TVSpeakerEmulTest, AFailedMuteRegistrationStopsThereAndTheNextTryMakesBoth) {
     seam.Fail("sound_manager_set_tv_master_mute_changed_cb", -5, 1);
     speaker->SetChangedCB();
-    EXPECT_THAT(seam.JournalHere(), ElementsAre(REGISTER_MUTE, "E set mute changed_cb failed fffffffb"));
-    EXPECT_EQ(seam.FunctionOf("E set mute changed_cb failed fffffffb"), "SetChangedCB");
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre(REGISTER_MUTE, "E set mute changed_cb failed fffffffb"));
+    EXPECT_EQ(journal.With("E set mute changed_cb failed fffffffb").Function(), "SetChangedCB");
     seam.Clear();
     speaker->UnsetChangedCB();
-    EXPECT_THAT(seam.JournalHere(), IsEmpty());
+    EXPECT_THAT(journal.Here().Texts(), IsEmpty());
     speaker->SetChangedCB();
-    EXPECT_THAT(seam.JournalHere(), ElementsAre(REGISTER_MUTE, fake::SUBSCRIBE_CALL));
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre(REGISTER_MUTE, fake::SUBSCRIBE_CALL));
 }
 
 TEST_F(TVSpeakerEmulTest, AVolumeSignalReachesTheHandlerWithItsThirdValue) {
@@ -138,8 +140,8 @@ TEST_F(TVSpeakerEmulTest, AVolumeSignalReachesTheHandlerWithItsThirdValue) {
     Announce(g_variant_new("(iii)", 0, 65535, 12));
     const std::string line =
         "I Start sender:" + client.Name() + " signal_name:SpkVolumeChanged route:0, suppType:65535 vol:12";
-    EXPECT_THAT(seam.JournalHere(), ElementsAre(line));
-    EXPECT_EQ(seam.FunctionOf(line), "VolumeChangedCB");
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre(line));
+    EXPECT_EQ(journal.With(line).Function(), "VolumeChangedCB");
     EXPECT_THAT(heard, ElementsAre("volume 12"));
 }
 
@@ -148,7 +150,7 @@ TEST_F(TVSpeakerEmulTest, OnlyTheSignalOfThatNamePathAndInterfaceIsHandled) {
     Announce(g_variant_new("(iii)", 0, 1, 2), "Other");
     Announce(g_variant_new("(iii)", 0, 1, 2), "SpkVolumeChanged", "/Org/Olvane/KavrelInternal");
     Announce(g_variant_new("(iii)", 0, 1, 2), "SpkVolumeChanged", fake::DAEMON_PATH, "org.olvane.kavrel.tv");
-    EXPECT_THAT(seam.JournalHere(), IsEmpty());
+    EXPECT_THAT(journal.Here().Texts(), IsEmpty());
     EXPECT_THAT(heard, IsEmpty());
 }
 
@@ -156,11 +158,12 @@ TEST_F(TVSpeakerEmulTest, ASignalOfAnotherTypeIsDropped) {
     Watch();
     Announce(g_variant_new("(ii)", 0, 1));
     Announce(nullptr);
-    EXPECT_THAT(seam.JournalHere(),
+    EXPECT_THAT(journal.Here().Texts(),
                 ElementsAre("E Invalid parameters of signal SpkVolumeChanged: expected (iii), got (ii)",
                             "E Invalid parameters of signal SpkVolumeChanged: expected (iii), got ()"));
-    EXPECT_EQ(seam.FunctionOf("E Invalid parameters of signal SpkVolumeChanged: expected (iii), got (ii)"),
-              "VolumeChangedCB");
+    EXPECT_EQ(
+        journal.With("E Invalid parameters of signal SpkVolumeChanged: expected (iii), got (ii)").Function(),
+        "VolumeChangedCB");
     EXPECT_THAT(heard, IsEmpty());
 }
 
@@ -171,10 +174,10 @@ TEST_F(TVSpeakerEmulTest, ASignalWithoutConnectionUserDataOrNameIsDroppedInThisO
     TVSpeakerEmul::VolumeChangedCB(nullptr, nullptr, nullptr, nullptr, nullptr, body.get(), nullptr);
     TVSpeakerEmul::VolumeChangedCB(connection, nullptr, nullptr, nullptr, nullptr, body.get(), nullptr);
     TVSpeakerEmul::VolumeChangedCB(connection, nullptr, nullptr, nullptr, nullptr, body.get(), &*speaker);
-    EXPECT_THAT(seam.JournalHere(),
+    EXPECT_THAT(journal.Here().Texts(),
                 ElementsAre("E Conneciton is NULL", "E userdata is NULL", "E signal_name is NULL"));
-    for (const std::string& line : seam.JournalHere()) {
-        EXPECT_EQ(seam.FunctionOf(line), "VolumeChangedCB");
+    for (const std::string& line : journal.Here().Texts()) {
+        EXPECT_EQ(journal.With(line).Function(), "VolumeChangedCB");
     }
     EXPECT_THAT(heard, IsEmpty());
 }
@@ -184,8 +187,8 @@ TEST_F(TVSpeakerEmulTest, AMuteReportReachesTheEmulatorsOwnHandlerAsItIs) {
     seam.FireTvMasterMute(2);
     EXPECT_THAT(heard, ElementsAre("mute 2"));
     seam.TvMasterMuteRegistration().callback(1, nullptr);
-    EXPECT_THAT(seam.JournalHere(), ElementsAre("E data is NULL"));
-    EXPECT_EQ(seam.FunctionOf("E data is NULL"), "MuteChangedCB");
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre("E data is NULL"));
+    EXPECT_EQ(journal.With("E data is NULL").Function(), "MuteChangedCB");
     EXPECT_EQ(heard.size(), 1U);
 }
 
@@ -202,7 +205,7 @@ TEST_F(TVSpeakerEmulTest, AfterUnsettingNothingIsHandledAndItCanBeSetAgain) {
     Watch();
     speaker->UnsetChangedCB();
     speaker->UnsetChangedCB();
-    EXPECT_THAT(seam.JournalHere(), ElementsAre(UNREGISTER_MUTE));
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre(UNREGISTER_MUTE));
     Announce(g_variant_new("(iii)", 0, 1, 2));
     EXPECT_EQ(seam.FireTvMasterMute(1), 0);
     EXPECT_THAT(heard, IsEmpty());
@@ -215,11 +218,12 @@ TEST_F(TVSpeakerEmulTest, AFailedMuteRemovalLeavesBothWatched) {
     Watch();
     seam.Fail("sound_manager_unset_tv_master_mute_changed_cb", -2, 1);
     speaker->UnsetChangedCB();
-    EXPECT_THAT(seam.JournalHere(), ElementsAre(UNREGISTER_MUTE, "E unset mute changed_cb failed fffffffe"));
-    EXPECT_EQ(seam.FunctionOf("E unset mute changed_cb failed fffffffe"), "UnsetChangedCB");
+    EXPECT_THAT(journal.Here().Texts(),
+                ElementsAre(UNREGISTER_MUTE, "E unset mute changed_cb failed fffffffe"));
+    EXPECT_EQ(journal.With("E unset mute changed_cb failed fffffffe").Function(), "UnsetChangedCB");
     seam.Clear();
     speaker->SetChangedCB();
-    EXPECT_THAT(seam.JournalHere(), IsEmpty()) << "still registered";
+    EXPECT_THAT(journal.Here().Texts(), IsEmpty()) << "still registered";
     Announce(g_variant_new("(iii)", 0, 1, 2));
     EXPECT_THAT(heard, ElementsAre("volume 2"));
 }
@@ -227,25 +231,25 @@ TEST_F(TVSpeakerEmulTest, AFailedMuteRemovalLeavesBothWatched) {
 TEST_F(TVSpeakerEmulTest, ItsHandlersAreApartFromThoseOfTheRealTvSpeaker) {
     speaker->SetEventHandler(VolumeHandler(), MuteHandler());
     speaker->TVSpeaker::UnsetEventHandler();
-    EXPECT_THAT(seam.LogHere(), ElementsAre("E Already unset event handler"));
-    EXPECT_EQ(seam.Find("E Already unset event handler")->site.file, "TVSpeaker.cpp");
+    EXPECT_THAT(journal.Here().Logs().Texts(), ElementsAre("E Already unset event handler"));
+    EXPECT_EQ(journal.With("E Already unset event handler").First().site.file, "TVSpeaker.cpp");
     seam.Clear();
     speaker->SetEventHandler(VolumeHandler(), MuteHandler());
-    EXPECT_THAT(seam.LogHere(), ElementsAre("E Already set event handler"));
-    EXPECT_EQ(seam.Find("E Already set event handler")->site.file, "TVSpeakerEmul.cpp");
-    EXPECT_EQ(seam.FunctionOf("E Already set event handler"), "SetEventHandler");
+    EXPECT_THAT(journal.Here().Logs().Texts(), ElementsAre("E Already set event handler"));
+    EXPECT_EQ(journal.With("E Already set event handler").First().site.file, "TVSpeakerEmul.cpp");
+    EXPECT_EQ(journal.With("E Already set event handler").Function(), "SetEventHandler");
     seam.Clear();
     speaker->UnsetEventHandler();
-    EXPECT_THAT(seam.Log(), IsEmpty());
+    EXPECT_THAT(journal.Logs().Texts(), IsEmpty());
     speaker->UnsetEventHandler();
-    EXPECT_THAT(seam.LogHere(), ElementsAre("E Already unset event handler"));
+    EXPECT_THAT(journal.Here().Logs().Texts(), ElementsAre("E Already unset event handler"));
 }
 
 TEST_F(TVSpeakerEmulTest, DestructionFindsBothPairsGone) {
     speaker.reset();
-    EXPECT_THAT(seam.JournalHere(),
+    EXPECT_THAT(journal.Here().Texts(),
                 ElementsAre("E Already unset event handler", "E Already unset event handler"));
-    EXPECT_THAT(seam.TraceNames(),
+    EXPECT_THAT(journal.Traces().Names(),
                 ElementsAre("[IN]TVSpeakerEmul::~TVSpeakerEmul", "[IN]TVSpeakerEmul::UnsetEventHandler",
                             "[OUT]TVSpeakerEmul::UnsetEventHandler", "[OUT]TVSpeakerEmul::~TVSpeakerEmul",
                             "[IN]TVSpeaker::~TVSpeaker", "[IN]TVSpeaker::UnsetEventHandler",
@@ -255,7 +259,7 @@ TEST_F(TVSpeakerEmulTest, DestructionFindsBothPairsGone) {
 TEST_F(TVSpeakerEmulTest, DestructionDropsItsOwnHandlersAndLeavesTheRegistrations) {
     Watch();
     speaker.reset();
-    EXPECT_THAT(seam.JournalHere(), ElementsAre("E Already unset event handler"))
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre("E Already unset event handler"))
         << "the inherited pair was empty";
     EXPECT_NE(seam.TvMasterMuteRegistration().callback, nullptr);
 }

@@ -32,7 +32,7 @@ protected:
 
 TEST_F(VolumeMethodsTest, GetSupportType) {
     EXPECT_EQ(Call("GetSpeakerSupportType"), "(65535, 0)");
-    EXPECT_THAT(Journal(),
+    EXPECT_THAT(MainLoop().Lines(),
                 ElementsAre(StartLine("method", "GetSpeakerSupportType"), CallerLine(),
                             "_OnGetSpeakerSupportType: I Return Current support type(0xffff), ret:0",
                             Reply("(65535, 0)")));
@@ -42,59 +42,64 @@ TEST_F(VolumeMethodsTest, GetSupportTypeThatCannotBeReadAnswersZeroAndTheStatus)
     SwitchToUsb(5);
     seam.RemoveKey(USB_SUPPORT);
     EXPECT_EQ(Call("GetSpeakerSupportType"), "(0, -1)");
-    EXPECT_THAT(Log(), Contains("_OnGetSpeakerSupportType: I Return Current support type(0x0000), ret:-1"));
+    EXPECT_THAT(MainLoop().Logs().Lines(),
+                Contains("_OnGetSpeakerSupportType: I Return Current support type(0x0000), ret:-1"));
 }
 
 TEST_F(VolumeMethodsTest, ASupportTypeIsLoggedInAtLeastFourDigits) {
     SwitchToUsb(5);
     EXPECT_EQ(Call("GetSpeakerSupportType"), "(5, 0)");
-    EXPECT_THAT(Log(), Contains("_OnGetSpeakerSupportType: I Return Current support type(0x0005), ret:0"));
+    EXPECT_THAT(MainLoop().Logs().Lines(),
+                Contains("_OnGetSpeakerSupportType: I Return Current support type(0x0005), ret:0"));
     seam.SetInt(USB_SUPPORT, -1);
     EXPECT_EQ(Call("GetSpeakerSupportType"), "(-1, 0)");
-    EXPECT_THAT(Log(),
+    EXPECT_THAT(MainLoop().Logs().Lines(),
                 Contains("_OnGetSpeakerSupportType: I Return Current support type(0xffffffff), ret:0"));
 }
 
 TEST_F(VolumeMethodsTest, SetVolume) {
     EXPECT_EQ(Call("SetSpeakerVolume", g_variant_new("(i)", 30)), "(0,)");
-    EXPECT_THAT(Journal(), ElementsAre(StartLine("method", "SetSpeakerVolume"), CallerLine(),
-                                       "SetTVVolume: I Set vol 0->30.", "audio_set_master_volume(30, 1)",
-                                       "_OnVolumeChanged: I volume is changed : 30",
-                                       "_NotifyVolumeEvent: I event: [VOLUME_CHANGED]",
-                                       "onVolumeChanged: I Send dbus signal VolumeChanged : 30",
-                                       "g_dbus_connection_emit_signal(*, /Org/Olvane/KavrelInternal, "
-                                       "org.olvane.kavrel.SpeakerVolumeChanged, (65535, 30))",
-                                       "_OnSetSpeakerVolume: I Return volume 30. ret:0", Reply("(0,)")));
+    EXPECT_THAT(
+        MainLoop().Lines(),
+        ElementsAre(StartLine("method", "SetSpeakerVolume"), CallerLine(), "SetTVVolume: I Set vol 0->30.",
+                    "audio_set_master_volume(30, 1)", "_OnVolumeChanged: I volume is changed : 30",
+                    "_NotifyVolumeEvent: I event: [VOLUME_CHANGED]",
+                    "onVolumeChanged: I Send dbus signal VolumeChanged : 30",
+                    "g_dbus_connection_emit_signal(*, /Org/Olvane/KavrelInternal, "
+                    "org.olvane.kavrel.SpeakerVolumeChanged, (65535, 30))",
+                    "_OnSetSpeakerVolume: I Return volume 30. ret:0", Reply("(0,)")));
 }
 
 TEST_F(VolumeMethodsTest, ANegativeVolumeIsPassedOnAndTheAnswerIsTheOutputs) {
     seam.Fail("audio_set_master_volume", -22);
     EXPECT_EQ(Call("SetSpeakerVolume", g_variant_new("(i)", -5)), "(-22,)");
-    EXPECT_THAT(seam.Calls("audio_"), ElementsAre("audio_set_master_volume(-5, 1)"));
-    EXPECT_THAT(Log(), Contains("_OnSetSpeakerVolume: I Return volume -5. ret:-22"));
+    EXPECT_THAT(journal.Calls("audio_").Texts(), ElementsAre("audio_set_master_volume(-5, 1)"));
+    EXPECT_THAT(MainLoop().Logs().Lines(), Contains("_OnSetSpeakerVolume: I Return volume -5. ret:-22"));
 }
 
 TEST_F(VolumeMethodsTest, AVolumeAboveTheRangeIsRefusedByTheOperation) {
     EXPECT_EQ(Call("SetSpeakerVolume", g_variant_new("(i)", 101)), "(-2,)");
     EXPECT_EQ(Call("SetSpeakerVolume", g_variant_new("(i)", 2147483647)), "(-2,)");
     EXPECT_EQ(Call("SetSpeakerVolume", g_variant_new("(i)", 100)), "(0,)");
-    EXPECT_THAT(seam.Calls("audio_"), ElementsAre("audio_set_master_volume(100, 1)"));
-    EXPECT_THAT(Log(), Contains("_OnSetSpeakerVolume: I Return volume 101. ret:-2"));
+    EXPECT_THAT(journal.Calls("audio_").Texts(), ElementsAre("audio_set_master_volume(100, 1)"));
+    EXPECT_THAT(MainLoop().Logs().Lines(), Contains("_OnSetSpeakerVolume: I Return volume 101. ret:-2"));
 }
 
 TEST_F(VolumeMethodsTest, GetVolume) {
     EXPECT_EQ(Call("GetSpeakerVolume"), "(10, 0)");
-    EXPECT_THAT(Journal(), ElementsAre(StartLine("method", "GetSpeakerVolume"), CallerLine(),
-                                       "audio_get_master_volume()", "GetVolume: I current tv volume [10]",
-                                       "_OnGetSpeakerVolume: I Return Current volume state(10), ret:0",
-                                       Reply("(10, 0)")));
+    EXPECT_THAT(
+        MainLoop().Lines(),
+        ElementsAre(StartLine("method", "GetSpeakerVolume"), CallerLine(), "audio_get_master_volume()",
+                    "GetVolume: I current tv volume [10]",
+                    "_OnGetSpeakerVolume: I Return Current volume state(10), ret:0", Reply("(10, 0)")));
 }
 
 TEST_F(VolumeMethodsTest, GetVolumeThatFailsAnswersZeroAndTheStatusInOneReply) {
     seam.Fail("audio_get_master_volume", -1002);
     EXPECT_EQ(Call("GetSpeakerVolume"), "(0, -1002)");
-    EXPECT_THAT(Log(), Contains("_OnGetSpeakerVolume: I Return Current volume state(0), ret:-1002"));
-    EXPECT_EQ(seam.Count(Reply("(0, -1002)")), 1);
+    EXPECT_THAT(MainLoop().Logs().Lines(),
+                Contains("_OnGetSpeakerVolume: I Return Current volume state(0), ret:-1002"));
+    EXPECT_EQ(journal.With(Reply("(0, -1002)")).Count(), 1);
 }
 
 TEST_F(VolumeMethodsTest, OperationsThatTheOutputDoesNotHaveAnswerMinusFour) {
@@ -108,7 +113,7 @@ TEST_F(VolumeMethodsTest, OperationsThatTheOutputDoesNotHaveAnswerMinusFour) {
 TEST_F(VolumeMethodsTest, SetMute) {
     EXPECT_EQ(Call("SetSpeakerMute", g_variant_new("(b)", TRUE)), "(0,)");
     EXPECT_THAT(
-        Journal(),
+        MainLoop().Lines(),
         ElementsAre(StartLine("method", "SetSpeakerMute"), CallerLine(), "audio_set_master_mute(true)",
                     "_OnMuteChanged: I mute changed : [1]", "_NotifyVolumeEvent: I event: [MUTE_CHANGED]",
                     "onMuteChanged: I Send dbus signal MuteChanged : 1",
@@ -120,20 +125,20 @@ TEST_F(VolumeMethodsTest, SetMute) {
 TEST_F(VolumeMethodsTest, AnUnmuteIsPassedOnAsFalse) {
     seam.SetMute(true);
     EXPECT_EQ(Call("SetSpeakerMute", g_variant_new("(b)", FALSE)), "(0,)");
-    EXPECT_THAT(seam.Calls("audio_set_master_mute"), ElementsAre("audio_set_master_mute(false)"));
-    EXPECT_THAT(Log(), Contains("_OnSetSpeakerMute: I Return set mute status 0. ret:0"));
+    EXPECT_THAT(journal.Calls("audio_set_master_mute").Texts(), ElementsAre("audio_set_master_mute(false)"));
+    EXPECT_THAT(MainLoop().Logs().Lines(), Contains("_OnSetSpeakerMute: I Return set mute status 0. ret:0"));
 }
 
 TEST_F(VolumeMethodsTest, AFailedMuteIsItsStatus) {
     seam.Fail("audio_set_master_mute", -3);
     EXPECT_EQ(Call("SetSpeakerMute", g_variant_new("(b)", TRUE)), "(-3,)");
-    EXPECT_THAT(Log(), Contains("_OnSetSpeakerMute: I Return set mute status 1. ret:-3"));
+    EXPECT_THAT(MainLoop().Logs().Lines(), Contains("_OnSetSpeakerMute: I Return set mute status 1. ret:-3"));
 }
 
 TEST_F(VolumeMethodsTest, GetMute) {
     seam.SetMute(true);
     EXPECT_EQ(Call("GetSpeakerMute"), "(1, 0)");
-    EXPECT_THAT(Journal(),
+    EXPECT_THAT(MainLoop().Lines(),
                 ElementsAre(StartLine("method", "GetSpeakerMute"), CallerLine(), "audio_get_master_mute()",
                             "GetVolumeMute: I current tv mute [1]",
                             "_OnGetSpeakerMute: I Return Current mute state(1), ret:0", Reply("(1, 0)")));
@@ -143,7 +148,8 @@ TEST_F(VolumeMethodsTest, GetMuteThatFailsAnswersZeroAndTheStatus) {
     seam.SetMute(true);
     seam.Fail("audio_get_master_mute", -13);
     EXPECT_EQ(Call("GetSpeakerMute"), "(0, -13)");
-    EXPECT_THAT(Log(), Contains("_OnGetSpeakerMute: I Return Current mute state(0), ret:-13"));
+    EXPECT_THAT(MainLoop().Logs().Lines(),
+                Contains("_OnGetSpeakerMute: I Return Current mute state(0), ret:-13"));
 }
 
 TEST_F(VolumeMethodsTest, APositiveStatusOfThePlatformIsPassedOnToo) {

@@ -77,7 +77,7 @@ TEST_F(WholeLifeTest, LeavesNothingBehind) {
     EXPECT_EQ(seam.VolumeRegistration().callback, nullptr);
     EXPECT_EQ(seam.MuteRegistration().callback, nullptr);
     EXPECT_THAT(seam.FocusRegistrations(), IsEmpty());
-    for (const fake::Entry& entry : seam.Entries()) {
+    for (const fake::Entry& entry : journal.All().Entries()) {
         if (entry.name == "vconf_notify_key_changed") {
             const auto first = entry.text.find('"') + 1;
             const std::string key = entry.text.substr(first, entry.text.rfind('"') - first);
@@ -98,7 +98,7 @@ TEST_F(WholeLifeTest, TheNextDaemonOfTheProcessStartsAsNew) {
         Start();
         EXPECT_EQ(Call("SetSpeakerVolume", g_variant_new("(i)", 30)), "(0,)");
         Emit("BudsConnected", g_variant_new("(i)", 1));
-        EXPECT_EQ(seam.Count("I Buds Connected. reason:1"), 1);
+        EXPECT_EQ(journal.With("I Buds Connected. reason:1").Count(), 1);
         daemon.reset();
     }
 }

@@ -272,7 +272,7 @@ protected:
     }
 
     void ExpectLogForm() {
-        for (const fake::Entry& entry : seam.Entries()) {
+        for (const fake::Entry& entry : journal.All().Entries()) {
             if (entry.kind == fake::Entry::Kind::LOG) {
                 ASSERT_EQ(entry.tag, "Kavrel");
                 ASSERT_FALSE(entry.site.function.empty()) << entry.raw;

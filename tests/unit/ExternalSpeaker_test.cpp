@@ -78,6 +78,7 @@ protected:
 
     const OutputKeys& keys = GetParam();
     FakeSeam& seam = FakeSeam::Get();
+    fake::Journal& journal = seam.journal;
     std::vector<std::string> heard;
     std::unique_ptr<ExternalSpeaker> speaker = keys.make();
 };
@@ -99,12 +100,12 @@ TEST_P(ExternalSpeakerTest, ReadsItsOwnKeysAndWritesTheTwoThatAllShare) {
     EXPECT_EQ(speaker->SetVolumeMute(true), 0);
     EXPECT_EQ(volume, 17);
     EXPECT_TRUE(mute);
-    EXPECT_THAT(seam.Calls(),
+    EXPECT_THAT(journal.Calls().Texts(),
                 ElementsAre(Get(keys.supportKey), Get(keys.levelKey), Get(keys.muteKey),
                             "vconf_set_int(\"memory/menu/network/screenmirroring/set_volume_level\", 30)",
                             "vconf_set_int(\"memory/menu/network/screenmirroring/set_volume_mute\", 1)"));
-    EXPECT_THAT(seam.Log(), Contains("I current Ext Speaker volume [17]"));
-    EXPECT_THAT(seam.Log(), Contains("I current mute [1]"));
+    EXPECT_THAT(journal.Logs().Texts(), Contains("I current Ext Speaker volume [17]"));
+    EXPECT_THAT(journal.Logs().Texts(), Contains("I current mute [1]"));
 }
 
 TEST_P(ExternalSpeakerTest, LevelsPassThroughUnscaled) {
@@ -130,7 +131,7 @@ TEST_P(ExternalSpeakerTest, MuteIsWrittenAsZeroOrOneAndEveryOtherNumberReadsAsMu
         bool mute = state == 0;
         EXPECT_EQ(speaker->GetVolumeMute(mute), 0);
         EXPECT_EQ(mute, state != 0);
-        EXPECT_EQ(seam.Log().back(), "I current mute [" + std::to_string(state) + "]");
+        EXPECT_EQ(journal.Logs().Texts().back(), "I current mute [" + std::to_string(state) + "]");
     }
 }
 
@@ -144,11 +145,11 @@ TEST_P(ExternalSpeakerTest, AFailedReadLeavesTheCallersValue) {
     EXPECT_EQ(speaker->GetVolume(volume), -1);
     EXPECT_EQ(volume, UNTOUCHED);
     EXPECT_TRUE(mute);
-    EXPECT_THAT(seam.Log(DLOG_ERROR),
+    EXPECT_THAT(journal.Logs(DLOG_ERROR).Texts(),
                 ElementsAre("E Failed to get key " + keys.levelKey, "E Failed to get volume",
                             "E Failed to get key " + keys.muteKey, "E Failed to get mute",
                             "E Failed to get key " + keys.levelKey, "E Failed to get volume"));
-    EXPECT_EQ(seam.Find("E Failed to get mute")->site.function, "GetVolumeMute");
+    EXPECT_EQ(journal.With("E Failed to get mute").Function(), "GetVolumeMute");
 }
 
 TEST_P(ExternalSpeakerTest, AFailedWriteIsMinusOneWhateverThePlatformsCode) {
@@ -156,10 +157,10 @@ TEST_P(ExternalSpeakerTest, AFailedWriteIsMinusOneWhateverThePlatformsCode) {
     seam.Fail("vconf_set_int", -1028);
     EXPECT_EQ(speaker->SetVolume(30), -1);
     EXPECT_EQ(speaker->SetVolumeMute(true), -1);
-    EXPECT_THAT(seam.Log(DLOG_ERROR),
+    EXPECT_THAT(journal.Logs(DLOG_ERROR).Texts(),
                 ElementsAre(std::string("E Failed to set key ") + SET_LEVEL_KEY, "E Failed to set volume",
                             std::string("E Failed to set key ") + SET_MUTE_KEY, "E Failed to set mute"));
-    EXPECT_EQ(seam.Calls("vconf_set_int").size(), 2U) << "nothing is tried again";
+    EXPECT_EQ(journal.Calls("vconf_set_int").Texts().size(), 2U) << "nothing is tried again";
 }
 
 // The support word
@@ -175,9 +176,9 @@ TEST_P(ExternalSpeakerTest, AMissingBitRefusesTheOperationAndNamesTheWord) {
     seam.Clear();
     EXPECT_EQ(speaker->SetVolume(30), -4);
     EXPECT_EQ(speaker->SetVolumeMute(true), -4);
-    EXPECT_THAT(seam.Journal(),
+    EXPECT_THAT(journal.Texts(),
                 ElementsAre("E SET VOLUME is not supported. 0x0005", "E SET MUTE is not supported. 0x0005"));
-    EXPECT_EQ(seam.Find("E SET MUTE is not supported. 0x0005")->site.function, "SetVolumeMute");
+    EXPECT_EQ(journal.With("E SET MUTE is not supported. 0x0005").Function(), "SetVolumeMute");
 }
 
 TEST_P(ExternalSpeakerTest, AMissingReadBitLeavesTheCallersValue) {
@@ -188,7 +189,7 @@ TEST_P(ExternalSpeakerTest, AMissingReadBitLeavesTheCallersValue) {
     EXPECT_EQ(speaker->GetVolumeMute(mute), -4);
     EXPECT_EQ(volume, UNTOUCHED);
     EXPECT_TRUE(mute);
-    EXPECT_THAT(seam.Log(DLOG_ERROR),
+    EXPECT_THAT(journal.Logs(DLOG_ERROR).Texts(),
                 ElementsAre("E GET VOLUME is not supported. 0x000a", "E GET MUTE is not supported. 0x000a"));
     EXPECT_EQ(speaker->SetVolume(30), 0);
     EXPECT_EQ(speaker->SetVolumeMute(true), 0);
@@ -202,14 +203,14 @@ TEST_P(ExternalSpeakerTest, ASupportWordOfZeroIsReadAgainAndAnotherOneIsNot) {
     EXPECT_EQ(speaker->SetVolume(1), -4);
     EXPECT_EQ(speaker->GetVolumeMute(mute), -4);
     EXPECT_EQ(speaker->SetVolumeMute(true), -4);
-    EXPECT_EQ(seam.Count(Get(keys.supportKey)), 4);
+    EXPECT_EQ(journal.With(Get(keys.supportKey)).Count(), 4);
 
     SetSupport(0x2);
     EXPECT_EQ(speaker->SetVolume(1), 0);
     SetSupport(0xf);
     EXPECT_EQ(speaker->SetVolume(1), 0);
     EXPECT_EQ(speaker->SetVolumeMute(true), -4) << "the word is not read again";
-    EXPECT_EQ(seam.Count(Get(keys.supportKey)), 5);
+    EXPECT_EQ(journal.With(Get(keys.supportKey)).Count(), 5);
 }
 
 TEST_P(ExternalSpeakerTest, AnUnreadableSupportWordRefusesEverythingAndIsReadAgain) {
@@ -223,10 +224,11 @@ TEST_P(ExternalSpeakerTest, AnUnreadableSupportWordRefusesEverythingAndIsReadAga
     EXPECT_EQ(speaker->GetVolumeSupportType(word), -1);
     const std::string unread = "E Failed to get key " + keys.supportKey;
     const std::string failed = "E Failed to get volume support status";
-    EXPECT_THAT(seam.Log(), ElementsAre(unread, failed, "E GET VOLUME is not supported. 0x0000", unread,
-                                        failed, "E SET VOLUME is not supported. 0x0000", unread, failed,
-                                        "E GET MUTE is not supported. 0x0000", unread, failed,
-                                        "E SET MUTE is not supported. 0x0000", unread, failed));
+    EXPECT_THAT(journal.Logs().Texts(),
+                ElementsAre(unread, failed, "E GET VOLUME is not supported. 0x0000", unread, failed,
+                            "E SET VOLUME is not supported. 0x0000", unread, failed,
+                            "E GET MUTE is not supported. 0x0000", unread, failed,
+                            "E SET MUTE is not supported. 0x0000", unread, failed));
     EXPECT_EQ(volume, UNTOUCHED);
     EXPECT_TRUE(mute);
     EXPECT_EQ(word, UNTOUCHED);
@@ -241,10 +243,10 @@ TEST_P(ExternalSpeakerTest, GettingTheSupportWordAlwaysReadsItAndRenewsTheCached
     int word = 0;
     EXPECT_EQ(speaker->GetVolumeSupportType(word), 0);
     EXPECT_EQ(word, 0x12347) << "higher bits are carried along";
-    EXPECT_EQ(seam.Log().back(), "I current spk support [0x12347]");
+    EXPECT_EQ(journal.Logs().Texts().back(), "I current spk support [0x12347]");
     EXPECT_EQ(speaker->SetVolume(1), 0);
     EXPECT_EQ(speaker->SetVolumeMute(true), -4);
-    EXPECT_EQ(seam.Log().back(), "E SET MUTE is not supported. 0x12347");
+    EXPECT_EQ(journal.Logs().Texts().back(), "E SET MUTE is not supported. 0x12347");
 
     seam.RemoveKey(keys.supportKey);
     EXPECT_EQ(speaker->GetVolumeSupportType(word), -1);
@@ -254,7 +256,7 @@ TEST_P(ExternalSpeakerTest, GettingTheSupportWordAlwaysReadsItAndRenewsTheCached
     SetSupport(-1);
     EXPECT_EQ(speaker->GetVolumeSupportType(word), 0);
     EXPECT_EQ(word, -1);
-    EXPECT_EQ(seam.Log().back(), "I current spk support [0xffffffff]");
+    EXPECT_EQ(journal.Logs().Texts().back(), "I current spk support [0xffffffff]");
 }
 
 TEST_P(ExternalSpeakerTest, CheckSupportAsksForAllBits) {
@@ -276,7 +278,7 @@ TEST_P(ExternalSpeakerTest, ChangesOfLevelAndMuteReachTheirHandlersAsTheyAre) {
     EXPECT_EQ(seam.FireKey(keys.muteKey, 2), 1);
     EXPECT_EQ(seam.FireKey(keys.levelKey, "junk"), 1);
     EXPECT_THAT(heard, ElementsAre("volume 42", "mute 2", "volume -1"));
-    EXPECT_THAT(seam.Log(),
+    EXPECT_THAT(journal.Logs().Texts(),
                 ElementsAre("I KeyName:" + keys.levelKey + " val:42", "I KeyName:" + keys.muteKey + " val:2",
                             "I KeyName:" + keys.levelKey + " val:-1"));
     bool mute = false;
@@ -291,10 +293,10 @@ TEST_P(ExternalSpeakerTest, AChangeOfTheSupportWordTakesEffectAtOnceAndCallsNoHa
     EXPECT_EQ(speaker->SetVolume(1), -4);
     seam.Clear();
     fake::OnPlatformThread([this] { seam.FireKey(keys.supportKey, 0xf); });
-    EXPECT_THAT(seam.Log(), ElementsAre("I KeyName:" + keys.supportKey + " val:15",
-                                        "I Volume support flag changed 0x0005 to 0x000f"));
+    EXPECT_THAT(journal.Logs().Texts(), ElementsAre("I KeyName:" + keys.supportKey + " val:15",
+                                                    "I Volume support flag changed 0x0005 to 0x000f"));
     EXPECT_EQ(speaker->SetVolume(1), 0);
-    EXPECT_EQ(seam.Count(Get(keys.supportKey)), 0);
+    EXPECT_EQ(journal.With(Get(keys.supportKey)).Count(), 0);
     EXPECT_THAT(heard, IsEmpty());
 }
 
@@ -311,7 +313,8 @@ TEST_P(ExternalSpeakerTest, AChangeOfAStrangeKeyIsAnErrorAndChangesNothing) {
     SetHandlers();
     keynode_t node = {"memory/strange", 5, "5"};
     ExternalSpeaker::OnVolumeControlChanged(&node, speaker.get());
-    EXPECT_THAT(seam.Log(), ElementsAre("I KeyName:memory/strange val:5", "E Wrong key:memory/strange"));
+    EXPECT_THAT(journal.Logs().Texts(),
+                ElementsAre("I KeyName:memory/strange val:5", "E Wrong key:memory/strange"));
     EXPECT_THAT(heard, IsEmpty());
     int word = UNTOUCHED;
     EXPECT_EQ(speaker->GetVolumeSupportType(word), -1);
@@ -327,8 +330,9 @@ TEST_P(ExternalSpeakerTest, AChangeWithoutANodeDataOrNameIsRefused) {
     ExternalSpeaker::OnVolumeControlChanged(&node, nullptr);
     ExternalSpeaker::OnVolumeControlChanged(&nameless, speaker.get());
     ExternalSpeaker::OnVolumeControlChanged(&emptyName, speaker.get());
-    EXPECT_THAT(seam.Log(), ElementsAre("E keyNode is NULL", "E keyNode is NULL", "E data is NULL",
-                                        "E Failed to get keyName", "E Failed to get keyName"));
+    EXPECT_THAT(journal.Logs().Texts(),
+                ElementsAre("E keyNode is NULL", "E keyNode is NULL", "E data is NULL",
+                            "E Failed to get keyName", "E Failed to get keyName"));
     EXPECT_THAT(heard, IsEmpty());
 }
 
@@ -344,28 +348,28 @@ TEST_P(ExternalSpeakerTest, AnEmptyHandlerIsCalledAllTheSame) {
 TEST_P(ExternalSpeakerTest, WatchesLevelMuteAndSupportOnceAndLeavesThemInReverse) {
     speaker->SetChangedCB();
     speaker->SetChangedCB();
-    EXPECT_THAT(seam.Calls(),
+    EXPECT_THAT(journal.Calls().Texts(),
                 ElementsAre(Notify(keys.levelKey), Notify(keys.muteKey), Notify(keys.supportKey)));
     EXPECT_EQ(seam.Watches(keys.levelKey).size(), 1U);
     EXPECT_EQ(seam.Watches(keys.levelKey)[0].data, speaker.get());
     seam.Clear();
     speaker->UnsetChangedCB();
     speaker->UnsetChangedCB();
-    EXPECT_THAT(seam.Calls(),
+    EXPECT_THAT(journal.Calls().Texts(),
                 ElementsAre(Ignore(keys.supportKey), Ignore(keys.muteKey), Ignore(keys.levelKey)));
-    EXPECT_THAT(seam.Log(), IsEmpty());
+    EXPECT_THAT(journal.Logs().Texts(), IsEmpty());
 }
 
 TEST_P(ExternalSpeakerTest, LeavesNothingThatItDoesNotWatch) {
     speaker->UnsetChangedCB();
-    EXPECT_THAT(seam.Journal(), IsEmpty());
+    EXPECT_THAT(journal.Texts(), IsEmpty());
 }
 
 TEST_P(ExternalSpeakerTest, AWatchThatFailsStopsThereAndKeepsThoseBefore) {
     const std::string failedAs = "E Failed to register vconf key ";
     seam.Fail(Notify(keys.levelKey), -1);
     speaker->SetChangedCB();
-    EXPECT_THAT(seam.Journal(),
+    EXPECT_THAT(journal.Texts(),
                 ElementsAre(Notify(keys.levelKey), failedAs + keys.levelKey + " for notification",
                             "E get_volume_level callback set failed"));
     seam.Succeed(Notify(keys.levelKey));
@@ -373,27 +377,27 @@ TEST_P(ExternalSpeakerTest, AWatchThatFailsStopsThereAndKeepsThoseBefore) {
     seam.Clear();
     seam.Fail(Notify(keys.muteKey), -1);
     speaker->SetChangedCB();
-    EXPECT_THAT(seam.Journal(), ElementsAre(Notify(keys.levelKey), Notify(keys.muteKey),
-                                            failedAs + keys.muteKey + " for notification",
-                                            "E get_volume_mute callback set failed"));
+    EXPECT_THAT(journal.Texts(), ElementsAre(Notify(keys.levelKey), Notify(keys.muteKey),
+                                             failedAs + keys.muteKey + " for notification",
+                                             "E get_volume_mute callback set failed"));
     EXPECT_EQ(seam.Watches(keys.levelKey).size(), 1U);
     seam.Succeed(Notify(keys.muteKey));
 
     seam.Clear();
     seam.Fail(Notify(keys.supportKey), -1);
     speaker->SetChangedCB();
-    EXPECT_THAT(seam.Journal(),
+    EXPECT_THAT(journal.Texts(),
                 ElementsAre(Notify(keys.levelKey), Notify(keys.muteKey), Notify(keys.supportKey),
                             failedAs + keys.supportKey + " for notification",
                             "E get_volume_support callback set failed"));
     seam.Clear();
     speaker->UnsetChangedCB();
-    EXPECT_THAT(seam.Journal(), IsEmpty()) << "what failed half-way does not count as registered";
+    EXPECT_THAT(journal.Texts(), IsEmpty()) << "what failed half-way does not count as registered";
 
     seam.Succeed(Notify(keys.supportKey));
     speaker->SetChangedCB();
     speaker->UnsetChangedCB();
-    EXPECT_THAT(seam.Log(DLOG_ERROR), IsEmpty());
+    EXPECT_THAT(journal.Logs(DLOG_ERROR).Texts(), IsEmpty());
     EXPECT_THAT(seam.Watches(keys.levelKey), IsEmpty());
 }
 
@@ -403,7 +407,7 @@ TEST_P(ExternalSpeakerTest, ALeavingThatFailsStopsThereAndMayBeTriedAgain) {
     seam.Clear();
     seam.Fail(Ignore(keys.supportKey), -1);
     speaker->UnsetChangedCB();
-    EXPECT_THAT(seam.Journal(),
+    EXPECT_THAT(journal.Texts(),
                 ElementsAre(Ignore(keys.supportKey), failedAs + keys.supportKey + " for notification",
                             "E get_volume_mute callback unset failed"))
         << "the support key has no text of its own";
@@ -412,9 +416,9 @@ TEST_P(ExternalSpeakerTest, ALeavingThatFailsStopsThereAndMayBeTriedAgain) {
     seam.Clear();
     seam.Fail(Ignore(keys.muteKey), -1);
     speaker->UnsetChangedCB();
-    EXPECT_THAT(seam.Journal(), ElementsAre(Ignore(keys.supportKey), Ignore(keys.muteKey),
-                                            failedAs + keys.muteKey + " for notification",
-                                            "E get_volume_mute callback unset failed"));
+    EXPECT_THAT(journal.Texts(), ElementsAre(Ignore(keys.supportKey), Ignore(keys.muteKey),
+                                             failedAs + keys.muteKey + " for notification",
+                                             "E get_volume_mute callback unset failed"));
     seam.Succeed(Ignore(keys.muteKey));
 
     speaker->SetChangedCB();
@@ -424,7 +428,7 @@ TEST_P(ExternalSpeakerTest, ALeavingThatFailsStopsThereAndMayBeTriedAgain) {
     seam.Clear();
     seam.Fail(Ignore(keys.levelKey), -1);
     speaker->UnsetChangedCB();
-    EXPECT_EQ(seam.Log().back(), "E get_volume_level callback unset failed");
+    EXPECT_EQ(journal.Logs().Texts().back(), "E get_volume_level callback unset failed");
 }
 
 TEST_P(ExternalSpeakerTest, SpeakersOfDifferentOutputsHearTheirOwnKeysOnly) {
@@ -445,7 +449,8 @@ TEST_P(ExternalSpeakerTest, TheFirstHandlersStayUntilTheyAreTakenBack) {
     speaker->UnsetEventHandler();
     SetHandlers();
     speaker->SetEventHandler([](int) { FAIL(); }, [](int) { FAIL(); });
-    EXPECT_THAT(seam.Log(), ElementsAre("E Already unset event handler", "E Already set event handler"));
+    EXPECT_THAT(journal.Logs().Texts(),
+                ElementsAre("E Already unset event handler", "E Already set event handler"));
     speaker->SetChangedCB();
     seam.FireKey(keys.levelKey, 3);
     seam.FireKey(keys.muteKey, 1);
@@ -454,7 +459,7 @@ TEST_P(ExternalSpeakerTest, TheFirstHandlersStayUntilTheyAreTakenBack) {
     speaker->UnsetEventHandler();
     seam.Clear();
     speaker->UnsetEventHandler();
-    EXPECT_THAT(seam.Log(), ElementsAre("E Already unset event handler"));
+    EXPECT_THAT(journal.Logs().Texts(), ElementsAre("E Already unset event handler"));
 }
 
 TEST_P(ExternalSpeakerTest, DestructionTakesTheHandlersBackAndLeavesTheWatches) {
@@ -462,27 +467,29 @@ TEST_P(ExternalSpeakerTest, DestructionTakesTheHandlersBackAndLeavesTheWatches) 
     speaker->SetChangedCB();
     seam.Clear();
     speaker.reset();
-    EXPECT_THAT(seam.Journal(), IsEmpty());
+    EXPECT_THAT(journal.Texts(), IsEmpty());
     EXPECT_EQ(seam.Watches(keys.levelKey).size(), 1U) << "the owner calls UnsetChangedCB before";
 }
 
 TEST_P(ExternalSpeakerTest, ConstructionAndDestructionAreTracedAndTouchNothing) {
-    EXPECT_THAT(seam.Journal(), IsEmpty());
+    EXPECT_THAT(journal.Texts(), IsEmpty());
     const std::string of = "NKavrel::" + keys.name + "::";
-    ASSERT_EQ(seam.Trace().size(), 4U);
-    EXPECT_THAT(seam.Trace()[0], testing::StartsWith("[IN]NKavrel::ExternalSpeaker::ExternalSpeaker("));
-    EXPECT_THAT(seam.Trace()[1], testing::StartsWith("[OUT]NKavrel::ExternalSpeaker::ExternalSpeaker("));
-    EXPECT_EQ(seam.Trace()[2], "[IN]" + of + keys.name + "()");
-    EXPECT_EQ(seam.Trace()[3], "[OUT]" + of + keys.name + "()");
+    const std::vector<std::string> traces = journal.Traces().Texts();
+    ASSERT_EQ(traces.size(), 4U);
+    EXPECT_THAT(traces[0], testing::StartsWith("D \t[IN]NKavrel::ExternalSpeaker::ExternalSpeaker("));
+    EXPECT_THAT(traces[1], testing::StartsWith("D \t[OUT]NKavrel::ExternalSpeaker::ExternalSpeaker("));
+    EXPECT_EQ(traces[2], "D \t[IN]" + of + keys.name + "()");
+    EXPECT_EQ(traces[3], "D \t[OUT]" + of + keys.name + "()");
     seam.Clear();
     speaker.reset();
-    EXPECT_THAT(seam.Trace(), ElementsAre("[IN]virtual " + of + "~" + keys.name + "()",
-                                          "[OUT]virtual " + of + "~" + keys.name + "()",
-                                          "[IN]virtual NKavrel::ExternalSpeaker::~ExternalSpeaker()",
-                                          "[IN]virtual void NKavrel::ExternalSpeaker::UnsetEventHandler()",
-                                          "[OUT]virtual void NKavrel::ExternalSpeaker::UnsetEventHandler()",
-                                          "[OUT]virtual NKavrel::ExternalSpeaker::~ExternalSpeaker()"));
-    EXPECT_THAT(seam.Log(), ElementsAre("E Already unset event handler"));
+    EXPECT_THAT(journal.Traces().Texts(),
+                ElementsAre("D \t[IN]virtual " + of + "~" + keys.name + "()",
+                            "D \t[OUT]virtual " + of + "~" + keys.name + "()",
+                            "D \t[IN]virtual NKavrel::ExternalSpeaker::~ExternalSpeaker()",
+                            "D \t[IN]virtual void NKavrel::ExternalSpeaker::UnsetEventHandler()",
+                            "D \t[OUT]virtual void NKavrel::ExternalSpeaker::UnsetEventHandler()",
+                            "D \t[OUT]virtual NKavrel::ExternalSpeaker::~ExternalSpeaker()"));
+    EXPECT_THAT(journal.Logs().Texts(), ElementsAre("E Already unset event handler"));
 }
 
 }  // namespace

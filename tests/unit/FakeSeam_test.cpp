@@ -3,13 +3,13 @@
 #include "FakeSeam.h"
 
 #include <gmock/gmock.h>
+#include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <thread>
 
 using fake::FakeSeam;
-using fake::GainWrite;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -60,6 +60,7 @@ void SayAs(const char* function) {
 class FakeSeamTest : public testing::Test {
 protected:
     FakeSeam& seam = FakeSeam::Get();
+    fake::Journal& journal = seam.journal;
     ReceivedReports heard;
 };
 
@@ -71,17 +72,18 @@ TEST_F(FakeSeamTest, CallsReadLikeSource) {
     vconf_set_int("memory/a", -5);
     LwipcIsDone("FadeInPopup");
     AudioControl_getInstance()->set_main_out_gain2(25);
-    EXPECT_THAT(seam.Calls(), ElementsAre("audio_set_master_volume(30, 1)", "audio_set_master_mute(true)",
-                                          "vconf_get_int(\"memory/a\")", "vconf_set_int(\"memory/a\", -5)",
-                                          "LwipcIsDone(\"FadeInPopup\")", "AudioControl_getInstance()",
-                                          "set_main_out_gain2(25)"));
-    EXPECT_THAT(seam.Calls("audio_"),
+    EXPECT_THAT(
+        journal.Calls().Texts(),
+        ElementsAre("audio_set_master_volume(30, 1)", "audio_set_master_mute(true)",
+                    "vconf_get_int(\"memory/a\")", "vconf_set_int(\"memory/a\", -5)",
+                    "LwipcIsDone(\"FadeInPopup\")", "AudioControl_getInstance()", "set_main_out_gain2(25)"));
+    EXPECT_THAT(journal.Calls("audio_").Texts(),
                 ElementsAre("audio_set_master_volume(30, 1)", "audio_set_master_mute(true)"));
 }
 
 TEST_F(FakeSeamTest, LogLinesAreTakenApart) {
     SayAs("_Function");
-    const auto entries = seam.Entries();
+    const auto entries = journal.All().Entries();
     ASSERT_EQ(entries.size(), 1U);
     EXPECT_EQ(entries[0].text, "E got -1: a(b) > [c:d] e");
     EXPECT_EQ(entries[0].tag, "Kavrel");
@@ -94,27 +96,51 @@ TEST_F(FakeSeamTest, LogLinesAreTakenApart) {
 
 TEST_F(FakeSeamTest, ALineOfAnotherFormStaysWhole) {
     __dlog_print(DLOG_INFO, "Other", "no prefix");
-    EXPECT_THAT(seam.Log(), ElementsAre("I no prefix"));
-    EXPECT_EQ(seam.Entries()[0].site, fake::Site());
+    EXPECT_THAT(journal.Logs().Texts(), ElementsAre("I no prefix"));
+    EXPECT_EQ(journal.All().Entries()[0].site, fake::Site());
     seam.Clear();
 }
 
-TEST_F(FakeSeamTest, TheJournalMergesCallsAndLogLinesAndLeavesDebugOut) {
-    __dlog_print(DLOG_DEBUG, "Kavrel", "%s: %s(%d) > [%s:%d] \t[IN]%s\n", "H.h", "T", 1, "T", 1, "int f()");
-    __dlog_print(DLOG_DEBUG, "Kavrel", "%s: %s(%d) > [%s:%d] detail\n", "H.h", "T", 1, "T", 1);
-    audio_get_master_mute(std::make_unique<bool>().get());
+TEST_F(FakeSeamTest, TheJournalCanBeEmptied) {
     SayAs("F");
-    EXPECT_THAT(seam.Journal(), ElementsAre("audio_get_master_mute()", "E got -1: a(b) > [c:d] e"));
-    EXPECT_THAT(seam.Log(), ElementsAre("E got -1: a(b) > [c:d] e"));
-    EXPECT_THAT(seam.Log(DLOG_DEBUG), ElementsAre("D \t[IN]int f()", "D detail", "E got -1: a(b) > [c:d] e"));
-    EXPECT_THAT(seam.Trace(), ElementsAre("[IN]int f()"));
-    EXPECT_EQ(seam.FunctionOf("D detail"), "T");
-    EXPECT_EQ(seam.FunctionOf("D other"), "");
     seam.Clear();
-    EXPECT_THAT(seam.Entries(), IsEmpty());
+    EXPECT_THAT(journal.All().Entries(), IsEmpty());
 }
 
-TEST_F(FakeSeamTest, TheViewsCanBeOfOneThread) {
+TEST_F(FakeSeamTest, AQueryLeavesOutDebugLinesAndGainsUnlessItAsksForThem) {
+    __dlog_print(DLOG_DEBUG, "Kavrel", "%s: %s(%d) > [%s:%d] \t[IN]%s\n", "H.h", "T", 1, "T", 1, "int f()");
+    __dlog_print(DLOG_DEBUG, "Kavrel", "%s: %s(%d) > [%s:%d] \t[OUT]%s\n", "H.h", "T", 1, "T", 1, "int f()");
+    __dlog_print(DLOG_DEBUG, "Kavrel", "%s: %s(%d) > [%s:%d] detail\n", "H.h", "T", 1, "T", 1);
+    AudioControl_getInstance()->set_main_out_gain2(5);
+    SayAs("F");
+    const std::string error = "E got -1: a(b) > [c:d] e";
+    EXPECT_THAT(journal.Texts(), ElementsAre("AudioControl_getInstance()", "set_main_out_gain2(5)", error));
+    EXPECT_THAT(journal.Calls("set_").Texts(), ElementsAre("set_main_out_gain2(5)"));
+    EXPECT_THAT(journal.Logs().Texts(), ElementsAre(error));
+    EXPECT_THAT(journal.Logs(DLOG_DEBUG).Texts(),
+                ElementsAre("D \t[IN]int f()", "D \t[OUT]int f()", "D detail", error));
+    EXPECT_THAT(journal.Traces().Texts(), ElementsAre("D \t[IN]int f()", "D \t[OUT]int f()"));
+    EXPECT_THAT(journal.Gains().Texts(), ElementsAre("main 5"));
+    EXPECT_THAT(journal.All().Texts(), testing::SizeIs(7));
+    EXPECT_EQ(journal.With("D detail").Count(), 1);
+    EXPECT_EQ(journal.Calls().With("D detail").Count(), 0);
+    EXPECT_EQ(journal.With("main").Count(), 0);
+    EXPECT_EQ(journal.BeginningWith("main").Count(), 1);
+    EXPECT_EQ(journal.BeginningWith("D \t").Count(), 2);
+    EXPECT_THAT(journal.AndScopes().Lines(),
+                ElementsAre("int f()", "AudioControl_getInstance()", "set_main_out_gain2(5)", "F: " + error));
+    EXPECT_THAT(journal.Logs().AndScopes().Lines(), ElementsAre("int f()", "F: " + error));
+    EXPECT_EQ(journal.Logs().First().raw, journal.Last().raw);
+    EXPECT_EQ(journal.With("D detail").Function(), "T");
+    EXPECT_EQ(journal.With("D other").Function(), "");
+}
+
+TEST_F(FakeSeamTest, TheFirstEntryOfNoneFailsTheTest) {
+    EXPECT_NONFATAL_FAILURE(FakeSeam::Get().journal.First(), "the journal has no such entry");
+    EXPECT_NONFATAL_FAILURE(FakeSeam::Get().journal.Last(), "the journal has no such entry");
+}
+
+TEST_F(FakeSeamTest, AQueryCanBeOfOneThread) {
     audio_set_master_mute(true);
     fake::OnPlatformThread([] {
         pthread_setname_np(pthread_self(), "Worker");
@@ -122,12 +148,14 @@ TEST_F(FakeSeamTest, TheViewsCanBeOfOneThread) {
         SayAs("F");
     });
     SayAs("G");
-    EXPECT_THAT(seam.JournalHere(), ElementsAre("audio_set_master_mute(true)", "E got -1: a(b) > [c:d] e"));
-    EXPECT_THAT(seam.CallsHere(), ElementsAre("audio_set_master_mute(true)"));
-    EXPECT_EQ(seam.LogHere().size(), 1U);
-    EXPECT_THAT(seam.JournalOf("Worker"),
+    const fake::Query here = journal.Here();
+    EXPECT_THAT(here.Texts(), ElementsAre("audio_set_master_mute(true)", "E got -1: a(b) > [c:d] e"));
+    EXPECT_THAT(here.Calls().Texts(), ElementsAre("audio_set_master_mute(true)"));
+    EXPECT_THAT(here.Logs().Lines(), ElementsAre("G: E got -1: a(b) > [c:d] e"));
+    EXPECT_THAT(journal.Of("Worker").Texts(),
                 ElementsAre("audio_set_master_mute(false)", "E got -1: a(b) > [c:d] e"));
-    EXPECT_EQ(seam.LogOf("Worker").size(), 1U);
+    EXPECT_THAT(journal.Of("Worker").Logs().Lines(), ElementsAre("F: E got -1: a(b) > [c:d] e"));
+    EXPECT_THAT(journal.Of(std::this_thread::get_id()).Texts(), here.Texts());
 }
 
 TEST_F(FakeSeamTest, TraceNamesLeaveOutTypesAndNamespace) {
@@ -138,7 +166,7 @@ TEST_F(FakeSeamTest, TraceNamesLeaveOutTypesAndNamespace) {
     trace("static NKavrel::ISpeaker* NKavrel::ISpeaker::CreateSpeaker(int)");
     trace("virtual NKavrel::TVSpeaker::~TVSpeaker()");
     trace("int main(int, char**)");
-    EXPECT_THAT(seam.TraceNames(),
+    EXPECT_THAT(journal.Traces().Names(),
                 ElementsAre("[OUT]ISpeaker::CreateSpeaker", "[OUT]TVSpeaker::~TVSpeaker", "[OUT]main"));
 }
 
@@ -283,14 +311,14 @@ TEST_F(FakeSeamTest, GainWritesAreKeptWithTheirTimesAndCanBeWaitedFor) {
         control->set_main_out_gain2(5);
         control->set_sub_out_gain2(6);
     });
-    EXPECT_TRUE(seam.WaitForGainWrite(fake::SubGain(6)));
+    EXPECT_TRUE(journal.With(fake::SubGain(6)).Wait());
     writer.join();
-    EXPECT_THAT(seam.GainWrites(), ElementsAre(fake::MainGain(5), fake::SubGain(6)));
-    EXPECT_GE(seam.GainWrites()[0].time, begin);
-    EXPECT_THAT(seam.GainWrites(GainWrite::Out::SUB), ElementsAre(6));
+    EXPECT_THAT(journal.Gains().Texts(), ElementsAre(fake::MainGain(5), fake::SubGain(6)));
+    EXPECT_GE(journal.Gains().First().time, begin);
+    EXPECT_THAT(journal.Gains(fake::Out::SUB).Numbers(), ElementsAre(6));
     EXPECT_EQ(seam.MainGainValue(), 5);
     EXPECT_EQ(seam.SubGainValue(), 6);
-    EXPECT_FALSE(seam.WaitForGainWrite(fake::MainGain(7), std::chrono::milliseconds(1)));
+    EXPECT_FALSE(journal.With(fake::MainGain(7)).Wait(1, std::chrono::milliseconds(1)));
 }
 
 TEST_F(FakeSeamTest, ACallCanBeHeldAndOthersGoOnMeanwhile) {
@@ -318,15 +346,15 @@ TEST_F(FakeSeamTest, CodeRunsInsideACallOrALogLineBeforeItTakesEffect) {
     SayAs("F");
     audio_set_master_volume(30, 1);
     EXPECT_THAT(seen, ElementsAre(10, 20));
-    EXPECT_EQ(seam.Count("E got -1: a(b) > [c:d] e"), 2);
+    EXPECT_EQ(journal.With("E got -1: a(b) > [c:d] e").Count(), 2);
 }
 
 TEST_F(FakeSeamTest, WaitingForALogLineEndsWithItOrWithTheTime) {
     std::thread speaker([] { SayAs("F"); });
-    EXPECT_TRUE(seam.WaitForLog("E got -1: a(b) > [c:d] e"));
+    EXPECT_TRUE(journal.With("E got -1: a(b) > [c:d] e").Wait());
     speaker.join();
-    EXPECT_FALSE(seam.WaitForLog("E never", std::chrono::milliseconds(1)));
-    EXPECT_FALSE(seam.WaitFor("E got -1: a(b) > [c:d] e", 2, std::chrono::milliseconds(1)));
+    EXPECT_FALSE(journal.With("E never").Wait(1, std::chrono::milliseconds(1)));
+    EXPECT_FALSE(journal.With("E got -1: a(b) > [c:d] e").Wait(2, std::chrono::milliseconds(1)));
 }
 
 TEST_F(FakeSeamTest, ACallOutsideTheSeamEntersTheJournalRunsHooksAndMayFail) {
@@ -335,18 +363,18 @@ TEST_F(FakeSeamTest, ACallOutsideTheSeamEntersTheJournalRunsHooksAndMayFail) {
     EXPECT_EQ(seam.Enter("g_thing", "1, x"), std::nullopt);
     seam.Fail("g_thing", -3, 1);
     EXPECT_EQ(seam.Enter("g_thing", ""), -3);
-    EXPECT_THAT(seam.Calls(), ElementsAre("g_thing(1, x)", "g_thing()"));
+    EXPECT_THAT(journal.Calls().Texts(), ElementsAre("g_thing(1, x)", "g_thing()"));
     EXPECT_EQ(hooks, 2);
 }
 
 TEST_F(FakeSeamTest, LogLinesCanBeDropped) {
-    seam.DropLogLines(true);
+    journal.DropLogLines(true);
     SayAs("F");
     audio_set_master_mute(true);
-    EXPECT_THAT(seam.Journal(), ElementsAre("audio_set_master_mute(true)"));
-    seam.DropLogLines(false);
+    EXPECT_THAT(journal.Texts(), ElementsAre("audio_set_master_mute(true)"));
+    journal.DropLogLines(false);
     SayAs("F");
-    EXPECT_THAT(seam.Log(), testing::SizeIs(1));
+    EXPECT_THAT(journal.Logs().Texts(), testing::SizeIs(1));
 }
 
 TEST_F(FakeSeamTest, EventsAreDoneUntilTheyAreReset) {
@@ -376,8 +404,8 @@ TEST_F(FakeSeamTest, ManyThreadsMayUseItAtOnce) {
     std::thread two(work);
     one.join();
     two.join();
-    EXPECT_EQ(seam.Calls("set_main_out_gain2").size(), 2U * rounds);
-    EXPECT_GE(seam.Log().size(), 2U * rounds);
+    EXPECT_EQ(journal.Calls("set_main_out_gain2").Texts().size(), 2U * rounds);
+    EXPECT_GE(journal.Logs().Texts().size(), 2U * rounds);
 }
 
 }  // namespace

@@ -102,11 +102,12 @@ protected:
         const auto speaker = Create(row.route);
         const ISpeaker& made = *speaker;
         EXPECT_EQ(std::type_index(typeid(made)), row.type);
-        EXPECT_THAT(seam.Journal(), ElementsAre(row.log));
-        EXPECT_EQ(seam.FunctionOf(row.log), "CreateSpeaker");
+        EXPECT_THAT(journal.Texts(), ElementsAre(row.log));
+        EXPECT_EQ(journal.With(row.log).Function(), "CreateSpeaker");
     }
 
     FakeSeam& seam = FakeSeam::Get();
+    fake::Journal& journal = seam.journal;
 };
 
 TEST_F(ISpeakerTest, EachKnownRouteGivesItsClass) {
@@ -179,7 +180,7 @@ TEST_F(ISpeakerTest, DestroyingThroughTheInterfaceRunsTheConcreteDestructors) {
     seam.Clear();
     speaker.reset();
     EXPECT_THAT(
-        seam.TraceNames(),
+        journal.Traces().Names(),
         ElementsAre("[IN]HDMISpeaker::~HDMISpeaker", "[OUT]HDMISpeaker::~HDMISpeaker",
                     "[IN]ExternalSpeaker::~ExternalSpeaker", "[IN]ExternalSpeaker::UnsetEventHandler",
                     "[OUT]ExternalSpeaker::UnsetEventHandler", "[OUT]ExternalSpeaker::~ExternalSpeaker"));
@@ -199,7 +200,7 @@ TEST_F(ISpeakerTest, TheUnknownSpeakerSucceedsAtEverythingAndSupportsNothing) {
     EXPECT_FALSE(mute);
     EXPECT_EQ(speaker->GetVolumeSupportType(support), 0);
     EXPECT_EQ(support, 0);
-    EXPECT_THAT(seam.Journal(), IsEmpty()) << "it speaks to nobody and says nothing";
+    EXPECT_THAT(journal.Texts(), IsEmpty()) << "it speaks to nobody and says nothing";
 }
 
 TEST_F(ISpeakerTest, TheUnknownSpeakerKeepsNoHandlers) {
@@ -213,7 +214,7 @@ TEST_F(ISpeakerTest, TheUnknownSpeakerKeepsNoHandlers) {
     speaker->UnsetEventHandler();
     speaker->UnsetEventHandler();
     speaker->UnsetChangedCB();
-    EXPECT_THAT(seam.Journal(), IsEmpty());
+    EXPECT_THAT(journal.Texts(), IsEmpty());
 }
 
 TEST_F(ISpeakerTest, TheFactoryAndEveryOperationOfTheUnknownSpeakerAreTraced) {
@@ -242,7 +243,7 @@ TEST_F(ISpeakerTest, TheFactoryAndEveryOperationOfTheUnknownSpeakerAreTraced) {
           "SetEventHandler", "UnsetEventHandler", "SetChangedCB", "UnsetChangedCB", "~UnknownSpeaker"}) {
         pair(expected, name);
     }
-    EXPECT_EQ(seam.TraceNames(), expected);
+    EXPECT_EQ(journal.Traces().Names(), expected);
 }
 
 }  // namespace

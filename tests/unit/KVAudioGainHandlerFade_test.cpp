@@ -11,7 +11,6 @@
 
 #include "GainFixture.h"
 
-using fake::GainWrite;
 using fake::MainGain;
 using fake::SubGain;
 using KVDefine::GAIN_SRC_PLAYER;
@@ -38,19 +37,8 @@ constexpr const char* ASK_POPUP = "LwipcIsDone(\"FadeInPopup\")";
 constexpr std::array FADE_WORKERS = {GAIN_HANDLER_PLAYER_MAIN_OUT, GAIN_HANDLER_PLAYER_SUB_OUT,
                                      GAIN_HANDLER_UNMUTE_MAIN_OUT, GAIN_HANDLER_UNMUTE_SUB_OUT};
 
-/** first, first + 5, ..., last */
-std::vector<int> Steps(int first, int last) {
-    std::vector<int> gains;
-    for (int gain = first; gain <= last; gain += 5) {
-        gains.push_back(gain);
-    }
-    return gains;
-}
-
-std::vector<int> operator+(std::vector<int> gains, const std::vector<int>& more) {
-    gains.insert(gains.end(), more.begin(), more.end());
-    return gains;
-}
+constexpr std::array WHOLE_FADE = {5,  10, 15, 20, 25, 30, 35, 40, 45, 50,
+                                   55, 60, 65, 70, 75, 80, 85, 90, 95, 100};
 
 class KVAudioGainHandlerFadeTest : public fake::GainFixture {
 protected:
@@ -72,7 +60,7 @@ protected:
 
     fake::Clock::duration Between(const std::string& thread, const std::string& first,
                                   const std::string& second) {
-        return Find(thread, second).time - Find(thread, first).time;
+        return journal.Of(thread).With(second).First().time - journal.Of(thread).With(first).First().time;
     }
 };
 
@@ -85,8 +73,8 @@ TEST_F(KVAudioGainHandlerFadeTest, FourFadesAtOnceRaiseTheirGainsInTwentySteps) 
 
     for (const auto worker : FADE_WORKERS) {
         const std::string& name = GainHandlerName[worker];
-        EXPECT_THAT(Journal(name), FadesFromTo(worker, 0, 100));
-        EXPECT_THAT(StoredGains(worker), ElementsAreArray(Steps(5, 100)));
+        EXPECT_THAT(journal.Of(name).Texts(), FadesFromTo(worker, 0, 100));
+        EXPECT_THAT(StoredGains(worker), ElementsAreArray(WHOLE_FADE));
         EXPECT_GE(Between(name, "I Wake " + name + ". gain:0",
                           "I handlerGainType:" + std::to_string(worker) + ", LastGain:100"),
                   1500ms);
@@ -108,20 +96,20 @@ TEST_F(KVAudioGainHandlerFadeTest, TheGainOutWorkerWritesTheOutputThatFadesAndOn
     EXPECT_EQ(gain->ApplyVolumeFadeIn(GAIN_SRC_PLAYER, 1), 0);
     ASSERT_TRUE(Rest());
 
-    const std::vector<GainWrite> writes = seam.GainWrites();
+    const std::vector<fake::Entry> writes = journal.Gains().Entries();
     ASSERT_GE(writes.size(), 3U);
-    EXPECT_EQ(writes.front(), MainGain(0));
-    EXPECT_EQ(writes.back(), MainGain(100));
+    EXPECT_EQ(writes.front().text, MainGain(0));
+    EXPECT_EQ(writes.back().text, MainGain(100));
     EXPECT_NE(writes.front().threadName, "AudioGainOutH") << "the request itself writes the 0";
     for (std::size_t i = 1; i < writes.size(); ++i) {
-        EXPECT_EQ(writes[i].out, GainWrite::Out::MAIN);
+        EXPECT_EQ(writes[i].out, fake::Out::MAIN);
         EXPECT_EQ(writes[i].threadName, "AudioGainOutH");
         EXPECT_GT(writes[i].gain, writes[i - 1].gain);
         EXPECT_EQ(writes[i].gain % 5, 0);
     }
-    const std::vector<std::string> journal = Journal("AudioGainOutH");
-    EXPECT_EQ(journal.front(), "I AudioGainOut. Update(M:1/S:0)");
-    EXPECT_THAT(journal, Contains("I Path:2 player:100 pulse:100 unmute:100 Total:100").Times(1))
+    const std::vector<std::string> lines = journal.Of("AudioGainOutH").Texts();
+    EXPECT_EQ(lines.front(), "I AudioGainOut. Update(M:1/S:0)");
+    EXPECT_THAT(lines, Contains("I Path:2 player:100 pulse:100 unmute:100 Total:100").Times(1))
         << "the sub output is looked at once, at the end";
 }
 
@@ -130,31 +118,31 @@ TEST_F(KVAudioGainHandlerFadeTest, AFadeOfTheSubOutputLeavesTheMainOutputAlone) 
     Start();
     EXPECT_EQ(gain->ApplyVolumeFadeIn(GAIN_SRC_UNMUTE, 2), 0);
     ASSERT_TRUE(Rest());
-    EXPECT_THAT(Journal("UnMuteSubOutH"), FadesFromTo(GAIN_HANDLER_UNMUTE_SUB_OUT, 0, 100));
-    EXPECT_THAT(Journal("UnMuteMainOutH"), IsEmpty());
-    EXPECT_THAT(seam.GainWrites(GainWrite::Out::MAIN), IsEmpty());
-    EXPECT_EQ(seam.GainWrites().back(), SubGain(100));
-    EXPECT_EQ(Journal("AudioGainOutH").front(), "I AudioGainOut. Update(M:0/S:1)");
+    EXPECT_THAT(journal.Of("UnMuteSubOutH").Texts(), FadesFromTo(GAIN_HANDLER_UNMUTE_SUB_OUT, 0, 100));
+    EXPECT_THAT(journal.Of("UnMuteMainOutH").Texts(), IsEmpty());
+    EXPECT_THAT(journal.Gains(fake::Out::MAIN).Numbers(), IsEmpty());
+    EXPECT_EQ(journal.Gains().Texts().back(), SubGain(100));
+    EXPECT_EQ(journal.Of("AudioGainOutH").Texts().front(), "I AudioGainOut. Update(M:0/S:1)");
 }
 
 TEST_F(KVAudioGainHandlerFadeTest, WithASubBluetoothZoneAnUnmuteFadeOfBothOutputsIsTheMainOutputs) {
     seam.SetInt("memory/org.olvane.btapp/sub_audio_zoneid", 1);
     Start();
     EXPECT_EQ(gain->ApplyVolumeFadeIn(GAIN_SRC_UNMUTE, 3), 0);
-    ASSERT_TRUE(seam.WaitForLog("I Wake UnMuteMainOutH. gain:0"));
-    EXPECT_THAT(Journal("UnMuteSubOutH"), IsEmpty());
+    ASSERT_TRUE(journal.With("I Wake UnMuteMainOutH. gain:0").Wait());
+    EXPECT_THAT(journal.Of("UnMuteSubOutH").Texts(), IsEmpty());
     EXPECT_EQ(Gain(GAIN_HANDLER_UNMUTE_SUB_OUT), 100);
-    EXPECT_THAT(seam.GainWrites(GainWrite::Out::SUB), IsEmpty());
+    EXPECT_THAT(journal.Gains(fake::Out::SUB).Numbers(), IsEmpty());
 }
 
 TEST_F(KVAudioGainHandlerFadeTest, APlayerFadeOfBothOutputsIsTheMainOutputsWrittenToBoth) {
     Start();
     seam.SetGain(1, 1);
     EXPECT_EQ(gain->ApplyVolumeFadeIn(GAIN_SRC_PLAYER, 3), 0);
-    ASSERT_TRUE(seam.WaitForLog("I Wake PlayerMainOutH. gain:0"));
-    EXPECT_THAT(Journal("PlayerSubOutH"), IsEmpty());
-    EXPECT_EQ(seam.GainWrites()[0], MainGain(0));
-    EXPECT_EQ(seam.GainWrites()[1], SubGain(100));
+    ASSERT_TRUE(journal.With("I Wake PlayerMainOutH. gain:0").Wait());
+    EXPECT_THAT(journal.Of("PlayerSubOutH").Texts(), IsEmpty());
+    EXPECT_EQ(journal.Gains().Texts()[0], MainGain(0));
+    EXPECT_EQ(journal.Gains().Texts()[1], SubGain(100));
 }
 
 TEST_F(KVAudioGainHandlerFadeTest, AStepNeverGoesAboveFullGain) {
@@ -164,7 +152,7 @@ TEST_F(KVAudioGainHandlerFadeTest, AStepNeverGoesAboveFullGain) {
     }
     ASSERT_TRUE(Rest());
     for (const auto worker : FADE_WORKERS) {
-        EXPECT_THAT(Journal(GainHandlerName[worker]), FadesFromTo(worker, 97, 100));
+        EXPECT_THAT(journal.Of(GainHandlerName[worker]).Texts(), FadesFromTo(worker, 97, 100));
         EXPECT_THAT(StoredGains(worker), ElementsAre(100));
     }
 }
@@ -176,10 +164,10 @@ TEST_F(KVAudioGainHandlerFadeTest, AFadeAtFullGainStoresNothing) {
     }
     ASSERT_TRUE(Rest());
     for (const auto worker : FADE_WORKERS) {
-        EXPECT_THAT(Journal(GainHandlerName[worker]), FadesFromTo(worker, 100, 100));
+        EXPECT_THAT(journal.Of(GainHandlerName[worker]).Texts(), FadesFromTo(worker, 100, 100));
         EXPECT_THAT(StoredGains(worker), IsEmpty());
     }
-    EXPECT_THAT(Journal("AudioGainOutH"), Contains(testing::StartsWith("I AudioGainOut. Update(")))
+    EXPECT_THAT(journal.Of("AudioGainOutH").Texts(), Contains(testing::StartsWith("I AudioGainOut. Update(")))
         << "the gain-out worker is woken all the same";
 }
 
@@ -203,9 +191,11 @@ TEST_F(KVAudioGainHandlerFadeTest, ASecondRequestStartsTheFadeUnderWayAnewWithou
                [this] { EXPECT_EQ(gain->ApplyVolumeFadeIn(GAIN_SRC_PLAYER, 1), 0); });
     EXPECT_EQ(gain->ApplyVolumeFadeIn(GAIN_SRC_PLAYER, 1), 0);
     ASSERT_TRUE(Rest());
-    EXPECT_THAT(StoredGains(GAIN_HANDLER_PLAYER_MAIN_OUT), ElementsAreArray(Steps(5, 30) + Steps(5, 100)));
-    EXPECT_THAT(Journal("PlayerMainOutH"), FadesFromTo(GAIN_HANDLER_PLAYER_MAIN_OUT, 0, 100));
-    EXPECT_THAT(seam.GainWrites(GainWrite::Out::MAIN), Contains(0).Times(2));
+    EXPECT_THAT(StoredGains(GAIN_HANDLER_PLAYER_MAIN_OUT),
+                ElementsAre(5, 10, 15, 20, 25, 30, 5, 10, 15, 20, 25, 30, 35, 40, 45, 50, 55, 60, 65, 70, 75,
+                            80, 85, 90, 95, 100));
+    EXPECT_THAT(journal.Of("PlayerMainOutH").Texts(), FadesFromTo(GAIN_HANDLER_PLAYER_MAIN_OUT, 0, 100));
+    EXPECT_THAT(journal.Gains(fake::Out::MAIN).Numbers(), Contains(0).Times(2));
 }
 
 TEST_F(KVAudioGainHandlerFadeTest, AGainSetDuringAFadeIsWhereItGoesOn) {
@@ -220,7 +210,7 @@ TEST_F(KVAudioGainHandlerFadeTest, AGainSetDuringAFadeIsWhereItGoesOn) {
     ASSERT_TRUE(Rest());
     EXPECT_THAT(StoredGains(GAIN_HANDLER_PLAYER_MAIN_OUT), ElementsAre(5, 10, -3, 2, 86))
         << "full gain ends the fade";
-    EXPECT_THAT(Journal("PlayerMainOutH"), FadesFromTo(GAIN_HANDLER_PLAYER_MAIN_OUT, 0, 100));
+    EXPECT_THAT(journal.Of("PlayerMainOutH").Texts(), FadesFromTo(GAIN_HANDLER_PLAYER_MAIN_OUT, 0, 100));
 }
 
 TEST_F(KVAudioGainHandlerFadeTest, AnInterruptionKeepsUnmuteFadesWhereTheyAreAndLetsPlayerFadesRun) {
@@ -230,10 +220,10 @@ TEST_F(KVAudioGainHandlerFadeTest, AnInterruptionKeepsUnmuteFadesWhereTheyAreAnd
     FadeFrom(GAIN_HANDLER_PLAYER_MAIN_OUT, 80);
     FadeFrom(GAIN_HANDLER_PLAYER_SUB_OUT, 80);
     ASSERT_TRUE(Rest());
-    EXPECT_THAT(Journal("UnMuteMainOutH"),
+    EXPECT_THAT(journal.Of("UnMuteMainOutH").Texts(),
                 ElementsAre("I Wake UnMuteMainOutH. gain:0", "I Interruptable status[type:4]. gain:0",
                             "I handlerGainType:4, LastGain:0", ASK_POPUP, "I Sleep UnMuteMainOutH"));
-    EXPECT_THAT(Journal("UnMuteSubOutH"),
+    EXPECT_THAT(journal.Of("UnMuteSubOutH").Texts(),
                 ElementsAre("I Wake UnMuteSubOutH. gain:0", "I Interruptable status[type:5]. gain:0",
                             "I handlerGainType:5, LastGain:0", ASK_POPUP, "I Sleep UnMuteSubOutH"));
     EXPECT_EQ(Gain(GAIN_HANDLER_UNMUTE_MAIN_OUT), 0);
@@ -247,18 +237,18 @@ TEST_F(KVAudioGainHandlerFadeTest, AnUnmuteFadeUnderWayStopsWhereItIs) {
     AfterStore(GAIN_HANDLER_UNMUTE_MAIN_OUT, 30, [this] { gain->SetFadeInInterruptable(true); });
     EXPECT_EQ(gain->ApplyVolumeFadeIn(GAIN_SRC_UNMUTE, 1), 0);
     ASSERT_TRUE(Rest());
-    EXPECT_THAT(StoredGains(GAIN_HANDLER_UNMUTE_MAIN_OUT), ElementsAreArray(Steps(5, 30)));
-    EXPECT_THAT(Journal("UnMuteMainOutH"), Contains("I Interruptable status[type:4]. gain:30"));
-    EXPECT_THAT(Journal("UnMuteMainOutH"), Contains("I handlerGainType:4, LastGain:30"));
-    EXPECT_THAT(Journal("UnMuteSubOutH"),
+    EXPECT_THAT(StoredGains(GAIN_HANDLER_UNMUTE_MAIN_OUT), ElementsAre(5, 10, 15, 20, 25, 30));
+    EXPECT_THAT(journal.Of("UnMuteMainOutH").Texts(), Contains("I Interruptable status[type:4]. gain:30"));
+    EXPECT_THAT(journal.Of("UnMuteMainOutH").Texts(), Contains("I handlerGainType:4, LastGain:30"));
+    EXPECT_THAT(journal.Of("UnMuteSubOutH").Texts(),
                 Contains(testing::StartsWith("I Interruptable status[type:5]. gain:")));
     EXPECT_EQ(seam.MainGainValue(), 30);
 
-    Mark();
+    seam.Clear();
     gain->SetFadeInInterruptable(false);
     FadeFrom(GAIN_HANDLER_UNMUTE_MAIN_OUT, 95);
     ASSERT_TRUE(Rest());
-    EXPECT_THAT(Journal("UnMuteMainOutH"), FadesFromTo(GAIN_HANDLER_UNMUTE_MAIN_OUT, 95, 100));
+    EXPECT_THAT(journal.Of("UnMuteMainOutH").Texts(), FadesFromTo(GAIN_HANDLER_UNMUTE_MAIN_OUT, 95, 100));
 }
 
 TEST_F(KVAudioGainHandlerFadeTest, AnOutputIsUpdatingUntilItsWorkerSleepsAgain) {
@@ -283,21 +273,21 @@ TEST_F(KVAudioGainHandlerFadeTest, ARequestAfterAFadeAndBeforeItsWorkerWaitsIsLo
     Start();
     for (const char* moment : {ASK_POPUP, "I Sleep PlayerMainOutH"}) {
         SCOPED_TRACE(moment);
-        Mark();
+        seam.Clear();
         auto fadeIsOver = seam.BlockNext(moment);
         FadeFrom(GAIN_HANDLER_PLAYER_MAIN_OUT, 97);
         ASSERT_TRUE(fadeIsOver.WaitReached());
         EXPECT_EQ(gain->ApplyVolumeFadeIn(GAIN_SRC_PLAYER, 1), 0);
         fadeIsOver.Open();
         ASSERT_TRUE(Rest());
-        EXPECT_THAT(Journal("PlayerMainOutH"), FadesFromTo(GAIN_HANDLER_PLAYER_MAIN_OUT, 97, 100));
+        EXPECT_THAT(journal.Of("PlayerMainOutH").Texts(), FadesFromTo(GAIN_HANDLER_PLAYER_MAIN_OUT, 97, 100));
         EXPECT_EQ(Gain(GAIN_HANDLER_PLAYER_MAIN_OUT), 0);
         EXPECT_EQ(seam.MainGainValue(), 0) << "until the next request";
 
-        Mark();
+        seam.Clear();
         FadeFrom(GAIN_HANDLER_PLAYER_MAIN_OUT, 95);
         ASSERT_TRUE(Rest());
-        EXPECT_THAT(Journal("PlayerMainOutH"), FadesFromTo(GAIN_HANDLER_PLAYER_MAIN_OUT, 95, 100));
+        EXPECT_THAT(journal.Of("PlayerMainOutH").Texts(), FadesFromTo(GAIN_HANDLER_PLAYER_MAIN_OUT, 95, 100));
     }
 }
 
@@ -305,10 +295,10 @@ TEST_F(KVAudioGainHandlerFadeTest, AnUnmuteFadeWhoseSubOutputFailsRunsOnTheMainO
     Start();
     seam.Fail("set_sub_out_gain2", -9, 1);
     EXPECT_EQ(gain->ApplyVolumeFadeIn(GAIN_SRC_UNMUTE, 3), -1);
-    EXPECT_THAT(seam.Log(), Contains("E Failed to set SetAudioGain(type:5) path:2. gain:0"));
+    EXPECT_THAT(journal.Logs().Texts(), Contains("E Failed to set SetAudioGain(type:5) path:2. gain:0"));
     ASSERT_TRUE(Rest());
-    EXPECT_THAT(Journal("UnMuteMainOutH"), FadesFromTo(GAIN_HANDLER_UNMUTE_MAIN_OUT, 0, 100));
-    EXPECT_THAT(Journal("UnMuteSubOutH"), IsEmpty());
+    EXPECT_THAT(journal.Of("UnMuteMainOutH").Texts(), FadesFromTo(GAIN_HANDLER_UNMUTE_MAIN_OUT, 0, 100));
+    EXPECT_THAT(journal.Of("UnMuteSubOutH").Texts(), IsEmpty());
     EXPECT_EQ(Gain(GAIN_HANDLER_UNMUTE_SUB_OUT), 0) << "until the next request";
 }
 
@@ -318,7 +308,7 @@ TEST_F(KVAudioGainHandlerFadeTest, AHardwareThatFailsDuringAFadeStopsOnlyTheWrit
     FadeFrom(GAIN_HANDLER_PLAYER_MAIN_OUT, 80);
     ASSERT_TRUE(Rest());
     EXPECT_THAT(StoredGains(GAIN_HANDLER_PLAYER_MAIN_OUT), ElementsAre(85, 90, 95, 100));
-    EXPECT_THAT(Journal("AudioGainOutH"), Contains("E Failed to set gain2(100). ret:-9"));
+    EXPECT_THAT(journal.Of("AudioGainOutH").Texts(), Contains("E Failed to set gain2(100). ret:-9"));
     EXPECT_EQ(Gain(GAIN_HANDLER_PLAYER_MAIN_OUT), 100);
     seam.Succeed("set_main_out_gain2");
     EXPECT_EQ(gain->SetAudioGain(1), 0);
@@ -331,8 +321,8 @@ TEST_F(KVAudioGainHandlerFadeTest, WithGainControlDisabledAFadeMovesTheStoredGai
     FadeFrom(GAIN_HANDLER_UNMUTE_MAIN_OUT, 80);
     ASSERT_TRUE(Rest());
     EXPECT_THAT(StoredGains(GAIN_HANDLER_UNMUTE_MAIN_OUT), ElementsAre(85, 90, 95, 100));
-    EXPECT_THAT(seam.GainWrites(), IsEmpty());
-    EXPECT_THAT(Journal("AudioGainOutH"), Contains("E Disable Gain Control"));
+    EXPECT_THAT(journal.Gains().Texts(), IsEmpty());
+    EXPECT_THAT(journal.Of("AudioGainOutH").Texts(), Contains("E Disable Gain Control"));
 }
 
 // The popup after a fade; this program has no bus to send its message on.
@@ -343,7 +333,7 @@ TEST_F(KVAudioGainHandlerFadeTest, APopupThatCannotBeSentIsOnlyLogged) {
     Start();
     FadeFrom(GAIN_HANDLER_PLAYER_SUB_OUT, 65);
     ASSERT_TRUE(Rest());
-    EXPECT_THAT(Journal("PlayerSubOutH"),
+    EXPECT_THAT(journal.Of("PlayerSubOutH").Texts(),
                 ElementsAre("I Wake PlayerSubOutH. gain:65", "I handlerGainType:3, LastGain:100", ASK_POPUP,
                             MatchesRegex("I MSG :Gain Source:PlayerSubOutH<br> Duration\\(sec\\):[0-9.]+"),
                             "I Signal 'PopupNoti'", testing::StartsWith("E g_bus_get_sync() error ("),
@@ -355,7 +345,7 @@ TEST_F(KVAudioGainHandlerFadeTest, AShortFadeIsNotAnnounced) {
     Start();
     FadeFrom(GAIN_HANDLER_PLAYER_MAIN_OUT, 97);
     ASSERT_TRUE(Rest());
-    EXPECT_THAT(Journal("PlayerMainOutH"),
+    EXPECT_THAT(journal.Of("PlayerMainOutH").Texts(),
                 ElementsAre("I Wake PlayerMainOutH. gain:97", "I handlerGainType:2, LastGain:100", ASK_POPUP,
                             MatchesRegex("E Time\\(0\\.[0-4][0-9]*\\) is under \\(0\\.500000\\)"),
                             "I Sleep PlayerMainOutH"));
@@ -366,7 +356,7 @@ TEST_F(KVAudioGainHandlerFadeTest, AnUnreadablePopupEventMeansNoPopup) {
     seam.Fail("LwipcIsDone", -1);
     FadeFrom(GAIN_HANDLER_PLAYER_MAIN_OUT, 97);
     ASSERT_TRUE(Rest());
-    EXPECT_THAT(Journal("PlayerMainOutH"), FadesFromTo(GAIN_HANDLER_PLAYER_MAIN_OUT, 97, 100));
+    EXPECT_THAT(journal.Of("PlayerMainOutH").Texts(), FadesFromTo(GAIN_HANDLER_PLAYER_MAIN_OUT, 97, 100));
 }
 
 // Destruction of the controller
@@ -374,19 +364,19 @@ TEST_F(KVAudioGainHandlerFadeTest, AnUnreadablePopupEventMeansNoPopup) {
 TEST_F(KVAudioGainHandlerFadeTest, DestructionLetsAFadeUnderWayFinishFirst) {
     Start();
     EXPECT_EQ(gain->ApplyVolumeFadeIn(GAIN_SRC_PLAYER, 1), 0);
-    ASSERT_TRUE(seam.WaitForLog("I AudioGainOut. Update(M:1/S:0)"));
+    ASSERT_TRUE(journal.With("I AudioGainOut. Update(M:1/S:0)").Wait());
     gain.reset();
-    EXPECT_THAT(StoredGains(GAIN_HANDLER_PLAYER_MAIN_OUT), ElementsAreArray(Steps(5, 100)));
-    EXPECT_THAT(Journal("PlayerMainOutH"),
+    EXPECT_THAT(StoredGains(GAIN_HANDLER_PLAYER_MAIN_OUT), ElementsAreArray(WHOLE_FADE));
+    EXPECT_THAT(journal.Of("PlayerMainOutH").Texts(),
                 ElementsAre("I Wake PlayerMainOutH. gain:0", "I handlerGainType:2, LastGain:100", ASK_POPUP,
                             "I PlayerMainOutH is done"));
-    EXPECT_THAT(Journal("AudioGainOutH"), Not(Contains("I Sleep AudioGainOut")));
-    EXPECT_EQ(Journal("AudioGainOutH").back(), "I AudioGainOutH is done");
+    EXPECT_THAT(journal.Of("AudioGainOutH").Texts(), Not(Contains("I Sleep AudioGainOut")));
+    EXPECT_EQ(journal.Of("AudioGainOutH").Texts().back(), "I AudioGainOutH is done");
     EXPECT_EQ(seam.MainGainValue(), 100) << "the gain-out worker finishes its loop, too";
     const std::string ignore = "vconf_ignore_key_changed(\"memory/org.olvane.btapp/sub_audio_zoneid\")";
-    const auto unhooked = Find("", ignore).time;
-    EXPECT_LE(Find("PlayerMainOutH", "I PlayerMainOutH is done").time, unhooked);
-    EXPECT_LE(Find("AudioGainOutH", "I AudioGainOutH is done").time, unhooked);
+    const auto unhooked = journal.Here().With(ignore).First().time;
+    EXPECT_LE(journal.Of("PlayerMainOutH").With("I PlayerMainOutH is done").First().time, unhooked);
+    EXPECT_LE(journal.Of("AudioGainOutH").With("I AudioGainOutH is done").First().time, unhooked);
 }
 
 }  // namespace

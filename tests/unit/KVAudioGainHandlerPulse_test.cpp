@@ -10,7 +10,6 @@
 
 #include "GainFixture.h"
 
-using fake::GainWrite;
 using fake::MainGain;
 using fake::SubGain;
 using KVDefine::GAIN_SRC_PLAYER;
@@ -35,21 +34,6 @@ constexpr const char* OUT_WORKER = "AudioGainOutH";
 constexpr const char* WAKE = "I Wake PulseRampH";
 constexpr const char* IDLE = "I remain count is 0, Nothing to do!";
 constexpr const char* SLEEP = "I Sleep PulseRampH";
-
-/** The number that remains when `number` overflows 32 bits. */
-int Wrapped(int64_t number) {
-    return static_cast<int>(static_cast<uint32_t>(number));
-}
-
-/** The gains of the ten steps of a ramp. */
-std::vector<int> RampGains(int start, int target) {
-    std::vector<int> gains;
-    for (int64_t step = 1; step <= 10; ++step) {
-        const int way = Wrapped(step * Wrapped(static_cast<int64_t>(target) - start));
-        gains.push_back(Wrapped(static_cast<int64_t>(start) + way / 10));
-    }
-    return gains;
-}
 
 /** The lines that the pulse worker logs for the last steps of a ramp, one for each gain. */
 std::vector<std::string> StepLines(const std::vector<int>& gains, unsigned int timeout) {
@@ -80,7 +64,7 @@ protected:
 
     /** The log lines of the pulse worker, without those about the outputs that it writes. */
     Lines PulseLines() const {
-        Lines lines = Journal(PULSE_WORKER);
+        Lines lines = journal.Of(PULSE_WORKER).Texts();
         std::erase_if(lines, [](const std::string& line) {
             return !line.starts_with("I ") || line.starts_with("I Path:") || line.starts_with("I [Path:");
         });
@@ -97,7 +81,7 @@ protected:
     /** The times at which the gain-out worker read the total of the main output. */
     std::vector<fake::Clock::time_point> MainTurns() const {
         std::vector<fake::Clock::time_point> times;
-        for (const fake::Entry& entry : Entries(OUT_WORKER)) {
+        for (const fake::Entry& entry : journal.All().Of(OUT_WORKER).Entries()) {
             if (entry.text.starts_with("I Path:1 ")) {
                 times.push_back(entry.time);
             }
@@ -110,14 +94,10 @@ protected:
      * never shorten one. Stops early at a period shorter than `expected`.
      */
     Milliseconds ShortestPeriod(Milliseconds expected) {
-        constexpr std::size_t PERIODS = 50;
+        constexpr int PERIODS = 50;
         Milliseconds shortest = Milliseconds::max();
-        for (std::size_t count = 2; count < PERIODS && shortest >= expected; ++count) {
-            EXPECT_TRUE(seam.WaitUntil([&](const std::vector<fake::Entry>& journal) {
-                return static_cast<std::size_t>(std::ranges::count_if(journal, [](const fake::Entry& entry) {
-                           return entry.threadName == OUT_WORKER && entry.text.starts_with("I Path:1 ");
-                       })) >= count;
-            }));
+        for (int count = 2; count < PERIODS && shortest >= expected; ++count) {
+            EXPECT_TRUE(journal.Of(OUT_WORKER).BeginningWith("I Path:1 ").Wait(count));
             const auto turns = MainTurns();
             for (std::size_t i = 1; i < turns.size(); ++i) {
                 shortest = std::min<Milliseconds>(shortest, turns[i] - turns[i - 1]);
@@ -135,11 +115,12 @@ TEST_F(KVAudioGainHandlerPulseTest, ARampGoesToItsTargetInTenSteps) {
     EXPECT_EQ(gain->ApplyPulseAudioGain(20, 1000), 0);
     ASSERT_TRUE(Rest());
     EXPECT_THAT(PulseStores(), ElementsAreArray(gains));
-    EXPECT_THAT(Journal(PULSE_WORKER), ElementsAreArray(Lines{WAKE, StartLine(100, 100)} +
-                                                        StepLines(gains, 100) + Lines{IDLE, SLEEP}));
+    EXPECT_THAT(
+        journal.Of(PULSE_WORKER).Texts(),
+        ElementsAreArray(Lines{WAKE, StartLine(100, 100)} + StepLines(gains, 100) + Lines{IDLE, SLEEP}));
 
     const auto stores = Stores(GAIN_HANDLER_PULSE_RAMP);
-    Milliseconds shortest = stores[0].time - Find(PULSE_WORKER, StartLine(100, 100)).time;
+    Milliseconds shortest = stores[0].time - journal.Of(PULSE_WORKER).With(StartLine(100, 100)).First().time;
     for (std::size_t i = 1; i < stores.size(); ++i) {
         shortest = std::min<Milliseconds>(shortest, stores[i].time - stores[i - 1].time);
     }
@@ -151,9 +132,9 @@ TEST_F(KVAudioGainHandlerPulseTest, TheGainOutWorkerWritesBothOutputsDuringARamp
     Start();
     gain->ApplyPulseAudioGain(0, 600);
     ASSERT_TRUE(Rest());
-    EXPECT_EQ(Journal(OUT_WORKER).front(), "I AudioGainOut. Update(M:1/S:1)");
-    for (const auto out : {GainWrite::Out::MAIN, GainWrite::Out::SUB}) {
-        const std::vector<int> written = seam.GainWrites(out);
+    EXPECT_EQ(journal.Of(OUT_WORKER).Texts().front(), "I AudioGainOut. Update(M:1/S:1)");
+    for (const auto out : {fake::Out::MAIN, fake::Out::SUB}) {
+        const std::vector<int> written = journal.Gains(out).Numbers();
         ASSERT_FALSE(written.empty());
         EXPECT_EQ(written.back(), 0);
         EXPECT_TRUE(std::ranges::is_sorted(written, std::greater<>()));
@@ -161,7 +142,7 @@ TEST_F(KVAudioGainHandlerPulseTest, TheGainOutWorkerWritesBothOutputsDuringARamp
             EXPECT_EQ(value % 10, 0);
         }
     }
-    for (const GainWrite& write : seam.GainWrites()) {
+    for (const fake::Entry& write : journal.Gains().Entries()) {
         EXPECT_EQ(write.threadName, OUT_WORKER);
     }
 }
@@ -198,33 +179,55 @@ TEST_F(KVAudioGainHandlerPulseTest, StepsOfNoMillisecondFollowEachOtherWithoutPa
     Start();
     gain->ApplyPulseAudioGain(0, 5);
     ASSERT_TRUE(Rest());
-    EXPECT_THAT(Journal(PULSE_WORKER),
-                ElementsAreArray(Lines{WAKE, StartLine(100, 0)} + StepLines(RampGains(100, 0), 0) +
-                                 Lines{IDLE, SLEEP}));
-    Mark();
+    EXPECT_THAT(journal.Of(PULSE_WORKER).Texts(),
+                ElementsAreArray(Lines{WAKE, StartLine(100, 0)} +
+                                 StepLines({90, 80, 70, 60, 50, 40, 30, 20, 10, 0}, 0) + Lines{IDLE, SLEEP}));
+    seam.Clear();
     gain->ApplyPulseAudioGain(100, -9);
     ASSERT_TRUE(Rest());
-    EXPECT_THAT(Journal(PULSE_WORKER),
-                ElementsAreArray(Lines{WAKE, StartLine(0, 0)} + StepLines(RampGains(0, 100), 0) +
-                                 Lines{IDLE, SLEEP}));
+    EXPECT_THAT(
+        journal.Of(PULSE_WORKER).Texts(),
+        ElementsAreArray(Lines{WAKE, StartLine(0, 0)} +
+                         StepLines({10, 20, 30, 40, 50, 60, 70, 80, 90, 100}, 0) + Lines{IDLE, SLEEP}));
 }
 
 TEST_F(KVAudioGainHandlerPulseTest, RampsOfAnyIntWrapIn32Bits) {
     Start();
-    for (const auto& [start, target] : {std::pair{LOWEST, 100},
-                                        {100, LOWEST},
-                                        {-HIGHEST, 0},
-                                        {0, 1 - HIGHEST},
-                                        {LOWEST, LOWEST},
-                                        {-1000000000, 99},
-                                        {7, -2000000000}}) {
+    struct Ramp {
+        int start;
+        int target;
+        std::vector<int> gains;
+    };
+    for (const auto& [start, target, gains] : {
+             Ramp{LOWEST,
+                  100,
+                  {1932735294, -2147483628, 1932735314, -2147483608, 1932735334, -2147483588, 1932735354,
+                   -2147483568, 1932735374, -2147483548}},
+             Ramp{100, LOWEST, {214748454, 80, 214748434, 60, 214748414, 40, 214748394, 20, 214748374, 0}},
+             Ramp{-HIGHEST,
+                  0,
+                  {-1932735283, -2147483647, -1932735283, -2147483647, -1932735283, -2147483647, -1932735283,
+                   -2147483647, -1932735284, LOWEST}},
+             Ramp{
+                 0, 1 - HIGHEST, {-214748364, 0, -214748364, 0, -214748363, 1, -214748363, 1, -214748363, 2}},
+             Ramp{LOWEST,
+                  LOWEST,
+                  {LOWEST, LOWEST, LOWEST, LOWEST, LOWEST, LOWEST, LOWEST, LOWEST, LOWEST, LOWEST}},
+             Ramp{-1000000000,
+                  99,
+                  {-899999991, -799999981, -1129496699, -1029496690, -929496681, -829496671, -1158993389,
+                   -1058993380, -958993371, -858993361}},
+             Ramp{7,
+                  -2000000000,
+                  {-199999993, 29496735, -170503265, 58993463, -141006537, 88490191, -111509809, 117986919,
+                   -82013080, 147483648}},
+         }) {
         gain->SetSrcGain(GAIN_HANDLER_PULSE_RAMP, start);
-        Mark();
+        seam.Clear();
         gain->ApplyPulseAudioGain(target, 5);
         ASSERT_TRUE(Rest());
-        EXPECT_THAT(PulseLines(),
-                    ElementsAreArray(Lines{WAKE, StartLine(start, 0)} +
-                                     StepLines(RampGains(start, target), 0) + Lines{IDLE, SLEEP}));
+        EXPECT_THAT(PulseLines(), ElementsAreArray(Lines{WAKE, StartLine(start, 0)} + StepLines(gains, 0) +
+                                                   Lines{IDLE, SLEEP}));
     }
 }
 
@@ -233,13 +236,8 @@ TEST_F(KVAudioGainHandlerPulseTest, AStepAboveFullGainIsNotStored) {
     gain->SetSrcGain(GAIN_HANDLER_PULSE_RAMP, LOWEST);
     gain->ApplyPulseAudioGain(100, 5);
     ASSERT_TRUE(Rest());
-    int last = LOWEST;
-    std::vector<int> stored;
-    for (const int step : RampGains(LOWEST, 100)) {
-        last = step > 100 ? last : step;
-        stored.push_back(last);
-    }
-    EXPECT_THAT(PulseStores(), ElementsAreArray(stored));
+    EXPECT_THAT(PulseStores(), ElementsAre(LOWEST, -2147483628, -2147483628, -2147483608, -2147483608,
+                                           -2147483588, -2147483588, -2147483568, -2147483568, -2147483548));
 }
 
 // Changes without a ramp
@@ -251,7 +249,7 @@ TEST_F(KVAudioGainHandlerPulseTest, WithoutADurationThePulseWorkerWritesBothOutp
     ASSERT_TRUE(gainOut.WaitReached());
     ASSERT_TRUE(Waits(GAIN_HANDLER_PULSE_RAMP, SLEEP));
     EXPECT_THAT(
-        Journal(PULSE_WORKER),
+        journal.Of(PULSE_WORKER).Texts(),
         ElementsAre(WAKE, "AudioControl_getInstance()", "I Path:1 player:100 pulse: 50 unmute:100 Total: 50",
                     "get_main_out_gain2()", "set_main_out_gain2(50)", "I [Path:01] gain2:50",
                     "AudioControl_getInstance()", "I Path:2 player:100 pulse: 50 unmute:100 Total: 50",
@@ -266,7 +264,7 @@ TEST_F(KVAudioGainHandlerPulseTest, AWriteThatFailsDoesNotHoldThePulseWorkerUp) 
     seam.Fail("set_main_out_gain2", -9);
     EXPECT_EQ(gain->ApplyPulseAudioGain(50, 0), 0);
     ASSERT_TRUE(Rest());
-    EXPECT_THAT(Journal(PULSE_WORKER), Contains("E Failed to set gain2(50). ret:-9"));
+    EXPECT_THAT(journal.Of(PULSE_WORKER).Texts(), Contains("E Failed to set gain2(50). ret:-9"));
     EXPECT_EQ(seam.MainGainValue(), 100);
     seam.Succeed("set_main_out_gain2");
     EXPECT_EQ(gain->ApplyPulseAudioGain(40, 0), 0);
@@ -280,9 +278,9 @@ TEST_F(KVAudioGainHandlerPulseTest, WithGainControlDisabledThePulseGainIsOnlySto
     Start();
     EXPECT_EQ(gain->ApplyPulseAudioGain(50, 0), 0);
     ASSERT_TRUE(Rest());
-    EXPECT_THAT(Journal(PULSE_WORKER), ElementsAre(WAKE, "E Disable Gain Control", IDLE, SLEEP));
+    EXPECT_THAT(journal.Of(PULSE_WORKER).Texts(), ElementsAre(WAKE, "E Disable Gain Control", IDLE, SLEEP));
     EXPECT_EQ(Gain(GAIN_HANDLER_PULSE_RAMP), 50);
-    EXPECT_THAT(seam.GainWrites(), IsEmpty());
+    EXPECT_THAT(journal.Gains().Texts(), IsEmpty());
 }
 
 // Targets
@@ -296,7 +294,7 @@ TEST_F(KVAudioGainHandlerPulseTest, ATargetAboveFullGainIsDroppedWithItsDuration
     EXPECT_EQ(Target(), std::pair(30, 200));
     gain->SetPulseTargetValue(LOWEST, LOWEST);
     EXPECT_EQ(Target(), std::pair(LOWEST, LOWEST));
-    EXPECT_THAT(Journal(""), IsEmpty());
+    EXPECT_THAT(journal.Here().Texts(), IsEmpty());
 }
 
 TEST_F(KVAudioGainHandlerPulseTest, ARequestWithADroppedTargetRunsTheOneBeforeAgain) {
@@ -304,11 +302,12 @@ TEST_F(KVAudioGainHandlerPulseTest, ARequestWithADroppedTargetRunsTheOneBeforeAg
     gain->ApplyPulseAudioGain(30, 20);
     ASSERT_TRUE(Rest());
     gain->SetSrcGain(GAIN_HANDLER_PULSE_RAMP, 80);
-    Mark();
+    seam.Clear();
     EXPECT_EQ(gain->ApplyPulseAudioGain(101, 5000), 0);
     ASSERT_TRUE(Rest());
     EXPECT_THAT(PulseLines(), ElementsAreArray(Lines{WAKE, StartLine(80, 2)} +
-                                               StepLines(RampGains(80, 30), 2) + Lines{IDLE, SLEEP}));
+                                               StepLines({75, 70, 65, 60, 55, 50, 45, 40, 35, 30}, 2) +
+                                               Lines{IDLE, SLEEP}));
 }
 
 TEST_F(KVAudioGainHandlerPulseTest, ADroppedTargetAsTheFirstRequestBringsFullGainAtOnce) {
@@ -327,14 +326,14 @@ TEST_F(KVAudioGainHandlerPulseTest, ANewRequestStartsTenNewStepsFromTheGainInFor
     gain->ApplyPulseAudioGain(20, 200);
     ASSERT_TRUE(Rest());
     EXPECT_THAT(PulseLines(),
-                ElementsAreArray(Lines{WAKE, StartLine(100, 20), "I remain count is 10, timedwait 20",
-                                       "I Remain[9]. gain:92", "I remain count is 9, timedwait 20",
-                                       "I Remain[8]. gain:84", "I remain count is 8, timedwait 20",
-                                       "I Remain[7]. gain:76", "I remain count is 7, timedwait 20",
-                                       "I Remain[6]. gain:68", "I remain count is 6, timedwait 20",
-                                       "I Remain[5]. gain:60", "I remain count is 5, timedwait 20",
-                                       StartLine(60, 30)} +
-                                 StepLines(RampGains(60, 100), 30) + Lines{IDLE, SLEEP}));
+                ElementsAreArray(
+                    Lines{WAKE, StartLine(100, 20), "I remain count is 10, timedwait 20",
+                          "I Remain[9]. gain:92", "I remain count is 9, timedwait 20", "I Remain[8]. gain:84",
+                          "I remain count is 8, timedwait 20", "I Remain[7]. gain:76",
+                          "I remain count is 7, timedwait 20", "I Remain[6]. gain:68",
+                          "I remain count is 6, timedwait 20", "I Remain[5]. gain:60",
+                          "I remain count is 5, timedwait 20", StartLine(60, 30)} +
+                    StepLines({64, 68, 72, 76, 80, 84, 88, 92, 96, 100}, 30) + Lines{IDLE, SLEEP}));
 }
 
 TEST_F(KVAudioGainHandlerPulseTest, AnAtOnceRequestIsWrittenAndTheRampGoesOnToTheNewTarget) {
@@ -361,10 +360,11 @@ TEST_F(KVAudioGainHandlerPulseTest, ANegativeDurationHoldsTheRampUntilTheNextReq
                 ElementsAre(WAKE, StartLine(100, 4294967196), "I remain count is 10, timedwait 4294967196"));
     EXPECT_TRUE(gain->IsMainOutUpdating());
     EXPECT_THAT(PulseStores(), IsEmpty());
-    Mark();
+    seam.Clear();
     gain->ApplyPulseAudioGain(50, 20);
     ASSERT_TRUE(Rest());
-    EXPECT_THAT(PulseLines(), ElementsAreArray(Lines{StartLine(100, 2)} + StepLines(RampGains(100, 50), 2) +
+    EXPECT_THAT(PulseLines(), ElementsAreArray(Lines{StartLine(100, 2)} +
+                                               StepLines({95, 90, 85, 80, 75, 70, 65, 60, 55, 50}, 2) +
                                                Lines{IDLE, SLEEP}));
 }
 
@@ -372,11 +372,12 @@ TEST_F(KVAudioGainHandlerPulseTest, TheStepTimeOfAnyDurationIsItsTenthAsAnUnsign
     Start();
     for (const auto& [duration, timeout] :
          {std::pair{LOWEST, 4080218932U}, {-10, 4294967295U}, {HIGHEST, 214748364U}, {600000, 60000U}}) {
-        Mark();
+        seam.Clear();
         gain->ApplyPulseAudioGain(20, duration);
         const std::string waits = "I remain count is 10, timedwait " + std::to_string(timeout);
         ASSERT_TRUE(Waits(GAIN_HANDLER_PULSE_RAMP, waits));
-        EXPECT_EQ(Find(PULSE_WORKER, StartLine(100, timeout)).text, StartLine(100, timeout));
+        EXPECT_EQ(journal.Of(PULSE_WORKER).With(StartLine(100, timeout)).First().text,
+                  StartLine(100, timeout));
     }
 }
 
@@ -387,14 +388,14 @@ TEST_F(KVAudioGainHandlerPulseTest, WithNothingUpdatingTheGainOutWorkerWaitsOneP
     seam.BeforeNext("I AudioGainOut. Update(M:0/S:0)", [this] { seam.SetGain(1, 2); });
     EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_PLAYER, 50, 1), 0);
     ASSERT_TRUE(Rest());
-    EXPECT_THAT(Journal(OUT_WORKER),
+    EXPECT_THAT(journal.Of(OUT_WORKER).Texts(),
                 ElementsAre("I AudioGainOut. Update(M:0/S:0)", "AudioControl_getInstance()",
                             "I Path:1 player: 50 pulse:100 unmute:100 Total: 50", "get_main_out_gain2()",
                             "set_main_out_gain2(50)", "I [Path:01] gain2:50", "AudioControl_getInstance()",
                             "I Path:2 player:100 pulse:100 unmute:100 Total:100", "get_sub_out_gain2()",
                             "set_sub_out_gain2(100)", "I [Path:02] gain2:100", "I Sleep AudioGainOut"));
-    EXPECT_GE(Find(OUT_WORKER, "AudioControl_getInstance()").time -
-                  Find(OUT_WORKER, "I AudioGainOut. Update(M:0/S:0)").time,
+    EXPECT_GE(journal.Of(OUT_WORKER).With("AudioControl_getInstance()").First().time -
+                  journal.Of(OUT_WORKER).With("I AudioGainOut. Update(M:0/S:0)").First().time,
               60ms);
 }
 
@@ -403,16 +404,16 @@ TEST_F(KVAudioGainHandlerPulseTest, WhileAGainMovesItsOutputIsReadEvery60Millise
     auto pulse = seam.BlockNext("I Remain[9]. gain:92");
     gain->ApplyPulseAudioGain(20, 1000);
     ASSERT_TRUE(pulse.WaitReached());
-    ASSERT_TRUE(seam.WaitForGainWrite(MainGain(92)));
-    ASSERT_TRUE(seam.WaitForGainWrite(SubGain(92)));
+    ASSERT_TRUE(journal.With(MainGain(92)).Wait());
+    ASSERT_TRUE(journal.With(SubGain(92)).Wait());
     seam.Clear();
-    Mark();
+    seam.Clear();
     const Milliseconds period = ShortestPeriod(90ms);
     EXPECT_GE(period, 60ms);
     EXPECT_LT(period, 90ms);
-    EXPECT_THAT(seam.GainWrites(), IsEmpty());
-    EXPECT_THAT(seam.Calls("set_"), IsEmpty());
-    EXPECT_THAT(seam.Calls("get_sub_out_gain2"), Not(IsEmpty()));
+    EXPECT_THAT(journal.Gains().Texts(), IsEmpty());
+    EXPECT_THAT(journal.Calls("set_").Texts(), IsEmpty());
+    EXPECT_THAT(journal.Calls("get_sub_out_gain2").Texts(), Not(IsEmpty()));
 }
 
 TEST_F(KVAudioGainHandlerPulseTest, WhileARequestIsPendingThePeriodIsATwentiethOfItsDuration) {
@@ -431,7 +432,6 @@ TEST_F(KVAudioGainHandlerPulseTest, WhileARequestIsPendingThePeriodIsATwentiethO
         ASSERT_TRUE(Waits(GAIN_HANDLER_PULSE_RAMP, SLEEP));
         ASSERT_TRUE(Waits(GAIN_HANDLER_AUDIO_GAIN_OUT, "I Sleep AudioGainOut"));
         seam.Clear();
-        Mark();
         auto pending = seam.BlockNext(LOOK_AT_REQUEST);
         gain->ApplyPulseAudioGain(100, duration);
         ASSERT_TRUE(pending.WaitReached());
@@ -445,9 +445,9 @@ TEST_F(KVAudioGainHandlerPulseTest, AHardwareThatFailsDoesNotEndTheGainOutWorker
     seam.Fail("AudioControl_getInstance", 0);
     gain->ApplyPulseAudioGain(0, 100);
     ASSERT_TRUE(Rest());
-    EXPECT_THAT(Journal(OUT_WORKER), Contains("E AudioControl_getInstance is failed"));
-    EXPECT_EQ(Journal(OUT_WORKER).back(), "I Sleep AudioGainOut");
-    EXPECT_THAT(PulseStores(), ElementsAreArray(RampGains(100, 0)));
+    EXPECT_THAT(journal.Of(OUT_WORKER).Texts(), Contains("E AudioControl_getInstance is failed"));
+    EXPECT_EQ(journal.Of(OUT_WORKER).Texts().back(), "I Sleep AudioGainOut");
+    EXPECT_THAT(PulseStores(), ElementsAre(90, 80, 70, 60, 50, 40, 30, 20, 10, 0));
     seam.Succeed("AudioControl_getInstance");
     gain->ApplyPulseAudioGain(10, 0);
     ASSERT_TRUE(Rest());
@@ -462,10 +462,11 @@ TEST_F(KVAudioGainHandlerPulseTest, DestructionLetsARampTakeOnlyTheStepUnderWay)
         gain->ApplyPulseAudioGain(20, duration);
         ASSERT_TRUE(
             Waits(GAIN_HANDLER_PULSE_RAMP, "I remain count is 10, timedwait " + std::to_string(timeout)));
-        Mark();
+        ASSERT_TRUE(journal.Of(OUT_WORKER).With("I AudioGainOut. Update(M:1/S:1)").Wait());
+        seam.Clear();
         gain.reset();
         EXPECT_THAT(PulseLines(), ElementsAre("I Remain[9]. gain:92", "I PulseRampH is done"));
-        EXPECT_EQ(Journal(OUT_WORKER).back(), "I AudioGainOutH is done");
+        EXPECT_EQ(journal.Of(OUT_WORKER).Texts().back(), "I AudioGainOutH is done");
         EXPECT_EQ(seam.MainGainValue(), 92) << "the gain-out worker finishes its loop";
         seam.Reset();
     }

@@ -13,7 +13,6 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <system_error>
@@ -45,14 +44,6 @@ std::mutex startsMutex;
 std::vector<pthread_t> starts;
 /** Whether starts and joins enter the journal. */
 std::atomic<bool> watchesThreads = false;
-
-/**
- * The address of the controller's seven condition variables, once known; before, any address inside the
- * controller.
- */
-std::atomic<const char*> conditions = nullptr;
-/** The condition variable inside the controller that was notified last. */
-std::atomic<const char*> notified = nullptr;
 
 /** Whether timed locks of this thread fail. */
 thread_local bool locksFail = false;
@@ -91,18 +82,6 @@ int pthread_join(pthread_t thread, void** result) {
     return join(thread, result);
 }
 
-int pthread_cond_broadcast(pthread_cond_t* condition) noexcept {
-    static auto* const broadcast = Library<decltype(pthread_cond_broadcast)>("pthread_cond_broadcast");
-    const auto* address = reinterpret_cast<const char*>(condition);
-    const char* first = conditions;
-    if (first != nullptr && address >= first && address < first + sizeof(KVAudioGainHandler)) {
-        notified = address;
-        const auto place = static_cast<std::size_t>(address - first) / sizeof(std::condition_variable);
-        FakeSeam::Get().Enter("notify", std::to_string(place));
-    }
-    return broadcast(condition);
-}
-
 #ifdef __SANITIZE_THREAD__
 // In a ThreadSanitizer build tsan_clocklock.cpp already replaces pthread_mutex_clocklock by this function.
 int pthread_mutex_timedlock(pthread_mutex_t* mutex, const timespec* deadline) noexcept {
@@ -139,37 +118,19 @@ protected:
     ~KVAudioGainHandlerThreadsTest() override {
         gain.reset();
         watchesThreads = false;
-        conditions = nullptr;
+        fake::RecordNotifications(false);
     }
 
-    /**
-     * From now on each notification of the controller's condition variables enters the journal, as
-     * "notify(2)" for the condition variable of worker 2.
-     */
+    /** From now on each notification of worker 2 enters the journal as "notify(2)", and so on. */
     void WatchNotifications() {
-        conditions = reinterpret_cast<const char*>(&*gain);
-        // Notifies the gain-out worker, whose condition variable is the last one.
-        EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_PLAYER, 100, 1), 0);
-        conditions = notified - 6 * sizeof(std::condition_variable);
-        ASSERT_TRUE(Rest());
-        Mark();
+        fake::RecordNotifications(true);
+        seam.Clear();
     }
 
     void WatchThreads() {
         const std::lock_guard lock(startsMutex);
         starts.clear();
         watchesThreads = true;
-    }
-
-    /** The entries of a thread's journal whose text begins with one of these prefixes. */
-    std::vector<std::string> Journal(const std::string& thread,
-                                     const std::vector<std::string>& beginnings) const {
-        std::vector<std::string> texts = GainFixture::Journal(thread);
-        std::erase_if(texts, [&](const std::string& text) {
-            return std::ranges::none_of(
-                beginnings, [&](const std::string& beginning) { return text.starts_with(beginning); });
-        });
-        return texts;
     }
 
     /** Makes the timed lock fail inside the n-th call of a function by a worker. */
@@ -229,13 +190,14 @@ TEST_P(KVAudioGainHandlerThreadsFailureTest, AThreadThatCannotStartStopsThoseBef
         EXPECT_EQ(error.code(), std::errc::resource_unavailable_try_again);
     }
     EXPECT_EQ(fake::ThreadNames(), before);
-    EXPECT_THAT(seam.Calls("pthread_join"), ElementsAreArray(joins[static_cast<std::size_t>(failing - 1)]));
-    EXPECT_EQ(
-        std::ranges::count_if(seam.Log(), [](const std::string& line) { return line.ends_with(" is done"); }),
-        failing - 1);
-    EXPECT_THAT(seam.GainWrites(), IsEmpty());
-    EXPECT_THAT(seam.Calls("vconf_"), IsEmpty());
-    EXPECT_THAT(seam.Calls("system_info_"), IsEmpty());
+    EXPECT_THAT(journal.Calls("pthread_join").Texts(),
+                ElementsAreArray(joins[static_cast<std::size_t>(failing - 1)]));
+    EXPECT_EQ(std::ranges::count_if(journal.Logs().Texts(),
+                                    [](const std::string& line) { return line.ends_with(" is done"); }),
+              failing - 1);
+    EXPECT_THAT(journal.Gains().Texts(), IsEmpty());
+    EXPECT_THAT(journal.Calls("vconf_").Texts(), IsEmpty());
+    EXPECT_THAT(journal.Calls("system_info_").Texts(), IsEmpty());
 
     seam.Succeed("pthread_create");
     Start();
@@ -250,32 +212,33 @@ TEST_F(KVAudioGainHandlerThreadsTest, AGainSetAtOnceWakesTheGainOutWorkerAndAFad
     gain->ApplyAudioGain(GAIN_SRC_PLAYER, 100, 1);
     gain->ApplyAudioGain(GAIN_SRC_PLAYER, 100, 2);
     gain->ApplyAudioGain(GAIN_SRC_UNMUTE, 100, 1);
-    EXPECT_THAT(Journal("", {"notify"}), ElementsAre("notify(6)", "notify(6)", "notify(6)", "notify(6)"));
-    Mark();
+    EXPECT_THAT(journal.Here().BeginningWith("notify").Texts(),
+                ElementsAre("notify(6)", "notify(6)", "notify(6)", "notify(6)"));
+    seam.Clear();
     gain->SetFadeInInterruptable(true);
     gain->ApplyVolumeFadeIn(GAIN_SRC_UNMUTE, 1);
     gain->ApplyVolumeFadeIn(GAIN_SRC_PLAYER, 1);
     gain->ApplyVolumeFadeIn(GAIN_SRC_PLAYER, 2);
     gain->ApplyPulseAudioGain(100, 0);
-    EXPECT_THAT(Journal("", {"notify"}),
+    EXPECT_THAT(journal.Here().BeginningWith("notify").Texts(),
                 ElementsAre("notify(4)", "notify(5)", "notify(2)", "notify(3)", "notify(1)"));
-    Mark();
+    seam.Clear();
     seam.Fail("AudioControl_getInstance", 0);
     gain->ApplyAudioGain(GAIN_SRC_UNMUTE, 10, 1);
     gain->ApplyVolumeFadeIn(GAIN_SRC_PLAYER, 1);
     gain->SetSrcGain(GAIN_HANDLER_UNMUTE_MAIN_OUT, 50);
     gain->ApplyAudioGain(GAIN_SRC_PLAYER, 10, 4);
-    EXPECT_THAT(Journal("", {"notify"}), IsEmpty());
+    EXPECT_THAT(journal.Here().BeginningWith("notify").Texts(), IsEmpty());
 }
 
 TEST_F(KVAudioGainHandlerThreadsTest, AFadeWakesTheGainOutWorkerAtItsBeginningAndAtItsEnd) {
     Start();
     WatchNotifications();
     for (const int from : {90, 100}) {
-        Mark();
+        seam.Clear();
         gain->_ApplyAudioGain(GAIN_HANDLER_PLAYER_MAIN_OUT, 1, from, false);
         ASSERT_TRUE(Rest());
-        EXPECT_THAT(GainFixture::Journal("PlayerMainOutH"),
+        EXPECT_THAT(journal.Of("PlayerMainOutH").Texts(),
                     ElementsAre("I Wake PlayerMainOutH. gain:" + std::to_string(from), WAKE_GAIN_OUT,
                                 "I handlerGainType:2, LastGain:100", WAKE_GAIN_OUT,
                                 "LwipcIsDone(\"FadeInPopup\")", "I Sleep PlayerMainOutH"));
@@ -289,7 +252,7 @@ TEST_F(KVAudioGainHandlerThreadsTest, ARampWakesTheGainOutWorkerAtItsStartAndAft
     ASSERT_TRUE(Rest());
     const std::string waits = ", timedwait 10";
     EXPECT_THAT(
-        Journal("PulseRampH", {"notify", "I "}),
+        journal.Of("PulseRampH").BeginningWith("notify", "I ").Texts(),
         ElementsAre("I Wake PulseRampH", WAKE_GAIN_OUT, "I startVolume:100, remainCount:10, timeout:10",
                     "I remain count is 10" + waits, "I Remain[9]. gain:92", "I remain count is 9" + waits,
                     WAKE_GAIN_OUT, "I Remain[8]. gain:84", "I remain count is 8" + waits,
@@ -308,37 +271,35 @@ TEST_F(KVAudioGainHandlerThreadsTest, ANewRampWakesTheGainOutWorkerOnlyWhereASte
     for (const auto& [gainBefore, wakes] : {std::pair{84, false}, {68, true}}) {
         ASSERT_TRUE(Rest());
         gain->SetSrcGain(GAIN_HANDLER_PULSE_RAMP, 100);
-        Mark();
+        seam.Clear();
         AfterStore(GAIN_HANDLER_PULSE_RAMP, gainBefore, [this] { gain->ApplyPulseAudioGain(100, 10); });
         gain->ApplyPulseAudioGain(20, 100);
         ASSERT_TRUE(Rest());
-        const std::vector<std::string> journal = Journal("PulseRampH", {"notify", "I startVolume"});
+        const std::vector<std::string> lines =
+            journal.Of("PulseRampH").BeginningWith("notify", "I startVolume").Texts();
         const std::string restart =
             "I startVolume:" + std::to_string(gainBefore) + ", remainCount:10, timeout:1";
-        const auto found = std::ranges::find(journal, restart);
-        ASSERT_NE(found, journal.end());
-        const auto before = std::count(journal.begin(), found, WAKE_GAIN_OUT);
+        const auto found = std::ranges::find(lines, restart);
+        ASSERT_NE(found, lines.end());
+        const auto before = std::count(lines.begin(), found, WAKE_GAIN_OUT);
         EXPECT_EQ(before, wakes ? 3 : 2) << "at the start, after step 1, and here after step 4";
-        EXPECT_EQ(std::count(found, journal.end(), WAKE_GAIN_OUT), 3);
+        EXPECT_EQ(std::count(found, lines.end(), WAKE_GAIN_OUT), 3);
     }
 }
 
 TEST_F(KVAudioGainHandlerThreadsTest, AnIdlePulseWorkerThatIsWokenWithoutARequestDoesNotStep) {
     Start();
     WatchNotifications();
-    const char* first = conditions;
-    auto* ofPulseWorker = reinterpret_cast<pthread_cond_t*>(
-        const_cast<char*>(first + GAIN_HANDLER_PULSE_RAMP * sizeof(std::condition_variable)));
     for (int i = 0; i < 5; ++i) {
-        pthread_cond_broadcast(ofPulseWorker);
+        fake::NotifyWorker(GAIN_HANDLER_PULSE_RAMP);
         ASSERT_TRUE(Rest());
     }
-    EXPECT_THAT(Journal("", {"notify"}),
+    EXPECT_THAT(journal.Here().BeginningWith("notify").Texts(),
                 ElementsAre("notify(1)", "notify(1)", "notify(1)", "notify(1)", "notify(1)"));
-    EXPECT_THAT(Entries("PulseRampH"), IsEmpty());
+    EXPECT_THAT(journal.All().Of("PulseRampH").Entries(), IsEmpty());
     gain->ApplyPulseAudioGain(50, 0);
     ASSERT_TRUE(Rest());
-    EXPECT_EQ(GainFixture::Journal("PulseRampH").front(), "I Wake PulseRampH");
+    EXPECT_EQ(journal.Of("PulseRampH").Texts().front(), "I Wake PulseRampH");
     EXPECT_THAT(StoredGains(GAIN_HANDLER_PULSE_RAMP), ElementsAre(50));
 }
 
@@ -349,7 +310,7 @@ TEST_F(KVAudioGainHandlerThreadsTest, DestructionWakesAllAndJoinsThemInTheOrderO
     Start();
     WatchNotifications();
     gain.reset();
-    EXPECT_THAT(GainFixture::Journal(""),
+    EXPECT_THAT(journal.Here().Texts(),
                 ElementsAre("notify(1)", "notify(2)", "notify(3)", "notify(4)", "notify(5)", "notify(6)",
                             "pthread_join(5)", "pthread_join(3)", "pthread_join(4)", "pthread_join(1)",
                             "pthread_join(2)", "pthread_join(6)",
@@ -380,10 +341,8 @@ TEST_F(KVAudioGainHandlerThreadsTest, WithoutTheLockAGetterLeavesTheCallersValue
     EXPECT_EQ(target, 1);
     EXPECT_EQ(duration, 2);
     std::vector<std::string> functions;
-    for (const fake::Entry& entry : Entries("")) {
-        if (entry.text == LOCK_FAILED) {
-            functions.push_back(entry.site.function);
-        }
+    for (const fake::Entry& entry : journal.Here().With(LOCK_FAILED).Entries()) {
+        functions.push_back(entry.site.function);
     }
     EXPECT_THAT(functions,
                 ElementsAre("GetSrcGain", "SetSrcGain", "GetPulseTargetValue", "SetPulseTargetValue",
@@ -392,7 +351,7 @@ TEST_F(KVAudioGainHandlerThreadsTest, WithoutTheLockAGetterLeavesTheCallersValue
     gain->GetPulseTargetValue(target, duration);
     EXPECT_EQ(target, 30);
     EXPECT_EQ(duration, 200);
-    EXPECT_THAT(seam.GainWrites(), IsEmpty());
+    EXPECT_THAT(journal.Gains().Texts(), IsEmpty());
 }
 
 TEST_F(KVAudioGainHandlerThreadsTest, AGainThatCannotBeReadIsTreatedAsZeroInTheTotal) {
@@ -402,15 +361,15 @@ TEST_F(KVAudioGainHandlerThreadsTest, AGainThatCannotBeReadIsTreatedAsZeroInTheT
     gain->GetAudioGain(1, total);
     locksFail = false;
     EXPECT_EQ(total, 0);
-    EXPECT_THAT(GainFixture::Journal(""), ElementsAre(LOCK_FAILED, LOCK_FAILED, LOCK_FAILED,
-                                                      "I Path:1 player:  0 pulse:  0 unmute:  0 Total:  0"));
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre(LOCK_FAILED, LOCK_FAILED, LOCK_FAILED,
+                                                    "I Path:1 player:  0 pulse:  0 unmute:  0 Total:  0"));
 }
 
 TEST_F(KVAudioGainHandlerThreadsTest, AFadeWhoseFirstReadFailsBeginsAtZero) {
     Start();
     FailLock("PlayerMainOutH", GET_GAIN, 1);
     gain->_ApplyAudioGain(GAIN_HANDLER_PLAYER_MAIN_OUT, 1, 97, false);
-    ASSERT_TRUE(seam.WaitForLog("I Wake PlayerMainOutH. gain:0"));
+    ASSERT_TRUE(journal.With("I Wake PlayerMainOutH. gain:0").Wait());
     AfterStore(GAIN_HANDLER_PLAYER_MAIN_OUT, 10, [this] { gain->ApplyAudioGain(GAIN_SRC_PLAYER, 100, 1); });
     ASSERT_TRUE(Rest());
     EXPECT_THAT(StoredGains(GAIN_HANDLER_PLAYER_MAIN_OUT), ElementsAre(5, 10));
@@ -423,7 +382,7 @@ TEST_F(KVAudioGainHandlerThreadsTest, AFadeWhoseReadFailsStepsFromTheOldGainAgai
     gain->_ApplyAudioGain(GAIN_HANDLER_PLAYER_MAIN_OUT, 1, 80, false);
     ASSERT_TRUE(Rest());
     EXPECT_THAT(StoredGains(GAIN_HANDLER_PLAYER_MAIN_OUT), ElementsAre(85, 90, 90, 95, 100));
-    EXPECT_THAT(GainFixture::Journal("PlayerMainOutH"), Contains(LOCK_FAILED).Times(1));
+    EXPECT_THAT(journal.Of("PlayerMainOutH").Texts(), Contains(LOCK_FAILED).Times(1));
 }
 
 TEST_F(KVAudioGainHandlerThreadsTest, AFadeWhoseStoreFailsTakesTheStepAgain) {
@@ -433,7 +392,7 @@ TEST_F(KVAudioGainHandlerThreadsTest, AFadeWhoseStoreFailsTakesTheStepAgain) {
     gain->_ApplyAudioGain(GAIN_HANDLER_PLAYER_MAIN_OUT, 1, 85, false);
     ASSERT_TRUE(Rest());
     EXPECT_THAT(StoredGains(GAIN_HANDLER_PLAYER_MAIN_OUT), ElementsAre(90, 90, 95, 100));
-    EXPECT_THAT(GainFixture::Journal("PlayerMainOutH"), Contains(LOCK_FAILED).Times(1));
+    EXPECT_THAT(journal.Of("PlayerMainOutH").Texts(), Contains(LOCK_FAILED).Times(1));
 }
 
 TEST_F(KVAudioGainHandlerThreadsTest, APulseWorkerThatCannotReadItsTargetRampsToTheOneBefore) {
@@ -441,14 +400,15 @@ TEST_F(KVAudioGainHandlerThreadsTest, APulseWorkerThatCannotReadItsTargetRampsTo
     gain->ApplyPulseAudioGain(20, 20);
     ASSERT_TRUE(Rest());
     gain->SetSrcGain(GAIN_HANDLER_PULSE_RAMP, 70);
-    Mark();
+    seam.Clear();
     FailLock("PulseRampH", GET_TARGET, 1);
     EXPECT_EQ(gain->ApplyPulseAudioGain(90, 5000), 0);
     ASSERT_TRUE(Rest());
-    const std::vector<std::string> journal = Journal("PulseRampH", {"I startVolume", "I Remain", "E "});
-    EXPECT_EQ(journal[0], LOCK_FAILED);
-    EXPECT_EQ(journal[1], "I startVolume:70, remainCount:10, timeout:2");
-    EXPECT_EQ(journal.back(), "I Remain[0]. gain:20");
+    const std::vector<std::string> lines =
+        journal.Of("PulseRampH").BeginningWith("I startVolume", "I Remain", "E ").Texts();
+    EXPECT_EQ(lines[0], LOCK_FAILED);
+    EXPECT_EQ(lines[1], "I startVolume:70, remainCount:10, timeout:2");
+    EXPECT_EQ(lines.back(), "I Remain[0]. gain:20");
 }
 
 TEST_F(KVAudioGainHandlerThreadsTest, ARequestWhoseTargetCannotBeStoredIsRaisedAllTheSame) {
@@ -456,11 +416,11 @@ TEST_F(KVAudioGainHandlerThreadsTest, ARequestWhoseTargetCannotBeStoredIsRaisedA
     gain->ApplyPulseAudioGain(20, 20);
     ASSERT_TRUE(Rest());
     gain->SetSrcGain(GAIN_HANDLER_PULSE_RAMP, 70);
-    Mark();
+    seam.Clear();
     locksFail = true;
     EXPECT_EQ(gain->ApplyPulseAudioGain(90, 5000), 0);
     locksFail = false;
-    EXPECT_EQ(Find("", LOCK_FAILED).site.function, "SetPulseTargetValue");
+    EXPECT_EQ(journal.Here().With(LOCK_FAILED).Function(), "SetPulseTargetValue");
     ASSERT_TRUE(Rest());
     EXPECT_EQ(StoredGains(GAIN_HANDLER_PULSE_RAMP).back(), 20);
 }
@@ -470,12 +430,12 @@ TEST_F(KVAudioGainHandlerThreadsTest, ARampWhoseStartCannotBeReadBeginsAtTheStar
     gain->ApplyPulseAudioGain(20, 20);
     ASSERT_TRUE(Rest());
     gain->SetSrcGain(GAIN_HANDLER_PULSE_RAMP, 70);
-    Mark();
+    seam.Clear();
     FailLock("PulseRampH", GET_GAIN, 1);
     gain->ApplyPulseAudioGain(90, 20);
     ASSERT_TRUE(Rest());
-    EXPECT_EQ(Find("PulseRampH", "I startVolume:100, remainCount:10, timeout:2").thread,
-              Find("PulseRampH", "I Remain[0]. gain:90").thread);
+    EXPECT_EQ(journal.Of("PulseRampH").With("I startVolume:100, remainCount:10, timeout:2").First().thread,
+              journal.Of("PulseRampH").With("I Remain[0]. gain:90").First().thread);
 }
 
 }  // namespace

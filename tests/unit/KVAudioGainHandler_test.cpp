@@ -2,19 +2,20 @@
 // SPDX-License-Identifier: MIT
 #include "KVAudioGainHandler.h"
 
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 
 #include <atomic>
-#include <csignal>
+#include <cerrno>
+#include <ctime>
 #include <limits>
 #include <thread>
 #include <type_traits>
 
 #include "GainFixture.h"
 
-using fake::GainWrite;
 using fake::MainGain;
 using fake::SubGain;
 using KVDefine::GAIN_SRC_PLAYER;
@@ -33,6 +34,28 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::IsSupersetOf;
 using testing::Not;
+
+namespace {
+
+/** How many of this thread's next sleeps a signal interrupts. */
+thread_local int interruptions = 0;
+
+}  // namespace
+
+/** Replaces the library's function. An interrupted sleep ends after half of its time. */
+extern "C" int nanosleep(const timespec* time, timespec* left) {
+    static auto* const sleep = reinterpret_cast<decltype(nanosleep)*>(dlsym(RTLD_NEXT, "nanosleep"));
+    if (interruptions == 0) {
+        return sleep(time, left);
+    }
+    --interruptions;
+    timespec half = {};
+    half.tv_nsec = time->tv_nsec / 2;
+    sleep(&half, nullptr);
+    *left = half;
+    errno = EINTR;
+    return -1;
+}
 
 namespace {
 
@@ -83,8 +106,6 @@ protected:
         }
         return gains;
     }
-
-    std::vector<std::string> JournalHere() const { return Journal(""); }
 };
 
 // Gains and totals
@@ -104,7 +125,7 @@ TEST_F(KVAudioGainHandlerTest, TheTotalIsTheProductOfTheThreeGainsInPercent) {
     Start();
     SetGains(GAIN_HANDLER_PLAYER_MAIN_OUT, 50, GAIN_HANDLER_UNMUTE_MAIN_OUT, 50, 100);
     EXPECT_EQ(Total(1), 25);
-    EXPECT_THAT(JournalHere(), ElementsAre("I Path:1 player: 50 pulse:100 unmute: 50 Total: 25"));
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre("I Path:1 player: 50 pulse:100 unmute: 50 Total: 25"));
     SetGains(GAIN_HANDLER_PLAYER_MAIN_OUT, 99, GAIN_HANDLER_UNMUTE_MAIN_OUT, 99, 99);
     EXPECT_EQ(Total(1), 97);
 }
@@ -116,9 +137,9 @@ TEST_F(KVAudioGainHandlerTest, Paths1And3ReadTheMainOutputAndPath2TheSubOutput) 
     EXPECT_EQ(Total(1), 4);
     EXPECT_EQ(Total(2), 16);
     EXPECT_EQ(Total(3), 4);
-    EXPECT_THAT(JournalHere(), ElementsAre("I Path:1 player: 10 pulse: 50 unmute: 90 Total:  4",
-                                           "I Path:2 player: 40 pulse: 50 unmute: 80 Total: 16",
-                                           "I Path:3 player: 10 pulse: 50 unmute: 90 Total:  4"));
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre("I Path:1 player: 10 pulse: 50 unmute: 90 Total:  4",
+                                                    "I Path:2 player: 40 pulse: 50 unmute: 80 Total: 16",
+                                                    "I Path:3 player: 10 pulse: 50 unmute: 90 Total:  4"));
 }
 
 TEST_F(KVAudioGainHandlerTest, AGainAboveTheMaximumIsIgnoredAndANegativeOneIsStored) {
@@ -134,7 +155,7 @@ TEST_F(KVAudioGainHandlerTest, AGainAboveTheMaximumIsIgnoredAndANegativeOneIsSto
         gain->SetSrcGain(slot, LOWEST);
         EXPECT_EQ(Gain(slot), LOWEST);
     }
-    EXPECT_THAT(JournalHere(), IsEmpty());
+    EXPECT_THAT(journal.Here().Texts(), IsEmpty());
 }
 
 TEST_F(KVAudioGainHandlerTest, ANegativeTotalIsTruncatedTowardZero) {
@@ -148,13 +169,13 @@ TEST_F(KVAudioGainHandlerTest, ANegativeTotalIsTruncatedTowardZero) {
 TEST_F(KVAudioGainHandlerTest, ProductsWrapIn32Bits) {
     Start();
     SetGains(GAIN_HANDLER_PLAYER_MAIN_OUT, LOWEST, GAIN_HANDLER_UNMUTE_MAIN_OUT, -1, 1);
-    EXPECT_EQ(Total(1), LOWEST / 10000);
+    EXPECT_EQ(Total(1), -214748);
     SetGains(GAIN_HANDLER_PLAYER_MAIN_OUT, LOWEST, GAIN_HANDLER_UNMUTE_MAIN_OUT, LOWEST, LOWEST);
     EXPECT_EQ(Total(1), 0);
     SetGains(GAIN_HANDLER_PLAYER_MAIN_OUT, -HIGHEST, GAIN_HANDLER_UNMUTE_MAIN_OUT, 3, 1);
-    EXPECT_EQ(Total(1), -2147483645 / 10000);
+    EXPECT_EQ(Total(1), -214748);
     SetGains(GAIN_HANDLER_PLAYER_MAIN_OUT, 100000 + LOWEST, GAIN_HANDLER_UNMUTE_MAIN_OUT, 50, 100);
-    EXPECT_EQ(Total(1), 500000000 / 10000) << "what wraps off leaves a total above the maximum";
+    EXPECT_EQ(Total(1), 50000) << "what wraps off leaves a total above the maximum";
 }
 
 // Writing the outputs
@@ -167,19 +188,19 @@ TEST_F(KVAudioGainHandlerTest, AnOutputIsWrittenWhenItsBitIsSetAndTheHardwareHol
     EXPECT_EQ(gain->SetMainOutGain2(-4), 0);
     EXPECT_EQ(gain->SetSubOutGain2(1), 0);
     EXPECT_EQ(gain->SetSubOutGain2(-4), 0);
-    EXPECT_THAT(JournalHere(), IsEmpty());
+    EXPECT_THAT(journal.Here().Texts(), IsEmpty());
 
     EXPECT_EQ(gain->SetMainOutGain2(3), 0);
     EXPECT_EQ(gain->SetSubOutGain2(3), 0);
     EXPECT_THAT(
-        JournalHere(),
+        journal.Here().Texts(),
         ElementsAre("AudioControl_getInstance()", "I Path:1 player: 60 pulse:100 unmute:100 Total: 60",
                     "get_main_out_gain2()", "set_main_out_gain2(60)", "I [Path:01] gain2:60",
                     "AudioControl_getInstance()", "I Path:2 player: 30 pulse:100 unmute:100 Total: 30",
                     "get_sub_out_gain2()", "set_sub_out_gain2(30)", "I [Path:02] gain2:30"));
-    Mark();
+    seam.Clear();
     EXPECT_EQ(gain->SetMainOutGain2(-1), 0);
-    EXPECT_THAT(JournalHere(),
+    EXPECT_THAT(journal.Here().Texts(),
                 ElementsAre("AudioControl_getInstance()",
                             "I Path:1 player: 60 pulse:100 unmute:100 Total: 60", "get_main_out_gain2()"));
 }
@@ -188,10 +209,10 @@ TEST_F(KVAudioGainHandlerTest, AnUnreadableHardwareGainIsTreatedAsZero) {
     Start();
     seam.Fail("get_main_out_gain2", -5);
     EXPECT_EQ(gain->SetMainOutGain2(1), 0);
-    EXPECT_THAT(seam.GainWrites(GainWrite::Out::MAIN), ElementsAre(100));
+    EXPECT_THAT(journal.Gains(fake::Out::MAIN).Numbers(), ElementsAre(100));
     gain->SetSrcGain(GAIN_HANDLER_PLAYER_MAIN_OUT, 0);
     EXPECT_EQ(gain->SetMainOutGain2(1), 0);
-    EXPECT_THAT(seam.GainWrites(GainWrite::Out::MAIN), ElementsAre(100));
+    EXPECT_THAT(journal.Gains(fake::Out::MAIN).Numbers(), ElementsAre(100));
 }
 
 TEST_F(KVAudioGainHandlerTest, AFailedWriteIsLoggedAndLeavesTheStoredGains) {
@@ -201,7 +222,7 @@ TEST_F(KVAudioGainHandlerTest, AFailedWriteIsLoggedAndLeavesTheStoredGains) {
     seam.Fail("set_main_out_gain2", 7);
     EXPECT_EQ(gain->SetAudioGain(3), -1);
     EXPECT_THAT(
-        JournalHere(),
+        journal.Here().Texts(),
         ElementsAre("AudioControl_getInstance()", "I Path:1 player: 60 pulse:100 unmute:100 Total: 60",
                     "get_main_out_gain2()", "set_main_out_gain2(60)", "E Failed to set gain2(60). ret:7"));
     EXPECT_THAT(AllGains(), ElementsAre(100, 100, 60, 30, 100, 100, 100));
@@ -218,7 +239,7 @@ TEST_F(KVAudioGainHandlerTest, AFailedWriteOfTheSubOutputIsTheResult) {
     seam.Fail("set_sub_out_gain2", -1022);
     EXPECT_EQ(gain->SetSubOutGain2(2), -1);
     EXPECT_EQ(gain->SetAudioGain(3), -1);
-    EXPECT_THAT(JournalHere(), Contains("E Failed to set gain2(60). ret:-1022").Times(2));
+    EXPECT_THAT(journal.Here().Texts(), Contains("E Failed to set gain2(60). ret:-1022").Times(2));
     EXPECT_EQ(seam.MainGainValue(), 60);
     EXPECT_EQ(seam.SubGainValue(), 100);
 }
@@ -229,10 +250,10 @@ TEST_F(KVAudioGainHandlerTest, WithoutTheAudioControlInstanceNothingIsWritten) {
     seam.Fail("AudioControl_getInstance", 0);
     EXPECT_EQ(gain->SetMainOutGain2(1), -1);
     EXPECT_EQ(gain->SetSubOutGain2(2), -1);
-    EXPECT_THAT(JournalHere(),
+    EXPECT_THAT(journal.Here().Texts(),
                 ElementsAre("AudioControl_getInstance()", "E AudioControl_getInstance is failed",
                             "AudioControl_getInstance()", "E AudioControl_getInstance is failed"));
-    EXPECT_EQ(Find("", "E AudioControl_getInstance is failed").site.function, "SetMainOutGain2");
+    EXPECT_EQ(journal.Here().With("E AudioControl_getInstance is failed").Function(), "SetMainOutGain2");
     EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_PLAYER, 50, 1), -1);
     seam.Succeed("AudioControl_getInstance");
     EXPECT_EQ(gain->SetMainOutGain2(1), 0) << "the lock was given back";
@@ -247,7 +268,7 @@ TEST_F(KVAudioGainHandlerTest, ABusyLockIsGivenUpAfterThreeSeconds) {
     auto blocked = seam.BlockNext("set_main_out_gain2");
     std::thread holder([this] { gain->SetMainOutGain2(1); });
     ASSERT_TRUE(blocked.WaitReached());
-    Mark();
+    seam.Clear();
 
     const auto begin = fake::Clock::now();
     int mainResult = 0;
@@ -269,7 +290,7 @@ TEST_F(KVAudioGainHandlerTest, ABusyLockIsGivenUpAfterThreeSeconds) {
     EXPECT_EQ(slotGain, 12345) << "a getter that cannot lock leaves the caller's variable alone";
     EXPECT_EQ(Gain(GAIN_HANDLER_AUDIO_GAIN_OUT), 100);
     std::vector<std::string> functions;
-    for (const fake::Entry& entry : seam.Entries()) {
+    for (const fake::Entry& entry : journal.All().Entries()) {
         if (entry.text == "E mutex lock failed") {
             functions.push_back(entry.site.function);
         }
@@ -285,16 +306,16 @@ TEST_F(KVAudioGainHandlerTest, APlayerGainOfBothOutputsIsTheMainOutputsWrittenTo
     seam.SetGain(1, 1);
     EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_PLAYER, 40, 3), 0);
     EXPECT_THAT(AllGains(), ElementsAre(100, 100, 40, 100, 100, 100, 100));
-    EXPECT_THAT(seam.GainWrites(), ElementsAre(MainGain(40), SubGain(100)));
+    EXPECT_THAT(journal.Gains().Texts(), ElementsAre(MainGain(40), SubGain(100)));
 }
 
 TEST_F(KVAudioGainHandlerTest, APlayerGainOfOneOutputLeavesTheOtherAlone) {
     Start();
     EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_PLAYER, 40, 1), 0);
-    EXPECT_THAT(seam.GainWrites(), ElementsAre(MainGain(40)));
+    EXPECT_THAT(journal.Gains().Texts(), ElementsAre(MainGain(40)));
     ASSERT_TRUE(Rest());
     EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_PLAYER, 30, 2), 0);
-    EXPECT_THAT(seam.GainWrites(), ElementsAre(MainGain(40), SubGain(30)));
+    EXPECT_THAT(journal.Gains().Texts(), ElementsAre(MainGain(40), SubGain(30)));
     EXPECT_THAT(AllGains(), ElementsAre(100, 100, 40, 30, 100, 100, 100));
 }
 
@@ -315,50 +336,50 @@ TEST_F(KVAudioGainHandlerTest, WithASubBluetoothZoneAnUnmuteGainGoesToItsOwnOutp
     Start();
     EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_UNMUTE, 70, 2), 0);
     EXPECT_THAT(AllGains(), ElementsAre(100, 100, 100, 100, 100, 70, 100));
-    EXPECT_THAT(seam.GainWrites(), ElementsAre(SubGain(70)));
+    EXPECT_THAT(journal.Gains().Texts(), ElementsAre(SubGain(70)));
     EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_UNMUTE, 60, 1), 0);
     EXPECT_THAT(AllGains(), ElementsAre(100, 100, 100, 100, 60, 70, 100));
     EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_UNMUTE, 50, 3), 0);
     EXPECT_THAT(AllGains(), ElementsAre(100, 100, 100, 100, 50, 70, 100)) << "path 3 is the main output";
-    EXPECT_THAT(seam.GainWrites(), ElementsAre(SubGain(70), MainGain(60), MainGain(50)));
+    EXPECT_THAT(journal.Gains().Texts(), ElementsAre(SubGain(70), MainGain(60), MainGain(50)));
 }
 
 TEST_F(KVAudioGainHandlerTest, AGainAboveTheMaximumIsARequestThatChangesNothing) {
     Start();
     EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_PLAYER, 101, 1), 0);
     EXPECT_THAT(AllGains(), ElementsAre(100, 100, 100, 100, 100, 100, 100));
-    EXPECT_THAT(seam.GainWrites(), IsEmpty());
+    EXPECT_THAT(journal.Gains().Texts(), IsEmpty());
 }
 
 TEST_F(KVAudioGainHandlerTest, APathOfNoOutputIsRefusedWhateverTheSource) {
     Start();
     for (const int source : {2, 3, 0, LOWEST}) {
-        Mark();
+        seam.Clear();
         EXPECT_EQ(gain->ApplyAudioGain(static_cast<KVDefine::eKVGainSrcType>(source), 50, 4), -2);
         EXPECT_EQ(gain->ApplyVolumeFadeIn(static_cast<KVDefine::eKVGainSrcType>(source), 4), -2);
-        EXPECT_THAT(JournalHere(), ElementsAre("E Invalid audioPath:4", "E Invalid audioPath:4"));
-        EXPECT_EQ(Entries("")[1].site.function, "ApplyAudioGain");
+        EXPECT_THAT(journal.Here().Texts(), ElementsAre("E Invalid audioPath:4", "E Invalid audioPath:4"));
+        EXPECT_EQ(journal.All().Here().Entries()[1].site.function, "ApplyAudioGain");
     }
-    Mark();
+    seam.Clear();
     for (const int path : {0, -4, LOWEST, 0x7ffffffc}) {
         EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_PLAYER, 50, path), -2);
     }
-    EXPECT_THAT(JournalHere(),
+    EXPECT_THAT(journal.Here().Texts(),
                 ElementsAre("E Invalid audioPath:0", "E Invalid audioPath:-4",
                             "E Invalid audioPath:-2147483648", "E Invalid audioPath:2147483644"));
     EXPECT_THAT(AllGains(), ElementsAre(100, 100, 100, 100, 100, 100, 100));
-    EXPECT_THAT(seam.GainWrites(), IsEmpty());
+    EXPECT_THAT(journal.Gains().Texts(), IsEmpty());
 }
 
 TEST_F(KVAudioGainHandlerTest, AnUnknownSourceIsRefused) {
     Start();
     for (const int source : {0, 1, 4, -1, LOWEST, HIGHEST}) {
-        Mark();
+        seam.Clear();
         const auto unknown = static_cast<KVDefine::eKVGainSrcType>(source);
         const std::string line = "E Invalid gainOut srcType:" + std::to_string(source);
         EXPECT_EQ(gain->ApplyAudioGain(unknown, 50, 3), -2);
         EXPECT_EQ(gain->ApplyVolumeFadeIn(unknown, 3), -2);
-        EXPECT_THAT(JournalHere(), ElementsAre(line, line));
+        EXPECT_THAT(journal.Here().Texts(), ElementsAre(line, line));
     }
     EXPECT_THAT(AllGains(), ElementsAre(100, 100, 100, 100, 100, 100, 100));
 }
@@ -368,31 +389,31 @@ TEST_F(KVAudioGainHandlerTest, ARequestWhoseWriteFailsKeepsTheGainAndWakesNobody
     seam.Fail("set_main_out_gain2", -9);
     EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_PLAYER, 40, 3), -1);
     EXPECT_THAT(
-        JournalHere(),
+        journal.Here().Texts(),
         ElementsAre("AudioControl_getInstance()", "I Path:1 player: 40 pulse:100 unmute:100 Total: 40",
                     "get_main_out_gain2()", "set_main_out_gain2(40)", "E Failed to set gain2(40). ret:-9",
                     "E Failed to set SetAudioGain(type:2) path:3. gain:40"));
     EXPECT_EQ(gain->ApplyVolumeFadeIn(GAIN_SRC_PLAYER, 1), -1);
     EXPECT_EQ(Gain(GAIN_HANDLER_PLAYER_MAIN_OUT), 0);
     ASSERT_TRUE(Rest());
-    EXPECT_THAT(Journal("AudioGainOutH"), IsEmpty());
-    EXPECT_THAT(Journal("PlayerMainOutH"), IsEmpty());
+    EXPECT_THAT(journal.Of("AudioGainOutH").Texts(), IsEmpty());
+    EXPECT_THAT(journal.Of("PlayerMainOutH").Texts(), IsEmpty());
 }
 
 TEST_F(KVAudioGainHandlerTest, AnUnmuteRequestEndsWithTheMainOutputThatFails) {
     Start();
     seam.Fail("set_main_out_gain2", -9);
     EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_UNMUTE, 40, 3), -1);
-    EXPECT_THAT(JournalHere(), Contains("E Failed to set SetAudioGain(type:4) path:1. gain:40"));
+    EXPECT_THAT(journal.Here().Texts(), Contains("E Failed to set SetAudioGain(type:4) path:1. gain:40"));
     EXPECT_THAT(AllGains(), ElementsAre(100, 100, 100, 100, 40, 100, 100));
-    EXPECT_THAT(seam.Calls("set_sub_out_gain2"), IsEmpty());
+    EXPECT_THAT(journal.Calls("set_sub_out_gain2").Texts(), IsEmpty());
 }
 
 TEST_F(KVAudioGainHandlerTest, AnUnmuteRequestFailsWithTheSubOutput) {
     Start();
     seam.Fail("set_sub_out_gain2", -9);
     EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_UNMUTE, 40, 1), -1);
-    EXPECT_THAT(JournalHere(), Contains("E Failed to set SetAudioGain(type:5) path:2. gain:40"));
+    EXPECT_THAT(journal.Here().Texts(), Contains("E Failed to set SetAudioGain(type:5) path:2. gain:40"));
     EXPECT_THAT(AllGains(), ElementsAre(100, 100, 100, 100, 40, 40, 100));
     EXPECT_EQ(seam.MainGainValue(), 40);
 }
@@ -401,7 +422,7 @@ TEST_F(KVAudioGainHandlerTest, TheTraceShowsTheWholeOfARequest) {
     Start();
     EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_PLAYER, 100, 1), 0);
     std::vector<std::string> trace;
-    for (const fake::Entry& entry : Entries("")) {
+    for (const fake::Entry& entry : journal.All().Here().Entries()) {
         if (entry.IsTrace()) {
             trace.push_back(entry.text.substr(3));
         }
@@ -420,9 +441,9 @@ TEST_F(KVAudioGainHandlerTest, TheTraceShowsTheWholeOfARequest) {
                     "[OUT]int " + of + "SetSubOutGain2(int)", "[OUT]int " + of + "SetAudioGain(int)",
                     "[OUT]int " + of + "ApplyAudioGain(KVDefine::eKVGainSrcType, int, int)"))
         << "neither _ApplyAudioGain nor SetFadeInInterruptable is traced";
-    Mark();
+    seam.Clear();
     gain->SetFadeInInterruptable(true);
-    EXPECT_THAT(Entries(""), IsEmpty());
+    EXPECT_THAT(journal.All().Here().Entries(), IsEmpty());
 }
 
 TEST_F(KVAudioGainHandlerTest, RequestsFromManyThreadsAtOnceLeaveTheGainsOfTheLastOnes) {
@@ -451,8 +472,8 @@ TEST_F(KVAudioGainHandlerTest, RequestsFromManyThreadsAtOnceLeaveTheGainsOfTheLa
     gain->ApplyPulseAudioGain(49, 0);
     ASSERT_TRUE(Rest());
     EXPECT_THAT(AllGains(), ElementsAre(100, 49, 49, 49, 49, 49, 100));
-    EXPECT_EQ(seam.MainGainValue(), 49 * 49 * 49 / 10000);
-    EXPECT_EQ(seam.SubGainValue(), 49 * 49 * 49 / 10000);
+    EXPECT_EQ(seam.MainGainValue(), 11);
+    EXPECT_EQ(seam.SubGainValue(), 11);
 }
 
 // Construction and destruction
@@ -462,7 +483,7 @@ TEST_F(KVAudioGainHandlerTest, ConstructionWritesFullGainAndThenHooksTheKeys) {
     seam.SetInt(SUB_BT_KEY, -1);
     gain.emplace();
     EXPECT_THAT(
-        JournalHere(),
+        journal.Here().Texts(),
         ElementsAre("AudioControl_getInstance()", "I Path:1 player:100 pulse:100 unmute:100 Total:100",
                     "get_main_out_gain2()", "set_main_out_gain2(100)", "I [Path:01] gain2:100",
                     "AudioControl_getInstance()", "I Path:2 player:100 pulse:100 unmute:100 Total:100",
@@ -487,11 +508,11 @@ TEST_F(KVAudioGainHandlerTest, TheKeysAreReadAfterTheStartGainIsWritten) {
     seam.SetInt(SUB_BT_KEY, 3);
     seam.SetGain(0, 0);
     gain.emplace();
-    EXPECT_THAT(seam.GainWrites(), ElementsAre(MainGain(100), SubGain(100)))
+    EXPECT_THAT(journal.Gains().Texts(), ElementsAre(MainGain(100), SubGain(100)))
         << "neither the projector nor the sub zone keeps the start gain from an output";
-    const std::vector<std::string> journal = JournalHere();
-    const auto reset = std::ranges::find(journal, "I Create AudioGainHandler. Reset AudioGain(MAX). ret:0");
-    EXPECT_THAT(std::vector<std::string>(reset, journal.end()),
+    const std::vector<std::string> lines = journal.Here().Texts();
+    const auto reset = std::ranges::find(lines, "I Create AudioGainHandler. Reset AudioGain(MAX). ret:0");
+    EXPECT_THAT(std::vector<std::string>(reset, lines.end()),
                 ElementsAre("I Create AudioGainHandler. Reset AudioGain(MAX). ret:0", ASK_PROJECTOR,
                             WATCH_READY, READ_READY, "I Successed to get key memory/projector/status/ready",
                             "I Key[memory/projector/status/ready] value:0, Disable Gain control",
@@ -503,7 +524,7 @@ TEST_F(KVAudioGainHandlerTest, AStartGainThatCannotBeWrittenIsOnlyLogged) {
     seam.SetGain(0, 0);
     seam.Fail("set_main_out_gain2", -3);
     gain.emplace();
-    EXPECT_THAT(JournalHere(),
+    EXPECT_THAT(journal.Here().Texts(),
                 IsSupersetOf({"E Failed to set SetAudioGain(type:4) path:1. gain:100",
                               "I Create AudioGainHandler. Reset AudioGain(MAX). ret:-1", WATCH_SUB_BT}));
     seam.Succeed("set_main_out_gain2");
@@ -525,10 +546,10 @@ TEST_F(KVAudioGainHandlerTest, EachWorkerHasAThreadOfItsNameWhileTheControllerLi
 TEST_F(KVAudioGainHandlerTest, TheGainOutWorkersFirstRoundFollowsTheStartGain) {
     gain.emplace();
     ASSERT_TRUE(Rest());
-    const std::vector<std::string> journal = Journal("AudioGainOutH");
-    ASSERT_GE(journal.size(), 9U);
+    const std::vector<std::string> lines = journal.Of("AudioGainOutH").Texts();
+    ASSERT_GE(lines.size(), 9U);
     EXPECT_THAT(
-        std::vector<std::string>(journal.begin(), journal.begin() + 9),
+        std::vector<std::string>(lines.begin(), lines.begin() + 9),
         ElementsAre("I Sleep AudioGainOut", "I AudioGainOut. Update(M:0/S:0)", "AudioControl_getInstance()",
                     "I Path:1 player:100 pulse:100 unmute:100 Total:100", "get_main_out_gain2()",
                     "AudioControl_getInstance()", "I Path:2 player:100 pulse:100 unmute:100 Total:100",
@@ -541,12 +562,12 @@ TEST_F(KVAudioGainHandlerTest, ARequestRightAfterConstructionIsNotLost) {
         seam.Clear();
         gain.emplace();
         gain->_ApplyAudioGain(type, 3, 97, false);
-        EXPECT_TRUE(seam.WaitForLog("I Wake " + NKavrel::GainHandlerName[type] + ". gain:97"));
+        EXPECT_TRUE(journal.With("I Wake " + NKavrel::GainHandlerName[type] + ". gain:97").Wait());
         gain.reset();
     }
     gain.emplace();
     gain->ApplyPulseAudioGain(50, 0);
-    EXPECT_TRUE(seam.WaitForGainWrite(MainGain(50)));
+    EXPECT_TRUE(journal.With(MainGain(50)).Wait());
 }
 
 TEST_F(KVAudioGainHandlerTest, DestructionEndsTheWorkersAndThenUnhooksTheKeys) {
@@ -554,15 +575,16 @@ TEST_F(KVAudioGainHandlerTest, DestructionEndsTheWorkersAndThenUnhooksTheKeys) {
     seam.SetInt(READY_KEY, 1);
     Start();
     gain.reset();
-    EXPECT_THAT(JournalHere(), ElementsAre(ASK_PROJECTOR, IGNORE_READY, IGNORE_SUB_BT));
-    const auto unhooked = Find("", ASK_PROJECTOR).time;
-    const auto begun = Find("", "D \t[IN]NKavrel::KVAudioGainHandler::~KVAudioGainHandler()").time;
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre(ASK_PROJECTOR, IGNORE_READY, IGNORE_SUB_BT));
+    const auto unhooked = journal.Here().With(ASK_PROJECTOR).First().time;
+    const auto begun =
+        journal.Here().With("D \t[IN]NKavrel::KVAudioGainHandler::~KVAudioGainHandler()").First().time;
     for (const std::string& name : NKavrel::GainHandlerName) {
         if (name.empty()) {
             continue;
         }
-        EXPECT_THAT(Journal(name), ElementsAre("I " + name + " is done"));
-        const auto done = Find(name, "I " + name + " is done").time;
+        EXPECT_THAT(journal.Of(name).Texts(), ElementsAre("I " + name + " is done"));
+        const auto done = journal.Of(name).With("I " + name + " is done").First().time;
         EXPECT_LE(done, unhooked);
         EXPECT_GE(done - begun, 200ms) << "a worker on its way to its wait must have come there";
     }
@@ -574,7 +596,9 @@ TEST_F(KVAudioGainHandlerTest, TheThreadBodysTraceEndsWithTheWorker) {
     Start();
     gain.reset();
     const std::string of = "static void NKavrel::KVAudioGainHandler::";
-    const auto last = [this](const std::string& thread) { return Entries(thread).back().text; };
+    const auto last = [this](const std::string& thread) {
+        return journal.All().Of(thread).Entries().back().text;
+    };
     EXPECT_EQ(last("PulseRampH"), "D \t[OUT]" + of + "PulseGainHandler(void*)");
     EXPECT_EQ(last("AudioGainOutH"), "D \t[OUT]" + of + "AudioGainOutHandler(void*)");
     EXPECT_EQ(last("UnMuteSubOutH"),
@@ -583,24 +607,13 @@ TEST_F(KVAudioGainHandlerTest, TheThreadBodysTraceEndsWithTheWorker) {
 
 TEST_F(KVAudioGainHandlerTest, TheDestructorsPauseIsNotCutShortBySignals) {
     Start();
-    struct sigaction ignore = {};
-    ignore.sa_handler = [](int) {};
-    struct sigaction before = {};
-    ASSERT_EQ(sigaction(SIGUSR1, &ignore, &before), 0);
-    std::atomic<bool> over = false;
-    std::thread disturber([&over, sleeper = pthread_self()] {
-        while (!over) {
-            pthread_kill(sleeper, SIGUSR1);
-            std::this_thread::sleep_for(5ms);
-        }
-    });
+    interruptions = 3;
     gain.reset();
-    over = true;
-    disturber.join();
-    sigaction(SIGUSR1, &before, nullptr);
-    EXPECT_GE(Find("", ASK_PROJECTOR).time -
-                  Find("", "D \t[IN]NKavrel::KVAudioGainHandler::~KVAudioGainHandler()").time,
-              200ms);
+    EXPECT_EQ(interruptions, 0);
+    EXPECT_GE(
+        journal.Here().With(ASK_PROJECTOR).First().time -
+            journal.Here().With("D \t[IN]NKavrel::KVAudioGainHandler::~KVAudioGainHandler()").First().time,
+        200ms);
 }
 
 TEST_F(KVAudioGainHandlerTest, AKeyChangeDuringDestructionFindsACompleteObject) {
@@ -611,7 +624,7 @@ TEST_F(KVAudioGainHandlerTest, AKeyChangeDuringDestructionFindsACompleteObject) 
         EXPECT_EQ(seam.FireKey(SUB_BT_KEY, 2), 1);
     });
     gain.reset();
-    EXPECT_THAT(seam.Log(),
+    EXPECT_THAT(journal.Logs().Texts(),
                 IsSupersetOf({"I Key[memory/projector/status/ready] Changed:1, gain control is Enabled",
                               "I Key[memory/org.olvane.btapp/sub_audio_zoneid] Changed to 2"}));
 }
@@ -621,9 +634,9 @@ TEST_F(KVAudioGainHandlerTest, AThreadBodyWithoutAnObjectReturns) {
     KVAudioGainHandler::FadeInGainHandler(GAIN_HANDLER_PLAYER_MAIN_OUT, nullptr);
     KVAudioGainHandler::PulseGainHandler(nullptr);
     KVAudioGainHandler::AudioGainOutHandler(nullptr);
-    EXPECT_THAT(seam.Journal(),
+    EXPECT_THAT(journal.Texts(),
                 ElementsAre("E Invalid userData", "E Invalid userData", "E Invalid userData"));
-    EXPECT_EQ(Entries("")[1].site.function, "FadeInGainHandler");
+    EXPECT_EQ(journal.All().Here().Entries()[1].site.function, "FadeInGainHandler");
     EXPECT_EQ(fake::ThreadNames(), before) << "the calling thread keeps its name";
 }
 
@@ -633,77 +646,84 @@ TEST_F(KVAudioGainHandlerTest, WithoutTheProjectorFeatureTheReadyKeyIsNeitherRea
     seam.SetInt(READY_KEY, 0);
     Start();
     EXPECT_THAT(seam.Watches(READY_KEY), IsEmpty());
-    EXPECT_THAT(seam.Calls(), Not(Contains(READ_READY)));
+    EXPECT_THAT(journal.Calls().Texts(), Not(Contains(READ_READY)));
     EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_PLAYER, 40, 1), 0);
     EXPECT_EQ(seam.MainGainValue(), 40);
     EXPECT_EQ(gain->SetAudioGainControlChangedCb(), 0);
     EXPECT_EQ(gain->UnsetAudioGainControlChangedCb(), 0);
     EXPECT_THAT(seam.Watches(READY_KEY), IsEmpty());
-    EXPECT_THAT(seam.Calls(), Not(Contains(IGNORE_READY)));
+    EXPECT_THAT(journal.Calls().Texts(), Not(Contains(IGNORE_READY)));
 }
 
 TEST_F(KVAudioGainHandlerTest, AnUnreadableFeatureLeavesGainControlEnabled) {
     seam.Fail("system_info_get_custom_bool", -1002);
-    Start();
-    EXPECT_THAT(seam.Log(), Contains("E Failed to get Projector FMS Key. ret:-1002"));
+    Create();
+    EXPECT_THAT(journal.Logs().Texts(), Contains("E Failed to get Projector FMS Key. ret:-1002"));
+    seam.Clear();
     EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_PLAYER, 40, 1), 0);
     EXPECT_EQ(seam.MainGainValue(), 40);
     EXPECT_EQ(gain->SetAudioGainControlChangedCb(), -1);
     EXPECT_EQ(gain->UnsetAudioGainControlChangedCb(), -1);
-    Mark();
+    seam.Clear();
     gain.reset();
-    EXPECT_THAT(JournalHere(),
+    EXPECT_THAT(journal.Here().Texts(),
                 ElementsAre(ASK_PROJECTOR, "E Failed to get Projector FMS Key. ret:-1002", IGNORE_SUB_BT));
-    EXPECT_EQ(Find("", "E Failed to get Projector FMS Key. ret:-1002").site.function,
+    EXPECT_EQ(journal.Here().With("E Failed to get Projector FMS Key. ret:-1002").Function(),
               "UnsetAudioGainControlChangedCb");
 }
 
 TEST_F(KVAudioGainHandlerTest, AProjectorThatIsNotReadyKeepsGainsFromTheHardware) {
     seam.SetFeature(PROJECTOR_FEATURE, true);
     seam.SetInt(READY_KEY, 0);
-    Start();
-    EXPECT_THAT(seam.Log(), Contains("I Key[memory/projector/status/ready] value:0, Disable Gain control"));
+    Create();
+    EXPECT_THAT(journal.Logs().Texts(),
+                Contains("I Key[memory/projector/status/ready] value:0, Disable Gain control"));
+    seam.Clear();
     EXPECT_EQ(gain->SetAudioGain(3), 0);
-    EXPECT_THAT(JournalHere(), ElementsAre("E Disable Gain Control"));
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre("E Disable Gain Control"));
     EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_PLAYER, 40, 3), 0);
     EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_UNMUTE, 30, 3), 0);
     ASSERT_TRUE(Rest());
     EXPECT_THAT(AllGains(), ElementsAre(100, 100, 40, 100, 30, 30, 100)) << "the stored gains are kept";
-    EXPECT_THAT(seam.GainWrites(), IsEmpty());
+    EXPECT_THAT(journal.Gains().Texts(), IsEmpty());
 }
 
 TEST_F(KVAudioGainHandlerTest, AReadyKeyThatCannotBeReadMeansNotReady) {
     seam.SetFeature(PROJECTOR_FEATURE, true);
-    Start();
-    EXPECT_THAT(seam.Log(), IsSupersetOf({"E Failed to get key memory/projector/status/ready",
-                                          "I Key[memory/projector/status/ready] value:0, Disable Gain "
-                                          "control"}));
+    Create();
+    EXPECT_THAT(journal.Logs().Texts(),
+                IsSupersetOf({"E Failed to get key memory/projector/status/ready",
+                              "I Key[memory/projector/status/ready] value:0, Disable Gain "
+                              "control"}));
+    seam.Clear();
     EXPECT_EQ(gain->SetAudioGain(3), 0);
-    EXPECT_THAT(JournalHere(), ElementsAre("E Disable Gain Control"));
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre("E Disable Gain Control"));
 }
 
 TEST_F(KVAudioGainHandlerTest, GainControlFollowsTheReadyKeyAndWritesAtTheNextRequestOnly) {
     seam.SetFeature(PROJECTOR_FEATURE, true);
     seam.SetInt(READY_KEY, -1);
-    Start();
-    EXPECT_THAT(seam.Log(), Contains("I Key[memory/projector/status/ready] value:-1, Enable Gain control"));
+    Create();
+    EXPECT_THAT(journal.Logs().Texts(),
+                Contains("I Key[memory/projector/status/ready] value:-1, Enable Gain control"));
+    seam.Clear();
     EXPECT_EQ(seam.FireKey(READY_KEY, 0), 1);
     EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_PLAYER, 40, 1), 0);
     ASSERT_TRUE(Rest());
-    EXPECT_THAT(seam.GainWrites(), IsEmpty());
+    EXPECT_THAT(journal.Gains().Texts(), IsEmpty());
 
-    Mark();
+    seam.Clear();
     EXPECT_EQ(seam.FireKey(READY_KEY, 5), 1);
-    EXPECT_THAT(JournalHere(),
+    EXPECT_THAT(journal.Here().Texts(),
                 ElementsAre("vconf_keynode_get_int()",
                             "I Key[memory/projector/status/ready] Changed:5, gain control is Enabled"));
-    EXPECT_THAT(seam.GainWrites(), IsEmpty()) << "the change itself re-applies nothing";
+    EXPECT_THAT(journal.Gains().Texts(), IsEmpty()) << "the change itself re-applies nothing";
     EXPECT_EQ(gain->SetAudioGain(3), 0);
-    EXPECT_THAT(seam.GainWrites(), ElementsAre(MainGain(40)));
+    EXPECT_THAT(journal.Gains().Texts(), ElementsAre(MainGain(40)));
 
-    Mark();
+    seam.Clear();
     seam.FireKey(READY_KEY, 0);
-    EXPECT_THAT(JournalHere(),
+    EXPECT_THAT(journal.Here().Texts(),
                 Contains("I Key[memory/projector/status/ready] Changed:0, gain control is Disabled"));
 }
 
@@ -715,10 +735,11 @@ TEST_F(KVAudioGainHandlerTest, TheSubBluetoothFlagFollowsItsKey) {
         return Gain(GAIN_HANDLER_UNMUTE_MAIN_OUT) != value;
     };
     EXPECT_FALSE(subAlone(90));
-    Mark();
+    seam.Clear();
     EXPECT_EQ(seam.FireKey(SUB_BT_KEY, 3), 1);
-    EXPECT_THAT(JournalHere(), ElementsAre("vconf_keynode_get_int()",
-                                           "I Key[memory/org.olvane.btapp/sub_audio_zoneid] Changed to 3"))
+    EXPECT_THAT(journal.Here().Texts(),
+                ElementsAre("vconf_keynode_get_int()",
+                            "I Key[memory/org.olvane.btapp/sub_audio_zoneid] Changed to 3"))
         << "no gain is re-applied";
     EXPECT_TRUE(subAlone(80));
     seam.FireKey(SUB_BT_KEY, -1);
@@ -728,8 +749,9 @@ TEST_F(KVAudioGainHandlerTest, TheSubBluetoothFlagFollowsItsKey) {
 }
 
 TEST_F(KVAudioGainHandlerTest, ASubBluetoothKeyThatCannotBeReadMeansNoZone) {
-    Start();
-    EXPECT_THAT(seam.Log(), Contains("E Failed to get subBT zone ID"));
+    Create();
+    EXPECT_THAT(journal.Logs().Texts(), Contains("E Failed to get subBT zone ID"));
+    seam.Clear();
     gain->ApplyAudioGain(GAIN_SRC_UNMUTE, 70, 2);
     EXPECT_EQ(Gain(GAIN_HANDLER_UNMUTE_MAIN_OUT), 70);
 }
@@ -739,18 +761,19 @@ TEST_F(KVAudioGainHandlerTest, KeysThatCannotBeWatchedAreReadAllTheSame) {
     seam.SetInt(READY_KEY, 1);
     seam.SetInt(SUB_BT_KEY, 3);
     seam.Fail("vconf_notify_key_changed", -1);
-    Start();
-    EXPECT_THAT(seam.Log(),
+    Create();
+    EXPECT_THAT(journal.Logs().Texts(),
                 IsSupersetOf({"E Failed to register vconf key memory/projector/status/ready for notification",
                               "I Key[memory/projector/status/ready] value:1, Enable Gain control",
                               "E Failed to register vconf key memory/org.olvane.btapp/sub_audio_zoneid for "
                               "notification",
                               "I SubBT :3"}));
+    seam.Clear();
     gain->ApplyAudioGain(GAIN_SRC_UNMUTE, 70, 2);
-    EXPECT_THAT(seam.GainWrites(), ElementsAre(SubGain(70)));
+    EXPECT_THAT(journal.Gains().Texts(), ElementsAre(SubGain(70)));
     gain.reset();
     EXPECT_THAT(
-        JournalHere(),
+        journal.Here().Texts(),
         IsSupersetOf({"E Failed to unregister vconf key memory/projector/status/ready for notification",
                       "E Failed to unregister vconf key memory/org.olvane.btapp/sub_audio_zoneid for "
                       "notification"}));
@@ -764,10 +787,10 @@ TEST_F(KVAudioGainHandlerTest, KeyCallbacksRefuseAMissingNodeAndMissingData) {
         callback(nullptr, nullptr);
         callback(nullptr, &node);
         callback(&node, nullptr);
-        EXPECT_THAT(seam.Journal(),
+        EXPECT_THAT(journal.Texts(),
                     ElementsAre("E pKeyNode is NULL", "E pKeyNode is NULL", "E data is NULL"));
     }
-    EXPECT_EQ(seam.Find("E data is NULL")->site.function, "SubBTChangedCb");
+    EXPECT_EQ(journal.With("E data is NULL").Function(), "SubBTChangedCb");
 }
 
 }  // namespace

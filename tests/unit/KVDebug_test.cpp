@@ -17,6 +17,7 @@ namespace {
 class KVDebugTest : public testing::Test {
 protected:
     FakeSeam& seam = FakeSeam::Get();
+    fake::Journal& journal = seam.journal;
 };
 
 int LogOnce() {
@@ -62,7 +63,7 @@ void Outer() {
 
 TEST_F(KVDebugTest, ALineCarriesFileFunctionAndLineThenFunctionAndLineAgain) {
     const int line = LogOnce();
-    const auto entries = seam.Entries();
+    const auto entries = journal.All().Entries();
     ASSERT_EQ(entries.size(), 1U);
     const std::string number = std::to_string(line);
     EXPECT_EQ(entries[0].raw,
@@ -72,34 +73,35 @@ TEST_F(KVDebugTest, ALineCarriesFileFunctionAndLineThenFunctionAndLineAgain) {
 
 TEST_F(KVDebugTest, EachMacroHasItsPriority) {
     LogAllPriorities();
-    const auto entries = seam.Entries();
+    const auto entries = journal.All().Entries();
     ASSERT_EQ(entries.size(), 4U);
     for (int i = 0; i < 4; ++i) {
         EXPECT_EQ(entries[static_cast<std::size_t>(i)].priority, 3 + i);
     }
-    EXPECT_THAT(seam.Log(DLOG_DEBUG), ElementsAre("D debug", "I info", "W warn", "E error"));
+    EXPECT_THAT(journal.Logs(DLOG_DEBUG).Texts(), ElementsAre("D debug", "I info", "W warn", "E error"));
 }
 
 TEST_F(KVDebugTest, SharedCodeLogsAsItsCaller) {
     const NKavrel::CallSite site = HereIsTheCaller();
     LOGE_AT(site, "shared %d", 1);
     LOGI_AT(site, "without arguments");
-    EXPECT_THAT(seam.Log(), ElementsAre("E shared 1", "I without arguments"));
-    EXPECT_EQ(seam.Entries()[0].site, (fake::Site{"KVDebug_test.cpp", "HereIsTheCaller", site.line}));
+    EXPECT_THAT(journal.Logs().Texts(), ElementsAre("E shared 1", "I without arguments"));
+    EXPECT_EQ(journal.All().Entries()[0].site,
+              (fake::Site{"KVDebug_test.cpp", "HereIsTheCaller", site.line}));
 }
 
 TEST_F(KVDebugTest, ANullPointerIsLoggedAsTheCallersError) {
     int value = 0;
     EXPECT_FALSE(NKavrel::IsNull(&value, "value is NULL", HereIsTheCaller()));
-    EXPECT_THAT(seam.Log(), testing::IsEmpty());
+    EXPECT_THAT(journal.Logs().Texts(), testing::IsEmpty());
     EXPECT_TRUE(NKavrel::IsNull(nullptr, "50% is NULL", HereIsTheCaller()));
-    EXPECT_THAT(seam.Log(), ElementsAre("E 50% is NULL"));
-    EXPECT_EQ(seam.FunctionOf("E 50% is NULL"), "HereIsTheCaller");
+    EXPECT_THAT(journal.Logs().Texts(), ElementsAre("E 50% is NULL"));
+    EXPECT_EQ(journal.With("E 50% is NULL").Function(), "HereIsTheCaller");
 }
 
 TEST_F(KVDebugTest, TraceLinesNameTheTracersOwnPlaceOnLines53And58) {
     Inner(1);
-    const auto entries = seam.Entries();
+    const auto entries = journal.All().Entries();
     ASSERT_EQ(entries.size(), 2U);
     EXPECT_EQ(entries[0].raw,
               "KVDebug.h: CALLTRACKER(53) > [CALLTRACKER:53] \t[IN]void {anonymous}::Inner(int)\n");
@@ -112,19 +114,19 @@ TEST_F(KVDebugTest, TraceLinesNameTheTracersOwnPlaceOnLines53And58) {
 
 TEST_F(KVDebugTest, AnEarlyReturnIsTracedToo) {
     EXPECT_EQ(Returns(true), 1);
-    EXPECT_THAT(seam.Log(DLOG_DEBUG), ElementsAre("D \t[IN]int {anonymous}::Returns(bool)",
-                                                  "D \t[OUT]int {anonymous}::Returns(bool)"));
+    EXPECT_THAT(journal.Logs(DLOG_DEBUG).Texts(), ElementsAre("D \t[IN]int {anonymous}::Returns(bool)",
+                                                              "D \t[OUT]int {anonymous}::Returns(bool)"));
 }
 
 TEST_F(KVDebugTest, AnExceptionIsTracedOnItsWayOut) {
     EXPECT_THROW(Throws(), std::runtime_error);
-    EXPECT_THAT(seam.Trace(),
-                ElementsAre("[IN]void {anonymous}::Throws()", "[OUT]void {anonymous}::Throws()"));
+    EXPECT_THAT(journal.Traces().Texts(),
+                ElementsAre("D \t[IN]void {anonymous}::Throws()", "D \t[OUT]void {anonymous}::Throws()"));
 }
 
 TEST_F(KVDebugTest, NestedCallsGiveNestedPairsInCallOrder) {
     Outer();
-    EXPECT_THAT(seam.Log(DLOG_DEBUG),
+    EXPECT_THAT(journal.Logs(DLOG_DEBUG).Texts(),
                 ElementsAre("D \t[IN]void {anonymous}::Outer()", "D \t[IN]void {anonymous}::Inner(int)",
                             "D \t[OUT]void {anonymous}::Inner(int)", "I between",
                             "D \t[IN]void {anonymous}::Inner(int)", "D \t[OUT]void {anonymous}::Inner(int)",

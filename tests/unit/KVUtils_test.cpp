@@ -43,6 +43,7 @@ protected:
     KVUtilsTest() { setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1); }
 
     FakeSeam& seam = FakeSeam::Get();
+    fake::Journal& journal = seam.journal;
 };
 
 TEST_F(KVUtilsTest, TheSharedNamesAreWhatOthersRelyOn) {
@@ -68,10 +69,10 @@ TEST_F(KVUtilsTest, TheDefaultSpeakerIsTheTvSpeakerAndIsReadOnce) {
     EXPECT_EXIT(
         {
             EXPECT_EQ(KVUtils::GetDefaultSpeaker(), 0);
-            EXPECT_THAT(seam.Calls(), ElementsAre(FEATURE_CALL));
+            EXPECT_THAT(journal.Calls().Texts(), ElementsAre(FEATURE_CALL));
             seam.SetFeature("com.norvik/featureconf/internal_speaker_supported", false);
             EXPECT_EQ(KVUtils::GetDefaultSpeaker(), 0);
-            EXPECT_EQ(seam.Calls().size(), 1U);
+            EXPECT_EQ(journal.Calls().Texts().size(), 1U);
             EndProcess();
         },
         testing::ExitedWithCode(EXIT_SUCCESS), "");
@@ -84,8 +85,8 @@ TEST_F(KVUtilsTest, WithoutAnInternalSpeakerTheDefaultIsTheOpticalRouteAndIsRead
             EXPECT_EQ(KVUtils::GetDefaultSpeaker(), 1);
             seam.SetFeature("com.norvik/featureconf/internal_speaker_supported", true);
             EXPECT_EQ(KVUtils::GetDefaultSpeaker(), 1);
-            EXPECT_THAT(seam.Calls(), ElementsAre(FEATURE_CALL));
-            EXPECT_THAT(seam.Log(), IsEmpty());
+            EXPECT_THAT(journal.Calls().Texts(), ElementsAre(FEATURE_CALL));
+            EXPECT_THAT(journal.Logs().Texts(), IsEmpty());
             EndProcess();
         },
         testing::ExitedWithCode(EXIT_SUCCESS), "");
@@ -97,7 +98,7 @@ TEST_F(KVUtilsTest, AFailedQueryOfTheInternalSpeakerMeansThatThereIsOne) {
             seam.SetFeature("com.norvik/featureconf/internal_speaker_supported", false);
             seam.Fail("system_info_get_custom_bool", -1);
             EXPECT_EQ(KVUtils::GetDefaultSpeaker(), 0);
-            EXPECT_THAT(seam.Log(), IsEmpty());
+            EXPECT_THAT(journal.Logs().Texts(), IsEmpty());
             EndProcess();
         },
         testing::ExitedWithCode(EXIT_SUCCESS), "");
@@ -107,7 +108,7 @@ TEST_F(KVUtilsTest, ThePopupIsSupportedOnlyWhenItsEventIsDone) {
     EXPECT_FALSE(KVUtils::IsPopupSupported());
     seam.SetEvent("FadeInPopup", true);
     EXPECT_TRUE(KVUtils::IsPopupSupported());
-    EXPECT_THAT(seam.Journal(), ElementsAre("LwipcIsDone(\"FadeInPopup\")", "LwipcIsDone(\"FadeInPopup\")"));
+    EXPECT_THAT(journal.Texts(), ElementsAre("LwipcIsDone(\"FadeInPopup\")", "LwipcIsDone(\"FadeInPopup\")"));
     seam.Fail("LwipcIsDone", -1);
     EXPECT_FALSE(KVUtils::IsPopupSupported()) << "an error counts as not done";
 }
@@ -119,21 +120,21 @@ TEST_F(KVUtilsTest, WatchingAKeyIsLoggedAtDebug) {
     EXPECT_EQ(seam.Watches(KEY)[0].data, this);
     EXPECT_TRUE(KVUtils::DeregisterVconfChangedCb(KEY, OnKey));
     EXPECT_THAT(seam.Watches(KEY), IsEmpty());
-    EXPECT_THAT(seam.Log(DLOG_DEBUG),
+    EXPECT_THAT(journal.Logs(DLOG_DEBUG).Texts(),
                 ElementsAre("D Successed to register vconf key memory/some/key for notification",
                             "D Successed to unregister vconf key memory/some/key for notification"));
-    EXPECT_THAT(seam.Log(), IsEmpty());
+    EXPECT_THAT(journal.Logs().Texts(), IsEmpty());
 }
 
 TEST_F(KVUtilsTest, AFailedWatchIsLoggedAndFalse) {
     seam.Fail("vconf_notify_key_changed", -1);
     EXPECT_FALSE(KVUtils::RegisterVconfChangedCb(KEY, OnKey, nullptr));
     EXPECT_FALSE(KVUtils::DeregisterVconfChangedCb(KEY, OnKey));
-    EXPECT_THAT(seam.Log(DLOG_DEBUG),
+    EXPECT_THAT(journal.Logs(DLOG_DEBUG).Texts(),
                 ElementsAre("E Failed to register vconf key memory/some/key for notification",
                             "E Failed to unregister vconf key memory/some/key for notification"));
-    EXPECT_EQ(seam.Entries()[1].site.function, "RegisterVconfChangedCb");
-    EXPECT_EQ(seam.Entries()[3].site.function, "DeregisterVconfChangedCb");
+    EXPECT_EQ(journal.All().Entries()[1].site.function, "RegisterVconfChangedCb");
+    EXPECT_EQ(journal.All().Entries()[3].site.function, "DeregisterVconfChangedCb");
 }
 
 TEST_F(KVUtilsTest, NullKeysAreLoggedByTheFunctionTheyWereGivenToAndReachNoPlatform) {
@@ -148,7 +149,7 @@ TEST_F(KVUtilsTest, NullKeysAreLoggedByTheFunctionTheyWereGivenToAndReachNoPlatf
     EXPECT_EQ(number, 1);
     EXPECT_EQ(text, "before");
     std::vector<std::string> functions;
-    for (const fake::Entry& entry : seam.Entries()) {
+    for (const fake::Entry& entry : journal.All().Entries()) {
         EXPECT_EQ(entry.text, "E vconf key is NULL");
         functions.push_back(entry.site.function);
     }
@@ -162,7 +163,7 @@ TEST_F(KVUtilsTest, AKeyNodesNameIsCopied) {
     std::string name;
     EXPECT_TRUE(KVUtils::GetVconfKeyFromKeynode(&node, name));
     EXPECT_EQ(name, "memory/x");
-    EXPECT_THAT(seam.Log(), ElementsAre("I Successed to get keynode name memory/x"));
+    EXPECT_THAT(journal.Logs().Texts(), ElementsAre("I Successed to get keynode name memory/x"));
 }
 
 TEST_F(KVUtilsTest, AKeyNodeWithoutANameIsAnError) {
@@ -170,7 +171,7 @@ TEST_F(KVUtilsTest, AKeyNodeWithoutANameIsAnError) {
     std::string name = "before";
     EXPECT_FALSE(KVUtils::GetVconfKeyFromKeynode(&nameless, name));
     EXPECT_EQ(name, "before");
-    EXPECT_THAT(seam.Log(), ElementsAre("E Failed to get keynode name"));
+    EXPECT_THAT(journal.Logs().Texts(), ElementsAre("E Failed to get keynode name"));
 }
 
 TEST_F(KVUtilsTest, IntegersAreSetAndReadWithALineEach) {
@@ -179,7 +180,7 @@ TEST_F(KVUtilsTest, IntegersAreSetAndReadWithALineEach) {
     EXPECT_TRUE(KVUtils::VconfGetInt(KEY, value));
     EXPECT_EQ(value, -12);
     EXPECT_THAT(
-        seam.Journal(),
+        journal.Texts(),
         ElementsAre("vconf_set_int(\"memory/some/key\", -12)", "I Successed to set key memory/some/key",
                     "vconf_get_int(\"memory/some/key\")", "I Successed to get key memory/some/key"));
 }
@@ -190,7 +191,7 @@ TEST_F(KVUtilsTest, FailedIntegersLeaveTheCallersValue) {
     EXPECT_FALSE(KVUtils::VconfSetInt(KEY, 1));
     EXPECT_FALSE(KVUtils::VconfGetInt(KEY, value));
     EXPECT_EQ(value, 42);
-    EXPECT_THAT(seam.Log(),
+    EXPECT_THAT(journal.Logs().Texts(),
                 ElementsAre("E Failed to set key memory/some/key", "E Failed to get key memory/some/key"));
 }
 
@@ -204,22 +205,24 @@ TEST_F(KVUtilsTest, TextIsReadWithoutALine) {
     seam.SetStr(KEY, "");
     EXPECT_TRUE(KVUtils::VconfGetStr(KEY, text));
     EXPECT_EQ(text, "");
-    EXPECT_THAT(seam.Log(DLOG_DEBUG), ElementsAre("E Failed to get key memory/some/key"));
+    EXPECT_THAT(journal.Logs(DLOG_DEBUG).Texts(), ElementsAre("E Failed to get key memory/some/key"));
 }
 
 TEST_F(KVUtilsTest, TheSubBluetoothZoneIsMinusOneWhenTheKeyIsMissingAndWhenItHoldsThat) {
     EXPECT_EQ(KVUtils::GetSubBTZoneID(), -1);
-    EXPECT_THAT(seam.Log(), ElementsAre("E Failed to get key memory/org.olvane.btapp/sub_audio_zoneid",
-                                        "E Failed to get subBT zone ID"));
+    EXPECT_THAT(journal.Logs().Texts(),
+                ElementsAre("E Failed to get key memory/org.olvane.btapp/sub_audio_zoneid",
+                            "E Failed to get subBT zone ID"));
     seam.Clear();
     seam.SetInt("memory/org.olvane.btapp/sub_audio_zoneid", -1);
     EXPECT_EQ(KVUtils::GetSubBTZoneID(), -1);
-    EXPECT_THAT(seam.Log(), ElementsAre("I Successed to get key memory/org.olvane.btapp/sub_audio_zoneid",
-                                        "I SubBT :-1"));
+    EXPECT_THAT(
+        journal.Logs().Texts(),
+        ElementsAre("I Successed to get key memory/org.olvane.btapp/sub_audio_zoneid", "I SubBT :-1"));
     seam.Clear();
     seam.SetInt("memory/org.olvane.btapp/sub_audio_zoneid", 3);
     EXPECT_EQ(KVUtils::GetSubBTZoneID(), 3);
-    EXPECT_THAT(seam.Log(),
+    EXPECT_THAT(journal.Logs().Texts(),
                 ElementsAre("I Successed to get key memory/org.olvane.btapp/sub_audio_zoneid", "I SubBT :3"));
 }
 
@@ -230,15 +233,15 @@ TEST_F(KVUtilsTest, AJsonMemberIsReadAsText) {
     EXPECT_EQ(KVUtils::ParseJsonVal(R"({"mode": null})", "mode"), "");
     EXPECT_EQ(KVUtils::ParseJsonVal(R"({"other": "on"})", "mode"), "") << "a missing member";
     EXPECT_EQ(KVUtils::ParseJsonVal("null", "mode"), "");
-    EXPECT_THAT(seam.Log(), IsEmpty());
+    EXPECT_THAT(journal.Logs().Texts(), IsEmpty());
 }
 
 TEST_F(KVUtilsTest, TextThatIsNoJsonReadsAsError) {
     for (const char* text : {"", "{", "{\"mode\": }", "on", "{\"mode\": \"on\"", "\x01\x02"}) {
         seam.Clear();
         EXPECT_EQ(KVUtils::ParseJsonVal(text, "mode"), "error") << text;
-        EXPECT_THAT(seam.Log(), ElementsAre("E json parse error")) << text;
-        EXPECT_EQ(seam.FunctionOf("E json parse error"), "ParseJsonVal");
+        EXPECT_THAT(journal.Logs().Texts(), ElementsAre("E json parse error")) << text;
+        EXPECT_EQ(journal.With("E json parse error").Function(), "ParseJsonVal");
     }
 }
 
@@ -251,10 +254,10 @@ TEST_F(KVUtilsTest, TextThatIsNeitherAnObjectNorNullThrows) {
 TEST_F(KVUtilsTest, WithoutABusEachCallTriesAgain) {
     EXPECT_EQ(KVUtils::GetConnection(), nullptr);
     EXPECT_EQ(KVUtils::GetConnection(), nullptr);
-    ASSERT_EQ(seam.Log().size(), 2U);
-    for (const std::string& line : seam.Log()) {
+    ASSERT_EQ(journal.Logs().Texts().size(), 2U);
+    for (const std::string& line : journal.Logs().Texts()) {
         EXPECT_THAT(line, StartsWith("E g_bus_get_sync() error (Could not connect"));
-        EXPECT_EQ(seam.FunctionOf(line), "GetConnection");
+        EXPECT_EQ(journal.With(line).Function(), "GetConnection");
     }
 }
 
@@ -263,11 +266,11 @@ TEST_F(KVUtilsTest, WithoutABusASignalFailsAndItsBodyIsReleased) {
     EXPECT_EQ(KVUtils::DbusEmitSignal("/a", "b.c", "Sig", body.Floating()), -1);
     EXPECT_EQ(body.TimesFreed(), 1);
     EXPECT_EQ(KVUtils::DbusEmitSignal("/a", "b.c", "Sig", nullptr), -1);
-    EXPECT_THAT(seam.Log(),
+    EXPECT_THAT(journal.Logs().Texts(),
                 ElementsAre("I Signal 'Sig'", HasSubstr("g_bus_get_sync() error"),
                             "E Failed to get GDBus Connection", "I Signal 'Sig'",
                             HasSubstr("g_bus_get_sync() error"), "E Failed to get GDBus Connection"));
-    EXPECT_EQ(seam.FunctionOf("E Failed to get GDBus Connection"), "DbusEmitSignal");
+    EXPECT_EQ(journal.With("E Failed to get GDBus Connection").Function(), "DbusEmitSignal");
 }
 
 TEST_F(KVUtilsTest, WithoutABusACallFailsAndItsParametersAreReleased) {
@@ -276,9 +279,9 @@ TEST_F(KVUtilsTest, WithoutABusACallFailsAndItsParametersAreReleased) {
     EXPECT_EQ(KVUtils::DbusCallSync("a.b", "/a", "b.c", "Do", body.Floating(), &reply), -1);
     EXPECT_EQ(body.TimesFreed(), 1);
     EXPECT_EQ(reply, nullptr);
-    EXPECT_THAT(seam.Log(), ElementsAre("I Method call 'Do'", HasSubstr("g_bus_get_sync() error"),
-                                        "E Failed to get GDBus Connection"));
-    EXPECT_EQ(seam.FunctionOf("E Failed to get GDBus Connection"), "DbusCallSync");
+    EXPECT_THAT(journal.Logs().Texts(), ElementsAre("I Method call 'Do'", HasSubstr("g_bus_get_sync() error"),
+                                                    "E Failed to get GDBus Connection"));
+    EXPECT_EQ(journal.With("E Failed to get GDBus Connection").Function(), "DbusCallSync");
 }
 
 TEST_F(KVUtilsTest, ASignalWithANullNameIsRefusedBeforeTheBusIsTouchedAndItsBodyIsReleased) {
@@ -288,9 +291,9 @@ TEST_F(KVUtilsTest, ASignalWithANullNameIsRefusedBeforeTheBusIsTouchedAndItsBody
     EXPECT_EQ(KVUtils::DbusEmitSignal("/a", "b.c", nullptr, body.Floating()), -2);
     EXPECT_EQ(body.TimesFreed(), 3);
     EXPECT_EQ(KVUtils::DbusEmitSignal(nullptr, nullptr, nullptr, nullptr), -2);
-    EXPECT_THAT(seam.Log(), ElementsAre("E Invalid Argument", "E Invalid Argument", "E Invalid Argument",
-                                        "E Invalid Argument"));
-    EXPECT_EQ(seam.FunctionOf("E Invalid Argument"), "DbusEmitSignal");
+    EXPECT_THAT(journal.Logs().Texts(), ElementsAre("E Invalid Argument", "E Invalid Argument",
+                                                    "E Invalid Argument", "E Invalid Argument"));
+    EXPECT_EQ(journal.With("E Invalid Argument").Function(), "DbusEmitSignal");
 }
 
 TEST_F(KVUtilsTest, ACallWithANullNameIsRefusedBeforeTheBusIsTouchedAndItsParametersAreReleased) {
@@ -302,9 +305,9 @@ TEST_F(KVUtilsTest, ACallWithANullNameIsRefusedBeforeTheBusIsTouchedAndItsParame
     EXPECT_EQ(KVUtils::DbusCallSync("a.b", "/a", "b.c", nullptr, body.Floating(), &reply), -2);
     EXPECT_EQ(body.TimesFreed(), 4);
     EXPECT_EQ(reply, nullptr);
-    EXPECT_THAT(seam.Log(), testing::Each("E Invalid Argument"));
-    EXPECT_EQ(seam.Log().size(), 4U);
-    EXPECT_EQ(seam.FunctionOf("E Invalid Argument"), "DbusCallSync");
+    EXPECT_THAT(journal.Logs().Texts(), testing::Each("E Invalid Argument"));
+    EXPECT_EQ(journal.Logs().Texts().size(), 4U);
+    EXPECT_EQ(journal.With("E Invalid Argument").Function(), "DbusCallSync");
 }
 
 TEST_F(KVUtilsTest, EachFunctionTakesOverOneReferenceToABodyHeldElsewhere) {
@@ -325,7 +328,7 @@ TEST_F(KVUtilsTest, TheUtilitiesAreNotTraced) {
     KVUtils::VconfGetInt(KEY, value);
     KVUtils::GetSubBTZoneID();
     KVUtils::GetConnection();
-    EXPECT_THAT(seam.Trace(), IsEmpty());
+    EXPECT_THAT(journal.Traces().Texts(), IsEmpty());
 }
 
 }  // namespace

@@ -32,6 +32,7 @@ protected:
     }
 
     FakeSeam& seam = FakeSeam::Get();
+    fake::Journal& journal = seam.journal;
     std::vector<std::string> heard;
     std::optional<TVSpeaker> speaker = std::optional<TVSpeaker>(std::in_place);
 };
@@ -39,17 +40,17 @@ protected:
 TEST_F(TVSpeakerTest, SetVolumePassesTheVolumeAndTheConstantOne) {
     EXPECT_EQ(speaker->SetVolume(15), 0);
     EXPECT_EQ(speaker->SetVolume(-5), 0);
-    EXPECT_THAT(seam.Calls(),
+    EXPECT_THAT(journal.Calls().Texts(),
                 ElementsAre("audio_set_master_volume(15, 1)", "audio_set_master_volume(-5, 1)"));
-    EXPECT_THAT(seam.Log(), IsEmpty());
+    EXPECT_THAT(journal.Logs().Texts(), IsEmpty());
 }
 
 TEST_F(TVSpeakerTest, AFailedSetVolumePassesTheCodeThroughAndLogsItInHexadecimal) {
     seam.Fail("audio_set_master_volume", -3);
     EXPECT_EQ(speaker->SetVolume(15), -3);
-    EXPECT_THAT(seam.Log(), ElementsAre("E set master volume error fffffffd"));
-    EXPECT_EQ(seam.FunctionOf("E set master volume error fffffffd"), "SetVolume");
-    EXPECT_EQ(seam.Calls().size(), 1U) << "nothing is tried again";
+    EXPECT_THAT(journal.Logs().Texts(), ElementsAre("E set master volume error fffffffd"));
+    EXPECT_EQ(journal.With("E set master volume error fffffffd").Function(), "SetVolume");
+    EXPECT_EQ(journal.Calls().Texts().size(), 1U) << "nothing is tried again";
 }
 
 TEST_F(TVSpeakerTest, GetVolumeReadsTheMasterVolume) {
@@ -57,7 +58,7 @@ TEST_F(TVSpeakerTest, GetVolumeReadsTheMasterVolume) {
     int volume = -1;
     EXPECT_EQ(speaker->GetVolume(volume), 0);
     EXPECT_EQ(volume, 17);
-    EXPECT_THAT(seam.Journal(), ElementsAre("audio_get_master_volume()", "I current tv volume [17]"));
+    EXPECT_THAT(journal.Texts(), ElementsAre("audio_get_master_volume()", "I current tv volume [17]"));
 }
 
 TEST_F(TVSpeakerTest, AFailedGetVolumeLeavesTheCallersValue) {
@@ -65,8 +66,8 @@ TEST_F(TVSpeakerTest, AFailedGetVolumeLeavesTheCallersValue) {
     int volume = 42;
     EXPECT_EQ(speaker->GetVolume(volume), 0x1234);
     EXPECT_EQ(volume, 42);
-    EXPECT_THAT(seam.Log(), ElementsAre("E get master volume error 1234"));
-    EXPECT_EQ(seam.FunctionOf("E get master volume error 1234"), "GetVolume");
+    EXPECT_THAT(journal.Logs().Texts(), ElementsAre("E get master volume error 1234"));
+    EXPECT_EQ(journal.With("E get master volume error 1234").Function(), "GetVolume");
 }
 
 TEST_F(TVSpeakerTest, SetVolumeMuteSetsTheMasterMute) {
@@ -74,14 +75,14 @@ TEST_F(TVSpeakerTest, SetVolumeMuteSetsTheMasterMute) {
     EXPECT_TRUE(seam.Mute());
     EXPECT_EQ(speaker->SetVolumeMute(false), 0);
     EXPECT_FALSE(seam.Mute());
-    EXPECT_THAT(seam.Journal(), ElementsAre("audio_set_master_mute(true)", "audio_set_master_mute(false)"));
+    EXPECT_THAT(journal.Texts(), ElementsAre("audio_set_master_mute(true)", "audio_set_master_mute(false)"));
 }
 
 TEST_F(TVSpeakerTest, AFailedSetVolumeMutePassesTheCodeThrough) {
     seam.Fail("audio_set_master_mute", -2);
     EXPECT_EQ(speaker->SetVolumeMute(true), -2);
-    EXPECT_THAT(seam.Log(), ElementsAre("E set master mute error fffffffe"));
-    EXPECT_EQ(seam.FunctionOf("E set master mute error fffffffe"), "SetVolumeMute");
+    EXPECT_THAT(journal.Logs().Texts(), ElementsAre("E set master mute error fffffffe"));
+    EXPECT_EQ(journal.With("E set master mute error fffffffe").Function(), "SetVolumeMute");
 }
 
 TEST_F(TVSpeakerTest, GetVolumeMuteReadsTheMasterMute) {
@@ -92,7 +93,7 @@ TEST_F(TVSpeakerTest, GetVolumeMuteReadsTheMasterMute) {
     seam.SetMute(false);
     EXPECT_EQ(speaker->GetVolumeMute(mute), 0);
     EXPECT_FALSE(mute);
-    EXPECT_THAT(seam.Log(), ElementsAre("I current tv mute [1]", "I current tv mute [0]"));
+    EXPECT_THAT(journal.Logs().Texts(), ElementsAre("I current tv mute [1]", "I current tv mute [0]"));
 }
 
 TEST_F(TVSpeakerTest, AFailedGetVolumeMuteLeavesTheCallersValue) {
@@ -100,21 +101,21 @@ TEST_F(TVSpeakerTest, AFailedGetVolumeMuteLeavesTheCallersValue) {
     bool mute = true;
     EXPECT_EQ(speaker->GetVolumeMute(mute), -9);
     EXPECT_TRUE(mute);
-    EXPECT_THAT(seam.Log(), ElementsAre("E get master mute error fffffff7"));
-    EXPECT_EQ(seam.FunctionOf("E get master mute error fffffff7"), "GetVolumeMute");
+    EXPECT_THAT(journal.Logs().Texts(), ElementsAre("E get master mute error fffffff7"));
+    EXPECT_EQ(journal.With("E get master mute error fffffff7").Function(), "GetVolumeMute");
 }
 
 TEST_F(TVSpeakerTest, SupportsEverythingWithoutAskingTheHal) {
     int support = 0;
     EXPECT_EQ(speaker->GetVolumeSupportType(support), 0);
     EXPECT_EQ(support, 0xFFFF);
-    EXPECT_THAT(seam.Journal(), IsEmpty());
+    EXPECT_THAT(journal.Texts(), IsEmpty());
 }
 
 TEST_F(TVSpeakerTest, RegistersVolumeThenMuteOnceHoweverOftenItIsAsked) {
     speaker->SetChangedCB();
     speaker->SetChangedCB();
-    EXPECT_THAT(seam.Journal(), ElementsAre(REGISTER_VOLUME, REGISTER_MUTE));
+    EXPECT_THAT(journal.Texts(), ElementsAre(REGISTER_VOLUME, REGISTER_MUTE));
     EXPECT_EQ(seam.VolumeRegistration().data, &*speaker);
     EXPECT_EQ(seam.MuteRegistration().data, &*speaker);
 }
@@ -122,36 +123,36 @@ TEST_F(TVSpeakerTest, RegistersVolumeThenMuteOnceHoweverOftenItIsAsked) {
 TEST_F(TVSpeakerTest, AFailedVolumeRegistrationStopsThere) {
     seam.Fail("audio_register_master_volume_changed_cb", -1, 1);
     speaker->SetChangedCB();
-    EXPECT_THAT(seam.Journal(), ElementsAre(REGISTER_VOLUME, "E set volume_changed_cb failed ffffffff"));
-    EXPECT_EQ(seam.FunctionOf("E set volume_changed_cb failed ffffffff"), "SetChangedCB");
+    EXPECT_THAT(journal.Texts(), ElementsAre(REGISTER_VOLUME, "E set volume_changed_cb failed ffffffff"));
+    EXPECT_EQ(journal.With("E set volume_changed_cb failed ffffffff").Function(), "SetChangedCB");
     seam.Clear();
     speaker->UnsetChangedCB();
-    EXPECT_THAT(seam.Journal(), IsEmpty());
+    EXPECT_THAT(journal.Texts(), IsEmpty());
     speaker->SetChangedCB();
-    EXPECT_THAT(seam.Journal(), ElementsAre(REGISTER_VOLUME, REGISTER_MUTE));
+    EXPECT_THAT(journal.Texts(), ElementsAre(REGISTER_VOLUME, REGISTER_MUTE));
 }
 
 TEST_F(TVSpeakerTest, AFailedMuteRegistrationLeavesTheVolumeOneAndTheNextTryMakesBothAgain) {
     seam.Fail("audio_register_master_mute_changed_cb", 0xab, 1);
     speaker->SetChangedCB();
-    EXPECT_THAT(seam.Journal(),
+    EXPECT_THAT(journal.Texts(),
                 ElementsAre(REGISTER_VOLUME, REGISTER_MUTE, "E set mute changed_cb failed ab"));
     EXPECT_EQ(seam.VolumeRegistration().data, &*speaker) << "it is not rolled back";
     seam.Clear();
     speaker->UnsetChangedCB();
-    EXPECT_THAT(seam.Journal(), IsEmpty()) << "nothing to undo after a failed registration";
+    EXPECT_THAT(journal.Texts(), IsEmpty()) << "nothing to undo after a failed registration";
     speaker->SetChangedCB();
-    EXPECT_THAT(seam.Journal(), ElementsAre(REGISTER_VOLUME, REGISTER_MUTE));
+    EXPECT_THAT(journal.Texts(), ElementsAre(REGISTER_VOLUME, REGISTER_MUTE));
 }
 
 TEST_F(TVSpeakerTest, UnregistersMuteThenVolumeOnce) {
     speaker->UnsetChangedCB();
-    EXPECT_THAT(seam.Journal(), IsEmpty());
+    EXPECT_THAT(journal.Texts(), IsEmpty());
     speaker->SetChangedCB();
     seam.Clear();
     speaker->UnsetChangedCB();
     speaker->UnsetChangedCB();
-    EXPECT_THAT(seam.Journal(), ElementsAre(UNREGISTER_MUTE, UNREGISTER_VOLUME));
+    EXPECT_THAT(journal.Texts(), ElementsAre(UNREGISTER_MUTE, UNREGISTER_VOLUME));
 }
 
 TEST_F(TVSpeakerTest, AFailedMuteRemovalStopsThereAndCanBeTriedAgain) {
@@ -159,13 +160,13 @@ TEST_F(TVSpeakerTest, AFailedMuteRemovalStopsThereAndCanBeTriedAgain) {
     seam.Clear();
     seam.Fail("audio_unregister_master_mute_changed_cb", -1, 1);
     speaker->UnsetChangedCB();
-    EXPECT_THAT(seam.Journal(), ElementsAre(UNREGISTER_MUTE, "E unset mute changed_cb failed ffffffff"));
-    EXPECT_EQ(seam.FunctionOf("E unset mute changed_cb failed ffffffff"), "UnsetChangedCB");
+    EXPECT_THAT(journal.Texts(), ElementsAre(UNREGISTER_MUTE, "E unset mute changed_cb failed ffffffff"));
+    EXPECT_EQ(journal.With("E unset mute changed_cb failed ffffffff").Function(), "UnsetChangedCB");
     seam.Clear();
     speaker->SetChangedCB();
-    EXPECT_THAT(seam.Journal(), IsEmpty()) << "still registered";
+    EXPECT_THAT(journal.Texts(), IsEmpty()) << "still registered";
     speaker->UnsetChangedCB();
-    EXPECT_THAT(seam.Journal(), ElementsAre(UNREGISTER_MUTE, UNREGISTER_VOLUME));
+    EXPECT_THAT(journal.Texts(), ElementsAre(UNREGISTER_MUTE, UNREGISTER_VOLUME));
 }
 
 TEST_F(TVSpeakerTest, AFailedVolumeRemovalLeavesItRegistered) {
@@ -173,11 +174,11 @@ TEST_F(TVSpeakerTest, AFailedVolumeRemovalLeavesItRegistered) {
     seam.Clear();
     seam.Fail("audio_unregister_master_volume_changed_cb", -6, 1);
     speaker->UnsetChangedCB();
-    EXPECT_THAT(seam.Journal(),
+    EXPECT_THAT(journal.Texts(),
                 ElementsAre(UNREGISTER_MUTE, UNREGISTER_VOLUME, "E unset volume changed_cb failed fffffffa"));
     seam.Clear();
     speaker->SetChangedCB();
-    EXPECT_THAT(seam.Journal(), IsEmpty());
+    EXPECT_THAT(journal.Texts(), IsEmpty());
 }
 
 TEST_F(TVSpeakerTest, ReportsReachTheHandlersOnTheReportingThread) {
@@ -202,9 +203,9 @@ TEST_F(TVSpeakerTest, AReportWithoutUserDataIsLoggedAndCallsNothing) {
     seam.Clear();
     seam.VolumeRegistration().callback(5, nullptr);
     seam.MuteRegistration().callback(1, nullptr);
-    EXPECT_THAT(seam.Journal(), ElementsAre("E data is NULL", "E data is NULL"));
-    EXPECT_EQ(seam.Entries()[1].site.function, "VolumeChangedCallback");
-    EXPECT_EQ(seam.Entries()[4].site.function, "MuteChangedCallback");
+    EXPECT_THAT(journal.Texts(), ElementsAre("E data is NULL", "E data is NULL"));
+    EXPECT_EQ(journal.All().Entries()[1].site.function, "VolumeChangedCallback");
+    EXPECT_EQ(journal.All().Entries()[4].site.function, "MuteChangedCallback");
     EXPECT_THAT(heard, IsEmpty());
 }
 
@@ -218,8 +219,8 @@ TEST_F(TVSpeakerTest, ASecondSetEventHandlerIsRefusedAndChangesNeitherHandler) {
     SetHandlers();
     speaker->SetEventHandler([this](int) { heard.push_back("other volume"); },
                              [this](int) { heard.push_back("other mute"); });
-    EXPECT_THAT(seam.Log(), ElementsAre("E Already set event handler"));
-    EXPECT_EQ(seam.FunctionOf("E Already set event handler"), "SetEventHandler");
+    EXPECT_THAT(journal.Logs().Texts(), ElementsAre("E Already set event handler"));
+    EXPECT_EQ(journal.With("E Already set event handler").Function(), "SetEventHandler");
     speaker->SetChangedCB();
     seam.FireVolume(1);
     seam.FireMute(1);
@@ -233,14 +234,14 @@ TEST_F(TVSpeakerTest, OnlyTheVolumeHandlerDecidesWhetherHandlersAreSet) {
     SetHandlers();
     seam.FireMute(0);
     EXPECT_THAT(heard, ElementsAre("first mute", "mute 0"));
-    EXPECT_THAT(seam.Log(), IsEmpty());
+    EXPECT_THAT(journal.Logs().Texts(), IsEmpty());
 }
 
 TEST_F(TVSpeakerTest, UnsettingWithoutAVolumeHandlerIsRefusedAndKeepsTheMuteHandler) {
     speaker->SetEventHandler(nullptr, [this](int) { heard.push_back("mute"); });
     speaker->UnsetEventHandler();
-    EXPECT_THAT(seam.Log(), ElementsAre("E Already unset event handler"));
-    EXPECT_EQ(seam.FunctionOf("E Already unset event handler"), "UnsetEventHandler");
+    EXPECT_THAT(journal.Logs().Texts(), ElementsAre("E Already unset event handler"));
+    EXPECT_EQ(journal.With("E Already unset event handler").Function(), "UnsetEventHandler");
     speaker->SetChangedCB();
     seam.FireMute(1);
     EXPECT_THAT(heard, ElementsAre("mute"));
@@ -252,9 +253,9 @@ TEST_F(TVSpeakerTest, UnsetEventHandlerEmptiesBoth) {
     speaker->UnsetEventHandler();
     EXPECT_THROW(seam.FireVolume(1), std::bad_function_call);
     EXPECT_THROW(seam.FireMute(1), std::bad_function_call);
-    EXPECT_THAT(seam.Log(), IsEmpty());
+    EXPECT_THAT(journal.Logs().Texts(), IsEmpty());
     speaker->UnsetEventHandler();
-    EXPECT_THAT(seam.Log(), ElementsAre("E Already unset event handler"));
+    EXPECT_THAT(journal.Logs().Texts(), ElementsAre("E Already unset event handler"));
 }
 
 TEST_F(TVSpeakerTest, DestructionFindsTheHandlersGoneAndLeavesTheRegistrationsAlone) {
@@ -263,8 +264,8 @@ TEST_F(TVSpeakerTest, DestructionFindsTheHandlersGoneAndLeavesTheRegistrationsAl
     speaker->UnsetEventHandler();
     seam.Clear();
     speaker.reset();
-    EXPECT_THAT(seam.Journal(), ElementsAre("E Already unset event handler"));
-    EXPECT_THAT(seam.TraceNames(),
+    EXPECT_THAT(journal.Texts(), ElementsAre("E Already unset event handler"));
+    EXPECT_THAT(journal.Traces().Names(),
                 ElementsAre("[IN]TVSpeaker::~TVSpeaker", "[IN]TVSpeaker::UnsetEventHandler",
                             "[OUT]TVSpeaker::UnsetEventHandler", "[OUT]TVSpeaker::~TVSpeaker"));
 }
@@ -272,7 +273,7 @@ TEST_F(TVSpeakerTest, DestructionFindsTheHandlersGoneAndLeavesTheRegistrationsAl
 TEST_F(TVSpeakerTest, DestructionDropsHandlersThatAreStillSet) {
     SetHandlers();
     speaker.reset();
-    EXPECT_THAT(seam.Journal(), IsEmpty());
+    EXPECT_THAT(journal.Texts(), IsEmpty());
 }
 
 TEST_F(TVSpeakerTest, EveryOperationIsTraced) {
@@ -292,12 +293,12 @@ TEST_F(TVSpeakerTest, EveryOperationIsTraced) {
     speaker->UnsetEventHandler();
     speaker->UnsetChangedCB();
     std::vector<std::string> entered;
-    for (const std::string& name : seam.TraceNames()) {
+    for (const std::string& name : journal.Traces().Names()) {
         if (name.starts_with("[IN]")) {
             entered.push_back(name.substr(4));
         }
     }
-    EXPECT_EQ(entered.size() * 2, seam.TraceNames().size());
+    EXPECT_EQ(entered.size() * 2, journal.Traces().Names().size());
     EXPECT_THAT(entered,
                 ElementsAre("TVSpeaker::~TVSpeaker", "TVSpeaker::UnsetEventHandler", "TVSpeaker::TVSpeaker",
                             "TVSpeaker::SetVolume", "TVSpeaker::GetVolume", "TVSpeaker::SetVolumeMute",

@@ -90,9 +90,9 @@ protected:
     /** Sets the unmute gain and waits until no worker will write it again. */
     void SetUnmuteGain(int gain) {
         constexpr const char* ROUND_OVER = "I Sleep AudioGainOut";
-        const auto before = seam.Count(ROUND_OVER);
+        const auto before = journal.With(ROUND_OVER).Count();
         ASSERT_EQ(control->ApplyAudioGain(UNMUTE, gain, 3, false), 0);
-        ASSERT_TRUE(seam.WaitFor(ROUND_OVER, before + 1));
+        ASSERT_TRUE(journal.With(ROUND_OVER).Wait(before + 1));
     }
 
     /** Registers a listener that records each change: "VOLUME_CHANGED 0xffff 30". */
@@ -111,6 +111,7 @@ protected:
     }
 
     FakeSeam& seam = FakeSeam::Get();
+    fake::Journal& journal = seam.journal;
     std::vector<std::string> heard;
     std::unique_ptr<NKavrel::VolumeControlImpl> control;
 };

@@ -31,7 +31,7 @@ std::vector<std::string> Without(std::vector<std::string> texts, const std::stri
 TEST_F(VolumeControlImplTest, TheStartRegistersThenMakesTheSpeakerThenTheGainController) {
     Make();
     EXPECT_THAT(
-        Without(Without(seam.CallsHere(), "AudioControl_"), INTERNAL_SPEAKER_CALL),
+        Without(Without(journal.Here().Calls().Texts(), "AudioControl_"), INTERNAL_SPEAKER_CALL),
         ElementsAre(
             "sound_manager_set_speaker_changed_cb()", "vconf_notify_key_changed(\"memory/sysman/spdif\")",
             "vconf_get_int(\"memory/sysman/spdif\")",
@@ -48,7 +48,7 @@ TEST_F(VolumeControlImplTest, TheStartRegistersThenMakesTheSpeakerThenTheGainCon
             "vconf_notify_key_changed(\"memory/org.olvane.btapp/sub_audio_zoneid\")",
             "vconf_get_int(\"memory/org.olvane.btapp/sub_audio_zoneid\")"));
     EXPECT_THAT(
-        Without(seam.LogHere(), "I Path:"),
+        Without(journal.Here().Logs().Texts(), "I Path:"),
         ElementsAre("I Successed to get key memory/sysman/spdif",
                     "I Successed to get key memory/menu/network/screenmirroring/smsrc_status",
                     "I tv2Mobile:0", "I Multi-screen View supported :1", "I route:0", "I Create TV Speaker",
@@ -60,7 +60,7 @@ TEST_F(VolumeControlImplTest, TheDefaultRouteIsReadAfterTheRegistrationsAndBefor
     EXPECT_EXIT(
         {
             Make();
-            const auto calls = seam.CallsHere();
+            const auto calls = journal.Here().Calls().Texts();
             const auto asked = std::ranges::find(calls, INTERNAL_SPEAKER_CALL);
             const bool inOrder = asked != calls.end() &&
                                  *(asked - 1) == "vconf_get_str(\"memory/multiscreen/info\")" &&
@@ -73,12 +73,13 @@ TEST_F(VolumeControlImplTest, TheDefaultRouteIsReadAfterTheRegistrationsAndBefor
 TEST_F(VolumeControlImplTest, AUselessCableIsNotedAtTheStart) {
     seam.SetInt(fake::SPDIF_KEY, 0);
     Make();
-    EXPECT_EQ(seam.FunctionOf("E Spdif Cable is not connected"), "_InitSoundCallback");
+    EXPECT_EQ(journal.With("E Spdif Cable is not connected").Function(), "_InitSoundCallback");
     control.reset();
     seam.Clear();
     seam.RemoveKey(fake::SPDIF_KEY);
     Make();
-    EXPECT_EQ(seam.Count("E Spdif Cable is not connected"), 1) << "an unreadable key counts as not connected";
+    EXPECT_EQ(journal.With("E Spdif Cable is not connected").Count(), 1)
+        << "an unreadable key counts as not connected";
 }
 
 TEST_F(VolumeControlImplTest, TheSpeakerIsThatOfTheRouteInForceAndThePreviousRouteIsTheDefault) {
@@ -86,7 +87,7 @@ TEST_F(VolumeControlImplTest, TheSpeakerIsThatOfTheRouteInForceAndThePreviousRou
     Make();
     EXPECT_EQ(control->GetSpeakerSelection(), 2);
     EXPECT_EQ(control->GetPrevSpeakerSelection(), 0);
-    EXPECT_EQ(seam.Count("I Create HDMI Speaker"), 1);
+    EXPECT_EQ(journal.With("I Create HDMI Speaker").Count(), 1);
     EXPECT_FALSE(control->GetMuteOnSpkChanged());
 }
 
@@ -94,7 +95,7 @@ TEST_F(VolumeControlImplTest, TheEndUndoesEverythingInItsOrder) {
     Start();
     control.reset();
     EXPECT_THAT(
-        seam.JournalHere(),
+        journal.Here().Texts(),
         ElementsAre("vconf_ignore_key_changed(\"memory/multiscreen/info\")",
                     "sound_manager_unset_multiview_speaker_selection_changed_cb()",
                     "rc_unregister_audio_focus_changed_callback(1)",
@@ -118,8 +119,8 @@ TEST_F(VolumeControlImplTest, AReportDuringTheStartIsRefusedUntilTheFirstSpeaker
                     [this] { fake::OnPlatformThread([this] { seam.FireRoute(2); }); });
     seam.BeforeNext("I route:2", [this] { seam.SetRoute(0); });
     Make();
-    EXPECT_EQ(seam.Count("E owns_lock"), 1);
-    EXPECT_EQ(seam.FunctionOf("E owns_lock"), "SpeakerChangedCallback");
+    EXPECT_EQ(journal.With("E owns_lock").Count(), 1);
+    EXPECT_EQ(journal.With("E owns_lock").Function(), "SpeakerChangedCallback");
     EXPECT_EQ(control->GetSpeakerSelection(), 2);
 }
 
@@ -127,7 +128,7 @@ TEST_F(VolumeControlImplTest, AReportWhileTheGainControllerIsMadeIsServed) {
     seam.BeforeNext("system_info_get_custom_bool(\"com.norvik/featureconf/projector_feature_support\")",
                     [this] { fake::OnPlatformThread([this] { seam.FireRoute(2); }); });
     Make();
-    EXPECT_EQ(seam.Count("I Type(0->2)"), 1);
+    EXPECT_EQ(journal.With("I Type(0->2)").Count(), 1);
     EXPECT_EQ(control->GetSpeakerSelection(), 2);
 }
 
@@ -136,11 +137,11 @@ TEST_F(VolumeControlImplTest, WithoutAGainControllerYetTheGainOperationsFailSile
     std::vector<std::string> said;
     seam.BeforeNext("system_info_get_custom_bool(\"com.norvik/featureconf/projector_feature_support\")", [&] {
         auto* unfinished = static_cast<VolumeControlImpl*>(seam.RouteRegistration().data);
-        const auto before = seam.LogHere().size();
+        const auto before = journal.Here().Logs().Texts().size();
         results = {unfinished->ApplyAudioGain(fake::UNMUTE, 50, 3, false),
                    unfinished->ApplyAudioGain(fake::PLAYER, 50, 3, true),
                    unfinished->ApplyVolumeFadeIn(fake::UNMUTE, 3), unfinished->ApplyPulseAudioGain(50, 0)};
-        said = seam.LogHere();
+        said = journal.Here().Logs().Texts();
         said.erase(said.begin(), said.begin() + static_cast<std::ptrdiff_t>(before));
     });
     Make();
@@ -155,23 +156,23 @@ TEST_F(VolumeControlImplTest, AReportDuringTheEndIsRefused) {
     seam.BeforeNext("audio_unregister_master_mute_changed_cb",
                     [this] { fake::OnPlatformThread([this] { seam.FireRoute(4); }); });
     control.reset();
-    EXPECT_EQ(seam.Count("E owns_lock"), 1) << "the second report finds no registration any more";
-    EXPECT_EQ(seam.Count("I Create HDMI Speaker"), 0);
+    EXPECT_EQ(journal.With("E owns_lock").Count(), 1) << "the second report finds no registration any more";
+    EXPECT_EQ(journal.With("I Create HDMI Speaker").Count(), 0);
 }
 
 TEST_F(VolumeControlImplTest, AnExceptionDuringTheStartReleasesWhatWasMade) {
     seam.BeforeNext("audio_register_master_mute_changed_cb", [] { throw std::runtime_error("on purpose"); });
     EXPECT_THROW(VolumeControlImpl(), std::runtime_error);
-    EXPECT_EQ(seam.Count("E Already unset event handler"), 0) << "it still had its handlers";
-    EXPECT_THAT(seam.TraceNames(), testing::Contains("[OUT]TVSpeaker::~TVSpeaker"));
+    EXPECT_EQ(journal.With("E Already unset event handler").Count(), 0) << "it still had its handlers";
+    EXPECT_THAT(journal.Traces().Names(), testing::Contains("[OUT]TVSpeaker::~TVSpeaker"));
 }
 
 TEST_F(VolumeControlImplTest, ASecondListenerOfAnEventNeverReplacesTheFirst) {
     Start();
     Listen("VOLUME_CHANGED");
     control->SetEventHandler("VOLUME_CHANGED", [this](int, int) { heard.emplace_back("second"); });
-    EXPECT_THAT(seam.LogHere(), ElementsAre("E Already set VOLUME_CHANGED event handler"));
-    EXPECT_EQ(seam.FunctionOf("E Already set VOLUME_CHANGED event handler"), "SetEventHandler");
+    EXPECT_THAT(journal.Here().Logs().Texts(), ElementsAre("E Already set VOLUME_CHANGED event handler"));
+    EXPECT_EQ(journal.With("E Already set VOLUME_CHANGED event handler").Function(), "SetEventHandler");
     seam.FireVolume(30);
     EXPECT_THAT(heard, ElementsAre("VOLUME_CHANGED 0xffff 30"));
 }
@@ -180,9 +181,10 @@ TEST_F(VolumeControlImplTest, AVolumeReportIsStoredAndAnnounced) {
     Start();
     ListenToAll();
     seam.FireVolume(30);
-    EXPECT_THAT(seam.LogHere(), ElementsAre("I volume is changed : 30", "I event: [VOLUME_CHANGED]"));
-    EXPECT_EQ(seam.FunctionOf("I volume is changed : 30"), "_OnVolumeChanged");
-    EXPECT_EQ(seam.FunctionOf("I event: [VOLUME_CHANGED]"), "_NotifyVolumeEvent");
+    EXPECT_THAT(journal.Here().Logs().Texts(),
+                ElementsAre("I volume is changed : 30", "I event: [VOLUME_CHANGED]"));
+    EXPECT_EQ(journal.With("I volume is changed : 30").Function(), "_OnVolumeChanged");
+    EXPECT_EQ(journal.With("I event: [VOLUME_CHANGED]").Function(), "_NotifyVolumeEvent");
     EXPECT_THAT(heard, ElementsAre("VOLUME_CHANGED 0xffff 30"));
 }
 
@@ -190,11 +192,12 @@ TEST_F(VolumeControlImplTest, AnEqualVolumeReportIsAnErrorAndRaisesNothing) {
     Start();
     ListenToAll();
     seam.FireVolume(0);
-    EXPECT_THAT(seam.LogHere(), ElementsAre("E volume(0) is same")) << "the stored volume starts at 0";
+    EXPECT_THAT(journal.Here().Logs().Texts(), ElementsAre("E volume(0) is same"))
+        << "the stored volume starts at 0";
     seam.FireVolume(30);
     seam.Clear();
     seam.FireVolume(30);
-    EXPECT_THAT(seam.LogHere(), ElementsAre("E volume(30) is same"));
+    EXPECT_THAT(journal.Here().Logs().Texts(), ElementsAre("E volume(30) is same"));
     EXPECT_THAT(heard, ElementsAre("VOLUME_CHANGED 0xffff 30"));
 }
 
@@ -206,11 +209,11 @@ TEST_F(VolumeControlImplTest, AMuteReportOfTwoIsStoredAndAnnouncedAsOne) {
     seam.FireMute(7);
     seam.FireMute(0);
     seam.FireMute(0);
-    EXPECT_THAT(seam.LogHere(),
+    EXPECT_THAT(journal.Here().Logs().Texts(),
                 ElementsAre("I mute changed : [1]", "I event: [MUTE_CHANGED]", "I mute is same : 1",
                             "I mute is same : 1", "I mute changed : [0]", "I event: [MUTE_CHANGED]",
                             "I mute is same : 0"));
-    EXPECT_EQ(seam.FunctionOf("I mute is same : 1"), "_OnMuteChanged");
+    EXPECT_EQ(journal.With("I mute is same : 1").Function(), "_OnMuteChanged");
     EXPECT_THAT(heard, ElementsAre("MUTE_CHANGED 0xffff 1", "MUTE_CHANGED 0xffff 0"));
 }
 
@@ -219,7 +222,7 @@ TEST_F(VolumeControlImplTest, WithoutAListenerAChangeIsStoredAndNobodyIsCalled) 
     Listen("VOLUME_CHANGED");
     seam.FireMute(1);
     seam.FireMute(1);
-    EXPECT_THAT(seam.LogHere(),
+    EXPECT_THAT(journal.Here().Logs().Texts(),
                 ElementsAre("I mute changed : [1]", "I event: [MUTE_CHANGED]", "I mute is same : 1"));
     EXPECT_THAT(heard, IsEmpty());
 }
@@ -231,9 +234,9 @@ TEST_F(VolumeControlImplTest, AFailedSupportQuerySilencesTheListenerAlthoughTheV
     constexpr const char* level = "memory/menu/network/screenmirroring/get_volume_level_hdmi";
     seam.FireKey(level, 12);
     EXPECT_THAT(heard, IsEmpty());
-    EXPECT_EQ(seam.Count("E Failed to get volume support status"), 1);
+    EXPECT_EQ(journal.With("E Failed to get volume support status").Count(), 1);
     seam.FireKey(level, 12);
-    EXPECT_EQ(seam.Count("E volume(12) is same"), 1);
+    EXPECT_EQ(journal.With("E volume(12) is same").Count(), 1);
     seam.SetInt(fake::HDMI_SUPPORT_KEY, 0xF);
     seam.FireKey(level, 13);
     EXPECT_THAT(heard, ElementsAre("VOLUME_CHANGED 0x000f 13"));
@@ -256,7 +259,7 @@ TEST_F(VolumeControlImplTest, UnsetEventHandlerRemovesAllListeners) {
     seam.FireRoute(2);
     EXPECT_THAT(heard, IsEmpty());
     Listen("VOLUME_CHANGED");
-    EXPECT_EQ(seam.Count("E Already set VOLUME_CHANGED event handler"), 0);
+    EXPECT_EQ(journal.With("E Already set VOLUME_CHANGED event handler").Count(), 0);
 }
 
 TEST_F(VolumeControlImplTest, AListenerMayRemoveAllListenersWhileItRuns) {
@@ -284,7 +287,7 @@ TEST_F(VolumeControlImplTest, ListenersRunUnderTheLockAndMayAskTheObjectOnTheSam
     seam.FireVolume(30);
     EXPECT_EQ(fromHere, 0);
     EXPECT_EQ(fromThere, -1);
-    EXPECT_EQ(seam.Count("E owns_lock"), 1);
+    EXPECT_EQ(journal.With("E owns_lock").Count(), 1);
 }
 
 TEST_F(VolumeControlImplTest, ABusyObjectRefusesAtOnceAndChangesNothing) {
@@ -301,10 +304,11 @@ TEST_F(VolumeControlImplTest, ABusyObjectRefusesAtOnceAndChangesNothing) {
         control->UnsetEventHandler();
         seam.FireVolume(30);
         seam.FireMute(1);
-        EXPECT_THAT(seam.LogHere(), ElementsAre("E owns_lock", "E mutex lock failed", "E mutex lock failed",
-                                                "E mutex lock failed", "E mutex lock failed"));
+        EXPECT_THAT(journal.Here().Logs().Texts(),
+                    ElementsAre("E owns_lock", "E mutex lock failed", "E mutex lock failed",
+                                "E mutex lock failed", "E mutex lock failed"));
         std::vector<std::string> functions;
-        for (const fake::Entry& entry : seam.Entries()) {
+        for (const fake::Entry& entry : journal.All().Entries()) {
             if (entry.IsLog(DLOG_ERROR)) {
                 functions.push_back(entry.site.function);
             }
@@ -332,7 +336,7 @@ TEST_F(VolumeControlImplTest, WaitForLockWaits) {
     busy.reset();
     hasGot.get();
     waiting.join();
-    EXPECT_THAT(seam.Log(), IsEmpty());
+    EXPECT_THAT(journal.Logs().Texts(), IsEmpty());
 }
 
 TEST_F(VolumeControlImplTest, ANewSpeakersFirstReportIsMeasuredAgainstTheOldSpeakersValues) {
@@ -346,8 +350,8 @@ TEST_F(VolumeControlImplTest, ANewSpeakersFirstReportIsMeasuredAgainstTheOldSpea
     seam.FireKey("memory/menu/network/screenmirroring/get_volume_level_hdmi", 30);
     seam.FireKey("memory/menu/network/screenmirroring/get_volume_mute_hdmi", 1);
     EXPECT_THAT(heard, IsEmpty());
-    EXPECT_EQ(seam.Count("E volume(30) is same"), 1);
-    EXPECT_EQ(seam.Count("I mute is same : 1"), 1);
+    EXPECT_EQ(journal.With("E volume(30) is same").Count(), 1);
+    EXPECT_EQ(journal.With("I mute is same : 1").Count(), 1);
 }
 
 TEST_F(VolumeControlImplTest, ASpeakerThatCouldNotBeMadeIsMadeAgainFromTheRouteInForce) {
@@ -361,7 +365,7 @@ TEST_F(VolumeControlImplTest, ASpeakerThatCouldNotBeMadeIsMadeAgainFromTheRouteI
     EXPECT_EQ(control->GetVolumeSupport(support), 0);
     EXPECT_EQ(support, 0x3);
     EXPECT_EQ(control->GetSpeakerSelection(), 4);
-    EXPECT_THAT(seam.LogHere(),
+    EXPECT_THAT(journal.Here().Logs().Texts(),
                 ElementsAre("I route:4", "I Create WIFI Speaker",
                             "I Successed to get key memory/menu/network/screenmirroring/volume_support_mlr",
                             "I current spk support [0x0003]"));
@@ -399,7 +403,7 @@ TEST_F(VolumeControlImplTest, OperationsAreTracedNotifyIsNot) {
     seam.Clear();
     seam.FireVolume(30);
     EXPECT_THAT(
-        seam.TraceNames(),
+        journal.Traces().Names(),
         ElementsAre("[IN]TVSpeaker::VolumeChangedCallback", "[IN]VolumeControlImpl::_OnVolumeChanged",
                     "[IN]VolumeControlImpl::GetVolumeSupport", "[IN]VolumeControlImpl::_GetCurrentSpeaker",
                     "[OUT]VolumeControlImpl::_GetCurrentSpeaker", "[IN]TVSpeaker::GetVolumeSupportType",
@@ -410,14 +414,14 @@ TEST_F(VolumeControlImplTest, OperationsAreTracedNotifyIsNot) {
     control->SetMuteOnSpkChanged(false);
     control->GetSpeakerSelection();
     control->GetPrevSpeakerSelection();
-    EXPECT_THAT(seam.TraceNames(), ElementsAre("[IN]VolumeControlImpl::GetMuteOnSpkChanged",
-                                               "[OUT]VolumeControlImpl::GetMuteOnSpkChanged",
-                                               "[IN]VolumeControlImpl::SetMuteOnSpkChanged",
-                                               "[OUT]VolumeControlImpl::SetMuteOnSpkChanged",
-                                               "[IN]VolumeControlImpl::GetSpeakerSelection",
-                                               "[OUT]VolumeControlImpl::GetSpeakerSelection",
-                                               "[IN]VolumeControlImpl::GetPrevSpeakerSelection",
-                                               "[OUT]VolumeControlImpl::GetPrevSpeakerSelection"));
+    EXPECT_THAT(journal.Traces().Names(), ElementsAre("[IN]VolumeControlImpl::GetMuteOnSpkChanged",
+                                                      "[OUT]VolumeControlImpl::GetMuteOnSpkChanged",
+                                                      "[IN]VolumeControlImpl::SetMuteOnSpkChanged",
+                                                      "[OUT]VolumeControlImpl::SetMuteOnSpkChanged",
+                                                      "[IN]VolumeControlImpl::GetSpeakerSelection",
+                                                      "[OUT]VolumeControlImpl::GetSpeakerSelection",
+                                                      "[IN]VolumeControlImpl::GetPrevSpeakerSelection",
+                                                      "[OUT]VolumeControlImpl::GetPrevSpeakerSelection"));
 }
 
 }  // namespace

@@ -59,8 +59,8 @@ TEST_F(VolumeControlRouteTest, AnUnreadableRouteIsTreatedAsTheDefault) {
     seam.Fail("sound_manager_get_speaker_selection", -5);
     Make();
     EXPECT_EQ(control->GetSpeakerSelection(), 0);
-    EXPECT_EQ(seam.FunctionOf("E get current speaker type failed"), "_GetOutputRoute");
-    EXPECT_EQ(seam.Count("I Create TV Speaker"), 1);
+    EXPECT_EQ(journal.With("E get current speaker type failed").Function(), "_GetOutputRoute");
+    EXPECT_EQ(journal.With("I Create TV Speaker").Count(), 1);
 }
 
 TEST_F(VolumeControlRouteTest, InMultiViewTheRouteIsThatOfTheZoneInFocus) {
@@ -69,8 +69,8 @@ TEST_F(VolumeControlRouteTest, InMultiViewTheRouteIsThatOfTheZoneInFocus) {
     seam.SetFocus(2);
     Make();
     EXPECT_EQ(control->GetSpeakerSelection(), 2);
-    EXPECT_EQ(seam.FunctionOf("I zoneID:2 route:2"), "_GetOutputRoute");
-    EXPECT_EQ(seam.Count(GET_ROUTE), 0);
+    EXPECT_EQ(journal.With("I zoneID:2 route:2").Function(), "_GetOutputRoute");
+    EXPECT_EQ(journal.With(GET_ROUTE).Count(), 0);
 }
 
 TEST_F(VolumeControlRouteTest, TheSingleViewRouteIsReadAfterMultiViewHasEnded) {
@@ -79,11 +79,11 @@ TEST_F(VolumeControlRouteTest, TheSingleViewRouteIsReadAfterMultiViewHasEnded) {
     seam.SetRoute(4);
     Make();
     EXPECT_EQ(control->GetSpeakerSelection(), 4);
-    EXPECT_EQ(seam.FunctionOf("W Multiview is terminated, call sound_manager_get_speaker_selection"),
+    EXPECT_EQ(journal.With("W Multiview is terminated, call sound_manager_get_speaker_selection").Function(),
               "_GetOutputRoute");
-    EXPECT_EQ(seam.Count("I zoneID:3 route:4"), 1);
-    EXPECT_EQ(seam.Count(GetZoneRouteCall(3)), 1);
-    EXPECT_EQ(seam.Count(GET_ROUTE), 1);
+    EXPECT_EQ(journal.With("I zoneID:3 route:4").Count(), 1);
+    EXPECT_EQ(journal.With(GetZoneRouteCall(3)).Count(), 1);
+    EXPECT_EQ(journal.With(GET_ROUTE).Count(), 1);
 }
 
 TEST_F(VolumeControlRouteTest, WhenTheSecondQueryFailsTooTheDefaultIsTaken) {
@@ -93,9 +93,9 @@ TEST_F(VolumeControlRouteTest, WhenTheSecondQueryFailsTooTheDefaultIsTaken) {
     seam.Fail("sound_manager_get_speaker_selection", -1);
     Make();
     EXPECT_EQ(control->GetSpeakerSelection(), 0);
-    EXPECT_EQ(seam.Count("W Multiview is terminated, call sound_manager_get_speaker_selection"), 1);
-    EXPECT_EQ(seam.Count("E get current speaker type failed"), 1);
-    EXPECT_EQ(seam.Count("I zoneID:3 route:4"), 0);
+    EXPECT_EQ(journal.With("W Multiview is terminated, call sound_manager_get_speaker_selection").Count(), 1);
+    EXPECT_EQ(journal.With("E get current speaker type failed").Count(), 1);
+    EXPECT_EQ(journal.With("I zoneID:3 route:4").Count(), 0);
 }
 
 TEST_F(VolumeControlRouteTest, AnyOtherFailureOfTheZoneQueryAsksNothingElse) {
@@ -106,8 +106,8 @@ TEST_F(VolumeControlRouteTest, AnyOtherFailureOfTheZoneQueryAsksNothingElse) {
     seam.Fail("sound_manager_get_multiview_speaker_selection_with_zone_id", -26607611);
     Make();
     EXPECT_EQ(control->GetSpeakerSelection(), 0);
-    EXPECT_EQ(seam.Count("E get current speaker type failed"), 1);
-    EXPECT_EQ(seam.Count(GET_ROUTE), 0);
+    EXPECT_EQ(journal.With("E get current speaker type failed").Count(), 1);
+    EXPECT_EQ(journal.With(GET_ROUTE).Count(), 0);
 }
 
 // Requests for another route
@@ -116,8 +116,8 @@ TEST_F(VolumeControlRouteTest, InSingleViewTheRouteIsSetOnceWhateverThePlatformS
     Start();
     seam.Fail("sound_manager_set_speaker_selection", -1);
     control->SetOutputRoute(2);
-    EXPECT_THAT(seam.JournalHere(), ElementsAre(SetRouteCall(2), "I Set Speaker Output(2)"));
-    EXPECT_EQ(seam.FunctionOf("I Set Speaker Output(2)"), "SetOutputRoute");
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre(SetRouteCall(2), "I Set Speaker Output(2)"));
+    EXPECT_EQ(journal.With("I Set Speaker Output(2)").Function(), "SetOutputRoute");
     EXPECT_EQ(control->GetSpeakerSelection(), 0) << "the speaker changes only with the platform's report";
 }
 
@@ -125,20 +125,20 @@ TEST_F(VolumeControlRouteTest, TheSpeakerFollowsThePlatformsReportOnTheSameThrea
     Start();
     control->SetOutputRoute(4);
     EXPECT_EQ(control->GetSpeakerSelection(), 4);
-    EXPECT_EQ(seam.LogHere().back(), "I Set Speaker Output(4)");
+    EXPECT_EQ(journal.Here().Logs().Texts().back(), "I Set Speaker Output(4)");
 }
 
 TEST_F(VolumeControlRouteTest, InMultiViewEveryZoneIsSetInOrder) {
     StartInMultiView();
     seam.ReportOwnChanges(false);
     control->SetOutputRoute(4);
-    EXPECT_THAT(seam.JournalHere(),
+    EXPECT_THAT(journal.Here().Texts(),
                 ElementsAre("rc_get_zone_list()", GET_SUB_BT, GOT_SUB_BT, "I SubBT :-1", "rc_get_next_zone()",
                             "rc_get_zone_id()", SetZoneRouteCall(4, 1),
                             "I [Zone: 1] Speaker Output(4). ret:0", "rc_get_next_zone()", "rc_get_zone_id()",
                             SetZoneRouteCall(4, 2), "I [Zone: 2] Speaker Output(4). ret:0",
                             "rc_get_next_zone()", "rc_free_zone_list()", "I Set Speaker Output(4)"));
-    EXPECT_EQ(seam.FunctionOf("I [Zone: 1] Speaker Output(4). ret:0"), "SetOutputRoute");
+    EXPECT_EQ(journal.With("I [Zone: 1] Speaker Output(4). ret:0").Function(), "SetOutputRoute");
 }
 
 TEST_F(VolumeControlRouteTest, InMultiViewTheSubBluetoothZoneIsNeverTouched) {
@@ -148,10 +148,10 @@ TEST_F(VolumeControlRouteTest, InMultiViewTheSubBluetoothZoneIsNeverTouched) {
     seam.SetInt(fake::SUB_BT_KEY, 10);
     control->SetOutputRoute(4);
     EXPECT_THAT(seam.Zones(), ElementsAre(testing::Pair(2, 4), testing::Pair(10, 3), testing::Pair(11, 4)));
-    EXPECT_EQ(seam.Count("I [Zone:10] SubBT is connected. Skip current zone"), 1);
-    EXPECT_EQ(seam.Count("I [Zone:11] Speaker Output(4). ret:0"), 1);
-    EXPECT_EQ(seam.Count(SetZoneRouteCall(4, 10)), 0);
-    EXPECT_EQ(seam.Count("rc_free_zone_list()"), 1);
+    EXPECT_EQ(journal.With("I [Zone:10] SubBT is connected. Skip current zone").Count(), 1);
+    EXPECT_EQ(journal.With("I [Zone:11] Speaker Output(4). ret:0").Count(), 1);
+    EXPECT_EQ(journal.With(SetZoneRouteCall(4, 10)).Count(), 0);
+    EXPECT_EQ(journal.With("rc_free_zone_list()").Count(), 1);
 }
 
 TEST_F(VolumeControlRouteTest, InMultiViewAFailureDoesNotStopTheLoop) {
@@ -162,16 +162,16 @@ TEST_F(VolumeControlRouteTest, InMultiViewAFailureDoesNotStopTheLoop) {
     seam.Fail(SetZoneRouteCall(4, 2), -9);
     control->SetOutputRoute(4);
     EXPECT_THAT(seam.Zones(), ElementsAre(testing::Pair(1, 0), testing::Pair(2, 0), testing::Pair(3, 4)));
-    EXPECT_EQ(seam.Count("I [Zone: 2] Speaker Output(4). ret:-9"), 1);
-    EXPECT_EQ(seam.Count("I Set Speaker Output(4)"), 1);
+    EXPECT_EQ(journal.With("I [Zone: 2] Speaker Output(4). ret:-9").Count(), 1);
+    EXPECT_EQ(journal.With("I Set Speaker Output(4)").Count(), 1);
 }
 
 TEST_F(VolumeControlRouteTest, AMissingZoneListIsTreatedAsNoZones) {
     StartInMultiView();
     seam.Fail("rc_get_zone_list", -1);
     control->SetOutputRoute(4);
-    EXPECT_THAT(seam.JournalHere(), ElementsAre("rc_get_zone_list()", GET_SUB_BT, GOT_SUB_BT, "I SubBT :-1",
-                                                "I Set Speaker Output(4)"));
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre("rc_get_zone_list()", GET_SUB_BT, GOT_SUB_BT,
+                                                    "I SubBT :-1", "I Set Speaker Output(4)"));
 }
 
 // Route reports
@@ -180,8 +180,8 @@ TEST_F(VolumeControlRouteTest, AReportOfTheRouteInForceChangesNothing) {
     Start();
     ListenToAll();
     seam.FireRoute(0);
-    EXPECT_THAT(seam.JournalHere(), ElementsAre("I Type(0->0)"));
-    EXPECT_EQ(seam.FunctionOf("I Type(0->0)"), "SpeakerChangedCallback");
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre("I Type(0->0)"));
+    EXPECT_EQ(journal.With("I Type(0->0)").Function(), "SpeakerChangedCallback");
     EXPECT_THAT(heard, IsEmpty());
 }
 
@@ -195,7 +195,7 @@ TEST_F(VolumeControlRouteTest, ARouteReportReplacesTheSpeakerAndIsAnnounced) {
         return "vconf_notify_key_changed(\"" + (prefix + key) + "\")";
     };
     EXPECT_THAT(
-        seam.JournalHere(),
+        journal.Here().Texts(),
         ElementsAre("I Type(0->2)", "audio_unregister_master_mute_changed_cb()",
                     "audio_unregister_master_volume_changed_cb()", "E Already unset event handler",
                     "I Create HDMI Speaker", watch("get_volume_level_hdmi"), watch("get_volume_mute_hdmi"),
@@ -216,14 +216,14 @@ TEST_F(VolumeControlRouteTest, ASingleViewRouteChangeForgetsTheZone) {
     StartInMultiView();
     seam.FireRoute(4);
     seam.FireFocus(2);
-    EXPECT_EQ(seam.Count("I Focus (0->2)"), 1);
+    EXPECT_EQ(journal.With("I Focus (0->2)").Count(), 1);
 }
 
 TEST_F(VolumeControlRouteTest, ARouteReportWithoutUserDataIsLoggedAndDropped) {
     Start();
     seam.RouteRegistration().callback(2, nullptr);
-    EXPECT_THAT(seam.JournalHere(), ElementsAre("E data is NULL"));
-    EXPECT_EQ(seam.FunctionOf("E data is NULL"), "SpeakerChangedCallback");
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre("E data is NULL"));
+    EXPECT_EQ(journal.With("E data is NULL").Function(), "SpeakerChangedCallback");
     EXPECT_EQ(control->GetSpeakerSelection(), 0);
 }
 
@@ -234,8 +234,8 @@ TEST_F(VolumeControlRouteTest, ARouteReportThatMeetsTheLockIsLostUntilTheNextOne
         const BusyOnAnotherThread busy(*control);
         seam.Clear();
         seam.FireRoute(2);
-        EXPECT_THAT(seam.JournalHere(), ElementsAre("E owns_lock"));
-        EXPECT_EQ(seam.FunctionOf("E owns_lock"), "SpeakerChangedCallback");
+        EXPECT_THAT(journal.Here().Texts(), ElementsAre("E owns_lock"));
+        EXPECT_EQ(journal.With("E owns_lock").Function(), "SpeakerChangedCallback");
     }
     int volume = 0;
     control->GetTVVolume(volume);
@@ -251,10 +251,10 @@ TEST_F(VolumeControlRouteTest, WithoutTheRouteRegistrationNeitherKeyIsWatchedNor
     seam.SetInt(fake::TV2MOBILE_KEY, 1);
     seam.Fail("sound_manager_set_speaker_changed_cb", -7);
     Make();
-    EXPECT_EQ(seam.FunctionOf("E speaker changed cb set failed. ret:-7"), "_InitSoundCallback");
+    EXPECT_EQ(journal.With("E speaker changed cb set failed. ret:-7").Function(), "_InitSoundCallback");
     EXPECT_THAT(seam.Watches(fake::SPDIF_KEY), IsEmpty());
     EXPECT_THAT(seam.Watches(fake::TV2MOBILE_KEY), IsEmpty());
-    EXPECT_EQ(seam.Count("vconf_get_int(\"memory/sysman/spdif\")"), 0);
+    EXPECT_EQ(journal.With("vconf_get_int(\"memory/sysman/spdif\")").Count(), 0);
     EXPECT_EQ(control->ApplyAudioGain(fake::UNMUTE, 40, 3, false), 0);
     EXPECT_EQ(seam.MainGainValue(), 40) << "mirroring counts as off";
 }
@@ -263,7 +263,8 @@ TEST_F(VolumeControlRouteTest, AFailedRemovalLeavesBothKeysWatched) {
     Start();
     seam.Fail("sound_manager_unset_speaker_changed_cb", -8);
     control.reset();
-    EXPECT_EQ(seam.FunctionOf("E unset speaker changed cb set failed. ret:-8"), "_DeInitSoundCallback");
+    EXPECT_EQ(journal.With("E unset speaker changed cb set failed. ret:-8").Function(),
+              "_DeInitSoundCallback");
     EXPECT_EQ(seam.Watches(fake::SPDIF_KEY).size(), 1U);
     EXPECT_EQ(seam.Watches(fake::TV2MOBILE_KEY).size(), 1U);
 }
@@ -277,24 +278,24 @@ TEST_F(VolumeControlRouteTest, CableReportsWithoutNodeOrUserDataAreLoggedAndDrop
     watch.callback(nullptr, watch.data);
     watch.callback(&node, nullptr);
     watch.callback(nullptr, nullptr);
-    EXPECT_THAT(seam.JournalHere(),
+    EXPECT_THAT(journal.Here().Texts(),
                 ElementsAre("E pKeyNode is NULL", "E data is NULL", "E pKeyNode is NULL"));
-    EXPECT_EQ(seam.FunctionOf("E pKeyNode is NULL"), "SpdifChangedCallback");
-    EXPECT_EQ(seam.FunctionOf("E data is NULL"), "SpdifChangedCallback");
+    EXPECT_EQ(journal.With("E pKeyNode is NULL").Function(), "SpdifChangedCallback");
+    EXPECT_EQ(journal.With("E data is NULL").Function(), "SpdifChangedCallback");
 }
 
 TEST_F(VolumeControlRouteTest, AnUnreadableCableValueIsLoggedAndDropped) {
     Start();
     seam.FireKey(fake::SPDIF_KEY, -1);
-    EXPECT_THAT(seam.JournalHere(), ElementsAre(KEY_VALUE, "E get vconf memory/sysman/spdif error"));
-    EXPECT_EQ(seam.FunctionOf("E get vconf memory/sysman/spdif error"), "SpdifChangedCallback");
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre(KEY_VALUE, "E get vconf memory/sysman/spdif error"));
+    EXPECT_EQ(journal.With("E get vconf memory/sysman/spdif error").Function(), "SpdifChangedCallback");
 }
 
 TEST_F(VolumeControlRouteTest, PluggingTheCableNeedsNothing) {
     Start();
     seam.FireKey(fake::SPDIF_KEY, 1);
     seam.FireKey(fake::SPDIF_KEY, 2);
-    EXPECT_THAT(seam.JournalHere(), ElementsAre(KEY_VALUE, KEY_VALUE));
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre(KEY_VALUE, KEY_VALUE));
 }
 
 TEST_F(VolumeControlRouteTest, PullingTheCableFromAnOpticalRouteInForceGoesBackToTheDefault) {
@@ -305,10 +306,11 @@ TEST_F(VolumeControlRouteTest, PullingTheCableFromAnOpticalRouteInForceGoesBackT
         seam.ReportOwnChanges(false);
         seam.FireKey(fake::SPDIF_KEY, 0);
         const std::string now = std::to_string(route);
-        EXPECT_THAT(seam.JournalHere(), ElementsAre(KEY_VALUE, GET_MODE, GET_ROUTE, "I route:" + now,
-                                                    "I Spdif cable is disconnected. route:" + now,
-                                                    SetRouteCall(0), "I Set Speaker Output(0)"));
-        EXPECT_EQ(seam.FunctionOf("I Spdif cable is disconnected. route:" + now), "SpdifChangedCallback");
+        EXPECT_THAT(journal.Here().Texts(), ElementsAre(KEY_VALUE, GET_MODE, GET_ROUTE, "I route:" + now,
+                                                        "I Spdif cable is disconnected. route:" + now,
+                                                        SetRouteCall(0), "I Set Speaker Output(0)"));
+        EXPECT_EQ(journal.With("I Spdif cable is disconnected. route:" + now).Function(),
+                  "SpdifChangedCallback");
         EXPECT_EQ(control->GetPrevSpeakerSelection(), 2) << "it is left alone";
         control.reset();
         seam.Reset();
@@ -323,7 +325,8 @@ TEST_F(VolumeControlRouteTest, OnATvWithoutInternalSpeakerPullingTheCableAsksFor
             seam.SetRoute(1);
             Start();
             seam.FireKey(fake::SPDIF_KEY, 0);
-            const bool asked = seam.Count(SetRouteCall(1)) == 1 && seam.Count("I Set Speaker Output(1)") == 1;
+            const bool asked = journal.With(SetRouteCall(1)).Count() == 1 &&
+                               journal.With("I Set Speaker Output(1)").Count() == 1;
             const bool stayed =
                 control->GetSpeakerSelection() == 1 && control->GetPrevSpeakerSelection() == 1;
             std::_Exit(asked && stayed ? EXIT_SUCCESS : EXIT_FAILURE);
@@ -339,7 +342,7 @@ TEST_F(VolumeControlRouteTest, PullingTheCableElsewhereRewritesAnOpticalPrevious
         seam.FireKey(fake::SPDIF_KEY, 0);
         const std::string before = std::to_string(previous);
         EXPECT_THAT(
-            seam.JournalHere(),
+            journal.Here().Texts(),
             ElementsAre(KEY_VALUE, GET_MODE, GET_ROUTE, "I route:2", "I Spdif cable is disconnected. route:2",
                         "I Skip. Curr:2 Prev:" + before, "I Prev:" + before + "->0"));
         EXPECT_EQ(control->GetPrevSpeakerSelection(), 0);
@@ -354,7 +357,7 @@ TEST_F(VolumeControlRouteTest, PullingTheCableElsewhereLeavesAnotherPreviousRout
     Start();
     Go(4, 2);
     seam.FireKey(fake::SPDIF_KEY, 0);
-    EXPECT_THAT(seam.LogHere(),
+    EXPECT_THAT(journal.Here().Logs().Texts(),
                 ElementsAre("I route:2", "I Spdif cable is disconnected. route:2", "I Skip. Curr:2 Prev:4"));
     EXPECT_EQ(control->GetPrevSpeakerSelection(), 4);
 }
@@ -365,8 +368,8 @@ TEST_F(VolumeControlRouteTest, TheCableNeedsNoLock) {
     seam.ReportOwnChanges(false);
     const BusyOnAnotherThread busy(*control);
     seam.FireKey(fake::SPDIF_KEY, 0);
-    EXPECT_EQ(seam.Count("I Set Speaker Output(0)"), 1);
-    EXPECT_EQ(seam.Count("E owns_lock"), 0);
+    EXPECT_EQ(journal.With("I Set Speaker Output(0)").Count(), 1);
+    EXPECT_EQ(journal.With("E owns_lock").Count(), 0);
 }
 
 TEST_F(VolumeControlRouteTest, InMultiViewWithTheHeadsetInFocusAnOpticalPreviousRouteGoesBackToTheDefault) {
@@ -376,7 +379,7 @@ TEST_F(VolumeControlRouteTest, InMultiViewWithTheHeadsetInFocusAnOpticalPrevious
     seam.ReportOwnChanges(false);
     seam.FireKey(fake::SPDIF_KEY, 0);
     EXPECT_THAT(
-        seam.JournalHere(),
+        journal.Here().Texts(),
         ElementsAre(KEY_VALUE, GET_MODE, GetZoneRouteCall(1), "I zoneID:1 route:2",
                     "I Spdif cable is disconnected. route:2", "rc_get_audio_focus()", GET_SUB_BT, GOT_SUB_BT,
                     "I SubBT :1", "rc_get_zone_list()", GET_SUB_BT, GOT_SUB_BT, "I SubBT :1",
@@ -393,8 +396,9 @@ TEST_F(VolumeControlRouteTest, ThePreviousRouteOfTheCableRuleIsTheOneBeforeThePl
     seam.SetInt(fake::SUB_BT_KEY, 1);
     seam.BeforeNext(SetZoneRouteCall(0, 2), [this] { seam.FireRoute(4); });
     seam.FireKey(fake::SPDIF_KEY, 0);
-    EXPECT_EQ(seam.Count("I Type(2->4)"), 1);
-    EXPECT_EQ(seam.Count("I Prev:9->0"), 1) << "not the 2 that the report has just made the previous route";
+    EXPECT_EQ(journal.With("I Type(2->4)").Count(), 1);
+    EXPECT_EQ(journal.With("I Prev:9->0").Count(), 1)
+        << "not the 2 that the report has just made the previous route";
     EXPECT_EQ(control->GetPrevSpeakerSelection(), 0);
 }
 
@@ -403,9 +407,9 @@ TEST_F(VolumeControlRouteTest, InMultiViewWithTheHeadsetInFocusAnotherPreviousRo
     GoInZone(1, 4, 1);
     seam.SetInt(fake::SUB_BT_KEY, 1);
     seam.FireKey(fake::SPDIF_KEY, 0);
-    EXPECT_EQ(seam.LogHere().back(), "E Skip. Prev:4");
-    EXPECT_EQ(seam.FunctionOf("E Skip. Prev:4"), "SpdifChangedCallback");
-    EXPECT_EQ(seam.Count("rc_get_zone_list()"), 0);
+    EXPECT_EQ(journal.Here().Logs().Texts().back(), "E Skip. Prev:4");
+    EXPECT_EQ(journal.With("E Skip. Prev:4").Function(), "SpdifChangedCallback");
+    EXPECT_EQ(journal.With("rc_get_zone_list()").Count(), 0);
     EXPECT_EQ(control->GetPrevSpeakerSelection(), 4);
     EXPECT_EQ(control->GetSpeakerSelection(), 1);
 }
@@ -416,8 +420,8 @@ TEST_F(VolumeControlRouteTest, InMultiViewWithTheHeadsetElsewhereThePresentRoute
     seam.SetInt(fake::SUB_BT_KEY, 2);
     seam.ReportOwnChanges(false);
     seam.FireKey(fake::SPDIF_KEY, 0);
-    EXPECT_EQ(seam.Count(SetZoneRouteCall(0, 1)), 1);
-    EXPECT_EQ(seam.Count(SetZoneRouteCall(0, 2)), 0);
+    EXPECT_EQ(journal.With(SetZoneRouteCall(0, 1)).Count(), 1);
+    EXPECT_EQ(journal.With(SetZoneRouteCall(0, 2)).Count(), 0);
     EXPECT_EQ(control->GetPrevSpeakerSelection(), 4);
 }
 
@@ -426,9 +430,9 @@ TEST_F(VolumeControlRouteTest, InMultiViewAMissingHeadsetDoesNotMatchAMissingFoc
     GoInZone(1, 9, 2);
     seam.SetFocus(std::nullopt);
     seam.FireKey(fake::SPDIF_KEY, 0);
-    EXPECT_EQ(seam.Count("I Skip. Curr:2 Prev:9"), 1);
-    EXPECT_EQ(seam.Count("I Prev:9->0"), 1);
-    EXPECT_EQ(seam.Count("rc_get_zone_list()"), 0);
+    EXPECT_EQ(journal.With("I Skip. Curr:2 Prev:9").Count(), 1);
+    EXPECT_EQ(journal.With("I Prev:9->0").Count(), 1);
+    EXPECT_EQ(journal.With("rc_get_zone_list()").Count(), 0);
 }
 
 // Mirroring to a mobile device
@@ -439,15 +443,15 @@ TEST_F(VolumeControlRouteTest, MirroringReportsWithoutNodeOrUserDataAreLoggedAnd
     keynode_t node = {fake::TV2MOBILE_KEY, 1, "1"};
     watch.callback(nullptr, watch.data);
     watch.callback(&node, nullptr);
-    EXPECT_THAT(seam.JournalHere(), ElementsAre("E pKeyNode is NULL", "E data is NULL"));
-    EXPECT_EQ(seam.FunctionOf("E pKeyNode is NULL"), "Tv2MobileChangedCallback");
-    EXPECT_EQ(seam.FunctionOf("E data is NULL"), "Tv2MobileChangedCallback");
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre("E pKeyNode is NULL", "E data is NULL"));
+    EXPECT_EQ(journal.With("E pKeyNode is NULL").Function(), "Tv2MobileChangedCallback");
+    EXPECT_EQ(journal.With("E data is NULL").Function(), "Tv2MobileChangedCallback");
 }
 
 TEST_F(VolumeControlRouteTest, AnUnreadableMirroringValueIsLoggedAndDropped) {
     Start();
     seam.FireKey(fake::TV2MOBILE_KEY, -2);
-    EXPECT_THAT(seam.LogHere(),
+    EXPECT_THAT(journal.Here().Logs().Texts(),
                 ElementsAre("E get vconf memory/menu/network/screenmirroring/smsrc_status error"));
     control->ApplyAudioGain(fake::UNMUTE, 40, 3, false);
     EXPECT_EQ(seam.MainGainValue(), 40) << "the status is as it was";
@@ -458,11 +462,11 @@ TEST_F(VolumeControlRouteTest, MirroringRestoresTheGainFirstAndStopsSourceThreeA
     SetUnmuteGain(40);
     seam.Clear();
     seam.FireKey(fake::TV2MOBILE_KEY, 1);
-    EXPECT_THAT(seam.LogHere(),
+    EXPECT_THAT(journal.Here().Logs().Texts(),
                 ElementsAre("E TV To Mobile Enable", "I Path:1 player:100 pulse:100 unmute:100 Total:100",
                             "I [Path:01] gain2:100", "I Path:2 player:100 pulse:100 unmute:100 Total:100",
                             "I [Path:02] gain2:100"));
-    EXPECT_EQ(seam.FunctionOf("E TV To Mobile Enable"), "Tv2MobileChangedCallback");
+    EXPECT_EQ(journal.With("E TV To Mobile Enable").Function(), "Tv2MobileChangedCallback");
     EXPECT_EQ(control->ApplyAudioGain(fake::UNMUTE, 40, 3, false), 0);
     EXPECT_EQ(seam.MainGainValue(), 100);
 }
@@ -471,7 +475,7 @@ TEST_F(VolumeControlRouteTest, TheEndOfMirroringDoesNothingElse) {
     seam.SetInt(fake::TV2MOBILE_KEY, 1);
     Start();
     seam.FireKey(fake::TV2MOBILE_KEY, 0);
-    EXPECT_THAT(seam.JournalHere(), ElementsAre(KEY_VALUE, "E TV To Mobile Disable"));
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre(KEY_VALUE, "E TV To Mobile Disable"));
     control->ApplyAudioGain(fake::UNMUTE, 40, 3, false);
     EXPECT_EQ(seam.MainGainValue(), 40);
 }
@@ -479,10 +483,10 @@ TEST_F(VolumeControlRouteTest, TheEndOfMirroringDoesNothingElse) {
 TEST_F(VolumeControlRouteTest, WhileMirroringAnotherStatusRestoresNothing) {
     seam.SetInt(fake::TV2MOBILE_KEY, 1);
     Make();
-    EXPECT_EQ(seam.FunctionOf("I tv2Mobile:1"), "_InitSoundCallback");
+    EXPECT_EQ(journal.With("I tv2Mobile:1").Function(), "_InitSoundCallback");
     seam.Clear();
     seam.FireKey(fake::TV2MOBILE_KEY, 2);
-    EXPECT_THAT(seam.JournalHere(), ElementsAre(KEY_VALUE, "E TV To Mobile Enable"));
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre(KEY_VALUE, "E TV To Mobile Enable"));
 }
 
 }  // namespace

@@ -42,7 +42,7 @@ TEST_F(VolumeControlVolumeTest, GetTVVolumeAlwaysAsksTheSpeaker) {
     int volume = 0;
     EXPECT_EQ(control->GetTVVolume(volume), 0);
     EXPECT_EQ(volume, 17);
-    EXPECT_THAT(seam.JournalHere(), ElementsAre("audio_get_master_volume()", "I current tv volume [17]"));
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre("audio_get_master_volume()", "I current tv volume [17]"));
     seam.Fail("audio_get_master_volume", -3);
     EXPECT_EQ(control->GetTVVolume(volume), -3);
     EXPECT_EQ(volume, 17);
@@ -54,9 +54,9 @@ TEST_F(VolumeControlVolumeTest, AVolumeAboveTheRangeTouchesNothingNotEvenTheLock
     seam.Clear();
     EXPECT_EQ(control->SetTVVolume(101), -2);
     EXPECT_EQ(control->SetTVVolume(std::numeric_limits<int>::max()), -2);
-    EXPECT_THAT(seam.JournalHere(),
+    EXPECT_THAT(journal.Here().Texts(),
                 ElementsAre("E invalid param SetTVVolume", "E invalid param SetTVVolume"));
-    EXPECT_EQ(seam.FunctionOf("E invalid param SetTVVolume"), "SetTVVolume");
+    EXPECT_EQ(journal.With("E invalid param SetTVVolume").Function(), "SetTVVolume");
 }
 
 TEST_F(VolumeControlVolumeTest, HundredIsAcceptedAndNegativesAreTheSpeakersBusiness) {
@@ -65,7 +65,7 @@ TEST_F(VolumeControlVolumeTest, HundredIsAcceptedAndNegativesAreTheSpeakersBusin
     EXPECT_EQ(control->SetTVVolume(100), 0);
     EXPECT_EQ(control->SetTVVolume(-5), 0);
     EXPECT_EQ(control->SetTVVolume(LOWEST), 0);
-    EXPECT_THAT(seam.JournalHere(),
+    EXPECT_THAT(journal.Here().Texts(),
                 ElementsAre("I Set vol 0->100.", "audio_set_master_volume(100, 1)", "I Set vol 0->-5.",
                             "audio_set_master_volume(-5, 1)", "I Set vol 0->-2147483648.",
                             "audio_set_master_volume(-2147483648, 1)"))
@@ -79,22 +79,22 @@ TEST_F(VolumeControlVolumeTest, TheReportOfTheOwnChangeIsAnnouncedBeforeTheSette
     EXPECT_THAT(heard, ElementsAre("VOLUME_CHANGED 0xffff 30"));
     seam.Clear();
     EXPECT_EQ(control->SetTVVolume(40), 0);
-    EXPECT_EQ(seam.LogHere().front(), "I Set vol 30->40.");
+    EXPECT_EQ(journal.Here().Logs().Texts().front(), "I Set vol 30->40.");
 }
 
 TEST_F(VolumeControlVolumeTest, SettingAVolumeWhileMutedOnTheTvSpeakerRestoresTheGainThenUnmutesThenSets) {
     StartMuted();
     EXPECT_EQ(control->SetTVVolume(30), 0);
     EXPECT_THAT(
-        seam.LogHere(),
+        journal.Here().Logs().Texts(),
         ElementsAre("I SetTvVolumeMute to false", "I Path:1 player:100 pulse:100 unmute:100 Total:100",
                     "I Path:2 player:100 pulse:100 unmute:100 Total:100",
                     "I Apply gain on mute to 100 after mute. ret=0x0", "I mute changed : [0]",
                     "I event: [MUTE_CHANGED]", "I Set vol 0->30.", "I volume is changed : 30",
                     "I event: [VOLUME_CHANGED]"));
-    EXPECT_EQ(seam.FunctionOf("I SetTvVolumeMute to false"), "SetTVVolume");
-    EXPECT_EQ(seam.FunctionOf("I Apply gain on mute to 100 after mute. ret=0x0"), "_SetGainOnMute");
-    EXPECT_THAT(seam.Calls("audio_set"),
+    EXPECT_EQ(journal.With("I SetTvVolumeMute to false").Function(), "SetTVVolume");
+    EXPECT_EQ(journal.With("I Apply gain on mute to 100 after mute. ret=0x0").Function(), "_SetGainOnMute");
+    EXPECT_THAT(journal.Calls("audio_set").Texts(),
                 ElementsAre("audio_set_master_mute(false)", "audio_set_master_volume(30, 1)"));
 }
 
@@ -103,7 +103,7 @@ TEST_F(VolumeControlVolumeTest, SettingAVolumeWhileMutedOnAnotherRouteUnmutesWit
     seam.FireKey("memory/menu/network/screenmirroring/get_volume_mute_hdmi", 1);
     seam.Clear();
     EXPECT_EQ(control->SetTVVolume(30), 0);
-    EXPECT_THAT(seam.LogHere(),
+    EXPECT_THAT(journal.Here().Logs().Texts(),
                 ElementsAre("I SetTvVolumeMute to false",
                             "I Successed to get key memory/menu/network/screenmirroring/volume_support_hdmi",
                             "I Successed to set key memory/menu/network/screenmirroring/set_volume_mute",
@@ -117,7 +117,7 @@ TEST_F(VolumeControlVolumeTest, AFailedUnmuteEndsTheVolumeChange) {
     StartMuted();
     seam.Fail("audio_set_master_mute", -6);
     EXPECT_EQ(control->SetTVVolume(30), -6);
-    EXPECT_THAT(seam.Calls("audio_set_master_volume"), IsEmpty());
+    EXPECT_THAT(journal.Calls("audio_set_master_volume").Texts(), IsEmpty());
     seam.Succeed("audio_set_master_mute");
     seam.Fail("audio_set_master_mute", 5);
     EXPECT_EQ(control->SetTVVolume(30), 0) << "only a negative result ends it";
@@ -130,14 +130,14 @@ TEST_F(VolumeControlVolumeTest, AFailedGainWhileMutedIsOnlyLogged) {
     seam.Clear();
     seam.Fail("set_main_out_gain2", -1, 1);
     EXPECT_EQ(control->SetTVVolume(30), 0);
-    EXPECT_EQ(seam.Count("I Apply gain on mute to 100 after mute. ret=0xffffffff"), 1);
+    EXPECT_EQ(journal.With("I Apply gain on mute to 100 after mute. ret=0xffffffff").Count(), 1);
     EXPECT_EQ(seam.Volume(), 30);
 }
 
 TEST_F(VolumeControlVolumeTest, AnUnsupportedVolumeIsTheSpeakersAnswer) {
     StartOnHdmi(0x1);
     EXPECT_EQ(control->SetTVVolume(30), -4);
-    EXPECT_EQ(seam.Count("E SET VOLUME is not supported. 0x0001"), 1);
+    EXPECT_EQ(journal.With("E SET VOLUME is not supported. 0x0001").Count(), 1);
 }
 
 // Mute
@@ -157,27 +157,27 @@ TEST_F(VolumeControlVolumeTest, GetTVVolumeMuteAlwaysAsksTheSpeaker) {
 TEST_F(VolumeControlVolumeTest, UnmutingTheTvSpeakerStartsTheFadeFirst) {
     StartMuted();
     EXPECT_EQ(control->SetTVVolumeMute(false), 0);
-    EXPECT_THAT(seam.LogHere(),
+    EXPECT_THAT(journal.Here().Logs().Texts(),
                 ElementsAre("I current tv mute [1]", "I Path:1 player:100 pulse:100 unmute:  0 Total:  0",
                             "I [Path:01] gain2:0", "I Path:2 player:100 pulse:100 unmute:  0 Total:  0",
                             "I [Path:02] gain2:0", "I Apply unmute fadein. ret=0x0", "I mute changed : [0]",
                             "I event: [MUTE_CHANGED]"));
-    EXPECT_EQ(seam.FunctionOf("I Apply unmute fadein. ret=0x0"), "_ApplyUnmuteFadeIn");
-    EXPECT_TRUE(seam.WaitForGainWrite(fake::MainGain(100)));
-    EXPECT_TRUE(seam.WaitForGainWrite(fake::SubGain(100)));
+    EXPECT_EQ(journal.With("I Apply unmute fadein. ret=0x0").Function(), "_ApplyUnmuteFadeIn");
+    EXPECT_TRUE(journal.With(fake::MainGain(100)).Wait());
+    EXPECT_TRUE(journal.With(fake::SubGain(100)).Wait());
 }
 
 TEST_F(VolumeControlVolumeTest, MutingStartsNothing) {
     Start();
     EXPECT_EQ(control->SetTVVolumeMute(true), 0);
-    EXPECT_THAT(seam.JournalHere(), ElementsAre("audio_set_master_mute(true)", "I mute changed : [1]",
-                                                "I event: [MUTE_CHANGED]"));
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre("audio_set_master_mute(true)", "I mute changed : [1]",
+                                                    "I event: [MUTE_CHANGED]"));
 }
 
 TEST_F(VolumeControlVolumeTest, UnmutingAnotherOutputStartsNothing) {
     StartOnHdmi(0xF);
     EXPECT_EQ(control->SetTVVolumeMute(false), 0);
-    EXPECT_THAT(seam.LogHere(),
+    EXPECT_THAT(journal.Here().Logs().Texts(),
                 ElementsAre("I Successed to get key memory/menu/network/screenmirroring/volume_support_hdmi",
                             "I Successed to set key memory/menu/network/screenmirroring/set_volume_mute"));
 }
@@ -186,7 +186,7 @@ TEST_F(VolumeControlVolumeTest, UnmutingWhatIsNotMutedRecoversTheGain) {
     Start();
     EXPECT_EQ(control->SetTVVolumeMute(false), 0);
     EXPECT_THAT(
-        seam.LogHere(),
+        journal.Here().Logs().Texts(),
         ElementsAre("I current tv mute [0]", RECOVER, "I Path:1 player:100 pulse:100 unmute:100 Total:100",
                     "I Path:2 player:100 pulse:100 unmute:100 Total:100", "I Apply unmute fadein. ret=0x0"));
 }
@@ -211,9 +211,10 @@ TEST_F(VolumeControlVolumeTest, TheFourOperationsRefuseAtOnceWhenTheObjectIsBusy
     EXPECT_EQ(control->SetTVVolumeMute(false), -1);
     EXPECT_EQ(volume, 5);
     EXPECT_TRUE(mute);
-    EXPECT_THAT(seam.JournalHere(), ElementsAre("E owns_lock", "E owns_lock", "E owns_lock", "E owns_lock"));
+    EXPECT_THAT(journal.Here().Texts(),
+                ElementsAre("E owns_lock", "E owns_lock", "E owns_lock", "E owns_lock"));
     std::vector<std::string> functions;
-    for (const fake::Entry& entry : seam.Entries()) {
+    for (const fake::Entry& entry : journal.All().Entries()) {
         if (entry.IsLog(DLOG_ERROR)) {
             functions.push_back(entry.site.function);
         }
@@ -229,7 +230,7 @@ TEST_F(VolumeControlVolumeTest, TheGainOperationsNeedNoLock) {
     EXPECT_EQ(control->ApplyAudioGain(fake::PLAYER, 50, 3, false), 0);
     EXPECT_EQ(control->ApplyPulseAudioGain(100, 0), 0);
     EXPECT_EQ(seam.MainGainValue(), 20);
-    EXPECT_THAT(seam.LogHere(), Not(Contains("E owns_lock")));
+    EXPECT_THAT(journal.Here().Logs().Texts(), Not(Contains("E owns_lock")));
 }
 
 // Gains and fades
@@ -239,11 +240,11 @@ TEST_F(VolumeControlVolumeTest, AnUnmuteFadeWhileUnmutedRecoversTheGainInstead) 
     SetUnmuteGain(40);
     seam.Clear();
     EXPECT_EQ(control->ApplyVolumeFadeIn(fake::UNMUTE, 3), 0);
-    EXPECT_THAT(seam.LogHere(),
+    EXPECT_THAT(journal.Here().Logs().Texts(),
                 ElementsAre("I current tv mute [0]", RECOVER,
                             "I Path:1 player:100 pulse:100 unmute:100 Total:100", "I [Path:01] gain2:100",
                             "I Path:2 player:100 pulse:100 unmute:100 Total:100", "I [Path:02] gain2:100"));
-    EXPECT_EQ(seam.FunctionOf(RECOVER), "ApplyVolumeFadeIn");
+    EXPECT_EQ(journal.With(RECOVER).Function(), "ApplyVolumeFadeIn");
 }
 
 TEST_F(VolumeControlVolumeTest, AnUnreadableMuteIsTreatedAsUnmuted) {
@@ -251,47 +252,44 @@ TEST_F(VolumeControlVolumeTest, AnUnreadableMuteIsTreatedAsUnmuted) {
     seam.SetMute(true);
     seam.Fail("audio_get_master_mute", -1);
     EXPECT_EQ(control->ApplyVolumeFadeIn(fake::UNMUTE, 3), 0);
-    EXPECT_EQ(seam.Count(RECOVER), 1);
+    EXPECT_EQ(journal.With(RECOVER).Count(), 1);
     const BusyOnAnotherThread busy(*control);
     seam.Clear();
     EXPECT_EQ(control->ApplyVolumeFadeIn(fake::UNMUTE, 3), 0);
-    EXPECT_THAT(seam.LogHere(), Contains("E owns_lock"));
-    EXPECT_EQ(seam.Count(RECOVER), 1);
+    EXPECT_THAT(journal.Here().Logs().Texts(), Contains("E owns_lock"));
+    EXPECT_EQ(journal.With(RECOVER).Count(), 1);
 }
 
 TEST_F(VolumeControlVolumeTest, AnUnmuteFadeWhileMutedFades) {
     StartMuted();
     EXPECT_EQ(control->ApplyVolumeFadeIn(fake::UNMUTE, 3), 0);
-    EXPECT_EQ(seam.Count(RECOVER), 0);
-    EXPECT_TRUE(seam.WaitForLog("I Wake UnMuteMainOutH. gain:0"));
-    EXPECT_TRUE(seam.WaitForLog("I Wake UnMuteSubOutH. gain:0"));
-    EXPECT_TRUE(seam.WaitForLog("I handlerGainType:4, LastGain:100"));
-    EXPECT_TRUE(seam.WaitForLog("I handlerGainType:5, LastGain:100"));
+    EXPECT_EQ(journal.With(RECOVER).Count(), 0);
+    EXPECT_TRUE(journal.With("I Wake UnMuteMainOutH. gain:0").Wait());
+    EXPECT_TRUE(journal.With("I Wake UnMuteSubOutH. gain:0").Wait());
+    EXPECT_TRUE(journal.With("I handlerGainType:4, LastGain:100").Wait());
+    EXPECT_TRUE(journal.With("I handlerGainType:5, LastGain:100").Wait());
 }
 
 TEST_F(VolumeControlVolumeTest, AnUnmuteFadeIsProtectedFromInterruptionAndAGainChangeMayCutIntoOne) {
     seam.SetMute(true);
     Make();
     control->ApplyVolumeFadeIn(fake::UNMUTE, 3);
-    ASSERT_TRUE(seam.WaitForLog("I Wake UnMuteMainOutH. gain:0"));
-    ASSERT_TRUE(seam.WaitForLog("I Wake UnMuteSubOutH. gain:0"));
+    ASSERT_TRUE(journal.With("I Wake UnMuteMainOutH. gain:0").Wait());
+    ASSERT_TRUE(journal.With("I Wake UnMuteSubOutH. gain:0").Wait());
     control->ApplyAudioGain(fake::UNMUTE, 33, 3, false);
-    EXPECT_TRUE(seam.WaitUntil([](const std::vector<fake::Entry>& journal) {
-        return std::ranges::any_of(journal, [](const fake::Entry& entry) {
-            return entry.text.starts_with("I Interruptable status[type:4]. gain:");
-        });
-    }));
+    EXPECT_TRUE(journal.BeginningWith("I Interruptable status[type:4]. gain:").Wait());
     ASSERT_TRUE(fake::WorkersRest());
-    EXPECT_EQ(seam.Count("I handlerGainType:4, LastGain:100"), 0);
+    EXPECT_EQ(journal.With("I handlerGainType:4, LastGain:100").Count(), 0);
     control->ApplyVolumeFadeIn(fake::UNMUTE, 3);
-    EXPECT_TRUE(seam.WaitForLog("I handlerGainType:4, LastGain:100")) << "the fade takes the permission back";
+    EXPECT_TRUE(journal.With("I handlerGainType:4, LastGain:100").Wait())
+        << "the fade takes the permission back";
 }
 
 TEST_F(VolumeControlVolumeTest, APlayerFadeNeedsNoMuteState) {
     Start();
     EXPECT_EQ(control->ApplyVolumeFadeIn(fake::PLAYER, 1), 0);
-    EXPECT_THAT(seam.CallsHere(), Not(Contains("audio_get_master_mute()")));
-    EXPECT_TRUE(seam.WaitForLog("I Wake PlayerMainOutH. gain:0"));
+    EXPECT_THAT(journal.Here().Calls().Texts(), Not(Contains("audio_get_master_mute()")));
+    EXPECT_TRUE(journal.With("I Wake PlayerMainOutH. gain:0").Wait());
 }
 
 TEST_F(VolumeControlVolumeTest, OnTheMultiOutputRouteSourceThreeDoesNothingUnlessForced) {
@@ -299,8 +297,8 @@ TEST_F(VolumeControlVolumeTest, OnTheMultiOutputRouteSourceThreeDoesNothingUnles
     Start();
     EXPECT_EQ(control->ApplyVolumeFadeIn(fake::UNMUTE, 3), 0);
     EXPECT_EQ(control->ApplyAudioGain(fake::UNMUTE, 40, 3, false), 0);
-    EXPECT_THAT(seam.JournalHere(), ElementsAre(NO_FADE, NO_FADE));
-    EXPECT_EQ(seam.FunctionOf(NO_FADE), "_IsFadeInAvailable");
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre(NO_FADE, NO_FADE));
+    EXPECT_EQ(journal.With(NO_FADE).Function(), "_IsFadeInAvailable");
     EXPECT_EQ(control->ApplyAudioGain(fake::UNMUTE, 40, 3, true), 0);
     EXPECT_EQ(seam.MainGainValue(), 40);
     EXPECT_EQ(control->ApplyAudioGain(fake::PLAYER, 50, 3, false), 0);
@@ -313,7 +311,7 @@ TEST_F(VolumeControlVolumeTest, WhileMirroringSourceThreeDoesNothingEvenForced) 
     EXPECT_EQ(control->ApplyVolumeFadeIn(fake::UNMUTE, 3), 0);
     EXPECT_EQ(control->ApplyAudioGain(fake::UNMUTE, 40, 3, false), 0);
     EXPECT_EQ(control->ApplyAudioGain(fake::UNMUTE, 40, 3, true), 0);
-    EXPECT_THAT(seam.JournalHere(), IsEmpty());
+    EXPECT_THAT(journal.Here().Texts(), IsEmpty());
     EXPECT_EQ(control->ApplyAudioGain(fake::PLAYER, 50, 3, false), 0);
     EXPECT_EQ(seam.MainGainValue(), 50);
 }
@@ -324,7 +322,7 @@ TEST_F(VolumeControlVolumeTest, OtherSourcesAndPathsAreTheGainControllersBusines
     EXPECT_EQ(control->ApplyAudioGain(fake::UNMUTE, 50, 4, false), -2);
     EXPECT_EQ(control->ApplyVolumeFadeIn(static_cast<KVDefine::eKVGainSrcType>(LOWEST), 3), -2);
     EXPECT_EQ(control->ApplyVolumeFadeIn(fake::PLAYER, 8), -2);
-    EXPECT_THAT(seam.LogHere(),
+    EXPECT_THAT(journal.Here().Logs().Texts(),
                 ElementsAre("E Invalid gainOut srcType:9", "E Invalid audioPath:4",
                             "E Invalid gainOut srcType:-2147483648", "E Invalid audioPath:8"));
 }
@@ -334,8 +332,8 @@ TEST_F(VolumeControlVolumeTest, ThePulseGainIsPassedOn) {
     // The request also wakes the gain-out worker, which could write between the pulse worker's two writes.
     const auto gainOut = seam.BlockNext("I AudioGainOut. Update(M:1/S:1)");
     EXPECT_EQ(control->ApplyPulseAudioGain(50, 0), 0);
-    ASSERT_TRUE(seam.WaitFor("I Sleep PulseRampH"));
-    EXPECT_THAT(seam.GainWrites(), ElementsAre(fake::MainGain(50), fake::SubGain(50)));
+    ASSERT_TRUE(journal.With("I Sleep PulseRampH").Wait());
+    EXPECT_THAT(journal.Gains().Texts(), ElementsAre(fake::MainGain(50), fake::SubGain(50)));
 }
 
 }  // namespace

@@ -38,44 +38,44 @@ TEST_F(VolumeControlZonesTest, WithoutTheFeatureNothingIsRegisteredAndTheModeIsN
     seam.SetFeature(FEATURE, false);
     ModeOn();
     Make();
-    EXPECT_EQ(seam.FunctionOf("I Multi-screen View supported :0"), "_IsMSViewSupport");
-    EXPECT_THAT(seam.Calls(), Not(Contains(GET_MODE)));
-    EXPECT_THAT(seam.Calls(), Not(Contains(WATCH_MODE)));
-    EXPECT_THAT(seam.Calls(), Not(Contains(WATCH_ZONES)));
-    EXPECT_THAT(seam.Calls(), Not(Contains(WATCH_FOCUS)));
-    EXPECT_EQ(seam.Count("I route:0"), 1);
+    EXPECT_EQ(journal.With("I Multi-screen View supported :0").Function(), "_IsMSViewSupport");
+    EXPECT_THAT(journal.Calls().Texts(), Not(Contains(GET_MODE)));
+    EXPECT_THAT(journal.Calls().Texts(), Not(Contains(WATCH_MODE)));
+    EXPECT_THAT(journal.Calls().Texts(), Not(Contains(WATCH_ZONES)));
+    EXPECT_THAT(journal.Calls().Texts(), Not(Contains(WATCH_FOCUS)));
+    EXPECT_EQ(journal.With("I route:0").Count(), 1);
     seam.Clear();
     control.reset();
-    EXPECT_THAT(seam.Calls(), Not(Contains(IGNORE_MODE)));
-    EXPECT_THAT(seam.Calls(), Not(Contains(IGNORE_ZONES)));
-    EXPECT_THAT(seam.Calls(), Not(Contains(IGNORE_FOCUS)));
+    EXPECT_THAT(journal.Calls().Texts(), Not(Contains(IGNORE_MODE)));
+    EXPECT_THAT(journal.Calls().Texts(), Not(Contains(IGNORE_ZONES)));
+    EXPECT_THAT(journal.Calls().Texts(), Not(Contains(IGNORE_FOCUS)));
 }
 
 TEST_F(VolumeControlZonesTest, AnUnreadableFeatureIsTreatedAsAbsent) {
     seam.Fail("system_info_get_custom_bool(\"com.norvik/featureconf/multiview.support\")", -5);
     Make();
     const std::string line = std::string("E Failed to get system info key ") + FEATURE + ". ret:-5";
-    EXPECT_EQ(seam.FunctionOf(line), "_IsMSViewSupport");
-    EXPECT_THAT(seam.Calls(), Not(Contains(WATCH_MODE)));
+    EXPECT_EQ(journal.With(line).Function(), "_IsMSViewSupport");
+    EXPECT_THAT(journal.Calls().Texts(), Not(Contains(WATCH_MODE)));
 }
 
 TEST_F(VolumeControlZonesTest, AtTheStartTheZoneInFocusIsReadOnlyWhenTheModeIsOn) {
     Make();
-    EXPECT_THAT(seam.Calls(), Not(Contains(GET_FOCUS)));
+    EXPECT_THAT(journal.Calls().Texts(), Not(Contains(GET_FOCUS)));
     control.reset();
     ModeOn();
     seam.Clear();
     Make();
-    EXPECT_EQ(seam.FunctionOf("I zoneId:1 focusID:2"), "_InitMSViewSoundCallback");
+    EXPECT_EQ(journal.With("I zoneId:1 focusID:2").Function(), "_InitMSViewSoundCallback");
 }
 
 TEST_F(VolumeControlZonesTest, AFocusThatCannotBeReadAtTheStartLeavesZoneZero) {
     ModeOn();
     seam.Fail("rc_get_audio_focus", -11);
     Make();
-    EXPECT_EQ(seam.FunctionOf("E Failed to get zoneID. ret:-11"), "_InitMSViewSoundCallback");
+    EXPECT_EQ(journal.With("E Failed to get zoneID. ret:-11").Function(), "_InitMSViewSoundCallback");
     seam.FireFocus(2);
-    EXPECT_EQ(seam.Count("I Focus (0->2)"), 1);
+    EXPECT_EQ(journal.With("I Focus (0->2)").Count(), 1);
 }
 
 TEST_F(VolumeControlZonesTest, OnlyTheTextOnMeansOn) {
@@ -86,8 +86,8 @@ TEST_F(VolumeControlZonesTest, OnlyTheTextOnMeansOn) {
         seam.SetStr(fake::MULTIVIEW_KEY, info);
         seam.Clear();
         Make();
-        EXPECT_EQ(seam.Count("I route:0"), 1) << "the single-view route is asked for";
-        EXPECT_THAT(seam.Calls(), Not(Contains(GET_FOCUS)));
+        EXPECT_EQ(journal.With("I route:0").Count(), 1) << "the single-view route is asked for";
+        EXPECT_THAT(journal.Calls().Texts(), Not(Contains(GET_FOCUS)));
         control.reset();
     }
 }
@@ -95,33 +95,33 @@ TEST_F(VolumeControlZonesTest, OnlyTheTextOnMeansOn) {
 TEST_F(VolumeControlZonesTest, AnUnreadableModeIsTreatedAsOff) {
     seam.RemoveKey(fake::MULTIVIEW_KEY);
     Make();
-    EXPECT_EQ(seam.FunctionOf("E Failed to get vconf memory/multiscreen/info"), "_IsMSViewModeOn");
-    EXPECT_EQ(seam.Count("I route:0"), 1);
+    EXPECT_EQ(journal.With("E Failed to get vconf memory/multiscreen/info").Function(), "_IsMSViewModeOn");
+    EXPECT_EQ(journal.With("I route:0").Count(), 1);
 }
 
 TEST_F(VolumeControlZonesTest, EachFailedRegistrationStopsTheSequence) {
     ModeOn();
     seam.Fail(WATCH_MODE, -1, 1);
     Make();
-    EXPECT_EQ(seam.FunctionOf("E msview mode vconf cb set failed"), "_InitMSViewSoundCallback");
-    EXPECT_THAT(seam.Calls(), Not(Contains(WATCH_ZONES)));
-    EXPECT_EQ(seam.Count(FOCUS_LINE), 0);
+    EXPECT_EQ(journal.With("E msview mode vconf cb set failed").Function(), "_InitMSViewSoundCallback");
+    EXPECT_THAT(journal.Calls().Texts(), Not(Contains(WATCH_ZONES)));
+    EXPECT_EQ(journal.With(FOCUS_LINE).Count(), 0);
     control.reset();
 
     seam.Clear();
     seam.Fail("sound_manager_set_multiview_speaker_selection_changed_cb", -3, 1);
     Make();
-    EXPECT_EQ(seam.FunctionOf("E multiview speaker changed cb set failed ret:-3"),
+    EXPECT_EQ(journal.With("E multiview speaker changed cb set failed ret:-3").Function(),
               "_InitMSViewSoundCallback");
-    EXPECT_THAT(seam.Calls(), Contains(WATCH_MODE));
-    EXPECT_THAT(seam.Calls(), Not(Contains(WATCH_FOCUS)));
+    EXPECT_THAT(journal.Calls().Texts(), Contains(WATCH_MODE));
+    EXPECT_THAT(journal.Calls().Texts(), Not(Contains(WATCH_FOCUS)));
     control.reset();
 
     seam.Clear();
     seam.Fail("rc_register_audio_focus_changed_callback", 0, 1);
     Make();
-    EXPECT_EQ(seam.FunctionOf("E audio focus changed cb set failed"), "_InitMSViewSoundCallback");
-    EXPECT_THAT(seam.Calls(), Not(Contains(GET_FOCUS))) << "the mode flag stays off";
+    EXPECT_EQ(journal.With("E audio focus changed cb set failed").Function(), "_InitMSViewSoundCallback");
+    EXPECT_THAT(journal.Calls().Texts(), Not(Contains(GET_FOCUS))) << "the mode flag stays off";
 }
 
 // Destruction
@@ -130,30 +130,31 @@ TEST_F(VolumeControlZonesTest, EachFailedRemovalStopsTheSequence) {
     Start();
     seam.Fail("vconf_ignore_key_changed(\"memory/multiscreen/info\")", -1, 1);
     control.reset();
-    EXPECT_EQ(seam.FunctionOf("E msview mode vconf cb unset failed"), "_DeInitMSViewSoundCallback");
-    EXPECT_THAT(seam.Calls(), Not(Contains(IGNORE_ZONES)));
+    EXPECT_EQ(journal.With("E msview mode vconf cb unset failed").Function(), "_DeInitMSViewSoundCallback");
+    EXPECT_THAT(journal.Calls().Texts(), Not(Contains(IGNORE_ZONES)));
 
     Start();
     seam.Fail("sound_manager_unset_multiview_speaker_selection_changed_cb", -4, 1);
     control.reset();
-    EXPECT_EQ(seam.FunctionOf("E unset multiview speaker changed cb set failed. ret:-4"),
+    EXPECT_EQ(journal.With("E unset multiview speaker changed cb set failed. ret:-4").Function(),
               "_DeInitMSViewSoundCallback");
-    EXPECT_THAT(seam.Calls("rc_unregister"), IsEmpty());
+    EXPECT_THAT(journal.Calls("rc_unregister").Texts(), IsEmpty());
 
     Start();
     seam.Fail("rc_unregister_audio_focus_changed_callback", -6, 1);
     control.reset();
-    EXPECT_EQ(seam.FunctionOf("E unset audio focus changed cb set failed. ret:-6"),
+    EXPECT_EQ(journal.With("E unset audio focus changed cb set failed. ret:-6").Function(),
               "_DeInitMSViewSoundCallback");
-    EXPECT_THAT(seam.Calls(), Contains("sound_manager_unset_speaker_changed_cb()")) << "the end goes on";
+    EXPECT_THAT(journal.Calls().Texts(), Contains("sound_manager_unset_speaker_changed_cb()"))
+        << "the end goes on";
 }
 
 TEST_F(VolumeControlZonesTest, AFocusRegistrationThatFailedIsNotRemoved) {
     seam.Fail("rc_register_audio_focus_changed_callback", 0);
     Start();
     control.reset();
-    EXPECT_THAT(seam.Calls(), Contains(IGNORE_ZONES));
-    EXPECT_THAT(seam.Calls("rc_unregister"), IsEmpty());
+    EXPECT_THAT(journal.Calls().Texts(), Contains(IGNORE_ZONES));
+    EXPECT_THAT(journal.Calls("rc_unregister").Texts(), IsEmpty());
 }
 
 // Mode reports
@@ -165,10 +166,10 @@ TEST_F(VolumeControlZonesTest, ModeReportsWithoutNodeUserDataOrTextAreLoggedAndD
     watch.callback(nullptr, watch.data);
     watch.callback(&textless, nullptr);
     watch.callback(&textless, watch.data);
-    EXPECT_THAT(seam.LogHere(),
+    EXPECT_THAT(journal.Here().Logs().Texts(),
                 ElementsAre("E pKeyNode is NULL", "E data is NULL", "E Failed to vconf_keynode_get_str"));
-    for (const std::string& line : seam.LogHere()) {
-        EXPECT_EQ(seam.FunctionOf(line), "MSViewModeChangedCallback");
+    for (const std::string& line : journal.Here().Logs().Texts()) {
+        EXPECT_EQ(journal.With(line).Function(), "MSViewModeChangedCallback");
     }
 }
 
@@ -176,12 +177,12 @@ TEST_F(VolumeControlZonesTest, TurningMultiViewOnTakesTheZoneInFocusAndLeavesThe
     Start();
     seam.SetFocus(2);
     seam.FireKey(fake::MULTIVIEW_KEY, R"({"mode": "on"})");
-    EXPECT_THAT(seam.JournalHere(),
+    EXPECT_THAT(journal.Here().Texts(),
                 ElementsAre("vconf_keynode_get_str()", "I MSmode:on", GET_FOCUS, "I zoneId:2"));
-    EXPECT_EQ(seam.FunctionOf("I zoneId:2"), "MSViewModeChangedCallback");
+    EXPECT_EQ(journal.With("I zoneId:2").Function(), "MSViewModeChangedCallback");
     EXPECT_EQ(control->GetSpeakerSelection(), 0);
     seam.FireFocus(1);
-    EXPECT_EQ(seam.Count("I Focus (2->1)"), 1);
+    EXPECT_EQ(journal.With("I Focus (2->1)").Count(), 1);
 }
 
 TEST_F(VolumeControlZonesTest, AFocusThatCannotBeReadLeavesTheZoneAsItWas) {
@@ -189,22 +190,22 @@ TEST_F(VolumeControlZonesTest, AFocusThatCannotBeReadLeavesTheZoneAsItWas) {
     Start();
     seam.Fail("rc_get_audio_focus", -2);
     seam.FireKey(fake::MULTIVIEW_KEY, R"({"mode": "on", "again": 1})");
-    EXPECT_THAT(seam.LogHere(), ElementsAre("I MSmode:on", "E Failed to get zoneID. ret:-2"));
+    EXPECT_THAT(journal.Here().Logs().Texts(), ElementsAre("I MSmode:on", "E Failed to get zoneID. ret:-2"));
     seam.FireFocus(2);
-    EXPECT_EQ(seam.Count("I Focus (1->2)"), 1);
+    EXPECT_EQ(journal.With("I Focus (1->2)").Count(), 1);
 }
 
 TEST_F(VolumeControlZonesTest, TurningMultiViewOffForgetsTheZoneAndLeavesTheSpeakerAndTheGain) {
     ModeOn();
     Start();
     seam.FireKey(fake::MULTIVIEW_KEY, R"({"mode": "off"})");
-    EXPECT_THAT(seam.JournalHere(), ElementsAre("vconf_keynode_get_str()", "I MSmode:off"));
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre("vconf_keynode_get_str()", "I MSmode:off"));
     seam.FireFocus(2);
-    EXPECT_EQ(seam.Count("E For single view. not this cb"), 1);
+    EXPECT_EQ(journal.With("E For single view. not this cb").Count(), 1);
     seam.FireKey(fake::MULTIVIEW_KEY, R"({"mode": "on"})");
     seam.Clear();
     seam.FireFocus(1);
-    EXPECT_THAT(seam.LogHere(), Contains("I Focus (2->1)"));
+    EXPECT_THAT(journal.Here().Logs().Texts(), Contains("I Focus (2->1)"));
 }
 
 TEST_F(VolumeControlZonesTest, LeavingMultiViewOnABluetoothRouteRestoresTheGain) {
@@ -216,11 +217,11 @@ TEST_F(VolumeControlZonesTest, LeavingMultiViewOnABluetoothRouteRestoresTheGain)
         SetUnmuteGain(40);
         seam.Clear();
         seam.FireKey(fake::MULTIVIEW_KEY, R"({"mode": "off"})");
-        EXPECT_THAT(seam.LogHere(),
+        EXPECT_THAT(journal.Here().Logs().Texts(),
                     ElementsAre("I MSmode:off", "I Path:1 player:100 pulse:100 unmute:100 Total:100",
                                 "I [Path:01] gain2:100", "I Path:2 player:100 pulse:100 unmute:100 Total:100",
                                 "I [Path:02] gain2:100", "I View mode changed. Recover gain"));
-        EXPECT_EQ(seam.FunctionOf("I View mode changed. Recover gain"), "MSViewModeChangedCallback");
+        EXPECT_EQ(journal.With("I View mode changed. Recover gain").Function(), "MSViewModeChangedCallback");
         control.reset();
         seam.SetZones({{1, 0}, {2, 2}});
     }
@@ -232,7 +233,7 @@ TEST_F(VolumeControlZonesTest, LeavingMultiViewOnAnotherRouteRestoresNoGain) {
     SetUnmuteGain(40);
     seam.Clear();
     seam.FireKey(fake::MULTIVIEW_KEY, R"({"mode": "off"})");
-    EXPECT_THAT(seam.LogHere(), ElementsAre("I MSmode:off"));
+    EXPECT_THAT(journal.Here().Logs().Texts(), ElementsAre("I MSmode:off"));
     EXPECT_EQ(seam.MainGainValue(), 40);
 }
 
@@ -242,9 +243,9 @@ TEST_F(VolumeControlZonesTest, AMalformedModeTextIsAnErrorAndIsTreatedAsOff) {
         ModeOn();
         Start();
         seam.FireKey(fake::MULTIVIEW_KEY, std::string(info));
-        EXPECT_EQ(seam.Count("I MSmode:error"), 1);
+        EXPECT_EQ(journal.With("I MSmode:error").Count(), 1);
         seam.FireFocus(2);
-        EXPECT_EQ(seam.Count("E For single view. not this cb"), 1);
+        EXPECT_EQ(journal.With("E For single view. not this cb").Count(), 1);
         control.reset();
         seam.SetFocus(1);
     }
@@ -256,11 +257,11 @@ TEST_F(VolumeControlZonesTest, AModeReportThatMeetsTheLockIsLost) {
         const BusyOnAnotherThread busy(*control);
         seam.Clear();
         seam.FireKey(fake::MULTIVIEW_KEY, R"({"mode": "on"})");
-        EXPECT_THAT(seam.LogHere(), ElementsAre("I MSmode:on", "E owns_lock"));
-        EXPECT_EQ(seam.FunctionOf("E owns_lock"), "MSViewModeChangedCallback");
+        EXPECT_THAT(journal.Here().Logs().Texts(), ElementsAre("I MSmode:on", "E owns_lock"));
+        EXPECT_EQ(journal.With("E owns_lock").Function(), "MSViewModeChangedCallback");
     }
     seam.FireFocus(2);
-    EXPECT_EQ(seam.Count("E For single view. not this cb"), 1);
+    EXPECT_EQ(journal.With("E For single view. not this cb").Count(), 1);
 }
 
 // Route reports of zones
@@ -268,8 +269,8 @@ TEST_F(VolumeControlZonesTest, AModeReportThatMeetsTheLockIsLost) {
 TEST_F(VolumeControlZonesTest, AZoneReportWithoutUserDataIsLoggedAndDropped) {
     Start();
     seam.ZoneRouteRegistration().callback(2, 1, nullptr);
-    EXPECT_THAT(seam.JournalHere(), ElementsAre("E data is NULL"));
-    EXPECT_EQ(seam.FunctionOf("E data is NULL"), "MSViewSpeakerChangedCallback");
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre("E data is NULL"));
+    EXPECT_EQ(journal.With("E data is NULL").Function(), "MSViewSpeakerChangedCallback");
 }
 
 TEST_F(VolumeControlZonesTest, AZoneReportThatMeetsTheLockIsLost) {
@@ -277,8 +278,8 @@ TEST_F(VolumeControlZonesTest, AZoneReportThatMeetsTheLockIsLost) {
     const BusyOnAnotherThread busy(*control);
     seam.Clear();
     seam.FireZoneRoute(4, 1);
-    EXPECT_THAT(seam.JournalHere(), ElementsAre("E owns_lock"));
-    EXPECT_EQ(seam.FunctionOf("E owns_lock"), "MSViewSpeakerChangedCallback");
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre("E owns_lock"));
+    EXPECT_EQ(journal.With("E owns_lock").Function(), "MSViewSpeakerChangedCallback");
     EXPECT_EQ(control->GetSpeakerSelection(), 0);
 }
 
@@ -286,20 +287,21 @@ TEST_F(VolumeControlZonesTest, AZoneReportOfTheRouteInForceDoesNothing) {
     StartInMultiView();
     ListenToAll();
     seam.FireZoneRoute(0, 2);
-    EXPECT_THAT(seam.JournalHere(), ElementsAre("I Zone:2 Type(0->0)"));
-    EXPECT_EQ(seam.FunctionOf("I Zone:2 Type(0->0)"), "MSViewSpeakerChangedCallback");
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre("I Zone:2 Type(0->0)"));
+    EXPECT_EQ(journal.With("I Zone:2 Type(0->0)").Function(), "MSViewSpeakerChangedCallback");
     EXPECT_THAT(heard, IsEmpty());
     seam.FireFocus(1);
-    EXPECT_EQ(seam.Count("I Focus (1->1)"), 1) << "the zone was not adopted";
+    EXPECT_EQ(journal.With("I Focus (1->1)").Count(), 1) << "the zone was not adopted";
 }
 
 TEST_F(VolumeControlZonesTest, AZoneReportForAZoneWithoutFocusDoesNothing) {
     StartInMultiView();
     ListenToAll();
     seam.FireZoneRoute(4, 2);
-    EXPECT_THAT(seam.JournalHere(),
+    EXPECT_THAT(journal.Here().Texts(),
                 ElementsAre("I Zone:2 Type(0->4)", "I Focus:1 Speaker Changed. not for 2"));
-    EXPECT_EQ(seam.FunctionOf("I Focus:1 Speaker Changed. not for 2"), "MSViewSpeakerChangedCallback");
+    EXPECT_EQ(journal.With("I Focus:1 Speaker Changed. not for 2").Function(),
+              "MSViewSpeakerChangedCallback");
     EXPECT_EQ(control->GetSpeakerSelection(), 0);
     EXPECT_THAT(heard, IsEmpty());
 }
@@ -308,7 +310,7 @@ TEST_F(VolumeControlZonesTest, AZoneReportForTheZoneInFocusReplacesTheSpeakerAnd
     StartInMultiView();
     ListenToAll();
     seam.FireZoneRoute(7, 1);
-    EXPECT_THAT(seam.JournalHere(),
+    EXPECT_THAT(journal.Here().Texts(),
                 ElementsAre("I Zone:1 Type(0->7)", "audio_unregister_master_mute_changed_cb()",
                             "audio_unregister_master_volume_changed_cb()", "E Already unset event handler",
                             "I Type(7) is invalid, Create Unknown Speaker", "I event: [SPEAKER_CHANGED]"));
@@ -328,7 +330,7 @@ TEST_F(VolumeControlZonesTest, WhileNoZoneIsKnownAnyZoneReportIsTakenAndItsZoneA
         EXPECT_EQ(control->GetSpeakerSelection(), 4);
         seam.Clear();
         seam.FireZoneRoute(7, 1);
-        EXPECT_EQ(seam.Count("I Focus:2 Speaker Changed. not for 1"), 1);
+        EXPECT_EQ(journal.With("I Focus:2 Speaker Changed. not for 1").Count(), 1);
         control.reset();
     }
 }
@@ -338,15 +340,15 @@ TEST_F(VolumeControlZonesTest, WhileNoZoneIsKnownAnyZoneReportIsTakenAndItsZoneA
 TEST_F(VolumeControlZonesTest, AFocusReportWithoutUserDataIsLoggedAndDropped) {
     StartInMultiView();
     seam.FocusRegistrations().begin()->second.callback(2, nullptr);
-    EXPECT_THAT(seam.JournalHere(), ElementsAre("E data is NULL"));
-    EXPECT_EQ(seam.FunctionOf("E data is NULL"), "FocusChangedCallback");
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre("E data is NULL"));
+    EXPECT_EQ(journal.With("E data is NULL").Function(), "FocusChangedCallback");
 }
 
 TEST_F(VolumeControlZonesTest, AFocusReportInSingleViewChangesNothing) {
     Start();
     seam.FireFocus(2);
-    EXPECT_THAT(seam.JournalHere(), ElementsAre("E For single view. not this cb"));
-    EXPECT_EQ(seam.FunctionOf("E For single view. not this cb"), "FocusChangedCallback");
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre("E For single view. not this cb"));
+    EXPECT_EQ(journal.With("E For single view. not this cb").Function(), "FocusChangedCallback");
     EXPECT_EQ(control->GetSpeakerSelection(), 0);
 }
 
@@ -356,11 +358,11 @@ TEST_F(VolumeControlZonesTest, AFocusReportThatMeetsTheLockIsLost) {
         const BusyOnAnotherThread busy(*control);
         seam.Clear();
         seam.FireFocus(2);
-        EXPECT_THAT(seam.JournalHere(), ElementsAre("E mutex lock failed"));
-        EXPECT_EQ(seam.FunctionOf("E mutex lock failed"), "FocusChangedCallback");
+        EXPECT_THAT(journal.Here().Texts(), ElementsAre("E mutex lock failed"));
+        EXPECT_EQ(journal.With("E mutex lock failed").Function(), "FocusChangedCallback");
     }
     seam.FireFocus(1);
-    EXPECT_EQ(seam.Count("I Focus (1->1)"), 1);
+    EXPECT_EQ(journal.With("I Focus (1->1)").Count(), 1);
 }
 
 TEST_F(VolumeControlZonesTest, AFocusChangeToAnotherRouteReplacesTheSpeakerSilently) {
@@ -370,13 +372,14 @@ TEST_F(VolumeControlZonesTest, AFocusChangeToAnotherRouteReplacesTheSpeakerSilen
     heard.clear();
     seam.Clear();
     seam.FireFocus(2);
-    const auto journal = seam.JournalHere();
-    EXPECT_EQ(journal.at(0), "I Focus (1->2)");
-    EXPECT_EQ(journal.at(1), GET_MODE);
-    EXPECT_EQ(journal.at(2), "sound_manager_get_multiview_speaker_selection_with_zone_id(2)");
-    EXPECT_EQ(journal.at(3), "I zoneID:2 route:2");
-    EXPECT_THAT(seam.LogHere(), ElementsAre("I Focus (1->2)", "I zoneID:2 route:2",
-                                            "E Already unset event handler", "I Create HDMI Speaker"));
+    const auto lines = journal.Here().Texts();
+    EXPECT_EQ(lines.at(0), "I Focus (1->2)");
+    EXPECT_EQ(lines.at(1), GET_MODE);
+    EXPECT_EQ(lines.at(2), "sound_manager_get_multiview_speaker_selection_with_zone_id(2)");
+    EXPECT_EQ(lines.at(3), "I zoneID:2 route:2");
+    EXPECT_THAT(journal.Here().Logs().Texts(),
+                ElementsAre("I Focus (1->2)", "I zoneID:2 route:2", "E Already unset event handler",
+                            "I Create HDMI Speaker"));
     EXPECT_EQ(control->GetSpeakerSelection(), 2);
     EXPECT_EQ(control->GetPrevSpeakerSelection(), 0) << "as the last route report left it";
     EXPECT_THAT(heard, IsEmpty());
@@ -388,7 +391,7 @@ TEST_F(VolumeControlZonesTest, AFocusChangeToTheSameRouteKeepsTheSpeaker) {
     ModeOn();
     Start();
     seam.FireFocus(3);
-    EXPECT_THAT(seam.LogHere(), ElementsAre("I Focus (1->3)", "I zoneID:3 route:0"));
+    EXPECT_THAT(journal.Here().Logs().Texts(), ElementsAre("I Focus (1->3)", "I zoneID:3 route:0"));
 }
 
 }  // namespace

@@ -146,7 +146,7 @@ struct Model {
 FakeSeam& seam = FakeSeam::Get();
 
 void PrepareTv() {
-    seam.DropLogLines(true);
+    seam.journal.DropLogLines(true);
     seam.SetFeature("com.norvik/featureconf/projector_feature_support", true);
     seam.SetInt("memory/projector/status/ready", 1);
     for (const char* device : DEVICES) {

@@ -34,7 +34,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     static_cast<void>(control);
     const std::string bytes(reinterpret_cast<const char*>(data), size);
     const std::string text = bytes.c_str();  // a setting ends at a NUL
-    seam.DropLogLines(true);
+    seam.journal.DropLogLines(true);
     seam.SetZones({{1, 0}});
     seam.SetFocus(1);
     seam.Clear();
@@ -47,18 +47,20 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
 
     seam.FireKey(VIEW_KEY, text);
-    const bool isOn = !seam.Calls("rc_get_audio_focus").empty();
+    const bool isOn = seam.journal.Calls("rc_get_audio_focus").Count() > 0;
     fuzz::Require(isOn == IsOn(text), "the report of the mode is understood");
 
     // A report of the cable reads the setting again, for the route.
     seam.FireKey("memory/sysman/spdif", 0);
-    const bool asksZone = !seam.Calls("sound_manager_get_multiview_speaker_selection_with_zone_id").empty();
+    const bool asksZone =
+        seam.journal.Calls("sound_manager_get_multiview_speaker_selection_with_zone_id").Count() > 0;
     fuzz::Require(asksZone == isOn, "the setting is understood like its report");
 
     seam.RemoveKey(VIEW_KEY);
     seam.Clear();
     seam.FireKey("memory/sysman/spdif", 0);
-    fuzz::Require(seam.Calls("sound_manager_get_multiview_speaker_selection_with_zone_id").empty(),
-                  "without the setting there is a single view");
+    fuzz::Require(
+        seam.journal.Calls("sound_manager_get_multiview_speaker_selection_with_zone_id").Count() == 0,
+        "without the setting there is a single view");
     return 0;
 }

@@ -1,0 +1,233 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
+#include "WorkerWaits.h"
+
+#include <dlfcn.h>
+#include <linux/futex.h>
+#include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <vector>
+
+#include "FakeSeam.h"
+
+using NKavrel::eKVGainHandlerType;
+using NKavrel::GAIN_HANDLER_COUNT;
+using NKavrel::GAIN_HANDLER_NONE;
+using NKavrel::GAIN_HANDLER_PULSE_RAMP;
+using NKavrel::GainHandlerName;
+
+namespace fake {
+namespace {
+
+using Bits = std::uint32_t;
+
+/**
+ * The waits of all workers in one word, so that a test sees all of them at one moment. Bit t: worker t waits for a
+ * request. Bit 8 + t: it waits for a time. A notification clears the bit before the worker wakes up. The upper
+ * half counts the waits, so that no wait goes unseen.
+ *
+ * The kernel puts the workers and the waiting test to sleep on this word. A wait releases what the worker did
+ * before, and the test acquires that. Nothing else is ordered by this word, as nothing is by a condition
+ * variable: ThreadSanitizer still sees each race between the workers and those who notify them.
+ */
+std::atomic<Bits> state = 0;
+
+constexpr Bits ONE_WAIT = 1U << 16;
+constexpr Bits ALL_WAIT_FOR_REQUESTS = 0b111'1110;
+
+constexpr Bits RequestBit(int worker) {
+    return 1U << worker;
+}
+constexpr Bits TimeBit(int worker) {
+    return 1U << (worker + 8);
+}
+constexpr Bits WaitBits(int worker) {
+    return RequestBit(worker) | TimeBit(worker);
+}
+
+/** The condition variable that each worker waited for last. */
+std::array<std::atomic<pthread_cond_t*>, GAIN_HANDLER_COUNT> conditions = {};
+std::atomic<bool> recordsNotifications = false;
+std::atomic<bool> skipsStepTimes = false;
+
+/** The worker that the calling thread is; it learns that when it names itself. */
+thread_local int thisWorker = GAIN_HANDLER_NONE;
+
+/** The library's function that a function of this program replaces. */
+template <typename Function>
+Function* Library(const char* name) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+/** @return false if the deadline has passed */
+bool SleepUntilChange(Bits seen, clockid_t clock, const timespec* deadline) {
+    const int operation = FUTEX_WAIT_BITSET_PRIVATE | (clock == CLOCK_REALTIME ? FUTEX_CLOCK_REALTIME : 0);
+    return syscall(SYS_futex, &state, operation, seen, deadline, nullptr, FUTEX_BITSET_MATCH_ANY) == 0 ||
+           errno != ETIMEDOUT;
+}
+
+void ReportChange() {
+    syscall(SYS_futex, &state, FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
+}
+
+/** Whether the calling thread is a worker that waits for its own condition variable, and not inside a hook. */
+bool IsWorkerWait() {
+    return thisWorker != GAIN_HANDLER_NONE && !FakeSeam::IsInsideHook() &&
+           (state.load(std::memory_order_relaxed) & WaitBits(thisWorker)) == 0;
+}
+
+/** Whether a wait until this deadline is to end at once. */
+bool IsSkipped(clockid_t clock, const timespec* deadline) {
+    constexpr long LONGEST_STEP = 100'000'000;
+    constexpr long SECOND = 1'000'000'000;
+    if (deadline == nullptr || !skipsStepTimes) {
+        return false;
+    }
+    timespec now = {};
+    clock_gettime(clock, &now);
+    return (deadline->tv_sec - now.tv_sec) * SECOND + deadline->tv_nsec - now.tv_nsec <= LONGEST_STEP;
+}
+
+/** Waits as pthread_cond_clockwait does. */
+int WaitAsWorker(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
+                 const timespec* deadline) {
+    static constexpr timespec PAST = {};
+    if (IsSkipped(clock, deadline)) {
+        deadline = &PAST;
+    }
+    const Bits bit = deadline == nullptr ? RequestBit(thisWorker) : TimeBit(thisWorker);
+    conditions[static_cast<std::size_t>(thisWorker)].store(condition, std::memory_order_relaxed);
+    state.fetch_add(ONE_WAIT | bit, std::memory_order_release);
+    ReportChange();
+    pthread_mutex_unlock(mutex);
+    int result = 0;
+    for (Bits seen = state.load(std::memory_order_relaxed); (seen & bit) != 0;
+         seen = state.load(std::memory_order_relaxed)) {
+        if (!SleepUntilChange(seen, clock, deadline)) {
+            const bool notified = (state.fetch_and(~bit, std::memory_order_relaxed) & bit) == 0;
+            result = notified ? 0 : ETIMEDOUT;
+            break;
+        }
+    }
+    pthread_mutex_lock(mutex);
+    return result;
+}
+
+void WakeWorkersOf(pthread_cond_t* condition) {
+    for (int worker = GAIN_HANDLER_PULSE_RAMP; worker < GAIN_HANDLER_COUNT; ++worker) {
+        if (conditions[static_cast<std::size_t>(worker)].load(std::memory_order_relaxed) != condition) {
+            continue;
+        }
+        if (recordsNotifications) {
+            FakeSeam::Get().Enter("notify", std::to_string(worker));
+        }
+        state.fetch_and(~WaitBits(worker), std::memory_order_relaxed);
+        ReportChange();
+    }
+}
+
+/** Waits until the state meets a condition, which is checked at each change of it. */
+template <typename Condition>
+bool WaitForState(Condition met) {
+    const auto nanoseconds = (Clock::now() + PATIENCE).time_since_epoch();
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(nanoseconds);
+    timespec deadline = {};
+    deadline.tv_sec = seconds.count();
+    deadline.tv_nsec = (nanoseconds - seconds).count();
+    for (;;) {
+        const Bits seen = state.load(std::memory_order_acquire);
+        if (met(seen)) {
+            return true;
+        }
+        if (!SleepUntilChange(seen, CLOCK_MONOTONIC, &deadline)) {
+            return false;
+        }
+    }
+}
+
+}  // namespace
+
+bool WorkersRest() {
+    return WaitForState([](Bits seen) { return (seen & ALL_WAIT_FOR_REQUESTS) == ALL_WAIT_FOR_REQUESTS; });
+}
+
+bool WorkerWaits(eKVGainHandlerType worker, const std::string& lastEntry) {
+    const Query entries = FakeSeam::Get().journal.All().Of(GainHandlerName[worker]);
+    return WaitForState([&](Bits seen) {
+        const std::vector<Entry> all = entries.Entries();
+        return (seen & WaitBits(worker)) != 0 && !all.empty() && all.back().text == lastEntry;
+    });
+}
+
+void NotifyWorker(eKVGainHandlerType worker) {
+    pthread_cond_broadcast(conditions[static_cast<std::size_t>(worker)]);
+}
+
+void SkipStepTimes() {
+    skipsStepTimes = true;
+}
+
+void RecordNotifications(bool record) {
+    recordsNotifications = record;
+}
+
+}  // namespace fake
+
+using fake::IsWorkerWait;
+using fake::Library;
+using fake::WaitAsWorker;
+using fake::WakeWorkersOf;
+
+extern "C" {
+
+int pthread_setname_np(pthread_t thread, const char* name) noexcept {
+    static auto* const setName = Library<decltype(pthread_setname_np)>("pthread_setname_np");
+    const auto found = std::ranges::find(GainHandlerName, name);
+    if (pthread_equal(thread, pthread_self()) != 0 && found != GainHandlerName.end()) {
+        fake::thisWorker = static_cast<int>(found - GainHandlerName.begin());
+    }
+    return setName(thread, name);
+}
+
+int pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
+    static auto* const wait = Library<decltype(pthread_cond_wait)>("pthread_cond_wait");
+    return IsWorkerWait() ? WaitAsWorker(condition, mutex, CLOCK_MONOTONIC, nullptr) : wait(condition, mutex);
+}
+
+int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec* deadline) {
+    static auto* const wait = Library<decltype(pthread_cond_timedwait)>("pthread_cond_timedwait");
+    return IsWorkerWait() ? WaitAsWorker(condition, mutex, CLOCK_REALTIME, deadline)
+                          : wait(condition, mutex, deadline);
+}
+
+int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
+                           const timespec* deadline) {
+    static auto* const wait = Library<decltype(pthread_cond_clockwait)>("pthread_cond_clockwait");
+    return IsWorkerWait() ? WaitAsWorker(condition, mutex, clock, deadline)
+                          : wait(condition, mutex, clock, deadline);
+}
+
+int pthread_cond_broadcast(pthread_cond_t* condition) noexcept {
+    static auto* const broadcast = Library<decltype(pthread_cond_broadcast)>("pthread_cond_broadcast");
+    WakeWorkersOf(condition);
+    return broadcast(condition);
+}
+
+int pthread_cond_signal(pthread_cond_t* condition) noexcept {
+    static auto* const signal = Library<decltype(pthread_cond_signal)>("pthread_cond_signal");
+    WakeWorkersOf(condition);
+    return signal(condition);
+}
+
+}  // extern "C"

@@ -1,0 +1,47 @@
+// SPDX-FileCopyrightText: The kavrel developers
+// SPDX-License-Identifier: MIT
+/**
+ * Waiting for the gain workers, as an event.
+ *
+ * A program with this file replaces the thread library's waits on condition variables. A gain worker that waits
+ * sleeps in this file instead of the library, which therefore knows at each moment which workers wait, and which
+ * of them have been notified but not yet woken up.
+ */
+#ifndef KAVREL_TESTS_WORKERWAITS_H
+#define KAVREL_TESTS_WORKERWAITS_H
+
+#include <string>
+
+#include "KVAudioGainHandler.h"
+
+namespace fake {
+
+/**
+ * Waits until every worker of the only gain controller waits for a request, and nobody has notified it. A worker
+ * can miss a request that comes earlier.
+ * @return false if that takes longer than PATIENCE
+ */
+[[nodiscard]] bool WorkersRest();
+
+/**
+ * Waits until a worker waits, for a request or for the time of its next step, and its last entry in the journal
+ * is this one.
+ * @return false if that takes longer than PATIENCE
+ */
+[[nodiscard]] bool WorkerWaits(NKavrel::eKVGainHandlerType worker, const std::string& lastEntry);
+
+/** Notifies a worker that has waited before, without a request. */
+void NotifyWorker(NKavrel::eKVGainHandlerType worker);
+
+/** Makes each notification of a worker that has waited before enter the journal: "notify(2)" for worker 2. */
+void RecordNotifications(bool record);
+
+/**
+ * From now on no worker waits between two steps of a fade-in or a ramp, or two writes of the gains, if that time is
+ * 100 ms or less.
+ */
+void SkipStepTimes();
+
+}  // namespace fake
+
+#endif
