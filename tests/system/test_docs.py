@@ -31,6 +31,7 @@ OTHER_BLOCKS = {
     "#include <kavrel/kavrel.h>": "a program that test_examples.py builds and runs",
     "gdbus-codegen": "commands that test_examples.py runs",
     "kavrel() {": "a program that test_examples.py runs",
+    "== src/": "a table of mutants",
     "speaker changed cb set failed.": "log lines",
     "#include <audio_hal.h>": "a source that test_platforms.py builds and runs",
 }
@@ -140,6 +141,7 @@ NOT_RUN = {
     "./test packages": "it takes minutes and needs root",
     "./test fuzz": "it searches for minutes; ./test feeds the corpora to the same targets",
     "./test fuzz --planted": "it searches for minutes",
+    **{f"./test mutants{more}": "it builds the tree once more and takes minutes" for more in ("", " KVUtils.cpp", " --note")},
     **{f"./bench{row}": "it takes a minute or more; test_bench.py runs the benchmark with few calls"
        for row in ("", " quick", " get set", " micro", " flood", " timeline")},
     **{command: INSTALLED for command in (
