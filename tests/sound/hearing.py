@@ -27,7 +27,7 @@ FRAME = 8  # bytes: a sample of each of two channels, of which the first is meas
 BLOCK = 4800 * FRAME  # bytes that the player passes on at once
 
 LONGEST_HOLD = 0.01  # seconds for which a machine may hold a program in an undisturbed scene
-ATTEMPTS = 10
+ATTEMPTS = 20
 
 
 def tone_samples():

@@ -5,7 +5,7 @@ import math
 
 import pytest
 
-from hearing import AMPLITUDE, RATE, TONE, Moment, Recording, Tone, envelope, moments_of, plateaus, shift_within
+from hearing import AMPLITUDE, RATE, TONE, Moment, Recording, Tone, envelope, moments_of, plateaus, shift_within, undisturbed
 from servers import SINKS
 
 
@@ -56,15 +56,18 @@ def test_a_server_that_was_killed_starts_again(server):
     assert {sink["name"] for sink in server.list("sinks")} >= set(SINKS)
 
 
-def test_what_a_program_plays_is_heard_with_its_amplitude(server, scene, say):
+def test_what_a_program_plays_is_heard_with_its_amplitude(server, say, request):
     tone = Tone(server, SINKS[0])
-    scene.callback(tone.end)
+    request.addfinalizer(tone.end)
     recording = Recording(server, SINKS[0])
-    scene.callback(recording.end)
-    begin = recording.wait_until_heard(99)
-    recording.wait_for(0.5)
-    heard = envelope(recording.moments(begin))
-    assert max(heard) < 100.5 and min(heard) > 99.5
+    request.addfinalizer(recording.end)
+
+    def scene():
+        begin = recording.wait_until_heard(99)
+        heard = envelope(recording.moments(begin, recording.wait_for(0.5)))
+        assert max(heard) < 100.5 and min(heard) > 99.5
+
+    undisturbed(say, scene)
     server.pactl("set-sink-volume", SINKS[0], "50%")
     server.pactl("set-sink-mute", SINKS[0], "1")
     recording.wait_until_silent()
@@ -72,4 +75,3 @@ def test_what_a_program_plays_is_heard_with_its_amplitude(server, scene, say):
     begin = recording.wait_until_heard(10)
     recording.wait_for(0.2)
     assert envelope(recording.moments(begin))[-1] == pytest.approx(12.5, abs=0.1)
-    say(f"heard {heard[0]:.3f} %")

@@ -58,6 +58,9 @@ struct Snapshot {
     const Sink* FindSink(Index index) const;
     Sink* FindSink(Index index);
     bool HasModule(Index index) const;
+
+    /** PipeWire 0.3.65 now and then leaves a loopback silent that it has moved to another sink. */
+    bool MayLoseMovedSound() const { return server.find("PipeWire") != std::string::npos; }
 };
 
 class Server {

@@ -47,11 +47,24 @@ void Stage::Follow(const Snapshot& snapshot, const Sink* sink) {
         m_server.SetStreamMute(m_stream, false);
     }
     m_sink = sink->index;
+    if (stream->sink != sink->index && snapshot.MayLoseMovedSound()) {
+        Replace(*stream);
+        return;
+    }
     if (stream->sink != sink->index) {
         Move(sink->index);
     }
     if (!IsChanging(m_stream) && !IsAsSet(stream->volume)) {
         Write();
+    }
+}
+
+/** Removes a stage that plays on another sink; the next look makes one for the right sink. */
+void Stage::Replace(const Stream& stream) {
+    if (stream.sink != PA_INVALID_INDEX) {  // else it is new, and on its way to its sink
+        m_module.Unload(m_owner);
+        m_stream = PA_INVALID_INDEX;
+        m_isComing = true;
     }
 }
 

@@ -49,6 +49,7 @@ public:
 
 private:
     void Adopt(const Stream& stream);
+    void Replace(const Stream& stream);
     void Move(Index sink);
     bool IsAsSet(const pa_cvolume& volume) const;
     void Step();
