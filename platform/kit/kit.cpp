@@ -92,7 +92,7 @@ void Cannot(const std::string& what) {
 }
 
 void Unmet(const std::string& what, const char* rule) {
-    Write("NOT JUDGED: " + what + " (another rule judges that: " + rule + ")\n");
+    Write("NOT JUDGED, OTHER RULE: " + what + "; see " + rule + '\n');
     isUnmet = true;
 }
 
@@ -285,7 +285,7 @@ bool Adapt(const std::string& what, const std::function<int()>& call) {
     Step("somebody else: " + what);
     const int answer = Adapt(call);
     if (answer == KIT_CANNOT) {
-        Cannot("the adapter cannot do this: " + what);
+        Cannot("the adapter cannot play this: somebody else " + what);
     } else if (answer != KIT_DONE) {
         Broken("the adapter failed, which says nothing of the platform: " + what + " gave " +
                std::to_string(answer));
@@ -422,11 +422,11 @@ bool Ear::Await(const std::string& text) const {
     return hasCome;
 }
 
-bool Ear::AwaitShortly(const std::string& text) const {
+bool Ear::AwaitBeginning(const std::string& begin) const {
     std::unique_lock lock(m_mutex);
     return m_changed.wait_for(lock, 5 * A_SHORT_TIME, [&] {
         return std::any_of(m_heard.begin(), m_heard.end(),
-                           [&](const Heard& heard) { return heard.text == text; });
+                           [&](const Heard& heard) { return heard.text.starts_with(begin); });
     });
 }
 
@@ -789,19 +789,21 @@ void Settle() {
     static Stream& mark = *std::make_unique<Stream>(KeyStream("memory/kit/mark", SLOTS - 1)).release();
     // The key exists before it is watched: another rule judges keys that do not.
     static const bool isRegistered =
-        vconf_set_str("memory/kit/mark", "") == 0 &&
+        vconf_set_str("memory/kit/mark", "none") == 0 &&
         vconf_notify_key_changed("memory/kit/mark", KeyTable(ALL_SLOTS).back(), nullptr) == 0;
     static std::atomic<int> count = 0;
     static std::atomic<bool> isWorthMarking = true;
-    const auto isMarked = [&] {
-        const std::string text = "mark " + std::to_string(++count);
-        return SomebodySetsQuietly(mark.value, text) && mark.ear(0).AwaitShortly(text);
-    };
     ++quiet;
     for (int i = 0; i < 2; ++i) {
         AwaitEndOfCallbacks();
         if (isRegistered && isWorthMarking) {
-            isWorthMarking = Await(isMarked);  // again and again, if the platform loses one
+            // Again and again, if the platform loses one. A late report of an earlier one will do.
+            const std::string begin = "mark " + std::to_string(++count) + '.';
+            int attempt = 0;
+            isWorthMarking = Await([&] {
+                return SomebodySetsQuietly(mark.value, begin + std::to_string(++attempt)) &&
+                       mark.ear(0).AwaitBeginning(begin);
+            });
         } else {
             std::this_thread::sleep_for(A_SHORT_TIME);
         }

@@ -135,8 +135,8 @@ public:
     std::string Last() const;
     /** Waits for a report of `text`. @return false after some seconds without it */
     bool Await(const std::string& text) const;
-    /** The same for half a second. */
-    bool AwaitShortly(const std::string& text) const;
+    /** Waits half a second for a report of a text with this beginning. */
+    bool AwaitBeginning(const std::string& begin) const;
 
 private:
     const std::string m_name;

@@ -124,7 +124,9 @@ TEST(Registrations, ARemovalWaitsForACallbackThatRunsOnAnotherThread) {
                        stream->name + ": the removal did not return when the callback had")) {
                 EndNow();
             }
-            Check(result == 0, stream->name + ": the removal should return 0");
+            if (result != 0) {
+                Unmet(stream->name + ": the removal of a callback fails", REMOVAL);
+            }
         }
     }
 }

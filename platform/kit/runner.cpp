@@ -218,7 +218,7 @@ public:
             case kit::CANNOT:
                 return {Verdict::CANNOT, LineOf("NOT JUDGED: ")};
             case kit::UNMET:
-                return {Verdict::UNMET, LineOf("NOT JUDGED: ")};
+                return {Verdict::UNMET, LineOf("NOT JUDGED, OTHER RULE: ")};
             case kit::BROKEN:
                 return {Verdict::BROKEN, LineOf("BROKEN: ")};
             default:
