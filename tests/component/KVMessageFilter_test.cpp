@@ -402,4 +402,34 @@ TEST_F(KVMessageFilterDescriptorTest, AMessageForAnyOtherObjectLosesItsDescripto
     EXPECT_TRUE(IsClosed());
 }
 
+TEST_F(KVMessageFilterDescriptorTest, AReplyLosesItsDescriptor) {
+    using Test = std::remove_reference_t<decltype(*this)>;
+    const fake::BusClient peer;
+    const auto answer = [](GDBusConnection* connection, GDBusMessage* call, gboolean incoming,
+                           void* test) -> GDBusMessage* {
+        if (!incoming || g_dbus_message_get_message_type(call) != G_DBUS_MESSAGE_TYPE_METHOD_CALL) {
+            return call;
+        }
+        const auto reply = static_cast<Test*>(test)->WithDescriptor(
+            tools::GLibPtr<GDBusMessage>(g_dbus_message_new_method_reply(call)));
+        g_dbus_connection_send_message(connection, reply.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr,
+                                       nullptr);
+        g_object_unref(call);
+        return nullptr;
+    };
+    const guint filter = g_dbus_connection_add_filter(peer.Connection(), answer, this, nullptr);
+    GUnixFDList* descriptors = nullptr;
+    const tools::Variant reply(g_dbus_connection_call_with_unix_fd_list_sync(
+        Shared(), peer.Name().c_str(), "/", "org.olvane.Test", "Hand", nullptr, nullptr,
+        G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &descriptors, nullptr, nullptr));
+    g_dbus_connection_remove_filter(peer.Connection(), filter);
+    EXPECT_NE(reply, nullptr);
+    EXPECT_EQ(descriptors, nullptr);
+    // Peer and bus have released what they sent before as soon as they have sent something else.
+    EXPECT_NE(
+        peer.Call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId", nullptr),
+        nullptr);
+    EXPECT_TRUE(IsClosed());
+}
+
 }  // namespace

@@ -5,6 +5,8 @@
 #include <atomic>
 #include <cstdlib>
 #include <new>
+#include <string>
+#include <tuple>
 
 #include "DaemonTest.h"
 
@@ -16,6 +18,7 @@ using testing::Not;
 
 /** The daemon's main(); see MainSymbol.h. */
 extern "C" int DaemonMain(int argc, char** argv);
+extern "C" const char kavrel_version[];
 
 namespace {
 
@@ -163,6 +166,26 @@ TEST_F(MainTest, ItServesUntilItsLoopIsLeftAndLeavesTheServerAlive) {
                           "bool NKavrel::KVServer::Init()", RUN_LOOP, RELEASE_LOOP, "main: I Stopped"}),
               Not(Contains("NKavrel::KVServer::~KVServer()"))));
     EXPECT_THAT(journal.Traces().Texts(), Not(Contains(testing::HasSubstr("main()"))));
+}
+
+/** Runs main with one argument. @return its exit status, and what it printed on standard output and error */
+std::tuple<int, std::string, std::string> Answer(std::string argument) {
+    char* both[] = {name, argument.data(), nullptr};
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    const int status = DaemonMain(2, both);
+    const std::string out = testing::internal::GetCapturedStdout();
+    return {status, out, testing::internal::GetCapturedStderr()};
+}
+
+TEST(MainArgumentsTest, HelpAndVersionAreAnsweredAndOtherArgumentsRefused) {
+    EXPECT_EQ(Answer("--version"), std::tuple(0, std::string("kavreld ") + kavrel_version + '\n', ""));
+    const auto [status, help, complaint] = Answer("--help");
+    EXPECT_EQ(status, 0);
+    EXPECT_THAT(help, testing::StartsWith("Usage: kavreld [--help | --version]\n"));
+    EXPECT_EQ(complaint, "");
+    EXPECT_EQ(Answer("-h"), std::tuple(64, "", "kavreld: it takes no argument except --help or --version\n"));
+    EXPECT_THAT(fake::FakeSeam::Get().Entries(), testing::IsEmpty()) << "the TV has been touched";
 }
 
 }  // namespace

@@ -139,6 +139,7 @@ NOT_RUN = {
     "./test --suite unit": "it builds and runs tests that ./test runs",
     "./test --list": "it sets a build directory up",
     "./test packages": "it takes minutes and needs root",
+    "./test coverage": "it builds and runs tests that ./test runs",
     "./test fuzz": "it searches for minutes; ./test feeds the corpora to the same targets",
     "./test fuzz --planted": "it searches for minutes",
     **{f"./test mutants{more}": "it builds the tree once more and takes minutes" for more in ("", " KVUtils.cpp", " --note")},

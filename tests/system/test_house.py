@@ -83,6 +83,6 @@ def test_the_tracer_logs_on_its_two_lines():
 
 
 @pytest.mark.parametrize("script", ["run", "test", "bench", "lint", ".ci/run", "scripts/lib.sh", "scripts/install-packages",
-                                    "scripts/fuzz", "scripts/test-packages", "scripts/test-sound"])
+                                    "scripts/fuzz", "scripts/test-packages", "scripts/test-sound", "scripts/coverage"])
 def test_scripts_are_valid_bash(script):
     subprocess.run(["bash", "-n", ROOT / script], check=True)
