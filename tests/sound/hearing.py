@@ -201,6 +201,16 @@ def shift_within(moments):
     return None
 
 
+def hole_within(moments, reach=5):
+    """Returns the first place of a dip of less than 5 ms, or None. No server keeps a volume for so short a time, and a
+    hole of a whole period does not shift the phase."""
+    for place in range(reach, len(moments) - reach):
+        around = min(moments[place - reach].amplitude, moments[place + reach].amplitude)
+        if around >= Recording.AUDIBLE and moments[place].amplitude < 0.9 * around:
+            return place
+    return None
+
+
 def envelope(moments, window=10):
     """Returns the RMS of the amplitudes in windows of so many milliseconds."""
     return [math.sqrt(statistics.fmean(moment.amplitude ** 2 for moment in moments[start:start + window]))

@@ -7,7 +7,7 @@ import time
 import pytest
 
 from bridge import MAIN, MAIN_GAIN, OUTPUTS, SUB_GAIN, SUB_STAGE
-from hearing import WINDOW, Disturbed, envelope, plateaus, shift_within, undisturbed
+from hearing import WINDOW, Disturbed, envelope, hole_within, plateaus, shift_within, undisturbed
 from test_fades import Recording as ValueRecording
 
 # kavrel-sound turns a step of 5 % into eight, 7 ms apart. PipeWire takes a new volume once in a quantum of 21.3 ms, in which
@@ -19,6 +19,9 @@ def check_continuity(moments):
     shift = shift_within(moments)
     if shift:
         raise Disturbed(f"samples were lost or added after {shift[0]} ms")
+    hole = hole_within(moments)
+    if hole is not None:
+        raise Disturbed(f"there is a hole after {hole} ms")
 
 
 def heard_unmute(sound, recording):

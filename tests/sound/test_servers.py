@@ -5,7 +5,7 @@ import math
 
 import pytest
 
-from hearing import AMPLITUDE, RATE, TONE, Moment, Recording, Tone, envelope, moments_of, plateaus, shift_within, undisturbed
+from hearing import AMPLITUDE, RATE, TONE, Moment, Recording, Tone, envelope, hole_within, moments_of, plateaus, shift_within, undisturbed
 from servers import SINKS
 
 
@@ -24,6 +24,12 @@ def test_the_amplitude_of_a_tone_is_measured():
 @pytest.mark.parametrize("lost", [range(4000, 4480), range(4000, 4960), range(4000, 6400), range(4000, 5024)], ids=len)
 def test_lost_samples_are_noticed(lost):
     assert shift_within(moments_of(sine(0.5, lost=lost))) is not None
+
+
+@pytest.mark.parametrize("length, is_hole", [(0.001, True), (0.004, True), (0.01, False), (0.05, False)])
+def test_a_hole_is_shorter_than_any_volume(length, is_hole):
+    dipped = moments_of(sine(0.3, lambda second: 0.2 if 0.1 <= second < 0.1 + length else 0.5))
+    assert (hole_within(dipped) is not None) == is_hole
 
 
 def test_a_change_of_volume_is_not_taken_for_lost_samples():

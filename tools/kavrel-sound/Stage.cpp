@@ -115,12 +115,15 @@ void Stage::Leave(Index sink) {
 }
 
 void Stage::SetGain(int gain, bool isMuted) {
-    m_smoother.Aim(AmplitudeOfGain(gain));
-    if (m_stream == PA_INVALID_INDEX) {
-        m_smoother.Finish();
-    } else if (isMuted && m_smoother.Target() < m_smoother.Present()) {
+    const double amplitude = AmplitudeOfGain(gain);
+    if (m_stream != PA_INVALID_INDEX && isMuted && amplitude < m_smoother.Present()) {
+        m_smoother.Aim(0);
         m_smoother.Finish();
         Write();
+    }
+    m_smoother.Aim(amplitude);
+    if (m_stream == PA_INVALID_INDEX) {
+        m_smoother.Finish();
     } else if (!m_settings.isSmooth) {
         Step();
     } else if (m_timer == nullptr) {

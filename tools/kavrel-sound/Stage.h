@@ -34,8 +34,8 @@ public:
     void Leave(Index sink);
 
     /** @param gain in percent
-     *  @param isMuted whether the sink is: then a fall, which nobody hears, holds at once, so that an unmute after it
-     *      begins there */
+     *  @param isMuted whether the sink is: then a fall, which nobody hears, goes to silence at once and rises from
+     *      there, so that an unmute after it begins with silence */
     void SetGain(int gain, bool isMuted);
 
     /** Whether it plays on the sink that it follows, or has none to follow. */
