@@ -19,6 +19,7 @@ die() {
 
 # A command or a file of each Debian package: looking for that takes no time, asking dpkg does.
 declare -A proof=(
+    [arch-test]=arch-test
     [build-essential]=/usr/share/build-essential/list
     [clang]=clang++
     [clang-format]=clang-format
@@ -64,7 +65,7 @@ to_test=("${to_run[@]}" dbus-broker make libgtest-dev libgmock-dev python3-gi py
 to_run_sound=("${to_run[@]}" libpulse-dev)
 to_test_sound=("${to_run_sound[@]}" gnuplot-nox pipewire pipewire-pulse pulseaudio pulseaudio-utils python3-gi python3-pytest wireplumber)
 to_bench=("${to_run[@]}" libbenchmark-dev python3 strace)
-to_package=("${to_build[@]}" build-essential debhelper dpkg-dev libpulse-dev lintian lowdown mandoc mmdebstrap python3-gi python3-pytest)
+to_package=("${to_build[@]}" arch-test build-essential debhelper dpkg-dev libpulse-dev lintian lowdown mandoc mmdebstrap python3-gi python3-pytest)
 to_fuzz=("${to_test[@]}" clang llvm)
 to_lint=("${to_test[@]}" libbenchmark-dev libpulse-dev clang clang-format clang-tidy shellcheck)
 

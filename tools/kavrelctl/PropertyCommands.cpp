@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
 #include <algorithm>
+#include <cstdint>
 #include <optional>
 
 #include "Errors.h"
@@ -135,8 +136,8 @@ struct Volume {
         }
         int volume = *number;
         if (isRelative) {
-            const long sum = long{Current(daemon, Property::VOLUME)} + volume;
-            volume = static_cast<int>(std::clamp(sum, 0L, long{MOST_VOLUME}));
+            const std::int64_t sum = std::int64_t{Current(daemon, Property::VOLUME)} + volume;
+            volume = static_cast<int>(std::clamp<std::int64_t>(sum, 0, MOST_VOLUME));
         }
         ThrowIfNotSet(daemon, daemon.Command("SetSpeakerVolume", g_variant_new("(i)", volume)),
                       "the volume was not set");
