@@ -32,7 +32,11 @@ FILES = {
     "kavrel-sound": {"/usr/bin/kavrel-sound", "/usr/lib/systemd/user/kavrel-sound.service",
                      "/usr/share/bash-completion/completions/kavrel-sound", "/usr/share/man/man1/kavrel-sound.1.gz"},
     "kavrel-dev": {f"/usr/share/dbus-1/interfaces/{NAME}.xml", "/usr/include/kavrel/kavrel.h",
-                   "/usr/share/pkgconfig/kavrel.pc"},
+                   "/usr/share/pkgconfig/kavrel.pc",
+                   *(f"/usr/share/kavrel/include/{path.name}" for path in (ROOT / "platform/include").iterdir()),
+                   *(f"/usr/share/kavrel/template/{path.name}" for path in (ROOT / "platform/template").iterdir()),
+                   *(f"/usr/share/kavrel/kit/{path.name}"
+                     for folder in ("kit", "kit/standalone") for path in (ROOT / "platform" / folder).iterdir() if path.is_file())},
 }
 DOCUMENTS = {
     "kavrel": {path.name for path in (ROOT / "docs").glob("*.md")},

@@ -401,6 +401,43 @@ struct FirstRouteOfAZoneIsSilent : Platform {
     std::set<std::string> m_zonesAtFirst;
 };
 
+/** A change that a callback makes is reported when the callback has returned. */
+struct QueuesChangesInsideCallbacks : Platform {
+    void Deliver(const std::string& name, const std::string& text) override {
+        m_waiting.push_back({name, text});
+        if (std::exchange(m_isDelivering, true)) {
+            return;
+        }
+        while (!m_waiting.empty()) {
+            const Pending next = m_waiting.front();
+            m_waiting.pop_front();
+            Platform::Deliver(next.name, next.text);
+        }
+        m_isDelivering = false;
+    }
+    std::deque<Pending> m_waiting;  // guarded by m_delivery, like the next
+    bool m_isDelivering = false;
+};
+
+/** A new registration begins with the value that the last one had heard. */
+struct RemembersTheOldValue : Platform {
+    int Add(const std::string& topic, const std::string& slot, const void* callback,
+            Handler handler) override {
+        const Guard delivery(m_delivery);
+        std::map<std::string, std::string> before;
+        {
+            const StateGuard guard(m_state);
+            before = m_known;
+        }
+        const int id = Platform::Add(topic, slot, callback, std::move(handler));
+        const StateGuard guard(m_state);
+        for (const auto& [name, text] : before) {
+            m_known[name] = text;
+        }
+        return id;
+    }
+};
+
 // --- Values
 
 struct ClampsTheVolume : Platform {
@@ -519,6 +556,8 @@ Platform* MakeWrong(const std::string& name) {
         {"ReportsBeforeItWrites", Make<ReportsBeforeItWrites>},
         {"MuteOfTheHalAlone", Make<MuteOfTheHalAlone>},
         {"FirstRouteOfAZoneIsSilent", Make<FirstRouteOfAZoneIsSilent>},
+        {"QueuesChangesInsideCallbacks", Make<QueuesChangesInsideCallbacks>},
+        {"RemembersTheOldValue", Make<RemembersTheOldValue>},
         {"ClampsTheVolume", Make<ClampsTheVolume>},
         {"FailedReadIsZero", Make<FailedReadIsZero>},
         {"UnknownZoneIsFine", Make<UnknownZoneIsFine>},

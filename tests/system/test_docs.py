@@ -33,6 +33,7 @@ OTHER_BLOCKS = {
     "kavrel() {": "a program that test_examples.py runs",
     "== src/": "a table of mutants",
     "speaker changed cb set failed.": "log lines",
+    "AudioHal.AVolume": "an output",
     "#include <audio_hal.h>": "a source that test_platforms.py builds and runs",
 }
 
@@ -164,7 +165,10 @@ NOT_RUN = {
     "kavrelctl monitor": "the table names it for a platform that is being written; test_kavrelctl.py runs it",
     **{command: "it needs an adapter" for command in (
         "meson setup -Dplatform=external -Dplatform_libs=$HOME/tv/build/libtvplatform.a -Dplatform_adapter=$HOME/tv/adapter.cpp build/judged",
-        "meson test -C build/judged --suite platform")},
+        "meson test -C build/judged --suite platform --print-errorlogs",
+        "build/judged/platform/kit/platform-kit --list",
+        "meson setup -Dplatform_libs=$HOME/tv/build/libtvplatform.a -Dplatform_adapter=$HOME/tv/adapter.cpp build/kit /usr/share/kavrel/kit",
+        "meson test -C build/kit --print-errorlogs")},
     "dpkg-buildpackage -us -uc -b": "it writes beside the checkout; ./test packages makes the packages from a copy",
     "meson dist -C build/test": "it takes minutes and needs a checkout without changes",
     "systemd-analyze security kavrel.service": "test_installation.py rates the unit without installing it",

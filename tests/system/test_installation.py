@@ -44,6 +44,20 @@ def test_each_file_is_in_its_place(installed):
         assert (installed / PREFIX / path).is_file(), path
 
 
+def test_the_acceptance_kit_is_a_project_that_can_be_set_up(installed, tmp_path):
+    adapter = ROOT / "platform/kit/host_adapter.cpp"
+    done = subprocess.run(["meson", "setup", "-Dplatform_libs=m", f"-Dplatform_adapter={adapter}", tmp_path / "kit",
+                           installed / PREFIX / "share/kavrel/kit"], capture_output=True, text=True, check=False,
+                          stdin=subprocess.DEVNULL)
+    assert done.returncode == 0, done.stdout
+    commands = json.loads((tmp_path / "kit/compile_commands.json").read_text())
+    sources = {(tmp_path / "kit" / command["file"]).resolve() for command in commands}
+    assert adapter in sources
+    assert {source.name for source in sources} == {path.name for path in (ROOT / "platform/kit").glob("*.cpp")}
+    for header in ("vconf.h", "dlog.h"):
+        assert (installed / PREFIX / "share/kavrel/include" / header).is_file()
+
+
 def read_elf(*arguments):
     return subprocess.run(["readelf", "--wide", *arguments], capture_output=True, text=True, check=True).stdout
 

@@ -40,6 +40,8 @@ WRONG = {
     "ReportsBeforeItWrites": "Callbacks.FindTheNewValueInTheGetters",
     "MuteOfTheHalAlone": "Reports.MasterMuteIsOneValueForBothInterfaces",
     "FirstRouteOfAZoneIsSilent": "Zones.TheFirstRouteOfANewZoneIsReported",
+    "QueuesChangesInsideCallbacks": "Callbacks.MaySetOtherValues",
+    "RemembersTheOldValue": "Registrations.TheValueAtRegistrationIsNotReported",
     "ClampsTheVolume": "AudioHal.AVolumeOutOfRangeFailsAndChangesNothing",
     "FailedReadIsZero": "Reading.AFailedReadLeavesItsArgumentAsItWas",
     "UnknownZoneIsFine": "SoundManager.TheRouteOfAnUnknownZoneIs0xFE6A0004",
