@@ -14,7 +14,8 @@ import textwrap
 from pathlib import Path
 
 PAGES = ("kavreld(8)", "kavrelctl(1)", "kavrel-tv(1)", "kavrel-sound(1)")
-ENTRY = re.compile(r"^  (?P<name>\S.*?)  +(?P<text>\S.*(?:\n {10,}\S.*)*)", re.MULTILINE)
+# Two spaces end a name, or one if the name fills its column.
+ENTRY = re.compile(r"^  (?P<name>\S.*?)(?:  +|(?<=^.{21}) )(?P<text>\S.*(?:\n {10,}\S.*)*)", re.MULTILINE)
 
 
 def help_of(*command):
