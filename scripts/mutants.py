@@ -197,15 +197,16 @@ def write_if_new(path, content):
         path.write_bytes(content)
 
 
+def mutated(name, mutants, sources):
+    """The content of a source with its mutants: the header takes the place of the first line, a comment."""
+    text = planted(sources[name], [mutant for mutant in mutants if mutant.file == name])
+    return f'#include "{TREE.parent}/mutant.h"{text[text.index(chr(10)):]}'.encode()
+
+
 def plant(mutants, sources, files):
     write_if_new(TREE.parent / "mutant.h", HEADER.encode())
-    include = f'#include "{TREE.parent}/mutant.h"'
     for name in files:
-        content = (ROOT / name).read_bytes()
-        if name in sources:
-            text = planted(sources[name], [mutant for mutant in mutants if mutant.file == name])
-            content = (include + text[text.index("\n"):]).encode()
-        write_if_new(TREE / name, content)
+        write_if_new(TREE / name, mutated(name, mutants, sources) if name in sources else (ROOT / name).read_bytes())
         (TREE / name).chmod((ROOT / name).stat().st_mode)
     wanted = {TREE / name for name in files}
     for path in [path for path in TREE.rglob("*") if path.is_file() and path not in wanted]:
@@ -254,10 +255,15 @@ def order_for(mutant, tests):
 def has_case(test, case):
     if not test.is_gtest:
         return case.startswith(f"test_{test.name}.py::")
-    patterns = next((part for part in test.command if part.startswith("--gtest_filter=")), "=*").partition("=")[2]
-    suite = case.partition(".")[0].split("/")[-1]
-    return "." in case and any(re.fullmatch(pattern.replace(".", r"\.").replace("*", ".*"), case)
-                               for pattern in patterns.split(":")) if patterns != "*" else test.name in suite
+    chosen = next((part.partition("=")[2] for part in test.command if part.startswith("--gtest_filter=")), None)
+    if chosen is None:  # a program of its own
+        return "." in case and test.name.lower() in case.lower()
+    wanted, _, unwanted = chosen.partition("-")
+
+    def fits(patterns):
+        return any(re.fullmatch(re.escape(pattern).replace(r"\*", ".*"), case) for pattern in patterns.split(":"))
+
+    return "." in case and (not wanted or fits(wanted)) and not fits(unwanted)
 
 
 class Runs:
@@ -404,7 +410,10 @@ def main():
         print(f"{len(counted)} mutants, and {len(mutants) - len(counted)} that no test can notice")
         return 0
     chosen = chosen_of(mutants, options.wanted)
-    if not options.as_built:
+    if options.as_built:
+        if any((TREE / name).read_bytes() != mutated(name, mutants, sources) for name in sources):
+            raise TableError("the build is older than the tables or the sources: leave --as-built out")
+    else:
         plant(mutants, sources, sys.stdin.read().split("\n")[:-1])
         build()
     tests = [test for test in all_tests() if (not options.suite or test.suite in options.suite)
