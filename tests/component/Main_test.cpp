@@ -185,7 +185,8 @@ TEST(MainArgumentsTest, HelpAndVersionAreAnsweredAndOtherArgumentsRefused) {
     EXPECT_THAT(help, testing::StartsWith("Usage: kavreld [--help | --version]\n"));
     EXPECT_EQ(complaint, "");
     EXPECT_EQ(Answer("-h"), std::tuple(64, "", "kavreld: it takes no argument except --help or --version\n"));
-    EXPECT_THAT(fake::FakeSeam::Get().Entries(), testing::IsEmpty()) << "the TV has been touched";
+    EXPECT_THAT(fake::FakeSeam::Get().journal.All().Entries(), testing::IsEmpty())
+        << "the TV has been touched";
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <iostream>
 #include <memory>
 #include <thread>
@@ -47,25 +46,6 @@ std::optional<int> FakeSeam::Enter(const std::string& name, const std::string& a
 
 bool FakeSeam::IsInsideHook() {
     return runningHooks > 0;
-}
-
-std::vector<std::string> FakeSeam::Trace() const {
-    std::vector<std::string> texts = journal.Traces().Texts();
-    for (std::string& text : texts) {
-        text.erase(0, std::strlen("D \t"));
-    }
-    return texts;
-}
-
-std::vector<Entry> FakeSeam::Entries() const {
-    std::vector<Entry> entries = journal.All().Entries();
-    std::erase_if(entries, [](const Entry& entry) { return entry.kind == Entry::Kind::GAIN; });
-    return entries;
-}
-
-std::optional<Entry> FakeSeam::Find(const std::string& text) const {
-    const std::vector<Entry> entries = journal.With(text).Entries();
-    return entries.empty() ? std::nullopt : std::optional(entries.front());
 }
 
 void OnPlatformThread(const std::function<void()>& action) {

@@ -24,6 +24,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "FakeTv.h"
 #include "Interference.h"
@@ -35,7 +36,7 @@ class FakeSeam : public FakeTv, public Interference {
 public:
     static FakeSeam& Get();
 
-    fake::Journal journal;
+    Journal journal;
 
     /**
      * Restores the default TV: internal speaker, multi-view supported but off, no projector, route 0, volume
@@ -53,35 +54,10 @@ public:
     /** Whether the calling thread runs the code of a hook. */
     static bool IsInsideHook();
 
-    // Old names of queries.
+    // Old names of two queries.
 
-    std::vector<std::string> Log(int lowestPriority = DLOG_INFO) const {
-        return journal.Logs(lowestPriority).Texts();
-    }
-    std::vector<std::string> Calls(std::string_view prefix = {}) const {
-        return journal.Calls(std::string(prefix)).Texts();
-    }
-    std::vector<std::string> Journal() const { return journal.Texts(); }
-    std::vector<std::string> Trace() const;
-    std::vector<std::string> TraceNames() const { return journal.Traces().Names(); }
     std::vector<std::string> JournalHere() const { return journal.Here().Texts(); }
-    std::vector<std::string> LogHere() const { return journal.Here().Logs().Texts(); }
-    std::vector<std::string> CallsHere() const { return journal.Here().Calls().Texts(); }
-    std::vector<Entry> Entries() const;
-    std::optional<Entry> Find(const std::string& text) const;
-    std::string FunctionOf(const std::string& text) const { return journal.With(text).Function(); }
     int Count(const std::string& text) const { return journal.With(text).Count(); }
-    std::vector<std::string> GainWrites() const { return journal.Gains().Texts(); }
-    std::vector<int> GainWrites(Out out) const { return journal.Gains(out).Numbers(); }
-    bool WaitFor(const std::string& text, int count = 1, std::chrono::milliseconds timeout = PATIENCE) const {
-        return journal.With(text).Wait(count, timeout);
-    }
-    bool WaitForLog(const std::string& text, std::chrono::milliseconds timeout = PATIENCE) const {
-        return journal.With(text).Wait(1, timeout);
-    }
-    bool WaitForGainWrite(const std::string& write, std::chrono::milliseconds timeout = PATIENCE) const {
-        return journal.With(write).Wait(1, timeout);
-    }
 
 private:
     friend class Seam;
