@@ -43,7 +43,7 @@ DOCUMENTS = {
     "kavrel-tools": set(),
     "kavrel-tv": {f"examples/{path.name}" for path in (ROOT / "scenarios").glob("*.txt")},
     "kavrel-sound": set(),
-    "kavrel-dev": {"integration.md"} | {f"examples/{path.name}" for path in (ROOT / "examples").iterdir()},
+    "kavrel-dev": {"integration.md", "porting.md"} | {f"examples/{path.name}" for path in (ROOT / "examples").iterdir()},
 }
 PAGES = {"kavreld.8": "kavrel", "kavrelctl.1": "kavrel-tools", "kavrel-tv.1": "kavrel-tv",
          "kavrel-sound.1": "kavrel-sound"}
