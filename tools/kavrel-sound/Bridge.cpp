@@ -85,6 +85,7 @@ bool Bridge::IsMuted(const std::string& sink) const {
 
 /** Applies a request to the output in use. */
 void Bridge::Answer(bool isLevel) {
+    m_player.Look();  // the other program may have been ended before it could remove its process id
     const tv::DeviceKind* const kind = tv::ReadOutput().Device();
     const tv::Integer asked = tv::ReadInteger(isLevel ? host::LEVEL_REQUEST : host::MUTE_REQUEST);
     if (kind == nullptr || !asked || !m_player.IsThisProcess()) {
