@@ -46,12 +46,9 @@ const Sink* Snapshot::FindSink(Index index) const {
 }
 
 Sink* Snapshot::FindSink(Index index) {
-    return const_cast<Sink*>(std::as_const(*this).FindSink(index));
-}
-
-bool Snapshot::HasModule(Index index) const {
-    return std::any_of(modules.begin(), modules.end(),
-                       [=](const Module& module) { return module.index == index; });
+    const auto found =
+        std::find_if(sinks.begin(), sinks.end(), [=](const Sink& sink) { return sink.index == index; });
+    return found != sinks.end() ? &*found : nullptr;
 }
 
 // --- Requests
@@ -114,11 +111,11 @@ void Server::End(const Request& request) {
 
 template <typename Info>
 void Server::List(pa_operation* (*ask)(pa_context*, void (*)(pa_context*, const Info*, int, void*), void*),
-                  std::function<void(const Info&)> each, std::function<void()> done) {
+                  std::function<void(const Info&)> each, const std::function<void()>& done) {
     auto request = std::make_unique<ListRequest<Info>>();
     request->server = this;
     request->each = std::move(each);
-    request->done = std::move(done);
+    request->done = done;
     auto* const data = request.get();
     Keep(std::move(request), ask(m_context.get(), ListRequest<Info>::Answer, data));
 }

@@ -57,7 +57,6 @@ struct Snapshot {
     const Sink* FindSink(const std::string& name) const;
     const Sink* FindSink(Index index) const;
     Sink* FindSink(Index index);
-    bool HasModule(Index index) const;
 
     /** PipeWire 0.3.65 now and then leaves a loopback silent that it has moved to another sink. */
     bool MayLoseMovedSound() const { return server.find("PipeWire") != std::string::npos; }
@@ -121,7 +120,7 @@ private:
     void Keep(std::unique_ptr<Request> request, pa_operation* operation);
     template <typename Info>
     void List(pa_operation* (*ask)(pa_context*, void (*)(pa_context*, const Info*, int, void*), void*),
-              std::function<void(const Info&)> each, std::function<void()> done);
+              std::function<void(const Info&)> each, const std::function<void()>& done);
     /** @param ask makes the operation, with the callback and its argument */
     void Do(const std::function<pa_operation*(pa_context_success_cb_t, void*)>& ask, Done done);
     static void OnServerInfo(pa_context* context, const pa_server_info* info, void* request);
