@@ -489,19 +489,19 @@ void OnKey(keynode_t* node, void* data) {
 constexpr auto ALL_SLOTS = std::make_index_sequence<SLOTS>();
 
 template <Id ID, std::size_t... SLOT>
-auto UnsignedTable(std::index_sequence<SLOT...>) {
+auto UnsignedTable(std::index_sequence<SLOT...> /*slots*/) {
     return std::array{&OnUnsigned<ID, SLOT>...};
 }
 template <Id ID, std::size_t... SLOT>
-auto IntegerTable(std::index_sequence<SLOT...>) {
+auto IntegerTable(std::index_sequence<SLOT...> /*slots*/) {
     return std::array{&OnInteger<ID, SLOT>...};
 }
 template <std::size_t... SLOT>
-auto ZoneTable(std::index_sequence<SLOT...>) {
+auto ZoneTable(std::index_sequence<SLOT...> /*slots*/) {
     return std::array{&OnZone<SLOT>...};
 }
 template <std::size_t... SLOT>
-auto KeyTable(std::index_sequence<SLOT...>) {
+auto KeyTable(std::index_sequence<SLOT...> /*slots*/) {
     return std::array{&OnKey<SLOT>...};
 }
 
@@ -829,14 +829,12 @@ char StateOf(const std::string& thread) {
 bool DoOthersRest() {
     const std::string own = std::to_string(gettid());
     std::error_code error;
-    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task", error)) {
+    const std::filesystem::directory_iterator tasks("/proc/self/task", error);
+    return std::ranges::all_of(tasks, [&](const auto& task) {
         const std::string thread = task.path().filename();
         const char state = thread == own ? 'S' : StateOf(thread);
-        if (state != 'S' && state != '\0') {
-            return false;
-        }
-    }
-    return true;
+        return state == 'S' || state == '\0';
+    });
 }
 
 /** Waits until `isAtRest` in many looks in a row, at most some seconds. */
