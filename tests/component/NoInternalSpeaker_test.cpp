@@ -55,6 +55,14 @@ TEST_F(NoInternalSpeakerTest, AnOutputThatGoesFallsBackToTheOpticalOne) {
                             "sound_manager_set_speaker_selection(1)"));
 }
 
+TEST_F(NoInternalSpeakerTest, AnUnreadableRouteIsTheOpticalOne) {
+    seam.Fail("sound_manager_get_speaker_selection", -5);
+    daemon.reset();
+    seam.Clear();
+    Start();
+    EXPECT_EQ(daemon->Server().getCurrentSpeaker()->GetSpeakerSelection(), 1);
+}
+
 TEST_F(NoInternalSpeakerTest, BeforeAnyChangeThePreviousOutputIsTheOpticalOne) {
     Emit("BudsDisconnected", g_variant_new("(i)", 0));
     EXPECT_THAT(OfHandler(),

@@ -108,6 +108,21 @@ TEST_P(ExternalSpeakerTest, ReadsItsOwnKeysAndWritesTheTwoThatAllShare) {
     EXPECT_THAT(journal.Logs().Texts(), Contains("I current mute [1]"));
 }
 
+TEST_P(ExternalSpeakerTest, EachOperationNeedsItsOwnBitOnly) {
+    seam.SetInt(keys.levelKey, 17);
+    seam.SetInt(keys.muteKey, 1);
+    for (const int bit : {1, 2, 4, 8}) {
+        SetSupport(bit);
+        speaker = keys.make();
+        int volume = 0;
+        bool mute = false;
+        EXPECT_EQ(speaker->GetVolume(volume), bit == 1 ? 0 : -4);
+        EXPECT_EQ(speaker->SetVolume(30), bit == 2 ? 0 : -4);
+        EXPECT_EQ(speaker->GetVolumeMute(mute), bit == 4 ? 0 : -4);
+        EXPECT_EQ(speaker->SetVolumeMute(true), bit == 8 ? 0 : -4);
+    }
+}
+
 TEST_P(ExternalSpeakerTest, LevelsPassThroughUnscaled) {
     SetSupport(0xf);
     for (const int level : {0, 100, 101, -7, 2147483647, -2147483647 - 1}) {

@@ -3,8 +3,10 @@
 /** Tests the pulse worker and the gain-out worker. */
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <limits>
 
@@ -281,6 +283,35 @@ TEST_F(KVAudioGainHandlerPulseTest, WithGainControlDisabledThePulseGainIsOnlySto
     EXPECT_THAT(journal.Of(PULSE_WORKER).Texts(), ElementsAre(WAKE, "E Disable Gain Control", IDLE, SLEEP));
     EXPECT_EQ(Gain(GAIN_HANDLER_PULSE_RAMP), 50);
     EXPECT_THAT(journal.Gains().Texts(), IsEmpty());
+}
+
+TEST_F(KVAudioGainHandlerPulseTest, ARequestIsRaisedOnlyWhenItsTargetIsStored) {
+    Start();
+    seam.BeforeNext("D \t[IN]void NKavrel::KVAudioGainHandler::SetPulseTargetValue(int, int)", [this] {
+        gain->_ApplyAudioGain(GAIN_HANDLER_PULSE_RAMP, 1, 100, false);  // wakes the pulse worker
+        EXPECT_TRUE(Rest());
+    });
+    EXPECT_EQ(gain->ApplyPulseAudioGain(50, 0), 0);
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(journal.Of(PULSE_WORKER).Texts(), Contains(WAKE).Times(1));
+    EXPECT_THAT(PulseStores(), ElementsAre(50));
+}
+
+TEST_F(KVAudioGainHandlerPulseTest, AnAtOnceRequestIsPendingUntilItIsWritten) {
+    Start();
+    fake::Gate gate;
+    seam.Before("D \t[IN]int NKavrel::KVAudioGainHandler::SetAudioGain(int)", [&gate] {
+        std::array<char, 16> name = {};
+        pthread_getname_np(pthread_self(), name.data(), name.size());
+        if (std::string(name.data()) == PULSE_WORKER) {
+            gate.Pass();
+        }
+    });
+    EXPECT_EQ(gain->ApplyPulseAudioGain(50, 0), 0);
+    ASSERT_TRUE(gate.WaitReached());
+    EXPECT_LT(ShortestPeriod(20ms), 20ms) << "the period of a pending request without a duration";
+    gate.Open();
+    ASSERT_TRUE(Rest());
 }
 
 // Targets

@@ -113,15 +113,25 @@ TEST_F(VolumeControlImplTest, TheEndUndoesEverythingInItsOrder) {
 }
 
 TEST_F(VolumeControlImplTest, AReportDuringTheStartIsRefusedUntilTheFirstSpeakerExists) {
-    seam.BeforeNext("vconf_notify_key_changed(\"memory/sysman/spdif\")",
-                    [this] { fake::OnPlatformThread([this] { seam.FireRoute(2); }); });
-    seam.BeforeNext("audio_register_master_volume_changed_cb",
-                    [this] { fake::OnPlatformThread([this] { seam.FireRoute(2); }); });
-    seam.BeforeNext("I route:2", [this] { seam.SetRoute(0); });
+    const std::vector<std::string> moments = {
+        "vconf_notify_key_changed(\"memory/sysman/spdif\")",
+        "vconf_get_int(\"memory/menu/network/screenmirroring/smsrc_status\")",
+        "vconf_notify_key_changed(\"memory/multiscreen/info\")",
+        "rc_register_audio_focus_changed_callback()",
+        "sound_manager_get_speaker_selection()",
+        "I Create TV Speaker",
+        "audio_register_master_mute_changed_cb()"};
+    for (const std::string& moment : moments) {
+        seam.BeforeNext(moment, [this] {
+            fake::OnPlatformThread([this] { seam.FireRoute(2); });
+            seam.SetRoute(0);  // the route that the object reads is another one than the report's
+        });
+    }
     Make();
-    EXPECT_EQ(journal.With("E owns_lock").Count(), 1);
+    EXPECT_EQ(journal.With("E owns_lock").Count(), static_cast<int>(moments.size()));
     EXPECT_EQ(journal.With("E owns_lock").Function(), "SpeakerChangedCallback");
-    EXPECT_EQ(control->GetSpeakerSelection(), 2);
+    EXPECT_EQ(journal.With("I Type(0->2)").Count(), 0);
+    EXPECT_EQ(control->GetSpeakerSelection(), 0);
 }
 
 TEST_F(VolumeControlImplTest, AReportWhileTheGainControllerIsMadeIsServed) {

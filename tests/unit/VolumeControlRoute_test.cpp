@@ -435,6 +435,36 @@ TEST_F(VolumeControlRouteTest, InMultiViewAMissingHeadsetDoesNotMatchAMissingFoc
     EXPECT_EQ(journal.With("rc_get_zone_list()").Count(), 0);
 }
 
+TEST_F(VolumeControlRouteTest, InMultiViewAHeadsetInZoneZeroIsOneAndAMissingFocusIsNot) {
+    StartInMultiView();
+    GoInZone(1, 9, 2);
+    seam.SetInt(fake::SUB_BT_KEY, 0);
+    seam.ReportOwnChanges(false);
+    seam.SetFocus(std::nullopt);
+    seam.FireKey(fake::SPDIF_KEY, 0);
+    EXPECT_EQ(seam.Count("I Skip. Curr:2 Prev:9"), 1) << "an unreadable focus is in no zone, not in zone 0";
+    GoInZone(1, 9, 2);
+    seam.SetFocus(0);
+    seam.FireKey(fake::SPDIF_KEY, 0);
+    EXPECT_EQ(seam.Count("I Prev:9->0"), 1);
+    EXPECT_EQ(seam.Count("I Skip. Curr:2 Prev:9"), 0);
+}
+
+TEST_F(VolumeControlRouteTest, InMultiViewAHeadsetInAZoneBelowMinusOneIsOne) {
+    StartInMultiView();
+    GoInZone(1, 9, 2);
+    seam.SetZones({{-2, 2}, {1, 2}});
+    seam.SetInt(fake::SUB_BT_KEY, -2);
+    seam.SetFocus(-2);
+    seam.ReportOwnChanges(false);
+    seam.FireKey(fake::SPDIF_KEY, 0);
+    EXPECT_EQ(seam.Count("I Prev:9->0"), 1);
+    EXPECT_EQ(seam.Count("I Skip. Curr:2 Prev:9"), 0);
+    EXPECT_EQ(seam.Count("I [Zone:-2] SubBT is connected. Skip current zone"), 1);
+    EXPECT_EQ(seam.Count(SetZoneRouteCall(0, -2)), 0);
+    EXPECT_EQ(seam.Count(SetZoneRouteCall(0, 1)), 1);
+}
+
 // Mirroring to a mobile device
 
 TEST_F(VolumeControlRouteTest, MirroringReportsWithoutNodeOrUserDataAreLoggedAndDropped) {

@@ -330,8 +330,9 @@ TEST_F(VolumeControlVolumeTest, OtherSourcesAndPathsAreTheGainControllersBusines
 TEST_F(VolumeControlVolumeTest, ThePulseGainIsPassedOn) {
     Start();
     // The request also wakes the gain-out worker, which could write between the pulse worker's two writes.
-    const auto gainOut = seam.BlockNext("I AudioGainOut. Update(M:1/S:1)");
+    auto gainOut = seam.BlockNext("D \t[IN]bool NKavrel::KVAudioGainHandler::IsMainOutUpdating()");
     EXPECT_EQ(control->ApplyPulseAudioGain(50, 0), 0);
+    ASSERT_TRUE(gainOut.WaitReached());
     ASSERT_TRUE(journal.With("I Sleep PulseRampH").Wait());
     EXPECT_THAT(journal.Gains().Texts(), ElementsAre(fake::MainGain(50), fake::SubGain(50)));
 }

@@ -352,6 +352,23 @@ TEST_F(VolumeControlZonesTest, AFocusReportInSingleViewChangesNothing) {
     EXPECT_EQ(control->GetSpeakerSelection(), 0);
 }
 
+TEST_F(VolumeControlZonesTest, AFocusReportInSingleViewIsDroppedEvenIfItMeetsTheLock) {
+    Start();
+    const BusyOnAnotherThread busy(*control);
+    seam.Clear();
+    seam.FireFocus(2);
+    EXPECT_THAT(seam.JournalHere(), ElementsAre("E For single view. not this cb"));
+}
+
+TEST_F(VolumeControlZonesTest, ANegativeZoneIsNoZoneInFocus) {
+    StartInMultiView();
+    seam.FireFocus(-2);
+    seam.Clear();
+    seam.FireZoneRoute(4, 2);
+    EXPECT_EQ(control->GetSpeakerSelection(), 4);
+    EXPECT_EQ(seam.Count("I Focus:-2 Speaker Changed. not for 2"), 0);
+}
+
 TEST_F(VolumeControlZonesTest, AFocusReportThatMeetsTheLockIsLost) {
     StartInMultiView();
     {
