@@ -54,11 +54,6 @@ public:
     /** Whether the calling thread runs the code of a hook. */
     static bool IsInsideHook();
 
-    // Old names of two queries.
-
-    std::vector<std::string> JournalHere() const { return journal.Here().Texts(); }
-    int Count(const std::string& text) const { return journal.With(text).Count(); }
-
 private:
     friend class Seam;
 

@@ -442,12 +442,13 @@ TEST_F(VolumeControlRouteTest, InMultiViewAHeadsetInZoneZeroIsOneAndAMissingFocu
     seam.ReportOwnChanges(false);
     seam.SetFocus(std::nullopt);
     seam.FireKey(fake::SPDIF_KEY, 0);
-    EXPECT_EQ(seam.Count("I Skip. Curr:2 Prev:9"), 1) << "an unreadable focus is in no zone, not in zone 0";
+    EXPECT_EQ(journal.With("I Skip. Curr:2 Prev:9").Count(), 1)
+        << "an unreadable focus is in no zone, not in zone 0";
     GoInZone(1, 9, 2);
     seam.SetFocus(0);
     seam.FireKey(fake::SPDIF_KEY, 0);
-    EXPECT_EQ(seam.Count("I Prev:9->0"), 1);
-    EXPECT_EQ(seam.Count("I Skip. Curr:2 Prev:9"), 0);
+    EXPECT_EQ(journal.With("I Prev:9->0").Count(), 1);
+    EXPECT_EQ(journal.With("I Skip. Curr:2 Prev:9").Count(), 0);
 }
 
 TEST_F(VolumeControlRouteTest, InMultiViewAHeadsetInAZoneBelowMinusOneIsOne) {
@@ -458,11 +459,11 @@ TEST_F(VolumeControlRouteTest, InMultiViewAHeadsetInAZoneBelowMinusOneIsOne) {
     seam.SetFocus(-2);
     seam.ReportOwnChanges(false);
     seam.FireKey(fake::SPDIF_KEY, 0);
-    EXPECT_EQ(seam.Count("I Prev:9->0"), 1);
-    EXPECT_EQ(seam.Count("I Skip. Curr:2 Prev:9"), 0);
-    EXPECT_EQ(seam.Count("I [Zone:-2] SubBT is connected. Skip current zone"), 1);
-    EXPECT_EQ(seam.Count(SetZoneRouteCall(0, -2)), 0);
-    EXPECT_EQ(seam.Count(SetZoneRouteCall(0, 1)), 1);
+    EXPECT_EQ(journal.With("I Prev:9->0").Count(), 1);
+    EXPECT_EQ(journal.With("I Skip. Curr:2 Prev:9").Count(), 0);
+    EXPECT_EQ(journal.With("I [Zone:-2] SubBT is connected. Skip current zone").Count(), 1);
+    EXPECT_EQ(journal.With(SetZoneRouteCall(0, -2)).Count(), 0);
+    EXPECT_EQ(journal.With(SetZoneRouteCall(0, 1)).Count(), 1);
 }
 
 // Mirroring to a mobile device

@@ -357,7 +357,7 @@ TEST_F(VolumeControlZonesTest, AFocusReportInSingleViewIsDroppedEvenIfItMeetsThe
     const BusyOnAnotherThread busy(*control);
     seam.Clear();
     seam.FireFocus(2);
-    EXPECT_THAT(seam.JournalHere(), ElementsAre("E For single view. not this cb"));
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre("E For single view. not this cb"));
 }
 
 TEST_F(VolumeControlZonesTest, ANegativeZoneIsNoZoneInFocus) {
@@ -366,7 +366,7 @@ TEST_F(VolumeControlZonesTest, ANegativeZoneIsNoZoneInFocus) {
     seam.Clear();
     seam.FireZoneRoute(4, 2);
     EXPECT_EQ(control->GetSpeakerSelection(), 4);
-    EXPECT_EQ(seam.Count("I Focus:-2 Speaker Changed. not for 2"), 0);
+    EXPECT_EQ(journal.With("I Focus:-2 Speaker Changed. not for 2").Count(), 0);
 }
 
 TEST_F(VolumeControlZonesTest, AFocusReportThatMeetsTheLockIsLost) {
