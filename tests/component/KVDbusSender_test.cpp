@@ -93,6 +93,13 @@ TEST_F(KVDbusSenderTest, ANewCallerIsLookedUpWhenTheLoopIsIdleAndKnownFromThenOn
     EXPECT_THAT(journal.Here().Lines(), ElementsAre("Print: I Called by [" + caller + ']'));
 }
 
+TEST_F(KVDbusSenderTest, ALookUpComesAfterTheMessagesThatWait) {
+    tracker.Print(client.Name());
+    GSource* lookUp = g_main_context_find_source_by_user_data(nullptr, &tracker);
+    ASSERT_NE(lookUp, nullptr);
+    EXPECT_EQ(g_source_get_priority(lookUp), G_PRIORITY_DEFAULT_IDLE);
+}
+
 TEST_F(KVDbusSenderTest, ACallerSeenTwiceBeforeTheLoopIsIdleIsLookedUpTwice) {
     const std::string caller = client.Name() + '/' + ProgramName();
     tracker.Print(client.Name());

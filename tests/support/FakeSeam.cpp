@@ -74,6 +74,9 @@ class JournalListener : public testing::EmptyTestEventListener {
     void OnTestStart(const testing::TestInfo&) override { FakeSeam::Get().Reset(); }
 
     void OnTestEnd(const testing::TestInfo& test) override {
+        for (const std::string& what : FakeSeam::Get().Unused()) {
+            ADD_FAILURE() << "planned for once, but it never came: " << what;
+        }
         for (const Entry& entry : FakeSeam::Get().journal.Logs(DLOG_DEBUG).Entries()) {
             ExpectWellFormed(entry);
         }

@@ -95,6 +95,9 @@ GainFixture::GainFixture() : m_watched(std::make_unique<Watched>()) {}
 
 GainFixture::~GainFixture() {
     gain.reset();  // first, because its workers may still store gains
+    for (const Watched::Action& waiting : m_watched->actions) {
+        ADD_FAILURE() << "no " << GainHandlerName[waiting.worker] << " stored the gain " << waiting.gain;
+    }
 }
 
 void GainFixture::Start() {

@@ -83,6 +83,22 @@ Interference::Plan Interference::TakePlan(Entry entry, Journal& journal) {
     return plan;
 }
 
+std::vector<std::string> Interference::Unused() const {
+    const std::lock_guard lock(m_mutex);
+    std::vector<std::string> unused;
+    for (const Hook& hook : m_hooks) {
+        if (hook.once) {
+            unused.push_back(hook.what);
+        }
+    }
+    for (const PlannedFailure& failure : m_failures) {
+        if (failure.seen < failure.nth) {
+            unused.push_back(failure.what);
+        }
+    }
+    return unused;
+}
+
 void Interference::DropPlans() {
     const std::lock_guard lock(m_mutex);
     m_failures.clear();

@@ -87,6 +87,8 @@ public:
     void BeforeNext(const std::string& what, std::function<void()> action);
     /** Blocks the next such call until the returned object is opened or destroyed. */
     [[nodiscard]] BlockedCall BlockNext(const std::string& what);
+    /** The calls for which BeforeNext, BlockNext and the Fail of an n-th call still wait. A test that ends so fails. */
+    std::vector<std::string> Unused() const;
 
 protected:
     /** The interference that a test planned for one call or log line. */
@@ -112,7 +114,7 @@ private:
         bool once = false;
     };
 
-    std::mutex m_mutex;
+    mutable std::mutex m_mutex;
     // The mutex guards these.
     std::vector<PlannedFailure> m_failures;
     std::vector<Hook> m_hooks;
