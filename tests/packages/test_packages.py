@@ -39,11 +39,12 @@ FILES = {
                      for folder in ("kit", "kit/standalone") for path in (ROOT / "platform" / folder).iterdir() if path.is_file())},
 }
 DOCUMENTS = {
-    "kavrel": {path.name for path in (ROOT / "docs").glob("*.md")},
+    "kavrel": {"fade.svg"} | {path.name for path in (ROOT / "docs").glob("*.md")},
     "kavrel-tools": set(),
     "kavrel-tv": {f"examples/{path.name}" for path in (ROOT / "scenarios").glob("*.txt")},
     "kavrel-sound": set(),
-    "kavrel-dev": {"integration.md", "porting.md"} | {f"examples/{path.name}" for path in (ROOT / "examples").iterdir()},
+    "kavrel-dev": {"integration.md", "operation.md", "porting.md", "security.md",
+                   *(f"examples/{path.name}" for path in (ROOT / "examples").iterdir())},
 }
 PAGES = {"kavreld.8": "kavrel", "kavrelctl.1": "kavrel-tools", "kavrel-tv.1": "kavrel-tv",
          "kavrel-sound.1": "kavrel-sound"}
@@ -74,6 +75,15 @@ def test_each_package_holds_its_files(packages, name):
     assert files - {f"/usr/share/lintian/overrides/{name}"} == FILES[name] | {
         f"{about}/{document}"
         for document in {"changelog.gz", "copyright"} | DOCUMENTS[name]}
+
+
+@pytest.mark.parametrize("name", ["kavrel", "kavrel-dev"])
+def test_each_link_in_a_document_leads_to_a_file_of_the_same_package(packages, name, tmp_path):
+    host("dpkg-deb", "--extract", file_of(packages, name), tmp_path)
+    links = [(document, link) for document in tmp_path.glob("usr/share/doc/**/*.md")
+             for link in re.findall(r"\]\(([^)#]+)", document.read_text())]
+    assert links
+    assert [(document.name, link) for document, link in links if not (document.parent / link).is_file()] == []
 
 
 def test_lintian_finds_nothing(packages):
