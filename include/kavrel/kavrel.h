@@ -54,7 +54,10 @@ enum kavrel_support {
     KAVREL_SUPPORT_SET_MUTE = 0x8
 };
 
-/** The audio path of a gain: the hardware outputs that a method acts on. */
+/**
+ * The audio path of a gain: the hardware output that a method acts on. With both, a method changes the player gain of the
+ * main output alone. The unmute gain changes on both outputs whatever the path, unless a sub Bluetooth zone exists.
+ */
 enum kavrel_audio_path {
     KAVREL_AUDIO_PATH_MAIN_OUT = 1,
     KAVREL_AUDIO_PATH_SUB_OUT = 2,
