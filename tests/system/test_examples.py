@@ -143,12 +143,26 @@ FIRST_CLIENTS = {
 }
 
 
-@pytest.mark.parametrize("client_in", FIRST_CLIENTS)
-def test_the_first_client_of_each_language_works_as_it_is_printed(build, scene, daemon, client, client_in):
-    lines, changed = FIRST_CLIENTS[client_in]
-    program = View(scene.environment(), *client_in(build))
+@pytest.fixture(scope="module", params=FIRST_CLIENTS)
+def first_client(request, build):
+    """The command of the first client in one language, the lines that it prints first, and the line after a change to 31."""
+    return request.param(build), *FIRST_CLIENTS[request.param]
+
+
+def test_the_first_client_of_each_language_works_as_it_is_printed(first_client, scene, daemon, client):
+    command, lines, changed = first_client
+    program = View(scene.environment(), *command)
     scene.callback(program.end)
     for line in lines:
         assert program.read_line().startswith(line)
     client.set_volume(31)
     assert program.read_line() == changed
+
+
+def test_the_first_client_of_each_language_asks_a_busy_daemon_again(first_client, scene):
+    impostor = Impostor(scene.client(), SetSpeakerVolume=[(-1,), (0,)], GetSpeakerVolume=[(0, -1), (30, 0)])
+    command, lines, _changed = first_client
+    program = View(scene.environment(), *command)
+    scene.callback(program.end)
+    assert [program.read_line(), program.read_line()] == lines[:2]
+    assert impostor.calls == ["SetSpeakerVolume"] * 2 + ["GetSpeakerVolume"] * 2
