@@ -417,7 +417,8 @@ if os.geteuid() == 0:
         tv, [daemon] = installed.scene.tv, installed.scene.daemons
         daemon.kill()
         assert tv.has(READY)
-        [command] = re.findall("^ExecStopPost=(.*)$", (ROOT / "data/kavrel.service.in").read_text(), re.MULTILINE)
+        unit = Path(os.environ["KAVREL_BUILD"], "data/kavrel.service").read_text()
+    [command] = re.findall("^ExecStopPost=(.*)$", unit, re.MULTILINE)
         command = command.replace("/run/kavrel", str(tv.path)).replace("%%", "%")
         assert installed.run_as("kavrel", *command.split()) == (0, "")
         assert not tv.has(READY)
