@@ -418,7 +418,7 @@ if os.geteuid() == 0:
         daemon.kill()
         assert tv.has(READY)
         unit = Path(os.environ["KAVREL_BUILD"], "data/kavrel.service").read_text()
-    [command] = re.findall("^ExecStopPost=(.*)$", unit, re.MULTILINE)
+        [command] = re.findall("^ExecStopPost=(.*)$", unit, re.MULTILINE)
         command = command.replace("/run/kavrel", str(tv.path)).replace("%%", "%")
         assert installed.run_as("kavrel", *command.split()) == (0, "")
         assert not tv.has(READY)
