@@ -4,8 +4,9 @@
  * The audio HAL: master volume and mute of the TV's own speaker.
  *
  * All calls may be made from any thread, also from within a callback. A result of 0 is success; any other is
- * the platform's own negative code, but never -1, -2 or -4. A call that fails changes and reports nothing,
- * and leaves `*volume` or `*mute` as it was. The getters wait for no callback.
+ * the platform's own negative code, but never -1, -2 or -4: the daemon's clients get it, and those three are
+ * the daemon's own answers. A call that fails changes and reports nothing, and leaves `*volume` or `*mute` as
+ * it was. The getters wait for no callback.
  *
  * The callbacks of all interfaces of the platform keep these rules:
  * - They run one at a time in the process, and the reports of one value come in the order of its changes.

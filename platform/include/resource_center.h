@@ -4,8 +4,7 @@
  * The resource centre: the multi-view zones on the screen, and which of them has the audio focus.
  *
  * All calls may be made from any thread, also from within a callback; one list and its zones belong to one
- * thread at a time. A failure code is the platform's own negative one, but never -1, -2 or -4. All calls but
- * the registration and its removal wait for no callback.
+ * thread at a time. All calls but the registration and its removal wait for no callback.
  *
  * The callbacks of all interfaces of the platform keep these rules:
  * - They run one at a time in the process, and the reports of one value come in the order of its changes.

@@ -3,9 +3,9 @@
 /**
  * The sound manager: which output the sound of the TV goes to, as a whole and for each multi-view zone.
  *
- * All calls may be made from any thread, also from within a callback. A result of 0 is success; any other is
- * the platform's own negative code, but never -1, -2 or -4. A call that fails changes and reports nothing,
- * and leaves `*route` as it was. The getters wait for no callback.
+ * All calls may be made from any thread, also from within a callback. A result of 0 is success, any other a
+ * failure. A call that fails changes and reports nothing, and leaves `*route` as it was. The getters wait for
+ * no callback.
  *
  * The callbacks of all interfaces of the platform keep these rules:
  * - They run one at a time in the process, and the reports of one value come in the order of its changes.

@@ -4,13 +4,12 @@
  * The settings store: text and integers under keys such as "memory/..." (gone after a restart of the TV) and
  * "db/..." (kept).
  *
- * A key is a path of non-empty parts, none of which begins with a dot; any other key is refused. A value is
- * text of at most 1 MiB; an integer is stored as its decimal digits, so either getter may read what either
- * setter wrote.
+ * A key is a path of non-empty parts, none of which begins with a dot. A value is text; an integer is stored
+ * as its decimal digits, so either getter may read what either setter wrote. A platform may refuse any other
+ * key, and a text of more than 4095 bytes; the TV in a directory refuses other keys, and more than 1 MiB.
  *
- * All calls may be made from any thread, also from within a callback. A result of 0 is success; any other is
- * the platform's own negative code, but never -1, -2 or -4. A call that fails changes and reports nothing.
- * The getters wait for no callback.
+ * All calls may be made from any thread, also from within a callback. A result of 0 is success, any other a
+ * failure. A call that fails changes and reports nothing. The getters wait for no callback.
  *
  * The callbacks of all interfaces of the platform keep these rules:
  * - They run one at a time in the process, and the reports of one value come in the order of its changes.

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 /** The system log. */
 #include <dlog.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -116,6 +117,24 @@ TEST(Log, TakesAnyTextWhole) {
     }
     static const std::string huge(1 << 20, 'y');
     LogOf([] { __dlog_print(DLOG_ERROR, "Kit", "%s\n", huge.c_str()); });
+}
+
+/** A log that does not write to standard error keeps this rule. */
+TEST(Log, AReaderThatHasGoneDoesNotEndTheProcess) {
+    Rule("A reader of the log that has gone never ends the process.");
+    std::array<int, 2> ends{};
+    const int kept = dup(STDERR_FILENO);
+    if (kept < 0 || pipe(ends.data()) != 0) {
+        Cannot("there are no file descriptors left");
+        return;
+    }
+    dup2(ends[1], STDERR_FILENO);
+    close(ends[0]);
+    close(ends[1]);
+    Step("standard error is a pipe that nobody reads; __dlog_print() of an error");
+    __dlog_print(DLOG_ERROR, "Kit", "a line that nobody reads\n");
+    dup2(kept, STDERR_FILENO);
+    close(kept);
 }
 
 }  // namespace

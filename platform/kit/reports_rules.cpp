@@ -825,6 +825,32 @@ TEST(SettingsReports, AKeyThatWasTakenAwayIsReportedWhenItReturnsWithAnotherValu
     }
 }
 
+TEST(SettingsReports, AKeyThatWasTakenAwayIsSilentWhenItReturnsWithItsValue) {
+    Rule("A key that somebody else takes away, and that returns with the last value, is not reported.");
+    Stream& stream = SettingStream();
+    Scene scene(stream);
+    if (!scene.IsReady() || !scene.Register() || !SomebodyRemoves(stream.value)) {
+        return;
+    }
+    Settle();
+    if (!scene.SomebodySets(0)) {
+        return;
+    }
+    Settle();
+    const std::string heard = Texts(stream);
+    if (!stream.ear(0).Has(stream.at(0))) {
+        return;
+    }
+    stream.ear(0).Forget();
+    scene.SomebodySets(0);
+    Settle();
+    if (stream.ear(0).Has(stream.at(0))) {
+        Unmet("equal values are reported", EQUAL_OTHERS);
+    } else {
+        Broken(stream.at(0) + " was the value before, but the reports were " + heard);
+    }
+}
+
 struct Node {
     std::mutex mutex;
     std::string name;  // guarded by mutex, like the others

@@ -45,13 +45,14 @@ constexpr int MOST_HANGS = 5;  // then the rest would hang, too
 constexpr auto A_LOOK = std::chrono::milliseconds(2);
 
 constexpr std::string_view USAGE =
-    R"(Usage: platform-kit [--list] [--strict] [--jobs N] [--here] [RULE...]
+    R"(Usage: platform-kit [--list] [--strict] [--directory] [--jobs N] [--here] [RULE...]
 
 Judges the platform that it is linked with by the rules of the seam's headers. RULE is a name or its beginning.
-  --list    print the names of the rules
-  --strict  a rule that is not judged is a failure
-  --jobs N  run N rules at once (2)
-  --here    run one rule in this process, for a debugger
+  --list       print the names of the rules
+  --strict     a rule that is not judged is a failure
+  --directory  judge also what only the TV in a directory promises: the rules TvInADirectory.*
+  --jobs N     run N rules at once (2)
+  --here       run one rule in this process, for a debugger
 
 The exit status is 0 if no rule is broken, else 1.
 )";
@@ -59,6 +60,7 @@ The exit status is 0 if no rule is broken, else 1.
 struct Options {
     bool isList = false;
     bool isStrict = false;
+    bool isDirectory = false;
     bool isHere = false;
     bool isHelp = false;
     unsigned int jobs = 2;
@@ -76,6 +78,8 @@ Options Parse(const std::vector<std::string>& arguments) {
             options.isList = true;
         } else if (argument == "--strict") {
             options.isStrict = true;
+        } else if (argument == "--directory") {
+            options.isDirectory = true;
         } else if (argument == "--here") {
             options.isHere = true;
         } else if (argument == "--jobs" && i + 1 < arguments.size()) {
@@ -91,17 +95,26 @@ Options Parse(const std::vector<std::string>& arguments) {
     return options;
 }
 
-/** The names of the rules that begin with one of `beginnings`; without any, all. */
-std::vector<std::string> Rules(const std::vector<std::string>& beginnings) {
+/** Begins the names of the rules that no other platform has to keep. */
+constexpr std::string_view DIRECTORY_ALONE = "TvInADirectory.";
+
+bool IsChosen(const std::string& name, const Options& options) {
+    if (options.names.empty()) {
+        return options.isDirectory || !name.starts_with(DIRECTORY_ALONE);
+    }
+    return std::any_of(options.names.begin(), options.names.end(),
+                       [&](const auto& beginning) { return name.starts_with(beginning); });
+}
+
+/** The names of the rules that begin with one of the names in `options`; without any, all of this platform. */
+std::vector<std::string> Rules(const Options& options) {
     std::vector<std::string> names;
     const testing::UnitTest& all = *testing::UnitTest::GetInstance();
     for (int i = 0; i < all.total_test_suite_count(); ++i) {
         const testing::TestSuite& suite = *all.GetTestSuite(i);
         for (int j = 0; j < suite.total_test_count(); ++j) {
             const std::string name = std::string(suite.name()) + '.' + suite.GetTestInfo(j)->name();
-            if (beginnings.empty() ||
-                std::any_of(beginnings.begin(), beginnings.end(),
-                            [&](const auto& beginning) { return name.starts_with(beginning); })) {
+            if (IsChosen(name, options)) {
                 names.push_back(name);
             }
         }
@@ -170,7 +183,12 @@ public:
         posix_spawn_file_actions_addchdir_np(&actions, (m_folder.path / "work").c_str());
         posix_spawnattr_t attributes;
         posix_spawnattr_init(&attributes);
-        posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
+        // An ignored SIGPIPE that this process has inherited would hide a log that ends the process.
+        sigset_t defaults;
+        sigemptyset(&defaults);
+        sigaddset(&defaults, SIGPIPE);
+        posix_spawnattr_setsigdefault(&attributes, &defaults);
+        posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF);
         std::array<std::string, 3> arguments = {self, "--here", m_name};
         std::array<char*, 4> pointers = {arguments[0].data(), arguments[1].data(), arguments[2].data(),
                                          nullptr};
@@ -339,7 +357,7 @@ int Main(const Options& options) {
         return 0;
     }
     testing::InitGoogleTest();
-    const std::vector<std::string> names = Rules(options.names);
+    const std::vector<std::string> names = Rules(options);
     if (names.empty()) {
         std::cerr << "platform-kit: no rule has such a name; --list prints them\n";
         return 64;

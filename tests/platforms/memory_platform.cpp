@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -367,6 +368,11 @@ const char* memory::Platform::NodeText(const std::string& /*name*/, const std::s
 }
 
 int memory::Platform::Log(int priority, const char* text) {
+    std::signal(SIGPIPE, SIG_IGN);  // a reader that has gone must not end the process
+    return WriteLine(priority, text);
+}
+
+int memory::Platform::WriteLine(int priority, const char* text) {
     const std::string line = std::to_string(priority) + ' ' + text;
     return write(STDERR_FILENO, line.data(), line.size()) == static_cast<ssize_t>(line.size()) ? 0 : WRONG;
 }

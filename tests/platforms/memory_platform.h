@@ -61,10 +61,11 @@ public:
     virtual int UnknownId() { return NOT_THERE; }
     virtual const char* NodeText(const std::string& name, const std::string& text);
     virtual int Log(int priority, const char* text);
+    static int WriteLine(int priority, const char* text);
     virtual int LowestPriority() { return 4; }
 
     // --- Somebody else
-    void Change(const std::string& name, const std::optional<std::string>& text);
+    virtual void Change(const std::string& name, const std::optional<std::string>& text);
     void SetZones(const std::set<int>& zones);
     void SetReadable(const std::string& name, bool isReadable);
 

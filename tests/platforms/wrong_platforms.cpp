@@ -501,6 +501,29 @@ struct LogFormatsEverything : Platform {
     }
 };
 
+struct LogEndsWithItsReader : Platform {
+    int Log(int priority, const char* text) override { return WriteLine(priority, text); }
+};
+
+/** As a mixer might that knows 0 to 100 only. */
+struct ClampsTheGains : Platform {
+    void Write(const std::string& name, const std::string& text) override {
+        const bool isGain = name.starts_with("gain/");
+        Platform::Write(name, isGain ? std::to_string(std::clamp(std::stoi(text), 0, 100)) : text);
+    }
+};
+
+/** A key that is taken away takes its last value along. */
+struct ForgetsWhatIsTakenAway : Platform {
+    void Change(const std::string& name, const std::optional<std::string>& text) override {
+        Platform::Change(name, text);
+        if (!text) {
+            const StateGuard guard(m_state);
+            m_known.erase(name);
+        }
+    }
+};
+
 /** A node gives the text of the store. */
 struct NodeIsTheStore : Platform {
     const char* NodeText(const std::string& name, const std::string& /*text*/) override {
@@ -566,6 +589,9 @@ Platform* MakeWrong(const std::string& name) {
         {"GainsWait", Make<GainsWait>},
         {"LogWaits", Make<LogWaits>},
         {"LogFormatsEverything", Make<LogFormatsEverything>},
+        {"LogEndsWithItsReader", Make<LogEndsWithItsReader>},
+        {"ClampsTheGains", Make<ClampsTheGains>},
+        {"ForgetsWhatIsTakenAway", Make<ForgetsWhatIsTakenAway>},
         {"NodeIsTheStore", Make<NodeIsTheStore>},
         {"Crashes", Make<Crashes>},
     };

@@ -50,6 +50,9 @@ WRONG = {
     "GainsWait": "Threads.GainsNeverWaitForACallback",
     "LogWaits": "Threads.TheLogNeverWaitsForACallback",
     "LogFormatsEverything": "Log.FiltersBeforeItFormats",
+    "LogEndsWithItsReader": "Log.AReaderThatHasGoneDoesNotEndTheProcess",
+    "ClampsTheGains": "AudioControlTable.AnyGainIsStoredAndReadBack",
+    "ForgetsWhatIsTakenAway": "SettingsReports.AKeyThatWasTakenAwayIsSilentWhenItReturnsWithItsValue",
     "NodeIsTheStore": "SettingsReports.ANodeIsValidUntilItsCallbackReturns",
     "Crashes": "ResourceCenter.NoZonesMakeAnEmptyList",
 }
@@ -97,6 +100,13 @@ def test_a_crash_is_a_broken_rule(verdicts):
 def test_a_call_that_hangs_is_named(verdicts):
     said = verdicts["RemovalInsideACallbackHangs"].stdout
     assert "the removal of a callback, called inside it, did not return within 10 seconds" in said
+
+
+def test_what_only_the_tv_in_a_directory_promises_is_left_out_for_others():
+    others, all_rules = judge("", "--list").stdout.split(), judge("", "--list", "--directory").stdout.split()
+    left_out = {name for name in all_rules if name not in others}
+    assert left_out == {name for name in all_rules if name.startswith("TvInADirectory.")}
+    assert len(left_out) >= 4
 
 
 def test_the_rules_have_names_to_choose_from():
