@@ -50,6 +50,10 @@ def test_the_unit_starts_it_again_unless_that_would_not_help(installed):
     assert (service["Restart"], service["RestartPreventExitStatus"]) == ("on-failure", "64 77")
 
 
+def test_a_stop_is_a_success(installed):
+    assert unit_of(installed)["Service"]["SuccessExitStatus"] == "143"  # after SIGTERM; see the test of a regular end
+
+
 def test_the_program_prints_its_version(installed):
     shown = subprocess.run([installed / "bin/kavrel-sound", "--version"], check=True, capture_output=True, text=True)
     assert shown.stdout.startswith("kavrel-sound ")
