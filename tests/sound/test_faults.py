@@ -1,16 +1,22 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
 """Tests what happens when the server, the stages or other programs fail or interfere, and what is left at the end."""
+import json
 import os
 import signal
 from pathlib import Path
 
 import pytest
 
-from bridge import MAIN, MAIN_GAIN, MAIN_STAGE, MUTE, OUTPUTS, ROUTES, SINK_OF, SUB_STAGE, VOLUME
+from bridge import MAIN, MAIN_GAIN, MAIN_STAGE, MUTE, OUTPUTS, ROUTES, SINK_OF, SUB_STAGE, SUPPORT_KEYS, VOLUME
 
 ROUNDS = 210  # of ten changes: about as many as in an hour of use
 FIRST = 60  # the round after which everything has been made once; as ROUNDS, it ends on the TV speaker, not muted
+
+
+def wait_for_support(sound, word):
+    for key in SUPPORT_KEYS.values():
+        sound.tv.wait_until(key, lambda key=key: sound.tv.has(key) and sound.tv.read(key) == str(word))
 
 
 def test_a_server_that_dies_in_the_middle_of_a_fade_gets_everything_again(sound):
@@ -21,12 +27,14 @@ def test_a_server_that_dies_in_the_middle_of_a_fade_gets_everything_again(sound)
     assert sound.client.call("ApplyPlayerFadeIn", "i", MAIN) == (0,)
     sound.daemon.log.wait_matching(r"\[Path:01\] gain2:(5|10|15|20|25|30|35|40)", after)
     sound.server.kill()
+    wait_for_support(sound, 0)  # nobody could answer a request
     sound.daemon.log.wait("handlerGainType:2, LastGain:100", after)  # the daemon does not wait for the server
     assert sound.client.set_volume(45) == 0
     assert sound.client.call("ApplyGainOnMute", "ii", MAIN, 50) == (0,)
     sound.server.start()
     sound.wait_for_main("speaker")
     sound.wait_for_volume("speaker", 45)
+    wait_for_support(sound, 15)
     sound.play()
     recording = sound.record("speaker")
     recording.wait_until(lambda amplitude: abs(amplitude - 50 * 0.45 ** 3) < 0.1, "volume 45 and gain 50 are not heard")
@@ -37,6 +45,7 @@ def test_a_server_that_is_absent_at_the_start_is_waited_for(sound):
     sound.server.kill()
     sound.launch(*OUTPUTS)
     sound.bridge.wait_for_complaint("waiting for a sound server: Connection refused", program="kavrel-sound")
+    wait_for_support(sound, 0)
     assert sound.client.set_volume(33) == 0
     sound.server.start()
     sound.wait_for_main("speaker")
@@ -62,6 +71,19 @@ def test_a_stage_that_somebody_unloads_comes_back_once(sound):
         sound.server.wait_until(lambda stage=stage, old=old: [stream["index"] for stream in sound.server.streams(stage)]
                                 not in ([], [old["index"]]), f"another {stage}")
         sound.wait_for_stage(stage, sink)
+
+
+def test_a_stage_that_somebody_moves_in_the_middle_of_a_fade_comes_back(sound):
+    sound.start()
+    after = sound.daemon.log.end()
+    assert sound.client.call("ApplyPlayerFadeIn", "i", MAIN) == (0,)
+    sound.daemon.log.wait_matching(r"\[Path:01\] gain2:(5|10|15|20|25|30|35|40)", after)
+    old, = sound.server.streams(MAIN_STAGE)
+    sound.server.pactl("move-sink-input", str(old["index"]), "usb")
+    if sound.server.name == "PipeWire":  # there the move comes after its confirmation, and another stage takes the place
+        sound.server.wait_until(lambda: [stream["index"] for stream in sound.server.streams(MAIN_STAGE)]
+                                not in ([], [old["index"]]), f"another {MAIN_STAGE}")
+    sound.wait_for_main("speaker")
 
 
 def test_the_programs_of_a_sink_that_somebody_unloads_are_moved_back(sound):
@@ -90,6 +112,19 @@ def test_the_stages_and_the_sink_of_a_killed_bridge_are_adopted(sound):
     after = sound.server.inventory()
     assert after["sinks"] == before["sinks"]
     assert [name for name, _ in after["modules"]] == [name for name, _ in before["modules"]]
+
+
+@pytest.mark.parametrize("is_own, is_muted", [(True, False), (False, True)], ids=["its own mute", "a person's mute"])
+def test_of_the_mutes_on_kavrel_that_a_killed_bridge_leaves_only_its_own_goes(sound, is_own, is_muted):
+    sound.start()
+    sound.bridge.end(signal.SIGKILL)
+    notes = json.loads(sound.tv.read(".sound"))
+    assert notes["guarding"] is False
+    (sound.tv.path / ".sound").write_text(json.dumps({**notes, "guarding": is_own}))  # killed while the stages had no gain
+    sound.server.pactl("set-sink-mute", "kavrel", "1")
+    sound.launch(*OUTPUTS).wait("plays on")
+    sound.server.wait_until(lambda: json.loads(sound.tv.read(".sound"))["guarding"] is False, "nothing is guarded")
+    sound.wait_for_volume("kavrel", 100, is_muted)
 
 
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM], ids=["Ctrl-C", "SIGTERM"])

@@ -1,6 +1,9 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
 """Tests which sink plays: it follows the route, and in multi-view the zone in focus; a missing sink is silent."""
+import re
+import signal
+
 import pytest
 
 from bridge import MAIN_STAGE, OUTPUTS, ROUTE, ROUTES, SINK_OF, SUB_STAGE, SUPPORT_KEYS
@@ -104,3 +107,16 @@ def test_without_options_the_default_sink_is_the_speaker(sound):
     sound.server.pactl("set-default-sink", "usb")
     sound.launch()
     sound.wait_for_main("usb")
+
+
+def test_while_kavrel_is_the_default_sink_the_speaker_is_the_one_from_before(sound):
+    sound.server.pactl("set-default-sink", "usb")
+    for _ in range(2):  # the second bridge finds "kavrel" as the default sink
+        sound.launch("--default").wait("plays on")
+        sound.wait_for_main("usb")
+        sound.server.wait_until(lambda: sound.server.pactl("get-default-sink") == "kavrel\n", "kavrel is the default sink")
+        assert re.search("^tv +usb +the default sink; in use$", sound.command("outputs").stdout, re.MULTILINE)
+        sound.bridge.end(signal.SIGKILL)
+    sound.launch().wait("plays on")
+    sound.bridge.end()
+    sound.server.wait_until(lambda: sound.server.pactl("get-default-sink") == "usb\n", "the default sink is back")

@@ -12,9 +12,10 @@
 
 namespace sound {
 
-Bridge::Bridge(tools::MainLoop& loop, const std::string& directory, const Settings& settings)
+Bridge::Bridge(tools::MainLoop& loop, const std::string& directory, const Settings& settings, Claim& claim)
     : m_directory(directory),
       m_settings(settings),
+      m_claim(claim),
       m_outputs(settings.outputs),
       m_watch(loop, host::Root(), [this](auto event, const std::string& path) { OnTv(event, path); }),
       m_server(loop, settings.server,
@@ -102,7 +103,7 @@ Device& Bridge::DeviceOf(const tv::DeviceKind* kind) {
 
 /** @return null if the server does not have it */
 Sink* Bridge::SinkOf(const tv::DeviceKind* kind) {
-    const Choice choice = m_outputs.ChoiceOfKind(kind, m_route, m_defaultSink);
+    const Choice choice = m_outputs.ChoiceOfKind(kind, m_route, m_claim.DefaultSink());
     const Sink* const sink = std::as_const(m_snapshot).FindSink(choice.sink);
     return sink != nullptr ? m_snapshot.FindSink(sink->index) : nullptr;
 }
@@ -123,11 +124,10 @@ void Bridge::OnGone(const std::string& reason) {
     m_sub.Forget();
     m_programs.clear();
     m_kavrelSink = PA_INVALID_INDEX;
-    m_isGuarding = false;
     m_isDefaultSet = false;
     m_hasSaid = false;
     for (const auto& device : m_devices) {
-        device->Interrupt();
+        device->Follow(nullptr, m_player.IsThisProcess());
     }
 }
 
@@ -170,7 +170,7 @@ void Bridge::Settle() {
     if (m_snapshot.server.empty()) {
         return;
     }
-    m_defaultSink = sound::DefaultSink(m_snapshot, m_defaultSink);
+    m_claim.NoteDefaultSink(DefaultSink(m_snapshot, m_claim.DefaultSink()));
     SayWhatIsMissing();
     for (const auto& device : m_devices) {
         device->Follow(SinkOf(device->Kind()), m_player.IsThisProcess());
@@ -194,7 +194,7 @@ void Bridge::Settle() {
 }
 
 std::string Bridge::OutputSink() const {
-    return m_route ? m_outputs.ChoiceOf(*m_route, m_defaultSink).sink : "";
+    return m_route ? m_outputs.ChoiceOf(*m_route, m_claim.DefaultSink()).sink : "";
 }
 
 bool Bridge::IsOwn(const Stream& stream) const {
@@ -219,14 +219,15 @@ void Bridge::FollowPrograms(const Sink& kavrel) {
     }
 }
 
-/** Keeps "kavrel" silent while a stage has appeared on the server, and its gain is not in force yet. */
+/** Keeps "kavrel" silent while a stage has appeared on the server, and its gain is not in force yet. The note comes
+ * before the mute: a bridge that is killed between them leaves nothing muted that the next one does not unmute. */
 void Bridge::Guard(const Sink& kavrel, bool isNeeded) {
-    if (isNeeded && !m_isGuarding && !m_programs.empty() && !kavrel.isMuted) {
-        m_isGuarding = true;
+    if (isNeeded && !m_claim.IsGuarding() && !m_programs.empty() && !kavrel.isMuted) {
+        m_claim.NoteGuard(true);
         m_server.SetSinkMute(kavrel.index, true, {});
-    } else if (!isNeeded && m_isGuarding) {
-        m_isGuarding = false;
-        m_server.SetSinkMute(kavrel.index, false, {});
+    } else if (!isNeeded && m_claim.IsGuarding()) {
+        m_server.SetSinkMute(kavrel.index, false,
+                             [this](bool /*hasSucceeded*/) { m_claim.NoteGuard(false); });
     }
 }
 

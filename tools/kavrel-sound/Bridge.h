@@ -34,10 +34,7 @@ namespace sound {
 class Bridge {
 public:
     /** @throws tools::ToolError if the directory cannot be watched or written */
-    Bridge(tools::MainLoop& loop, const std::string& directory, const Settings& settings);
-
-    /** The server's default sink, or the last one before "kavrel"; empty: none was seen. */
-    const std::string& DefaultSink() const { return m_defaultSink; }
+    Bridge(tools::MainLoop& loop, const std::string& directory, const Settings& settings, Claim& claim);
 
 private:
     void OnTv(tv::DirectoryWatch::Event event, const std::string& path);
@@ -64,6 +61,7 @@ private:
 
     const std::string m_directory;
     const Settings m_settings;
+    Claim& m_claim;
     const Outputs m_outputs;
     tv::DirectoryWatch m_watch;
     tv::Player m_player;
@@ -78,12 +76,10 @@ private:
     Snapshot m_snapshot;
     bool m_isLooking = false;
     bool m_isStale = false;       // something has changed since the look began
-    std::string m_defaultSink;    // the last one that was not "kavrel"
     bool m_hasSaid = false;       // that it plays, on this connection
     bool m_isDefaultSet = false;  // on this connection
     Index m_kavrelSink = PA_INVALID_INDEX;
     std::set<Index> m_programs;       // streams that play on "kavrel", or did until it went
-    bool m_isGuarding = false;        // whether "kavrel" is muted until the gains are in force
     std::set<std::string> m_missing;  // sinks that were said to be missing
 };
 

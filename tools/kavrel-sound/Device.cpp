@@ -37,11 +37,13 @@ Device::Device(tools::MainLoop& loop, SinkWriter& writer, const tv::DeviceKind* 
       m_mute{ValuesOf(kind).mute, {}} {}
 
 void Device::Follow(Sink* sink, bool mayPublish) {
+    if (sink == nullptr) {
+        Interrupt();
+    }
     if (m_kind != nullptr && !mayPublish) {
         return;
     }
     if (sink == nullptr) {
-        Interrupt();
         if (m_kind != nullptr) {
             Publish(m_kind->support, NOTHING, false);
         }

@@ -25,16 +25,13 @@ public:
     const tv::DeviceKind* Kind() const { return m_kind; }
 
     /** Makes the TV directory and the sink agree.
-     *  @param sink null: there is none
+     *  @param sink null: there is none, or no server; when it is back, the TV directory is right
      *  @param mayPublish false: another program plays the external outputs of this TV */
     void Follow(Sink* sink, bool mayPublish);
 
     /** Sets what a client asked the output for, and publishes all values a little later, equal ones too.
      *  @param sink null: there is none, and no answer */
     void Ask(Sink* sink, std::optional<int> level, std::optional<int> mute);
-
-    /** The server has gone. When it is back, the TV directory is right. */
-    void Interrupt();
 
 private:
     /** A value that both sides hold, and how to set the sink's. */
@@ -45,6 +42,7 @@ private:
 
     void Follow(Sink& sink, Shared& shared, int ofServer, int highest, const std::function<void(int)>& set);
     void Publish(const host::Value& file, int value, bool isAnswer);
+    void Interrupt();
 
     tools::MainLoop& m_loop;
     SinkWriter& m_writer;

@@ -166,7 +166,9 @@ struct HearCommand {
 
     static std::string SinkInUse(const Settings& settings) {
         const tv::Integer route = tv::ReadOutput().route;
-        const std::string defaultSink = DefaultSink(AskServer(settings.server), "");
+        const auto bridge = Claim::Find();
+        const std::string defaultSink =
+            DefaultSink(AskServer(settings.server), bridge ? bridge->defaultSink : "");
         const Choice choice =
             route ? Outputs(settings.outputs).ChoiceOf(route.value, defaultSink) : Choice{"", "no route"};
         if (choice.sink.empty()) {

@@ -133,8 +133,11 @@ void Server::Do(const std::function<pa_operation*(pa_context_success_cb_t, void*
 
 // --- Questions
 
+/** @param info null after a failure */
 void Server::OnServerInfo(pa_context* context, const pa_server_info* info, void* request) {
-    ListRequest<pa_server_info>::Answer(context, info, 0, request);
+    if (info != nullptr) {
+        ListRequest<pa_server_info>::Answer(context, info, 0, request);
+    }
     ListRequest<pa_server_info>::Answer(context, info, 1, request);
 }
 

@@ -62,7 +62,8 @@ Json::Value ToJson(const Settings& settings) {
 
 /** @throws Json::Exception if it is not what ToJson() has made */
 Claim::Holder FromJson(const Json::Value& json) {
-    Claim::Holder holder{json["process"].asInt(), {}};
+    Claim::Holder holder{
+        json["process"].asInt(), {}, json["defaultSink"].asString(), json["guarding"].asBool()};
     holder.settings.server = json["server"].asString();
     for (const Json::Value& output : json["outputs"]) {
         std::string option = output.asString();
@@ -75,6 +76,23 @@ Claim::Holder FromJson(const Json::Value& json) {
     holder.settings.isDefault = json["default"].asBool();
     holder.settings.isRough = !json["smoothing"].asBool();
     return holder;
+}
+
+/** Reads what a bridge has written, which may run no longer. */
+std::optional<Claim::Holder> ReadHolder() {
+    try {
+        Json::Value json;
+        const std::string text = tv::ReadFile(FileName());
+        const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+        if (reader->parse(text.data(), text.data() + text.size(), &json, nullptr)) {
+            return FromJson(json);
+        }
+    } catch (const Json::Exception&) {
+        // No bridge has written that.
+    } catch (const tools::ToolError&) {
+        // It cannot be read.
+    }
+    return std::nullopt;
 }
 
 }  // namespace
@@ -95,7 +113,8 @@ void Settings::AddOptions(CLI::App& app) {
 }
 
 Claim::Claim(const Settings& settings)
-    : m_file(open(FileName().c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, FILE_MODE)) {
+    : m_file(open(FileName().c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, FILE_MODE)),
+      m_settings(settings) {
     struct flock lock = WholeFile();
     if (!m_file) {
         Fail("open");
@@ -107,10 +126,35 @@ Claim::Claim(const Settings& settings)
                                "another kavrel-sound" + process + " plays this TV already");
     }
     static_cast<void>(fchmod(m_file.Get(), FILE_MODE));  // only the owner of the file may
-    const std::string text = tools::JsonLine(ToJson(settings)) + "\n";
-    if (ftruncate(m_file.Get(), 0) != 0 || write(m_file.Get(), text.data(), text.size()) < 0) {
+    if (const auto last = ReadHolder()) {
+        m_defaultSink = last->defaultSink;
+        m_isGuarding = last->isGuarding;
+    }
+    if (!Write()) {
         Fail("write");
     }
+}
+
+void Claim::NoteDefaultSink(const std::string& sink) {
+    if (m_defaultSink != sink) {
+        m_defaultSink = sink;
+        static_cast<void>(Write());
+    }
+}
+
+void Claim::NoteGuard(bool isGuarding) {
+    m_isGuarding = isGuarding;
+    static_cast<void>(Write());
+}
+
+/** Writes before it shortens the file, so that a reader never finds it empty. */
+bool Claim::Write() const {
+    Json::Value json = ToJson(m_settings);
+    json["defaultSink"] = m_defaultSink;
+    json["guarding"] = m_isGuarding;
+    const std::string text = tools::JsonLine(json) + "\n";
+    return pwrite(m_file.Get(), text.data(), text.size(), 0) >= 0 &&
+           ftruncate(m_file.Get(), static_cast<off_t>(text.size())) == 0;
 }
 
 std::optional<Claim::Holder> Claim::Find() {
@@ -118,19 +162,7 @@ std::optional<Claim::Holder> Claim::Find() {
     if (!file || !IsLocked(file.Get())) {
         return std::nullopt;
     }
-    Json::Value json;
-    try {
-        const std::string text = tv::ReadFile(FileName());
-        const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-        if (reader->parse(text.data(), text.data() + text.size(), &json, nullptr)) {
-            return FromJson(json);
-        }
-    } catch (const Json::Exception&) {
-        // Nobody who runs has written that.
-    } catch (const tools::ToolError&) {
-        // It has ended meanwhile.
-    }
-    return std::nullopt;
+    return ReadHolder();
 }
 
 }  // namespace sound

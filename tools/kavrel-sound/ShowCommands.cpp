@@ -35,7 +35,7 @@ View LookAtAll(const Scene& scene) {
     view.settings = SettingsInForce(scene.settings);
     view.outputs = Outputs(view.settings.outputs);
     view.snapshot = AskServer(view.settings.server);
-    view.defaultSink = DefaultSink(view.snapshot, "");
+    view.defaultSink = DefaultSink(view.snapshot, view.bridge ? view.bridge->defaultSink : "");
     if (const tv::Integer route = tv::ReadOutput().route) {
         view.route = route.value;
     }

@@ -25,16 +25,14 @@ exit status is 0.)";
 /** Plays until Ctrl-C, and leaves the server as it was. */
 int Play(const std::string& directory, const sound::Settings& settings) {
     tv::OpenTv(directory);
-    const sound::Claim claim(settings);
-    std::string defaultSink;
+    sound::Claim claim(settings);
     int status = tools::EXIT_DONE;
     {
         tools::MainLoop loop;
-        sound::Bridge bridge(loop, directory, settings);
+        const sound::Bridge bridge(loop, directory, settings, claim);
         status = loop.RunUntilInterrupted();
-        defaultSink = bridge.DefaultSink();
     }
-    sound::RemoveFromServer(settings.server, defaultSink);
+    sound::RemoveFromServer(settings.server, claim.DefaultSink());
     return status;
 }
 
