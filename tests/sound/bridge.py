@@ -29,6 +29,8 @@ class Sound:
     def __init__(self, scene, server):
         self.scene, self.server, self.tv = scene, server, scene.tv
         self.daemon = scene.start()
+        asleep = self.daemon.log.wait("Sleep AudioGainOut")
+        self.daemon.log.wait("Sleep AudioGainOut", asleep.number)  # has written the gain of the start: no test's gain is lost
         self.client = scene.client()
         self.bridge = None
 
