@@ -168,7 +168,8 @@ def test_the_unit_is_valid_and_exposes_little(installed):
 
 
 def test_the_unit_of_a_user_is_valid_and_off(installed):
-    verified = installed.run("systemd-analyze", "--user", "verify", "--man=no", "--recursive-errors=no", SOUND_UNIT)
+    verified = installed.run("env", "XDG_RUNTIME_DIR=/run", "systemd-analyze", "--user", "verify", "--man=no",
+                             "--recursive-errors=no", SOUND_UNIT)
     assert (verified.returncode, verified.stdout, verified.stderr) == (0, "", "")
     assert installed.run("systemctl", "--global", "is-enabled", "kavrel-sound.service").stdout == "disabled\n"
 
@@ -332,7 +333,8 @@ def test_the_group_audio_may_write_all_that_was_made(running):
 # --- upgrade, restart of the machine, removal ---------------------------------------------------------------------
 
 # Debian notes here that the unit is enabled, for the next installation.
-ENABLED = ("/etc/systemd/system/multi-user.target.wants", "/var/lib/systemd/deb-systemd-helper-enabled")
+ENABLED = ("/etc/systemd/system/multi-user.target.wants", "/var/lib/systemd/deb-systemd-helper-enabled",
+           "/var/lib/systemd/deb-systemd-user-helper-enabled")
 SETTING = "/run/kavrel/settings/{}/test/viewer"
 
 
@@ -371,7 +373,7 @@ def test_a_purge_empties_a_folder_that_is_a_mount(running):
     # Without --no-mtab, mount makes /run/mount.
     running.must_run("mount", "--no-mtab", "--bind", "/run/kavrel", "/run/kavrel")
     assert running.must_run("ls", "-A", "/run/kavrel")
-    running.apt("purge", "kavrel")  # a removal leaves nothing of the other packages
+    running.apt("purge", "kavrel", "kavrel-sound")  # a removal leaves nothing of the packages without a unit
     assert running.must_run("ls", "-A", "/run/kavrel") == ""
     running.must_run("umount", "--no-mtab", "/run/kavrel")
     running.must_run("rmdir", "/run/kavrel")
