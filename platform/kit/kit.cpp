@@ -755,6 +755,17 @@ bool Scene::Register(int slot, void* data) {
     return true;
 }
 
+bool Scene::IsHeard(int slot) const {
+    for (const int i : {1, 0}) {
+        if (!Change(i, slot)) {
+            return false;
+        }
+    }
+    Settle();
+    m_stream.ear(slot).Forget();
+    return true;
+}
+
 bool Scene::Remove(int slot) {
     const Limit limit("the removal of a callback", REMOVAL);
     m_registered.erase(slot);
@@ -777,8 +788,18 @@ bool Scene::Await(const std::string& text, int slot) const {
     if (m_stream.ear(slot).Await(m_stream.prefix + text)) {
         return true;
     }
-    Unmet("no report of " + m_stream.name + " came", m_stream.set ? OURS_REPORTED : REPORTED);
+    Unmet("no report of " + m_stream.name + " came", RuleOfReports());
     return false;
+}
+
+const char* Scene::RuleOfReports() const {
+    if (&m_stream == &ManagerMute()) {
+        return "Reports.MasterMuteIsOneValueForBothInterfaces";
+    }
+    if (&m_stream == &ZoneRouteOf2()) {
+        return "Zones.EachRouteIsReportedWithItsZone";
+    }
+    return m_stream.set ? OURS_REPORTED : REPORTED;
 }
 
 bool Scene::Change(int i, int slot) const {

@@ -204,6 +204,11 @@ public:
     /** Registers a callback, waits until nothing is left to report, and forgets what it has heard. */
     bool Register(int slot = 0, void* data = nullptr);
     bool Remove(int slot = 0);
+    /**
+     * Whether the callback is called for a plain change, here and there. Otherwise this part is not judged. The
+     * value is then at(0) again, and what was heard is forgotten.
+     */
+    bool IsHeard(int slot = 0) const;
     /** Sets the value through the seam. */
     bool WeSet(const std::string& text) const;
     bool WeSet(int i) const { return WeSet(m_stream.at(i)); }
@@ -216,6 +221,9 @@ public:
     bool Change(int i, int slot = 0) const;
 
 private:
+    /** The rule that a missing report of this value breaks. */
+    const char* RuleOfReports() const;
+
     Stream& m_stream;
     bool m_isReady = false;
     std::set<int> m_registered;  // slots that the end of the scene removes

@@ -230,7 +230,10 @@ TEST(Reading, ValuesAreIndependent) {
             return;
         }
         for (const Integer& integer : all) {
-            integer.set(integer.values.at(2));
+            if (integer.set(integer.values.at(2)) != 0) {
+                Unmet("the setter of " + integer.getter + " fails", SET);
+                return;
+            }
         }
         audio_set_master_mute(false);
         Step("the setter of " + changed.getter + " gets " + Number(changed.values.at(1)));

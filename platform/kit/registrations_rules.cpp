@@ -486,7 +486,7 @@ TEST(Registrations, ASecondOneReplacesTheFirst) {
             continue;
         }
         Scene scene(*stream);
-        if (!scene.IsReady() || !scene.Register(0)) {
+        if (!scene.IsReady() || !scene.Register(0) || !scene.IsHeard()) {
             continue;
         }
         stream->ear(1).Forget();
@@ -765,7 +765,7 @@ TEST(Registrations, ARemovalLeavesOtherKinds) {
         std::vector<std::unique_ptr<Scene>> scenes;
         for (Stream* const stream : streams) {
             scenes.push_back(std::make_unique<Scene>(*stream));
-            if (!scenes.back()->IsReady() || !scenes.back()->Register()) {
+            if (!scenes.back()->IsReady() || !scenes.back()->Register() || !scenes.back()->IsHeard()) {
                 return;
             }
         }

@@ -35,6 +35,18 @@ bool HasOnThisThread(Stream& stream, const std::string& text) {
     });
 }
 
+/** Whether there are reports, all of them with another zone than that of the stream. Then the rule is not judged. */
+bool IsOfAnotherZone(Stream& stream) {
+    const auto texts = stream.ear(0).Texts();
+    if (texts.empty() || std::any_of(texts.begin(), texts.end(), [&](const std::string& text) {
+            return text.starts_with(stream.prefix);
+        })) {
+        return false;
+    }
+    Unmet(stream.name + ": the reports were " + List(texts), "Zones.EachRouteIsReportedWithItsZone");
+    return true;
+}
+
 /** Calls the getters of the stream until the report is there, for platforms that look for changes in getters. */
 bool AwaitWhileReading(Stream& stream, const std::string& text) {
     return kit::Await([&] {
@@ -61,7 +73,7 @@ TEST(Reports, OurChangeIsReportedOnTheSettersThreadBeforeTheSetterReturns) {
         }
         const auto change = [&](int i) {
             stream->ear(0).Forget();
-            if (scene.WeSet(i)) {
+            if (scene.WeSet(i) && !IsOfAnotherZone(*stream)) {
                 Check(HasOnThisThread(*stream, stream->HeardAt(i)),
                       stream->name + ": when the setter returned, the callback had not been called with " +
                           stream->HeardAt(i) + " on the thread that called the setter");
@@ -101,9 +113,12 @@ TEST(Reports, SomebodyElsesChangeIsReported) {
         for (const int i : {1, 2, 3}) {
             stream->ear(0).Forget();
             if (scene.SomebodySets(i)) {
-                Check(AwaitWhileReading(*stream, stream->HeardAt(i)), stream->name + ": no report of " +
-                                                                          stream->HeardAt(i) +
-                                                                          " came; heard: " + Texts(*stream));
+                const bool hasCome = AwaitWhileReading(*stream, stream->HeardAt(i));
+                if (!hasCome && IsOfAnotherZone(*stream)) {
+                    break;
+                }
+                Check(hasCome, stream->name + ": no report of " + stream->HeardAt(i) +
+                                   " came; heard: " + Texts(*stream));
             }
         }
         stream->remove(0);
@@ -324,7 +339,7 @@ TEST(Reports, TheLastValueIsAlwaysReported) {
         "is reported.");
     for (Stream* const stream : AllStreams()) {
         Scene scene(*stream);
-        if (!scene.IsReady() || !scene.Register()) {
+        if (!scene.IsReady() || !scene.Register() || !scene.IsHeard()) {
             continue;
         }
         {
@@ -360,7 +375,7 @@ TEST(Reports, AReportNeverGoesBackInTime) {
     for (Stream* const stream : OurStreams()) {
         Scene scene(*stream);
         const bool isMute = stream->value.kind == KIT_MASTER_MUTE;
-        if (!scene.IsReady() || !scene.Register()) {
+        if (!scene.IsReady() || !scene.Register() || !scene.IsHeard()) {
             continue;
         }
         const int last = isMute ? 0 : 2;
@@ -418,7 +433,7 @@ TEST(Reports, OurChangesOnTwoThreadsAreReportedInTheOrderOfTheirWrites) {
         "over the write, too.");
     for (Stream* const stream : OurStreams()) {
         Scene scene(*stream);
-        if (!scene.IsReady() || !scene.Register()) {
+        if (!scene.IsReady() || !scene.Register() || !scene.IsHeard()) {
             continue;
         }
         const bool isMute = stream->value.kind == KIT_MASTER_MUTE;
@@ -471,7 +486,7 @@ TEST(Reports, AChangeAfterAnUnreadableTimeIsReported) {
     Rule("A value that was unreadable for a time is reported again when it changes.");
     for (Stream* const stream : AllStreams()) {
         Scene scene(*stream);
-        if (!scene.IsReady() || !scene.Register() || !MakeUnreadable(stream->value)) {
+        if (!scene.IsReady() || !scene.Register() || !scene.IsHeard() || !MakeUnreadable(stream->value)) {
             continue;
         }
         Settle();
@@ -778,7 +793,7 @@ TEST(Zones, TheFirstRouteOfANewZoneIsReported) {
         return;
     }
     Scene scene(stream);
-    if (!scene.IsReady() || !scene.Register() || !SomebodySetsZones({2, 5})) {
+    if (!scene.IsReady() || !scene.Register() || !scene.IsHeard() || !SomebodySetsZones({2, 5})) {
         return;
     }
     if (SomebodySets(ZoneRoute(5), "8")) {
