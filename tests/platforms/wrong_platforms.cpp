@@ -7,8 +7,10 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <csignal>
 #include <memory>
+#include <mutex>
 #include <thread>
 #include <utility>
 
@@ -275,19 +277,34 @@ struct ReportsEqualValuesOfOthers : Platform {
     }
 };
 
-/** A change that comes while a callback runs is lost. */
+/**
+ * A change that comes while a callback runs is lost. One that comes when the callback has done its work, and is only about
+ * to return, is not: other rules make such changes, too.
+ */
 struct LosesTheLastValue : Platform {
     void Queue(const Pending& pending) override {
-        if (m_running == 0) {
+        std::unique_lock lock(m_mutex);
+        m_isHeld = !m_returned.wait_for(lock, std::chrono::milliseconds(m_isHeld ? 0 : 500),
+                                        [this] { return m_running == 0; });
+        if (!m_isHeld) {
             Platform::Queue(pending);
         }
     }
     void Deliver(const std::string& name, const std::string& text) override {
-        ++m_running;
+        {
+            const std::lock_guard lock(m_mutex);
+            ++m_running;
+        }
         Platform::Deliver(name, text);
+        const std::lock_guard lock(m_mutex);
         --m_running;
+        m_isHeld = m_isHeld && m_running > 0;
+        m_returned.notify_all();
     }
-    std::atomic<int> m_running = 0;
+    std::mutex m_mutex;
+    std::condition_variable m_returned;
+    int m_running = 0;      // guarded by m_mutex
+    bool m_isHeld = false;  // guarded by m_mutex; a change has been lost in this callback already
 };
 
 /** The platform thread reports the value as it was when it noticed the change. */
