@@ -90,6 +90,42 @@ struct Listener {
     }
 };
 
+/** A report that lasts until the thread that must wait for it sleeps, or has not waited. */
+class ReportInFlight {
+public:
+    explicit ReportInFlight(Listener& listener) : m_listener(listener) {
+        listener.act = [this] {
+            m_running.count_down();
+            while (m_caller == 0 || !(m_hasCalled || host_test::IsAsleep(m_caller))) {
+                std::this_thread::yield();
+            }
+            m_hasReturned = true;
+        };
+    }
+    ~ReportInFlight() { m_listener.act = nullptr; }
+    ReportInFlight(const ReportInFlight&) = delete;
+    ReportInFlight& operator=(const ReportInFlight&) = delete;
+
+    /** Makes a call on another thread while the report is in flight, and expects it to return after the report. */
+    void ExpectWait(const Action& call) {
+        m_running.wait();
+        std::thread thread([&] {
+            m_caller = gettid();
+            call();
+            m_hasCalled = true;
+            EXPECT_TRUE(m_hasReturned);
+        });
+        thread.join();
+    }
+
+private:
+    Listener& m_listener;
+    std::latch m_running{1};
+    std::atomic<pid_t> m_caller = 0;
+    std::atomic<bool> m_hasCalled = false;
+    std::atomic<bool> m_hasReturned = false;
+};
+
 const Listener& From(void* data) {
     return *static_cast<Listener*>(data);
 }
@@ -805,28 +841,12 @@ TEST_F(ReportsTest, AListenerThatRemovesItselfSilencesNoOther) {
 }
 
 TEST_F(ReportsTest, ARegistrationWaitsForAReportInFlightOnAnotherThread) {
-    std::latch running(1);
-    std::atomic<pid_t> registering = 0;
-    std::atomic<bool> registered = false;
-    std::atomic<bool> returned = false;
-    listener.act = [&] {
-        running.count_down();
-        while (registering == 0 || !(registered || host_test::IsAsleep(registering))) {
-            std::this_thread::yield();
-        }
-        returned = true;
-    };
+    ReportInFlight report(listener);
     HearVolume(listener);
     Change("set-volume 70");
-    running.wait();
-    std::thread thread([&] {
-        registering = gettid();
-        const int id = rc_register_audio_focus_changed_callback(OnNumber, &listener);
-        registered = true;
-        EXPECT_TRUE(returned);
-        EXPECT_EQ(rc_unregister_audio_focus_changed_callback(id), 0);
-    });
-    thread.join();
+    int id = 0;
+    report.ExpectWait([&] { id = rc_register_audio_focus_changed_callback(OnNumber, &listener); });
+    EXPECT_EQ(rc_unregister_audio_focus_changed_callback(id), 0);
 }
 
 TEST_F(ReportsTest, AnOwnWriteInAReportIsMeasuredAgainstThePresentValue) {
@@ -972,27 +992,10 @@ TEST_F(ReportsTest, RemovalWaitsForAReportInFlightOnAnotherThread) {
     };
     for (const auto& [change, add, remove] : kinds) {
         SCOPED_TRACE(change);
-        std::latch running(1);
-        std::atomic<pid_t> remover = 0;
-        std::atomic<bool> removed = false;
-        std::atomic<bool> returned = false;
-        listener.act = [&] {
-            running.count_down();
-            while (remover == 0 || !(removed || host_test::IsAsleep(remover))) {
-                std::this_thread::yield();
-            }
-            returned = true;
-        };
+        ReportInFlight report(listener);
         add();
         Change(change);
-        running.wait();
-        std::thread thread([&, remove = remove] {
-            remover = gettid();
-            EXPECT_EQ(remove(), 0);
-            removed = true;
-            EXPECT_TRUE(returned);
-        });
-        thread.join();
+        report.ExpectWait([&remove = remove] { EXPECT_EQ(remove(), 0); });
         Change(change.substr(0, change.size() - 1) + '1');
         Settle();
         EXPECT_THAT(ear.Heard(), ElementsAre("70"));
