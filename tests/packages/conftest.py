@@ -1,12 +1,16 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
 import os
+import sys
 import tempfile
 from pathlib import Path
 
 import pytest
 
-from machine import Machine
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "support"))
+
+from machine import Machine  # noqa: E402
+from verdict import pytest_sessionfinish, pytest_unconfigure  # noqa: E402, F401
 
 
 @pytest.fixture(scope="session")
@@ -25,19 +29,3 @@ def machine():
         machine.boot()
         yield machine
         machine.shut_down()
-
-
-@pytest.hookimpl(trylast=True)
-def pytest_unconfigure(config):
-    """The last line says how many test cases passed and failed; a skipped one is a failed one."""
-    reporter = config.pluginmanager.get_plugin("terminalreporter")
-    if reporter is None:
-        return
-    passed, failed = (sum(len(reporter.stats.get(kind, [])) for kind in kinds)
-                      for kinds in (["passed"], ["failed", "error", "skipped", "xfailed", "xpassed"]))
-    print(f"{passed} passed, {failed} failed")
-
-
-def pytest_sessionfinish(session):
-    if session.config.pluginmanager.get_plugin("terminalreporter").stats.get("skipped"):
-        session.exitstatus = 1

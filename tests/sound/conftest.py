@@ -6,11 +6,13 @@ from pathlib import Path
 
 import pytest
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "system"))
+for folder in ("support", "system"):
+    sys.path.insert(0, str(Path(__file__).resolve().parents[1] / folder))
 pytest.register_assert_rewrite("harness", "servers", "hearing", "bridge")
 
 from harness import Scene  # noqa: E402
 from servers import SERVERS  # noqa: E402
+from verdict import pytest_sessionfinish, pytest_unconfigure  # noqa: E402, F401
 
 MEASURED = []  # (test, text)
 
@@ -49,19 +51,3 @@ def pytest_terminal_summary(terminalreporter):
     terminalreporter.section("measured")
     for line in MEASURED:
         terminalreporter.write_line(line)
-
-
-@pytest.hookimpl(trylast=True)
-def pytest_unconfigure(config):
-    """The last line says how many test cases passed and failed; a skipped one is a failed one."""
-    reporter = config.pluginmanager.get_plugin("terminalreporter")
-    if reporter is None:
-        return
-    passed, failed = (sum(len(reporter.stats.get(kind, [])) for kind in kinds)
-                      for kinds in (["passed"], ["failed", "error", "skipped", "xfailed", "xpassed"]))
-    print(f"{passed} passed, {failed} failed")
-
-
-def pytest_sessionfinish(session):
-    if session.config.pluginmanager.get_plugin("terminalreporter").stats.get("skipped"):
-        session.exitstatus = 1
