@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <optional>
 #include <string>
 #include <utility>
 
@@ -130,18 +129,14 @@ private:
 };
 
 struct HearCommand {
-    std::string file;
+    tv::RecordingOptions options;
     std::string sink;
-    std::optional<double> seconds;
 
     void AddOptions(CLI::App& command) {
-        command.add_option("FILE.csv", file, "The recording, an old one is replaced;\n- for standard output")
-            ->required();
+        options.AddFile(command, "FILE.csv");
         command.add_option("--sink", sink, "Hear this sink (default: that of the output in use)")
             ->type_name("SINK");
-        command.add_option("--seconds", seconds, "End after 0.001 to 86400 seconds (default: at Ctrl-C)")
-            ->type_name("S")
-            ->transform(tools::DecimalNumber(0.001, 86400));
+        options.AddSeconds(command);
     }
 
     int Run(const Scene& scene) const {
@@ -149,19 +144,10 @@ struct HearCommand {
         const Settings settings = SettingsInForce(scene.settings);
         const std::string heard = sink.empty() ? SinkInUse(settings) : sink;
         tools::MainLoop loop;
-        tv::Recorder recorder(loop, file, tv::Recorder::Content::CHANGES_AND_SOUND);
+        tv::Recorder recorder(loop, options.file, tv::Recorder::Content::CHANGES_AND_SOUND);
         const Ear ear(loop, settings.server, heard,
                       [&](Clock::time_point end, double rms) { recorder.Hear(end, rms * 100); });
-        tools::GLibPtr<GSource> end;
-        if (seconds) {
-            end = loop.After(std::chrono::ceil<milliseconds>(std::chrono::duration<double>(*seconds)),
-                             [&loop] { loop.Quit(tools::EXIT_DONE); });
-        } else {
-            tools::Complain("recording until Ctrl-C");
-        }
-        const int status = loop.RunUntilInterrupted();
-        recorder.End();
-        return status;
+        return recorder.RunFor(options.seconds);
     }
 
     static std::string SinkInUse(const Settings& settings) {

@@ -1,14 +1,10 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-#include <chrono>
-#include <optional>
 #include <string>
 
 #include "Commands.h"
-#include "Errors.h"
 #include "MainLoop.h"
 #include "Platform.h"
-#include "Print.h"
 #include "Recorder.h"
 
 namespace tv {
@@ -16,32 +12,17 @@ namespace tv {
 namespace {
 
 struct RecordCommand {
-    std::string file;
-    std::optional<double> seconds;
+    RecordingOptions options;
 
     void AddOptions(CLI::App& command) {
-        command.add_option("FILE", file, "The recording, an old one is replaced;\n- for standard output")
-            ->required();
-        command.add_option("--seconds", seconds, "End after 0.001 to 86400 seconds (default: at Ctrl-C)")
-            ->type_name("S")
-            ->transform(tools::DecimalNumber(0.001, 86400));
+        options.AddFile(command, "FILE");
+        options.AddSeconds(command);
     }
 
     int Run(const std::string& directory) const {
         OpenTv(directory);
         tools::MainLoop loop;
-        Recorder recorder(loop, file, Recorder::Content::CHANGES);
-        tools::GLibPtr<GSource> end;
-        if (seconds) {
-            const std::chrono::duration<double> time(*seconds);
-            end = loop.After(std::chrono::ceil<std::chrono::milliseconds>(time),
-                             [&loop] { loop.Quit(tools::EXIT_DONE); });
-        } else {
-            tools::Complain("recording until Ctrl-C");
-        }
-        const int status = loop.RunUntilInterrupted();
-        recorder.End();
-        return status;
+        return Recorder(loop, options.file, Recorder::Content::CHANGES).RunFor(options.seconds);
     }
 };
 

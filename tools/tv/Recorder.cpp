@@ -7,7 +7,9 @@
 #include <optional>
 #include <utility>
 
+#include "CommandLine.h"
 #include "Errors.h"
+#include "MainLoop.h"
 #include "Platform.h"
 #include "Print.h"
 #include "Routes.h"
@@ -101,8 +103,20 @@ std::string ValueOf(const std::string& path) {
 
 }  // namespace
 
+void RecordingOptions::AddFile(CLI::App& command, const std::string& name) {
+    command.add_option(name, file, "The recording, an old one is replaced;\n- for standard output")
+        ->required();
+}
+
+void RecordingOptions::AddSeconds(CLI::App& command) {
+    command.add_option("--seconds", seconds, "End after 0.001 to 86400 seconds (default: at Ctrl-C)")
+        ->type_name("S")
+        ->transform(tools::DecimalNumber(0.001, 86400));
+}
+
 Recorder::Recorder(tools::MainLoop& loop, std::string name, Content content)
-    : m_name(std::move(name)),
+    : m_loop(loop),
+      m_name(std::move(name)),
       m_hasSound(content == Content::CHANGES_AND_SOUND),
       m_watch(loop, host::Root(),
               [this](DirectoryWatch::Event event, const std::string& path) { On(event, path); }) {
@@ -153,6 +167,20 @@ void Recorder::Hear(Clock::time_point end, double heard) {
         m_waiting.pop_front();
     }
     Write({std::max(seconds, m_written.seconds), m_written.values, heard, ""});
+}
+
+int Recorder::RunFor(std::optional<double> seconds) {
+    tools::GLibPtr<GSource> end;
+    if (seconds) {
+        end = m_loop.After(
+            std::chrono::ceil<std::chrono::milliseconds>(std::chrono::duration<double>(*seconds)),
+            [this] { m_loop.Quit(tools::EXIT_DONE); });
+    } else {
+        tools::Complain("recording until Ctrl-C");
+    }
+    const int status = m_loop.RunUntilInterrupted();
+    End();
+    return status;
 }
 
 void Recorder::End() {

@@ -3,10 +3,12 @@
 #ifndef KAVREL_TOOLS_TV_RECORDER_H
 #define KAVREL_TOOLS_TV_RECORDER_H
 
+#include <CLI/App.hpp>
 #include <chrono>
 #include <deque>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <string>
 
 #include "DirectoryWatch.h"
@@ -16,6 +18,15 @@ namespace tv {
 
 /** The name of a file that means standard output. */
 inline constexpr const char* STANDARD_OUTPUT = "-";
+
+/** The options that all commands that record have. */
+struct RecordingOptions {
+    std::string file;
+    std::optional<double> seconds;
+
+    void AddFile(CLI::App& command, const std::string& name);
+    void AddSeconds(CLI::App& command);
+};
 
 /** Records the open TV: writes a line for each change, at once; or, if it records sound, when the sound before the change
  *  has come. */
@@ -33,8 +44,10 @@ public:
      *  @param heard RMS, in percent of the full scale */
     void Hear(Clock::time_point end, double heard);
 
-    /** Writes the last line, and says how many there are. */
-    void End();
+    /** Runs the loop until the time is over, or Ctrl-C. Then writes the last line, and says how many there are.
+     *  @param seconds empty: only Ctrl-C ends the recording
+     *  @return the exit status */
+    int RunFor(std::optional<double> seconds);
 
 private:
     void On(DirectoryWatch::Event event, const std::string& path);
@@ -43,8 +56,10 @@ private:
     double SecondsAt(Clock::time_point time) const;
     void Write(const Sample& sample);
     void Write(const std::string& text);
+    void End();
 
     const Clock::time_point m_start = Clock::now();
+    tools::MainLoop& m_loop;
     const std::string m_name;
     const bool m_hasSound;
     std::ofstream m_file;
