@@ -129,6 +129,7 @@ NOT_RUN = {
     "./test tsan N": PATTERN,
     "./test fuzz [SECONDS]": PATTERN,
     "./test soak [SECONDS]": PATTERN,
+    "./test flakes [N]": PATTERN,
     "./bench [quick]": PATTERN,
     "./lint [STEP...]": PATTERN,
     "kavrel-tv emulator": "the name of a command, without its argument",

@@ -82,7 +82,7 @@ def test_the_tracer_logs_on_its_two_lines():
     assert "[IN]" in lines[53 - 1] and "[OUT]" in lines[58 - 1]
 
 
-@pytest.mark.parametrize("script", ["run", "test", "bench", "lint", ".ci/run", "scripts/lib.sh", "scripts/install-packages",
-                                    "scripts/fuzz", "scripts/test-packages", "scripts/test-sound", "scripts/coverage"])
+@pytest.mark.parametrize("script", ["run", "test", "bench", "lint", ".ci/run", ".ci/long", ".ci/steps.sh", "scripts/lib.sh", "scripts/install-packages",
+                                    "scripts/fuzz", "scripts/test-packages", "scripts/test-sound", "scripts/coverage", "scripts/flakes"])
 def test_scripts_are_valid_bash(script):
     subprocess.run(["bash", "-n", ROOT / script], check=True)

@@ -4,6 +4,7 @@
 import json
 import os
 import re
+import shutil
 import subprocess
 from pathlib import Path
 
@@ -125,6 +126,68 @@ def test_what_lists_the_tests_builds_nothing(shell):
     assert done.returncode == 0, done.stderr
     assert [re.sub(r"-j \d+", "-j N", call) for call in calls if call.startswith("ninja")] == [
         "ninja -n build.ninja", "ninja -j N build.ninja"]
+
+
+# --- many runs, and long ones ------------------------------------------------------------------------------------
+
+@pytest.fixture
+def copy(tmp_path):
+    """Runs a script of this tree in a copy that has stand-ins for ./test and ./lint."""
+    for folder in (".ci", "scripts"):
+        shutil.copytree(ROOT / folder, tmp_path / folder)
+    (tmp_path / "docs").mkdir()
+
+    def run(script, *arguments, **stand_ins):
+        for name, text in stand_ins.items():
+            (tmp_path / name).write_text(f"#!/bin/sh\n{text}\n")
+            (tmp_path / name).chmod(0o755)
+        return subprocess.run([tmp_path / script, *arguments], capture_output=True, text=True, timeout=60, check=False,
+                              stdin=subprocess.DEVNULL)
+
+    run.root = tmp_path
+    return run
+
+
+AGAIN = 'echo "$KAVREL_SHAKE $(nproc) $*" | sed "s/^[0-9][0-9]* /SEED /" >>"${0%/*}/calls"; echo "3 passed, 0 failed"'
+
+
+def test_flakes_takes_turns_between_its_ways(copy):
+    done = copy("scripts/flakes", "4", "unit", test=AGAIN)
+    assert (done.returncode, done.stderr) == (0, "")
+    assert [re.sub(r"\d+ s$", "N s", line) for line in done.stdout.splitlines()] == [
+        "1 of 4, shaken: 3 passed, 0 failed, N s", "2 of 4, under load: 3 passed, 0 failed, N s",
+        "3 of 4, on one processor: 3 passed, 0 failed, N s", "4 of 4, shaken: 3 passed, 0 failed, N s", "4 of 4 runs passed"]
+    all_processors = len(os.sched_getaffinity(0))
+    assert (copy.root / "calls").read_text().splitlines() == [
+        f"SEED {all_processors} shake unit", f" {all_processors} plain unit", " 1 plain unit", f"SEED {all_processors} shake unit"]
+
+
+def test_flakes_names_what_failed_and_goes_on(copy):
+    failing = 'echo "failed: a test"; echo "2 passed, 1 failed"; [ "$1" = plain ]'
+    done = copy("scripts/flakes", "2", test=failing)
+    assert done.returncode == 1
+    assert [re.sub(r"\d+ s$", "N s", line) for line in done.stdout.splitlines()] == [
+        "1 of 2, shaken: 2 passed, 1 failed, N s", "failed: a test", "2 of 2, under load: 2 passed, 1 failed, N s",
+        "failed: a test", "1 of 2 runs passed"]
+
+
+def test_the_long_proofs_go_on_after_a_failure_and_note_their_results(copy):
+    table = copy.root / "docs/testing.md"
+    table.write_text("before\n| `lint` | not run | | | |\n| `soak` | not run | | | |\nafter\n")
+    done = copy(".ci/long", "--note", "lint", "soak", lint="echo lint: a finding; exit 1", test='echo "$*"; echo verdict: fine')
+    assert done.returncode == 1
+    lines = table.read_text().splitlines()
+    assert re.fullmatch(r"\| `lint` \| FAILED \| lint: a finding \| \d+ min \| no clone, \d{4}-\d\d-\d\d \|", lines[1])
+    assert re.fullmatch(r"\| `soak` \| passed \| verdict: fine \| \d+ min \| no clone, \d{4}-\d\d-\d\d \|", lines[2])
+    assert (lines[0], lines[3:]) == ("before", ["after"])
+    assert done.stdout.splitlines()[-2:] == lines[1:3]
+    assert (copy.root / "build/long/soak.log").read_text().splitlines()[1] == "soak 600"
+
+
+def test_the_long_proofs_refuse_a_step_that_they_do_not_have(copy):
+    done = copy(".ci/long", "everything")
+    assert (done.returncode, done.stdout) == (64, "")
+    assert done.stderr == ".ci/long: there is no step everything; see .ci/long --help\n"
 
 
 # --- the summary --------------------------------------------------------------------------------------------------
