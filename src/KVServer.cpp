@@ -4,6 +4,8 @@
 
 #include <lwipc.h>
 
+#include <csignal>
+
 #include "KVDebug.h"
 #include "KVDefine.h"
 #include "KVUtils.h"
@@ -37,6 +39,17 @@ void EmitChange(GDBusConnection* connection, const char* signalName, GVariant* p
     if (!g_dbus_connection_emit_signal(connection, nullptr, OBJECT_PATH, INTERFACE_NAME, signalName,
                                        parameters, &error)) {
         LOGE_AT(site, "Failed g_dbus_connection_emit_signal(). err=%s", MessageOf(error));
+    }
+}
+
+/**
+ * Ends the process when GDBus closes the connection because it cannot read a message: the bus lets values nest
+ * deeper than GDBus reads them. GDBus itself ends the process only when the bus has closed the connection. A
+ * daemon without a bus serves nobody, and its supervisor starts a new one.
+ */
+void OnClosed(GDBusConnection* /*connection*/, gboolean isByPeer, const GError* error, gpointer /*unused*/) {
+    if (!isByPeer && error != nullptr) {
+        raise(SIGTERM);
     }
 }
 
@@ -116,6 +129,7 @@ void KVServer::onBusAcquired(GDBusConnection* connection, const gchar* /*name*/,
     if (self->m_filter == nullptr || !self->m_filter->IsOn(connection)) {
         self->m_filter = std::make_unique<KVMessageFilter>(
             connection, *self->m_introspectionData->interfaces[0], OBJECT_PATH, PUBLIC_PATH.c_str());
+        g_signal_connect(connection, "closed", G_CALLBACK(OnClosed), nullptr);
     }
     g_autoptr(GError) error = nullptr;
     self->m_DbusRegisterObjId = g_dbus_connection_register_object(

@@ -5,6 +5,8 @@
 #include <dlfcn.h>
 #include <pthread.h>
 
+#include <csignal>
+
 #include "DaemonTest.h"
 #include "KVDefine.h"
 
@@ -293,6 +295,22 @@ TEST_F(KVServerTest, ASecondBusAcquiredRegistersAndSubscribesAgainAndRemovesNoth
     gio::RemoveLeftovers();  // a new connection has no object at the path either
     AcquireBus();
     EXPECT_THAT(journal.Calls("g_").Texts(), ElementsAre(REGISTER, SUBSCRIBE, REGISTER, SUBSCRIBE));
+}
+
+/** The number of SIGTERMs that this process has caught. */
+volatile std::sig_atomic_t terminations = 0;
+
+TEST_F(KVServerTest, AConnectionThatGDBusCannotReadEndsTheProcess) {
+    InitWithoutName();
+    AcquireBus();
+    const auto former = std::signal(SIGTERM, [](int) { terminations = terminations + 1; });
+    g_signal_emit_by_name(Shared(), "closed", FALSE, nullptr);  // as when this process closes it
+    EXPECT_EQ(terminations, 0);
+    const std::unique_ptr<GError, decltype(&g_error_free)> error(
+        g_error_new_literal(G_IO_ERROR, G_IO_ERROR_INVALID_ARGUMENT, "unreadable"), &g_error_free);
+    g_signal_emit_by_name(Shared(), "closed", FALSE, error.get());
+    EXPECT_GT(terminations, 0);
+    std::signal(SIGTERM, former);
 }
 
 // Name acquired.
