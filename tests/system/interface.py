@@ -1,6 +1,8 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
 """The daemon's interface on the bus. Its methods are read from the XML file that the daemon is built from."""
+import re
+import xml.etree.ElementTree as ElementTree
 from pathlib import Path
 from typing import NamedTuple
 
@@ -32,6 +34,26 @@ def read_methods():
     return [Method(method.name, {argument.name: argument.signature for argument in method.in_args},
                    f"({''.join(argument.signature for argument in method.out_args)})")
             for method in interface.methods]
+
+
+class Signal(NamedTuple):
+    path: str
+    name: str
+    signature: str
+
+
+def signals_in(xml, sender):
+    """The signals of the daemon, or of a client: the comment above each says who sends it, and on which object."""
+    comments = ElementTree.TreeBuilder(insert_comments=True)
+    interface = ElementTree.fromstring(xml, ElementTree.XMLParser(target=comments)).find("interface")
+    found = []
+    for comment, member in zip(interface, list(interface)[1:]):
+        if member.tag == "signal":
+            said, path = re.search(r"(daemon|client) sends this on (/\w+(?:/\w+)*)", comment.text).groups()
+            if said == sender:
+                types = "".join(argument.get("type") for argument in member)
+                found.append(Signal(path, member.get("name"), types))
+    return found
 
 
 def connect(address):

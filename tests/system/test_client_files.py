@@ -4,14 +4,13 @@
 import re
 import subprocess
 import xml.etree.ElementTree as ElementTree
-from typing import NamedTuple
 
 import pytest
 from gi.repository import Gio, GLib
 
 from harness import METHODS_PATH, NAME, PATIENCE, ROOT, SIGNALS_PATH
 from installation import install, pkg_config_path
-from interface import XML_FILE, connect
+from interface import XML_FILE, Signal, connect, signals_in
 
 INTERFACES = "usr/share/dbus-1/interfaces"
 HEADER = "usr/include/kavrel/kavrel.h"
@@ -34,30 +33,10 @@ def description(installed):
 # --- the interface description ---------------------------------------------------------------------------------------
 
 
-class Signal(NamedTuple):
-    path: str
-    name: str
-    signature: str
-
-
 def methods_in(xml):
     """Each method and its arguments, with all that the XML says of them, in order."""
     interface = ElementTree.fromstring(xml).find(f"interface[@name='{NAME}']")
     return [(method.attrib, [argument.attrib for argument in method]) for method in interface.iter("method")]
-
-
-def signals_in(xml, sender):
-    """The signals of the daemon, or of a client: the comment above each says who sends it, and on which object."""
-    comments = ElementTree.TreeBuilder(insert_comments=True)
-    interface = ElementTree.fromstring(xml, ElementTree.XMLParser(target=comments)).find("interface")
-    found = []
-    for comment, member in zip(interface, list(interface)[1:]):
-        if member.tag == "signal":
-            said, path = re.search(r"(daemon|client) sends this on (/\w+(?:/\w+)*)", comment.text).groups()
-            if said == sender:
-                types = "".join(argument.get("type") for argument in member)
-                found.append(Signal(path, member.get("name"), types))
-    return found
 
 
 def test_the_methods_are_those_that_the_daemon_shows(description, daemon, scene):
