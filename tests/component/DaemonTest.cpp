@@ -84,8 +84,10 @@ DaemonInProcess::DaemonInProcess(bool waitForName) : m_loop(g_main_loop_new(null
 }
 
 DaemonInProcess::~DaemonInProcess() {
+    fake::SkipStepTimes(true);  // the workers finish the fades under way
     OnMainLoop([this] { g_main_loop_quit(m_loop.get()); });
     m_thread.join();
+    fake::SkipStepTimes(false);
 }
 
 void DaemonInProcess::Run(std::promise<void> ready) {

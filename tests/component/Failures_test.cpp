@@ -12,7 +12,6 @@
  */
 #include <fcntl.h>
 #include <pthread.h>
-#include <time.h>
 
 #include <algorithm>
 #include <array>
@@ -258,7 +257,7 @@ protected:
         if (std::exchange(isDone, true)) {
             return;
         }
-        fake::SkipStepTimes();
+        fake::SkipStepTimes(true);
         FakeSeam& seam = FakeSeam::Get();
         seam.Reset();
         seam.SetFeature(INTERNAL_SPEAKER, false);
@@ -748,11 +747,4 @@ extern "C" int access(const char* path, int mode) noexcept {
         return switchesExist ? 0 : -1;
     }
     return faccessat(AT_FDCWD, path, mode, 0);
-}
-
-/** Leaves out the pause in which the end of a gain controller lets its workers come to rest: here they rest already. */
-extern "C" int nanosleep(const timespec* time, timespec* remaining) {
-    constexpr long PAUSE = 200'000'000;
-    return time->tv_sec == 0 && time->tv_nsec == PAUSE ? 0
-                                                       : clock_nanosleep(CLOCK_REALTIME, 0, time, remaining);
 }

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 #include "DaemonTest.h"
 #include "KVDefine.h"
+#include "WorkerWaits.h"
 
 using fake::MainGain;
 using fake::SubGain;
@@ -46,6 +47,7 @@ protected:
 // Fade-ins.
 
 TEST_F(GainMethodsTest, APlayerFadeInDropsThePlayerGainOfItsPathAndBringsItBack) {
+    fake::SkipStepTimes(true);
     EXPECT_EQ(Call("ApplyPlayerFadeIn", g_variant_new("(i)", 1)), "(0,)");
     EXPECT_THAT(OfRequest(),
                 ElementsAre("_HandleApplyVolumeFadeIn: I Apply Player VolumeFadeIn. path:1",
@@ -75,6 +77,7 @@ TEST_F(GainMethodsTest, AnUnmuteFadeInWhileUnmutedRecoversTheGainAtOnce) {
 }
 
 TEST_F(GainMethodsTest, AFadeInOnThePathOfTheSubOutputLeavesTheMainOutputAlone) {
+    fake::SkipStepTimes(true);
     EXPECT_EQ(Call("ApplyPlayerFadeIn", g_variant_new("(i)", 2)), "(0,)");
     EXPECT_TRUE(journal.With("I handlerGainType:3, LastGain:100").Wait());
     EXPECT_THAT(journal.Gains(fake::Out::MAIN).Numbers(), IsEmpty());

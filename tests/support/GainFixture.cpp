@@ -94,7 +94,9 @@ struct GainFixture::Watched {
 GainFixture::GainFixture() : m_watched(std::make_unique<Watched>()) {}
 
 GainFixture::~GainFixture() {
+    SkipStepTimes(true);
     gain.reset();  // first, because its workers may still store gains
+    SkipStepTimes(false);
     for (const Watched::Action& waiting : m_watched->actions) {
         ADD_FAILURE() << "no " << GainHandlerName[waiting.worker] << " stored the gain " << waiting.gain;
     }

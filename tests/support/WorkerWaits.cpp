@@ -64,6 +64,9 @@ std::atomic<bool> skipsStepTimes = false;
 /** The worker that the calling thread is; it learns that when it names itself. */
 thread_local int thisWorker = GAIN_HANDLER_NONE;
 
+/** How many of this thread's next sleeps a signal interrupts. */
+thread_local int interruptions = 0;
+
 /** The library's function that a function of this program replaces. */
 template <typename Function>
 Function* Library(const char* name) {
@@ -139,8 +142,8 @@ void WakeWorkersOf(pthread_cond_t* condition) {
 
 /** Waits until the state meets a condition, which is checked at each change of it. */
 template <typename Condition>
-bool WaitForState(Condition met) {
-    const auto nanoseconds = (Clock::now() + PATIENCE).time_since_epoch();
+bool WaitForState(Condition met, std::chrono::nanoseconds longest = PATIENCE) {
+    const auto nanoseconds = (Clock::now() + longest).time_since_epoch();
     const auto seconds = std::chrono::floor<std::chrono::seconds>(nanoseconds);
     timespec deadline = {};
     deadline.tv_sec = seconds.count();
@@ -154,6 +157,25 @@ bool WaitForState(Condition met) {
             return false;
         }
     }
+}
+
+/** Sleeps until all workers wait, for a request or for a time, but no longer than this. */
+void PauseUntilAllWait(std::chrono::nanoseconds longest) {
+    constexpr int TIMES = 8;  // the bits of waits for a time begin there
+    (void)WaitForState(
+        [](Bits seen) { return ((seen | seen >> TIMES) & ALL_WAIT_FOR_REQUESTS) == ALL_WAIT_FOR_REQUESTS; },
+        longest);
+}
+
+/** Sleeps for half of the time. */
+int InterruptedSleep(const timespec* time, timespec* left) {
+    --interruptions;
+    timespec half = {};
+    half.tv_nsec = time->tv_nsec / 2;
+    clock_nanosleep(CLOCK_MONOTONIC, 0, &half, nullptr);
+    *left = half;
+    errno = EINTR;
+    return -1;
 }
 
 }  // namespace
@@ -174,12 +196,20 @@ void NotifyWorker(eKVGainHandlerType worker) {
     pthread_cond_broadcast(conditions[static_cast<std::size_t>(worker)]);
 }
 
-void SkipStepTimes() {
-    skipsStepTimes = true;
+void SkipStepTimes(bool skip) {
+    skipsStepTimes = skip;
 }
 
 void RecordNotifications(bool record) {
     recordsNotifications = record;
+}
+
+void InterruptSleeps(int count) {
+    interruptions = count;
+}
+
+int InterruptionsToCome() {
+    return interruptions;
 }
 
 }  // namespace fake
@@ -228,6 +258,19 @@ int pthread_cond_signal(pthread_cond_t* condition) noexcept {
     static auto* const signal = Library<decltype(pthread_cond_signal)>("pthread_cond_signal");
     WakeWorkersOf(condition);
     return signal(condition);
+}
+
+int nanosleep(const timespec* time, timespec* left) {
+    constexpr long PAUSE = 200'000'000;  // of the end of a gain controller
+    if (fake::interruptions > 0) {
+        return fake::InterruptedSleep(time, left);
+    }
+    if (time->tv_sec == 0 && time->tv_nsec == PAUSE) {
+        fake::PauseUntilAllWait(std::chrono::nanoseconds(PAUSE));
+        return 0;
+    }
+    static auto* const sleep = Library<decltype(nanosleep)>("nanosleep");
+    return sleep(time, left);
 }
 
 }  // extern "C"

@@ -6,6 +6,9 @@
  * A program with this file replaces the thread library's waits on condition variables. A gain worker that waits
  * sleeps in this file instead of the library, which therefore knows at each moment which workers wait, and which
  * of them have been notified but not yet woken up.
+ *
+ * So the pause in which the end of a gain controller lets its workers come to rest is an event, too: it ends as
+ * soon as all of them wait.
  */
 #ifndef KAVREL_TESTS_WORKERWAITS_H
 #define KAVREL_TESTS_WORKERWAITS_H
@@ -37,10 +40,14 @@ void NotifyWorker(NKavrel::eKVGainHandlerType worker);
 void RecordNotifications(bool record);
 
 /**
- * From now on no worker waits between two steps of a fade-in or a ramp, or two writes of the gains, if that time is
- * 100 ms or less.
+ * Whether a worker that comes to a wait between two steps of a fade-in or a ramp, or two writes of the gains, goes on
+ * at once, if that time is 100 ms or less.
  */
-void SkipStepTimes();
+void SkipStepTimes(bool skip);
+
+/** Lets a signal interrupt each of this thread's next sleeps after half of its time; none of them ends sooner. */
+void InterruptSleeps(int count);
+int InterruptionsToCome();
 
 }  // namespace fake
 

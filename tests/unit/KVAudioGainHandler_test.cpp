@@ -2,14 +2,11 @@
 // SPDX-License-Identifier: MIT
 #include "KVAudioGainHandler.h"
 
-#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 
 #include <atomic>
-#include <cerrno>
-#include <ctime>
 #include <limits>
 #include <thread>
 #include <type_traits>
@@ -34,28 +31,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::IsSupersetOf;
 using testing::Not;
-
-namespace {
-
-/** How many of this thread's next sleeps a signal interrupts. */
-thread_local int interruptions = 0;
-
-}  // namespace
-
-/** Replaces the library's function. An interrupted sleep ends after half of its time. */
-extern "C" int nanosleep(const timespec* time, timespec* left) {
-    static auto* const sleep = reinterpret_cast<decltype(nanosleep)*>(dlsym(RTLD_NEXT, "nanosleep"));
-    if (interruptions == 0) {
-        return sleep(time, left);
-    }
-    --interruptions;
-    timespec half = {};
-    half.tv_nsec = time->tv_nsec / 2;
-    sleep(&half, nullptr);
-    *left = half;
-    errno = EINTR;
-    return -1;
-}
 
 namespace {
 
@@ -574,6 +549,7 @@ TEST_F(KVAudioGainHandlerTest, DestructionEndsTheWorkersAndThenUnhooksTheKeys) {
     seam.SetFeature(PROJECTOR_FEATURE, true);
     seam.SetInt(READY_KEY, 1);
     Start();
+    fake::InterruptSleeps(1);  // so that the pause is not over as soon as all workers wait
     gain.reset();
     EXPECT_THAT(journal.Here().Texts(), ElementsAre(ASK_PROJECTOR, IGNORE_READY, IGNORE_SUB_BT));
     const auto unhooked = journal.Here().With(ASK_PROJECTOR).First().time;
@@ -607,9 +583,9 @@ TEST_F(KVAudioGainHandlerTest, TheThreadBodysTraceEndsWithTheWorker) {
 
 TEST_F(KVAudioGainHandlerTest, TheDestructorsPauseIsNotCutShortBySignals) {
     Start();
-    interruptions = 3;
+    fake::InterruptSleeps(3);
     gain.reset();
-    EXPECT_EQ(interruptions, 0);
+    EXPECT_EQ(fake::InterruptionsToCome(), 0);
     EXPECT_GE(
         journal.Here().With(ASK_PROJECTOR).First().time -
             journal.Here().With("D \t[IN]NKavrel::KVAudioGainHandler::~KVAudioGainHandler()").First().time,

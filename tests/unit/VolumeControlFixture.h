@@ -67,6 +67,13 @@ protected:
         seam.SetInt(SUB_BT_KEY, -1);
     }
 
+    /** Its workers finish the fades under way without their waits. */
+    ~VolumeControlTest() override {
+        SkipStepTimes(true);
+        control.reset();
+        SkipStepTimes(false);
+    }
+
     /** Creates the object, waits until its workers rest, and empties the journal. */
     void Start() {
         Make();

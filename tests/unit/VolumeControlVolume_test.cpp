@@ -163,6 +163,7 @@ TEST_F(VolumeControlVolumeTest, UnmutingTheTvSpeakerStartsTheFadeFirst) {
                             "I [Path:02] gain2:0", "I Apply unmute fadein. ret=0x0", "I mute changed : [0]",
                             "I event: [MUTE_CHANGED]"));
     EXPECT_EQ(journal.With("I Apply unmute fadein. ret=0x0").Function(), "_ApplyUnmuteFadeIn");
+    fake::SkipStepTimes(true);
     EXPECT_TRUE(journal.With(fake::MainGain(100)).Wait());
     EXPECT_TRUE(journal.With(fake::SubGain(100)).Wait());
 }
@@ -266,6 +267,7 @@ TEST_F(VolumeControlVolumeTest, AnUnmuteFadeWhileMutedFades) {
     EXPECT_EQ(journal.With(RECOVER).Count(), 0);
     EXPECT_TRUE(journal.With("I Wake UnMuteMainOutH. gain:0").Wait());
     EXPECT_TRUE(journal.With("I Wake UnMuteSubOutH. gain:0").Wait());
+    fake::SkipStepTimes(true);
     EXPECT_TRUE(journal.With("I handlerGainType:4, LastGain:100").Wait());
     EXPECT_TRUE(journal.With("I handlerGainType:5, LastGain:100").Wait());
 }
@@ -281,6 +283,7 @@ TEST_F(VolumeControlVolumeTest, AnUnmuteFadeIsProtectedFromInterruptionAndAGainC
     ASSERT_TRUE(fake::WorkersRest());
     EXPECT_EQ(journal.With("I handlerGainType:4, LastGain:100").Count(), 0);
     control->ApplyVolumeFadeIn(fake::UNMUTE, 3);
+    fake::SkipStepTimes(true);
     EXPECT_TRUE(journal.With("I handlerGainType:4, LastGain:100").Wait())
         << "the fade takes the permission back";
 }
