@@ -13,6 +13,9 @@ namespace {
 constexpr const char* MULTIVIEW = "memory/multiscreen/info";
 constexpr const char* SUB_BT_ZONE = "memory/org.olvane.btapp/sub_audio_zoneid";
 
+/** Routes to which the daemon may return, without those to which it switches by itself. */
+constexpr int FREE_ROUTES[] = {1, 2, 4, 7, 8, 9, 10, 11, 12, 16, 17, 18, 20, -1, 255, G_MAXINT32, G_MININT32};
+
 std::string Request(int target) {
     return "g_dbus_connection_emit_signal(*, /Org/Olvane/Kavrel, org.olvane.kavrel.SpeakerChangeRequest, (" +
            std::to_string(target) + ", 1))";
@@ -46,7 +49,7 @@ protected:
         ASSERT_EQ(Control().GetSpeakerSelection(), route);
         seam.Clear();
     }
-    void BudsDisconnected() { Emit("BudsDisconnected", g_variant_new("(i)", 3)); }
+    void BudsDisconnected(int reason = 3) { Emit("BudsDisconnected", g_variant_new("(i)", reason)); }
     void SpeakerDisconnected() { Emit("SpkDisconnected", g_variant_new("(is)", 5, "Box")); }
     /**
      * The log lines and calls of the signal's handler, without those of the caller tracker and of later
@@ -133,9 +136,9 @@ TEST_F(ConnectionSignalsTest, EveryBlockedPreviousOutputIsReplacedByTheDefaultOn
 }
 
 TEST_F(ConnectionSignalsTest, EveryOtherPreviousOutputIsOnlyRequested) {
-    for (const int previous : {1, 2, 4, 7, 8, 9, 10, 11, 12, 16, 17, 18, 20, -1, 1000}) {
+    for (const int previous : FREE_ROUTES) {
         Move(previous, 3);
-        BudsDisconnected();
+        BudsDisconnected(previous);  // any number is a reason
         EXPECT_THAT(OfHandler(), ElementsAre(Request(previous), BudsGone(previous)));
         EXPECT_FALSE(Control().GetMuteOnSpkChanged());
         EXPECT_EQ(Control().GetSpeakerSelection(), 3);
@@ -203,6 +206,15 @@ TEST_F(ConnectionSignalsTest, ADisconnectedOutputFallsBackToTheDefaultToo) {
     }
 }
 
+TEST_F(ConnectionSignalsTest, ADisconnectedOutputBringsEveryOtherPreviousOutputBack) {
+    for (const int previous : FREE_ROUTES) {
+        Move(previous, 3);
+        SpeakerDisconnected();
+        EXPECT_EQ(journal.With(SetRoute(previous)).Count(), 1);
+        EXPECT_EQ(Control().GetSpeakerSelection(), previous);
+    }
+}
+
 TEST_F(ConnectionSignalsTest, InMultiViewEveryZoneIsSetButThatOfTheSubHeadset) {
     Move(2, 4);
     seam.SetZones({{1, 4}, {2, 3}, {7, 4}});
@@ -234,10 +246,13 @@ TEST_F(ConnectionSignalsTest, AWronglyTypedNameIsNeverRead) {
 
 TEST_F(ConnectionSignalsTest, ANameMayHoldAnythingThatTextCan) {
     Move(2, 4);
-    Emit("SpkDisconnected", g_variant_new("(is)", 5, "100 %s %n \"Küche\""));
-    EXPECT_THAT(MainLoop().Logs().Lines(),
-                Contains("_OnSpeakerDisconnected: I Speaker(type:5):100 %s %n \"Küche\" disconnected. "
-                         "Connect to previous(type:2)"));
+    for (const std::string& name :
+         {std::string(), std::string("100 %s %n \"Küche\"\t"), std::string(3000, 'x')}) {
+        Emit("SpkDisconnected", g_variant_new("(is)", 5, name.c_str()));
+        EXPECT_THAT(MainLoop().Logs().Lines(), Contains("_OnSpeakerDisconnected: I Speaker(type:5):" + name +
+                                                        " disconnected. Connect to previous(type:2)"));
+        Move(2, 4);
+    }
 }
 
 }  // namespace

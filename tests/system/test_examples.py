@@ -83,10 +83,10 @@ def test_a_bar_follows_volume_mute_outputs_and_restarts(start_bar, scene, tv, cl
     for key, value in HDMI_STATE.items():
         tv.echo(value, f"{MIRRORING}/{key}")
     change_route(tv, daemon.log, HDMI)
-    change_route(tv, daemon.log, WITHOUT_VOLUME, previous=HDMI)
+    change_route(tv, daemon.log, WITHOUT_VOLUME)
     client.emit("BudsDisconnected", "i", 1)  # the daemon requests HDMI, but nobody switches to it
     assert bar.read_line() == NO_VOLUME
-    change_route(tv, daemon.log, HDMI, previous=WITHOUT_VOLUME)
+    change_route(tv, daemon.log, HDMI)
     tv.echo(41, f"{MIRRORING}/get_volume_level_hdmi")
     assert bar.read_line() == bar_line(41)
 

@@ -22,6 +22,37 @@ constexpr const char* GET_FOCUS = "rc_get_audio_focus()";
 constexpr const char* FEATURE = "com.norvik/featureconf/multiview.support";
 constexpr const char* FOCUS_LINE = "I zoneId:1 focusID:1";
 
+struct Mode {
+    std::string info;
+    std::string logged;
+};
+
+const std::vector<Mode> OTHER_MODES = {
+    {R"({"mode": "off"})", "off"},
+    {R"({"mode": "ON"})", "ON"},
+    {R"({"mode": "on "})", "on "},
+    {R"({"mode": ""})", ""},
+    {R"({"Mode": "on"})", ""},
+    {"{}", ""},
+    {"null", ""},
+    {R"({"mode": null})", ""},
+    {R"({"mode": 1})", "1"},
+    {R"({"mode": true})", "true"},
+    {R"({"mode": {"mode": "on"}})", "error"},
+    {R"({"mode": ["on"]})", "error"},
+    {"", "error"},
+    {"on", "error"},
+    {R"("on")", "error"},
+    {"1", "error"},
+    {"[]", "error"},
+    {R"([{"mode": "on"}])", "error"},
+    {R"({"mode": "on")", "error"},
+    {R"({"mode": on})", "error"},
+    {"\u2603", "error"},
+    {std::string(100'000, '['), "error"},
+    {R"({"mode": "on", "deep": )" + std::string(5000, '[') + std::string(5000, ']') + "}", "error"},
+};
+
 class VolumeControlZonesTest : public fake::VolumeControlTest {
 protected:
     VolumeControlZonesTest() {
@@ -79,17 +110,19 @@ TEST_F(VolumeControlZonesTest, AFocusThatCannotBeReadAtTheStartLeavesZoneZero) {
 }
 
 TEST_F(VolumeControlZonesTest, OnlyTheTextOnMeansOn) {
-    for (const char* info :
-         {"", "on", "{", R"({"mode": "ON"})", R"({"mode": "on "})", R"({"other": "on"})", R"({"mode": true})",
-          "[]", R"(["mode"])", R"("on")", "7", R"({"mode": ["on"]})", R"({"mode": {"on": 1}})", "null"}) {
-        SCOPED_TRACE(info);
+    Start();
+    for (const auto& [info, mode] : OTHER_MODES) {
+        SCOPED_TRACE(info.substr(0, 40));
         seam.SetStr(fake::MULTIVIEW_KEY, info);
         seam.Clear();
-        Make();
+        seam.FireKey(fake::SPDIF_KEY, 0);  // makes the object read the mode and then the route
+        EXPECT_THAT(journal.Calls().Texts(), Contains(GET_MODE));
         EXPECT_EQ(journal.With("I route:0").Count(), 1) << "the single-view route is asked for";
-        EXPECT_THAT(journal.Calls().Texts(), Not(Contains(GET_FOCUS)));
-        control.reset();
     }
+    ModeOn();
+    seam.Clear();
+    seam.FireKey(fake::SPDIF_KEY, 0);
+    EXPECT_EQ(journal.With("I route:0").Count(), 0);
 }
 
 TEST_F(VolumeControlZonesTest, AnUnreadableModeIsTreatedAsOff) {
@@ -237,17 +270,32 @@ TEST_F(VolumeControlZonesTest, LeavingMultiViewOnAnotherRouteRestoresNoGain) {
     EXPECT_EQ(seam.MainGainValue(), 40);
 }
 
-TEST_F(VolumeControlZonesTest, AMalformedModeTextIsAnErrorAndIsTreatedAsOff) {
-    for (const char* info : {"{", "[]", "\"on\"", R"({"mode": ["on"]})", "3"}) {
-        SCOPED_TRACE(info);
-        ModeOn();
-        Start();
-        seam.FireKey(fake::MULTIVIEW_KEY, std::string(info));
-        EXPECT_EQ(journal.With("I MSmode:error").Count(), 1);
+TEST_F(VolumeControlZonesTest, AnotherModeIsLoggedAndIsTreatedAsOff) {
+    ModeOn();
+    Start();
+    for (const auto& [info, mode] : OTHER_MODES) {
+        SCOPED_TRACE(info.substr(0, 40));
+        seam.FireKey(fake::MULTIVIEW_KEY, info);
+        EXPECT_EQ(journal.With("I MSmode:" + mode).Count(), 1);
         seam.FireFocus(2);
         EXPECT_EQ(journal.With("E For single view. not this cb").Count(), 1);
-        control.reset();
         seam.SetFocus(1);
+        seam.FireKey(fake::MULTIVIEW_KEY, R"({"mode": "on"})");
+        seam.Clear();
+    }
+}
+
+TEST_F(VolumeControlZonesTest, TheLastMemberNamedModeDecidesHoweverItIsWritten) {
+    Start();
+    for (const char* info :
+         {R"({"mode": "on", "zones": [{"id": 1}, {"id": 2}]})", R"( { "other": null, "mode" : "on" } )",
+          R"({"mode": "off", "mode": "on"})", R"({"mode": "\u006fn"})"}) {
+        SCOPED_TRACE(info);
+        seam.FireKey(fake::MULTIVIEW_KEY, info);
+        EXPECT_EQ(journal.With("I MSmode:on").Count(), 1);
+        EXPECT_EQ(journal.With("I zoneId:1").Count(), 1);
+        seam.FireKey(fake::MULTIVIEW_KEY, R"({"mode": "off"})");
+        seam.Clear();
     }
 }
 
