@@ -94,6 +94,12 @@ int kit_lowest_priority(void);
  */
 int kit_log(void (*write)(void), char* text, size_t size);
 
+/**
+ * The kit's own, for a platform that writes its log to standard error: the adapter's kit_log() returns what this
+ * function returns for the same arguments.
+ */
+int kit_log_of_stderr(void (*write)(void), char* text, size_t size);
+
 #ifdef __cplusplus
 }
 #endif

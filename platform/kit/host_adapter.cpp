@@ -2,10 +2,7 @@
 // SPDX-License-Identifier: MIT
 /** The adapter for the TV in a directory, and the example of one: anybody who changes its files is somebody else. */
 #include <dlog.h>
-#include <fcntl.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -162,19 +159,6 @@ int kit_lowest_priority(void) {
     return DLOG_INFO;
 }
 
-/** The log writes to standard error. */
 int kit_log(void (*write)(), char* text, size_t size) {
-    std::FILE* const file = std::tmpfile();
-    const int kept = dup(STDERR_FILENO);
-    if (file == nullptr || kept < 0) {
-        return KIT_CANNOT;
-    }
-    dup2(fileno(file), STDERR_FILENO);
-    write();
-    dup2(kept, STDERR_FILENO);
-    close(kept);
-    std::rewind(file);
-    text[std::fread(text, 1, size - 1, file)] = '\0';
-    std::fclose(file);
-    return KIT_DONE;
+    return kit_log_of_stderr(write, text, size);
 }

@@ -23,18 +23,19 @@ namespace kit {
 namespace {
 
 constexpr auto PATIENCE = std::chrono::seconds(10);
-constexpr auto LITTLE_PATIENCE = std::chrono::seconds(1);  // once something has not come
+constexpr auto LITTLE_PATIENCE = std::chrono::seconds(1);  // once the rule is broken, or after MOST_MISSES
+constexpr int MOST_MISSES = 2;  // the first may be due to another rule, so the wait after it is as patient
 constexpr auto A_SHORT_TIME = std::chrono::milliseconds(100);
 constexpr auto A_LOOK = std::chrono::milliseconds(1);
-constexpr auto LONGEST_UNREST = std::chrono::seconds(2);
-constexpr int LOOKS = 10;  // a thread that is asleep in so many looks waits for something
+constexpr auto LONGEST_UNREST = std::chrono::seconds(10);
+constexpr auto LITTLE_UNREST =
+    std::chrono::seconds(1);              // once the others have not rested for the longest time
+constexpr std::size_t MOST_ZONES = 1000;  // a longer list is one without an end
+constexpr int LOOKS = 10;                 // a thread that is asleep in so many looks waits for something
 
-const char* const REPORTED = "Reports.SomebodyElsesChangeIsReported";
-const char* const OURS_REPORTED = "Reports.OurChangeIsReportedOnTheSettersThreadBeforeTheSetterReturns";
+constexpr const char* FAILED = "(failed)";  // in the place of a value that cannot be read
 
-const char* const REMOVAL = "Registrations.ARemovedCallbackIsNeverCalledAgain";
-
-std::atomic<bool> isPatient = true;
+std::atomic<int> misses = 0;  // waits that ended without what they waited for
 std::atomic<bool> isBroken = false;
 std::atomic<bool> isUnmet = false;
 std::atomic<bool> isCannot = false;
@@ -42,7 +43,7 @@ std::atomic<int> quiet = 0;
 std::atomic<int> holds = 0;  // callbacks that Hold keeps from returning
 
 std::chrono::milliseconds Patience() {
-    return isPatient ? PATIENCE : LITTLE_PATIENCE;
+    return !isBroken && misses < MOST_MISSES ? PATIENCE : LITTLE_PATIENCE;
 }
 
 /** The thread's name in transcripts: one of ours, or the platform's. */
@@ -186,7 +187,7 @@ void AwaitEndOfCallbacks() {
 }
 
 std::string Read(int result, int value) {
-    return result == 0 ? std::to_string(value) : "(failed)";
+    return result == 0 ? std::to_string(value) : FAILED;
 }
 
 std::string GetInteger(int (*get)(int*)) {
@@ -209,10 +210,10 @@ std::string GetZoneRoute(int zone) {
 
 std::string GetSetting(const char* key) {
     const std::unique_ptr<char, decltype(&std::free)> text(vconf_get_str(key), &std::free);
-    return text ? text.get() : "(failed)";
+    return text ? text.get() : FAILED;
 }
 
-/** The value as its getter gives it, or "(failed)". */
+/** The value as its getter gives it, or FAILED. */
 std::string Get(const kit_value& value) {
     AudioControl* const control = AudioControl_getInstance();
     switch (value.kind) {
@@ -240,11 +241,18 @@ std::string Get(const kit_value& value) {
     return {};
 }
 
-/** Waits until the getter gives the new value: the adapter may have it made by another program. */
-void AwaitInForce(const kit_value& value, const std::string& text) {
+/** Waits until a change is in force: the adapter may have it made by another program. */
+void AwaitInForce(const std::function<bool()>& isInForce) {
     static std::atomic<bool> isWorthWaiting = true;
-    if (value.kind != KIT_FEATURE && isWorthWaiting && !DoesCallbackRun()) {
-        isWorthWaiting = Await([&] { return Get(value) == text || DoesCallbackRun(); });
+    if (isWorthWaiting && !DoesCallbackRun()) {
+        isWorthWaiting = Await([&] { return isInForce() || DoesCallbackRun(); });
+    }
+}
+
+/** Waits until the getter of the value fails, or until it no longer does. */
+void AwaitFailure(const kit_value& value, bool isFailure) {
+    if (value.kind != KIT_FEATURE && value.kind != KIT_EVENT) {
+        AwaitInForce([&] { return (Get(value) == FAILED) == isFailure; });
     }
 }
 
@@ -301,7 +309,9 @@ bool SomebodySets(const kit_value& value, const std::string& text) {
                [&] { return kit_set(&value, text.c_str()); })) {
         return false;
     }
-    AwaitInForce(value, text);
+    if (value.kind != KIT_FEATURE) {
+        AwaitInForce([&] { return Get(value) == text; });
+    }
     return true;
 }
 
@@ -310,15 +320,27 @@ bool SomebodySetsQuietly(const kit_value& value, const std::string& text) {
 }
 
 bool SomebodyRemoves(const kit_value& value) {
-    return Adapt("takes " + NameOf(value) + " away", [&] { return kit_remove(&value); });
+    if (!Adapt("takes " + NameOf(value) + " away", [&] { return kit_remove(&value); })) {
+        return false;
+    }
+    AwaitFailure(value, true);
+    return true;
 }
 
 bool MakeUnreadable(const kit_value& value) {
-    return Adapt("makes " + NameOf(value) + " unreadable", [&] { return kit_make_unreadable(&value); });
+    if (!Adapt("makes " + NameOf(value) + " unreadable", [&] { return kit_make_unreadable(&value); })) {
+        return false;
+    }
+    AwaitFailure(value, true);
+    return true;
 }
 
 bool MakeReadable(const kit_value& value) {
-    return Adapt("makes " + NameOf(value) + " readable again", [&] { return kit_make_readable(&value); });
+    if (!Adapt("makes " + NameOf(value) + " readable again", [&] { return kit_make_readable(&value); })) {
+        return false;
+    }
+    AwaitFailure(value, false);
+    return true;
 }
 
 bool SomebodySetsZones(const std::vector<int>& zones) {
@@ -327,8 +349,33 @@ bool SomebodySetsZones(const std::vector<int>& zones) {
     for (const int zone : zones) {
         names.push_back(std::to_string(zone));
     }
-    return Adapt("arranges these zones: " + List(names),
-                 [&] { return kit_set_zones(zones.data(), static_cast<int>(zones.size())); });
+    if (!Adapt("arranges these zones: " + List(names),
+               [&] { return kit_set_zones(zones.data(), static_cast<int>(zones.size())); })) {
+        return false;
+    }
+    AwaitInForce([expected = std::set<int>(zones.begin(), zones.end())] {
+        int result = 0;
+        const std::vector<int> now = ZonesNow(result);
+        return result == 0 && std::set<int>(now.begin(), now.end()) == expected;
+    });
+    return true;
+}
+
+std::vector<int> ZonesNow(int& result) {
+    std::vector<int> ids;
+    rc_zone_list_h list = nullptr;
+    result = rc_get_zone_list(&list);
+    if (result != 0) {
+        return ids;
+    }
+    rc_zone_h zone = nullptr;
+    while (ids.size() < MOST_ZONES && rc_get_next_zone(list, &zone) == 0) {
+        int id = UNTOUCHED;
+        rc_get_zone_id(zone, &id);
+        ids.push_back(id);
+    }
+    rc_free_zone_list(list);
+    return ids;
 }
 
 // --- Ears
@@ -418,7 +465,7 @@ bool Ear::Await(const std::string& text) const {
         return std::any_of(m_heard.begin(), m_heard.end(),
                            [&](const Heard& heard) { return heard.text == text; });
     });
-    isPatient = isPatient && hasCome;
+    misses += hasCome ? 0 : 1;
     return hasCome;
 }
 
@@ -434,7 +481,7 @@ bool Await(const std::function<bool()>& condition) {
     const auto end = std::chrono::steady_clock::now() + Patience();
     while (!condition()) {
         if (std::chrono::steady_clock::now() > end) {
-            isPatient = false;
+            ++misses;
             return condition();
         }
         std::this_thread::sleep_for(A_LOOK);
@@ -696,6 +743,10 @@ Stream& SettingStream() {
     return stream;
 }
 
+std::string Texts(const Stream& stream, int slot) {
+    return List(stream.ear(slot).Texts());
+}
+
 std::vector<Stream*> AllStreams() {
     std::vector<Stream*> streams = {&Volume(), &HalMute(), &ManagerMute(), &Route(), &SettingStream()};
     static const bool hasZones = SomebodySetsZones({1, 2, 3, 4, 5, 6, 7, 8, 9});
@@ -722,7 +773,7 @@ std::vector<Stream*> WithoutManagerMute(std::vector<Stream*> streams) {
 Scene::Scene(Stream& stream) : m_stream(stream) {
     Step("--- " + stream.name);
     if (stream.set && stream.set(stream.at(0)) != 0) {
-        Unmet(stream.name + " cannot be set", "Reading.AValueThatIsSetIsRead");
+        Unmet(stream.name + " cannot be set", SET);
         return;
     }
     if (!stream.set && !SomebodySets(0)) {
@@ -780,7 +831,7 @@ bool Scene::WeSet(const std::string& text) const {
     if (m_stream.set(text) == 0) {
         return true;
     }
-    Unmet(m_stream.name + " cannot be set", "Reading.AValueThatIsSetIsRead");
+    Unmet(m_stream.name + " cannot be set", SET);
     return false;
 }
 
@@ -858,13 +909,17 @@ bool DoOthersRest() {
     });
 }
 
-/** Waits until `isAtRest` in many looks in a row, at most some seconds. */
+/** Waits until `isAtRest` in many looks in a row; gives up after some seconds. */
 void AwaitRest(const std::function<bool()>& isAtRest) {
-    const auto end = std::chrono::steady_clock::now() + LONGEST_UNREST;
+    static std::atomic<bool> isWorthWaiting = true;  // not for a platform with a thread that never rests
+    const auto end = std::chrono::steady_clock::now() + (isWorthWaiting ? LONGEST_UNREST : LITTLE_UNREST);
     int looks = 0;
     while (looks < LOOKS && std::chrono::steady_clock::now() < end) {
         std::this_thread::sleep_for(A_LOOK);
         looks = isAtRest() ? looks + 1 : 0;
+    }
+    if (looks < LOOKS) {
+        isWorthWaiting = false;
     }
 }
 
@@ -884,7 +939,7 @@ bool WhileReporting(const Action& meanwhile) {
     const auto state = std::make_shared<State>();
     busy.ear(0).Act([state, meanwhile, self = std::this_thread::get_id()] {
         if (std::this_thread::get_id() == self && !std::exchange(state->hasRun, true)) {
-            const Limit limit("a call inside a callback", "Callbacks.MaySetOtherValues");
+            const Limit limit("a call inside a callback", SET_INSIDE);
             meanwhile();
         }
     });
@@ -986,7 +1041,7 @@ void Hold::Begin(By by, const std::string& text) {
     std::unique_lock lock(m_state->mutex);
     m_holds = m_state->changed.wait_for(lock, Patience(), [&] { return m_state->isHeld; });
     if (!m_holds) {
-        isPatient = false;
+        ++misses;
         Unmet("no report of " + m_stream->name + " came", by == By::US ? OURS_REPORTED : REPORTED);
     }
 }

@@ -60,6 +60,18 @@ void Unmet(const std::string& what, const char* rule);
 /** How the process ends: BROKEN, UNMET, CANNOT or KEPT. */
 int Outcome();
 
+/** The rules that Unmet() names most often. A test looks whether there is a rule of each name in these sources. */
+inline constexpr const char* SET = "Reading.AValueThatIsSetIsRead";
+inline constexpr const char* REPORTED = "Reports.SomebodyElsesChangeIsReported";
+inline constexpr const char* OURS_REPORTED =
+    "Reports.OurChangeIsReportedOnTheSettersThreadBeforeTheSetterReturns";
+inline constexpr const char* EQUAL_OURS = "Reports.AnEqualValueOfOursIsSilent";
+inline constexpr const char* EQUAL_OTHERS = "Reports.AnEqualValueOfSomebodyElseIsSilent";
+inline constexpr const char* LAST = "Reports.TheLastValueIsAlwaysReported";
+inline constexpr const char* REMOVAL = "Registrations.ARemovedCallbackIsNeverCalledAgain";
+inline constexpr const char* SEVERAL_CALLBACKS = "SettingsRegistrations.AKeyMayHaveSeveralCallbacks";
+inline constexpr const char* SET_INSIDE = "Callbacks.MaySetOtherValues";
+
 /** The values of a list, for a person. */
 std::string List(const std::vector<std::string>& texts);
 /** A text in quotes; a long one by its length. */
@@ -101,12 +113,19 @@ inline constexpr kit_value Event(const char* name) {
     return {KIT_EVENT, 0, name};
 }
 
-/** Each calls the adapter, and waits until the getters show the change unless a callback runs. @return whether it is done; if not, the rule is not judged, or broken by the adapter */
+/**
+ * Each calls the adapter, and waits until the getters show the change, unless a callback runs.
+ * @return whether it is done; if not, the rule is not judged, or the adapter has failed
+ */
 bool SomebodySets(const kit_value& value, const std::string& text);
 bool SomebodyRemoves(const kit_value& value);
 bool MakeUnreadable(const kit_value& value);
 bool MakeReadable(const kit_value& value);
 bool SomebodySetsZones(const std::vector<int>& zones);
+/** The zones that rc_get_zone_list() lists now. @param result what that call returned */
+std::vector<int> ZonesNow(int& result);
+/** An argument that a failed call should leave as it was. */
+inline constexpr int UNTOUCHED = 424242;
 /** Like SomebodySets(), without a line in the transcript: for storms. */
 bool SomebodySetsQuietly(const kit_value& value, const std::string& text);
 
@@ -178,6 +197,8 @@ Stream& Route();
 Stream& ZoneRouteOf2();
 Stream& Focus();
 Stream& SettingStream();
+/** The texts that a callback of the stream has heard, for a person. */
+std::string Texts(const Stream& stream, int slot = 0);
 /** A setting, whose slot 0 is the first slot. */
 Stream KeyStream(const char* key, int firstSlot);
 

@@ -20,8 +20,6 @@ using namespace kit;
 
 namespace {
 
-constexpr const char* SET = "Reading.AValueThatIsSetIsRead";
-constexpr int UNTOUCHED = 424242;
 constexpr int NO_SUCH_ZONE = static_cast<int>(0xFE6A0004);
 constexpr const char* KEY = "memory/kit/value";
 
@@ -339,24 +337,6 @@ TEST(SoundManager, ANewZoneHasARouteToSet) {
     Step("zone 4 has come: setting its route returns " + Number(set) + ", reading it returns " +
          Number(read));
     Check(set == 0 && read == 0 && route == 7, "the route of a new zone should be set and read");
-}
-
-std::vector<int> ZonesNow(int& result) {
-    std::vector<int> ids;
-    rc_zone_list_h list = nullptr;
-    result = rc_get_zone_list(&list);
-    if (result != 0) {
-        return ids;
-    }
-    rc_zone_h zone = nullptr;
-    constexpr std::size_t MOST = 1000;  // a list without an end is one that is too long
-    while (ids.size() < MOST && rc_get_next_zone(list, &zone) == 0) {
-        int id = UNTOUCHED;
-        rc_get_zone_id(zone, &id);
-        ids.push_back(id);
-    }
-    rc_free_zone_list(list);
-    return ids;
 }
 
 std::string Zones(const std::vector<int>& ids) {

@@ -15,15 +15,8 @@ using namespace kit;
 
 namespace {
 
-constexpr const char* OURS_REPORTED = "Reports.OurChangeIsReportedOnTheSettersThreadBeforeTheSetterReturns";
-constexpr const char* EQUAL_OTHERS = "Reports.AnEqualValueOfSomebodyElseIsSilent";
-constexpr const char* REMOVAL = "Registrations.ARemovedCallbackIsNeverCalledAgain";
 constexpr const char* REMOVE_INSIDE = "Registrations.ACallbackMayRemoveItself";
 constexpr const char* ADD_INSIDE = "Registrations.ACallbackMayRegisterOthers";
-
-std::string Texts(Stream& stream, int slot = 0) {
-    return List(stream.ear(slot).Texts());
-}
 
 /** Whether a removal outside of callbacks works for this kind; if not, what builds on it is not judged. */
 bool DoesRemovalWork(Scene& scene, Stream& stream) {
@@ -169,11 +162,11 @@ bool DoBothHear(const Scene& scene, Stream& stream) {
     if (!scene.SomebodySets(8) || !scene.Await(8, 1)) {
         return false;
     }
-    Settle();
-    if (stream.ear(0).Has(stream.HeardAt(8))) {
+    if (stream.ear(0).Await(stream.HeardAt(8))) {
+        Settle();
         return true;
     }
-    Unmet("one of two callbacks of a key is not called", "SettingsRegistrations.AKeyMayHaveSeveralCallbacks");
+    Unmet("one of two callbacks of a key is not called", SEVERAL_CALLBACKS);
     return false;
 }
 
@@ -616,9 +609,8 @@ TEST(SettingsRegistrations, AreToldApartByKeyAndCallback) {
         Check(one.remove(2) != 0,
               "callback 3 is not registered for memory/kit/one, but its removal succeeded");
         change(1);
-        if (!one.ear(1).Has("one 1") || !one.ear(0).Has("one 1") || !one.ear(0).Has("two 1")) {
-            Unmet("not every callback of a key is called",
-                  "SettingsRegistrations.AKeyMayHaveSeveralCallbacks");
+        if (!one.ear(1).Await("one 1") || !one.ear(0).Await("one 1") || !one.ear(0).Await("two 1")) {
+            Unmet("not every callback of a key is called", SEVERAL_CALLBACKS);
             return;
         }
         one.remove(0);

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -70,6 +71,16 @@ struct Options {
 /** The command line is wrong. */
 struct WrongUsage {};
 
+unsigned int ParseJobs(const std::string& text) {
+    unsigned int jobs = 0;
+    const char* const end = text.data() + text.size();
+    const auto [at, error] = std::from_chars(text.data(), end, jobs);
+    if (error != std::errc() || at != end || jobs == 0) {
+        throw WrongUsage();
+    }
+    return jobs;
+}
+
 Options Parse(const std::vector<std::string>& arguments) {
     Options options;
     for (std::size_t i = 0; i < arguments.size(); ++i) {
@@ -83,7 +94,7 @@ Options Parse(const std::vector<std::string>& arguments) {
         } else if (argument == "--here") {
             options.isHere = true;
         } else if (argument == "--jobs" && i + 1 < arguments.size()) {
-            options.jobs = std::max(1U, static_cast<unsigned int>(std::stoul(arguments[++i])));
+            options.jobs = ParseJobs(arguments[++i]);
         } else if (argument == "--help" || argument == "-h") {
             options.isHelp = true;
         } else if (argument.starts_with("-")) {
@@ -127,7 +138,8 @@ std::vector<std::string> Rules(const Options& options) {
 /** Judges one rule in this process. The rule has written its transcript to standard output. */
 [[noreturn]] void Judge(const std::string& name) {
     testing::TestEventListeners& listeners = testing::UnitTest::GetInstance()->listeners();
-    delete listeners.Release(listeners.default_result_printer());
+    const std::unique_ptr<testing::TestEventListener> silenced(
+        listeners.Release(listeners.default_result_printer()));
     GTEST_FLAG_SET(filter, name);
     if (const int answer = kit_start()) {
         std::cout << "BROKEN: the adapter failed, which says nothing of the platform: kit_start() gave "
@@ -271,9 +283,9 @@ private:
 };
 
 /** Prints how rules have ended, and counts. */
-class Report {
+class Summary {
 public:
-    explicit Report(bool isStrict) : m_isStrict(isStrict) {}
+    explicit Summary(bool isStrict) : m_isStrict(isStrict) {}
 
     void Add(const Run& run) {
         const Verdict verdict = run.Judge();
@@ -330,7 +342,7 @@ private:
 };
 
 int RunAll(const std::vector<std::string>& names, const Options& options) {
-    Report report(options.isStrict);
+    Summary summary(options.isStrict);
     std::vector<std::unique_ptr<Run>> running;
     auto next = names.begin();
     int hangs = 0;
@@ -342,13 +354,13 @@ int RunAll(const std::vector<std::string>& names, const Options& options) {
             const bool hasEnded = run->HasEnded();
             if (hasEnded) {
                 hangs += static_cast<int>(run->HasHung());
-                report.Add(*run);
+                summary.Add(*run);
             }
             return hasEnded;
         });
         std::this_thread::sleep_for(A_LOOK);
     }
-    return report.Finish(static_cast<std::size_t>(names.end() - next));
+    return summary.Finish(static_cast<std::size_t>(names.end() - next));
 }
 
 int Main(const Options& options) {

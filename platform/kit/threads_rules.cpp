@@ -112,13 +112,13 @@ const char* RuleOf(std::string_view call) {
         Own{"rc_", "ResourceCenter.ZonesAreListedInAscendingOrder"},
         Own{"_register", "Registrations.ARemovedCallbackMayBeRegisteredAgain"},
         Own{"_notify", "Registrations.ARemovedCallbackMayBeRegisteredAgain"},
-        Own{"_unregister", "Registrations.ARemovedCallbackIsNeverCalledAgain"},
-        Own{"_ignore", "Registrations.ARemovedCallbackIsNeverCalledAgain"},
+        Own{"_unregister", REMOVAL},
+        Own{"_ignore", REMOVAL},
     };
     const auto* const found = std::find_if(OWN.begin(), OWN.end(), [call](const Own& own) {
         return call.find(own.part) != std::string_view::npos;
     });
-    return found != OWN.end() ? found->rule : "Reading.AValueThatIsSetIsRead";
+    return found != OWN.end() ? found->rule : SET;
 }
 
 /** First each call without any other beside it, then on a thread of its own while the others make theirs. */
@@ -248,10 +248,10 @@ const char* SimplerRuleThatIsBroken(Scene& scene, Stream& stream) {
     };
     scene.WeSet(70);
     if (!WhileReporting([&] { scene.SomebodySets(71); })) {
-        return "Reports.OurChangeIsReportedOnTheSettersThreadBeforeTheSetterReturns";
+        return OURS_REPORTED;
     }
     if (!isLastPresent()) {
-        return "Reports.TheLastValueIsAlwaysReported";
+        return LAST;
     }
     WhileReporting([&] {
         scene.SomebodySets(72);

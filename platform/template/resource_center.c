@@ -35,7 +35,7 @@ int rc_get_audio_focus(int* zone_id) {
 int rc_register_audio_focus_changed_callback(rc_audio_focus_changed_cb callback, void* user_data) {
     (void)callback;
     (void)user_data;
-    return 0; /* of all codes the only failure here */
+    return 0; /* the failure code of this call; an id is above 0 */
 }
 
 int rc_unregister_audio_focus_changed_callback(int callback_id) {

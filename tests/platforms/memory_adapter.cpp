@@ -4,9 +4,7 @@
 #include "adapter.h"
 
 #include <dlog.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <string>
 
 #include "memory_platform.h"
@@ -81,17 +79,5 @@ int kit_lowest_priority(void) {
 }
 
 int kit_log(void (*write)(), char* text, size_t size) {
-    std::FILE* const file = std::tmpfile();
-    const int kept = dup(STDERR_FILENO);
-    if (file == nullptr || kept < 0) {
-        return KIT_CANNOT;
-    }
-    dup2(fileno(file), STDERR_FILENO);
-    write();
-    dup2(kept, STDERR_FILENO);
-    close(kept);
-    std::rewind(file);
-    text[std::fread(text, 1, size - 1, file)] = '\0';
-    std::fclose(file);
-    return KIT_DONE;
+    return kit_log_of_stderr(write, text, size);
 }
