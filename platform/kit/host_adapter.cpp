@@ -85,12 +85,15 @@ int kit_start(void) {
     for (const char* const folder :
          {"settings/memory", "settings/db", "features", "sound/zones", "zones", "audio", "events"}) {
         fs::create_directories(tv / folder, error);
+        if (error) {
+            return Answer(error);
+        }
     }
     for (const char* const file : {"audio/master_volume", "audio/master_mute", "audio/main_out_gain2",
                                    "audio/sub_out_gain2", "sound/route"}) {
         std::ofstream(tv / file) << "0\n";
     }
-    return Answer(error);
+    return KIT_DONE;
 }
 
 void kit_stop(void) {}

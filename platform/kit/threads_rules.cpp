@@ -121,122 +121,156 @@ const char* RuleOf(std::string_view call) {
     return found != OWN.end() ? found->rule : SET;
 }
 
+constexpr int ROUNDS = 150;
+
+/** The calls that failed, or gave a value that nobody had set. */
+class Failures {
+public:
+    void Check(const char* call, bool isRight) {
+        if (!isRight) {
+            const std::lock_guard guard(m_mutex);
+            m_calls.insert(call);
+        }
+    }
+    std::vector<std::string> Calls() {
+        const std::lock_guard guard(m_mutex);
+        return {m_calls.begin(), m_calls.end()};
+    }
+
+private:
+    std::mutex m_mutex;
+    std::set<std::string> m_calls;  // guarded by m_mutex
+};
+
+/** Makes some calls. @param i the number of the round, from 0 */
+using Round = void (*)(Failures& failures, int i);
+
+void SetAndGetVolume(Failures& failures, int i) {
+    int value = -1;
+    failures.Check("audio_set_master_volume", audio_set_master_volume(i % 101, 0) == 0);
+    failures.Check("audio_get_master_volume",
+                   audio_get_master_volume(&value) == 0 && value >= 0 && value <= 100);
+}
+
+void SetSettings(Failures& failures, int i) {
+    const std::string text(1000U + i % 7 * 500U, static_cast<char>('a' + i % 26));
+    failures.Check("vconf_set_str", vconf_set_str("memory/kit/long", text.c_str()) == 0);
+    failures.Check("vconf_set_int", vconf_set_int("memory/kit/value", i) == 0);
+}
+
+/** Each text of the setting is one letter, many times. */
+void GetSetting(Failures& failures, int /*i*/) {
+    const std::unique_ptr<char, decltype(&std::free)> text(vconf_get_str("memory/kit/long"), &std::free);
+    const std::string_view read = text ? text.get() : "";
+    failures.Check("vconf_get_str",
+                   read.size() >= 1000 && read.find_first_not_of(read.front()) == std::string_view::npos);
+}
+
+void RegisterAndRemove(Failures& failures, int /*i*/) {
+    failures.Check("vconf_notify_key_changed", SettingStream().add(5, nullptr) == 0);
+    failures.Check("vconf_ignore_key_changed", SettingStream().remove(5) == 0);
+    failures.Check("audio_register_master_volume_changed_cb", Volume().add(5, nullptr) == 0);
+    failures.Check("audio_unregister_master_volume_changed_cb", Volume().remove(5) == 0);
+    const int id = rc_register_audio_focus_changed_callback([](int, void*) {}, nullptr);
+    failures.Check("rc_register_audio_focus_changed_callback", id > 0);
+    failures.Check("rc_unregister_audio_focus_changed_callback",
+                   rc_unregister_audio_focus_changed_callback(id) == 0);
+}
+
+void SetAndGetRoute(Failures& failures, int i) {
+    int value = 0;
+    failures.Check("sound_manager_set_speaker_selection", sound_manager_set_speaker_selection(i) == 0);
+    failures.Check("sound_manager_get_speaker_selection", sound_manager_get_speaker_selection(&value) == 0);
+}
+
+void SetAndGetGain(Failures& failures, int i) {
+    if (AudioControl* const control = AudioControl_getInstance()) {
+        int gain = -1;
+        failures.Check("set_main_out_gain2", control->set_main_out_gain2(i) == 0);
+        failures.Check("get_main_out_gain2",
+                       control->get_main_out_gain2(&gain) == 0 && gain >= 0 && gain < ROUNDS);
+    }
+}
+
+void MarkEvents(Failures& failures, int i) {
+    const std::string event = "kit/event" + std::to_string(i % 3);
+    failures.Check("LwipcEventDone", LwipcEventDone(event.c_str()) == 0);
+    failures.Check("LwipcIsDone", LwipcIsDone(event.c_str()) == 1);
+}
+
+void ListZones(Failures& failures, int /*i*/) {
+    rc_zone_list_h list = nullptr;
+    failures.Check("rc_get_zone_list", rc_get_zone_list(&list) == 0);
+    rc_zone_h zone = nullptr;
+    while (list != nullptr && rc_get_next_zone(list, &zone) == 0) {
+        int id = 0;
+        failures.Check("rc_get_zone_id", rc_get_zone_id(zone, &id) == 0 && id >= 1 && id <= 9);
+    }
+    if (list != nullptr) {
+        failures.Check("rc_free_zone_list", rc_free_zone_list(list) == 0);
+    }
+}
+
+void SetBesideSomebodyElse(Failures& failures, int i) {
+    SomebodySetsQuietly(MASTER_VOLUME, std::to_string(i % 101));
+    SomebodySetsQuietly(Setting("memory/kit/value"), std::to_string(i));
+    bool mute = false;
+    failures.Check("audio_set_master_mute", audio_set_master_mute(i % 2 == 0) == 0);
+    failures.Check("audio_get_master_mute", audio_get_master_mute(&mute) == 0);
+}
+
+/** Each is one thread's part. */
+constexpr std::array<Round, 9> ALL_ROUNDS = {SetAndGetVolume,   SetSettings,    GetSetting,
+                                             RegisterAndRemove, SetAndGetRoute, SetAndGetGain,
+                                             MarkEvents,        ListZones,      SetBesideSomebodyElse};
+
+/** Makes all calls on one thread. */
+void MakeCallsAlone(Failures& failures) {
+    const Worker alone([&] {
+        for (const Round round : ALL_ROUNDS) {
+            for (const int i : {0, 0, 1, ROUNDS - 1}) {
+                round(failures, i);
+            }
+        }
+    });
+}
+
+void MakeCallsAtOnce(Failures& failures) {
+    std::vector<std::unique_ptr<Worker>> workers;
+    for (const Round round : ALL_ROUNDS) {
+        workers.push_back(std::make_unique<Worker>([&failures, round] {
+            for (int i = 0; i < ROUNDS; ++i) {
+                round(failures, i);
+            }
+        }));
+    }
+}
+
 /** First each call without any other beside it, then on a thread of its own while the others make theirs. */
 TEST(Threads, AllCallsMayBeMadeAtOnce) {
     Rule(
         "All calls may be made from any thread at the same time: each gives a value that somebody has set, "
         "and none fails or crashes.");
-    constexpr int ROUNDS = 150;
     AllStreams();
-    AudioControl* const control = AudioControl_getInstance();
-    std::mutex mutex;
-    std::set<std::string> failures;  // guarded by mutex
-    const auto check = [&](const char* call, bool isRight) {
-        if (!isRight) {
-            const std::lock_guard guard(mutex);
-            failures.insert(call);
-        }
-    };
-    Scene volumeScene(Volume());
-    Scene settingScene(SettingStream());
+    Failures failures;
+    const Scene volumeScene(Volume());
+    const Scene settingScene(SettingStream());
     vconf_set_str("memory/kit/long", std::string(2000, 'a').c_str());
     audio_set_master_volume(50, 0);
-    Volume().ear(0).Act(nullptr);
-    std::vector<std::function<void(int)>> rounds;
-    rounds.emplace_back([&](int i) {
-        int value = -1;
-        check("audio_set_master_volume", audio_set_master_volume(i % 101, 0) == 0);
-        check("audio_get_master_volume", audio_get_master_volume(&value) == 0 && value >= 0 && value <= 100);
-    });
-    rounds.emplace_back([&](int i) {
-        check("vconf_set_str",
-              vconf_set_str("memory/kit/long",
-                            std::string(1000U + i % 7 * 500U, static_cast<char>('a' + i % 26)).c_str()) == 0);
-        check("vconf_set_int", vconf_set_int("memory/kit/value", i) == 0);
-    });
-    rounds.emplace_back([&](int) {
-        const std::unique_ptr<char, decltype(&std::free)> text(vconf_get_str("memory/kit/long"), &std::free);
-        const std::string_view read = text ? text.get() : "";
-        check("vconf_get_str",
-              read.size() >= 1000 && read.find_first_not_of(read.front()) == std::string_view::npos);
-    });
-    rounds.emplace_back([&](int) {
-        check("vconf_notify_key_changed", SettingStream().add(5, nullptr) == 0);
-        check("vconf_ignore_key_changed", SettingStream().remove(5) == 0);
-        check("audio_register_master_volume_changed_cb", Volume().add(5, nullptr) == 0);
-        check("audio_unregister_master_volume_changed_cb", Volume().remove(5) == 0);
-    });
-    rounds.emplace_back([&](int i) {
-        int value = 0;
-        check("sound_manager_set_speaker_selection", sound_manager_set_speaker_selection(i) == 0);
-        check("sound_manager_get_speaker_selection", sound_manager_get_speaker_selection(&value) == 0);
-        const int id = rc_register_audio_focus_changed_callback([](int, void*) {}, nullptr);
-        check("rc_register_audio_focus_changed_callback", id > 0);
-        check("rc_unregister_audio_focus_changed_callback",
-              rc_unregister_audio_focus_changed_callback(id) == 0);
-    });
-    rounds.emplace_back([&](int i) {
-        if (control != nullptr) {
-            int gain = -1;
-            check("set_main_out_gain2", control->set_main_out_gain2(i) == 0);
-            check("get_main_out_gain2",
-                  control->get_main_out_gain2(&gain) == 0 && gain >= 0 && gain < ROUNDS);
-        }
-        const std::string event = "kit/event" + std::to_string(i % 3);
-        check("LwipcEventDone", LwipcEventDone(event.c_str()) == 0);
-        check("LwipcIsDone", LwipcIsDone(event.c_str()) == 1);
-    });
-    rounds.emplace_back([&](int) {
-        rc_zone_list_h list = nullptr;
-        check("rc_get_zone_list", rc_get_zone_list(&list) == 0);
-        rc_zone_h zone = nullptr;
-        while (list != nullptr && rc_get_next_zone(list, &zone) == 0) {
-            int id = 0;
-            check("rc_get_zone_id", rc_get_zone_id(zone, &id) == 0 && id >= 1 && id <= 9);
-        }
-        if (list != nullptr) {
-            check("rc_free_zone_list", rc_free_zone_list(list) == 0);
-        }
-    });
-    rounds.emplace_back([&](int i) {
-        SomebodySetsQuietly(MASTER_VOLUME, std::to_string(i % 101));
-        SomebodySetsQuietly(Setting("memory/kit/value"), std::to_string(i));
-        bool mute = false;
-        check("audio_set_master_mute", audio_set_master_mute(i % 2 == 0) == 0);
-        check("audio_get_master_mute", audio_get_master_mute(&mute) == 0);
-    });
     SetQuiet(true);
-    {
-        const Worker alone([&] {
-            for (const auto& round : rounds) {
-                for (const int i : {0, 0, 1, ROUNDS - 1}) {
-                    round(i);
-                }
-            }
-        });
-    }
-    if (!failures.empty()) {
-        Unmet("one at a time these fail already: " + List({failures.begin(), failures.end()}),
-              RuleOf(*failures.begin()));
+    MakeCallsAlone(failures);
+    SetQuiet(false);
+    if (const auto calls = failures.Calls(); !calls.empty()) {
+        Unmet("one at a time these fail already: " + List(calls), RuleOf(calls.front()));
         return;
     }
-    SetQuiet(false);
-    Step("eight threads make all calls at once");
+    Step(std::to_string(ALL_ROUNDS.size()) + " threads make all calls at once");
     SetQuiet(true);
-    {
-        std::vector<std::unique_ptr<Worker>> workers;
-        for (const auto& round : rounds) {
-            workers.push_back(std::make_unique<Worker>([&round] {
-                for (int i = 0; i < ROUNDS; ++i) {
-                    round(i);
-                }
-            }));
-        }
-    }
+    MakeCallsAtOnce(failures);
     SetQuiet(false);
-    const std::lock_guard guard(mutex);
-    Check(failures.empty(), "with all calls at once these failed or gave a value that nobody had set: " +
-                                List({failures.begin(), failures.end()}));
+    Check(
+        failures.Calls().empty(),
+        "with all calls at once these failed or gave a value that nobody had set: " + List(failures.Calls()));
 }
 
 /** Repeats the scenes of the simpler rules. @return the name of the first broken one, or null */
