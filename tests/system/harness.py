@@ -118,13 +118,6 @@ class Log:
     def wait_matching(self, pattern, after=-1):
         return self.wait(re.compile(pattern), after)
 
-    def wait_for_rest(self, seconds=1.0, timeout=PATIENCE):
-        """Waits until kavreld has logged nothing for so many seconds."""
-        end = time.monotonic() + timeout
-        with FolderWatch(self.path.parent) as watch:
-            while watch.wait(time.monotonic() + seconds):
-                assert time.monotonic() < end, f"still logging after {timeout} s"
-
     def sanitizer_reports(self):
         return [raw for raw in self.raw_lines() if SANITIZER_REPORT.search(raw)]
 
@@ -405,6 +398,12 @@ class Broker(Process):
         return status
 
 
+# What each gain worker logs before it sleeps, and how its first line begins after it has woken.
+WORKERS = [("Sleep PulseRampH", "Wake PulseRampH"), ("Sleep AudioGainOut", "AudioGainOut. Update"),
+           *((f"Sleep {worker}", f"Wake {worker}.")
+             for worker in ("PlayerMainOutH", "PlayerSubOutH", "UnMuteMainOutH", "UnMuteSubOutH"))]
+
+
 class Kavreld(Process):
     """The real kavreld. Its log goes to a file, because a full pipe would block it."""
 
@@ -456,6 +455,23 @@ class Kavreld(Process):
                 switches = int(fields["voluntary_ctxt_switches"]) + int(fields["nonvoluntary_ctxt_switches"])
                 found[int(status.parent.name)] = Thread(fields["Name"], fields["State"][0], switches)
         return found
+
+    def rest(self):
+        """Waits until all six gain workers wait for a request; they can miss an earlier one."""
+        deadline = time.monotonic() + PATIENCE
+        with FolderWatch(self.log.path.parent) as watch:
+            while True:
+                logged = len(self.log.raw_lines())
+                if all(self._worker_sleeps(*words) for words in WORKERS):
+                    # A worker logs that before it waits. If nothing is logged until all threads sleep, none has woken.
+                    if self.log.end() + 1 == logged:
+                        return
+                else:
+                    assert watch.wait(deadline), f"the gain workers do not come to rest within {PATIENCE} s"
+
+    def _worker_sleeps(self, sleep, wake):
+        words = [text for text in self.log.texts() if text == sleep or text.startswith(wake)]
+        return bool(words) and words[-1] == sleep
 
     def threads(self):
         """Returns {thread id: (name, number of context switches)}."""

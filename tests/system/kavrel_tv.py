@@ -130,7 +130,7 @@ def assert_idle(pid):
     deadline = time.monotonic() + PATIENCE
     while True:  # it may still finish its start
         before = switches()
-        time.sleep(2)  # the time of observation
+        time.sleep(2)  # only time can show that nothing happens
         after = switches()
         woken = [task for task in before.keys() | after.keys() if before.get(task) != after.get(task)]
         if len(woken) <= FOREIGN_THREADS:

@@ -17,43 +17,17 @@ FADE = list(range(0, 101, 5))
 FADE_SECONDS = 1.5
 COARSE = 0.02  # seconds by which the kernel's file times may be late
 
-FADE_WORKERS = ["PlayerMainOutH", "PlayerSubOutH", "UnMuteMainOutH", "UnMuteSubOutH"]
-SLEEP = {"PulseRampH": "Sleep PulseRampH", "AudioGainOutH": "Sleep AudioGainOut",
-         **{worker: f"Sleep {worker}" for worker in FADE_WORKERS}}
-WAKE = {"PulseRampH": "Wake PulseRampH", "AudioGainOutH": "AudioGainOut. Update",
-        **{worker: f"Wake {worker}." for worker in FADE_WORKERS}}
-
 PROJECTOR = "features/com.norvik/featureconf/projector_feature_support"
 READY = "settings/memory/projector/status/ready"
 SUB_ZONE_KEY = "memory/org.olvane.btapp/sub_audio_zoneid"
 POPUP_EVENT = "events/FadeInPopup"
 
 
-def sleeps(log, worker):
-    """Returns whether the worker's last line says that it sleeps."""
-    words = [text for text in log.texts() if text == SLEEP[worker] or text.startswith(WAKE[worker])]
-    return bool(words) and words[-1] == SLEEP[worker]
-
-
-def rest(daemon):
-    """Waits until all six workers wait for a request; they can miss an earlier one."""
-    deadline = time.monotonic() + PATIENCE
-    with FolderWatch(daemon.log.path.parent) as watch:
-        while True:
-            logged = len(daemon.log.raw_lines())
-            if all(sleeps(daemon.log, worker) for worker in SLEEP):
-                # A worker logs that before it waits. If nothing is logged until all threads sleep, none has woken again.
-                if daemon.log.end() + 1 == logged:
-                    return
-            else:
-                assert watch.wait(deadline), f"the gain workers do not come to rest within {PATIENCE} s"
-
-
 @pytest.fixture
 def daemon(scene):
     """A kavreld whose gain workers are at rest."""
     daemon = scene.start()
-    rest(daemon)
+    daemon.rest()
     return daemon
 
 
@@ -63,7 +37,7 @@ def start_with(scene, tv, **values):
     for value, text in values.items():
         tv.echo(text, value)
     daemon = scene.start()
-    rest(daemon)
+    daemon.rest()
     return daemon
 
 
@@ -135,7 +109,7 @@ def test_player_fades_of_both_outputs_run_side_by_side(daemon, client, tv, capsy
         asked = time.time()
         assert client.call("ApplyPlayerFadeIn", "i", MAIN) == (0,)
         assert client.call("ApplyPlayerFadeIn", "i", SUB) == (0,)
-        rest(daemon)
+        daemon.rest()
     main.assert_fade(asked)
     sub.assert_fade(asked)
     with capsys.disabled():
@@ -148,7 +122,7 @@ def test_a_fade_of_the_player_touches_its_own_output_only(daemon, client, tv):
         assert client.call("ApplyPlayerFadeIn", "i", SUB) == (0,)
         tv.wait_until(SUB_GAIN, lambda: int(tv.read(SUB_GAIN)) >= 5)
         assert client.call("ResetPlayerGain", "i", SUB) == (0,)
-        rest(daemon)
+        daemon.rest()
     assert main.numbers() == [100]
     assert sub.numbers()[0] == sub.numbers()[-1] == 100
 
@@ -160,7 +134,7 @@ def test_a_muted_tv_fades_both_outputs_in(daemon, client, tv, unmute):
     with Recording(tv, MAIN_GAIN) as main, Recording(tv, SUB_GAIN) as sub:
         asked = time.time()
         assert unmute(client)
-        rest(daemon)
+        daemon.rest()
     main.assert_fade(asked)
     sub.assert_fade(asked)
 
@@ -187,7 +161,7 @@ def test_an_output_that_cannot_be_written_fails_and_leaves_the_other(daemon, cli
     tv.remove(MAIN_GAIN)
     (tv.path / MAIN_GAIN / "in-the-way").mkdir(parents=True)
     assert client.call("ApplyGainOnMute", "ii", BOTH, 40) == (-1,)
-    rest(daemon)
+    daemon.rest()
     assert tv.read(SUB_GAIN) == "100"
 
 
@@ -200,7 +174,7 @@ def test_a_path_without_an_output_is_an_invalid_argument_of_every_gain_method(da
         assert refused(path) == 4 * [(INVALID_ARGUMENT,)]
     mute(client)
     assert client.call("ApplyUnmuteFadeIn", "i", 0) == (INVALID_ARGUMENT,)
-    rest(daemon)
+    daemon.rest()
     assert gains(tv) == (100, 100)
 
 
@@ -214,7 +188,7 @@ def test_a_pulse_gain_reaches_both_outputs_in_ten_equal_steps_or_without_duratio
     for recording in (main, sub):
         assert is_subsequence(recording.numbers(), [100, 92, 84, 76, 68, 60, 52, 44, 36, 28, 20])
 
-    rest(daemon)
+    daemon.rest()
     with Recording(tv, MAIN_GAIN) as main, Recording(tv, SUB_GAIN) as sub:
         client.emit("ApplyPulseAudioGain", "ii", 50, 0)
         tv.wait_until(SUB_GAIN, lambda: gains(tv) == (50, 50))
@@ -232,17 +206,17 @@ def test_a_projector_keeps_its_gains_until_it_is_ready(scene, tv, client, ready)
     assert client.call("ApplyGainOnMute", "ii", BOTH, 40) == (0,)
     assert gains(tv) == (100, 100)
 
-    rest(daemon)
+    daemon.rest()
     tv.echo(1, READY)
-    rest(daemon)
+    daemon.rest()
     assert gains(tv) == (100, 100)  # until the next write
     assert client.call("ResetPlayerGain", "i", BOTH) == (0,)
     assert gains(tv) == (40, 40)
 
-    rest(daemon)
+    daemon.rest()
     tv.echo(0, READY)
     assert client.call("ApplyGainOnMute", "ii", BOTH, 60) == (0,)
-    rest(daemon)
+    daemon.rest()
     assert gains(tv) == (40, 40)
 
     tv.echo("soon", READY)  # no number means that it is ready
@@ -275,7 +249,7 @@ def test_with_a_sub_zone_an_unmute_gain_or_fade_stays_on_its_output(sub_zone, tv
     assert client.call("ApplyGainOnMute", "ii", BOTH, 60) == (0,)
     assert gains(tv) == (60, 50)
 
-    rest(sub_zone)
+    sub_zone.rest()
     mute(client)
     assert client.call("ApplyUnmuteFadeIn", "i", SUB) == (0,)
     tv.wait_until(SUB_GAIN, lambda: tv.read(SUB_GAIN) == "100")
@@ -286,7 +260,7 @@ def test_a_sub_zone_that_comes_and_goes_is_followed_and_nothing_is_applied_by_it
     assert client.call("ApplyGainOnMute", "ii", MAIN, 40) == (0,)
     assert gains(tv) == (40, 40)
     tv.echo(3, f"settings/{SUB_ZONE_KEY}")
-    rest(daemon)
+    daemon.rest()
     assert gains(tv) == (40, 40)
     assert client.call("ApplyGainOnMute", "ii", MAIN, 60) == (0,)
     assert gains(tv) == (60, 40)

@@ -449,7 +449,7 @@ def test_daemon_that_ends_before_it_answers(scene, ctl):
 
 def test_timeout_of_zero_is_none(stopped, ctl):
     view = ctl.view("volume", "--timeout", "0")
-    time.sleep(0.3)  # that nothing happens cannot be waited for
+    time.sleep(0.3)  # only time can show that nothing happens
     assert view.is_alive()
     stopped.signal(signal.SIGCONT)
     assert view.read_line() == "10"
