@@ -398,7 +398,7 @@ class Broker(Process):
         return status
 
 
-# What each gain worker logs before it sleeps, and how its first line begins after it has woken.
+# The line that each gain worker logs before it sleeps, and the beginning of its first line after it has woken.
 WORKERS = [("Sleep PulseRampH", "Wake PulseRampH"), ("Sleep AudioGainOut", "AudioGainOut. Update"),
            *((f"Sleep {worker}", f"Wake {worker}.")
              for worker in ("PlayerMainOutH", "PlayerSubOutH", "UnMuteMainOutH", "UnMuteSubOutH"))]

@@ -7,6 +7,7 @@ import re
 import signal
 import subprocess
 import time
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import pytest
@@ -423,11 +424,16 @@ ANSWERED_COMMANDS = [arguments for arguments in SHORT_COMMANDS
                      if arguments[0] not in ("pulse", "buds", "speaker-gone")]
 
 
-@pytest.mark.parametrize("arguments", [*ANSWERED_COMMANDS, ["monitor"]], ids=" ".join)
-def test_no_answer_in_time(stopped, ctl, arguments):
-    begin = time.monotonic()
-    assert ctl.fails(UNREACHABLE, *arguments, "--timeout", "2") == "no answer within 2 s"  # enough to reach the bus
-    assert time.monotonic() - begin >= 2
+@pytest.mark.parametrize("commands", [ANSWERED_COMMANDS, [["monitor"]]], ids=["requests", "monitor"])
+def test_no_answer_in_time(stopped, ctl, commands):
+    def complaint(arguments):
+        begin = time.monotonic()
+        return ctl.fails(UNREACHABLE, *arguments, "--timeout", "2"), time.monotonic() - begin  # enough to reach the bus
+
+    with ThreadPoolExecutor(5) as pool:  # they only wait
+        for text, seconds in pool.map(complaint, commands):
+            assert text == "no answer within 2 s"
+            assert seconds >= 2
 
 
 def test_no_answer_from_the_bus_in_time(scene, ctl):
@@ -917,8 +923,9 @@ def test_calls_of_programs_that_end_at_once_are_told(scene, daemon, ctl):
     view = ctl.monitor("--calls")
     ctl("volume", "21")
     words = dict(events(view.read_until("  call  ")))["call"]
+    # While it ends, a program has no arguments any more; then it has no name either, and then nobody knows it.
     assert re.fullmatch(r"SetSpeakerVolume\(21\) -> 0, \d+\.\d ms, by "
-                        r"(kavrelctl volume 21 \(pid \d+\)|a program that has gone \(pid \d+\)|:[\d.]+, which has gone)",
+                        r"(kavrelctl( volume 21)? \(pid \d+\)|a program that has gone \(pid \d+\)|:[\d.]+, which has gone)",
                         words)
 
 
