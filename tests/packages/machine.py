@@ -162,6 +162,7 @@ class Machine:
 
 
 def wait_until(condition, what):
+    """Waits until condition() is true. It may be about processes and files of the machine, of which no event tells."""
     deadline = time.monotonic() + PATIENCE
     while not condition():
         assert time.monotonic() < deadline, f"not within {PATIENCE} s: {what}"

@@ -342,6 +342,7 @@ TEST_F(VolumeControlImplTest, WaitForLockWaits) {
         const auto lock = control->WaitForLock();
         got.set_value();
     });
+    // Only time can show that nothing happens.
     EXPECT_EQ(hasGot.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
     busy.reset();
     hasGot.get();

@@ -1636,14 +1636,16 @@ TEST_F(ReportsTest, AnIdleProcessIsNeverWoken) {
     ASSERT_EQ(idle.Do("hear volume"), "0");
     ASSERT_EQ(idle.Do("hear memory/key"), "0");
     ASSERT_EQ(idle.Do("set-volume 20"), "0");
-    // Its last answer may be out before it waits for the next line: look until nothing changes.
+    // Its last answer may be out before it waits for the next line. Threads that sleep, and did not run from one look
+    // to the next, have slept all that time.
+    const auto isAsleep = [](const auto& thread) { return host_test::IsAsleep(thread.first); };
     auto before = look();
-    for (auto earlier = decltype(before)(); earlier != before; before = look()) {
-        earlier = before;
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    while (!std::ranges::all_of(before, isAsleep) || look() != before) {
+        std::this_thread::yield();
+        before = look();
     }
     EXPECT_THAT(before, SizeIs(2));
-    std::this_thread::sleep_for(std::chrono::seconds(2));
+    std::this_thread::sleep_for(std::chrono::seconds(2));  // only time can show that nothing happens
     EXPECT_EQ(look(), before);
 }
 
