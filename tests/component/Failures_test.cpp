@@ -18,7 +18,6 @@
 #include <cstring>
 #include <fstream>
 #include <map>
-#include <regex>
 #include <set>
 #include <sstream>
 
@@ -489,9 +488,17 @@ protected:
 
 /** The text of an entry, and the function that logged it. Times are left out. */
 std::string LineOf(const Entry& entry) {
-    static const std::regex TIME("Time\\([0-9.]+\\)|Duration\\(sec\\):[0-9.e-]+");
     const std::string line = entry.IsCall() ? entry.text : entry.site.function + ": " + entry.text;
-    return entry.site.function == "SendPopupMsg" ? std::regex_replace(line, TIME, "(time)") : line;
+    if (entry.site.function != "SendPopupMsg") {
+        return line;
+    }
+    static const std::unique_ptr<GRegex, decltype(&g_regex_unref)> TIME(
+        g_regex_new("Time\\([0-9.]+\\)|Duration\\(sec\\):[0-9.e-]+", GRegexCompileFlags{}, GRegexMatchFlags{},
+                    nullptr),
+        &g_regex_unref);
+    return tools::GLibPtr<char>(g_regex_replace_literal(TIME.get(), line.c_str(), -1, 0, "(time)",
+                                                        GRegexMatchFlags{}, nullptr))
+        .get();
 }
 
 /** The places of all calls of the step, in order. */
@@ -725,7 +732,10 @@ TEST_P(FailuresStepTest, EachPlaceOfACallFailsAsTheTableStates) {
 }
 
 std::string NameOf(const testing::TestParamInfo<std::size_t>& step) {
-    return std::regex_replace(FailuresTest::StepName(step.param), std::regex("[^A-Za-z]"), "_");
+    std::string name = FailuresTest::StepName(step.param);
+    std::replace_if(
+        name.begin(), name.end(), [](char c) { return g_ascii_isalpha(c) == 0; }, '_');
+    return name;
 }
 
 INSTANTIATE_TEST_SUITE_P(Scenario, FailuresStepTest,
