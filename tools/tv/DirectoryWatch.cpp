@@ -149,8 +149,8 @@ void DirectoryWatch::Follow(const fs::path& folder, bool reportFiles) {
     if (watch < 0) {
         return;
     }
-    if (!m_folders.insert_or_assign(watch, folder).second) {
-        return;  // a link that leads to a folder watched already
+    if (!m_folders.emplace(watch, folder).second) {
+        return;  // a link that leads to a folder watched already, which keeps its name
     }
     std::error_code error;
     for (fs::directory_iterator entry(m_directory / folder, error);
