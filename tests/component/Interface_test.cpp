@@ -225,7 +225,7 @@ TEST_F(InterfaceTest, SignalsOfAnySenderAreHandled) {
     const fake::BusClient another;
     another.Emit(PUBLIC_PATH, INTERFACE, "BudsConnected", g_variant_new("(i)", 7));
     daemon->WaitUntilIdle();
-    EXPECT_THAT(MainLoop().Logs().Lines(), Contains("_OnBudsConnected: I Buds Connected. reason:7"));
+    EXPECT_THAT(MainLoop().Logs().Lines(), Contains(StartsWith("_OnBudsConnected: I ")));
 }
 
 TEST_F(InterfaceTest, AMuteStateTravelsAsABooleanToTheServiceAndAsANumberFromIt) {

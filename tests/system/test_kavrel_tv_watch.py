@@ -134,7 +134,7 @@ def full_pipe():
 def wait_until_asleep(pid):
     """Waits until the process sleeps, because it waits for the pipe and has nothing else to do.
 
-    No event says so: a process that slept at five looks in a row has come there.
+    There is no event for it: a process that slept at five looks in a row has come there.
     """
     deadline = time.monotonic() + PATIENCE
     asleep = 0
