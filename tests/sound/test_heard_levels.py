@@ -20,7 +20,8 @@ DECIBELS = {QUIETEST: -78.062, 30: -31.373, 37: -25.908, 50: -18.062, 55: -15.57
 def heard_decibels(recording):
     end = recording.wait_for(0.1)
     moments = recording.moments(end - 4800, end)
-    return 20 * math.log10(statistics.median(moment.amplitude for moment in moments) / 100)
+    amplitude = statistics.median(moment.amplitude for moment in moments)
+    return 20 * math.log10(max(amplitude, 1e-9) / 100)  # 0 when a busy machine has lost the samples
 
 
 def wait_for_level(recording, level):
