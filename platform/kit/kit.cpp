@@ -738,8 +738,21 @@ Stream KeyStream(const char* key, int firstSlot) {
             true};
 }
 
+/** The daemon sets settings by vconf_set_int() alone, so each of the two setters has its share in every rule. */
+int SetByEitherSetter(const std::string& text) {
+    const int number = std::stoi(text);
+    return number % 2 == 0 ? Called("vconf_set_str(memory/kit/value, " + Quoted(text) + ")",
+                                    vconf_set_str("memory/kit/value", text.c_str()))
+                           : Called("vconf_set_int(memory/kit/value, " + text + ")",
+                                    vconf_set_int("memory/kit/value", number));
+}
+
 Stream& SettingStream() {
-    static Stream& stream = *std::make_unique<Stream>(KeyStream("memory/kit/value", 0)).release();
+    static Stream& stream = [&]() -> Stream& {
+        auto made = std::make_unique<Stream>(KeyStream("memory/kit/value", 0));
+        made->set = SetByEitherSetter;
+        return *made.release();
+    }();
     return stream;
 }
 

@@ -651,7 +651,7 @@ TEST(TvInADirectory, OtherKeysAreRefused) {
 }
 
 TEST(Settings, EachKeyHasItsOwnValue) {
-    Rule("Keys are told apart: by folder, by case, by any letter, and also long ones.");
+    Rule("Each key has its own value, also if it differs in its folder, its case or one letter, or is long.");
     if (vconf_set_int(KEY, 1) != 0) {
         Unmet("a setting cannot be set", SET);
         return;

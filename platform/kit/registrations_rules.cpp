@@ -578,7 +578,8 @@ TEST(SettingsRegistrations, ARepeatedPairReplacesItsUserData) {
 /** One callback for two keys: the values tell the keys apart. */
 TEST(SettingsRegistrations, AreToldApartByKeyAndCallback) {
     Rule(
-        "Registrations of settings are told apart by key and callback: removing a pair leaves every other "
+        "A registration of a setting belongs to a pair of key and callback: removing a pair leaves every "
+        "other "
         "pair as it is, and the "
         "removal of a pair that is not registered fails, though its key or its callback is.");
     for (const bool isOurs : {true, false}) {
@@ -628,8 +629,8 @@ TEST(SettingsRegistrations, AKeyMayHaveSeveralCallbacks) {
     Stream& stream = SettingStream();
     for (const bool isOurs : {true, false}) {
         Scene scene(stream);
-        if (!scene.IsReady() || !scene.Register(0) || !scene.Register(1) || !scene.Register(2) ||
-            !(isOurs ? scene.WeSet(1) : scene.SomebodySets(1))) {
+        if (!scene.IsReady() || !scene.Register(0) || !scene.IsHeard() || !scene.Register(1) ||
+            !scene.Register(2) || !(isOurs ? scene.WeSet(1) : scene.SomebodySets(1))) {
             return;
         }
         for (const int slot : {0, 1, 2}) {

@@ -302,7 +302,7 @@ TEST(Reports, OurChangesAreReportedInTheirOrder) {
     std::mutex mutex;
     for (Stream* const stream : streams) {
         scenes.push_back(std::make_unique<Scene>(*stream));
-        if (!scenes.back()->IsReady() || !scenes.back()->Register()) {
+        if (!scenes.back()->IsReady() || !scenes.back()->Register() || !scenes.back()->IsHeard()) {
             return;
         }
         stream->ear(0).Act([&, stream] {
@@ -584,16 +584,14 @@ TEST(Callbacks, MaySetOtherValues) {
                     continue;
                 }
                 Settle();
-                if (!inner->ear(0).Await(inner->HeardAt(1)) || isReported) {
-                    Check(inner->ear(0).Has(inner->HeardAt(1)), "a callback of " + outer->name + " set " +
-                                                                    inner->name +
-                                                                    ", and no report of that came");
+                if (isReported) {
                     continue;
                 }
-                // A platform that reports no change of ours in time breaks another rule.
+                // A platform that reports no such change in time, also outside of callbacks, breaks another rule.
+                inner->set(inner->at(0));
                 inner->ear(0).Forget();
-                inner->set(inner->at(2));
-                if (HasOnThisThread(*inner, inner->HeardAt(2))) {
+                inner->set(inner->at(1));
+                if (HasOnThisThread(*inner, inner->HeardAt(1))) {
                     Broken("a callback of " + outer->name + " set " + inner->name +
                            ", and that was not reported on its thread before the setter returned");
                 } else {
@@ -757,7 +755,7 @@ TEST(Callbacks, HearTheirOwnValueAlone) {
         }
         Settle();
         Check(stream->ear(0).Texts().empty(),
-              "a callback of " + stream->name + " heard of other values: " + Texts(*stream));
+              "a callback of " + stream->name + " heard other values: " + Texts(*stream));
     }
 }
 

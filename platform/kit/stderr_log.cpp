@@ -16,7 +16,7 @@ struct Close {
 
 }  // namespace
 
-int kit_log_of_stderr(void (*write)(void), char* text, size_t size) {
+int kit_log_of_stderr(void (*write)(), char* text, size_t size) {
     const std::unique_ptr<std::FILE, Close> file(std::tmpfile());
     const int kept = file ? dup(STDERR_FILENO) : -1;
     if (kept < 0) {

@@ -485,7 +485,7 @@ int vconf_get_int(const char* key, int* value) {
     return IsKey(key) ? GetInteger(NameOf(key), value) : memory::WRONG;
 }
 int vconf_set_int(const char* key, int value) {
-    return vconf_set_str(key, std::to_string(value).c_str());
+    return IsKey(key) ? ThePlatform().SetInteger(NameOf(key), value) : memory::WRONG;
 }
 char* vconf_get_str(const char* key) {
     const auto text = IsKey(key) ? ThePlatform().Read(NameOf(key)) : std::nullopt;

@@ -47,6 +47,7 @@ public:
     virtual std::optional<std::string> Read(const std::string& name);
     virtual int Set(const std::string& name, const std::string& text);
     virtual void Write(const std::string& name, const std::string& text);  // not reported
+    virtual int SetInteger(const std::string& name, int value) { return Set(name, std::to_string(value)); }
     virtual int SetVolume(int volume);
     virtual int GetVolume(int* volume);
     virtual int NoSuchZone() { return NO_SUCH_ZONE; }

@@ -269,6 +269,17 @@ struct ReportsOurEqualValues : Platform {
     }
 };
 
+/** The setter of integers, unlike that of texts, does not compare. */
+struct ReportsOurEqualIntegers : Platform {
+    int SetInteger(const std::string& name, int value) override {
+        const Guard delivery(m_delivery);
+        const std::string text = std::to_string(value);
+        Write(name, text);
+        Deliver(name, text);
+        return 0;
+    }
+};
+
 /** A mute that a setter finds in force is known from then on, also if somebody else's change is still pending. */
 struct SetterSwallowsAPendingChange : Platform {
     int Set(const std::string& name, const std::string& text) override {
@@ -616,6 +627,7 @@ Platform* MakeWrong(const std::string& name) {
         {"ReportsOurChangesLater", Make<ReportsOurChangesLater>},
         {"ReportsOurChangesTwice", Make<ReportsOurChangesTwice>},
         {"ReportsOurEqualValues", Make<ReportsOurEqualValues>},
+        {"ReportsOurEqualIntegers", Make<ReportsOurEqualIntegers>},
         {"SetterSwallowsAPendingChange", Make<SetterSwallowsAPendingChange>},
         {"ReportsEqualValuesOfOthers", Make<ReportsEqualValuesOfOthers>},
         {"LosesTheLastValue", Make<LosesTheLastValue>},

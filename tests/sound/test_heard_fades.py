@@ -140,7 +140,7 @@ def test_a_gain_of_one_output_is_heard_there_alone(sound, value, main_gain, sub_
         recording.wait_until(lambda amplitude, gain=gain: abs(amplitude - gain) < 0.5, f"{gain} % is not heard")
 
 
-def test_the_delay_of_a_gain_is_short(sound, say):
+def test_each_gain_is_heard_and_its_delay_is_measured(sound, say):
     sound.start(*OUTPUTS, "--no-smoothing")
     sound.play()
     recording = sound.record("speaker")

@@ -72,7 +72,7 @@ def test_a_volume_that_is_set_on_the_bus_is_heard_as_loud_as_the_server_says(pla
     say(f"at most {max(errors):.3f} dB from the mapping")
 
 
-def test_a_change_by_another_program_is_heard_of_on_the_bus(playing):
+def test_a_change_by_another_program_is_announced_on_the_bus(playing):
     playing.client.forget()
     playing.server.pactl("set-sink-volume", "speaker", "40%")
     playing.client.expect("SpeakerVolumeChanged", TV_SUPPORT, 40)

@@ -31,6 +31,7 @@ WRONG = {
     "ReportsOurChangesLater": "Reports.OurChangeIsReportedOnTheSettersThreadBeforeTheSetterReturns",
     "ReportsOurChangesTwice": "Reports.OurChangeIsReportedOnce",
     "ReportsOurEqualValues": "Reports.AnEqualValueOfOursIsSilent",
+    "ReportsOurEqualIntegers": "Reports.AnEqualValueOfOursIsSilent",
     "SetterSwallowsAPendingChange": "Reports.AChangeOfSomebodyElseIsReportedThoughWeSetTheSameValue",
     "ReportsEqualValuesOfOthers": "Reports.AnEqualValueOfSomebodyElseIsSilent",
     "LosesTheLastValue": "Reports.TheLastValueIsAlwaysReported",
