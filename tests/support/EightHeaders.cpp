@@ -437,10 +437,9 @@ int rc_get_zone_id(rc_zone_h zone, int* zone_id) {
 }
 
 int rc_free_zone_list(rc_zone_list_h list) {
-    return Seam::Call("rc_free_zone_list", "", [&](TvState&, PendingReport&) {
-        std::unique_ptr<_rc_zone_list>{list};
-        return 0;
-    });
+    const std::unique_ptr<_rc_zone_list> freed(
+        list);  // also when the call fails: nobody can free the list afterwards
+    return Seam::Call("rc_free_zone_list", "", [](TvState&, PendingReport&) { return 0; });
 }
 
 int rc_get_audio_focus(int* zone_id) {

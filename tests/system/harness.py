@@ -567,3 +567,9 @@ def change_at_rest(tv, log, value, text):
 
 def change_route(tv, log, route):
     change_at_rest(tv, log, "sound/route", route)
+
+
+def lines_without_workers(log, after):
+    """Returns the lines as tuples, without those of the gain workers, whose threads log at any time."""
+    return [(line.priority, line.file, line.function, line.text) for line in log.lines(after)
+            if line.file != "KVAudioGainHandler.cpp"]
