@@ -4,6 +4,7 @@
 
 #include <gio/gio.h>
 
+#include <chrono>
 #include <stdexcept>
 
 #include "GLibPtr.h"
@@ -11,6 +12,8 @@
 namespace ctl {
 
 namespace {
+
+constexpr std::chrono::seconds LONGEST_END(10);  // of a program that the kernel has to end
 
 /** The two outputs of a program that runs. */
 struct Run {
@@ -29,6 +32,21 @@ struct Run {
         run->isOver = true;
     }
 };
+
+/** Ends a program. A thread of GLib sends the signal: without waiting, this tool might end before that. */
+void End(GSubprocess* program) {
+    const auto onEnd = [](GObject* ended, GAsyncResult* result, void* isOver) {
+        g_subprocess_wait_finish(G_SUBPROCESS(ended), result, nullptr);
+        *static_cast<bool*>(isOver) = true;
+    };
+    const tools::Deadline deadline(LONGEST_END);
+    bool isOver = false;
+    g_subprocess_force_exit(program);
+    g_subprocess_wait_async(program, deadline.Cancellable(), onEnd, &isOver);
+    while (!isOver) {
+        g_main_context_iteration(nullptr, TRUE);
+    }
+}
 
 /** The text without newlines at its end. */
 std::string TextOf(GBytes* bytes) {
@@ -58,7 +76,7 @@ Written RunProgram(const std::vector<const char*>& command, tools::Timeout timeo
         g_main_context_iteration(nullptr, TRUE);
     }
     if (run.error.Get() != nullptr) {
-        g_subprocess_force_exit(program.get());
+        End(program.get());
         throw std::runtime_error(deadline.IsOver()
                                      ? name + " did not end within " + tools::InSeconds(*timeout)
                                      : run.error->message);
