@@ -5,7 +5,7 @@ import threading
 
 from gi.repository import Gio, GLib
 
-from harness import METHODS_PATH, NAME
+from harness import METHODS_PATH, NAME, PATIENCE
 
 
 class Impostor:
@@ -18,6 +18,9 @@ class Impostor:
         self.called = threading.Event()
         self.answers = answers
         self.calls = []
+        self.starting = []  # calls that let the bus start the daemon
+        self.waiting = {}  # {method: the call that has no answer yet}
+        self.news = threading.Condition()
         self.connection.add_filter(self._filter)
         client._call_bus("RequestName", "su", NAME, 0)
 
@@ -26,15 +29,29 @@ class Impostor:
             return message
         self.called.set()
         method = message.get_member()
-        self.calls.append(method)
-        if self.answers.get(method):
-            self.connection.send_message(self._answer(message, self.answers[method].pop(0)),
-                                         Gio.DBusSendMessageFlags.NONE)
+        with self.news:
+            self.calls.append(method)
+            if not message.get_flags() & Gio.DBusMessageFlags.NO_AUTO_START:
+                self.starting.append(method)
+            if self.answers.get(method):
+                self._send(message, self.answers[method].pop(0))
+            else:
+                self.waiting[method] = message
+            self.news.notify_all()
         return None
 
+    def answer(self, method, answer):
+        """Waits for a call of the method that has no answer, and answers it."""
+        with self.news:
+            assert self.news.wait_for(lambda: method in self.waiting, PATIENCE), f"{method} is not called"
+            self._send(self.waiting.pop(method), answer)
+
+    def _send(self, call, answer):
+        self.connection.send_message(self._answer(call, answer), Gio.DBusSendMessageFlags.NONE)
+
     def _answer(self, call, answer):
-        if answer == self.TOO_MUCH:
-            return call.new_method_error_literal(self.TOO_MUCH, "Too many wait")
+        if isinstance(answer, str):
+            return call.new_method_error_literal(answer, "Too many wait")
         reply = call.new_method_reply()
         reply.set_body(GLib.Variant(f"({'i' * len(answer)})", answer))
         return reply

@@ -99,6 +99,7 @@ class Terminal:
                 at = 0
             elif text.endswith("\n"):
                 at += 1
+                assert at < self.row_count or ENTER not in self.output, "the full screen scrolls"
             elif text in ("\033[K", "\033[J"):
                 del rows[at if text == "\033[J" else len(rows):]
                 if at < len(rows):

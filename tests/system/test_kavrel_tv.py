@@ -48,12 +48,17 @@ TV in {tv.path}, kavreld not ready
 
 
 def test_show_tells_of_zones_focus_and_the_device_in_use(tool, tv):
-    for command in ("multiview on", "zones 1,2,3", "focus 2", "zone-route 2 hdmi", "sub-bt 3", "cable in",
+    for command in ("zones 1,2,3", "focus 2", "zone-route 2 hdmi", "sub-bt 3", "cable in",
                     "mobile on", "projector ready", "popup on", "mute on",
                     "key memory/menu/network/screenmirroring/volume_support_hdmi 7",
                     "key memory/menu/network/screenmirroring/get_volume_level_hdmi 42",
-                    "key memory/menu/network/screenmirroring/get_volume_mute_hdmi 1"):
+                    "key memory/menu/network/screenmirroring/get_volume_mute_hdmi 2"):
         tool(*command.split())
+    assert tool.show()["output"]["zone"] is None  # the focus counts in multi-view alone
+    tool("multiview", "on")
+    tv.echo("45", "audio/main_out_gain2")
+    tv.echo("55", "audio/sub_out_gain2")
+    assert (tool.show()["main_gain"], tool.show()["sub_gain"]) == (45, 55)
     tv.echo("99", "sound/zones/3/route")
     lines = tool("show").splitlines()
     assert lines[1:] == """\
@@ -63,8 +68,8 @@ def test_show_tells_of_zones_focus_and_the_device_in_use(tool, tv):
 ├─ sound
 │  ├─ route        0 tv, TV speaker
 │  ├─ volume       10, mute on
-│  ├─ main gain    100 %
-│  └─ sub gain     100 %
+│  ├─ main gain    45 %
+│  └─ sub gain     55 %
 ├─ multi-view      on
 │  ├─ zone 1       0 tv, TV speaker
 │  ├─ zone 2       2 hdmi, HDMI receiver, focus
@@ -79,6 +84,13 @@ def test_show_tells_of_zones_focus_and_the_device_in_use(tool, tv):
    ├─ com.norvik/featureconf/internal_speaker_supported   on
    ├─ com.norvik/featureconf/multiview.support            on
    └─ com.norvik/featureconf/projector_feature_support    off""".splitlines()
+    tv.echo("9", "zones/focus")
+    tool("sub-bt", "none")
+    lines = tool("show").splitlines()
+    assert "├─ multi-view      on, focus on zone 9" in lines and "│  ├─ sub-bt       none" in lines
+    assert tool.show()["sub_bt"] is None
+    tv.remove("zones/focus")
+    assert "├─ multi-view      on, focus not set" in tool("show").splitlines()
 
 
 def test_show_as_json_says_the_same(tool, tv):
@@ -106,28 +118,36 @@ def test_show_sees_the_daemon_come_and_what_it_plays(scene, tv, tool):
     assert tool("show").splitlines()[0].endswith(", kavreld ready")
 
 
-@pytest.mark.parametrize("file, key", [("sound/route", "route"), ("audio/master_volume", "volume"),
-                                       ("audio/master_mute", "mute"), ("audio/main_out_gain2", "main_gain"),
-                                       ("settings/memory/sysman/spdif", "cable"), ("zones/focus", "focus")])
-@pytest.mark.parametrize("junk", ["loud", "", "99999999999"])
-def test_show_calls_junk_unreadable(tool, tv, file, key, junk):
+@pytest.mark.parametrize("file, key, good", [
+    ("sound/route", "route", 0), ("audio/master_volume", "volume", 10), ("audio/master_mute", "mute", 0),
+    ("audio/main_out_gain2", "main_gain", 100), ("settings/memory/sysman/spdif", "cable", 0), ("zones/focus", "focus", 1)])
+def test_show_calls_junk_unreadable(tool, tv, file, key, good):
     tool("show")
-    tv.echo(junk, file)
-    done = tool.run("show")
-    assert (done.returncode, done.stderr) == (0, "")
-    assert "unreadable" in done.stdout
-    assert tool.show()[key] is None
+    tv.echo(good, file)
+    assert "unreadable" not in tool("show")
+    for junk in ("loud", "", "99999999999"):
+        tv.echo(junk, file)
+        done = tool.run("show")
+        assert (done.returncode, done.stderr) == (0, "")
+        assert "unreadable" in done.stdout
+        assert tool.show()[key] is None
 
 
 def test_show_survives_hostile_names_and_texts(tool, tv):
     tool("show")
     tv.echo("true", f"features/evil\033[31m\n{chr(0xFFFD)}")
+    tv.echo("maybe", "features/odd")
+    tv.echo("true", "features/.new")
     tv.echo('["mode"]', "settings/memory/multiscreen/info")
     (tv.path / "sound/zones/1").mkdir()
     (tv.path / "sound/zones/junk").mkdir()
     shown = tool("show")
     assert "\033" not in shown and "evil?[31m??" in shown
     assert "zone 1       not set" in shown and "junk" not in shown
+    assert re.search(r" odd +unreadable\n", shown) and ".new" not in shown
+    for command in ("multiview on", "focus 1"):
+        tool(*command.split())
+    assert tool.show()["output"] == {"route": {"code": 0, "name": "tv"}, "zone": None, "device": None}
 
 
 @pytest.mark.parametrize("code, name", [(-1, "unknown"), (7, "other-7"), (20, "unknown"), (2**31 - 1, "unknown")])
@@ -153,6 +173,7 @@ def test_colours_are_for_a_terminal_without_no_color(tool):
 def test_show_cuts_its_lines_at_the_edge_of_the_terminal(tool):
     narrow = tool.terminal("show", columns=30, NO_COLOR="1").run().splitlines()
     assert max(map(len, narrow)) == 30
+    assert tool.terminal("show", rows=0, columns=0, NO_COLOR="1").run() == tool("show")  # 80 columns are enough for it
 
 
 # --- The verbs
@@ -226,21 +247,21 @@ BAD = ["", "foo", "--foo", "show x", "watch x", "route", "route hdmy", "route 1.
        "projector on", "sub-bt", "sub-bt nobody", "feature", "feature multiview", "feature multiview yes", "feature ../x on",
        "feature /x on", "popup", "popup done", "volume", "volume -1", "volume 101", "volume loud", "mute", "mute toggle", "key",
        "key a//b", "key ../x", "key .x 1", "key a b c", "devices x", "devices --delay", "devices --delay x", "devices --delay -1",
-       "devices --jitter x", "devices --support loud", "devices --support -1", "devices --fail 101", "devices --rounding 0",
+       "devices --jitter x", "devices --delay 60001", "devices --support loud", "devices --support -1", "devices --support 15x", "devices --fail 101", "devices --rounding 0",
        "devices --vanish-after 0", "devices --seed x", "record /dev/null --seconds nan", "record /dev/null --seconds 0",
-       "record /dev/null --seconds x", "emulator", "emulator usb", "emulator bt --volume x", "--dir"]
+       "record /dev/null --seconds x", "record /dev/null --seconds 86401", "emulator", "emulator usb", "emulator bt --volume x", "--dir"]
 
 
-@pytest.mark.parametrize("command", BAD)
-def test_a_bad_argument_gives_one_clear_line_and_changes_nothing(tool, tv, command):
+def test_a_bad_argument_gives_one_clear_line_and_changes_nothing(tool, tv):
     tool("show")
     before = state_of(tv.path)
-    done = tool.run(*command.split())
-    assert done.returncode == 64
-    words = command.split()
-    about = f" {words[0]}" if words and words[0] in COMMANDS else ""
-    assert refused(done).endswith(f"; see kavrel-tv{about} --help")
-    assert state_of(tv.path) == before
+    for command in BAD:
+        done = tool.run(*command.split())
+        assert done.returncode == 64, command
+        words = command.split()
+        about = f" {words[0]}" if words and words[0] in COMMANDS else ""
+        assert refused(done).endswith(f"; see kavrel-tv{about} --help"), command
+        assert state_of(tv.path) == before, command
 
 
 def test_zones_come_with_the_route_in_force_and_go(tool, tv):
@@ -291,9 +312,12 @@ def test_multiview_is_off_while_its_setting_is_junk(tool, tv, junk):
     assert tool.show()["multiview"] is True
 
 
-def test_what_does_not_work_by_itself_is_said(tool):
+def test_what_does_not_work_by_itself_is_said(tool, tv):
     assert "no zones" in tool("multiview", "on")
     assert "reads the features only when it starts" in tool("feature", "multiview", "off")
+    assert "feature multiview on" in tool("multiview", "on")
+    assert tool.show()["multiview"] is False
+    tv.remove(f"{FEATURES}/multiview.support")
     assert "feature multiview on" in tool("multiview", "on")
     assert "feature projector on" in tool("projector", "ready")
     tool("feature", "projector", "on")
@@ -308,6 +332,8 @@ def test_key_prints_what_stands_there(tool, tv):
     assert tool("key", "db/some/text") == "\n"
     done = tool.run("key", "db/other")
     assert done.returncode == 1 and refused(done) == "db/other is not set"
+    done = tool.run("key", "db/some")
+    assert done.returncode == 1 and refused(done) == f"Cannot read {tv.path}/settings/db/some: Is a directory"
 
 
 def test_popup_off_takes_the_event_back(tool, tv):
@@ -327,6 +353,12 @@ def test_a_value_that_cannot_be_written_is_one_line_too(tool, tv):
     assert refused(done) == f"Cannot write {tv.path}/audio/master_volume: Is a directory"
 
 
+def test_a_zone_that_cannot_be_made_is_one_line_too(tool, tv):
+    tv.echo("in the way", "sound/zones/3")
+    done = tool.run("zones", "3")
+    assert done.returncode == 1 and refused(done).startswith("filesystem error: cannot rename: ")
+
+
 @pytest.fixture
 def read_only(tool, tv):
     """A TV directory that nobody may write, except a root with all its rights."""
@@ -339,11 +371,21 @@ def read_only(tool, tv):
         folder.chmod(0o755)
 
 
+WITHOUT_RIGHTS = ["setpriv", "--bounding-set=-dac_override,-dac_read_search",
+                  "--inh-caps=-dac_override,-dac_read_search", "--"] if os.geteuid() == 0 else []
+
+
+def test_a_tv_that_this_user_may_not_read_is_named(tool, tv):
+    tv.path.chmod(0)
+    done = tool.run("show", before=WITHOUT_RIGHTS)
+    tv.path.chmod(0o755)
+    assert done.returncode == 2 and refused(done) == f"cannot read {tv.path}: Permission denied"
+
+
 @pytest.mark.parametrize("command", ["volume 5", "zones 1", "devices"])
 def test_a_tv_that_this_user_may_not_write_is_one_line_with_a_status_of_its_own(read_only, tool, tv, command):
     before = state_of(tv.path)
-    rights = ["setpriv", "--bounding-set=-dac_override", "--inh-caps=-dac_override", "--"] if os.geteuid() == 0 else []
-    done = tool.run(*command.split(), before=rights)
+    done = tool.run(*command.split(), before=WITHOUT_RIGHTS)
     assert done.returncode == 77
     assert re.fullmatch(rf"not allowed: needs root or the group audio: Cannot \w+ {tv.path}/.*: Permission denied", refused(done))
     assert state_of(tv.path) == before
@@ -373,11 +415,11 @@ def test_without_a_tv_directory_it_makes_none(tool, scene, command):
     assert [path.name for path in nowhere.iterdir()] == ["somebody's file"]
 
 
-@pytest.mark.parametrize("command", ["", *COMMANDS])
-def test_help_has_an_example_and_fits_the_terminal(tool, command):
-    text = tool(*command.split(), "--help")
-    assert re.search(rf"^  kavrel-tv {command}", text, re.MULTILINE)
-    assert [line for line in text.splitlines() if len(line) > 80] == []
+def test_help_has_an_example_and_fits_the_terminal(tool):
+    for command in ["", *COMMANDS]:
+        text = tool(*command.split(), "--help")
+        assert re.search(rf"^  kavrel-tv {command}", text, re.MULTILINE), command
+        assert [line for line in text.splitlines() if len(line) > 80] == []
 
 
 def test_the_list_of_commands_is_complete(tool):

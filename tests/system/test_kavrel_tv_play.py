@@ -135,49 +135,6 @@ def test_an_unexpected_signal_fails_and_a_seen_one_is_listed(play):
                                   "seen: SpeakerVolumeChanged 65535 44")
 
 
-@pytest.mark.parametrize("line, message", [
-    ("jump", 'there is no such verb: "jump"'),
-    ("route", "ROUTE is required"),
-    ("route nowhere", 'ROUTE: "nowhere" is neither the code nor the name of a route'),
-    ("call Nothing", 'there is no such method: "Nothing"'),
-    ("call SetSpeakerVolume", "SetSpeakerVolume takes 1 argument;"),
-    ("call SetSpeakerVolume loud -> 0", '"loud" is not a whole number of 32 bits'),
-    ("call SetSpeakerMute 1 -> 0", '"1" is not one of false, true'),
-    ("emit SpeakerVolumeChanged 1 2", "kavreld does not listen to the signal SpeakerVolumeChanged"),
-    ("emit Spelling 1", 'there is no such signal: "Spelling"'),
-    (b'emit SpkDisconnected 4 "a\xff"', '"a?" is not UTF-8 text'),
-    ("call SetSpeakerVolume 30 ->", "SetSpeakerVolume answers 1 number"),
-    ("call SetSpeakerVolume 30 -> 0 0", "SetSpeakerVolume answers 1 number"),
-    ("call GetSpeakerVolume -> 0", "GetSpeakerVolume answers 2 numbers, a value and a status"),
-    ("expect signal Spelling", 'there is no such signal: "Spelling"'),
-    ("expect no signal SpeakerVolumeChanged 30", "SpeakerVolumeChanged takes 2 arguments"),
-    ("expect output nowhere", 'ROUTE: "nowhere" is neither the code nor the name of a route'),
-    ("expect output 99", 'ROUTE: "99" is neither the code nor the name of a route: 0 tv, 1 optical, '),
-    ("expect output other-7", "the output other-7 has no volume"),
-    ("key ../x y", 'KEY: "../x" is not a key'),
-    ("expect", "expect is followed by signal, no signal, value, output, gain or fade"),
-    ("expect gain main 300", 'PERCENT: "300" is not a whole number from 0 to 100'),
-    ("expect gain sub -1", 'PERCENT: "-1" is not a whole number from 0 to 100'),
-    ("expect value ../x 3", 'PATH: "../x" is not a path below the TV directory'),
-    ("expect gain left 3", 'OUTPUT: "left" is not one of main, sub'),
-    ("expect signal", "the name of the signal is missing"),
-    ("call", "the name of the method is missing"),
-    ("volume 30 40", 'unexpected word "40"'),
-    ("expect value x", "TEXT is required"),
-    ("expect output tv within", 'unexpected word "within"'),
-    ("expect signal X within soon", '--within: "soon" is not a number from 0 to 86400'),
-    ("1.5", "a time must be followed by a verb"),
-    ('say "\x1b[31m', "Text ended before matching quote was found for \"."),
-    ("say 'half", "Text ended before matching quote was found for '. (The text was “'half”)"),
-])
-def test_a_line_that_is_wrong_is_refused_before_anything_is_done(play, tv, line, message):
-    done = play("volume 66", line)
-    assert done.returncode == 64 and done.stdout == ""
-    complaint = refused(done)
-    assert "scenario.txt:2: " in complaint and message.split(" (The text")[0] in complaint, complaint
-    assert tv.read("audio/master_volume") == "10"
-
-
 def test_every_line_that_is_wrong_is_named_before_anything_is_done(play, tv):
     done = play("volume 66", "jump", "", "expect gain main", "route tv", "1.5", "say 'half\x1b", "volume 67")
     places, errors = zip(*(line.split(": ", 2)[1:] for line in done.stderr.splitlines()))
@@ -207,8 +164,77 @@ def test_a_name_alone_stands_for_any_arguments(play):
 
 
 def test_times_are_the_earliest_moments_unless_fast(play, tv):
+    begin = time.monotonic()
     done = play("0.4 volume 21", "0.4 volume 22", options=())
     assert done.returncode == 0 and tv.read("audio/master_volume") == "22"
+    assert time.monotonic() - begin >= 0.4
+    begin = time.monotonic()
+    done = play("600 volume 23", "pause 600", "settle 0.4", "say Done.")
+    assert (done.returncode, done.stdout) == (0, "  ok  volume 23\n  ok  settle 0.4\nDone.\n")
+    assert time.monotonic() - begin >= 0.4
+
+
+def test_an_expected_signal_takes_those_before_it_along(play):
+    done = play(*(f"call SetSpeakerVolume {volume} -> 0" for volume in (41, 42, 43)),
+                "expect signal SpeakerVolumeChanged * 42",
+                "expect no signal SpeakerVolumeChanged * 41 within 0.1",
+                "expect no signal SpeakerVolumeChanged * 42 within 0.1",
+                "expect signal SpeakerVolumeChanged * 43")
+    assert (done.returncode, done.stderr) == (0, "")
+
+
+@pytest.mark.parametrize("lines, message", [
+    (["expect fade sub within 0.1"], "expected the sub gain to drop and to rise to 100 again, within 0.1 s, seen: (100 )?20"),
+    (["expect gain sub 100 within 600", "expect gain sub 20 within 0.1"],
+     "expected the sub gain 20 within 0.1 s, seen: (100 )?20 100"),
+    (["expect gain sub 100 within 600", "emit BudsConnected 0", "expect fade sub within 0.1"],
+     "expected the sub gain to drop and to rise to 100 again, within 0.1 s, seen: 100"),
+    (["expect gain sub 100 within 600", "volume 20", "expect fade sub within 0.1"],
+     "expected the sub gain to drop and to rise to 100 again, within 0.1 s, seen: 100"),
+], ids=["in between", "a gain before", "after a signal", "after a change"])
+def test_gains_are_those_since_the_last_action(tool, scene, tv, tmp_path, lines, message):
+    scene.settle()  # from now on the daemon writes no gain
+    scenario = tmp_path / "scenario.txt"
+    scenario.write_text("\n".join(["say begun", "expect gain sub 20 within 600", *lines]) + "\n")
+    running = tool.start("play", str(scenario))
+    running.wait("begun")
+    tv.echo(20, "audio/sub_out_gain2")
+    running.wait("ok  expect gain sub 20 within 600")
+    if len(lines) > 1:
+        tv.echo(100, "audio/sub_out_gain2")
+    assert running.child.wait(PATIENCE) == 1
+    _, [complaint] = running.end()
+    assert re.fullmatch(re.escape(f"kavrel-tv: {scenario}:{len(lines) + 2}: ") + message, complaint)
+    assert running.lines[1].startswith("      sub gain: ")
+
+
+def test_a_fade_drops_far_and_rises_without_a_step_back(tool, scene, tv, tmp_path):
+    scene.settle()  # from now on the daemon writes no gain
+    (tmp_path / "scenario.txt").write_text("expect fade sub within 600\n")
+    terminal = tool.terminal("play", str(tmp_path / "scenario.txt"))
+    terminal.wait_until(lambda: is_drawn(tv, terminal, 60), every=0.1)
+    for gain in (100, 25, 50, 40):
+        tv.echo(gain, "audio/sub_out_gain2")
+        terminal.wait_until(lambda gain=gain: terminal.output.rpartition("sub gain")[2].startswith(f" {gain:3} %"))
+    tv.echo(100, "audio/sub_out_gain2")
+    assert terminal.wait_for_end() == 1
+    assert re.search("expected the sub gain to drop and to rise to 100 again, within 600 s, seen: (100 )?60 100 25 50 40 100",
+                     re.sub(r"\s+", " ", terminal.output))
+
+
+def is_drawn(tv, terminal, gain):
+    """Writes the gain as often as it takes until the terminal shows it: before, the expectation may not yet wait."""
+    tv.echo(gain, "audio/sub_out_gain2")
+    return f"sub gain {gain:3} %" in terminal.output
+
+
+def test_a_call_is_repeated_while_its_answer_is_another_one(tool, tv, tmp_path):
+    (tmp_path / "scenario.txt").write_text("say begun\ncall GetSpeakerVolume -> 77 0 within 600\n")
+    running = tool.start("play", str(tmp_path / "scenario.txt"))
+    running.wait("begun")
+    tv.echo(77, "audio/master_volume")
+    running.wait("ok  call GetSpeakerVolume")
+    assert running.child.wait(PATIENCE) == 0
 
 
 def test_a_missing_file_is_told(tool):
@@ -317,7 +343,9 @@ def test_what_else_happens_is_recorded_by_its_name(tool, tv, tmp_path):
         tool(*command.split())
         wait_until_recorded(path, lambda rows, event=event: any(row[-1].startswith(event) for row in rows))
     assert running.end() == (0, ["kavrel-tv: recording until Ctrl-C"])
-    assert not any("." in row[-1] for row in rows_of(path))
+    events = [row[-1] for row in rows_of(path)]
+    assert events.index("focus removed") < events.index("zone 1 removed")  # so that the focus is always on a zone
+    assert not any("." in event for event in events)
 
 
 def test_a_support_word_that_a_device_writes_again_is_no_event(tool, tv, tmp_path):
@@ -376,6 +404,7 @@ def test_a_plot_is_one_picture_with_axes_units_legend_and_marks(tool, recording,
     tool("plot", str(recording), str(picture))
     text = picture.read_text()
     xml.etree.ElementTree.fromstring(text)
+    assert "fade.csv" in text and str(tmp_path) not in text
     for words in ("gain (%)", "time (s)", "volume", "main output gain", "sub output gain", "TV volume", "TV muted",
                   "output level", "output in use", "output muted", "tv", "hdmi", "route hdmi", "fade.csv"):
         assert f">{words}<" in text or (words == "fade.csv" and words in text), words
@@ -494,6 +523,7 @@ def test_the_type_of_a_picture_follows_its_name(plotted, tmp_path):
     assert (tmp_path / "some.svg").read_bytes().startswith(b"<?xml")
     assert plotted("some.png", "--format", "png").stdout == b"2 lines drawn in some.png\n"
     assert (tmp_path / "some.png").read_bytes().startswith(PNG_SIGNATURE)
+    assert plotted("MORE.SVG").stdout == b"2 lines drawn in MORE.SVG\n"
     assert plotted("MORE.PNG").stdout == b"2 lines drawn in MORE.PNG\n"
     assert (tmp_path / "MORE.PNG").read_bytes().startswith(PNG_SIGNATURE)
 
@@ -538,6 +568,7 @@ def test_other_types_of_pictures_are_refused_before_any_work(plotted, tmp_path, 
 @pytest.mark.parametrize("text, message", [
     ("", "this is not a recording of kavrel-tv record"), ("a,b\n", "this is not a recording of kavrel-tv record"),
     (",".join(HEADER) + "\n", "the recording is empty"),
+    (",".join(OLD_HEADER) + "\n0,1,2,3,0,start\n\0\n", "some.csv:3: a time, 4 values and an event were expected"),
     (",".join(HEADER) + "\n0.0,1,2\n", "a time, 7 values and an event were expected"),
     (",".join(HEADER) + "\n0.0,1,2,3,0,hdmy,1,0,\n", "a time, 7 values and an event were expected"),
     (",".join(OLD_HEADER) + "\n0.0,1,2,x,0,\n", "a time, 4 values and an event were expected"),
@@ -589,6 +620,15 @@ def test_a_gnuplot_that_stays_missing_is_named(plot, tmp_path, installer):
     done = plot(installer)
     assert done.returncode == 1 and not (tmp_path / "some.svg").exists()
     assert refused(done) == "cannot start gnuplot, which draws the picture: install the Debian package gnuplot-nox"
+
+
+def test_a_gnuplot_that_fails_says_why_in_one_line(plot, tmp_path):
+    (tmp_path / "bin").mkdir()
+    (tmp_path / "bin/gnuplot").write_text("#!/bin/sh\nwhile read -r line; do :; done\necho one >&2\necho two >&2\nexit 1\n")
+    (tmp_path / "bin/gnuplot").chmod(0o755)
+    done = plot("")
+    assert done.returncode == 1 and not (tmp_path / "some.svg").exists()
+    assert refused(done) == "gnuplot has failed: one two "
 
 
 def test_recording_for_some_time_ends_by_itself(tool, tmp_path):

@@ -40,6 +40,8 @@ def test_watch_shows_the_tv_live_in_80x24_and_leaves_the_terminal_as_it_was(tool
     tool("zones", "1,2,3,4,5")
     terminal.wait_for_row("...")
     assert terminal.rows()[22:] == ["   ├─ com.norvik/featureconf/internal_speaker_supported   on", "..."]
+    tool("zones", "1,2")
+    terminal.wait_until(lambda: len(terminal.rows()) == 22)
     tv.remove("audio/master_volume")
     terminal.wait_for_row("│  ├─ volume       not set, mute off")
     terminal.type("\x1c")  # Ctrl-\ would leave the terminal as it is now
@@ -66,8 +68,11 @@ def test_watch_gives_the_terminal_back_while_it_is_suspended(tool):
     terminal.wait_for_stop()
     assert terminal.output.endswith(LEAVE)
     assert terminal.modes() == terminal.modes_before
-    tool("volume", "80")
+    frames = terminal.frames()
     terminal.child.send_signal(signal.SIGCONT)
+    terminal.wait_until(lambda: terminal.frames() > frames)
+    assert terminal.output.count(ENTER) == 2 and terminal.modes() != terminal.modes_before
+    tool("volume", "80")
     terminal.wait_for_row("│  ├─ volume       ████████████████████░░░░░ 80, mute off")
     terminal.type("\x03")
     assert terminal.wait_for_end() == 0

@@ -1,6 +1,9 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
 """Tests kavrelctl as persons and scripts use it: its output, its exit status, and its effect on the daemon."""
+import contextlib
+import ctypes
+import datetime
 import json
 import os
 import re
@@ -13,7 +16,7 @@ from pathlib import Path
 import pytest
 from gi.repository import Gio, GLib
 
-from harness import KAVRELD, NAME, PATIENCE, ROOT, SIGNALS_PATH, TV_SUPPORT, Bus, Process
+from harness import KAVRELD, METHODS_PATH, NAME, PATIENCE, ROOT, SIGNALS_PATH, TV_SUPPORT, Bus, Process
 from impostor import Impostor
 from terminal import Terminal
 from view import View
@@ -123,17 +126,20 @@ def test_status_as_an_object_has_null_for_what_the_output_does_not_tell(hdmi, ct
         "support": 3, "support_status": 0, "support_words": ["read volume", "set volume"]}
 
 
-@pytest.mark.parametrize("before, argument, after", [
+VOLUMES = [
     (10, "30", 30), (10, "0", 0), (10, "100", 100),
     (10, "5%", 5), (10, "5%+", 15), (10, "5%-", 5), (10, "+5%", 15), (10, "-5%", 5), (10, "5+", 15), (97, "5%+", 100),
     (10, "+5", 15), (10, "-5", 5), (10, "+0", 10), (97, "+5", 100), (3, "-5", 0), (50, "-2147483647", 0),
     (50, "+2147483647", 100),
-])
-def test_volume_is_set(daemon, ctl, client, before, argument, after):
-    client.set_volume(before)
-    assert ctl("volume", argument) == ""
-    assert client.get_volume() == (after, 0)
-    assert ctl("volume") == f"{after}\n"
+]
+
+
+def test_volume_is_set(daemon, ctl, client):
+    for before, argument, after in VOLUMES:
+        client.set_volume(before)
+        assert ctl("volume", argument) == ""
+        assert client.get_volume() == (after, 0), argument
+        assert ctl("volume") == f"{after}\n"
 
 
 def test_volume_and_mute_as_objects(daemon, ctl, client):
@@ -226,6 +232,19 @@ def test_status_names_the_output_of_the_zone_in_focus(daemon, tv, ctl):
     tv.echo('{"mode":"on"}', "settings/memory/multiscreen/info")
     assert ctl.run("status").stdout.splitlines()[3] == "output   hdmi, HDMI receiver (route 2), of the zone in focus"
     assert json.loads(ctl.run("status", "--json").stdout)["output"] == "hdmi"
+    for text, value in (("false", "features/com.norvik/featureconf/multiview.support"),
+                        ('{"mode":"off"}', "settings/memory/multiscreen/info"), ("none", "sound/zones/1/route")):
+        before = tv.read(value)
+        tv.echo(text, value)
+        assert ctl.run("status").stdout.splitlines()[3] == "output   tv, TV speaker (route 0)", value
+        tv.echo(before, value)
+
+
+def test_empty_name_of_a_tv_directory_is_none(scene, daemon, tv):
+    tv.echo(19, "sound/route")
+    done = subprocess.run([KAVRELCTL, "status"], env=scene.environment(KAVREL_TV_DIR=""), cwd=tv.path, capture_output=True,
+                          text=True, timeout=PATIENCE, check=False)
+    assert done.stdout.startswith("volume ") and "auracast" not in done.stdout
 
 
 def not_a_directory(folder):
@@ -399,16 +418,34 @@ def test_wait_needs_no_reader(scene, ctl):
 # No bus, no daemon or no answer
 
 
-@pytest.mark.parametrize("arguments", [*SHORT_COMMANDS, ["monitor"], ["monitor", "--calls"]], ids=" ".join)
-def test_no_daemon(ctl, arguments):
-    assert ctl.fails(UNREACHABLE, *arguments) == f"kavreld is not running: nobody on the bus owns {NAME}"
+def test_no_daemon_and_nobody_starts_it(scene, ctl, change_bus):
+    change_bus(f"<servicedir>{scene.folder}/services</servicedir>")
+    for arguments in [*SHORT_COMMANDS, ["monitor"], ["monitor", "--calls"]]:
+        assert ctl.fails(UNREACHABLE, *arguments) == f"kavreld is not running: nobody on the bus owns {NAME}", arguments
+    assert not (scene.folder / "started").exists()
 
 
-@pytest.mark.parametrize("arguments", [*SHORT_COMMANDS, ["wait"], ["monitor"], ["monitor", "--calls"]], ids=" ".join)
-def test_no_bus(scene, ctl, arguments):
+def test_no_bus(scene, ctl):
     nobody = f"unix:path={scene.folder}/nobody"
-    complaint = ctl.fails(UNREACHABLE, *arguments, DBUS_SYSTEM_BUS_ADDRESS=nobody)
-    assert complaint == f"no system bus: Could not connect: No such file or directory; DBUS_SYSTEM_BUS_ADDRESS names {nobody}"
+    for arguments in [*SHORT_COMMANDS, ["wait"], ["monitor"], ["monitor", "--calls"]]:
+        complaint = ctl.fails(UNREACHABLE, *arguments, DBUS_SYSTEM_BUS_ADDRESS=nobody)
+        assert complaint == (
+            f"no system bus: Could not connect: No such file or directory; DBUS_SYSTEM_BUS_ADDRESS names {nobody}"), arguments
+
+
+def test_bus_that_goes_before_the_daemon_answers(scene, ctl):
+    impostor = Impostor(scene.client())
+    view = ctl.view("volume", "--timeout", "0")
+    assert impostor.called.wait(PATIENCE)
+    scene.bus.end()
+    assert (view.wait(), view.errors()) == (UNREACHABLE, "kavrelctl: the bus has gone\n")
+
+
+def test_wait_ends_with_the_bus(scene, ctl, client):
+    view = ctl.view("wait", "--timeout", "0")
+    client._wait(lambda: any(client.owners.values()), "kavrelctl does not join the bus")
+    scene.bus.end()
+    assert view.wait() == UNREACHABLE
 
 
 def test_nonsense_for_a_bus_address(ctl):
@@ -439,10 +476,15 @@ def test_no_answer_in_time(stopped, ctl, commands):
 def test_no_answer_from_the_bus_in_time(scene, ctl):
     scene.bus.signal(signal.SIGSTOP)
     try:
-        complaint = ctl.fails(UNREACHABLE, "--timeout", "0.2", "status")
+        by_default = ctl.view("status")
+        begin = time.monotonic()
+        assert ctl.fails(UNREACHABLE, "--timeout", "0.2", "status") == "no answer from the bus within 0.2 s"
+        assert time.monotonic() - begin >= 0.2
+        assert ctl.fails(UNREACHABLE, "status", "--timeout", "0.0001") == "no answer from the bus within 0.001 s"
+        assert (by_default.wait(), by_default.errors()) == (
+            UNREACHABLE, "kavrelctl: no answer from the bus within 5 s\n")
     finally:
         scene.bus.signal(signal.SIGCONT)
-    assert complaint == "no answer from the bus within 0.2 s"
 
 
 def test_daemon_that_ends_before_it_answers(scene, ctl):
@@ -482,11 +524,36 @@ def test_daemon_that_stays_busy_is_left_alone(scene, ctl, busy, status, complain
     assert impostor.calls == ["GetSpeakerVolume"] * 4
 
 
+INVALID = "invalid argument (-2)"
+
+
+@pytest.mark.parametrize("arguments, answers, calls, complaint", [
+    (["volume", "30"], {"SetSpeakerVolume": [(-2,)] * 9}, 1, f"the volume was not set: {INVALID}"),
+    (["volume", "30"], {"SetSpeakerVolume": [(-4,)], "GetSpeakerSupportType": [(0, 0)]}, 2,
+     "the volume was not set: the output in use supports nothing: volume and mute can be neither read nor set (0x0000)"),
+    (["volume"], {"GetSpeakerVolume": ["org.freedesktop.DBus.Error.ServiceUnknown"]}, 1,
+     f"kavreld is not running: nobody on the bus owns {NAME}"),
+    (["fade", "player"], {"ApplyPlayerFadeIn": [(0,), (-2,)]}, 2,
+     f"the player fade-in was not started (sub output): {INVALID}"),
+    (["fade", "player"], {"ApplyPlayerFadeIn": [(-2,), (0,)]}, 2,
+     f"the player fade-in was not started (main output): {INVALID}"),
+    (["gain", "reset", "sub"], {"ResetPlayerGain": [(-2,)]}, 1, f"the player gain was not reset (sub output): {INVALID}"),
+    (["fade", "unmute"], {"ApplyUnmuteFadeIn": [(-2,)]}, 1, f"the unmute fade-in was not started: {INVALID}"),
+    (["gain", "on-mute", "40"], {"ApplyGainOnMute": [(-2,)]}, 1, f"the unmute gain was not set: {INVALID}"),
+], ids=lambda value: " ".join(value) if isinstance(value, list) else None)
+def test_failure_of_the_daemon_is_named(scene, ctl, arguments, answers, calls, complaint):
+    impostor = Impostor(scene.client(), **answers)
+    assert ctl.fails(UNREACHABLE if "not running" in complaint else REFUSED, *arguments) == complaint
+    assert len(impostor.calls) == calls
+
+
 def test_set_is_tried_again(scene, ctl):
     impostor = Impostor(scene.client(), SetSpeakerVolume=[(-1,), Impostor.TOO_MUCH, (0,)],
                         GetSpeakerSupportType=[(15, 0)])
     assert ctl("volume", "30") == ""
     assert impostor.calls == ["SetSpeakerVolume"] * 3 + ["GetSpeakerSupportType"]
+    impostor.answers = {"SetSpeakerVolume": [(0,)], "GetSpeakerSupportType": [(0, -1)] * 4}  # the device has not said it
+    assert ctl("volume", "30") == ""
 
 
 def test_monitor_asks_a_busy_daemon_again(scene, ctl):
@@ -497,11 +564,12 @@ def test_monitor_asks_a_busy_daemon_again(scene, ctl):
     assert (state["volume"], state["mute_status"], state["support"]) == (30, -1, 15)
     assert sorted(impostor.calls) == (
         ["GetSpeakerMute"] * 4 + ["GetSpeakerSupportType"] + ["GetSpeakerVolume"] * 3)
+    assert impostor.starting == []
 
 
 def test_monitor_ends_while_it_waits_to_ask_again(scene, ctl):
     impostor = Impostor(scene.client(), GetSpeakerVolume=[(0, -1)] * 9)
-    view = ctl.view("monitor")
+    view = ctl.view("monitor", "--timeout", "0")
     assert impostor.called.wait(PATIENCE)
     view.close_output()
     assert view.wait() == DONE
@@ -516,6 +584,10 @@ def change_bus(scene):
         config = scene.folder / "changed.conf"
         text = (ROOT / "scripts/private-bus.conf").read_text()
         config.write_text(text.replace("</busconfig>", f"{lines}</busconfig>"))
+        services = scene.folder / "services"
+        services.mkdir(exist_ok=True)
+        (services / "kavreld.service").write_text(
+            f"[D-BUS Service]\nName={NAME}\nExec=/bin/touch {scene.folder}/started\n")
         scene.bus = Bus(scene.folder, config)
         scene.callback(scene.bus.end)
     return change
@@ -588,7 +660,7 @@ NO_VOLUME = ("VOLUME: {} is not N, N%, +N, -N, N%+ or N%- with N from 0 to 21474
              "see kavrelctl volume --help")
 
 
-@pytest.mark.parametrize("arguments, complaint", [
+WRONG_USAGE = [
     ([], "a command is missing; see kavrelctl --help"),
     (["bogus"], 'no such command: "bogus"; see kavrelctl --help'),
     (["x"], 'no such command: "x"; see kavrelctl --help'),
@@ -599,6 +671,10 @@ NO_VOLUME = ("VOLUME: {} is not N, N%, +N, -N, N%+ or N%- with N from 0 to 21474
     (["UNMUTE"], 'no such command: "UNMUTE" (did you mean "unmute"?); see kavrelctl --help'),
     (["MUTE", "on"], 'no such command: "MUTE" (did you mean "mute"?); see kavrelctl --help'),
     ([""], 'no such command: ""; see kavrelctl --help'),
+    (["s"], 'no such command: "s"; see kavrelctl --help'),
+    (["mtue"], 'no such command: "mtue" (did you mean "mute"?); see kavrelctl --help'),
+    (["mutee"], 'no such command: "mutee" (did you mean "mute"?); see kavrelctl --help'),
+    (["mode"], 'no such command: "mode"; see kavrelctl --help'),
     (["Status"], 'no such command: "Status" (did you mean "status"?); see kavrelctl --help'),
     (["help", "bogus"], 'no such command: "bogus"; see kavrelctl help --help'),
     (["help", "fad"], 'no such command: "fad" (did you mean "fade"?); see kavrelctl help --help'),
@@ -660,9 +736,12 @@ NO_VOLUME = ("VOLUME: {} is not N, N%, +N, -N, N%+ or N%- with N from 0 to 21474
                                   'see kavrelctl status --help'),
     (["wait", "--timeout"], "--timeout: 1 required SECONDS missing; see kavrelctl wait --help"),
     (["status", "a\nb\x1b"], 'unexpected argument "a?b?"; see kavrelctl status --help'),
-])
-def test_wrong_usage(ctl, arguments, complaint):
-    assert ctl.fails(USAGE, *arguments) == complaint
+]
+
+
+def test_wrong_usage(ctl):
+    for arguments, complaint in WRONG_USAGE:
+        assert ctl.fails(USAGE, *arguments) == complaint, arguments
 
 
 def test_numbers_are_decimal(daemon, ctl, client):
@@ -679,11 +758,11 @@ def help_of(ctl, page):
     return ctl(*page, "--help")
 
 
-@pytest.mark.parametrize("page", HELP_PAGES, ids=lambda page: " ".join(page) or "kavrelctl")
-def test_help_fits_the_terminal_and_has_an_example(ctl, page):
-    text = help_of(ctl, page)
-    assert [line for line in text.splitlines() if len(line) > 80] == []
-    assert re.search(rf"^  {' '.join(['kavrelctl', *page])}\b", text.split("Example")[1], re.MULTILINE)
+def test_help_fits_the_terminal_and_has_an_example(ctl):
+    for page in HELP_PAGES:
+        text = help_of(ctl, page)
+        assert [line for line in text.splitlines() if len(line) > 80] == []
+        assert re.search(rf"^  {' '.join(['kavrelctl', *page])}\b", text.split("Example")[1], re.MULTILINE), page
 
 
 def test_help_is_shown_whatever_else_is_wrong(ctl):
@@ -691,9 +770,9 @@ def test_help_is_shown_whatever_else_is_wrong(ctl):
     assert ctl("--help", "gain", "on-mute", "101") == help_of(ctl, ["gain", "on-mute"])
 
 
-@pytest.mark.parametrize("page", HELP_PAGES, ids=lambda page: " ".join(page) or "kavrelctl")
-def test_help_is_a_command_too(ctl, page):
-    assert ctl("help", *page) == help_of(ctl, page)
+def test_help_is_a_command_too(ctl):
+    for page in HELP_PAGES:
+        assert ctl("help", *page) == help_of(ctl, page)
 
 
 def test_help_names_every_exit_status(ctl):
@@ -712,6 +791,44 @@ def test_examples_work(scene, daemon, ctl, page):
     assert examples
     for example in examples:
         scene.run("bash", "-c", example.replace("kavrelctl", KAVRELCTL, 1))
+
+
+def test_reader_that_has_gone_ends_a_tool_in_silence(scene, daemon):
+    reader, writer = os.pipe()
+    os.close(reader)
+    with os.fdopen(writer, "w") as output:
+        done = subprocess.run([KAVRELCTL, "status"], env=scene.environment(), stdout=output, stderr=subprocess.PIPE,
+                              timeout=PATIENCE, check=False)
+    assert (done.returncode, done.stderr) == (DONE, b"")
+
+
+FADE_HELP = """Fade a gain in, from 0 to 100 in about 1.5 s
+player  It fades OUTPUT; both is two calls, main and then sub.
+unmute  Without a sub Bluetooth zone it fades both outputs whatever OUTPUT is.
+        With one, both is main alone; sub needs a call of its own. If the output
+        is not muted, the gain is 100 at once. With multi-output audio or
+        TV-to-mobile the daemon does nothing and reports no error.
+
+Usage: kavrelctl fade [options] SOURCE [OUTPUT]
+
+Arguments:
+  SOURCE              player|unmute
+  OUTPUT              main|sub|both; default: both
+
+Options:
+  -h,--help           Show this help
+  --timeout SECONDS   Wait so long for an answer; 0: no limit (default: 5)
+
+Examples:
+  kavrelctl fade player main
+  kavrelctl fade unmute
+"""
+
+
+def test_help_page_of_a_command(ctl):
+    assert help_of(ctl, ["fade"]) == FADE_HELP
+    assert "\nExample:\n  kavrelctl unmute\n" in help_of(ctl, ["unmute"])
+    assert "\n  fade                Fade a gain in, from 0 to 100 in about 1.5 s\n  gain  " in help_of(ctl, [])
 
 
 def test_version(ctl):
@@ -757,8 +874,9 @@ def test_monitor_tells_new_support_with_the_first_change_of_another_output(daemo
     assert events([view.read_line(), view.read_line()]) == [("support", ALL_WORDS), ("volume", "44")]
 
 
-def test_monitor_listens_to_the_daemon_alone(daemon, ctl, client):
+def test_monitor_listens_to_the_daemon_alone(scene, daemon, ctl, client):
     view = ctl.monitor()
+    scene.client()  # whose name on the bus is no owner of the daemon's
     client.emit("SpeakerVolumeChanged", "ii", TV_SUPPORT, 99, path="/Org/Olvane/KavrelInternal")
     client.emit("SpeakerChangeRequest", "ii", 9, 1)
     client.set_volume(12)
@@ -811,12 +929,27 @@ def test_monitor_says_when_the_daemon_is_back_and_does_not_answer(scene, daemon,
     assert events([view.read_line(), view.read_line()]) == [
         ("back", "kavreld is on the bus again"), ("error", "no answer within 1.5 s")]
     assert impostor.called.is_set()
-    # From now on it tells what it hears.
+    # From now on it tells what it hears, unless the values have other types.
+    impostor.emit("SpeakerVolumeChanged", "(s)", "loud")
     impostor.emit("SpeakerVolumeChanged", "(ii)", 15, 44)
     impostor.emit("SpeakerVolumeChanged", "(ii)", 15, 45)
     impostor.emit("SpeakerMuteChanged", "(ib)", 15, True)
+    impostor.emit("SpeakerChangeRequest", "(ii)", 9, 1)
+    assert events([view.read_line() for _ in range(5)]) == [
+        ("support", ALL_WORDS.replace("0xffff", "0x000f")), ("volume", "44"), ("volume", "45"), ("mute", "on"),
+        ("request", "change the output to route 9")]
+
+
+def test_monitor_takes_a_change_before_its_first_state_into_that(scene, ctl):
+    impostor = Impostor(scene.client(), GetSpeakerVolume=[(30, 0)])
+    view = ctl.view("monitor")
+    impostor.answer("GetSpeakerMute", (0, 0))
+    impostor.emit("SpeakerVolumeChanged", "(ii)", 15, 44)
+    impostor.answer("GetSpeakerSupportType", (7, 0))
+    impostor.emit("SpeakerVolumeChanged", "(ii)", 7, 45)
     assert events([view.read_line() for _ in range(4)]) == [
-        ("support", ALL_WORDS.replace("0xffff", "0x000f")), ("volume", "44"), ("volume", "45"), ("mute", "on")]
+        ("volume", "44"), ("mute", "off"), ("support", "read volume, set volume, read mute; not: set mute (0x0007)"),
+        ("volume", "45")]
 
 
 def test_monitor_goes_on_when_the_daemon_ends_before_its_first_answer(scene, ctl):
@@ -884,9 +1017,10 @@ def test_calls_name_caller_arguments_status_and_duration(daemon, ctl, client):
 
 def test_calls_as_objects(daemon, ctl, client):
     view = ctl.monitor("--calls", "--json")
+    begin = time.time()
     client.set_mute(True)
     call = view.read_events("call")[-1]
-    assert call.pop("time")
+    assert begin - 0.001 <= datetime.datetime.strptime(call.pop("time"), "%Y-%m-%dT%H:%M:%S.%f%z").timestamp() <= time.time()
     assert 0 < call.pop("duration_ms") < PATIENCE * 1000
     assert call == {
         "event": "call", "interface": NAME, "method": "SetSpeakerMute", "arguments": [True], "value": None,
@@ -900,12 +1034,15 @@ def test_calls_tell_values_failures_and_refusals(daemon, ctl, client):
     client.get_volume()
     client.set_volume(101)
     client.call("Ping", interface="org.freedesktop.DBus.Peer")
+    silent = Gio.DBusMessage.new_method_call(NAME, METHODS_PATH, NAME, "GetSpeakerMute")
+    silent.set_flags(Gio.DBusMessageFlags.NO_REPLY_EXPECTED)
+    client.connection.send_message(silent, Gio.DBusSendMessageFlags.NONE)
     with pytest.raises(Exception, match="UnknownMethod"):
         client.call("Explode")
     told = [words for event, words in events(view.read_until("Explode")) if event == "call"]
     assert [words.split(" -> ")[0] + " -> " + words.split(" -> ")[1].split(", ")[0] for words in told] == [
         "GetSpeakerVolume() -> 10", "SetSpeakerVolume(101) -> invalid argument (-2)",
-        "org.freedesktop.DBus.Peer.Ping() -> done", "Explode() -> org.freedesktop.DBus.Error.UnknownMethod"]
+        "org.freedesktop.DBus.Peer.Ping() -> done", "GetSpeakerMute() -> no answer wanted", "Explode() -> org.freedesktop.DBus.Error.UnknownMethod"]
 
 
 def test_calls_without_an_answer_are_told(stopped, ctl, client):
@@ -927,6 +1064,31 @@ def test_calls_of_programs_that_end_at_once_are_told(scene, daemon, ctl):
     assert re.fullmatch(r"SetSpeakerVolume\(21\) -> 0, \d+\.\d ms, by "
                         r"(kavrelctl( volume 21)? \(pid \d+\)|a program that has gone \(pid \d+\)|:[\d.]+, which has gone)",
                         words)
+
+
+def test_calls_that_the_bus_answers_are_shown(scene, ctl, client):
+    impostor = Impostor(scene.client(), GetSpeakerVolume=[(30, 0)], GetSpeakerMute=[(0, 0)], GetSpeakerSupportType=[(15, 0)])
+    view = ctl.monitor("--calls", "--timeout", "0")
+    client.send("SetSpeakerMute", "b", True)
+    with impostor.news:
+        assert impostor.news.wait_for(lambda: "SetSpeakerMute" in impostor.waiting, PATIENCE)
+    impostor.connection.close_sync(None)
+    words = dict(events(view.read_until("  call  ")))["call"]
+    assert words.startswith("SetSpeakerMute(true) -> org.freedesktop.DBus.Error.NoReply, ")
+
+
+def test_callers_are_looked_up_before_they_leave(scene, daemon, ctl, client):
+    view = ctl.monitor("--calls")
+    caller = scene.client()
+    client.get_mute()
+    view.read_until("GetSpeakerMute")  # behind the news that the other client has joined
+    view.signal(signal.SIGSTOP)
+    caller.send("SetSpeakerVolume", "i", 33)
+    caller.flush()
+    caller.close()
+    client.wait_until_gone(caller.name)
+    view.signal(signal.SIGCONT)
+    assert f"(pid {os.getpid()})" in view.read_until("SetSpeakerVolume")[-1]
 
 
 def test_calls_do_not_show_the_monitors_own(daemon, ctl, client):
@@ -977,7 +1139,9 @@ def test_report(daemon, tv, ctl, client, programs):
     versions = rows_of(parts["Versions"])
     assert versions["kavrelctl"] == ctl("--version").split()[1]
     assert versions["kavreld"] == f"{versions['kavrelctl']} (the one that runs)"
-    assert re.fullmatch(r"2\.\d+\.\d+", versions["GLib"])
+    numbers = [ctypes.c_uint.in_dll(ctypes.CDLL("libglib-2.0.so.0"), f"glib_{part}_version").value
+               for part in ("major", "minor", "micro")]
+    assert versions["GLib"] == ".".join(map(str, numbers))
     assert versions["kernel"] == f"{os.uname().sysname} {os.uname().release} {os.uname().machine}"
     assert versions["distribution"] == re.search('PRETTY_NAME="(.*)"', Path("/etc/os-release").read_text()).group(1)
     assert rows_of(parts["Daemon"])["owner of name"] == f"{client.owner()}, pid {daemon.pid}, {KAVRELD}"
@@ -1024,10 +1188,21 @@ def test_report_says_that_the_journal_is_another_daemons(scene, ctl, programs):
     ("echo No rights >&2", ["missing: No rights"]),
     ("echo -- No entries --", ["-- No entries --"]),
     ("echo one; echo 'Hint: some are hidden' >&2", ["Hint: some are hidden", "one"]),
+    ("exit 1", ["missing: journalctl failed"]),
 ])
 def test_report_shows_the_journal_with_its_errors(scene, ctl, programs, script, lines):
     programs("journalctl", script)
-    assert parts_of(ctl.run("report", "--timeout", str(PATIENCE), PATH=str(programs.folder)).stdout)["Last lines of the log"] == lines
+    programs("systemctl", "echo only an error >&2")
+    parts = parts_of(ctl.run("report", "--timeout", str(PATIENCE), PATH=str(programs.folder)).stdout)
+    assert (parts["Last lines of the log"], parts["Unit"]) == (lines, ["only an error"])
+
+
+def test_report_asks_a_daemon_that_does_not_answer_once(scene, ctl, programs):
+    impostor = Impostor(scene.client())
+    parts = parts_of(ctl.run("report", "--timeout", "2", PATH=str(programs.folder)).stdout)
+    assert [re.sub(" from the bus", "", text) for text in rows_of(parts["State"]).values()][:3] == [
+        "missing: no answer within 2 s"] * 3
+    assert len(impostor.calls) <= 1  # none if the bus did not answer in time either
 
 
 def test_report_says_what_is_missing(scene, ctl, programs):
@@ -1047,10 +1222,11 @@ def test_report_without_a_bus_and_with_programs_that_fail(scene, ctl, programs):
     programs("kavreld", "echo kavreld 9.8.7")
     programs("systemctl", "echo 'no systemd here' >&2; exit 1")
     programs("journalctl", "exit")
-    nobody = f"unix:path={scene.folder}/nobody"
+    nobody = f"unix:path={scene.folder}/nobody\x1b"
     done = ctl.run("report", "--timeout", str(PATIENCE), PATH=str(programs.folder), DBUS_SYSTEM_BUS_ADDRESS=nobody)
     assert (done.returncode, done.stderr) == (DONE, "")
     parts = parts_of(done.stdout)
+    nobody = nobody.replace("\x1b", "?")
     no_bus = f"missing: no system bus: Could not connect: No such file or directory; DBUS_SYSTEM_BUS_ADDRESS names {nobody}"
     assert rows_of(parts["Versions"])["kavreld"] == "9.8.7 (the one in PATH)"
     assert rows_of(parts["Daemon"])["bus"] == nobody
@@ -1060,7 +1236,7 @@ def test_report_without_a_bus_and_with_programs_that_fail(scene, ctl, programs):
 
 
 def test_report_waits_for_nothing_that_hangs(stopped, ctl, programs):
-    programs("systemctl", "exec /bin/sleep 1000")
+    programs("systemctl", f"echo $$ >{programs.folder}/pid; exec /bin/sleep 1000")
     done = ctl.run("report", "--timeout", "0.5", PATH=str(programs.folder))
     assert (done.returncode, done.stderr) == (DONE, "")
     parts = parts_of(done.stdout)
@@ -1068,6 +1244,17 @@ def test_report_waits_for_nothing_that_hangs(stopped, ctl, programs):
         *["missing: no answer within 0.5 s"] * 3, "tv, TV speaker (route 0)"]
     assert parts["Unit"] == ["missing: systemctl did not end within 0.5 s"]
     assert is_logged(stopped, parts["Last lines of the log"])
+    if (programs.folder / "pid").exists():  # otherwise it never ran
+        wait_for_end_of((programs.folder / "pid").read_text().strip())
+
+
+def wait_for_end_of(pid):
+    """Waits until a process that is no child of this one has ended, whether or not somebody has taken note of it."""
+    deadline = time.monotonic() + PATIENCE
+    with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+        while Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()[0] != "Z":
+            assert time.monotonic() < deadline, "it lives on"
+            time.sleep(0.01)
 
 
 # With and without a terminal
@@ -1092,8 +1279,22 @@ def test_ctrl_c_ends_the_view_and_leaves_the_terminal_as_it_was(daemon, terminal
     assert view.modes() == view.modes_before
 
 
-def test_terminal_is_coloured(daemon, terminal):
-    assert "\x1b[1mvolume   \x1b[0m10\n" in terminal("status").run()
+def test_terminal_is_coloured(hdmi, terminal):
+    view = terminal("status")
+    assert view.wait_for_end() == REFUSED
+    assert "\x1b[1mvolume   \x1b[0m17" in view.output
+    assert "\x1b[31mnot supported by this output (-4)\x1b[0m" in view.output
+
+
+def test_monitor_is_coloured(scene, terminal):
+    impostor = Impostor(scene.client(), GetSpeakerVolume=[(30, 0)], GetSpeakerMute=[(0, 0)], GetSpeakerSupportType=[(15, 0)])
+    view = terminal("monitor", "--timeout", "0")
+    view.wait_until(lambda: "0x000f" in view.output)
+    impostor.connection.close_sync(None)
+    view.wait_until(lambda: "\x1b[31mgone     \x1b[0m" in view.output)
+    Impostor(scene.client(), GetSpeakerVolume=["org.some.Error"])
+    view.wait_until(lambda: "\x1b[31merror    \x1b[0m" in view.output)
+    assert "\x1b[32mback     \x1b[0m" in view.output
 
 
 @pytest.mark.parametrize("environment", [{"NO_COLOR": "1"}, {"TERM": "dumb"}], ids=str)

@@ -35,6 +35,7 @@ TEST(MappingTest, VolumesAreRoundedToTheNearestLevelAndNeverAboveTheHighest) {
     EXPECT_EQ(LevelOfVolume(65208), 99);
     EXPECT_EQ(LevelOfVolume(65209), 100);
     EXPECT_EQ(LevelOfVolume(98304), 100);
+    EXPECT_EQ(LevelOfVolume(42949673), 100);  // 100 times as much has more than 32 bits
     EXPECT_EQ(LevelOfVolume(UINT32_MAX), 100);
 }
 

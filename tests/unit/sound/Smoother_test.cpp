@@ -85,6 +85,23 @@ TEST(SmootherTest, AnEqualAimNeedsNoStep) {
     EXPECT_EQ(smoother.Next(), 0.5);
 }
 
+TEST(SmootherTest, AnAimAtThePresentAmplitudeNeedsNoStepEither) {
+    Smoother smoother;
+    smoother.Aim(0.5);
+    smoother.Aim(0);
+    EXPECT_TRUE(smoother.IsThere());
+}
+
+TEST(SmootherTest, EachAmplitudeIsReachedExactly) {
+    Smoother smoother;
+    for (int step = 1; step <= 100; ++step) {
+        const double amplitude = step * 37 % 101 / 100.0;
+        smoother.Aim(amplitude);
+        Way(smoother);
+        EXPECT_EQ(smoother.Present(), amplitude);
+    }
+}
+
 TEST(SmootherTest, OneStepIsNoSmoothing) {
     Smoother smoother(1);
     smoother.Aim(0.3);

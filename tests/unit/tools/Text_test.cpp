@@ -56,7 +56,7 @@ TEST(TextTest, TimesAreLocalWithMilliseconds) {
     setenv("TZ", "ABC-05:30", 1);
     tzset();
     EXPECT_EQ(TimeOfDay(1'000'000'000'007'999), "07:16:40.007");
-    EXPECT_EQ(Timestamp(1'000'000'000'123'456), "2001-09-09T07:16:40.123+0530");
+    EXPECT_EQ(Timestamp(1'000'086'400'123'456), "2001-09-10T07:16:40.123+0530");
     unsetenv("TZ");
     tzset();
 }
@@ -67,6 +67,13 @@ TEST(TextTest, ALineIsClippedByCharacters) {
     EXPECT_EQ(Clipped("\u20AC\u20AC\u20AC\u20AC\u20AC", 5), "\u20AC\u20AC\u20AC\u20AC\u20AC");
     EXPECT_EQ(Clipped("\u20AC\u20AC\u20AC\u20AC\u20AC\u20AC", 5), "\u20AC\u20AC...");
     EXPECT_EQ(Clipped("123456", 2), "...");
+}
+
+TEST(TextTest, AFileHasNoLastColumn) {
+    testing::internal::CaptureStdout();
+    const int columns = ColumnsOfOutput();
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(columns, INT_MAX);
 }
 
 TEST(TextTest, ATimeLimitIsNamedInSeconds) {
