@@ -141,8 +141,10 @@ def signal(member, signature="", *values, path=SIGNALS_PATH, interface=NAME, des
 
 
 class Wire:
-    """A connection to the socket of the bus. It sends nothing by itself; a send or wait fails with ConnectionError if the
-    bus has closed it."""
+    """A connection to the socket of the bus. It sends nothing by itself.
+
+    Each method fails with ConnectionError if the bus has closed the connection.
+    """
 
     def __init__(self, address):
         self.socket = socket.socket(socket.AF_UNIX)
@@ -177,7 +179,8 @@ class Wire:
     def send_raw(self, raw, descriptors=()):
         rights = [(socket.SOL_SOCKET, socket.SCM_RIGHTS, array.array("i", descriptors))] if descriptors else []
         sent = self.socket.sendmsg([raw], rights)
-        self.socket.sendall(raw[sent:])
+        if sent < len(raw):
+            self.socket.sendall(raw[sent:])
 
     def receive(self):
         """Waits for the next message."""
@@ -195,7 +198,8 @@ class Wire:
         while serial not in self.answers:
             message = self.receive()
             body = message.get_body()
-            self.answers[message.get_reply_serial()] = message.get_error_name() or (body.unpack() if body else ())
+            if message.get_reply_serial():
+                self.answers[message.get_reply_serial()] = message.get_error_name() or (body.unpack() if body else ())
         return self.answers[serial]
 
     def ask(self, message, descriptors=()):
