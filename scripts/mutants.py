@@ -28,7 +28,7 @@ BUILD = ROOT / "build/mutants/build"
 NOT_RUN = {"bench", "docs", "host-headers", "house", "installation", "kit", "lint", "mutants", "release", "run", "scripts", "storm"}
 # The suites, the likeliest first.
 SUITES = {"src": ["unit", "component", "fuzz", "system"], "include_internal": ["unit", "component", "system"],
-          "platform": ["host", "system"], "tools": ["unit", "system"], "data": ["component", "system"]}
+          "platform": ["host", "platform", "system"], "tools": ["unit", "system"], "data": ["component", "system"]}
 LIMIT = {"system": 240}  # seconds for one test; more is a hang, and noticed
 USUAL_LIMIT = 75
 NO_SUCH_CASE = {4, 5}  # exit statuses of pytest: a noted case may have another name today
@@ -77,16 +77,19 @@ def read_tables(folder=TABLES):
     mutants = []
     for table in sorted(folder.glob("*.txt")):
         file = scope = ""
+        first = []  # the tests to try first for the mutants of a file
         for number, line in enumerate(table.read_text().splitlines(), 1):
             mark, _, rest = line.partition(" ")
             where = f"{table.name}:{number}"
             if mark == "==":
-                file, scope = rest, ""
+                file, scope, first = rest, "", []
+            elif mark == "?":
+                first = rest.split()
             elif mark == "@":
                 scope = rest
             elif mark == "*":
-                mutants.append(Mutant(rest, file, scope, where))
-            elif mark in ("-", "+", "?", "!", "=") and mutants:
+                mutants.append(Mutant(rest, file, scope, where, tests=first))
+            elif mark in ("-", "+", "!", "=") and mutants:
                 add_line(mutants[-1], mark, rest)
             elif line and mark != "#":
                 raise TableError(f"{where}: no line of a table: {line}")
@@ -100,8 +103,6 @@ def add_line(mutant, mark, text):
         mutant.original.append(text)
     elif mark == "+":
         mutant.changed.append(text)
-    elif mark == "?":
-        mutant.tests += text.split()
     elif mark == "!":
         mutant.case = text
     else:
@@ -229,8 +230,12 @@ class Test:
     environment: dict
 
     @property
+    def is_pytest(self):
+        return self.suite == "system"
+
+    @property
     def is_gtest(self):
-        return self.suite != "system"
+        return self.suite in ("unit", "component", "host") or self.name == "fuzz"
 
 
 def all_tests():
@@ -246,7 +251,8 @@ def order_for(mutant, tests):
     suites = SUITES[area]
 
     def rank(test):
-        return (test.name not in mutant.tests, suites.index(test.suite), stem not in test.name.lower())
+        first = mutant.tests.index(test.name) if test.name in mutant.tests else len(mutant.tests)
+        return (first, suites.index(test.suite), stem not in test.name.lower())
 
     fit = sorted((test for test in tests if test.suite in suites), key=rank)
     known = [(test, mutant.case) for test in fit if mutant.case and has_case(test, mutant.case)]
@@ -254,8 +260,10 @@ def order_for(mutant, tests):
 
 
 def has_case(test, case):
-    if not test.is_gtest:
+    if test.is_pytest:
         return case.startswith(f"test_{test.name}.py::")
+    if not test.is_gtest:
+        return case == test.name
     chosen = next((part.partition("=")[2] for part in test.command if part.startswith("--gtest_filter=")), None)
     if chosen is None:  # a program of its own
         return "." in case and test.name.lower() in case.lower()
@@ -302,7 +310,7 @@ def run_test(test, number, case=None):
     command = list(test.command)
     if test.is_gtest:
         command += ["--gtest_fail_fast"] + ([f"--gtest_filter={case}"] if case else [])
-    else:
+    elif test.is_pytest:
         command += ["-x", "-q"]
         if case:
             file = next(part for part in command if part.endswith(f"test_{test.name}.py"))
@@ -321,6 +329,8 @@ def run_test(test, number, case=None):
 
 
 def failed_case(test, output):
+    if not test.is_gtest and not test.is_pytest:
+        return test.name
     found = re.findall(r"^\[ +(?:RUN|FAILED) +\] (\S+?),?(?: .*)?$", output, re.MULTILINE) if test.is_gtest else \
         re.findall(r"^(?:\S*/)?(\S+::.+?) (?:FAILED|ERROR)\b", output, re.MULTILINE) or \
         re.findall(r"^(?:FAILED|ERROR) (?:\S*/)?(\S+::.+?)(?: - .*)?$", output, re.MULTILINE)

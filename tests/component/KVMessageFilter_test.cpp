@@ -9,9 +9,13 @@
 #include <cerrno>
 #include <condition_variable>
 #include <csignal>
+#include <cstddef>
+#include <deque>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "DaemonTest.h"
@@ -23,7 +27,10 @@ using testing::Not;
 
 namespace {
 
-constexpr const char* REFUSED = "error org.freedesktop.DBus.Error.LimitsExceeded";
+constexpr const char* REFUSED =
+    "error org.freedesktop.DBus.Error.LimitsExceeded: Too many messages of this sender wait already";
+constexpr const char* REFUSED_WITH_DESCRIPTOR =
+    "error org.freedesktop.DBus.Error.LimitsExceeded: File descriptors are not accepted";
 constexpr const char* PROPERTIES = "org.freedesktop.DBus.Properties";
 constexpr const char* INVALID_ARGUMENTS = "error org.freedesktop.DBus.Error.InvalidArgs";
 
@@ -77,7 +84,7 @@ public:
     /** Returns when the server's connection has read, and its filter has seen, everything sent before. */
     void Ping() { AnswerTo(Send(NewCall("Ping", nullptr, "org.freedesktop.DBus.Peer"))); }
 
-    /** Waits for the answer: "reply BODY" or "error NAME". */
+    /** Waits for the answer: "reply BODY" or "error NAME: TEXT". */
     std::string AnswerTo(guint32 serial) {
         std::unique_lock lock(m_mutex);
         const bool hasCome =
@@ -102,7 +109,8 @@ private:
             const std::lock_guard lock(sender.m_mutex);
             sender.m_answers[g_dbus_message_get_reply_serial(message)] =
                 type == G_DBUS_MESSAGE_TYPE_ERROR
-                    ? std::string("error ") + g_dbus_message_get_error_name(message)
+                    ? std::string("error ") + g_dbus_message_get_error_name(message) + ": " +
+                          g_dbus_message_get_arg0(message)
                     : "reply " + gio::PrintedWithTypes(g_dbus_message_get_body(message));
             sender.m_arrived.notify_all();
             g_main_context_wakeup(nullptr);
@@ -134,6 +142,25 @@ protected:
         gio::RemoveLeftovers();
     }
 
+    static tools::GLibPtr<GDBusMessage> WithoutReply(tools::GLibPtr<GDBusMessage> call) {
+        g_dbus_message_set_flags(call.get(), G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
+        return call;
+    }
+    static tools::GLibPtr<GDBusMessage> AllProperties(const Sender& sender) {
+        return sender.NewCall("GetAll", g_variant_new("(s)", INTERFACE), PROPERTIES);
+    }
+    /** Makers of the calls, and a part of GDBus's answer. */
+    static auto CallsThatNoHandlerGets(const Sender& sender) {
+        using Maker = std::function<tools::GLibPtr<GDBusMessage>()>;
+        constexpr const char* GETTER = "GetSpeakerVolume";
+        return std::vector<std::pair<Maker, const char*>>{
+            {[&] { return sender.NewCall(GETTER, g_variant_new("(i)", 1)); }, INVALID_ARGUMENTS},
+            {[&] { return sender.NewCall(GETTER, nullptr, INTERFACE, "/nowhere"); }, "Unknown"},
+            {[&] { return sender.NewCall(GETTER, nullptr, nullptr); }, "Unknown"},
+            {[&] { return sender.NewCall(GETTER, nullptr, "org.olvane.other"); }, "Unknown"},
+        };
+    }
+
     void ExpectRefused(Sender& sender, guint32 serial) { EXPECT_EQ(sender.AnswerTo(serial), REFUSED); }
     void ExpectServed(Sender& sender, const std::vector<guint32>& serials) {
         EXPECT_TRUE(
@@ -154,11 +181,23 @@ TEST_F(KVMessageFilterTest, SixtyFourGettersOfOneSenderWaitAndTheNextIsRefusedAt
 
 TEST_F(KVMessageFilterTest, ServedGettersMakeRoomForOthers) {
     Sender sender(Shared());
-    ExpectServed(sender, sender.SendGetters(64));
-    fake::RunMainContextUntilQuiet();
+    for (int round = 0; round < 4; ++round) {  // as many in all as may wait of all senders
+        ExpectServed(sender, sender.SendGetters(64));
+        fake::RunMainContextUntilQuiet();
+    }
     const auto waiting = sender.SendGetters(64);
     ExpectRefused(sender, sender.SendGetters(1).front());
     ExpectServed(sender, waiting);
+}
+
+TEST_F(KVMessageFilterTest, ServedGettersThatWantNoReplyMakeRoomForOthersToo) {
+    Sender sender(Shared());
+    for (int i = 0; i < 64; ++i) {
+        sender.Send(WithoutReply(sender.NewCall("GetSpeakerVolume")));
+    }
+    sender.Ping();
+    fake::RunMainContextUntilQuiet();
+    ExpectServed(sender, sender.SendGetters(64));
 }
 
 TEST_F(KVMessageFilterTest, AllThreeGettersShareOneLimit) {
@@ -174,17 +213,34 @@ TEST_F(KVMessageFilterTest, AllThreeGettersShareOneLimit) {
 }
 
 TEST_F(KVMessageFilterTest, TwoHundredFiftySixGettersOfAllSendersWait) {
-    std::array<std::unique_ptr<Sender>, 4> senders;
-    for (auto& sender : senders) {
-        sender = std::make_unique<Sender>(Shared());
-        sender->SendGetters(64);
-        sender->Ping();
+    Sender first(Shared());
+    const auto admitted = first.SendGetters(1);
+    first.Ping();
+    std::deque<Sender> senders;
+    for (const int count : {64, 64, 64, 63}) {
+        Sender& sender = senders.emplace_back(Shared());
+        const auto waiting = sender.SendGetters(count);
+        sender.Ping();
+        EXPECT_EQ(sender.CountAnswers(waiting), 0U);
     }
-    Sender late(Shared());
-    const auto admitted = late.SendGetters(1);
-    ExpectRefused(late, late.SendGetters(1).front());
-    EXPECT_FALSE(late.HasAnswer(admitted.front()));
-    ExpectServed(late, admitted);
+    ExpectRefused(first, first.SendGetters(1).front());
+    EXPECT_FALSE(first.HasAnswer(admitted.front()));
+    ExpectServed(first, admitted);
+}
+
+TEST_F(KVMessageFilterTest, TwoHundredFiftySixQuestionsForAllPropertiesOfAllSendersWait) {
+    Sender first(Shared());
+    first.Send(AllProperties(first));
+    first.Ping();
+    std::deque<Sender> senders;
+    for (const std::size_t count : {64, 64, 64, 63}) {
+        Sender& sender = senders.emplace_back(Shared());
+        std::vector<guint32> waiting(count);
+        std::ranges::generate(waiting, [&] { return sender.Send(AllProperties(sender)); });
+        sender.Ping();
+        EXPECT_EQ(sender.CountAnswers(waiting), 0U);
+    }
+    ExpectRefused(first, first.Send(AllProperties(first)));
 }
 
 TEST_F(KVMessageFilterTest, ASenderOfWhichNothingWaitsIsAlwaysAdmitted) {
@@ -206,9 +262,7 @@ TEST_F(KVMessageFilterTest, ASenderOfWhichNothingWaitsIsAlwaysAdmitted) {
 TEST_F(KVMessageFilterTest, ARefusedCallThatWantsNoReplyGetsNone) {
     Sender sender(Shared());
     sender.SendGetters(64);
-    auto call = sender.NewCall("GetSpeakerVolume");
-    g_dbus_message_set_flags(call.get(), G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
-    const guint32 serial = sender.Send(std::move(call));
+    const guint32 serial = sender.Send(WithoutReply(sender.NewCall("GetSpeakerVolume")));
     sender.Ping();
     fake::RunMainContextUntilQuiet();
     EXPECT_FALSE(sender.HasAnswer(serial));
@@ -220,16 +274,20 @@ TEST_F(KVMessageFilterTest, ARefusedCallThatWantsNoReplyGetsNone) {
 
 TEST_F(KVMessageFilterTest, SixteenThousandOtherMessagesOfOneSenderWait) {
     Sender sender(Shared());
-    ExpectServed(sender, sender.SendGetters(1));
-    fake::RunMainContextUntilQuiet();  // so that no message of this sender asks for a look-up
     for (int i = 0; i < 8192; ++i) {
-        auto call = sender.NewCall("ResetPlayerGain", g_variant_new("(i)", 4));
-        g_dbus_message_set_flags(call.get(), G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
-        sender.Send(std::move(call));
+        sender.Send(WithoutReply(sender.NewCall("ResetPlayerGain", g_variant_new("(i)", 4))));
         sender.Send(sender.NewSignal("BudsConnected", g_variant_new("(i)", i)));
     }
     ExpectRefused(sender, sender.Send(sender.NewCall("SetSpeakerVolume", g_variant_new("(i)", 20))));
     sender.Send(sender.NewSignal("BudsConnected", g_variant_new("(i)", -1)));
+    seam.Fail("g_dbus_connection_call_sync",
+              gio::REFUSED);  // each message asks for a look-up: let them be quick
+    bool isLastHandled = false;
+    seam.BeforeNext("I Buds Connected. reason:8191", [&] { isLastHandled = true; });
+    while (!isLastHandled) {
+        g_main_context_iteration(nullptr, TRUE);
+    }
+    ExpectRefused(sender, sender.Send(sender.NewCall("SetSpeakerVolume", g_variant_new("(i)", 20))));
     Sender another(Shared());
     const guint32 served = another.Send(another.NewCall("SetSpeakerVolume", g_variant_new("(i)", 30)));
     EXPECT_TRUE(fake::RunMainContextUntil([&] { return another.HasAnswer(served); }));
@@ -240,35 +298,43 @@ TEST_F(KVMessageFilterTest, SixteenThousandOtherMessagesOfOneSenderWait) {
 
 TEST_F(KVMessageFilterTest, WhatGDBusAnswersItselfIsNotCounted) {
     Sender sender(Shared());
-    for (int i = 0; i < 100; ++i) {
-        const guint32 wrongArguments =
-            sender.Send(sender.NewCall("GetSpeakerVolume", g_variant_new("(i)", 1)));
-        const guint32 wrongPath =
-            sender.Send(sender.NewCall("GetSpeakerVolume", nullptr, INTERFACE, "/nowhere"));
-        const guint32 noInterface = sender.Send(sender.NewCall("GetSpeakerVolume", nullptr, nullptr));
-        const guint32 wrongInterface =
-            sender.Send(sender.NewCall("GetSpeakerVolume", nullptr, "org.olvane.other"));
-        EXPECT_EQ(sender.AnswerTo(wrongArguments), INVALID_ARGUMENTS);
-        EXPECT_THAT(sender.AnswerTo(wrongPath), HasSubstr("Unknown"));
-        EXPECT_THAT(sender.AnswerTo(noInterface), HasSubstr("Unknown"));
-        EXPECT_THAT(sender.AnswerTo(wrongInterface), HasSubstr("Unknown"));
+    const auto expectGDBusToAnswer = [&] {
+        for (const auto& [call, answer] : CallsThatNoHandlerGets(sender)) {
+            EXPECT_THAT(sender.AnswerTo(sender.Send(call())), HasSubstr(answer));
+        }
+    };
+    for (int i = 0; i < 65; ++i) {
+        expectGDBusToAnswer();
     }
     const auto admitted = sender.SendGetters(64);
+    sender.Send(AllProperties(sender));
     sender.Ping();
     EXPECT_EQ(sender.CountAnswers(admitted), 0U);
+    expectGDBusToAnswer();  // also when no more may wait
     ExpectServed(sender, admitted);
+}
+
+TEST_F(KVMessageFilterTest, ACallThatNoHandlerGetsAndThatWantsNoReplyIsDropped) {
+    Sender sender(Shared());
+    std::vector<guint32> serials;
+    for (const auto& [call, answer] : CallsThatNoHandlerGets(sender)) {
+        serials.push_back(sender.Send(WithoutReply(call())));
+    }
+    sender.Ping();
+    EXPECT_EQ(sender.CountAnswers(serials), 0U);
 }
 
 TEST_F(KVMessageFilterTest, QuestionsForAllPropertiesHaveABoundOfTheirOwn) {
     Sender sender(Shared());
-    const auto ask = [&] {
-        return sender.Send(sender.NewCall("GetAll", g_variant_new("(s)", INTERFACE), PROPERTIES));
-    };
+    const auto ask = [&] { return sender.Send(AllProperties(sender)); };
     const auto getters = sender.SendGetters(63);
     std::vector<guint32> waiting(64);
     std::ranges::generate(waiting, ask);
     ExpectRefused(sender, ask());
     EXPECT_EQ(sender.CountAnswers(waiting), 0U);
+    const guint32 one =
+        sender.Send(sender.NewCall("Get", g_variant_new("(ss)", INTERFACE, "Any"), PROPERTIES));
+    EXPECT_THAT(sender.AnswerTo(one), HasSubstr("Invalid")) << "a question for one property is not counted";
     const auto lastGetter = sender.SendGetters(1);
     ExpectServed(sender, getters);
     ExpectServed(sender, lastGetter);
@@ -315,6 +381,29 @@ TEST_F(KVMessageFilterTest, ASecondAcquisitionOfTheBusDoesNotCountTwice) {
     const auto admitted = sender.SendGetters(64);
     sender.Ping();
     EXPECT_EQ(sender.CountAnswers(admitted), 0U);
+}
+
+TEST_F(KVMessageFilterTest, MessagesThatWaitedBeforeASecondAcquisitionOfTheBusCountOn) {
+    Sender sender(Shared());
+    sender.SendGetters(64);
+    sender.Ping();
+    KVServer::onNameLost(Shared(), BUS_NAME, server.get());
+    KVServer::onBusAcquired(Shared(), BUS_NAME, server.get());
+    ExpectRefused(sender, sender.SendGetters(1).front());
+}
+
+TEST_F(KVMessageFilterTest, TheBoundsHoldOnASecondConnection) {
+    const fake::BusClient second;
+    KVServer::onNameLost(Shared(), BUS_NAME, server.get());
+    KVServer::onBusAcquired(second.Connection(), BUS_NAME, server.get());
+    {
+        Sender sender(second.Connection());
+        sender.SendGetters(64);
+        ExpectRefused(sender, sender.SendGetters(1).front());
+    }
+    fake::RunMainContextUntilQuiet();
+    KVServer::onNameLost(second.Connection(), BUS_NAME, server.get());
+    KVServer::onBusAcquired(Shared(), BUS_NAME, server.get());
 }
 
 TEST_F(KVMessageFilterTest, AMessageThatNoHandlerGetsIsTakenOffTheCounts) {
@@ -368,16 +457,15 @@ protected:
 
 TEST_F(KVMessageFilterDescriptorTest, ACallWithADescriptorIsRefusedAndTheDescriptorClosed) {
     Sender sender(Shared());
-    ExpectRefused(sender, sender.Send(WithDescriptor(sender.NewCall("GetSpeakerVolume"))));
+    EXPECT_EQ(sender.AnswerTo(sender.Send(WithDescriptor(sender.NewCall("GetSpeakerVolume")))),
+              REFUSED_WITH_DESCRIPTOR);
     sender.Ping();
     EXPECT_TRUE(IsClosed());
 }
 
 TEST_F(KVMessageFilterDescriptorTest, ACallWithADescriptorThatWantsNoReplyIsDropped) {
     Sender sender(Shared());
-    auto call = WithDescriptor(sender.NewCall("GetSpeakerVolume"));
-    g_dbus_message_set_flags(call.get(), G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
-    const guint32 serial = sender.Send(std::move(call));
+    const guint32 serial = sender.Send(WithoutReply(WithDescriptor(sender.NewCall("GetSpeakerVolume"))));
     sender.Ping();
     EXPECT_TRUE(IsClosed());
     fake::RunMainContextUntilQuiet();
@@ -396,10 +484,21 @@ TEST_F(KVMessageFilterDescriptorTest, ASignalWithADescriptorIsDropped) {
 
 TEST_F(KVMessageFilterDescriptorTest, AMessageForAnyOtherObjectLosesItsDescriptorToo) {
     Sender sender(Shared());
-    ExpectRefused(sender,
-                  sender.Send(WithDescriptor(sender.NewCall("Ping", nullptr, "org.freedesktop.DBus.Peer"))));
+    const guint32 ping =
+        sender.Send(WithDescriptor(sender.NewCall("Ping", nullptr, "org.freedesktop.DBus.Peer")));
+    EXPECT_EQ(sender.AnswerTo(ping), REFUSED_WITH_DESCRIPTOR);
     sender.Ping();
     EXPECT_TRUE(IsClosed());
+}
+
+TEST_F(KVMessageFilterDescriptorTest, WithoutTheServerMessagesAreNotFiltered) {
+    Sender sender(Shared());
+    KVServer::onNameLost(Shared(), BUS_NAME, server.get());
+    server = std::make_unique<KVServer>();
+    const guint32 serial =
+        sender.Send(WithDescriptor(sender.NewCall("Ping", nullptr, "org.freedesktop.DBus.Peer")));
+    EXPECT_EQ(sender.AnswerTo(serial), "reply ()");
+    InitWithoutName();
 }
 
 TEST_F(KVMessageFilterDescriptorTest, AReplyLosesItsDescriptor) {

@@ -1,8 +1,11 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
 /** Tests the platform utilities with a system bus. */
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <atomic>
 
 #include "FakeSeam.h"
 #include "Gio.h"
@@ -17,6 +20,19 @@ using testing::IsEmpty;
 using testing::StartsWith;
 
 namespace KVUtils = NKavrel::KVUtils;
+
+namespace {
+
+/** How often this program has asked for a connection. */
+std::atomic<int> connectionsMade = 0;
+
+}  // namespace
+
+GDBusConnection* g_bus_get_sync(GBusType type, GCancellable* cancellable, GError** error) {
+    static auto* const get = reinterpret_cast<decltype(g_bus_get_sync)*>(dlsym(RTLD_NEXT, "g_bus_get_sync"));
+    ++connectionsMade;
+    return get(type, cancellable, error);
+}
 
 namespace {
 
@@ -49,7 +65,9 @@ protected:
 TEST_F(KVUtilsBusTest, ThereIsOneConnectionForTheWholeProcess) {
     GDBusConnection* first = KVUtils::GetConnection();
     ASSERT_NE(first, nullptr);
+    const int connections = connectionsMade;
     EXPECT_EQ(KVUtils::GetConnection(), first);
+    EXPECT_EQ(connectionsMade, connections);
     EXPECT_EQ(fake::SharedConnection().get(), first);
     EXPECT_TRUE(g_dbus_connection_get_exit_on_close(first)) << "a dead bus ends the process";
     EXPECT_THAT(journal.Logs(DLOG_DEBUG).Texts(), IsEmpty());

@@ -1,9 +1,11 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
 #include <dlfcn.h>
+#include <malloc.h>
 
 #include <atomic>
 #include <cstdlib>
+#include <map>
 #include <new>
 #include <string>
 #include <tuple>
@@ -35,6 +37,8 @@ constexpr const char* NEW_SERVER = "new KVServer()";
 std::atomic<GMainLoop*> mainLoop;
 /** The server that main created last. main never deletes it, so the test does. */
 std::atomic<void*> lastServer;
+/** The limits of the heaps that main has set, by option. */
+std::map<int, int> heapLimits;
 
 template <typename Function>
 Function* Real(Function*, const char* name) {
@@ -68,6 +72,11 @@ void g_main_loop_unref(GMainLoop* loop) {
         mainLoop = nullptr;
     }
     Real(g_main_loop_unref, "g_main_loop_unref")(loop);
+}
+
+extern "C" int mallopt(int option, int value) noexcept {
+    heapLimits[option] = value;
+    return 1;
 }
 
 /** Catches the server: only main allocates this size without exceptions. */
@@ -118,7 +127,9 @@ protected:
 
 TEST_F(MainTest, WithoutALoopItEndsWithZero) {
     seam.Fail("g_main_loop_new", 0);
+    heapLimits.clear();
     EXPECT_EQ(DaemonMain(1, arguments), 0);
+    EXPECT_EQ(heapLimits, (std::map<int, int>{{M_ARENA_MAX, 2}, {M_MMAP_THRESHOLD, 128 * 1024}}));
     EXPECT_THAT(journal.Here().Lines(),
                 ElementsAre("main: I Started", NEW_LOOP, "main: E Failed to create a main loop"));
 }

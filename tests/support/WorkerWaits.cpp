@@ -58,6 +58,8 @@ constexpr Bits WaitBits(int worker) {
 
 /** The condition variable that each worker waited for last. */
 std::array<std::atomic<pthread_cond_t*>, GAIN_HANDLER_COUNT> conditions = {};
+/** In nanoseconds. */
+std::array<std::atomic<long>, GAIN_HANDLER_COUNT> longestSteps = {};
 std::atomic<bool> recordsNotifications = false;
 std::atomic<bool> skipsStepTimes = false;
 
@@ -90,24 +92,28 @@ bool IsWorkerWait() {
            (state.load(std::memory_order_relaxed) & WaitBits(thisWorker)) == 0;
 }
 
-/** Whether a wait until this deadline is to end at once. */
-bool IsSkipped(clockid_t clock, const timespec* deadline) {
-    constexpr long LONGEST_STEP = 100'000'000;
+long NanosecondsUntil(clockid_t clock, const timespec& deadline) {
     constexpr long SECOND = 1'000'000'000;
-    if (deadline == nullptr || !skipsStepTimes) {
-        return false;
-    }
     timespec now = {};
     clock_gettime(clock, &now);
-    return (deadline->tv_sec - now.tv_sec) * SECOND + deadline->tv_nsec - now.tv_nsec <= LONGEST_STEP;
+    return (deadline.tv_sec - now.tv_sec) * SECOND + deadline.tv_nsec - now.tv_nsec;
+}
+
+/** Whether a wait for this time is to end at once. */
+bool IsSkipped(long nanoseconds) {
+    constexpr long LONGEST_STEP = 100'000'000;
+    return skipsStepTimes && nanoseconds <= LONGEST_STEP;
 }
 
 /** Waits as pthread_cond_clockwait does. */
 int WaitAsWorker(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
                  const timespec* deadline) {
     static constexpr timespec PAST = {};
-    if (IsSkipped(clock, deadline)) {
-        deadline = &PAST;
+    if (deadline != nullptr) {
+        const long step = NanosecondsUntil(clock, *deadline);
+        std::atomic<long>& longest = longestSteps[static_cast<std::size_t>(thisWorker)];
+        longest = std::max(longest.load(), step);  // no other thread is this worker
+        deadline = IsSkipped(step) ? &PAST : deadline;
     }
     const Bits bit = deadline == nullptr ? RequestBit(thisWorker) : TimeBit(thisWorker);
     conditions[static_cast<std::size_t>(thisWorker)].store(condition, std::memory_order_relaxed);
@@ -192,6 +198,10 @@ bool WorkerWaits(eKVGainHandlerType worker, const std::string& lastEntry) {
     });
 }
 
+std::chrono::nanoseconds LongestStep(eKVGainHandlerType worker) {
+    return std::chrono::nanoseconds(longestSteps[static_cast<std::size_t>(worker)]);
+}
+
 void NotifyWorker(eKVGainHandlerType worker) {
     pthread_cond_broadcast(conditions[static_cast<std::size_t>(worker)]);
 }
@@ -226,6 +236,7 @@ int pthread_setname_np(pthread_t thread, const char* name) noexcept {
     const auto found = std::ranges::find(GainHandlerName, name);
     if (pthread_equal(thread, pthread_self()) != 0 && found != GainHandlerName.end()) {
         fake::thisWorker = static_cast<int>(found - GainHandlerName.begin());
+        fake::longestSteps[static_cast<std::size_t>(fake::thisWorker)] = 0;
     }
     return setName(thread, name);
 }

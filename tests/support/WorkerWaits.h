@@ -13,6 +13,7 @@
 #ifndef KAVREL_TESTS_WORKERWAITS_H
 #define KAVREL_TESTS_WORKERWAITS_H
 
+#include <chrono>
 #include <string>
 
 #include "KVAudioGainHandler.h"
@@ -32,6 +33,12 @@ namespace fake {
  * @return false if that takes longer than PATIENCE
  */
 [[nodiscard]] bool WorkerWaits(NKavrel::eKVGainHandlerType worker, const std::string& lastEntry);
+
+/**
+ * The longest time that a worker of the latest controller was to wait between two steps, or two writes of the gains.
+ * A slow machine can make it shorter but never longer.
+ */
+std::chrono::nanoseconds LongestStep(NKavrel::eKVGainHandlerType worker);
 
 /** Notifies a worker that has waited before, without a request. */
 void NotifyWorker(NKavrel::eKVGainHandlerType worker);

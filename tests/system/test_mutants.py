@@ -53,6 +53,11 @@ def test_there_are_enough_mutants(folder, least):
     assert sum(mutant.file.startswith(folder + "/") and not mutant.equivalent for mutant in mutants.read_tables()) >= least
 
 
+def test_the_tests_to_try_first_are_those_of_a_file(tmp_path):
+    (tmp_path / "table.txt").write_text("== a.cpp\n? One Two\n* a\n- 5\n+ 6\n== b.cpp\n* b\n- 5\n+ 6\n")
+    assert [mutant.tests for mutant in mutants.read_tables(tmp_path)] == [["One", "Two"], []]
+
+
 def test_a_statement_becomes_a_branch(planted):
     assert "if (mutant(1)) {  } else { Check(number); }" in planted("@ int Twice(\n* no check\n- Check(number);\n+\n")
 

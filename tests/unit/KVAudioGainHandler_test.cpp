@@ -313,6 +313,8 @@ TEST_F(KVAudioGainHandlerTest, WithASubBluetoothZoneAnUnmuteGainGoesToItsOwnOutp
     EXPECT_THAT(AllGains(), ElementsAre(100, 100, 100, 100, 100, 70, 100));
     EXPECT_THAT(journal.Gains().Texts(), ElementsAre(SubGain(70)));
     EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_UNMUTE, 60, 1), 0);
+    EXPECT_THAT(journal.Here().Calls("get_").Texts(),
+                ElementsAre("get_sub_out_gain2()", "get_main_out_gain2()"));
     EXPECT_THAT(AllGains(), ElementsAre(100, 100, 100, 100, 60, 70, 100));
     EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_UNMUTE, 50, 3), 0);
     EXPECT_THAT(AllGains(), ElementsAre(100, 100, 100, 100, 50, 70, 100)) << "path 3 is the main output";
@@ -531,6 +533,14 @@ TEST_F(KVAudioGainHandlerTest, TheGainOutWorkersFirstRoundFollowsTheStartGain) {
                     "get_sub_out_gain2()", "I Sleep AudioGainOut"));
 }
 
+TEST_F(KVAudioGainHandlerTest, ConstructionGoesOnOnlyWhenEachWorkerWaits) {
+    bool wentOn = true;
+    seam.BeforeNext("I Sleep AudioGainOut",
+                    [&] { wentOn = journal.With("get_main_out_gain2()").Wait(1, 50ms); });
+    gain.emplace();
+    EXPECT_FALSE(wentOn);
+}
+
 TEST_F(KVAudioGainHandlerTest, ARequestRightAfterConstructionIsNotLost) {
     for (const auto type : {GAIN_HANDLER_PLAYER_MAIN_OUT, GAIN_HANDLER_PLAYER_SUB_OUT,
                             GAIN_HANDLER_UNMUTE_MAIN_OUT, GAIN_HANDLER_UNMUTE_SUB_OUT}) {
@@ -682,6 +692,9 @@ TEST_F(KVAudioGainHandlerTest, GainControlFollowsTheReadyKeyAndWritesAtTheNextRe
     Create();
     EXPECT_THAT(journal.Logs().Texts(),
                 Contains("I Key[memory/projector/status/ready] value:-1, Enable Gain control"));
+    EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_PLAYER, 30, 1), 0);
+    EXPECT_EQ(seam.MainGainValue(), 30);
+    ASSERT_TRUE(Rest());
     seam.Clear();
     EXPECT_EQ(seam.FireKey(READY_KEY, 0), 1);
     EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_PLAYER, 40, 1), 0);
@@ -722,6 +735,20 @@ TEST_F(KVAudioGainHandlerTest, TheSubBluetoothFlagFollowsItsKey) {
     EXPECT_FALSE(subAlone(70));
     seam.FireKey(SUB_BT_KEY, 0);
     EXPECT_TRUE(subAlone(60)) << "every zone but -1 is one";
+    seam.FireKey(SUB_BT_KEY, -1);
+    seam.FireKey(SUB_BT_KEY, -2);
+    EXPECT_TRUE(subAlone(50));
+}
+
+TEST_F(KVAudioGainHandlerTest, AtTheStartEveryZoneButMinusOneIsASubBluetoothZone) {
+    for (const int zone : {0, -2}) {
+        SCOPED_TRACE(zone);
+        seam.SetInt(SUB_BT_KEY, zone);
+        Start();
+        gain->ApplyAudioGain(GAIN_SRC_UNMUTE, 70, 2);
+        EXPECT_EQ(Gain(GAIN_HANDLER_UNMUTE_MAIN_OUT), 100);
+        gain.reset();
+    }
 }
 
 TEST_F(KVAudioGainHandlerTest, ASubBluetoothKeyThatCannotBeReadMeansNoZone) {

@@ -134,6 +134,17 @@ TEST_F(VolumeControlImplTest, AReportDuringTheStartIsRefusedUntilTheFirstSpeaker
     EXPECT_EQ(control->GetSpeakerSelection(), 0);
 }
 
+TEST_F(VolumeControlImplTest, AReportWhileTheDefaultRouteIsReadIsRefused) {
+    EXPECT_EXIT(
+        {
+            seam.BeforeNext(INTERNAL_SPEAKER_CALL,
+                            [this] { fake::OnPlatformThread([this] { seam.FireRoute(2); }); });
+            Make();
+            std::_Exit(journal.With("E owns_lock").Count() == 1 ? EXIT_SUCCESS : EXIT_FAILURE);
+        },
+        testing::ExitedWithCode(EXIT_SUCCESS), "");
+}
+
 TEST_F(VolumeControlImplTest, AReportWhileTheGainControllerIsMadeIsServed) {
     seam.BeforeNext("system_info_get_custom_bool(\"com.norvik/featureconf/projector_feature_support\")",
                     [this] { fake::OnPlatformThread([this] { seam.FireRoute(2); }); });
@@ -168,6 +179,30 @@ TEST_F(VolumeControlImplTest, AReportDuringTheEndIsRefused) {
     control.reset();
     EXPECT_EQ(journal.With("E owns_lock").Count(), 1) << "the second report finds no registration any more";
     EXPECT_EQ(journal.With("I Create HDMI Speaker").Count(), 0);
+}
+
+TEST_F(VolumeControlImplTest, WhileTheGainControllerEndsItsOperationsFailAndTheObjectIsBusy) {
+    Start();
+    auto& ending = *control;
+    int gain = 0;
+    seam.BeforeNext("system_info_get_custom_bool(\"com.norvik/featureconf/projector_feature_support\")", [&] {
+        gain = ending.ApplyPulseAudioGain(50, 0);
+        fake::OnPlatformThread([&] { ending.UnsetEventHandler(); });
+    });
+    control.reset();
+    EXPECT_EQ(gain, -1);
+    EXPECT_EQ(journal.With("E mutex lock failed").Function(), "UnsetEventHandler");
+}
+
+TEST_F(VolumeControlImplTest, TheEndRemovesTheListenersFirst) {
+    Start();
+    const auto owned = std::make_shared<int>();
+    control->SetEventHandler("VOLUME_CHANGED", [owned](int /*type*/, int /*volume*/) {});
+    long owners = 0;
+    seam.BeforeNext("vconf_ignore_key_changed(\"memory/multiscreen/info\")",
+                    [&] { owners = owned.use_count(); });
+    control.reset();
+    EXPECT_EQ(owners, 1) << "the listener is gone before the first registration";
 }
 
 TEST_F(VolumeControlImplTest, AnExceptionDuringTheStartReleasesWhatWasMade) {
@@ -382,6 +417,25 @@ TEST_F(VolumeControlImplTest, ASpeakerThatCouldNotBeMadeIsMadeAgainFromTheRouteI
                             "I current spk support [0x0003]"));
     EXPECT_EQ(seam.Watches("memory/menu/network/screenmirroring/get_volume_level_mlr").size(), 1U)
         << "and it listens again";
+}
+
+TEST_F(VolumeControlImplTest, ASpeakerThatGoesLosesItsHandlersBeforeItsCallbacks) {
+    Start();
+    seam.FireRoute(7);
+    const std::vector<std::string> scopes = journal.Traces().Names();
+    const auto handlers = std::ranges::find(scopes, "[OUT]TVSpeaker::UnsetEventHandler");
+    const auto callbacks = std::ranges::find(scopes, "[IN]TVSpeaker::UnsetChangedCB");
+    ASSERT_NE(callbacks, scopes.end());
+    EXPECT_LT(handlers, callbacks);
+}
+
+TEST_F(VolumeControlImplTest, TheRouteOfANewSpeakerIsStoredBeforeItWatches) {
+    Start();
+    int route = -9;
+    seam.BeforeNext("vconf_notify_key_changed(\"memory/menu/network/screenmirroring/volume_support_hdmi\")",
+                    [&] { route = control->GetSpeakerSelection(); });
+    seam.FireRoute(2);
+    EXPECT_EQ(route, 2);
 }
 
 TEST_F(VolumeControlImplTest, TheSupportWordIsTheCurrentSpeakers) {

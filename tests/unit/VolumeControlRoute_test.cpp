@@ -334,6 +334,23 @@ TEST_F(VolumeControlRouteTest, OnATvWithoutInternalSpeakerPullingTheCableAsksFor
         testing::ExitedWithCode(EXIT_SUCCESS), "");
 }
 
+TEST_F(VolumeControlRouteTest, WithoutInternalSpeakerAnUnreadableRouteIsTheOpticalOne) {
+    EXPECT_EXIT(
+        {
+            seam.SetFeature("com.norvik/featureconf/internal_speaker_supported", false);
+            seam.SetRoute(2);
+            seam.Fail("sound_manager_get_speaker_selection", -5);
+            int atTheStart = -9;
+            seam.BeforeNext(GET_ROUTE, [&] {
+                auto* unfinished = static_cast<VolumeControlImpl*>(seam.RouteRegistration().data);
+                atTheStart = unfinished->GetSpeakerSelection();
+            });
+            Start();
+            std::_Exit(atTheStart == 1 && control->GetSpeakerSelection() == 1 ? EXIT_SUCCESS : EXIT_FAILURE);
+        },
+        testing::ExitedWithCode(EXIT_SUCCESS), "");
+}
+
 TEST_F(VolumeControlRouteTest, PullingTheCableElsewhereRewritesAnOpticalPreviousRoute) {
     for (const int previous : {1, 9, 11}) {
         SCOPED_TRACE(previous);
@@ -502,6 +519,23 @@ TEST_F(VolumeControlRouteTest, MirroringRestoresTheGainFirstAndStopsSourceThreeA
     EXPECT_EQ(seam.MainGainValue(), 100);
 }
 
+TEST_F(VolumeControlRouteTest, WithoutMirroringAReportOfItsEndSetsNoGain) {
+    Start();
+    SetUnmuteGain(40);
+    seam.FireKey(fake::TV2MOBILE_KEY, 0);
+    EXPECT_EQ(seam.MainGainValue(), 40);
+}
+
+TEST_F(VolumeControlRouteTest, OnTheMultiOutputRouteMirroringSetsNoGain) {
+    Start();
+    seam.FireRoute(6);
+    ASSERT_EQ(control->ApplyAudioGain(fake::UNMUTE, 40, 3, true), 0);
+    seam.Clear();
+    seam.FireKey(fake::TV2MOBILE_KEY, 1);
+    EXPECT_THAT(journal.Here().Logs().Texts(),
+                ElementsAre("E TV To Mobile Enable", "E Multi-output Audio, do not apply fade."));
+}
+
 TEST_F(VolumeControlRouteTest, TheEndOfMirroringDoesNothingElse) {
     seam.SetInt(fake::TV2MOBILE_KEY, 1);
     Start();
@@ -518,6 +552,8 @@ TEST_F(VolumeControlRouteTest, WhileMirroringAnotherStatusRestoresNothing) {
     seam.Clear();
     seam.FireKey(fake::TV2MOBILE_KEY, 2);
     EXPECT_THAT(journal.Here().Texts(), ElementsAre(KEY_VALUE, "E TV To Mobile Enable"));
+    control->ApplyAudioGain(fake::UNMUTE, 40, 3, false);
+    EXPECT_EQ(seam.MainGainValue(), 100) << "that status is mirroring, too";
 }
 
 }  // namespace

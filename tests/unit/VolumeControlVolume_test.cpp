@@ -168,6 +168,13 @@ TEST_F(VolumeControlVolumeTest, UnmutingTheTvSpeakerStartsTheFadeFirst) {
     EXPECT_TRUE(journal.With(fake::SubGain(100)).Wait());
 }
 
+TEST_F(VolumeControlVolumeTest, WithAHeadsetInAZoneUnmutingFadesTheMainOutput) {
+    seam.SetInt(fake::SUB_BT_KEY, 2);
+    StartMuted();
+    EXPECT_EQ(control->SetTVVolumeMute(false), 0);
+    EXPECT_THAT(journal.Here().Gains().Texts(), ElementsAre(fake::MainGain(0)));
+}
+
 TEST_F(VolumeControlVolumeTest, MutingStartsNothing) {
     Start();
     EXPECT_EQ(control->SetTVVolumeMute(true), 0);
@@ -246,6 +253,14 @@ TEST_F(VolumeControlVolumeTest, AnUnmuteFadeWhileUnmutedRecoversTheGainInstead) 
                             "I Path:1 player:100 pulse:100 unmute:100 Total:100", "I [Path:01] gain2:100",
                             "I Path:2 player:100 pulse:100 unmute:100 Total:100", "I [Path:02] gain2:100"));
     EXPECT_EQ(journal.With(RECOVER).Function(), "ApplyVolumeFadeIn");
+}
+
+TEST_F(VolumeControlVolumeTest, TheGainIsRecoveredOnThePathOfTheFade) {
+    seam.SetInt(fake::SUB_BT_KEY, 2);
+    Start();
+    EXPECT_EQ(control->ApplyAudioGain(fake::UNMUTE, 40, 2, false), 0);
+    EXPECT_EQ(control->ApplyVolumeFadeIn(fake::UNMUTE, 2), 0);
+    EXPECT_THAT(journal.Here().Gains().Texts(), ElementsAre(fake::SubGain(40), fake::SubGain(100)));
 }
 
 TEST_F(VolumeControlVolumeTest, AnUnreadableMuteIsTreatedAsUnmuted) {

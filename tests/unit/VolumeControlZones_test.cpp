@@ -241,6 +241,13 @@ TEST_F(VolumeControlZonesTest, TurningMultiViewOffForgetsTheZoneAndLeavesTheSpea
     EXPECT_THAT(journal.Here().Logs().Texts(), Contains("I Focus (2->1)"));
 }
 
+TEST_F(VolumeControlZonesTest, AfterMultiViewTheReportOfAnyZoneIsFollowed) {
+    StartInMultiView();
+    seam.FireKey(fake::MULTIVIEW_KEY, R"({"mode": "off"})");
+    seam.FireZoneRoute(4, 2);
+    EXPECT_EQ(control->GetSpeakerSelection(), 4);
+}
+
 TEST_F(VolumeControlZonesTest, LeavingMultiViewOnABluetoothRouteRestoresTheGain) {
     for (const int route : {3, 5}) {
         SCOPED_TRACE(route);
@@ -365,6 +372,17 @@ TEST_F(VolumeControlZonesTest, AZoneReportForTheZoneInFocusReplacesTheSpeakerAnd
     EXPECT_THAT(heard, ElementsAre("SPEAKER_CHANGED 0x0000 7"));
     EXPECT_EQ(control->GetSpeakerSelection(), 7);
     EXPECT_EQ(control->GetPrevSpeakerSelection(), 0);
+}
+
+TEST_F(VolumeControlZonesTest, TheZoneOfAReportIsStoredBeforeTheReportIsAnnounced) {
+    seam.SetFocus(0);
+    seam.SetZones({{0, 0}, {1, 0}, {2, 2}});
+    ModeOn();
+    Start();
+    control->SetEventHandler("SPEAKER_CHANGED", [this](int, int) { seam.FireZoneRoute(4, 1); });
+    seam.FireZoneRoute(7, 2);
+    EXPECT_EQ(journal.With("I Focus:2 Speaker Changed. not for 1").Count(), 1);
+    EXPECT_EQ(control->GetSpeakerSelection(), 7);
 }
 
 TEST_F(VolumeControlZonesTest, WhileNoZoneIsKnownAnyZoneReportIsTakenAndItsZoneAdopted) {

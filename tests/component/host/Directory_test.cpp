@@ -106,6 +106,23 @@ TEST_F(DirectoryTest, AMarkThatIsNoFileNeitherHangsTheStartNorLeadsElsewhere) {
     EXPECT_EQ(OtherProcess(second).Do("volume"), "0 10");
 }
 
+TEST_F(DirectoryTest, AMarkThatIsALinkToNothingIsAMark) {
+    tv.Echo("audio/master_volume", "55");
+    fs::create_symlink(tv / "nowhere", tv / ".filling");
+    EXPECT_EQ(OtherProcess(tv).Do("route"), "0 0");
+}
+
+TEST_F(DirectoryTest, ATvThatCannotBeFilledIsAClearError) {
+    OtherProcess other(tv);
+    ASSERT_EQ(other.Do("drop-capabilities"), "0");
+    fs::permissions(tv.Path(), fs::perms::owner_read | fs::perms::owner_exec | fs::perms::others_write);
+    EXPECT_EQ(other.Do("volume"), "-1002");
+    EXPECT_THAT(other.Log(),
+                ElementsAre("E Cannot make " + (tv / ".filling").string() + ": Permission denied",
+                            StartsWith("W Others than its owner")));
+    fs::permissions(tv.Path(), fs::perms::owner_all);
+}
+
 TEST_F(DirectoryTest, AFolderWithTheNameOfTheMarkIsNoMark) {
     tv.Put(".filling/note", "");
     {
@@ -139,6 +156,17 @@ TEST_F(DirectoryTest, ADirectoryThatAForeignGroupMayWriteIsWarnedOf) {
     EXPECT_EQ(other.Do("volume"), "0 10");
     EXPECT_THAT(other.Log(),
                 ElementsAre(StartsWith("W Others than its owner and the group audio may write")));
+}
+
+TEST_F(DirectoryTest, TheGroupOfRootMayWriteToTheDirectory) {
+    if (chown(tv.Path().c_str(), static_cast<uid_t>(-1), 0) != 0) {
+        ASSERT_NE(geteuid(), 0U);
+        return;  // only root can give the directory to that group
+    }
+    fs::permissions(tv.Path(), fs::perms::owner_all | fs::perms::group_all);
+    OtherProcess other(tv);
+    EXPECT_EQ(other.Do("volume"), "0 10");
+    EXPECT_THAT(other.Log(), IsEmpty());
 }
 
 TEST_F(DirectoryTest, TheGroupAudioMayWriteToTheDirectory) {
@@ -272,6 +300,17 @@ TEST_F(DirectoryTest, AVolumeOutsideItsRangeChangesNothing) {
     EXPECT_EQ(other.Do("volume"), "0 10");
 }
 
+TEST_F(DirectoryTest, WhatIsWrongWithAValueIsSaid) {
+    OtherProcess other(tv);
+    ASSERT_EQ(other.Do("volume"), "0 10");
+    tv.Echo(VOLUME, "101");
+    EXPECT_EQ(other.Do("volume"), "-1034");
+    tv.Echo(VOLUME, "loud");
+    EXPECT_EQ(other.Do("volume"), "-1022");
+    const std::string cannot = "E Cannot read " + (tv / VOLUME).string() + ": ";
+    EXPECT_THAT(other.Log(), ElementsAre(cannot + "out of range", cannot + "not a valid value"));
+}
+
 TEST_F(DirectoryTest, AnIntegerMayHaveBlanksAround) {
     OtherProcess other(tv);
     tv.Put("audio/master_volume", "  42\t \n");
@@ -350,6 +389,7 @@ TEST_F(DirectoryTest, AKeyThatCouldLeaveTheDirectoryIsRefused) {
     }
     EXPECT_EQ(other.Do("int"), "-1022");  // the empty key
     EXPECT_THAT(other.Log(), SizeIs(4 * keys.size() + 1));
+    EXPECT_EQ(other.Log().front(), "E Refused the key \"../secret\" of " + (tv / "tv/settings").string());
     EXPECT_EQ(tv.Content("secret"), "1\n");
 }
 
@@ -388,11 +428,13 @@ TEST_F(DirectoryTest, AnEventIsAFileWithAnEscapedName) {
     EXPECT_EQ(other.Do("is-done"), "-1022");
 }
 
-TEST_F(DirectoryTest, AnEventThatCannotBeLookedForIsAFailure) {
+TEST_F(DirectoryTest, AnEventThatCannotBeLookedForOrResetIsAFailure) {
     OtherProcess other(tv);
     EXPECT_EQ(other.Do("is-done " + std::string(300, 'a')), "-1036");
+    EXPECT_EQ(other.Do("reset " + std::string(300, 'a')), "-1036");
     EXPECT_THAT(other.Log(),
-                ElementsAre(AllOf(StartsWith("E Cannot look for "), HasSubstr("File name too long"))));
+                ElementsAre(AllOf(StartsWith("E Cannot look for "), HasSubstr("File name too long")),
+                            AllOf(StartsWith("E Cannot remove "), HasSubstr("File name too long"))));
 }
 
 TEST_F(DirectoryTest, ASettingBesideDbIsNoneOfDb) {
@@ -458,7 +500,8 @@ TEST_F(DirectoryTest, WithoutOpenat2NoLinkIsFollowedButThatOfDb) {
     const Folder persistent;
     tv.Echo("real/master_volume", "77");
     fs::create_directory_symlink("real", tv / "audio");
-    fs::create_directories(tv / "settings");
+    tv.Echo("settings/memory/file", "5");
+    fs::create_symlink("file", tv / "settings/memory/link");
     fs::create_directory_symlink(persistent.Path(), tv / "settings/db");
     for (const std::string error : {"1", "38"}) {  // EPERM, ENOSYS
         OtherProcess other(tv);
@@ -466,6 +509,10 @@ TEST_F(DirectoryTest, WithoutOpenat2NoLinkIsFollowedButThatOfDb) {
         EXPECT_EQ(other.Do("volume"), "-1020");
         EXPECT_EQ(other.Do("set-route " + error), "0");
         EXPECT_EQ(other.Do("route"), "0 " + error);
+        EXPECT_EQ(other.Do("set-int memory/a/b/level " + error), "0");
+        EXPECT_EQ(other.Do("int memory/a/b/level"), "0 " + error);
+        EXPECT_EQ(other.Do("int memory/file"), "0 5");
+        EXPECT_EQ(other.Do("int memory/link"), "-1040");
         EXPECT_EQ(other.Do("set-int db/a/level " + error), "0");
         EXPECT_EQ(persistent.Content("a/level"), error + '\n');
     }

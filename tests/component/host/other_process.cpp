@@ -111,6 +111,10 @@ int Hear(const std::string& what) {
         return sound_manager_set_speaker_changed_cb(
             [](int route, void*) { Report("route " + std::to_string(route)); }, nullptr);
     }
+    if (what == "focus") {
+        return rc_register_audio_focus_changed_callback(
+            [](int zone, void*) { Report("focus " + std::to_string(zone)); }, nullptr);
+    }
     return HearKey(what);
 }
 
