@@ -706,6 +706,7 @@ WRONG_USAGE = [
     (["fade", "player", "left"], 'OUTPUT: "left" is not one of main, sub, both; see kavrelctl fade --help'),
     (["gain"], "a command is missing; see kavrelctl gain --help"),
     (["gain", "set"], 'no such command: "set"; see kavrelctl gain --help'),
+    (["gain", "on-mute", "40", "both", "reset"], 'unexpected argument "reset"; see kavrelctl gain on-mute --help'),
     (["gain", "reset", "left"], 'OUTPUT: "left" is not one of main, sub, both; see kavrelctl gain reset --help'),
     (["gain", "on-mute"], "GAIN is required; see kavrelctl gain on-mute --help"),
     (["gain", "on-mute", "101"], 'GAIN: "101" is not a whole number from 0 to 100; '
