@@ -183,6 +183,20 @@ def test_an_expected_signal_takes_those_before_it_along(play):
     assert (done.returncode, done.stderr) == (0, "")
 
 
+@pytest.fixture
+def beside_a_stopped_daemon(tool, scene, tv):
+    """kavrel-tv, and a daemon that writes no gain."""
+    daemon = scene.daemons[0]
+    daemon.signal(signal.SIGSTOP)
+    deadline = time.monotonic() + PATIENCE
+    while {thread.state for thread in daemon._threads().values()} != {"T"}:
+        assert time.monotonic() < deadline, "the daemon does not stop"
+        time.sleep(0.01)
+    tv.echo(100, "audio/sub_out_gain2")
+    yield tool
+    daemon.signal(signal.SIGCONT)
+
+
 @pytest.mark.parametrize("lines, message", [
     (["expect fade sub within 0.1"], "expected the sub gain to drop and to rise to 100 again, within 0.1 s, seen: (100 )?20"),
     (["expect gain sub 100 within 600", "expect gain sub 20 within 0.1"],
@@ -192,11 +206,10 @@ def test_an_expected_signal_takes_those_before_it_along(play):
     (["expect gain sub 100 within 600", "volume 20", "expect fade sub within 0.1"],
      "expected the sub gain to drop and to rise to 100 again, within 0.1 s, seen: 100"),
 ], ids=["in between", "a gain before", "after a signal", "after a change"])
-def test_gains_are_those_since_the_last_action(tool, scene, tv, tmp_path, lines, message):
-    scene.settle()  # from now on the daemon writes no gain
+def test_gains_are_those_since_the_last_action(beside_a_stopped_daemon, tv, tmp_path, lines, message):
     scenario = tmp_path / "scenario.txt"
     scenario.write_text("\n".join(["say begun", "expect gain sub 20 within 600", *lines]) + "\n")
-    running = tool.start("play", str(scenario))
+    running = beside_a_stopped_daemon.start("play", str(scenario))
     running.wait("begun")
     tv.echo(20, "audio/sub_out_gain2")
     running.wait("ok  expect gain sub 20 within 600")
@@ -208,10 +221,9 @@ def test_gains_are_those_since_the_last_action(tool, scene, tv, tmp_path, lines,
     assert running.lines[1].startswith("      sub gain: ")
 
 
-def test_a_fade_drops_far_and_rises_without_a_step_back(tool, scene, tv, tmp_path):
-    scene.settle()  # from now on the daemon writes no gain
+def test_a_fade_drops_far_and_rises_without_a_step_back(beside_a_stopped_daemon, tv, tmp_path):
     (tmp_path / "scenario.txt").write_text("expect fade sub within 600\n")
-    terminal = tool.terminal("play", str(tmp_path / "scenario.txt"))
+    terminal = beside_a_stopped_daemon.terminal("play", str(tmp_path / "scenario.txt"))
     terminal.wait_until(lambda: is_drawn(tv, terminal, 60), every=0.1)
     for gain in (100, 25, 50, 40):
         tv.echo(gain, "audio/sub_out_gain2")

@@ -441,13 +441,6 @@ def test_bus_that_goes_before_the_daemon_answers(scene, ctl):
     assert (view.wait(), view.errors()) == (UNREACHABLE, "kavrelctl: the bus has gone\n")
 
 
-def test_wait_ends_with_the_bus(scene, ctl, client):
-    view = ctl.view("wait", "--timeout", "0")
-    client._wait(lambda: any(client.owners.values()), "kavrelctl does not join the bus")
-    scene.bus.end()
-    assert view.wait() == UNREACHABLE
-
-
 def test_nonsense_for_a_bus_address(ctl):
     assert ctl.fails(UNREACHABLE, "status", DBUS_SYSTEM_BUS_ADDRESS="nonsense").startswith("no system bus: ")
 
