@@ -13,9 +13,12 @@
 #include <array>
 #include <chrono>
 #include <filesystem>
+#include <iterator>
 #include <memory>
 #include <random>
+#include <set>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -29,9 +32,11 @@ using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::IsSubsetOf;
 using testing::Not;
 using testing::SizeIs;
 using testing::StartsWith;
+using testing::UnorderedElementsAre;
 
 namespace {
 
@@ -227,11 +232,13 @@ TEST_F(DirectoryTest, WithAnEmptyVariableTheDirectoryIsThatOfTheSystem) {
 }
 
 TEST_F(DirectoryTest, ARelativeDirectoryStaysWhereItWasAtTheStart) {
-    OtherProcess other(tv, {{"KAVREL_TV_DIR", fs::relative(tv.Path())}});
+    fs::create_directory(tv / "elsewhere");
+    OtherProcess other(tv, {{"KAVREL_TV_DIR", "relative"}});
+    ASSERT_EQ(other.Do("change-directory " + tv.Path().string()), "0");
     ASSERT_EQ(other.Do("volume"), "0 10");
-    ASSERT_EQ(other.Do("change-directory /"), "0");
+    ASSERT_EQ(other.Do("change-directory elsewhere"), "0");
     EXPECT_EQ(other.Do("set-volume 20"), "0");
-    EXPECT_EQ(tv.Content(VOLUME), "20\n");
+    EXPECT_EQ(tv.Content("relative/audio/master_volume"), "20\n");
 }
 
 TEST_F(DirectoryTest, ProcessesThatStartAtOnceFindAWholeTvAndOverwriteNothing) {
@@ -366,6 +373,15 @@ TEST_F(DirectoryTest, AFolderOrAPipeInAValuesPlaceFailsAtOnce) {
     EXPECT_THAT(other.Log(), ElementsAre(HasSubstr("settings/memory: Is a directory"), HasSubstr(KEY)));
 }
 
+TEST_F(DirectoryTest, ADeviceInAValuesPlaceIsNoEmptyText) {
+    OtherProcess other(tv);
+    ASSERT_EQ(other.Do("volume"), "0 10");
+    fs::remove(tv / "settings/db");
+    fs::create_directory_symlink("/dev", tv / "settings/db");
+    EXPECT_EQ(other.Do("text db/null"), "null");
+    EXPECT_THAT(other.Log(), ElementsAre(HasSubstr("settings/db/null: ")));
+}
+
 TEST_F(DirectoryTest, WhatIsMissingFailsWithoutAnErrorLine) {
     OtherProcess other(tv);
     EXPECT_EQ(other.Do("int memory/none"), "-1002");
@@ -462,6 +478,35 @@ TEST_F(DirectoryTest, TheFolderForDbMayBeALink) {
     EXPECT_TRUE(fs::is_symlink(tv / "settings/db"));
 }
 
+TEST_F(DirectoryTest, AFolderThatCannotBeMadeBehindTheLinkForDbIsTriedOnce) {
+    OtherProcess other(tv);
+    ASSERT_EQ(other.Do("volume"), "0 10");
+    fs::remove(tv / "settings/db");
+    fs::create_directory_symlink("nowhere", tv / "settings/db");
+    other.Do("take-steps");
+    EXPECT_EQ(other.Do("set-int db/usb/level 4"), "-1002");
+    EXPECT_EQ(other.Do("take-steps"), "make db, ");
+}
+
+TEST_F(DirectoryTest, AWriteGoesToWhereTheLinkToTheDirectoryLeadsNow) {
+    const fs::path link = tv / "link";
+    fs::create_directory(tv / "one");
+    fs::create_directory_symlink("one", link);
+    OtherProcess other(tv, {{"KAVREL_TV_DIR", link}});
+    ASSERT_EQ(other.Do("hear volume"), "0");
+    for (const std::string volume : {"20", "21"}) {
+        ASSERT_EQ(other.Do("set-volume " + volume), "0");
+    }
+    tv.Echo("two/audio/master_volume", "5");
+    fs::create_directory_symlink("../one/.tmp",
+                                 tv / "two/.tmp");  // so that the own folder is found there, too
+    fs::create_directory_symlink("two", tv / "new");
+    fs::rename(tv / "new", link);
+    EXPECT_EQ(other.Do("set-volume 30"), "0");
+    EXPECT_EQ(tv.Content("two/audio/master_volume"), "30\n");
+    EXPECT_EQ(tv.Content("one/audio/master_volume"), "21\n");
+}
+
 TEST_F(DirectoryTest, TheDirectoryItselfMayBeReachedByALinkThatMayComeToLeadElsewhere) {
     const fs::path link = tv / "link";
     tv.Echo("two/audio/master_volume", "22");
@@ -537,10 +582,11 @@ TEST_F(DirectoryTest, LeftoversOfWritersThatAreGoneAreRemovedWhenAProcessStarts)
     tv.Put("settings/db/usb/.level.swp", "of an editor");
     tv.Put("settings/.mine/.kavrel-999-1-7", "somebody's own");
     tv.Put("audio/.kavrel-999-1-7", "5");
+    tv.Put("audio/.kavrelrc", "somebody else's");
     OtherProcess other(tv);
     ASSERT_EQ(other.Do("volume"), "0 10");
     EXPECT_THAT(tv.OwnFolders(), IsEmpty());
-    EXPECT_THAT(tv.Leftovers("audio"), IsEmpty());
+    EXPECT_THAT(tv.Leftovers("audio"), ElementsAre(".kavrelrc"));
     EXPECT_THAT(tv.Leftovers("settings/db/usb"), ElementsAre(".level.swp"));
     EXPECT_THAT(tv.Leftovers("settings/.mine"), ElementsAre(".kavrel-999-1-7"));
 }
@@ -590,7 +636,10 @@ TEST_F(DirectoryTest, EachWriterHasAFolderOfItsOwnForItsWholeLife) {
     ASSERT_EQ(one.Do("set-volume 20"), "0");
     ASSERT_EQ(two.Do("set-volume 30"), "0");
     const auto folders = tv.OwnFolders();
-    EXPECT_THAT(folders, SizeIs(2));
+    const auto nameOf = [](const OtherProcess& writer) {
+        return StartsWith(".tmp/" + std::to_string(writer.Process()) + '-');
+    };
+    EXPECT_THAT(folders, UnorderedElementsAre(nameOf(one), nameOf(two)));
     EXPECT_THAT(folders, Each(Not(HasSubstr("-0-"))))
         << "a random number makes it unlike one of another container";
     for (const std::string& folder : folders) {
@@ -610,6 +659,42 @@ TEST_F(DirectoryTest, AWriterWhoseFolderWasRemovedMakesAnother) {
     EXPECT_EQ(tv.Content(VOLUME), "30\n");
     EXPECT_THAT(tv.OwnFolders(), SizeIs(1));
     EXPECT_THAT(other.Log(), IsEmpty());
+}
+
+TEST_F(DirectoryTest, ThreadsThatWriteFirstAtOnceShareOneFolder) {
+    tv.Echo(VOLUME, "10");
+    OtherProcess other(tv);
+    ASSERT_EQ(other.Do("volume"), "0 10");
+    ASSERT_EQ(other.Do("cross-opening .tmp set-sub-gain 60"), "0");
+    EXPECT_EQ(other.Do("set-gain 50"), "0");
+    EXPECT_EQ(other.Do("end-aside"), "0");
+    EXPECT_THAT(tv.OwnFolders(), SizeIs(1));
+    EXPECT_EQ(tv.Content("audio/sub_out_gain2"), "60\n");
+}
+
+TEST_F(DirectoryTest, ThreadsThatFindANewDirectoryAtOnceShareOneFolderInIt) {
+    const fs::path place = tv / "tv";
+    OtherProcess other(tv, {{"KAVREL_TV_DIR", place}});
+    ASSERT_EQ(other.Do("volume"), "0 10");
+    fs::rename(place, tv / "away");
+    tv.Echo("tv/audio/master_volume", "20");
+    ASSERT_EQ(other.Do("cross-opening " + place.string() + " set-sub-gain 60"), "0");
+    EXPECT_EQ(other.Do("set-gain 50"), "0");
+    EXPECT_EQ(other.Do("end-aside"), "0");
+    EXPECT_EQ(tv.Content("tv/audio/sub_out_gain2"), "60\n");
+    EXPECT_EQ(std::distance(fs::directory_iterator(place / ".tmp"), fs::directory_iterator()), 1);
+}
+
+TEST_F(DirectoryTest, TwoThreadsWhoseFolderWasRemovedMakeOneAnother) {
+    tv.Echo(VOLUME, "10");
+    OtherProcess other(tv);
+    ASSERT_EQ(other.Do("set-gain 20"), "0");
+    fs::remove_all(tv / ".tmp");
+    ASSERT_EQ(other.Do("cross-opening new-file set-sub-gain 60"), "0");
+    EXPECT_EQ(other.Do("set-gain 50"), "0");
+    EXPECT_EQ(other.Do("end-aside"), "0");
+    EXPECT_THAT(tv.OwnFolders(), SizeIs(1));
+    EXPECT_EQ(tv.Content("audio/main_out_gain2"), "50\n");
 }
 
 TEST_F(DirectoryTest, AWriterWhoseFolderWasReplacedMakesAnother) {
@@ -675,6 +760,24 @@ TEST_F(BesideTest, AWriterThatCannotHaveAFolderWritesBesideTheValue) {
     EXPECT_EQ(tv.Content(VOLUME), "30\n");
     EXPECT_THAT(tv.Leftovers("audio"), IsEmpty());
     EXPECT_THAT(other.Log(), IsEmpty());
+}
+
+TEST_F(BesideTest, AValueThatIsHeardIsWrittenBesideToo) {
+    OtherProcess other(tv);
+    ASSERT_EQ(other.Do("hear volume"), "0");
+    for (const std::string volume : {"30", "31"}) {
+        EXPECT_EQ(other.Do("set-volume " + volume), "0");
+        EXPECT_EQ(other.Report(), "volume " + volume + " own");
+        EXPECT_EQ(tv.Content(VOLUME), volume + '\n');
+    }
+}
+
+TEST_F(BesideTest, AValueIsOpenToWhoTheMaskLets) {
+    const mode_t before = umask(0);
+    OtherProcess other(tv);
+    umask(before);
+    ASSERT_EQ(other.Do("set-volume 30"), "0");
+    EXPECT_EQ(fs::status(tv / VOLUME).permissions(), static_cast<fs::perms>(0666));
 }
 
 TEST_F(BesideTest, NoTwoUnfinishedFilesOfAProcessHaveOneName) {
@@ -773,6 +876,29 @@ TEST_F(DirectoryTest, NoFileOfThePlatformIsOpenInProgramsStartedLater) {
         other.Do(line);
     }
     EXPECT_EQ(other.Do("files-to-inherit"), before);
+    ASSERT_EQ(other.Do("refuse openat2 38"), "0");
+    ASSERT_EQ(other.Do("zones"), "0 ");
+    EXPECT_EQ(other.Do("files-opened-to-inherit"), "0") << "also of those that are closed again";
+}
+
+/** The files of a process, but for the standard streams, behind which nothing is. */
+std::set<std::string> NullFiles(pid_t process) {
+    std::set<std::string> files;
+    for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(process) + "/fd")) {
+        std::error_code gone;
+        const std::string file = entry.path().filename();
+        if (std::stoi(file) > STDERR_FILENO && fs::read_symlink(entry.path(), gone) == "/dev/null") {
+            files.insert(file);
+        }
+    }
+    return files;
+}
+
+TEST_F(DirectoryTest, WhatTheProcessNeedsForItsStandardStreamsIsClosedAgain) {
+    OtherProcess other(tv);
+    ASSERT_EQ(other.Do("volume"), "0 10");
+    EXPECT_THAT(NullFiles(other.Process()), IsSubsetOf(NullFiles(getpid())))
+        << "but for those that it inherits";
 }
 
 TEST_F(DirectoryTest, WritersOfOneValueNeverDisturbEachOther) {

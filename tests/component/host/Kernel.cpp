@@ -3,8 +3,11 @@
 #include "Kernel.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <linux/filter.h>
+#include <linux/openat2.h>
 #include <linux/seccomp.h>
+#include <sys/epoll.h>
 #include <sys/inotify.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -14,13 +17,16 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <deque>
 #include <filesystem>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <system_error>
 #include <utility>
 
@@ -33,8 +39,15 @@ std::mutex mutex;
 std::string steps;
 kernel::Crossing crossing;
 std::string refusedEnd;
+std::string openedPath;
+std::function<void()> beforeOpening;
+std::deque<int> timeouts;  // those that NextTimeout() has not returned yet
+std::optional<int> lastTimeout;
+std::condition_variable hasTimeout;
 
 std::atomic<int> renames = 0;
+std::atomic<int> refusedWaits = 0;
+std::atomic<int> filesToInherit = 0;
 
 /** "file", or the name of the folder. */
 std::string NameOf(int file) {
@@ -53,6 +66,25 @@ void Note(const std::string& step) {
 kernel::Crossing TakeCrossing(const std::string& name) {
     const std::lock_guard guard(mutex);
     return name == crossing.name ? std::exchange(crossing, {}) : kernel::Crossing();
+}
+
+std::function<void()> TakeOpening(const std::string& path, int flags) {
+    const std::lock_guard guard(mutex);
+    const bool isIt = openedPath.empty() ? (flags & O_CREAT) != 0 : path == openedPath;
+    return isIt ? std::exchange(beforeOpening, nullptr) : nullptr;
+}
+
+void NoteTimeout(int timeout) {
+    const std::lock_guard guard(mutex);
+    if (lastTimeout != timeout) {
+        lastTimeout = timeout;
+        timeouts.push_back(timeout);
+        hasTimeout.notify_all();
+    }
+}
+
+void CountFileToInherit(std::uint64_t flags) {
+    filesToInherit += (flags & O_CLOEXEC) == 0 ? 1 : 0;
 }
 
 bool IsRefused(const std::string& path) {
@@ -84,7 +116,58 @@ extern "C" long syscall(long number, ...) noexcept {
         value = va_arg(arguments, long);
     }
     va_end(arguments);
+    if (number == SYS_openat2) {
+        CountFileToInherit(reinterpret_cast<const open_how*>(values[2])->flags);
+    }
     return real(number, values[0], values[1], values[2], values[3], values[4], values[5]);
+}
+
+namespace {
+
+int Open(int folder, const char* path, int flags, va_list arguments) {
+    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+    Run(TakeOpening(path, flags));
+    return static_cast<int>(syscall(SYS_openat, folder, path, flags, mode));
+}
+
+}  // namespace
+
+extern "C" int open(const char* path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const int file = Open(AT_FDCWD, path, flags, arguments);
+    va_end(arguments);
+    return file;
+}
+
+extern "C" int openat(int folder, const char* path, int flags, ...) {
+    CountFileToInherit(static_cast<std::uint64_t>(flags));
+    va_list arguments;
+    va_start(arguments, flags);
+    const int file = Open(folder, path, flags, arguments);
+    va_end(arguments);
+    return file;
+}
+
+extern "C" int mkdirat(int folder, const char* path, mode_t mode) noexcept {
+    Note(std::string("make ") + path);
+    return static_cast<int>(syscall(SYS_mkdirat, folder, path, mode));
+}
+
+extern "C" int epoll_ctl(int epoll, int operation, int file, epoll_event* event) noexcept {
+    if (operation == EPOLL_CTL_ADD && refusedWaits > 0) {
+        --refusedWaits;
+        errno = ENOSPC;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_epoll_ctl, epoll, operation, file, event));
+}
+
+extern "C" int epoll_wait(int epoll, epoll_event* events, int size, int timeout) {
+    static const auto real =
+        reinterpret_cast<int (*)(int, epoll_event*, int, int)>(dlsym(RTLD_NEXT, "epoll_wait"));
+    NoteTimeout(timeout);
+    return real(epoll, events, size, timeout);
 }
 
 extern "C" int fsync(int file) {
@@ -125,6 +208,29 @@ void Cross(const Crossing& next) {
     crossing = next;
 }
 
+void CrossOpening(const std::string& path, const std::function<void()>& action) {
+    const std::lock_guard guard(mutex);
+    openedPath = path;
+    beforeOpening = action;
+}
+
+int FilesOpenedToInherit() {
+    return filesToInherit;
+}
+
+int NextTimeout() {
+    std::unique_lock lock(mutex);
+    hasTimeout.wait(lock, [] { return !timeouts.empty(); });
+    const int timeout = timeouts.front();
+    timeouts.pop_front();
+    return timeout;
+}
+
+int RefuseWaits(int times) {
+    refusedWaits = times;
+    return 0;
+}
+
 void RefuseWatchesOf(const std::string& end) {
     const std::lock_guard guard(mutex);
     refusedEnd = end;
@@ -136,8 +242,10 @@ int RenameMeanwhile(int times) {
 }
 
 int Refuse(const std::string& call, int error) {
-    static const std::map<std::string, unsigned int> numbers = {
-        {"openat2", SYS_openat2}, {"inotify_init1", SYS_inotify_init1}, {"epoll_ctl", SYS_epoll_ctl}};
+    static const std::map<std::string, unsigned int> numbers = {{"openat2", SYS_openat2},
+                                                                {"inotify_init1", SYS_inotify_init1},
+                                                                {"epoll_ctl", SYS_epoll_ctl},
+                                                                {"clone3", SYS_clone3}};
     std::array<sock_filter, 4> filter = {{
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, numbers.at(call), 0, 1),

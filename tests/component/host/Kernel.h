@@ -12,7 +12,7 @@
 
 namespace kernel {
 
-/** The files that were renamed into place and those that were synced, in order, since the last call. */
+/** The folders that were made, the files that were renamed into place and those that were synced, in order, since the last call. */
 std::string TakeSteps();
 
 /** Two actions for the moments right before and right after the next file of this name comes into its place. */
@@ -22,6 +22,21 @@ struct Crossing {
     std::function<void()> after;
 };
 void Cross(const Crossing& crossing);
+
+/**
+ * An action for the moment right before the next file of this path, as the opener writes it, is opened. Without a path
+ * it is the next file that is made.
+ */
+void CrossOpening(const std::string& path, const std::function<void()>& action);
+
+/** How many files the process has opened so far that a program started meanwhile would inherit. */
+int FilesOpenedToInherit();
+
+/** Waits until the process waits for files with another time limit than before. @return the limit in milliseconds, or -1 */
+int NextTimeout();
+
+/** The next so many files that the process wants to wait for are refused. @return 0 */
+int RefuseWaits(int times);
 
 /** No folder whose path ends so can be watched, as if no watches were left. An empty end: all can be. */
 void RefuseWatchesOf(const std::string& end);

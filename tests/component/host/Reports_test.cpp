@@ -90,14 +90,17 @@ struct Listener {
     }
 };
 
-/** A report that lasts until the thread that must wait for it sleeps, or has not waited. */
+/** A report that lasts until the thread that must wait for it sleeps, or has not waited. Its last act may be an action. */
 class ReportInFlight {
 public:
-    explicit ReportInFlight(Listener& listener) : m_listener(listener) {
-        listener.act = [this] {
+    explicit ReportInFlight(Listener& listener, const Action& last = nullptr) : m_listener(listener) {
+        listener.act = [this, last] {
             m_running.count_down();
             while (m_caller == 0 || !(m_hasCalled || host_test::IsAsleep(m_caller))) {
                 std::this_thread::yield();
+            }
+            if (last) {
+                last();
             }
             m_hasReturned = true;
         };
@@ -407,6 +410,39 @@ TEST_F(ReportsTest, JunkAndRemovalAreNotReportedNorIsAnEqualValueThatReturns) {
     EXPECT_THAT(ear.Heard(), ElementsAre("11"));
 }
 
+TEST_F(ReportsTest, AnErrorIsLoggedOnceHoweverOftenTheFileWasWrittenMeanwhile) {
+    HearVolume(listener);
+    HearKey(OTHER, listener);
+    testing::internal::CaptureStderr();
+    WhileReporting([&] {
+        for (int i = 0; i < 3; ++i) {
+            tv.Echo("audio/master_volume", "loud");
+            tv.Echo("settings/memory/other", "1");  // so that the kernel does not merge the notifications
+        }
+    });
+    Settle();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "E Cannot read " + (tv / "audio/master_volume").string() + ": not a valid value\n");
+}
+
+TEST_F(ReportsTest, AFileThatWasWrittenIsLoggedThoughItWasToBeReadAgainAnyway) {
+    const fs::path loop = tv / "settings/memory/loop";
+    fs::create_directory_symlink("loop", loop);
+    HearVolume(listener);
+    HearKey("memory/loop/key", listener);
+    HearKey(KEY, listener);
+    testing::internal::CaptureStderr();
+    WhileReporting([&] {
+        tv.Echo("audio/master_volume", "loud");
+        fs::remove(loop);
+        EXPECT_EQ(vconf_ignore_key_changed(KEY, OnKey),
+                  0);  // finds the loop gone, and has all values read again
+    });
+    Settle();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "E Cannot read " + (tv / "audio/master_volume").string() + ": not a valid value\n");
+}
+
 TEST_F(ReportsTest, ANodeGivesASettingAsTextAndAsInteger) {
     struct Node {
         std::string name, text;
@@ -583,9 +619,62 @@ TEST_F(CrossingTest, AnOwnWriteIsNewsIfItDiffersFromTheTextThatItReplaced) {
 }
 
 TEST_F(CrossingTest, AnOwnWriteOfTheTextThatItReplacedLeavesTheReportToThePlatformThread) {
-    Cross("before", "40");
-    EXPECT_EQ(process.Do("set-volume 40"), "0");
+    for (const std::string text : {"40", "41 "}) {  // a person may leave a blank behind the number
+        Cross("before", text);
+        EXPECT_EQ(process.Do("set-volume " + text), "0");
+        EXPECT_EQ(process.Report(), "volume " + text.substr(0, 2) + " platform");
+        LetItNotice();
+    }
+}
+
+TEST_F(CrossingTest, WhatIsNoFileInTheValuesPlaceIsReplacedUnread) {
+    ASSERT_EQ(process.Do("cross before pipe " + file), "0");
+    EXPECT_EQ(process.Do("set-volume 30"), "0");
+    EXPECT_EQ(process.Report(), "volume 30 own");
+    LetItNotice();
+    ASSERT_EQ(process.Do("cross before link " + file + " 31"), "0");
+    EXPECT_EQ(process.Do("set-volume 31"), "0");
+    EXPECT_EQ(process.Report(), "volume 31 own");
+}
+
+TEST_F(CrossingTest, AFolderThatWasReplacedIsWrittenNoMore) {
+    LetItNotice();
+    ASSERT_EQ(process.Do("set-volume 21"), "0");
+    EXPECT_EQ(process.Report(), "volume 21 own");
+    place.Echo("next/master_volume", "40");
+    ASSERT_EQ(
+        renameat2(AT_FDCWD, (place / "next").c_str(), AT_FDCWD, (place / "audio").c_str(), RENAME_EXCHANGE),
+        0);
     EXPECT_EQ(process.Report(), "volume 40 platform");
+    LetItNotice();
+    EXPECT_EQ(process.Do("set-volume 30"), "0");
+    EXPECT_EQ(process.Report(), "volume 30 own");
+    EXPECT_EQ(place.Content("audio/master_volume"), "30\n");
+    EXPECT_EQ(place.Content("next/master_volume"), "21\n");
+}
+
+/** How often somebody has woken the platform thread of a process since it looked last. */
+std::string WakesOf(pid_t process) {
+    constexpr std::string_view KEY = "eventfd-count:";
+    const fs::path files = "/proc/" + std::to_string(process) + "/fdinfo";
+    for (const auto& entry : fs::directory_iterator(files)) {
+        std::ifstream stream(entry.path());
+        for (std::string line; std::getline(stream, line);) {
+            if (line.starts_with(KEY)) {
+                return line.substr(line.find_last_of(" \t") + 1);
+            }
+        }
+    }
+    return "no such file";
+}
+
+TEST_F(CrossingTest, ThePlatformThreadIsWokenOnceByEachWriterThatHasItLook) {
+    Cross("after", "40");
+    EXPECT_EQ(process.Do("set-volume 30"), "0");
+    EXPECT_EQ(process.Report(), "volume 30 own");
+    EXPECT_EQ(process.Report(), "volume 40 platform");
+    LetItNotice();
+    EXPECT_EQ(WakesOf(process.Process()), "0");
 }
 
 TEST_F(CrossingTest, AFolderThatTakesTheValuesPlaceInTheLastMomentStays) {
@@ -758,9 +847,9 @@ TEST_F(CrossingTest, OwnChangesLeaveThePlatformThreadAsleep) {
 }
 
 TEST_F(CrossingTest, AQueueThatTheKernelNoLongerWaitsForIsReplaced) {
-    ASSERT_EQ(process.Do("refuse epoll_ctl 28"), "0");  // for the thread that writes
     OtherProcess second(place);
     for (const std::string tens : {"3", "4"}) {
+        ASSERT_EQ(process.Do("refuse-waits 1"), "0");
         EXPECT_EQ(process.Do("set-volume " + tens + '0'), "0");
         EXPECT_EQ(process.Report(), "volume " + tens + "0 own");
         LetItNotice();
@@ -847,6 +936,26 @@ TEST_F(ReportsTest, ARegistrationWaitsForAReportInFlightOnAnotherThread) {
     int id = 0;
     report.ExpectWait([&] { id = rc_register_audio_focus_changed_callback(OnNumber, &listener); });
     EXPECT_EQ(rc_unregister_audio_focus_changed_callback(id), 0);
+}
+
+/** Both threads register the callback for the key; the later one replaces what the other has registered. */
+TEST_F(ReportsTest, AKeysRegistrationWaitsForAReportThatMakesTheSameOne) {
+    Listener& early = NewListener("early ");
+    Listener& late = NewListener("late ");
+    ReportInFlight report(listener, [&] { HearKey(KEY, early); });
+    HearVolume(listener);
+    Change("set-volume 70");
+    report.ExpectWait([&] { HearKey(KEY, late); });
+    EXPECT_EQ(vconf_set_int(KEY, 1), 0);
+    EXPECT_THAT(ear.Heard(), ElementsAre("70", "late 1"));
+}
+
+TEST_F(ReportsTest, TheEndOfAKeysRegistrationWaitsForAReportThatEndsIt) {
+    ReportInFlight report(listener, [] { EXPECT_EQ(vconf_ignore_key_changed(KEY, OnKey), 0); });
+    HearVolume(listener);
+    HearKey(KEY, listener);
+    Change("set-volume 70");
+    report.ExpectWait([] { EXPECT_EQ(vconf_ignore_key_changed(KEY, OnKey), -1002); });
 }
 
 TEST_F(ReportsTest, AnOwnWriteInAReportIsMeasuredAgainstThePresentValue) {
@@ -960,7 +1069,23 @@ TEST_F(ReportsTest, ARegistrationThatFailedIsNone) {
     EXPECT_EQ(process.Do("hear memory/key"), "-1028");
     EXPECT_EQ(process.Do("hear memory/key"), "-1028");
     EXPECT_EQ(process.Do("hear focus"), "0");
+    EXPECT_EQ(process.Do("set-int memory/key 1"), "0");
+    EXPECT_THAT(process.TakeReports(), IsEmpty());
     EXPECT_THAT(process.Log(), testing::Contains("E Cannot watch the TV: No space left on device").Times(3));
+}
+
+TEST_F(ReportsTest, WithoutAThreadEachRegistrationFails) {
+    const Folder place;
+    OtherProcess process(place);
+    ASSERT_EQ(process.Do("start-and-end-a-thread"),
+              "0");  // the first one makes a sanitizer start one of its own
+    ASSERT_EQ(process.Do("refuse clone3 11"), "0");
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(process.Do("hear volume"), "-1011");
+    }
+    EXPECT_THAT(process.Log(),
+                ElementsAre("E Cannot start the platform thread: Resource temporarily unavailable",
+                            "E Cannot start the platform thread: Resource temporarily unavailable"));
 }
 
 TEST_F(ReportsTest, KeyAndCallbackTogetherNameASettingsRegistration) {
@@ -1299,16 +1424,20 @@ TEST_F(NoWatchLeftTest, TheErrorIsLoggedOnceForAllValuesOfTheFolder) {
     EXPECT_THAT(deaf.Log(), SizeIs(1));
 }
 
-TEST_F(ReportsTest, AWatchIsTriedAgainThoughNothingElseHappens) {
+TEST_F(ReportsTest, AWatchIsTriedAgainEachSecondThoughNothingElseHappens) {
     const Folder place;
     OtherProcess deaf(place);
     OtherProcess second(place);
     ASSERT_EQ(second.Do("set-int memory/late/key 1"), "0");
     ASSERT_EQ(deaf.Do("refuse-watches-of memory/late"), "0");
     EXPECT_EQ(deaf.Do("hear memory/late/key"), "0");
+    EXPECT_EQ(deaf.Do("next-timeout"), "-1");
+    EXPECT_EQ(deaf.Do("next-timeout"), "1000");
     ASSERT_EQ(deaf.Do("refuse-watches-of"), "0");
     EXPECT_EQ(second.Do("set-int memory/late/key 2"), "0");
     EXPECT_EQ(deaf.Report(), "memory/late/key 2 platform");
+    EXPECT_EQ(deaf.Do("next-timeout"), "-1")
+        << "the platform thread tries on though nothing is left to watch";
 }
 
 TEST_F(ReportsTest, WithoutAQueueOwnChangesAreReportedAndTheErrorIsLogged) {

@@ -24,6 +24,7 @@
 #include <vconf.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
@@ -273,6 +274,45 @@ int FilesToInherit() {
     return count;
 }
 
+std::string Do(const std::string& line);
+
+std::thread aside;
+std::string answerAside;
+
+bool IsAsleep(pid_t thread) {
+    std::ifstream stream("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string stat;
+    std::getline(stream, stat);
+    return stat.find(") S") != std::string::npos;
+}
+
+/** Does what the line says on another thread, and returns when that has ended, or sleeps because it waits for this one. */
+void StartAside(const std::string& line) {
+    std::atomic<pid_t> thread = 0;
+    static std::atomic<bool> hasEnded;
+    hasEnded = false;
+    aside = std::thread([&thread, line] {
+        thread = gettid();
+        answerAside = Do(line);
+        hasEnded = true;
+    });
+    while (!hasEnded && (thread == 0 || !IsAsleep(thread))) {
+        std::this_thread::yield();
+    }
+}
+
+/** "PATH LINE": another thread does the line before the path is opened. "new-file": before a file is made. */
+std::string CrossOpening(std::istream& words) {
+    const std::string path = Word(words);
+    kernel::CrossOpening(path == "new-file" ? "" : path, [line = Rest(words)] { StartAside(line); });
+    return "0";
+}
+
+std::string EndAside() {
+    aside.join();
+    return answerAside;
+}
+
 /** "before HOW PATH TEXT" or "after HOW PATH TEXT": somebody else crosses the next write of this file. */
 std::string Cross(std::istream& words) {
     const std::string when = Word(words);
@@ -289,11 +329,18 @@ std::string Cross(std::istream& words) {
             Clean(path);
         } else if (how == "remove") {
             std::filesystem::remove_all(std::filesystem::path(path).parent_path());
+        } else if (how == "pipe") {
+            std::remove(path.c_str());
+            mkfifo(path.c_str(), 0666);
+        } else if (how == "link") {
+            Echo(path + ".aside", text);
+            std::remove(path.c_str());
+            static_cast<void>(symlink((path + ".aside").c_str(), path.c_str()));
         } else if (how == "empty") {
             std::ofstream(path, std::ios::trunc);
         } else if (how == "lock") {
             MakeFolder(path, text);
-            chmod(path.c_str(), 0);
+            chmod(path.c_str(), S_IWUSR | S_IXUSR);  // the kernel moves only a folder that may be written
         } else {
             MakeFolder(path, text);
         }
@@ -411,15 +458,21 @@ Commands ProcessCommands() {
              kernel::RefuseWatchesOf(Word(words));
              return std::string("0");
          }},
+        {"refuse-waits", Does([](int times) { return kernel::RefuseWaits(times); })},
+        {"next-timeout", [](std::istream&) { return std::to_string(kernel::NextTimeout()); }},
         {"rename-meanwhile", Does([](int times) { return kernel::RenameMeanwhile(times); })},
         {"cleaned", [](std::istream&) { return std::to_string(cleanedFiles); }},
         {"files-to-inherit", [](std::istream&) { return std::to_string(FilesToInherit()); }},
+        {"files-opened-to-inherit",
+         [](std::istream&) { return std::to_string(kernel::FilesOpenedToInherit()); }},
         {"change-directory", Does([](const char* path) { return chdir(path); })},
         {"handle-signals", [](std::istream&) { return std::to_string(HandleSignals()); }},
         {"signals", [](std::istream&) { return HandlerOf(SIGPIPE) + ", " + HandlerOf(SIGXFSZ); }},
         {"let-signals-interrupt", [](std::istream&) { return std::to_string(LetSignalsInterrupt()); }},
         {"take-steps", [](std::istream&) { return kernel::TakeSteps(); }},
         {"cross", [](std::istream& words) { return Cross(words); }},
+        {"cross-opening", CrossOpening},
+        {"end-aside", [](std::istream&) { return EndAside(); }},
         {"own-mounts", [](std::istream&) { return std::to_string(OwnMounts()); }},
         {"mount", Does([](const char* path) { return mount("none", path, "tmpfs", 0, nullptr); })},
         {"unmount", Does([](const char* path) { return umount2(path, UMOUNT_NOFOLLOW); })},
@@ -477,14 +530,18 @@ Commands AllCommands() {
     return all;
 }
 
+std::string Do(const std::string& line) {
+    static const Commands commands = AllCommands();
+    std::istringstream words(line);
+    return commands.at(Word(words))(words);
+}
+
 }  // namespace
 
 int main() {
-    const Commands commands = AllCommands();
     std::string line;
     while (std::getline(std::cin, line)) {
-        std::istringstream words(line);
-        Say("= " + commands.at(Word(words))(words));
+        Say("= " + Do(line));
     }
     return EXIT_SUCCESS;
 }
