@@ -183,19 +183,22 @@ TEST_F(ChangeSignalsTest, WhileMirroredToAMobileTheGainStaysAndTheStatusIsZero) 
 }
 
 TEST_F(ChangeSignalsTest, ARequestedMuteMutesTheNewOutputOnceAndLeavesTheGain) {
+    Control().ApplyAudioGain(KVDefine::GAIN_SRC_UNMUTE, 40, KVDefine::AUDIO_PATH_BOTH, false);
     Control().SetMuteOnSpkChanged(true);
     KVServer::onSpeakerChanged(1, 12, server.get());
     EXPECT_FALSE(Control().GetMuteOnSpkChanged());
     EXPECT_TRUE(seam.Mute());
     EXPECT_THAT(journal.Calls("audio_set_master_mute").Texts(), ElementsAre("audio_set_master_mute(true)"));
-    EXPECT_THAT(journal.Calls("AudioControl_getInstance").Texts(), IsEmpty());
+    EXPECT_EQ(seam.MainGainValue(), 40);
+    EXPECT_EQ(seam.SubGainValue(), 40);
     EXPECT_THAT(journal.Here().Logs().Lines(),
                 Contains("onSpeakerChanged: I Speaker changed[0->12]. mode:0x0001, gainMax(ret:0)"));
 
     seam.Clear();
     KVServer::onSpeakerChanged(1, 13, server.get());
     EXPECT_THAT(journal.Calls("audio_set_master_mute").Texts(), IsEmpty());
-    EXPECT_THAT(journal.Calls("AudioControl_getInstance").Texts(), Not(IsEmpty()));
+    EXPECT_EQ(seam.MainGainValue(), 100);
+    EXPECT_EQ(seam.SubGainValue(), 100);
 }
 
 TEST_F(ChangeSignalsTest, TheMuteComesBeforeTheFlagIsClearedAndItsFailureIsNotAnnounced) {

@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: MIT
 #include "KVDbusEventHandler.h"
 
+#include <stdexcept>
+
 #include "DaemonTest.h"
 #include "GainFixture.h"
 
@@ -134,6 +136,18 @@ TEST_F(KVDbusEventHandlerTest, NamesAreMatchedExactly) {
     }
 }
 
+TEST_F(KVDbusEventHandlerTest, AnExceptionOfAHandlerIsNotCaughtAndNobodyIsAnswered) {
+    const auto fail = [] { throw std::runtime_error("on purpose"); };
+    PendingCall call("GetSpeakerVolume");
+    seam.BeforeNext("audio_get_master_volume", fail);
+    EXPECT_THROW(handler.OnMethodCall("GetSpeakerVolume", nullptr, call.Invocation(), &control),
+                 std::runtime_error);
+    EXPECT_EQ(call.Answer(), "no reply");
+    const auto parameters = gio::Parsed("(1,)");
+    seam.BeforeNext("I Buds Connected. reason:1", fail);
+    EXPECT_THROW(handler.OnSignal("BudsConnected", parameters.get(), &control), std::runtime_error);
+}
+
 // A handler logs each null argument and answers nobody.
 
 TEST_F(KVDbusEventHandlerTest, GettersNeedNoParameters) {
@@ -216,6 +230,26 @@ TEST_F(KVDbusEventHandlerTest, TheNullChecksOfASignalComeBeforeItsType) {
         handler.OnSignal(signal.name, wrong.get(), nullptr);
         EXPECT_THAT(journal.Here().Lines(), ElementsAre(Said(signal, NO_USER_DATA)));
     }
+}
+
+// A failed operation.
+
+TEST(KVDbusEventHandlerFailureTest, AFailedPulseRequestIsOnlyLogged) {
+    fake::FakeSeam& seam = fake::FakeSeam::Get();
+    NKavrel::KVDbusEventHandler handler;
+    handler.Init();
+    auto control = std::make_unique<NKavrel::VolumeControlImpl>();
+    ASSERT_TRUE(fake::WorkersRest());
+    const auto parameters = gio::Parsed("(50, 100)");
+    // While the gain controller ends, the volume control object has none, and so the request fails.
+    seam.BeforeNext(
+        "system_info_get_custom_bool(\"com.norvik/featureconf/projector_feature_support\")",
+        [&, ending = control.get()] { handler.OnSignal("ApplyPulseAudioGain", parameters.get(), ending); });
+    control.reset();
+    EXPECT_THAT(seam.journal.Here().Lines(),
+                HasInOrder({"_OnApplyPulseAudioGain: I Apply PulseAudioGain 50, duration 100",
+                            "_OnApplyPulseAudioGain: I Done Apply PulseAudioGain 50, duration 100. ret:-1"}));
+    EXPECT_THAT(seam.journal.Calls("g_").Texts(), IsEmpty());
 }
 
 }  // namespace

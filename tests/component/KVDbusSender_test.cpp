@@ -199,6 +199,18 @@ TEST_F(KVDbusSenderTest, ACallerThatIsGoneBeforeItsLookUpHasNoProgramAndIsNotLoo
     EXPECT_THAT(journal.Here().Lines(), ElementsAre("Print: I Called by [" + name + "/]"));
 }
 
+TEST_F(KVDbusSenderTest, ACallerWithoutAReadableCommandLineHasNoProgramAndIsNotLookedUpAgain) {
+    tracker.Print(":9.1");
+    gio::ReplyToNextCall(g_variant_new("(u)", 4294967295U));  // no process has this number
+    KVDbusSender::UpdateSenderLists(&tracker);
+    EXPECT_THAT(journal.Here().Logs().Lines(),
+                testing::Contains("UpdateSenderLists: I Called by [:9.1/] size:1"));
+    Idle();
+    seam.Clear();
+    SeeOnce(":9.1");
+    EXPECT_THAT(journal.Here().Lines(), ElementsAre("Print: I Called by [:9.1/]"));
+}
+
 // Process ids.
 
 TEST_F(KVDbusSenderTest, TheProcessIdOfAConnectionIsItsProcesss) {

@@ -398,6 +398,17 @@ TEST_F(KVServerTest, NameLostNeverMindsWhatCannotBeUndone) {
     EXPECT_THAT(journal.Here().Lines(), ElementsAre(UNREGISTER, NOT_READY));
 }
 
+TEST_F(KVServerTest, TheMethodHandlersOutliveTheName) {
+    InitWithoutName();
+    AcquireBus();
+    AcquireName();
+    LoseName();
+    PendingCall call("GetSpeakerVolume");
+    KVServer::methodCallHandler(call.Connection(), ":9.9", OBJECT_PATH, INTERFACE, "GetSpeakerVolume",
+                                nullptr, call.Invocation(), server.get());
+    EXPECT_EQ(call.Answer(), "(10, 0)");
+}
+
 TEST_F(KVServerLifeTest, TheReadyEventIsDoneWhileTheNameIsOwned) {
     Start();
     EXPECT_TRUE(seam.Event(READY_EVENT));

@@ -419,6 +419,23 @@ TEST_F(VolumeControlImplTest, ASpeakerThatCouldNotBeMadeIsMadeAgainFromTheRouteI
         << "and it listens again";
 }
 
+TEST_F(VolumeControlImplTest, EachOperationMakesAMissingSpeaker) {
+    Start();
+    int volume = 0;
+    bool mute = false;
+    const std::function<int()> operations[] = {
+        [&] { return control->GetTVVolume(volume); }, [&] { return control->SetTVVolume(30); },
+        [&] { return control->GetTVVolumeMute(mute); }, [&] { return control->SetTVVolumeMute(true); }};
+    for (const auto& operation : operations) {
+        seam.BeforeNext("I Create HDMI Speaker", [] { throw std::bad_alloc(); });
+        EXPECT_THROW(seam.FireRoute(2), std::bad_alloc);
+        seam.SetRoute(0);
+        seam.Clear();
+        EXPECT_EQ(operation(), 0);
+        EXPECT_EQ(journal.With("I Create TV Speaker").Count(), 1);
+    }
+}
+
 TEST_F(VolumeControlImplTest, ASpeakerThatGoesLosesItsHandlersBeforeItsCallbacks) {
     Start();
     seam.FireRoute(7);
