@@ -942,12 +942,14 @@ TEST_F(ReportsTest, ARegistrationWaitsForAReportInFlightOnAnotherThread) {
 TEST_F(ReportsTest, AKeysRegistrationWaitsForAReportThatMakesTheSameOne) {
     Listener& early = NewListener("early ");
     Listener& late = NewListener("late ");
-    ReportInFlight report(listener, [&] { HearKey(KEY, early); });
+    const auto hear = [](Listener& who) { EXPECT_EQ(vconf_notify_key_changed(KEY, OnKey, &who), 0); };
+    ReportInFlight report(listener, [&] { hear(early); });
     HearVolume(listener);
     Change("set-volume 70");
-    report.ExpectWait([&] { HearKey(KEY, late); });
+    report.ExpectWait([&] { hear(late); });
     EXPECT_EQ(vconf_set_int(KEY, 1), 0);
     EXPECT_THAT(ear.Heard(), ElementsAre("70", "late 1"));
+    EXPECT_EQ(vconf_ignore_key_changed(KEY, OnKey), 0);
 }
 
 TEST_F(ReportsTest, TheEndOfAKeysRegistrationWaitsForAReportThatEndsIt) {
