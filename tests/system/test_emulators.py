@@ -177,6 +177,7 @@ def test_a_replaced_emulated_tv_speaker_ignores_signals_and_reports(tv_emulator,
     tv.echo(1, "audio/master_mute")
     client.expect_silence()
     change_route(tv, tv_emulator.log, 0)
+    client.get_support()  # its reply comes after the bus knows the new subscription
     client.emit("SpkVolumeChanged", "iii", 0, 65535, 12)
     client.expect("SpeakerVolumeChanged", TV_SUPPORT, 12)
 
@@ -234,6 +235,7 @@ def test_a_replaced_emulated_bluetooth_speaker_ignores_signals_and_reports(bluet
     tv.echo(1, MUTE)
     client.expect_silence()
     change_route(tv, bluetooth_emulator.log, BLUETOOTH)
+    client.get_support()  # its reply comes after the bus knows the new subscription
     client.emit("SpkVolumeChanged", "iii", 3, 15, 12)
     client.expect("SpeakerVolumeChanged", 15, 12)
 

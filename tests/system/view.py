@@ -21,6 +21,10 @@ class View(Process):
         super().__init__(*command, env=environment, stdout=writer, stderr=subprocess.PIPE, **options)
         os.close(writer)
 
+    def has_output(self, timeout):
+        """Whether there is something to read, now or within some seconds."""
+        return "\n" in self.rest or bool(select.select([self.reader], [], [], timeout)[0])
+
     def read_line(self, timeout=PATIENCE):
         """Returns the next line, without its newline; None after the last one."""
         deadline = time.monotonic() + timeout

@@ -965,9 +965,9 @@ TEST_F(ReportsTest, AnOwnWriteInAReportIsMeasuredAgainstThePresentValue) {
     EXPECT_EQ(vconf_set_int(OTHER, 1), 0);
     HearKey(KEY, NewListener("key ", [] { EXPECT_EQ(vconf_set_int(OTHER, 1), 0); }));
     HearKey(OTHER, NewListener("other "));
-    Settle();
     tv.Echo("settings/next/key", "2");
     tv.Echo("settings/next/other", "5");
+    Settle();
     ASSERT_EQ(renameat2(AT_FDCWD, (tv / "settings/next").c_str(), AT_FDCWD, (tv / "settings/memory").c_str(),
                         RENAME_EXCHANGE),
               0);
