@@ -62,6 +62,8 @@ std::array<std::atomic<pthread_cond_t*>, GAIN_HANDLER_COUNT> conditions = {};
 std::array<std::atomic<long>, GAIN_HANDLER_COUNT> longestSteps = {};
 std::atomic<bool> recordsNotifications = false;
 std::atomic<bool> skipsStepTimes = false;
+/** The worker whose steps have no end in time. */
+std::atomic<int> endlessWorker = GAIN_HANDLER_NONE;
 
 /** The worker that the calling thread is; it learns that when it names itself. */
 thread_local int thisWorker = GAIN_HANDLER_NONE;
@@ -123,7 +125,7 @@ int WaitAsWorker(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t cl
     int result = 0;
     for (Bits seen = state.load(std::memory_order_relaxed); (seen & bit) != 0;
          seen = state.load(std::memory_order_relaxed)) {
-        if (!SleepUntilChange(seen, clock, deadline)) {
+        if (!SleepUntilChange(seen, clock, endlessWorker == thisWorker ? nullptr : deadline)) {
             const bool notified = (state.fetch_and(~bit, std::memory_order_relaxed) & bit) == 0;
             result = notified ? 0 : ETIMEDOUT;
             break;
@@ -208,6 +210,16 @@ void NotifyWorker(eKVGainHandlerType worker) {
 
 void SkipStepTimes(bool skip) {
     skipsStepTimes = skip;
+}
+
+EndlessSteps::EndlessSteps(eKVGainHandlerType worker) {
+    endlessWorker = worker;
+}
+
+EndlessSteps::~EndlessSteps() {
+    endlessWorker = GAIN_HANDLER_NONE;
+    state.fetch_add(ONE_WAIT);  // so that a worker in such a wait looks at its deadline again
+    ReportChange();
 }
 
 void RecordNotifications(bool record) {

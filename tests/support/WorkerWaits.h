@@ -52,6 +52,15 @@ void RecordNotifications(bool record);
  */
 void SkipStepTimes(bool skip);
 
+/** During its lifetime only notifications end the steps of one worker, their times do not. */
+class EndlessSteps {
+public:
+    explicit EndlessSteps(NKavrel::eKVGainHandlerType worker);
+    ~EndlessSteps();
+    EndlessSteps(const EndlessSteps&) = delete;
+    EndlessSteps& operator=(const EndlessSteps&) = delete;
+};
+
 /** Lets a signal interrupt each of this thread's next sleeps after half of its time; none of them ends sooner. */
 void InterruptSleeps(int count);
 int InterruptionsToCome();

@@ -207,6 +207,21 @@ TEST_F(KVAudioGainHandlerFadeTest, ASecondRequestStartsTheFadeUnderWayAnewWithou
     EXPECT_THAT(journal.Gains(fake::Out::MAIN).Numbers(), Contains(0).Times(2));
 }
 
+TEST_F(KVAudioGainHandlerFadeTest, ANotificationEndsTheStepUnderWayAndIsNotRemembered) {
+    constexpr const char* FIXTURE_READ_THE_STORE =
+        "D \t[OUT]void NKavrel::KVAudioGainHandler::GetSrcGain(NKavrel::eKVGainHandlerType, int&)";
+    Start();
+    const fake::EndlessSteps endless(GAIN_HANDLER_PLAYER_MAIN_OUT);
+    FadeFrom(GAIN_HANDLER_PLAYER_MAIN_OUT, 80);
+    for (int step = 0; step < 4; ++step) {
+        ASSERT_TRUE(Waits(GAIN_HANDLER_PLAYER_MAIN_OUT, FIXTURE_READ_THE_STORE));
+        fake::NotifyWorker(GAIN_HANDLER_PLAYER_MAIN_OUT);
+    }
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(StoredGains(GAIN_HANDLER_PLAYER_MAIN_OUT), ElementsAre(85, 90, 95, 100));
+    EXPECT_THAT(journal.Of("PlayerMainOutH").Texts(), FadesFromTo(GAIN_HANDLER_PLAYER_MAIN_OUT, 80, 100));
+}
+
 TEST_F(KVAudioGainHandlerFadeTest, AGainSetDuringAFadeIsWhereItGoesOn) {
     Start();
     AfterStore(GAIN_HANDLER_PLAYER_MAIN_OUT, 10,

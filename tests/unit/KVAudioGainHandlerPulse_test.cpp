@@ -191,6 +191,7 @@ TEST_F(KVAudioGainHandlerPulseTest, StepsOfNoMillisecondFollowEachOtherWithoutPa
         journal.Of(PULSE_WORKER).Texts(),
         ElementsAreArray(Lines{WAKE, StartLine(0, 0)} +
                          StepLines({10, 20, 30, 40, 50, 60, 70, 80, 90, 100}, 0) + Lines{IDLE, SLEEP}));
+    EXPECT_EQ(fake::LongestStep(GAIN_HANDLER_PULSE_RAMP), 0ms);
 }
 
 TEST_F(KVAudioGainHandlerPulseTest, RampsOfAnyIntWrapIn32Bits) {

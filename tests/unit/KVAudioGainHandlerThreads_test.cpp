@@ -13,6 +13,8 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <ctime>
 #include <memory>
 #include <mutex>
 #include <system_error>
@@ -47,12 +49,22 @@ std::atomic<bool> watchesThreads = false;
 
 /** Whether timed locks of this thread fail. */
 thread_local bool locksFail = false;
+/** The longest time that one of them was to wait. */
+thread_local std::chrono::nanoseconds longestLock = {};
 
 std::string Place(pthread_t thread) {
     const std::lock_guard lock(startsMutex);
     const auto found =
         std::ranges::find_if(starts, [&](pthread_t start) { return pthread_equal(start, thread) != 0; });
     return std::to_string(found - starts.begin() + 1);
+}
+
+[[maybe_unused]] int TimeOut(clockid_t clock, const timespec& deadline) {
+    timespec now = {};
+    clock_gettime(clock, &now);
+    longestLock = std::max(longestLock, std::chrono::seconds(deadline.tv_sec - now.tv_sec) +
+                                            std::chrono::nanoseconds(deadline.tv_nsec - now.tv_nsec));
+    return ETIMEDOUT;
 }
 
 }  // namespace
@@ -83,7 +95,8 @@ int pthread_join(pthread_t thread, void** result) {
 }
 
 #ifdef __SANITIZE_THREAD__
-// In a ThreadSanitizer build tsan_clocklock.cpp already replaces pthread_mutex_clocklock by this function.
+// In a ThreadSanitizer build tsan_clocklock.cpp already replaces pthread_mutex_clocklock by this function, whose
+// deadline is one of the wall clock. That clock can jump, so it measures no time.
 int pthread_mutex_timedlock(pthread_mutex_t* mutex, const timespec* deadline) noexcept {
     static auto* const lock = Library<decltype(pthread_mutex_timedlock)>("pthread_mutex_timedlock");
     return locksFail ? ETIMEDOUT : lock(mutex, deadline);
@@ -91,7 +104,7 @@ int pthread_mutex_timedlock(pthread_mutex_t* mutex, const timespec* deadline) no
 #else
 int pthread_mutex_clocklock(pthread_mutex_t* mutex, clockid_t clock, const timespec* deadline) noexcept {
     static auto* const lock = Library<decltype(pthread_mutex_clocklock)>("pthread_mutex_clocklock");
-    return locksFail ? ETIMEDOUT : lock(mutex, clock, deadline);
+    return locksFail ? TimeOut(clock, *deadline) : lock(mutex, clock, deadline);
 }
 #endif
 
@@ -354,6 +367,18 @@ TEST_F(KVAudioGainHandlerThreadsTest, WithoutTheLockAGetterLeavesTheCallersValue
     EXPECT_THAT(journal.Gains().Texts(), IsEmpty());
 }
 
+TEST_F(KVAudioGainHandlerThreadsTest, NoLockIsWaitedForLongerThanThreeSeconds) {
+    Start();
+    longestLock = {};
+    locksFail = true;
+    EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_PLAYER, 40, 1), -1);
+    EXPECT_EQ(gain->ApplyPulseAudioGain(100, 0), 0);
+    locksFail = false;
+    EXPECT_EQ(journal.Here().With(LOCK_FAILED).Count(), 3)
+        << "the gain, the output and the target are guarded";
+    EXPECT_LE(longestLock, std::chrono::seconds(3));
+}
+
 TEST_F(KVAudioGainHandlerThreadsTest, AGainThatCannotBeReadIsTreatedAsZeroInTheTotal) {
     Start();
     int total = 12345;
@@ -436,6 +461,15 @@ TEST_F(KVAudioGainHandlerThreadsTest, ARampWhoseStartCannotBeReadBeginsAtTheStar
     ASSERT_TRUE(Rest());
     EXPECT_EQ(journal.Of("PulseRampH").With("I startVolume:100, remainCount:10, timeout:2").First().thread,
               journal.Of("PulseRampH").With("I Remain[0]. gain:90").First().thread);
+}
+
+TEST_F(KVAudioGainHandlerThreadsTest, ARampWhoseStoreFailsGoesOnWithItsNextStep) {
+    FailLock("PulseRampH", SET_GAIN, 3);  // its hooks must run before Start()'s, too
+    Start();
+    gain->ApplyPulseAudioGain(20, 20);
+    ASSERT_TRUE(Rest());
+    EXPECT_THAT(StoredGains(GAIN_HANDLER_PULSE_RAMP), ElementsAre(92, 84, 84, 68, 60, 52, 44, 36, 28, 20));
+    EXPECT_THAT(journal.Of("PulseRampH").Texts(), Contains(LOCK_FAILED).Times(1));
 }
 
 }  // namespace

@@ -157,6 +157,16 @@ TEST_F(VolumeControlZonesTest, EachFailedRegistrationStopsTheSequence) {
     EXPECT_THAT(journal.Calls().Texts(), Not(Contains(GET_FOCUS))) << "the mode flag stays off";
 }
 
+TEST_F(VolumeControlZonesTest, WhatIsRegisteredBeforeAFailedRegistrationIsFollowed) {
+    seam.Fail("rc_register_audio_focus_changed_callback", 0);
+    Start();
+    seam.FireZoneRoute(4, 2);
+    EXPECT_EQ(control->GetSpeakerSelection(), 4);
+    seam.FireKey(fake::MULTIVIEW_KEY, R"({"mode": "on"})");
+    seam.FireZoneRoute(7, 2);
+    EXPECT_EQ(control->GetSpeakerSelection(), 4) << "zone 1 has the focus since multi-view is on";
+}
+
 // Destruction
 
 TEST_F(VolumeControlZonesTest, EachFailedRemovalStopsTheSequence) {
