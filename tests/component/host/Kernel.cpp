@@ -34,16 +34,26 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::mutex mutex;
-// Guarded by the mutex.
-std::string steps;
-kernel::Crossing crossing;
-std::string refusedEnd;
-std::string openedPath;
-std::function<void()> beforeOpening;
-std::deque<int> timeouts;  // those that NextTimeout() has not returned yet
-std::optional<int> lastTimeout;
-std::condition_variable hasTimeout;
+struct State {
+    std::mutex mutex;
+    // Guarded by the mutex.
+    std::string steps;
+    kernel::Crossing crossing;
+    std::string refusedEnd;
+    std::string openedPath;
+    std::function<void()> beforeOpening;
+    std::deque<int> timeouts;  // those that NextTimeout() has not returned yet
+    std::optional<int> lastTimeout;
+    std::condition_variable hasTimeout;
+};
+
+/** Never destroyed: the platform thread calls until the process has ended. */
+union NeverDestroyed {
+    NeverDestroyed() : state() {}
+    ~NeverDestroyed() {}
+    State state;
+} kept;
+State& state = kept.state;
 
 std::atomic<int> renames = 0;
 std::atomic<int> refusedWaits = 0;
@@ -59,27 +69,27 @@ std::string NameOf(int file) {
 }
 
 void Note(const std::string& step) {
-    const std::lock_guard guard(mutex);
-    steps += step + ", ";
+    const std::lock_guard guard(state.mutex);
+    state.steps += step + ", ";
 }
 
 kernel::Crossing TakeCrossing(const std::string& name) {
-    const std::lock_guard guard(mutex);
-    return name == crossing.name ? std::exchange(crossing, {}) : kernel::Crossing();
+    const std::lock_guard guard(state.mutex);
+    return name == state.crossing.name ? std::exchange(state.crossing, {}) : kernel::Crossing();
 }
 
 std::function<void()> TakeOpening(const std::string& path, int flags) {
-    const std::lock_guard guard(mutex);
-    const bool isIt = openedPath.empty() ? (flags & O_CREAT) != 0 : path == openedPath;
-    return isIt ? std::exchange(beforeOpening, nullptr) : nullptr;
+    const std::lock_guard guard(state.mutex);
+    const bool isIt = state.openedPath.empty() ? (flags & O_CREAT) != 0 : path == state.openedPath;
+    return isIt ? std::exchange(state.beforeOpening, nullptr) : nullptr;
 }
 
 void NoteTimeout(int timeout) {
-    const std::lock_guard guard(mutex);
-    if (lastTimeout != timeout) {
-        lastTimeout = timeout;
-        timeouts.push_back(timeout);
-        hasTimeout.notify_all();
+    const std::lock_guard guard(state.mutex);
+    if (state.lastTimeout != timeout) {
+        state.lastTimeout = timeout;
+        state.timeouts.push_back(timeout);
+        state.hasTimeout.notify_all();
     }
 }
 
@@ -88,8 +98,8 @@ void CountFileToInherit(std::uint64_t flags) {
 }
 
 bool IsRefused(const std::string& path) {
-    const std::lock_guard guard(mutex);
-    return !refusedEnd.empty() && path.ends_with(refusedEnd);
+    const std::lock_guard guard(state.mutex);
+    return !state.refusedEnd.empty() && path.ends_with(state.refusedEnd);
 }
 
 void Run(const std::function<void()>& action) {
@@ -199,19 +209,19 @@ extern "C" int inotify_add_watch(int inotify, const char* path, std::uint32_t ma
 namespace kernel {
 
 std::string TakeSteps() {
-    const std::lock_guard guard(mutex);
-    return std::exchange(steps, {});
+    const std::lock_guard guard(state.mutex);
+    return std::exchange(state.steps, {});
 }
 
 void Cross(const Crossing& next) {
-    const std::lock_guard guard(mutex);
-    crossing = next;
+    const std::lock_guard guard(state.mutex);
+    state.crossing = next;
 }
 
 void CrossOpening(const std::string& path, const std::function<void()>& action) {
-    const std::lock_guard guard(mutex);
-    openedPath = path;
-    beforeOpening = action;
+    const std::lock_guard guard(state.mutex);
+    state.openedPath = path;
+    state.beforeOpening = action;
 }
 
 int FilesOpenedToInherit() {
@@ -219,10 +229,10 @@ int FilesOpenedToInherit() {
 }
 
 int NextTimeout() {
-    std::unique_lock lock(mutex);
-    hasTimeout.wait(lock, [] { return !timeouts.empty(); });
-    const int timeout = timeouts.front();
-    timeouts.pop_front();
+    std::unique_lock lock(state.mutex);
+    state.hasTimeout.wait(lock, [] { return !state.timeouts.empty(); });
+    const int timeout = state.timeouts.front();
+    state.timeouts.pop_front();
     return timeout;
 }
 
@@ -232,8 +242,8 @@ int RefuseWaits(int times) {
 }
 
 void RefuseWatchesOf(const std::string& end) {
-    const std::lock_guard guard(mutex);
-    refusedEnd = end;
+    const std::lock_guard guard(state.mutex);
+    state.refusedEnd = end;
 }
 
 int RenameMeanwhile(int times) {
