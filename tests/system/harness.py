@@ -4,6 +4,7 @@
 
 All waits are for events (inotify, messages of the bus, the end of a process); only settle() polls.
 """
+import codecs
 import contextlib
 import ctypes
 import os
@@ -29,6 +30,22 @@ TV_SUPPORT = 0xFFFF  # the support word of the TV's own speakers
 FOREIGN_THREADS = 1 if "thread" in os.environ["KAVREL_SANITIZER"] else 0
 PATIENCE = 30.0  # seconds after which a wait fails, enough for a loaded machine and a sanitizer
 SANITIZER_REPORT = re.compile(r"ERROR: \w+Sanitizer|WARNING: ThreadSanitizer|runtime error:")
+
+
+class TextReader:
+    """Reads the output of a program as it comes. A read may end inside a character; the rest of it comes with the next."""
+
+    def __init__(self, file):
+        self.file = file
+        self.decoder = codecs.getincrementaldecoder("utf-8")()
+
+    def read(self):
+        """Waits for a character at least, and returns all that has come; nothing after the end."""
+        while True:
+            data = os.read(self.file, 65536)
+            text = self.decoder.decode(data, final=not data)
+            if text or not data:
+                return text
 
 
 class FolderWatch:

@@ -11,7 +11,7 @@ import subprocess
 import termios
 import time
 
-from harness import PATIENCE
+from harness import PATIENCE, TextReader
 
 ENTER, LEAVE = "\033[?1049h\033[?25l", "\033[?25h\033[?1049l"  # what a full-screen program writes first and last
 
@@ -21,7 +21,8 @@ class Terminal:
 
     def __init__(self, command, environment, rows, columns):
         self.master, self.slave = pty.openpty()
-        self.resize(rows, columns)
+        self.reader = TextReader(self.master)
+        self._set_size(rows, columns)
         self.modes_before = self.modes()
         self.child = subprocess.Popen(command, env=environment, stdin=self.slave, stdout=self.slave, stderr=self.slave,
                                       start_new_session=True,
@@ -35,6 +36,10 @@ class Terminal:
         os.close(self.slave)
 
     def resize(self, rows, columns):
+        self._read_rest()
+        self._set_size(rows, columns)
+
+    def _set_size(self, rows, columns):
         self.row_count, self.columns = rows, columns
         self.output = ""  # the earlier output had another size
         fcntl.ioctl(self.slave, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
@@ -49,7 +54,7 @@ class Terminal:
         """Reads available output; returns False if none comes in time."""
         if not select.select([self.master], [], [], timeout)[0]:
             return False
-        self.output += os.read(self.master, 65536).decode(errors="replace")
+        self.output += self.reader.read()
         return True
 
     def _read_rest(self):
@@ -94,7 +99,8 @@ class Terminal:
     def rows(self):
         """Returns the rows of the screen after the last frame. Fails if a row is wider than the terminal."""
         rows, at = [], 0
-        for text in re.split(r"(\033\[[?\d]*[a-zA-Z]|\r*\n)", self.output):
+        whole = re.sub(r"(\r+|\033(\[[?\d]*)?)\Z", "", self.output)  # the last read may end inside a newline or a code
+        for text in re.split(r"(\033\[[?\d]*[a-zA-Z]|\r*\n)", whole):
             if text == "\033[H":
                 at = 0
             elif text.endswith("\n"):

@@ -12,7 +12,7 @@ from pathlib import Path
 
 import pytest
 
-from harness import PATIENCE, ROOT
+from harness import PATIENCE, ROOT, TextReader
 
 DOCUMENTS = [ROOT / "README.md", *sorted((ROOT / "docs").glob("*.md"))]
 PROGRAMS = set("""adduser apt apt-get busctl cat cp dbus-daemon dbus-send debuild dpkg dpkg-buildpackage echo export gdbus git id journalctl
@@ -211,10 +211,10 @@ class Shell:
     def begin(self, command, pattern):
         """Starts a command and returns it once its output begins with the pattern."""
         process = self.start(command)
-        output, deadline = "", time.monotonic() + PATIENCE
+        output, reader, deadline = "", TextReader(process.stdout.fileno()), time.monotonic() + PATIENCE
         while not re.match(pattern, output):
             ready = select.select([process.stdout], [], [], max(0, deadline - time.monotonic()))[0]
-            more = os.read(process.stdout.fileno(), 65536).decode() if ready else ""
+            more = reader.read() if ready else ""
             if not more:
                 self.end(process)
             assert more, f"{command} printed only:\n{output}"

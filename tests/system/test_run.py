@@ -12,7 +12,7 @@ from pathlib import Path
 
 import pytest
 
-from harness import PATIENCE, READY, ROOT
+from harness import PATIENCE, READY, ROOT, TextReader
 
 RUN = str(ROOT / "run")
 PIDS = """
@@ -78,12 +78,13 @@ class Started:
             stderr=subprocess.PIPE, start_new_session=not terminal,
             preexec_fn=lambda: ignored and signal.signal(ignored, signal.SIG_IGN))
         self.output = ""
+        self.reader = TextReader(self.process.stdout.fileno())
 
     def read_until(self, pattern):
         """Reads standard output until the pattern is in it; returns all output so far."""
         while not re.search(pattern, self.output):
             assert select.select([self.process.stdout], [], [], PATIENCE)[0], f"no {pattern} in:\n{self.output}"
-            more = os.read(self.process.stdout.fileno(), 65536).decode()
+            more = self.reader.read()
             assert more, f"ended without {pattern}:\n{self.output}\n{self.process.stderr.read().decode()}"
             self.output += more
         return self.output

@@ -8,7 +8,7 @@ import select
 import subprocess
 import time
 
-from harness import PATIENCE, Process
+from harness import PATIENCE, Process, TextReader
 
 
 class View(Process):
@@ -18,6 +18,7 @@ class View(Process):
         self.lines = []
         self.rest = ""
         self.reader, writer = os.pipe()
+        self.output = TextReader(self.reader)
         super().__init__(*command, env=environment, stdout=writer, stderr=subprocess.PIPE, **options)
         os.close(writer)
 
@@ -31,7 +32,7 @@ class View(Process):
         while "\n" not in self.rest:
             assert select.select([self.reader], [], [], max(0, deadline - time.monotonic()))[0], \
                 f"no line within {timeout} s after {self.lines}"
-            read = os.read(self.reader, 65536).decode()
+            read = self.output.read()
             if not read:
                 assert self.rest == "", "the last line has no end"
                 return None
