@@ -12,10 +12,10 @@ exec </dev/null
 running=
 trap 'kill -TERM "$running"; wait "$running"; exit 130' INT TERM
 
-# step LIMIT COMMAND...: runs the command, and prints how long it took.
+limit=30m # for each step; a script may set another
+# step COMMAND...: runs the command for at most $limit, and prints how long it took.
 step() {
-    local started=$SECONDS status=0 limit=$1
-    shift
+    local started=$SECONDS status=0
     echo "== $*"
     timeout --kill-after=30 "$limit" "$@" &
     running=$!

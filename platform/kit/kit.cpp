@@ -28,8 +28,8 @@ constexpr int MOST_MISSES = 2;  // the first may be due to another rule, so the 
 constexpr auto A_SHORT_TIME = std::chrono::milliseconds(100);
 constexpr auto A_LOOK = std::chrono::milliseconds(1);
 constexpr auto LONGEST_UNREST = std::chrono::seconds(10);
-constexpr auto LITTLE_UNREST =
-    std::chrono::seconds(1);              // once the others have not rested for the longest time
+// Once the others have not rested for the longest time.
+constexpr auto LITTLE_UNREST = std::chrono::seconds(1);
 constexpr std::size_t MOST_ZONES = 1000;  // a longer list is one without an end
 constexpr int LOOKS = 10;                 // a thread that is asleep in so many looks waits for something
 

@@ -437,8 +437,8 @@ int rc_get_zone_id(rc_zone_h zone, int* zone_id) {
 }
 
 int rc_free_zone_list(rc_zone_list_h list) {
-    const std::unique_ptr<_rc_zone_list> freed(
-        list);  // also when the call fails: nobody can free the list afterwards
+    // Also when the call fails: nobody can free the list afterwards.
+    const std::unique_ptr<_rc_zone_list> freed(list);
     return Seam::Call("rc_free_zone_list", "", [](TvState&, PendingReport&) { return 0; });
 }
 

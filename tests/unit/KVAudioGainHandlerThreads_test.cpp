@@ -17,6 +17,7 @@
 #include <ctime>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <system_error>
 
 #include "GainFixture.h"
@@ -49,8 +50,8 @@ std::atomic<bool> watchesThreads = false;
 
 /** Whether timed locks of this thread fail. */
 thread_local bool locksFail = false;
-/** The longest time that one of them was to wait. */
-thread_local std::chrono::nanoseconds longestLock = {};
+/** The longest time that one of them was to wait. None was measured in a ThreadSanitizer build. */
+thread_local std::optional<std::chrono::nanoseconds> longestLock;
 
 std::string Place(pthread_t thread) {
     const std::lock_guard lock(startsMutex);
@@ -62,8 +63,9 @@ std::string Place(pthread_t thread) {
 [[maybe_unused]] int TimeOut(clockid_t clock, const timespec& deadline) {
     timespec now = {};
     clock_gettime(clock, &now);
-    longestLock = std::max(longestLock, std::chrono::seconds(deadline.tv_sec - now.tv_sec) +
-                                            std::chrono::nanoseconds(deadline.tv_nsec - now.tv_nsec));
+    const std::chrono::nanoseconds wait = std::chrono::seconds(deadline.tv_sec - now.tv_sec) +
+                                          std::chrono::nanoseconds(deadline.tv_nsec - now.tv_nsec);
+    longestLock = std::max(longestLock.value_or(wait), wait);
     return ETIMEDOUT;
 }
 
@@ -367,17 +369,20 @@ TEST_F(KVAudioGainHandlerThreadsTest, WithoutTheLockAGetterLeavesTheCallersValue
     EXPECT_THAT(journal.Gains().Texts(), IsEmpty());
 }
 
+#ifndef __SANITIZE_THREAD__
 TEST_F(KVAudioGainHandlerThreadsTest, NoLockIsWaitedForLongerThanThreeSeconds) {
     Start();
-    longestLock = {};
+    longestLock.reset();
     locksFail = true;
     EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_PLAYER, 40, 1), -1);
     EXPECT_EQ(gain->ApplyPulseAudioGain(100, 0), 0);
     locksFail = false;
     EXPECT_EQ(journal.Here().With(LOCK_FAILED).Count(), 3)
         << "the gain, the output and the target are guarded";
-    EXPECT_LE(longestLock, std::chrono::seconds(3));
+    ASSERT_TRUE(longestLock);
+    EXPECT_LE(*longestLock, std::chrono::seconds(3));
 }
+#endif
 
 TEST_F(KVAudioGainHandlerThreadsTest, AGainThatCannotBeReadIsTreatedAsZeroInTheTotal) {
     Start();

@@ -308,4 +308,10 @@ CLI::Validator Utf8Text() {
     return {check, ""};
 }
 
+void AddSeconds(CLI::App& command, std::optional<double>& seconds) {
+    command.add_option("--seconds", seconds, "End after 0.001 to 86400 seconds (default: at Ctrl-C)")
+        ->type_name("S")
+        ->transform(DecimalNumber(0.001, 86400));
+}
+
 }  // namespace tools

@@ -97,6 +97,9 @@ extern const Choices SWITCH_SYNONYMS;
 /** Accepts UTF-8, without which text cannot be sent over the bus. */
 CLI::Validator Utf8Text();
 
+/** Adds "--seconds S" to a command that runs until Ctrl-C. */
+void AddSeconds(CLI::App& command, std::optional<double>& seconds);
+
 }  // namespace tools
 
 #endif

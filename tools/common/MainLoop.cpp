@@ -71,7 +71,12 @@ int MainLoop::Run() {
     return m_exitCode;
 }
 
-int MainLoop::RunUntilInterrupted() {
+int MainLoop::RunUntilInterrupted(std::optional<double> seconds) {
+    GLibPtr<GSource> end;
+    if (seconds) {
+        end = After(std::chrono::ceil<std::chrono::milliseconds>(std::chrono::duration<double>(*seconds)),
+                    [this] { Quit(EXIT_DONE); });
+    }
     const int exitCode = Run();
     return exitCode == EXIT_INTERRUPTED ? EXIT_DONE : exitCode;
 }

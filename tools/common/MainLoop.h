@@ -10,6 +10,7 @@
 #include <csignal>
 #include <exception>
 #include <functional>
+#include <optional>
 #include <vector>
 
 #include "Errors.h"
@@ -36,8 +37,8 @@ public:
     /** @return the argument of Quit(), or 128 + the signal's number
      *  @throws the exception of a guarded function */
     int Run();
-    /** Like Run(), but returns 0 after Ctrl-C, which is the usual end of some commands. */
-    int RunUntilInterrupted();
+    /** Like Run(), but returns 0 after Ctrl-C, which is the usual end of some commands, and after so many seconds. */
+    int RunUntilInterrupted(std::optional<double> seconds = {});
     void Quit(int exitCode);
 
     enum class Waited { MET, EXPIRED, ENDED };

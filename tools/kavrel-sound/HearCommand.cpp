@@ -136,7 +136,7 @@ struct HearCommand {
         options.AddFile(command, "FILE.csv");
         command.add_option("--sink", sink, "Hear this sink (default: that of the output in use)")
             ->type_name("SINK");
-        options.AddSeconds(command);
+        tools::AddSeconds(command, options.seconds);
     }
 
     int Run(const Scene& scene) const {

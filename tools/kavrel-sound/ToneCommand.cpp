@@ -86,21 +86,13 @@ struct ToneCommand {
     void AddOptions(CLI::App& command) {
         command.add_option("HZ", frequency, "The frequency, 20 to 20000 (default: 440)")
             ->transform(tools::WholeNumber(20, 20000));
-        command.add_option("--seconds", seconds, "End after 0.001 to 86400 seconds (default: at Ctrl-C)")
-            ->type_name("S")
-            ->transform(tools::DecimalNumber(0.001, 86400));
+        tools::AddSeconds(command, seconds);
     }
 
     int Run(const Scene& scene) const {
         tools::MainLoop loop;
         const Tone tone(loop, scene.settings.server, frequency);
-        tools::GLibPtr<GSource> end;
-        if (seconds) {
-            end = loop.After(
-                std::chrono::ceil<std::chrono::milliseconds>(std::chrono::duration<double>(*seconds)),
-                [&loop] { loop.Quit(tools::EXIT_DONE); });
-        }
-        return loop.RunUntilInterrupted();
+        return loop.RunUntilInterrupted(seconds);
     }
 };
 

@@ -16,7 +16,7 @@ struct RecordCommand {
 
     void AddOptions(CLI::App& command) {
         options.AddFile(command, "FILE");
-        options.AddSeconds(command);
+        tools::AddSeconds(command, options.seconds);
     }
 
     int Run(const std::string& directory) const {

@@ -108,12 +108,6 @@ void RecordingOptions::AddFile(CLI::App& command, const std::string& name) {
         ->required();
 }
 
-void RecordingOptions::AddSeconds(CLI::App& command) {
-    command.add_option("--seconds", seconds, "End after 0.001 to 86400 seconds (default: at Ctrl-C)")
-        ->type_name("S")
-        ->transform(tools::DecimalNumber(0.001, 86400));
-}
-
 Recorder::Recorder(tools::MainLoop& loop, std::string name, Content content)
     : m_loop(loop),
       m_name(std::move(name)),
@@ -170,15 +164,10 @@ void Recorder::Hear(Clock::time_point end, double heard) {
 }
 
 int Recorder::RunFor(std::optional<double> seconds) {
-    tools::GLibPtr<GSource> end;
-    if (seconds) {
-        end = m_loop.After(
-            std::chrono::ceil<std::chrono::milliseconds>(std::chrono::duration<double>(*seconds)),
-            [this] { m_loop.Quit(tools::EXIT_DONE); });
-    } else {
+    if (!seconds) {
         tools::Complain("recording until Ctrl-C");
     }
-    const int status = m_loop.RunUntilInterrupted();
+    const int status = m_loop.RunUntilInterrupted(seconds);
     End();
     return status;
 }

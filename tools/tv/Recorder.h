@@ -25,7 +25,6 @@ struct RecordingOptions {
     std::optional<double> seconds;
 
     void AddFile(CLI::App& command, const std::string& name);
-    void AddSeconds(CLI::App& command);
 };
 
 /** Records the open TV: writes a line for each change, at once; or, if it records sound, when the sound before the change

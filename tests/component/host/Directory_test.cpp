@@ -661,13 +661,18 @@ TEST_F(DirectoryTest, AWriterWhoseFolderWasRemovedMakesAnother) {
     EXPECT_THAT(other.Log(), IsEmpty());
 }
 
+/** Sets the main gain to 50 while another thread that sets the sub gain to 60 is held at an opening of the path. */
+void SetBothGainsAtOnce(OtherProcess& other, const std::string& path) {
+    ASSERT_EQ(other.Do("cross-opening " + path + " set-sub-gain 60"), "0");
+    EXPECT_EQ(other.Do("set-gain 50"), "0");
+    EXPECT_EQ(other.Do("end-aside"), "0");
+}
+
 TEST_F(DirectoryTest, ThreadsThatWriteFirstAtOnceShareOneFolder) {
     tv.Echo(VOLUME, "10");
     OtherProcess other(tv);
     ASSERT_EQ(other.Do("volume"), "0 10");
-    ASSERT_EQ(other.Do("cross-opening .tmp set-sub-gain 60"), "0");
-    EXPECT_EQ(other.Do("set-gain 50"), "0");
-    EXPECT_EQ(other.Do("end-aside"), "0");
+    SetBothGainsAtOnce(other, ".tmp");
     EXPECT_THAT(tv.OwnFolders(), SizeIs(1));
     EXPECT_EQ(tv.Content("audio/sub_out_gain2"), "60\n");
 }
@@ -678,9 +683,7 @@ TEST_F(DirectoryTest, ThreadsThatFindANewDirectoryAtOnceShareOneFolderInIt) {
     ASSERT_EQ(other.Do("volume"), "0 10");
     fs::rename(place, tv / "away");
     tv.Echo("tv/audio/master_volume", "20");
-    ASSERT_EQ(other.Do("cross-opening " + place.string() + " set-sub-gain 60"), "0");
-    EXPECT_EQ(other.Do("set-gain 50"), "0");
-    EXPECT_EQ(other.Do("end-aside"), "0");
+    SetBothGainsAtOnce(other, place);
     EXPECT_EQ(tv.Content("tv/audio/sub_out_gain2"), "60\n");
     EXPECT_EQ(std::distance(fs::directory_iterator(place / ".tmp"), fs::directory_iterator()), 1);
 }
@@ -690,9 +693,7 @@ TEST_F(DirectoryTest, TwoThreadsWhoseFolderWasRemovedMakeOneAnother) {
     OtherProcess other(tv);
     ASSERT_EQ(other.Do("set-gain 20"), "0");
     fs::remove_all(tv / ".tmp");
-    ASSERT_EQ(other.Do("cross-opening new-file set-sub-gain 60"), "0");
-    EXPECT_EQ(other.Do("set-gain 50"), "0");
-    EXPECT_EQ(other.Do("end-aside"), "0");
+    SetBothGainsAtOnce(other, "new-file");
     EXPECT_THAT(tv.OwnFolders(), SizeIs(1));
     EXPECT_EQ(tv.Content("audio/main_out_gain2"), "50\n");
 }
