@@ -60,6 +60,8 @@ constexpr Bits WaitBits(int worker) {
 std::array<std::atomic<pthread_cond_t*>, GAIN_HANDLER_COUNT> conditions = {};
 /** In nanoseconds. */
 std::array<std::atomic<long>, GAIN_HANDLER_COUNT> longestSteps = {};
+/** In nanoseconds. */
+std::array<std::atomic<long>, GAIN_HANDLER_COUNT> latestSteps = {};
 std::atomic<bool> recordsNotifications = false;
 std::atomic<bool> skipsStepTimes = false;
 /** The worker whose steps have no end in time. */
@@ -115,6 +117,7 @@ int WaitAsWorker(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t cl
         const long step = NanosecondsUntil(clock, *deadline);
         std::atomic<long>& longest = longestSteps[static_cast<std::size_t>(thisWorker)];
         longest = std::max(longest.load(), step);  // no other thread is this worker
+        latestSteps[static_cast<std::size_t>(thisWorker)] = step;
         deadline = IsSkipped(step) ? &PAST : deadline;
     }
     const Bits bit = deadline == nullptr ? RequestBit(thisWorker) : TimeBit(thisWorker);
@@ -202,6 +205,10 @@ bool WorkerWaits(eKVGainHandlerType worker, const std::string& lastEntry) {
 
 std::chrono::nanoseconds LongestStep(eKVGainHandlerType worker) {
     return std::chrono::nanoseconds(longestSteps[static_cast<std::size_t>(worker)]);
+}
+
+std::chrono::nanoseconds LatestStep(eKVGainHandlerType worker) {
+    return std::chrono::nanoseconds(latestSteps[static_cast<std::size_t>(worker)]);
 }
 
 void NotifyWorker(eKVGainHandlerType worker) {

@@ -39,6 +39,8 @@ namespace fake {
  * A slow machine can make it shorter but never longer.
  */
 std::chrono::nanoseconds LongestStep(NKavrel::eKVGainHandlerType worker);
+/** Like LongestStep(), but only the latest of these times. */
+std::chrono::nanoseconds LatestStep(NKavrel::eKVGainHandlerType worker);
 
 /** Notifies a worker that has waited before, without a request. */
 void NotifyWorker(NKavrel::eKVGainHandlerType worker);
