@@ -141,8 +141,9 @@ def copy(tmp_path):
         for name, text in stand_ins.items():
             (tmp_path / name).write_text(f"#!/bin/sh\n{text}\n")
             (tmp_path / name).chmod(0o755)
+        environment = {name: value for name, value in os.environ.items() if name != "KAVREL_SHAKE"}
         return subprocess.run([tmp_path / script, *arguments], capture_output=True, text=True, timeout=60, check=False,
-                              stdin=subprocess.DEVNULL)
+                              env=environment, stdin=subprocess.DEVNULL)
 
     run.root = tmp_path
     return run
