@@ -130,6 +130,7 @@ NOT_RUN = {
     "./test fuzz [SECONDS]": PATTERN,
     "./test soak [SECONDS]": PATTERN,
     "./test flakes [N]": PATTERN,
+    "./test mutants [NAME]": PATTERN,
     "./bench [quick]": PATTERN,
     "./lint [STEP...]": PATTERN,
     "kavrel-tv emulator": "the name of a command, without its argument",
