@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: MIT
 #include <fcntl.h>
 #include <gio/gunixfdlist.h>
+#include <malloc.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +14,7 @@
 #include <cstddef>
 #include <deque>
 #include <functional>
+#include <future>
 #include <map>
 #include <mutex>
 #include <string>
@@ -19,7 +22,9 @@
 #include <vector>
 
 #include "DaemonTest.h"
+#include "KVMessageFilter.h"
 
+using NKavrel::KVMessageFilter;
 using NKavrel::KVServer;
 using testing::Each;
 using testing::HasSubstr;
@@ -529,6 +534,116 @@ TEST_F(KVMessageFilterDescriptorTest, AReplyLosesItsDescriptor) {
         peer.Call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId", nullptr),
         nullptr);
     EXPECT_TRUE(IsClosed());
+}
+
+/**
+ * Tests the filter without the server, on a connection to a client of its own. Between them is no bus that writes the
+ * sender into each message, so the client sends in any name.
+ */
+class KVMessageFilterAloneTest : public testing::Test {
+protected:
+    KVMessageFilterAloneTest() {
+        std::array<int, 2> ends{};
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
+        auto serving =
+            std::async(std::launch::async, Connect, ends[0], G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_SERVER);
+        m_client = Connect(ends[1], G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT);
+        m_server = serving.get();
+        filter = std::make_unique<KVMessageFilter>(m_server.get(), *Interface(), OBJECT_PATH, PUBLIC_PATH);
+    }
+    ~KVMessageFilterAloneTest() override {
+        filter.reset();
+        fake::Disconnect(std::move(m_client));
+        fake::Disconnect(std::move(m_server));
+    }
+
+    /** Serves the getter's calls by `handler`, which keeps the invocation. */
+    void Serve(const GDBusInterfaceVTable& handler) {
+        g_dbus_connection_register_object(m_server.get(), OBJECT_PATH, Interface(), &handler, this, nullptr,
+                                          nullptr);
+    }
+    void SendGetter() {
+        Send(g_dbus_message_new_method_call(nullptr, OBJECT_PATH, INTERFACE, GETTER), ":1.1");
+    }
+    void SendSignal(const std::string& sender) {
+        Send(g_dbus_message_new_signal(PUBLIC_PATH, INTERFACE, "BudsConnected"), sender.c_str());
+    }
+    /** Returns when all messages have passed the filter and all calls that it passed on have been handled. */
+    void Finish() {
+        const tools::Variant pong(
+            g_dbus_connection_call_sync(m_client.get(), nullptr, "/", "org.freedesktop.DBus.Peer", "Ping",
+                                        nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr));
+        EXPECT_NE(pong, nullptr);
+        while (g_main_context_iteration(nullptr, FALSE)) {
+        }
+    }
+
+    std::unique_ptr<KVMessageFilter> filter;
+
+private:
+    static constexpr const char* GETTER = "GetSpeakerVolume";
+
+    static tools::GLibPtr<GDBusConnection> Connect(int descriptor, GDBusConnectionFlags role) {
+        const tools::GLibPtr<GSocket> socket(g_socket_new_from_fd(descriptor, nullptr));
+        const tools::GLibPtr<GSocketConnection> stream(
+            g_socket_connection_factory_create_connection(socket.get()));
+        const tools::GLibPtr<char> guid(g_dbus_generate_guid());
+        const bool isServer = role == G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_SERVER;
+        return tools::GLibPtr<GDBusConnection>(g_dbus_connection_new_sync(
+            G_IO_STREAM(stream.get()), isServer ? guid.get() : nullptr, role, nullptr, nullptr, nullptr));
+    }
+    GDBusInterfaceInfo* Interface() const { return m_description->interfaces[0]; }
+    void Send(GDBusMessage* message, const char* sender) {
+        const tools::GLibPtr<GDBusMessage> owned(message);
+        g_dbus_message_set_sender(message, sender);
+        g_dbus_connection_send_message(m_client.get(), message, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr,
+                                       nullptr);
+    }
+
+    const tools::GLibPtr<GDBusNodeInfo> m_description{g_dbus_node_info_new_for_xml(
+        "<node><interface name='org.olvane.kavrel'><method name='GetSpeakerVolume'/></interface></node>",
+        nullptr)};
+    tools::GLibPtr<GDBusConnection> m_client;
+    tools::GLibPtr<GDBusConnection> m_server;
+};
+
+TEST_F(KVMessageFilterAloneTest, ASenderOfWhichNothingWaitsTakesNoMemory) {
+    constexpr int SENDERS = 4096;
+    const std::size_t before = mallinfo2().uordblks;
+    for (int i = 0; i < SENDERS; ++i) {
+        SendSignal(":1." + std::to_string(i) + std::string(200, '0'));
+        if (i % 64 == 0) {
+            Finish();  // so that few messages are on their way: GLib keeps the memory that they took
+        }
+    }
+    Finish();
+    const std::size_t after = mallinfo2().uordblks;
+    EXPECT_LT(after, before + SENDERS * 100U) << "each name has 200 bytes";
+}
+
+TEST_F(KVMessageFilterAloneTest, AMessageLeavesTheCountsWhenItsHandlerEndsEvenIfItsCallIsKept) {
+    using Test = std::remove_reference_t<decltype(*this)>;
+    static std::vector<tools::GLibPtr<GDBusMethodInvocation>> calls;
+    static std::vector<KVMessageFilter::Waiting> waiting;
+    Serve({[](GDBusConnection*, const char*, const char*, const char*, const char*, GVariant* arguments,
+              GDBusMethodInvocation* invocation, void* test) {
+               calls.emplace_back(invocation);
+               waiting.push_back(static_cast<Test*>(test)->filter->Take(arguments));
+           },
+           nullptr,
+           nullptr,
+           {}});
+    for (int i = 0; i < 65; ++i) {
+        SendGetter();
+    }
+    Finish();
+    EXPECT_EQ(calls.size(), 64U);
+    waiting.clear();
+    SendGetter();
+    Finish();
+    EXPECT_EQ(calls.size(), 65U);
+    waiting.clear();
+    calls.clear();
 }
 
 }  // namespace
