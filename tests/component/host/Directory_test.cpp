@@ -43,6 +43,18 @@ namespace {
 constexpr const char* VOLUME = "audio/master_volume";
 constexpr const char* KEY = "settings/memory/key";
 
+/** The files and folders of a TV, but for the writers' own. */
+std::set<std::string> Below(const Folder& tv) {
+    std::set<std::string> paths;
+    for (const auto& entry : fs::recursive_directory_iterator(tv.Path())) {
+        const std::string path = fs::relative(entry.path(), tv.Path());
+        if (!path.starts_with(".tmp")) {
+            paths.insert(path);
+        }
+    }
+    return paths;
+}
+
 class DirectoryTest : public testing::Test {
 protected:
     Folder tv;
@@ -64,6 +76,16 @@ TEST_F(DirectoryTest, AnEmptyDirectoryBecomesTheDefaultTv) {
     EXPECT_EQ(other.Do("sub-gain"), "0 100");
     EXPECT_EQ(tv.Content("audio/master_volume"), "10\n");
     EXPECT_THAT(tv.Leftovers("."), IsEmpty());
+    EXPECT_THAT(Below(tv),
+                UnorderedElementsAre("audio", "audio/main_out_gain2", "audio/master_mute",
+                                     "audio/master_volume", "audio/sub_out_gain2", "events", "features",
+                                     "features/com.norvik", "features/com.norvik/featureconf",
+                                     "features/com.norvik/featureconf/internal_speaker_supported",
+                                     "features/com.norvik/featureconf/multiview.support",
+                                     "features/com.norvik/featureconf/projector_feature_support", "settings",
+                                     "settings/db", "settings/memory", "settings/memory/multiscreen",
+                                     "settings/memory/multiscreen/info", "sound", "sound/route",
+                                     "sound/zones", "zones"));
 }
 
 TEST_F(DirectoryTest, AMissingDirectoryIsMade) {
@@ -723,12 +745,17 @@ TEST_F(DirectoryTest, AWriterPassesByANameThatIsTakenInItsFolder) {
 
 TEST_F(DirectoryTest, ALinkInThePlaceOfTheWritersFoldersIsNotFollowed) {
     const Folder outside;
+    outside.Echo("folder/precious", "1");
     tv.Echo(VOLUME, "10");
     fs::create_directory_symlink(outside.Path(), tv / ".tmp");
     OtherProcess other(tv);
     EXPECT_EQ(other.Do("set-volume 30"), "0");
     EXPECT_EQ(tv.Content(VOLUME), "30\n");
-    EXPECT_TRUE(fs::is_empty(outside.Path()));
+    fs::remove(tv / ".tmp");
+    fs::create_directory(tv / ".tmp");
+    fs::create_directory_symlink(outside / "folder", tv / ".tmp/999-1-0");
+    ASSERT_EQ(OtherProcess(tv).Do("volume"), "0 30");
+    EXPECT_THAT(Below(outside), UnorderedElementsAre("folder", "folder/precious"));
 }
 
 TEST_F(DirectoryTest, FoldersThatAreMadeAreOpenToWhoTheMaskLets) {
@@ -854,6 +881,19 @@ TEST_F(DirectoryTest, OnlyValuesBelowDbAreSyncedTheTextBeforeItsNameAndTheFolder
     fs::remove_all(elsewhere);
 }
 
+TEST_F(DirectoryTest, AValueThatCannotBeSyncedIsAnError) {
+    OtherProcess other(tv);
+    ASSERT_EQ(other.Do("set-text db/key old"), "0");
+    ASSERT_EQ(other.Do("refuse-syncs-of file"), "0");
+    EXPECT_EQ(other.Do("set-text db/key new"), "-1005");
+    EXPECT_EQ(tv.Content("settings/db/key"), "old\n");
+    EXPECT_THAT(tv.Leftovers("."), IsEmpty());
+    ASSERT_EQ(other.Do("refuse-syncs-of db"), "0");
+    EXPECT_EQ(other.Do("set-text db/key new"), "-1005") << "the folder has the name of the new file";
+    EXPECT_THAT(other.Log(), AllOf(SizeIs(2), Each("E Cannot write " + (tv / "settings/db/key").string() +
+                                                   ": Input/output error")));
+}
+
 TEST_F(DirectoryTest, AWriteIsOneNotificationOfAFileThatCameIntoItsPlace) {
     OtherProcess other(tv);
     ASSERT_EQ(other.Do("volume"), "0 10");
@@ -869,6 +909,8 @@ TEST_F(DirectoryTest, AWriteIsOneNotificationOfAFileThatCameIntoItsPlace) {
 }
 
 TEST_F(DirectoryTest, NoFileOfThePlatformIsOpenInProgramsStartedLater) {
+    tv.Put(".filling", "");
+    tv.Put("audio/.kavrel-999-1-7", "5");
     OtherProcess other(tv);
     const std::string before = other.Do("files-to-inherit");
     for (const char* const line :
@@ -876,10 +918,36 @@ TEST_F(DirectoryTest, NoFileOfThePlatformIsOpenInProgramsStartedLater) {
           "set-int db/key 1", "zones", "gain", "done event"}) {
         other.Do(line);
     }
+    ASSERT_EQ(other.Do("cross before move " + (tv / VOLUME).string() + " 40"), "0");
+    EXPECT_EQ(other.Do("set-volume 50"), "0");
     EXPECT_EQ(other.Do("files-to-inherit"), before);
     ASSERT_EQ(other.Do("refuse openat2 38"), "0");
     ASSERT_EQ(other.Do("zones"), "0 ");
     EXPECT_EQ(other.Do("files-opened-to-inherit"), "0") << "also of those that are closed again";
+}
+
+/** How many files a process has open. */
+std::ptrdiff_t OpenFiles(pid_t process) {
+    const fs::path files = "/proc/" + std::to_string(process) + "/fd";
+    return std::distance(fs::directory_iterator(files), fs::directory_iterator());
+}
+
+TEST_F(DirectoryTest, EachCallClosesItsFiles) {
+    OtherProcess other(tv);
+    const auto call = [&] {
+        for (const char* const line :
+             {"set-volume 20", "volume", "set-gain 50", "gain", "zones", "done event", "is-done event",
+              "reset event", "set-int db/key 1", "int db/key", "set-int memory/a/b 1", "text memory"}) {
+            other.Do(line);
+        }
+    };
+    call();
+    const auto before = OpenFiles(other.Process());
+    call();
+    EXPECT_EQ(OpenFiles(other.Process()), before);
+    ASSERT_EQ(other.Do("refuse openat2 38"), "0");
+    call();
+    EXPECT_EQ(OpenFiles(other.Process()), before) << "without openat2";
 }
 
 /** The files of a process, but for the standard streams, behind which nothing is. */
@@ -974,6 +1042,17 @@ TEST_F(DirectoryTest, AReadOnlyFolderIsAClearErrorAndTheOldValueStands) {
     EXPECT_THAT(other.Log(), ElementsAre("E Cannot write " + (tv / VOLUME).string() + ": Permission denied"));
     fs::permissions(tv / "audio", fs::perms::owner_all);
     EXPECT_EQ(other.Do("set-volume 30"), "0");
+}
+
+TEST_F(DirectoryTest, AWriterWhoseFolderIsReadOnlyWritesBesideTheValue) {
+    OtherProcess other(tv);
+    ASSERT_EQ(other.Do("set-volume 20"), "0");
+    ASSERT_EQ(other.Do("drop-capabilities"), "0");
+    const fs::path own = tv / *tv.OwnFolders().begin();
+    fs::permissions(own, fs::perms::owner_read | fs::perms::owner_exec);
+    EXPECT_EQ(other.Do("set-volume 30"), "0");
+    EXPECT_EQ(tv.Content(VOLUME), "30\n");
+    fs::permissions(own, fs::perms::owner_all);
 }
 
 TEST_F(DirectoryTest, TextLongerThanAMebibyteIsRefused) {

@@ -40,6 +40,8 @@ struct State {
     std::string steps;
     kernel::Crossing crossing;
     std::string refusedEnd;
+    std::string hiddenPath;
+    std::string unsyncedName;
     std::string openedPath;
     std::function<void()> beforeOpening;
     std::deque<int> timeouts;  // those that NextTimeout() has not returned yet
@@ -102,6 +104,16 @@ bool IsRefused(const std::string& path) {
     return !state.refusedEnd.empty() && path.ends_with(state.refusedEnd);
 }
 
+bool IsHidden(const std::string& path) {
+    const std::lock_guard guard(state.mutex);
+    return path == state.hiddenPath;
+}
+
+bool IsUnsynced(const std::string& name) {
+    const std::lock_guard guard(state.mutex);
+    return name == state.unsyncedName;
+}
+
 void Run(const std::function<void()>& action) {
     if (action) {
         action();
@@ -137,6 +149,10 @@ namespace {
 int Open(int folder, const char* path, int flags, va_list arguments) {
     const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
     Run(TakeOpening(path, flags));
+    if (IsHidden(path)) {
+        errno = ENOENT;
+        return -1;
+    }
     return static_cast<int>(syscall(SYS_openat, folder, path, flags, mode));
 }
 
@@ -157,6 +173,17 @@ extern "C" int openat(int folder, const char* path, int flags, ...) {
     const int file = Open(folder, path, flags, arguments);
     va_end(arguments);
     return file;
+}
+
+extern "C" int fcntl(int file, int command, ...) {
+    va_list arguments;
+    va_start(arguments, command);
+    const long argument = va_arg(arguments, long);
+    va_end(arguments);
+    if (command == F_DUPFD) {
+        ++filesToInherit;
+    }
+    return static_cast<int>(syscall(SYS_fcntl, file, command, argument));
 }
 
 extern "C" int mkdirat(int folder, const char* path, mode_t mode) noexcept {
@@ -181,7 +208,12 @@ extern "C" int epoll_wait(int epoll, epoll_event* events, int size, int timeout)
 }
 
 extern "C" int fsync(int file) {
-    Note("sync " + NameOf(file));
+    const std::string name = NameOf(file);
+    Note("sync " + name);
+    if (IsUnsynced(name)) {
+        errno = EIO;
+        return -1;
+    }
     return static_cast<int>(syscall(SYS_fsync, file));
 }
 
@@ -244,6 +276,16 @@ int RefuseWaits(int times) {
 void RefuseWatchesOf(const std::string& end) {
     const std::lock_guard guard(state.mutex);
     state.refusedEnd = end;
+}
+
+void HideFile(const std::string& path) {
+    const std::lock_guard guard(state.mutex);
+    state.hiddenPath = path;
+}
+
+void RefuseSyncsOf(const std::string& name) {
+    const std::lock_guard guard(state.mutex);
+    state.unsyncedName = name;
 }
 
 int RenameMeanwhile(int times) {

@@ -41,6 +41,12 @@ int RefuseWaits(int times);
 /** No folder whose path ends so can be watched, as if no watches were left. An empty end: all can be. */
 void RefuseWatchesOf(const std::string& end);
 
+/** There is no file of this path, as the opener writes it. */
+void HideFile(const std::string& path);
+
+/** Nothing of this name can be synced, as on a broken disk: "file", or a folder's name. An empty name: all can be. */
+void RefuseSyncsOf(const std::string& name);
+
 /** The next so many openat2() find that something is renamed meanwhile. @return 0 */
 int RenameMeanwhile(int times);
 

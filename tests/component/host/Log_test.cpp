@@ -170,12 +170,16 @@ TEST_F(LogTest, ATerminalGetsColours) {
     ASSERT_EQ(ptsname_r(terminal, name.data(), name.size()), 0);
     const int side = open(name.data(), O_RDWR | O_NOCTTY | O_CLOEXEC);
     ASSERT_GE(side, 0);
-    OtherProcess other(tv, {}, side);
-    EXPECT_EQ(other.Do("log 6 red"), "0");
-    std::array<char, 128> text{};
-    const ssize_t count = read(terminal, text.data(), text.size());
-    ASSERT_GT(count, 0);
-    EXPECT_EQ(std::string(text.data(), static_cast<std::size_t>(count)), "\033[31mE red\033[0m\r\n");
+    OtherProcess other(tv, {{"KAVREL_LOG", "debug"}}, side);
+    const std::string lines[] = {"\033[2mD text\033[0m\r\n", "\033[36mI text\033[0m\r\n",
+                                 "\033[33mW text\033[0m\r\n", "\033[31mE text\033[0m\r\n"};
+    for (int priority = DEBUG; priority <= ERROR; ++priority) {
+        EXPECT_EQ(other.Do("log " + std::to_string(priority) + " text"), "0");
+        std::array<char, 128> text{};
+        const ssize_t count = read(terminal, text.data(), text.size());
+        ASSERT_GT(count, 0);
+        EXPECT_EQ(std::string(text.data(), static_cast<std::size_t>(count)), lines[priority - DEBUG]);
+    }
     close(side);
     close(terminal);
 }
@@ -232,6 +236,12 @@ TEST_F(LogTest, ControlBytesAreWrittenInHexadecimalButForTheTab) {
     OtherProcess other(tv);
     EXPECT_EQ(other.Do("log-controls 4"), "0");
     EXPECT_THAT(other.Log(), ElementsAre("I a\tb\\x0D\\x1B[2J\\x7F\\x01\xC3\xA4\\x0A"));
+}
+
+TEST_F(LogTest, WhatCannotBeFormattedIsAFailureAndNoLine) {
+    OtherProcess other(tv);
+    EXPECT_EQ(other.Do("log-unformattable 6"), "-1084");
+    EXPECT_THAT(other.Log(), IsEmpty());
 }
 
 TEST_F(LogTest, LinesWaitForASlowReaderAndAreWhole) {

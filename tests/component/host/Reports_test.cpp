@@ -44,6 +44,7 @@ namespace fs = std::filesystem;
 using host_test::Ear;
 using host_test::Folder;
 using host_test::OtherProcess;
+using testing::AllOf;
 using testing::AnyOf;
 using testing::Contains;
 using testing::Each;
@@ -228,6 +229,14 @@ protected:
         const std::string mark = "memory/mark " + std::to_string(++m_marks);
         ASSERT_EQ(marker.Do("set-int " + mark), "0");
         ASSERT_EQ(process.Report(), mark + " platform");
+    }
+    static void Unmount(OtherProcess& process, const std::string& folder) {
+        bool isUnmounted = false;
+        for (int attempt = 0; attempt < 1000 && !isUnmounted;
+             ++attempt) {  // the platform thread may be reading
+            isUnmounted = process.Do("unmount " + folder) == "0";
+        }
+        ASSERT_TRUE(isUnmounted);
     }
     /** Makes a listener that lives until the fixture has removed all registrations. */
     Listener& NewListener(const std::string& name, const Action& act = nullptr) {
@@ -433,6 +442,7 @@ TEST_F(ReportsTest, AFileThatWasWrittenIsLoggedThoughItWasToBeReadAgainAnyway) {
     HearKey(KEY, listener);
     testing::internal::CaptureStderr();
     WhileReporting([&] {
+        fs::create_directory(tv / "settings/memory/folder");  // has all values read again, too
         tv.Echo("audio/master_volume", "loud");
         fs::remove(loop);
         EXPECT_EQ(vconf_ignore_key_changed(KEY, OnKey),
@@ -441,6 +451,7 @@ TEST_F(ReportsTest, AFileThatWasWrittenIsLoggedThoughItWasToBeReadAgainAnyway) {
     Settle();
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "E Cannot read " + (tv / "audio/master_volume").string() + ": not a valid value\n");
+    fs::remove(tv / "settings/memory/folder");
 }
 
 TEST_F(ReportsTest, ANodeGivesASettingAsTextAndAsInteger) {
@@ -775,6 +786,7 @@ TEST_F(CrossingTest, AFolderThatGoesInTheLastMomentIsMadeAgain) {
     ASSERT_EQ(process.Do("cross before remove " + (place / "settings/memory/going/key").string()), "0");
     EXPECT_EQ(process.Do("set-int memory/going/key 2"), "0");
     EXPECT_EQ(place.Content("settings/memory/going/key"), "2\n");
+    EXPECT_THAT(place.OwnFolders(), SizeIs(1));
 }
 
 TEST_F(CrossingTest, AZoneThatGoesInTheLastMomentIsNotMadeAgain) {
@@ -952,12 +964,23 @@ TEST_F(ReportsTest, AKeysRegistrationWaitsForAReportThatMakesTheSameOne) {
     EXPECT_EQ(vconf_ignore_key_changed(KEY, OnKey), 0);
 }
 
-TEST_F(ReportsTest, TheEndOfAKeysRegistrationWaitsForAReportThatEndsIt) {
-    ReportInFlight report(listener, [] { EXPECT_EQ(vconf_ignore_key_changed(KEY, OnKey), 0); });
-    HearVolume(listener);
-    HearKey(KEY, listener);
-    Change("set-volume 70");
-    report.ExpectWait([] { EXPECT_EQ(vconf_ignore_key_changed(KEY, OnKey), -1002); });
+TEST_F(ReportsTest, TheEndOfARegistrationWaitsForAReportThatEndsIt) {
+    const struct {
+        std::string change;
+        std::function<int()> end;
+    } kinds[] = {
+        {"set-volume 70", [] { return vconf_ignore_key_changed(KEY, OnKey); }},
+        {"set-volume 71", audio_unregister_master_volume_changed_cb},
+    };
+    for (const auto& [change, end] : kinds) {
+        SCOPED_TRACE(change);
+        const auto expect = [&end = end](int result) { EXPECT_EQ(end(), result); };
+        ReportInFlight report(listener, [&] { expect(0); });
+        HearVolume(listener);
+        HearKey(KEY, listener);
+        Change(change);
+        report.ExpectWait([&] { expect(-1002); });
+    }
 }
 
 TEST_F(ReportsTest, AnOwnWriteInAReportIsMeasuredAgainstThePresentValue) {
@@ -968,9 +991,14 @@ TEST_F(ReportsTest, AnOwnWriteInAReportIsMeasuredAgainstThePresentValue) {
     tv.Echo("settings/next/key", "2");
     tv.Echo("settings/next/other", "5");
     Settle();
-    ASSERT_EQ(renameat2(AT_FDCWD, (tv / "settings/next").c_str(), AT_FDCWD, (tv / "settings/memory").c_str(),
-                        RENAME_EXCHANGE),
-              0);
+    HearKey("memory/third", listener);
+    WhileReporting([&] {
+        ASSERT_EQ(renameat2(AT_FDCWD, (tv / "settings/next").c_str(), AT_FDCWD,
+                            (tv / "settings/memory").c_str(), RENAME_EXCHANGE),
+                  0);
+        // Takes the watch of the old folder away now, so that the kernel's word of that is not there later.
+        EXPECT_EQ(vconf_ignore_key_changed("memory/third", OnKey), 0);
+    });
     ear.WaitFor("other 1");
     EXPECT_THAT(ear.Heard(), ElementsAre("key 2", "other 1"));
     fs::remove_all(tv / "settings/next");
@@ -1256,9 +1284,11 @@ TEST_F(ReportsTest, AStormOfWritesAndRegistrationsOnManyThreads) {
     std::thread second([&] {
         for (int i = 0; i < ROUNDS; ++i) {
             EXPECT_EQ(vconf_set_int(KEY, i), 0);
+            EXPECT_EQ(sound_manager_set_speaker_changed_cb(OnNumber, &listener), 0);
         }
     });
     for (int i = 0; i < ROUNDS; ++i) {
+        EXPECT_EQ(sound_manager_set_speaker_changed_cb(OnNumber, &listener), 0);
         HearVolume(listener);
         HearKey(KEY, key);
         EXPECT_EQ(audio_unregister_master_volume_changed_cb(), 0);
@@ -1267,6 +1297,11 @@ TEST_F(ReportsTest, AStormOfWritesAndRegistrationsOnManyThreads) {
     writer.join();
     second.join();
     EXPECT_EQ(other.Answer(), "0");
+    ear.Forget();
+    EXPECT_EQ(sound_manager_unset_speaker_changed_cb(), 0);
+    EXPECT_EQ(sound_manager_set_speaker_selection(77), 0);
+    EXPECT_THAT(ear.Heard(), IsEmpty()) << "a registration that its slot has lost";
+    EXPECT_EQ(sound_manager_set_speaker_selection(0), 0);
 }
 
 // --- Watches on files and folders that come and go
@@ -1416,8 +1451,12 @@ TEST_F(NoWatchLeftTest, ItsFolderSilencesItsOwnValuesUntilThereIsOne) {
     EXPECT_EQ(deaf.Report(), "memory/late/key 5 platform");
     EXPECT_EQ(deaf.Do("set-int memory/late/key 6"), "0");
     EXPECT_EQ(deaf.Report(), "memory/late/key 6 own");
-    EXPECT_THAT(deaf.Log(), ElementsAre("E Cannot watch " + (place / "settings/memory/late").string() +
-                                        ": No space left on device"));
+    ASSERT_EQ(deaf.Do("refuse-watches-of memory/late"), "0");
+    EXPECT_EQ(deaf.Do("hear memory/late/second"), "0");
+    EXPECT_THAT(deaf.Log(),
+                AllOf(SizeIs(2), Each("E Cannot watch " + (place / "settings/memory/late").string() +
+                                      ": No space left on device")))
+        << "each time that there is none any more";
 }
 
 TEST_F(NoWatchLeftTest, TheErrorIsLoggedOnceForAllValuesOfTheFolder) {
@@ -1498,16 +1537,52 @@ TEST_F(ReportsTest, AMountIsHeededByAWriteRightAfterIt) {
         ASSERT_EQ(process.Do("mount " + folder), "0");
         ASSERT_EQ(process.Do("set-volume 15"), "0");
         EXPECT_EQ(process.Do("volume"), "0 15");
-        bool isUnmounted = false;
-        for (int attempt = 0; attempt < 1000 && !isUnmounted; ++attempt) {
-            isUnmounted = process.Do("unmount " + folder) == "0";
-        }
-        ASSERT_TRUE(isUnmounted);
+        Unmount(process, folder);
         EXPECT_EQ(process.Do("volume"), "0 11");
         while (process.Report() != "volume 11 platform") {
         }
         process.TakeReports();
     }
+}
+
+TEST_F(ReportsTest, AMountIsHeededByEachWriteUntilThePlatformThreadHasSeenIt) {
+    const Folder place;
+    OtherProcess process(place);
+    ASSERT_EQ(process.Do("own-mounts"), "0");
+    for (const std::string key : {"memory/a", "memory/b"}) {
+        ASSERT_EQ(process.Do("set-int " + key + " 1"), "0");
+        ASSERT_EQ(process.Do("hear " + key), "0");
+    }
+    LetNotice(process, place);
+    for (const std::string key : {"memory/a", "memory/b"}) {
+        ASSERT_EQ(process.Do("set-int " + key + " 2"), "0");  // so that the folder is kept
+    }
+    // The writer of the volume holds the lock that the platform thread waits for.
+    ASSERT_EQ(process.Do("cross before do " + (place / "audio/master_volume").string() + " mount " +
+                         (place / "settings/memory").string() + "; set-int memory/a 3; set-int memory/b 4"),
+              "0");
+    ASSERT_EQ(process.Do("set-volume 30"), "0");
+    EXPECT_EQ(process.Do("int memory/a"), "0 3");
+    EXPECT_EQ(process.Do("int memory/b"), "0 4");
+}
+
+TEST_F(ReportsTest, WithoutATableOfMountsNoFolderIsKeptAndTheEndOfAMountIsNoticed) {
+    const Folder place;
+    const std::string folder = place / "audio";
+    OtherProcess process(place);
+    ASSERT_EQ(process.Do("own-mounts"), "0");
+    ASSERT_EQ(process.Do("hide-file /proc/self/mountinfo"), "0");
+    ASSERT_EQ(process.Do("set-volume 11"), "0");
+    ASSERT_EQ(process.Do("mount " + folder), "0");
+    ASSERT_EQ(process.Do("echo " + folder + "/master_volume 20"), "0");
+    ASSERT_EQ(process.Do("hear volume"), "0");
+    Unmount(process, folder);
+    EXPECT_EQ(process.Report(), "volume 11 platform");
+    LetNotice(process, place);
+    ASSERT_EQ(process.Do("set-volume 12"), "0");
+    ASSERT_EQ(process.Do("mount " + folder), "0");
+    ASSERT_EQ(process.Do("set-volume 15"), "0");
+    EXPECT_EQ(process.Do("volume"), "0 15");
 }
 
 TEST_F(NoWatchLeftTest, AChangeMeanwhileIsReportedEvenIfARemovalFindsTheWatch) {
@@ -1574,12 +1649,7 @@ TEST_F(ReportsTest, AMountIsNoticedLikeAFolderThatWasReplaced) {
             EXPECT_EQ(process.Report(), "volume " + own + " own");
             LetNotice(process, place);
         }
-        bool isUnmounted = false;
-        for (int attempt = 0; attempt < 1000 && !isUnmounted;
-             ++attempt) {  // the platform thread may be reading
-            isUnmounted = process.Do("unmount " + folder) == "0";
-        }
-        ASSERT_TRUE(isUnmounted);
+        Unmount(process, folder);
         EXPECT_EQ(process.Report(), "volume 11 platform");
     }
     EXPECT_EQ(place.Content("audio/master_volume"), "11\n");

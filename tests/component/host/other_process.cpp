@@ -313,7 +313,10 @@ std::string EndAside() {
     return answerAside;
 }
 
-/** "before HOW PATH TEXT" or "after HOW PATH TEXT": somebody else crosses the next write of this file. */
+/**
+ * "before HOW PATH TEXT" or "after HOW PATH TEXT": somebody else crosses the next write of this file. "do": the
+ * writer itself does the lines of the text, with a ';' between them.
+ */
 std::string Cross(std::istream& words) {
     const std::string when = Word(words);
     const std::string how = Word(words);
@@ -327,6 +330,11 @@ std::string Cross(std::istream& words) {
             audio_set_master_mute(true);
         } else if (how == "clean") {
             Clean(path);
+        } else if (how == "do") {
+            std::istringstream lines(text);
+            for (std::string line; std::getline(lines, line, ';');) {
+                Do(line);
+            }
         } else if (how == "remove") {
             std::filesystem::remove_all(std::filesystem::path(path).parent_path());
         } else if (how == "pipe") {
@@ -458,6 +466,16 @@ Commands ProcessCommands() {
              kernel::RefuseWatchesOf(Word(words));
              return std::string("0");
          }},
+        {"hide-file",
+         [](std::istream& words) {
+             kernel::HideFile(Word(words));
+             return std::string("0");
+         }},
+        {"refuse-syncs-of",
+         [](std::istream& words) {
+             kernel::RefuseSyncsOf(Word(words));
+             return std::string("0");
+         }},
         {"refuse-waits", Does([](int times) { return kernel::RefuseWaits(times); })},
         {"next-timeout", [](std::istream&) { return std::to_string(kernel::NextTimeout()); }},
         {"rename-meanwhile", Does([](int times) { return kernel::RenameMeanwhile(times); })},
@@ -516,6 +534,9 @@ Commands LogCommands() {
         {"log-long", Does([](int size) {
              return __dlog_print(DLOG_INFO, "OtherProcess", "%s\n",
                                  std::string(static_cast<std::size_t>(size), 'x').c_str());
+         })},
+        {"log-unformattable", Does([](int priority) {
+             return __dlog_print(priority, "OtherProcess", "%ls\n", L"\xD800");  // no character
          })},
         {"log-unreadable", Does(LogUnreadable)},
     };
