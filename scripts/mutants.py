@@ -154,10 +154,22 @@ def locate(mutants, root=ROOT):
     return sources
 
 
+def has_comma(expression):
+    """Whether a comma outside of all brackets makes several expressions of it."""
+    depth = 0
+    for sign in re.sub(r'"(\\.|[^"\\])*"|\'(\\.|[^\'\\])\'', "", expression):
+        depth += (sign in "([{") - (sign in ")]}")
+        if sign == "," and depth == 0:
+            return True
+    return False
+
+
 def switch(mutant, original):
     changed = " ".join(mutant.changed)
     if original.endswith(";") or original.endswith("}") and ";" in original:
         return f"if (mutant({mutant.number})) {{ {changed} }} else {{ {original} }}"
+    if has_comma(original) or has_comma(changed):
+        raise TableError(f'{mutant.where}: "{mutant.name}": one switch cannot choose between lists: mark one item with [[...]]')
     if changed in ("true", "false"):
         original = f"bool({original})"
     return f"(mutant({mutant.number}) ? ({changed}) : ({original}))"

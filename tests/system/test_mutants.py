@@ -67,6 +67,11 @@ def test_an_expression_becomes_a_choice_on_its_lines(planted):
     assert "return (mutant(1) ? (4 * number) : (3 *\n           number));" in text
 
 
+def test_a_choice_may_contain_commas_in_brackets_or_texts(planted):
+    assert "return (mutant(1) ? (Larger(2, ',') + \", \"[0]) : (2 * number));" in planted(
+        "* a\n- 2 * number\n+ Larger(2, ',') + \", \"[0]\n")
+
+
 def test_a_part_in_brackets_is_what_changes(planted):
     assert "return (mutant(1) ? (4) : (2)) * number;" in planted("* wrong factor\n- return [[2]] * number\n+ 4\n")
 
@@ -86,6 +91,7 @@ def test_a_constant_with_a_mutant_is_made_at_the_start(planted):
     ("@ int Nothing(\n* lost\n- Check(number);\n+\n", '"lost": a.cpp has the scope 0 times: int Nothing('),
     ("* a\n- 5\n+ 6\n* a\n- 3\n+ 4\n", 'the name "a" is taken'),
     ("* a\n- MOST = 5\n+ MOST = 6\n* b\n- = 5;\n+ = 7;\n", '"b" overlaps "a"'),
+    ("* list\n- 2 * number\n+ 2, number\n", '"list": one switch cannot choose between lists: mark one item with [[...]]'),
     ("nonsense\n", "table.txt:2: no line of a table: nonsense"),
 ])
 def test_a_table_that_does_not_fit_is_an_error_that_names_the_mutant(planted, table, says):
