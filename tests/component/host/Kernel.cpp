@@ -47,6 +47,9 @@ struct State {
     std::deque<int> timeouts;  // those that NextTimeout() has not returned yet
     std::optional<int> lastTimeout;
     std::condition_variable hasTimeout;
+    bool areWaitsHeld = false;
+    bool isThreadHeld = false;
+    std::condition_variable hold;
 };
 
 /** Never destroyed: the platform thread calls until the process has ended. */
@@ -93,6 +96,14 @@ void NoteTimeout(int timeout) {
         state.timeouts.push_back(timeout);
         state.hasTimeout.notify_all();
     }
+}
+
+/** Returns at once unless waits are held. */
+void AwaitLeave() {
+    std::unique_lock lock(state.mutex);
+    state.isThreadHeld = state.areWaitsHeld;
+    state.hold.notify_all();
+    state.hold.wait(lock, [] { return !state.areWaitsHeld; });
 }
 
 void CountFileToInherit(std::uint64_t flags) {
@@ -204,6 +215,7 @@ extern "C" int epoll_wait(int epoll, epoll_event* events, int size, int timeout)
     static const auto real =
         reinterpret_cast<int (*)(int, epoll_event*, int, int)>(dlsym(RTLD_NEXT, "epoll_wait"));
     NoteTimeout(timeout);
+    AwaitLeave();
     return real(epoll, events, size, timeout);
 }
 
@@ -266,6 +278,25 @@ int NextTimeout() {
     const int timeout = state.timeouts.front();
     state.timeouts.pop_front();
     return timeout;
+}
+
+int HoldWaits() {
+    const std::lock_guard guard(state.mutex);
+    state.areWaitsHeld = true;
+    return 0;
+}
+
+int AwaitHeldWait() {
+    std::unique_lock lock(state.mutex);
+    state.hold.wait(lock, [] { return state.isThreadHeld; });
+    return 0;
+}
+
+int EndHeldWait() {
+    const std::lock_guard guard(state.mutex);
+    state.areWaitsHeld = false;
+    state.hold.notify_all();
+    return 0;
 }
 
 int RefuseWaits(int times) {

@@ -35,6 +35,11 @@ int FilesOpenedToInherit();
 /** Waits until the process waits for files with another time limit than before. @return the limit in milliseconds, or -1 */
 int NextTimeout();
 
+/** Holds the thread that is about to wait for files until the end of the held wait. All three @return 0 */
+int HoldWaits();
+int AwaitHeldWait();
+int EndHeldWait();
+
 /** The next so many files that the process wants to wait for are refused. @return 0 */
 int RefuseWaits(int times);
 

@@ -245,12 +245,16 @@ TEST_F(LogTest, WhatCannotBeFormattedIsAFailureAndNoLine) {
 }
 
 TEST_F(LogTest, LinesWaitForASlowReaderAndAreWhole) {
-    constexpr int LINES = 300;  // more than a pipe holds
+    constexpr int LINES = 300;           // more than a pipe holds
+    constexpr int NEARLY_FULL = 60'000;  // in bytes
     for (const int flags : {0, O_NONBLOCK}) {
         const Channel pipe(Channel::Kind::PIPE);
         ASSERT_EQ(fcntl(pipe.Writer(), F_SETFL, flags), 0);
         OtherProcess other(tv, {}, pipe.Writer());
         other.Tell("log-many " + std::to_string(LINES));
+        while (pipe.Waiting() < NEARLY_FULL || !host_test::IsAsleep(other.Process())) {
+            std::this_thread::yield();
+        }
         std::string text;
         while (text.size() < LINES * 1002) {
             text += pipe.Read();

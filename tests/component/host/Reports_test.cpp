@@ -861,9 +861,11 @@ TEST_F(CrossingTest, OwnChangesLeaveThePlatformThreadAsleep) {
 TEST_F(CrossingTest, AQueueThatTheKernelNoLongerWaitsForIsReplaced) {
     OtherProcess second(place);
     for (const std::string tens : {"3", "4"}) {
-        ASSERT_EQ(process.Do("refuse-waits 1"), "0");
+        // At the second time the next queue cannot be waited for either.
+        ASSERT_EQ(process.Do(tens == "3" ? "refuse-waits 1" : "refuse-waits 2"), "0");
         EXPECT_EQ(process.Do("set-volume " + tens + '0'), "0");
         EXPECT_EQ(process.Report(), "volume " + tens + "0 own");
+        ASSERT_EQ(process.Do("hear memory/" + tens), "0");  // has the platform thread try again at once
         LetItNotice();
         EXPECT_EQ(second.Do("set-volume " + tens + '1'), "0");
         EXPECT_EQ(process.Report(), "volume " + tens + "1 platform");
@@ -1284,11 +1286,9 @@ TEST_F(ReportsTest, AStormOfWritesAndRegistrationsOnManyThreads) {
     std::thread second([&] {
         for (int i = 0; i < ROUNDS; ++i) {
             EXPECT_EQ(vconf_set_int(KEY, i), 0);
-            EXPECT_EQ(sound_manager_set_speaker_changed_cb(OnNumber, &listener), 0);
         }
     });
     for (int i = 0; i < ROUNDS; ++i) {
-        EXPECT_EQ(sound_manager_set_speaker_changed_cb(OnNumber, &listener), 0);
         HearVolume(listener);
         HearKey(KEY, key);
         EXPECT_EQ(audio_unregister_master_volume_changed_cb(), 0);
@@ -1297,7 +1297,17 @@ TEST_F(ReportsTest, AStormOfWritesAndRegistrationsOnManyThreads) {
     writer.join();
     second.join();
     EXPECT_EQ(other.Answer(), "0");
-    ear.Forget();
+}
+
+TEST_F(ReportsTest, ASlotThatTwoThreadsFillAtOnceHoldsOneRegistration) {
+    const auto fill = [&] {
+        for (int i = 0; i < 3000; ++i) {
+            EXPECT_EQ(sound_manager_set_speaker_changed_cb(OnNumber, &listener), 0);
+        }
+    };
+    std::thread second(fill);
+    fill();
+    second.join();
     EXPECT_EQ(sound_manager_unset_speaker_changed_cb(), 0);
     EXPECT_EQ(sound_manager_set_speaker_selection(77), 0);
     EXPECT_THAT(ear.Heard(), IsEmpty()) << "a registration that its slot has lost";
@@ -1545,23 +1555,61 @@ TEST_F(ReportsTest, AMountIsHeededByAWriteRightAfterIt) {
     }
 }
 
-TEST_F(ReportsTest, AMountIsHeededByEachWriteUntilThePlatformThreadHasSeenIt) {
+/** A process with mounts of its own that hears two values. Their folder is kept when somebody mounts another there. */
+class MountTest : public ReportsTest {
+protected:
+    MountTest() {
+        EXPECT_EQ(process.Do("own-mounts"), "0");
+        for (const std::string key : {"memory/a", "memory/b"}) {
+            EXPECT_EQ(process.Do("set-int " + key + " 1"), "0");
+            EXPECT_EQ(process.Do("hear " + key), "0");
+        }
+        LetNotice(process, place);
+        for (const std::string key : {"memory/a", "memory/b"}) {
+            EXPECT_EQ(process.Do("set-int " + key + " 2"), "0");
+            EXPECT_EQ(process.Report(), key + " 2 own");
+        }
+    }
+
+    /** Has the process mount and do the lines while the platform thread cannot act. Returns when they pause. */
+    void MountAnd(const std::string& lines) {
+        ASSERT_EQ(process.Do("cross before do " + (place / "audio/master_volume").string() + " mount " +
+                             (place / "settings/memory").string() + "; " + lines),
+                  "0");
+        process.Tell("set-volume 30");
+    }
+
     const Folder place;
-    OtherProcess process(place);
-    ASSERT_EQ(process.Do("own-mounts"), "0");
-    for (const std::string key : {"memory/a", "memory/b"}) {
-        ASSERT_EQ(process.Do("set-int " + key + " 1"), "0");
-        ASSERT_EQ(process.Do("hear " + key), "0");
+    OtherProcess process{place};
+};
+
+TEST_F(MountTest, AWriterSeesTheMountThoughThePlatformThreadHasSeenIt) {
+    const pid_t thread = host_test::ThreadOf(process.Process(), "tv-platform");
+    while (!host_test::IsAsleep(thread)) {
+        std::this_thread::yield();
     }
-    LetNotice(process, place);
-    for (const std::string key : {"memory/a", "memory/b"}) {
-        ASSERT_EQ(process.Do("set-int " + key + " 2"), "0");  // so that the folder is kept
+    const int before = host_test::Sleeps(process.Process(), thread);
+    MountAnd("pause; set-int memory/a 3");
+    EXPECT_EQ(process.Report(), "paused own");
+    while (host_test::Sleeps(process.Process(), thread) == before || !host_test::IsAsleep(thread)) {
+        std::this_thread::yield();  // until it waits for the lock
     }
-    // The writer of the volume holds the lock that the platform thread waits for.
-    ASSERT_EQ(process.Do("cross before do " + (place / "audio/master_volume").string() + " mount " +
-                         (place / "settings/memory").string() + "; set-int memory/a 3; set-int memory/b 4"),
-              "0");
-    ASSERT_EQ(process.Do("set-volume 30"), "0");
+    EXPECT_EQ(process.Do("go on"), "0");
+    EXPECT_EQ(process.Do("int memory/a"), "0 3");
+}
+
+TEST_F(MountTest, ASecondWriterKnowsOfTheMountThatTheFirstHasSeen) {
+    ASSERT_EQ(process.Do("hold-waits"), "0");
+    // One notification wakes the platform thread, which then wants to wait again.
+    fs::create_symlink("nowhere", place / "settings/memory/unheard");
+    ASSERT_EQ(process.Do("await-held-wait"), "0");
+    MountAnd("set-int memory/a 3; end-held-wait; pause; set-int memory/b 4");
+    EXPECT_EQ(process.Report(), "memory/a 3 own");
+    EXPECT_EQ(process.Report(), "paused own");
+    while (WakesOf(process.Process()) != "0") {
+        std::this_thread::yield();  // until the platform thread has been woken by the first writer
+    }
+    EXPECT_EQ(process.Do("go on"), "0");
     EXPECT_EQ(process.Do("int memory/a"), "0 3");
     EXPECT_EQ(process.Do("int memory/b"), "0 4");
 }

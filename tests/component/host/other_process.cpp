@@ -490,6 +490,16 @@ Commands ProcessCommands() {
         {"take-steps", [](std::istream&) { return kernel::TakeSteps(); }},
         {"cross", [](std::istream& words) { return Cross(words); }},
         {"cross-opening", CrossOpening},
+        {"pause",
+         [](std::istream&) {
+             Report("paused");
+             std::string next;
+             std::getline(std::cin, next);
+             return std::string("0");
+         }},
+        {"hold-waits", [](std::istream&) { return std::to_string(kernel::HoldWaits()); }},
+        {"await-held-wait", [](std::istream&) { return std::to_string(kernel::AwaitHeldWait()); }},
+        {"end-held-wait", [](std::istream&) { return std::to_string(kernel::EndHeldWait()); }},
         {"end-aside", [](std::istream&) { return EndAside(); }},
         {"own-mounts", [](std::istream&) { return std::to_string(OwnMounts()); }},
         {"mount", Does([](const char* path) { return mount("none", path, "tmpfs", 0, nullptr); })},
