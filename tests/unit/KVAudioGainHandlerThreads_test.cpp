@@ -15,10 +15,15 @@
 #include <cerrno>
 #include <chrono>
 #include <ctime>
+#include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <system_error>
+#include <thread>
+#include <vector>
 
 #include "GainFixture.h"
 
@@ -48,8 +53,11 @@ std::vector<pthread_t> starts;
 /** Whether starts and joins enter the journal. */
 std::atomic<bool> watchesThreads = false;
 
-/** Whether timed locks of this thread fail. */
-thread_local bool locksFail = false;
+/** What timed locks of this thread do. */
+enum class Locks { WAIT_IN_TIME, FAIL, WAIT_FOR_EVER };
+thread_local Locks locks = Locks::WAIT_IN_TIME;
+/** The mutexes that this thread locked, in order. */
+thread_local std::vector<const pthread_mutex_t*> lockedMutexes;
 /** The longest time that one of them was to wait. None was measured in a ThreadSanitizer build. */
 thread_local std::optional<std::chrono::nanoseconds> longestLock;
 
@@ -101,12 +109,18 @@ int pthread_join(pthread_t thread, void** result) {
 // deadline is one of the wall clock. That clock can jump, so it measures no time.
 int pthread_mutex_timedlock(pthread_mutex_t* mutex, const timespec* deadline) noexcept {
     static auto* const lock = Library<decltype(pthread_mutex_timedlock)>("pthread_mutex_timedlock");
-    return locksFail ? ETIMEDOUT : lock(mutex, deadline);
+    lockedMutexes.push_back(mutex);
+    return locks == Locks::FAIL            ? ETIMEDOUT
+           : locks == Locks::WAIT_FOR_EVER ? pthread_mutex_lock(mutex)
+                                           : lock(mutex, deadline);
 }
 #else
 int pthread_mutex_clocklock(pthread_mutex_t* mutex, clockid_t clock, const timespec* deadline) noexcept {
     static auto* const lock = Library<decltype(pthread_mutex_clocklock)>("pthread_mutex_clocklock");
-    return locksFail ? TimeOut(clock, *deadline) : lock(mutex, clock, deadline);
+    lockedMutexes.push_back(mutex);
+    return locks == Locks::FAIL            ? TimeOut(clock, *deadline)
+           : locks == Locks::WAIT_FOR_EVER ? pthread_mutex_lock(mutex)
+                                           : lock(mutex, clock, deadline);
 }
 #endif
 
@@ -156,9 +170,15 @@ protected:
             return worker == name.data();
         };
         seam.Before(In(function), [isThere, nth, seen = std::make_shared<std::atomic<int>>(0)] {
-            locksFail = isThere() && ++*seen == nth;
+            locks = isThere() && ++*seen == nth ? Locks::FAIL : Locks::WAIT_IN_TIME;
         });
-        seam.Before(Out(function), [] { locksFail = false; });
+        seam.Before(Out(function), [] { locks = Locks::WAIT_IN_TIME; });
+    }
+    /** The mutex that a call locks first. */
+    static const pthread_mutex_t* LockOf(const std::function<void()>& call) {
+        lockedMutexes.clear();
+        call();
+        return lockedMutexes.empty() ? nullptr : lockedMutexes.front();
     }
 };
 
@@ -217,6 +237,18 @@ TEST_P(KVAudioGainHandlerThreadsFailureTest, AThreadThatCannotStartStopsThoseBef
     seam.Succeed("pthread_create");
     Start();
     EXPECT_EQ(seam.MainGainValue(), 100) << "the next controller is as good as any";
+}
+
+TEST_F(KVAudioGainHandlerThreadsTest, AFailedStartWaitsUntilTheThreadsBeforeRest) {
+    WatchThreads();
+    seam.Fail("pthread_create", EAGAIN, 3);
+    bool hasGoneOn = true;
+    // The first worker has not come to its wait yet.
+    seam.BeforeNext("I Sleep UnMuteMainOutH", [&] {
+        hasGoneOn = journal.With(In("_StopWorkers()")).Wait(1, std::chrono::milliseconds(50));
+    });
+    EXPECT_THROW(gain.emplace(), std::system_error);
+    EXPECT_FALSE(hasGoneOn);
 }
 
 // Waking
@@ -343,7 +375,7 @@ TEST_F(KVAudioGainHandlerThreadsTest, WithoutTheLockAGetterLeavesTheCallersValue
     int value = 12345;
     int target = 1;
     int duration = 2;
-    locksFail = true;
+    locks = Locks::FAIL;
     gain->GetSrcGain(GAIN_HANDLER_PULSE_RAMP, value);
     gain->SetSrcGain(GAIN_HANDLER_PULSE_RAMP, 40);
     gain->GetPulseTargetValue(target, duration);
@@ -351,7 +383,7 @@ TEST_F(KVAudioGainHandlerThreadsTest, WithoutTheLockAGetterLeavesTheCallersValue
     EXPECT_EQ(gain->SetMainOutGain2(1), -1);
     EXPECT_EQ(gain->SetSubOutGain2(2), -1);
     EXPECT_EQ(gain->SetAudioGain(3), -1);
-    locksFail = false;
+    locks = Locks::WAIT_IN_TIME;
     EXPECT_EQ(value, 12345);
     EXPECT_EQ(target, 1);
     EXPECT_EQ(duration, 2);
@@ -369,14 +401,59 @@ TEST_F(KVAudioGainHandlerThreadsTest, WithoutTheLockAGetterLeavesTheCallersValue
     EXPECT_THAT(journal.Gains().Texts(), IsEmpty());
 }
 
+TEST_F(KVAudioGainHandlerThreadsTest, EachSlotAndThePulseTargetHaveALockOfTheirOwn) {
+    Start();
+    std::set<const pthread_mutex_t*> all;
+    int unused = 0;
+    for (int number = 0; number < NKavrel::GAIN_HANDLER_COUNT; ++number) {
+        const auto slot = static_cast<NKavrel::eKVGainHandlerType>(number);
+        const auto* lock = LockOf([&] { gain->SetSrcGain(slot, 100); });
+        EXPECT_EQ(LockOf([&] { gain->GetSrcGain(slot, unused); }), lock) << number;
+        all.insert(lock);
+    }
+    const auto* target = LockOf([&] { gain->SetPulseTargetValue(100, 0); });
+    EXPECT_EQ(LockOf([&] { gain->GetPulseTargetValue(unused, unused); }), target);
+    all.insert(target);
+    EXPECT_EQ(all.size(), NKavrel::GAIN_HANDLER_COUNT + 1U);
+    EXPECT_FALSE(all.contains(nullptr));
+    const auto* writes = LockOf([&] { gain->GetSrcGain(NKavrel::GAIN_HANDLER_AUDIO_GAIN_OUT, unused); });
+    EXPECT_EQ(LockOf([&] { gain->SetMainOutGain2(1); }), writes);
+    EXPECT_EQ(LockOf([&] { gain->SetSubOutGain2(2); }), writes);
+}
+
+TEST_F(KVAudioGainHandlerThreadsTest, AWriterReadsItsTotalWhenTheWriterBeforeItHasFinished) {
+    Start();
+    for (const char* place :
+         {"I Path:1 player:100 pulse: 60 unmute:100 Total: 60", "get_main_out_gain2", "set_main_out_gain2"}) {
+        SCOPED_TRACE(place);
+        gain->SetSrcGain(GAIN_HANDLER_PULSE_RAMP, 60);
+        seam.SetGain(100, 100);
+        seam.Clear();
+        auto held = seam.BlockNext(place);
+        std::thread first([this] { gain->SetMainOutGain2(1); });
+        ASSERT_TRUE(held.WaitReached());
+        auto second = std::async(std::launch::async, [this] {
+            locks = Locks::WAIT_FOR_EVER;
+            gain->SetMainOutGain2(1);
+        });
+        // Only time can show that nothing happens.
+        EXPECT_EQ(second.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+        gain->SetSrcGain(GAIN_HANDLER_PULSE_RAMP, 30);
+        held.Open();
+        first.join();
+        second.get();
+        EXPECT_THAT(journal.Gains().Texts(), ElementsAre(fake::MainGain(60), fake::MainGain(30)));
+    }
+}
+
 #ifndef __SANITIZE_THREAD__
 TEST_F(KVAudioGainHandlerThreadsTest, NoLockIsWaitedForLongerThanThreeSeconds) {
     Start();
     longestLock.reset();
-    locksFail = true;
+    locks = Locks::FAIL;
     EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_PLAYER, 40, 1), -1);
     EXPECT_EQ(gain->ApplyPulseAudioGain(100, 0), 0);
-    locksFail = false;
+    locks = Locks::WAIT_IN_TIME;
     EXPECT_EQ(journal.Here().With(LOCK_FAILED).Count(), 3)
         << "the gain, the output and the target are guarded";
     ASSERT_TRUE(longestLock);
@@ -387,9 +464,9 @@ TEST_F(KVAudioGainHandlerThreadsTest, NoLockIsWaitedForLongerThanThreeSeconds) {
 TEST_F(KVAudioGainHandlerThreadsTest, AGainThatCannotBeReadIsTreatedAsZeroInTheTotal) {
     Start();
     int total = 12345;
-    locksFail = true;
+    locks = Locks::FAIL;
     gain->GetAudioGain(1, total);
-    locksFail = false;
+    locks = Locks::WAIT_IN_TIME;
     EXPECT_EQ(total, 0);
     EXPECT_THAT(journal.Here().Texts(), ElementsAre(LOCK_FAILED, LOCK_FAILED, LOCK_FAILED,
                                                     "I Path:1 player:  0 pulse:  0 unmute:  0 Total:  0"));
@@ -447,9 +524,9 @@ TEST_F(KVAudioGainHandlerThreadsTest, ARequestWhoseTargetCannotBeStoredIsRaisedA
     ASSERT_TRUE(Rest());
     gain->SetSrcGain(GAIN_HANDLER_PULSE_RAMP, 70);
     seam.Clear();
-    locksFail = true;
+    locks = Locks::FAIL;
     EXPECT_EQ(gain->ApplyPulseAudioGain(90, 5000), 0);
-    locksFail = false;
+    locks = Locks::WAIT_IN_TIME;
     EXPECT_EQ(journal.Here().With(LOCK_FAILED).Function(), "SetPulseTargetValue");
     ASSERT_TRUE(Rest());
     EXPECT_EQ(StoredGains(GAIN_HANDLER_PULSE_RAMP).back(), 20);

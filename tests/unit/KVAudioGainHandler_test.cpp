@@ -112,9 +112,11 @@ TEST_F(KVAudioGainHandlerTest, Paths1And3ReadTheMainOutputAndPath2TheSubOutput) 
     EXPECT_EQ(Total(1), 4);
     EXPECT_EQ(Total(2), 16);
     EXPECT_EQ(Total(3), 4);
+    EXPECT_EQ(Total(0), 16) << "every path without the bit of the main output reads the sub output";
     EXPECT_THAT(journal.Here().Texts(), ElementsAre("I Path:1 player: 10 pulse: 50 unmute: 90 Total:  4",
                                                     "I Path:2 player: 40 pulse: 50 unmute: 80 Total: 16",
-                                                    "I Path:3 player: 10 pulse: 50 unmute: 90 Total:  4"));
+                                                    "I Path:3 player: 10 pulse: 50 unmute: 90 Total:  4",
+                                                    "I Path:0 player: 40 pulse: 50 unmute: 80 Total: 16"));
 }
 
 TEST_F(KVAudioGainHandlerTest, AGainAboveTheMaximumIsIgnoredAndANegativeOneIsStored) {
@@ -321,10 +323,19 @@ TEST_F(KVAudioGainHandlerTest, WithASubBluetoothZoneAnUnmuteGainGoesToItsOwnOutp
     EXPECT_THAT(journal.Gains().Texts(), ElementsAre(SubGain(70), MainGain(60), MainGain(50)));
 }
 
+TEST_F(KVAudioGainHandlerTest, WithASubBluetoothZoneAPlayerGainOfBothOutputsIsStillWrittenToBoth) {
+    seam.SetInt(SUB_BT_KEY, 3);
+    Start();
+    seam.SetGain(1, 1);
+    EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_PLAYER, 40, 3), 0);
+    EXPECT_THAT(journal.Here().Gains().Texts(), ElementsAre(MainGain(40), SubGain(100)));
+}
+
 TEST_F(KVAudioGainHandlerTest, AGainAboveTheMaximumIsARequestThatChangesNothing) {
     Start();
     EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_PLAYER, 101, 1), 0);
     EXPECT_THAT(AllGains(), ElementsAre(100, 100, 100, 100, 100, 100, 100));
+    EXPECT_THAT(journal.Here().Texts(), Contains("get_main_out_gain2()")) << "it writes what is stored";
     EXPECT_THAT(journal.Gains().Texts(), IsEmpty());
 }
 

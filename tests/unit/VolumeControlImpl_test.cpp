@@ -212,6 +212,16 @@ TEST_F(VolumeControlImplTest, AnExceptionDuringTheStartReleasesWhatWasMade) {
     EXPECT_THAT(journal.Traces().Names(), testing::Contains("[OUT]TVSpeaker::~TVSpeaker"));
 }
 
+TEST_F(VolumeControlImplTest, AReportDuringTheEndOfAFailedStartIsRefused) {
+    seam.BeforeNext("D \t[IN]NKavrel::KVAudioGainHandler::KVAudioGainHandler()",
+                    [] { throw std::bad_alloc(); });
+    seam.BeforeNext("D \t[IN]virtual NKavrel::TVSpeaker::~TVSpeaker()",
+                    [this] { fake::OnPlatformThread([this] { seam.FireRoute(2); }); });
+    EXPECT_THROW(VolumeControlImpl(), std::bad_alloc);
+    EXPECT_EQ(journal.With("E owns_lock").Count(), 1);
+    EXPECT_EQ(journal.With("I Create HDMI Speaker").Count(), 0);
+}
+
 TEST_F(VolumeControlImplTest, ASecondListenerOfAnEventNeverReplacesTheFirst) {
     Start();
     Listen("VOLUME_CHANGED");
@@ -284,7 +294,11 @@ TEST_F(VolumeControlImplTest, AFailedSupportQuerySilencesTheListenerAlthoughTheV
     EXPECT_EQ(journal.With("E volume(12) is same").Count(), 1);
     seam.SetInt(fake::HDMI_SUPPORT_KEY, 0xF);
     seam.FireKey(level, 13);
-    EXPECT_THAT(heard, ElementsAre("VOLUME_CHANGED 0x000f 13"));
+    seam.FireKey(level, -5);
+    seam.FireKey(level, 150);
+    EXPECT_THAT(heard, ElementsAre("VOLUME_CHANGED 0x000f 13", "VOLUME_CHANGED 0x000f -5",
+                                   "VOLUME_CHANGED 0x000f 150"))
+        << "any level is passed on";
 }
 
 TEST_F(VolumeControlImplTest, AnEmptyListenerRaisesTheEmptyCallableException) {
@@ -301,7 +315,7 @@ TEST_F(VolumeControlImplTest, UnsetEventHandlerRemovesAllListeners) {
     control->UnsetEventHandler();
     seam.FireVolume(30);
     seam.FireMute(1);
-    seam.FireRoute(2);
+    seam.FireRoute(7);
     EXPECT_THAT(heard, IsEmpty());
     Listen("VOLUME_CHANGED");
     EXPECT_EQ(journal.With("E Already set VOLUME_CHANGED event handler").Count(), 0);
@@ -333,6 +347,45 @@ TEST_F(VolumeControlImplTest, ListenersRunUnderTheLockAndMayAskTheObjectOnTheSam
     EXPECT_EQ(fromHere, 0);
     EXPECT_EQ(fromThere, -1);
     EXPECT_EQ(journal.With("E owns_lock").Count(), 1);
+}
+
+TEST_F(VolumeControlImplTest, EachOperationAndReportHoldsTheLockWhileItUsesTheSpeaker) {
+    seam.SetMute(true);
+    seam.SetInt(fake::HDMI_SUPPORT_KEY, 0xF);
+    seam.SetZones({{1, 0}, {2, 2}});
+    Start();
+    seam.FireMute(1);
+    int value = 0;
+    bool mute = false;
+    struct {
+        const char* place;
+        std::function<void()> action;
+    } const rows[] = {
+        {"audio_get_master_volume", [&] { control->GetTVVolume(value); }},
+        {"audio_get_master_mute", [&] { control->GetTVVolumeMute(mute); }},
+        {"audio_set_master_mute", [&] { control->SetTVVolume(30); }},
+        {"audio_set_master_volume", [&] { control->SetTVVolume(40); }},
+        {"audio_set_master_mute", [&] { control->SetTVVolumeMute(true); }},
+        {"I event: [VOLUME_CHANGED]", [&] { seam.FireVolume(50); }},
+        {"I event: [MUTE_CHANGED]", [&] { seam.FireMute(0); }},
+        {"I Create HDMI Speaker", [&] { seam.FireRoute(2); }},
+        {"vconf_get_int(\"memory/menu/network/screenmirroring/volume_support_hdmi\")",
+         [&] { control->GetVolumeSupport(value); }},
+        {"I Create TV Speaker", [&] { seam.FireZoneRoute(0, 1); }},
+        {"rc_get_audio_focus", [&] { seam.FireKey(fake::MULTIVIEW_KEY, R"({"mode": "on"})"); }},
+        {"I Create HDMI Speaker", [&] { seam.FireFocus(2); }},
+    };
+    for (const auto& row : rows) {
+        int fromThere = 0;
+        seam.BeforeNext(row.place, [&] {
+            fake::OnPlatformThread([&] {
+                int support = 0;
+                fromThere = control->GetVolumeSupport(support);
+            });
+        });
+        row.action();
+        EXPECT_EQ(fromThere, -1) << row.place;
+    }
 }
 
 TEST_F(VolumeControlImplTest, ABusyObjectRefusesAtOnceAndChangesNothing) {

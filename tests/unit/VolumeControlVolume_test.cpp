@@ -1,7 +1,11 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
 /** Tests volume, mute and gains of the present output through the volume control object. */
+#include <functional>
+#include <optional>
+
 #include "VolumeControlFixture.h"
+#include "WorkerWaits.h"
 
 using fake::BusyOnAnotherThread;
 using testing::Contains;
@@ -62,13 +66,15 @@ TEST_F(VolumeControlVolumeTest, AVolumeAboveTheRangeTouchesNothingNotEvenTheLock
 TEST_F(VolumeControlVolumeTest, HundredIsAcceptedAndNegativesAreTheSpeakersBusiness) {
     Start();
     seam.ReportOwnChanges(false);
+    EXPECT_EQ(control->SetTVVolume(0), 0);
     EXPECT_EQ(control->SetTVVolume(100), 0);
     EXPECT_EQ(control->SetTVVolume(-5), 0);
     EXPECT_EQ(control->SetTVVolume(LOWEST), 0);
-    EXPECT_THAT(journal.Here().Texts(),
-                ElementsAre("I Set vol 0->100.", "audio_set_master_volume(100, 1)", "I Set vol 0->-5.",
-                            "audio_set_master_volume(-5, 1)", "I Set vol 0->-2147483648.",
-                            "audio_set_master_volume(-2147483648, 1)"))
+    EXPECT_THAT(
+        journal.Here().Texts(),
+        ElementsAre("I Set vol 0->0.", "audio_set_master_volume(0, 1)", "I Set vol 0->100.",
+                    "audio_set_master_volume(100, 1)", "I Set vol 0->-5.", "audio_set_master_volume(-5, 1)",
+                    "I Set vol 0->-2147483648.", "audio_set_master_volume(-2147483648, 1)"))
         << "the stored volume changes only with the speaker's report";
 }
 
@@ -324,14 +330,73 @@ TEST_F(VolumeControlVolumeTest, OnTheMultiOutputRouteSourceThreeDoesNothingUnles
 }
 
 TEST_F(VolumeControlVolumeTest, WhileMirroringSourceThreeDoesNothingEvenForced) {
-    seam.SetInt(fake::TV2MOBILE_KEY, 2);
-    Start();
+    for (const int status : {2, -2}) {
+        control.reset();
+        seam.SetInt(fake::TV2MOBILE_KEY, status);
+        Start();
+        EXPECT_EQ(control->ApplyVolumeFadeIn(fake::UNMUTE, 3), 0);
+        EXPECT_EQ(control->ApplyAudioGain(fake::UNMUTE, 40, 3, false), 0);
+        EXPECT_EQ(control->ApplyAudioGain(fake::UNMUTE, 40, 3, true), 0);
+        EXPECT_THAT(journal.Here().Texts(), IsEmpty());
+        EXPECT_EQ(control->ApplyAudioGain(fake::PLAYER, 50, 3, false), 0);
+        EXPECT_EQ(seam.MainGainValue(), 50);
+    }
+    seam.FireRoute(6);
+    seam.Clear();
     EXPECT_EQ(control->ApplyVolumeFadeIn(fake::UNMUTE, 3), 0);
     EXPECT_EQ(control->ApplyAudioGain(fake::UNMUTE, 40, 3, false), 0);
+    EXPECT_THAT(journal.Here().Texts(), ElementsAre(NO_FADE, NO_FADE)) << "the route is looked at first";
+}
+
+TEST_F(VolumeControlVolumeTest, AMirroringReportThatMeetsTheLockIsFollowed) {
+    Start();
+    {
+        const BusyOnAnotherThread busy(*control);
+        seam.FireKey(fake::TV2MOBILE_KEY, 1);
+    }
     EXPECT_EQ(control->ApplyAudioGain(fake::UNMUTE, 40, 3, true), 0);
-    EXPECT_THAT(journal.Here().Texts(), IsEmpty());
-    EXPECT_EQ(control->ApplyAudioGain(fake::PLAYER, 50, 3, false), 0);
-    EXPECT_EQ(seam.MainGainValue(), 50);
+    EXPECT_EQ(seam.MainGainValue(), 100);
+}
+
+/** Tests with an unmute fade-in of the main output that waits after its first step. */
+class VolumeControlVolumeFadeTest : public VolumeControlVolumeTest {
+protected:
+    VolumeControlVolumeFadeTest() {
+        StartMuted();
+        control->ApplyVolumeFadeIn(fake::UNMUTE, 3);
+        EXPECT_TRUE(fake::WorkerWaits(NKavrel::GAIN_HANDLER_UNMUTE_MAIN_OUT, FIRST_STEP));
+    }
+
+    /** Runs `request` while the multi-output route, then mirroring, holds back what concerns the unmute gain. */
+    void RunHeldBack(const std::function<void()>& request) {
+        seam.FireRoute(6);
+        request();
+        seam.FireKey(fake::TV2MOBILE_KEY, 1);
+        seam.FireRoute(0);
+        request();
+    }
+
+    static constexpr const char* FIRST_STEP =
+        "D \t[OUT]void NKavrel::KVAudioGainHandler::SetSrcGain(NKavrel::eKVGainHandlerType, int)";
+    std::optional<fake::EndlessSteps> steps{NKavrel::GAIN_HANDLER_UNMUTE_MAIN_OUT};
+};
+
+TEST_F(VolumeControlVolumeFadeTest, WhatIsHeldBackAndThePlayersGainDoNotInterruptIt) {
+    RunHeldBack([this] { control->ApplyAudioGain(fake::UNMUTE, 40, 3, false); });
+    control->ApplyAudioGain(fake::PLAYER, 50, 1, false);
+    fake::SkipStepTimes(true);
+    steps.reset();
+    fake::NotifyWorker(NKavrel::GAIN_HANDLER_UNMUTE_MAIN_OUT);
+    EXPECT_TRUE(journal.With("I handlerGainType:4, LastGain:100").Wait());
+    EXPECT_EQ(journal.BeginningWith("I Interruptable status[type:4]").Count(), 0);
+}
+
+TEST_F(VolumeControlVolumeFadeTest, WhatIsHeldBackAndThePlayersFadeDoNotProtectIt) {
+    control->ApplyAudioGain(fake::UNMUTE, 40, 3, false);
+    RunHeldBack([this] { control->ApplyVolumeFadeIn(fake::UNMUTE, 3); });
+    control->ApplyVolumeFadeIn(fake::PLAYER, 2);
+    fake::NotifyWorker(NKavrel::GAIN_HANDLER_UNMUTE_MAIN_OUT);
+    EXPECT_TRUE(journal.With("I Interruptable status[type:4]. gain:40").Wait());
 }
 
 TEST_F(VolumeControlVolumeTest, OtherSourcesAndPathsAreTheGainControllersBusiness) {
