@@ -180,6 +180,8 @@ TEST_F(BTSpeakerEmulTest, AVolumeSignalReachesTheHandlerWithItsThirdValue) {
     EXPECT_THAT(journal.Here().Texts(), ElementsAre(line));
     EXPECT_EQ(journal.With(line).Function(), "OnVolumeLevelChanged");
     EXPECT_THAT(heard, ElementsAre("volume 12"));
+    Announce(g_variant_new("(iii)", 3, 1, 13));
+    EXPECT_TRUE(speaker->CheckSupport(0xF)) << "the support word is that of the setting";
 }
 
 TEST_F(BTSpeakerEmulTest, ASignalOfAnotherTypeIsDropped) {

@@ -151,6 +151,10 @@ TEST_F(ChangeSignalsTest, AnOutputChangeBringsTheUnmuteGainToFullOnBothOutputs) 
                 Contains("onSpeakerChanged: I Speaker changed[0->12]. mode:0xffff, gainMax(ret:0)"));
     EXPECT_THAT(journal.Calls("audio_set_master_mute").Texts(), IsEmpty());
     EXPECT_THAT(journal.Calls("g_").Texts(), IsEmpty()) << "an output change is not broadcast";
+    seam.FireKey("memory/org.olvane.btapp/sub_audio_zoneid", 2);
+    Control().ApplyAudioGain(KVDefine::GAIN_SRC_UNMUTE, 40, KVDefine::AUDIO_PATH_MAIN_OUT, false);
+    KVServer::onSpeakerChanged(0xFFFF, 12, server.get());
+    EXPECT_EQ(seam.MainGainValue(), 100) << "also with a headset in a zone";
 }
 
 TEST_F(ChangeSignalsTest, TheStatusOfTheGainRequestIsLogged) {

@@ -174,6 +174,11 @@ TEST_F(GainMethodsTest, APulseGainWithADurationRampsToIt) {
     EXPECT_TRUE(journal.With(MainGain(50)).Wait());
 }
 
+TEST_F(GainMethodsTest, ANegativeDurationOfAPulseGainIsPassedOn) {
+    Emit("ApplyPulseAudioGain", g_variant_new("(ii)", 50, -100));
+    EXPECT_TRUE(journal.With("I startVolume:100, remainCount:10, timeout:4294967286").Wait());
+}
+
 TEST_F(GainMethodsTest, APulseSignalOfAnotherTypeActsOnNothing) {
     Emit("ApplyPulseAudioGain", g_variant_new("(is)", 50, "100"));
     Emit("ApplyPulseAudioGain", nullptr);

@@ -111,6 +111,29 @@ TEST_F(KVDbusSenderTest, ACallerSeenTwiceBeforeTheLoopIsIdleIsLookedUpTwice) {
                     PidCall(client.Name()), "UpdateSenderLists: I Called by [" + caller + "] size:1"));
 }
 
+TEST_F(KVDbusSenderTest, TheLastLookUpOfACallerNamesItsProgram) {
+    seam.Fail("g_dbus_connection_call_sync", gio::REFUSED, 1);
+    tracker.Print(client.Name());
+    tracker.Print(client.Name());
+    Idle();
+    seam.Clear();
+    tracker.Print(client.Name());
+    EXPECT_THAT(journal.Here().Lines(),
+                ElementsAre("Print: I Called by [" + client.Name() + '/' + ProgramName() + ']'));
+}
+
+TEST_F(KVDbusSenderTest, AMessageIsKeptUntilItsLookUpHasRun) {
+    auto message = std::make_shared<int>();
+    const std::weak_ptr<int> kept = message;
+    tracker.m_messageInHand = std::move(message);
+    tracker.Print(client.Name());
+    bool isKept = false;
+    seam.BeforeNext("g_dbus_connection_call_sync", [&] { isKept = !kept.expired(); });
+    Idle();
+    EXPECT_TRUE(isKept);
+    EXPECT_TRUE(kept.expired());
+}
+
 TEST_F(KVDbusSenderTest, CallersAreLookedUpInTheOrderOfTheirRequestsOneForEachIdleCall) {
     tracker.Print(":9.1");
     tracker.Print(":9.2");

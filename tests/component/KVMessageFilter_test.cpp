@@ -262,6 +262,9 @@ TEST_F(KVMessageFilterTest, ASenderOfWhichNothingWaitsIsAlwaysAdmitted) {
         sender->Ping();
         EXPECT_FALSE(sender->HasAnswer(admitted.front()));
     }
+    Sender waiting(Shared());
+    waiting.Send(waiting.NewSignal("BudsConnected", g_variant_new("(i)", 1)));
+    ExpectRefused(waiting, waiting.SendGetters(1).front());
 }
 
 TEST_F(KVMessageFilterTest, ARefusedCallThatWantsNoReplyGetsNone) {
@@ -325,8 +328,13 @@ TEST_F(KVMessageFilterTest, ACallThatNoHandlerGetsAndThatWantsNoReplyIsDropped) 
     for (const auto& [call, answer] : CallsThatNoHandlerGets(sender)) {
         serials.push_back(sender.Send(WithoutReply(call())));
     }
+    for (int i = 0; i < 64; ++i) {
+        sender.Send(WithoutReply(AllProperties(sender)));
+    }
+    const guint32 admitted = sender.Send(AllProperties(sender));
     sender.Ping();
     EXPECT_EQ(sender.CountAnswers(serials), 0U);
+    EXPECT_FALSE(sender.HasAnswer(admitted)) << "the 64 questions before it do not wait";
 }
 
 TEST_F(KVMessageFilterTest, QuestionsForAllPropertiesHaveABoundOfTheirOwn) {

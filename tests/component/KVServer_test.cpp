@@ -502,6 +502,16 @@ TEST_F(KVServerTest, TheEndWithoutAnObjectUnregistersNothing) {
     EXPECT_THAT(StepsOfEnd(), Not(Contains(UNREGISTER)));
 }
 
+TEST_F(KVServerTest, TheEndAfterAFailedSecondRegistrationUnregistersNothing) {
+    InitWithoutName();
+    AcquireBus();
+    gio::RemoveLeftovers();
+    seam.Fail("g_dbus_connection_register_object", gio::REFUSED, 1);
+    AcquireBus();
+    AcquireName();
+    EXPECT_THAT(StepsOfEnd(), Not(Contains(UNREGISTER)));
+}
+
 TEST_F(KVServerTest, TheEndAfterAFailedInitHasNothingToDo) {
     seam.Fail("g_dbus_node_info_new_for_xml", gio::REFUSED);
     server->Init();

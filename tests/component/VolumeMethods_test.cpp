@@ -155,6 +155,8 @@ TEST_F(VolumeMethodsTest, GetMuteThatFailsAnswersZeroAndTheStatus) {
 TEST_F(VolumeMethodsTest, APositiveStatusOfThePlatformIsPassedOnToo) {
     seam.Fail("audio_get_master_volume", 3);
     EXPECT_EQ(Call("GetSpeakerVolume"), "(0, 3)");
+    seam.Fail("audio_set_master_mute", 4);
+    EXPECT_EQ(Call("SetSpeakerMute", g_variant_new("(b)", TRUE)), "(4,)");
 }
 
 }  // namespace

@@ -272,6 +272,8 @@ TEST_P(ExternalSpeakerTest, GettingTheSupportWordAlwaysReadsItAndRenewsTheCached
     EXPECT_EQ(speaker->GetVolumeSupportType(word), 0);
     EXPECT_EQ(word, -1);
     EXPECT_EQ(journal.Logs().Texts().back(), "I current spk support [0xffffffff]");
+    seam.RemoveKey(keys.supportKey);
+    EXPECT_TRUE(speaker->CheckSupport(0xF)) << "a negative word is remembered, too";
 }
 
 TEST_P(ExternalSpeakerTest, CheckSupportAsksForAllBits) {

@@ -222,6 +222,31 @@ TEST_F(KVAudioGainHandlerFadeTest, ANotificationEndsTheStepUnderWayAndIsNotRemem
     EXPECT_THAT(journal.Of("PlayerMainOutH").Texts(), FadesFromTo(GAIN_HANDLER_PLAYER_MAIN_OUT, 80, 100));
 }
 
+TEST_F(KVAudioGainHandlerFadeTest, AFadeThatBeginsDuringThatOfTheOtherOutputIsWrittenAsItGoes) {
+    Start();
+    for (const bool isMainSecond : {true, false}) {
+        const auto first = isMainSecond ? GAIN_HANDLER_PLAYER_SUB_OUT : GAIN_HANDLER_PLAYER_MAIN_OUT;
+        const auto second = isMainSecond ? GAIN_HANDLER_PLAYER_MAIN_OUT : GAIN_HANDLER_PLAYER_SUB_OUT;
+        const auto out = isMainSecond ? fake::Out::MAIN : fake::Out::SUB;
+        seam.Clear();
+        bool isWritten = false;
+        {
+            const fake::EndlessSteps endless(first);
+            FadeFrom(first, 50);
+            ASSERT_TRUE(journal
+                            .With(isMainSecond ? "I AudioGainOut. Update(M:0/S:1)"
+                                               : "I AudioGainOut. Update(M:1/S:0)")
+                            .Wait());
+            AfterStore(second, 95, [&] { isWritten = journal.Of("AudioGainOutH").Gains(out).Wait(); });
+            FadeFrom(second, 90);
+            ASSERT_TRUE(journal.With("I Sleep " + GainHandlerName[second]).Wait());
+        }
+        fake::NotifyWorker(first);
+        ASSERT_TRUE(Rest());
+        EXPECT_TRUE(isWritten);
+    }
+}
+
 TEST_F(KVAudioGainHandlerFadeTest, AGainSetDuringAFadeIsWhereItGoesOn) {
     Start();
     AfterStore(GAIN_HANDLER_PLAYER_MAIN_OUT, 10,

@@ -158,12 +158,27 @@ TEST_F(KVAudioGainHandlerPulseTest, BothOutputsCountAsUpdatingDuringARamp) {
         main = gain->IsMainOutUpdating();
         sub = gain->IsSubOutUpdating();
     });
+    bool isWakingWorkerUpdating = false;
+    bool isSleepingWorkerUpdating = true;
+    seam.BeforeNext(WAKE, [&] { isWakingWorkerUpdating = gain->IsMainOutUpdating(); });
+    seam.BeforeNext(SLEEP, [&] { isSleepingWorkerUpdating = gain->IsMainOutUpdating(); });
     gain->ApplyPulseAudioGain(50, 20);
     ASSERT_TRUE(Rest());
     EXPECT_TRUE(main);
     EXPECT_TRUE(sub);
+    EXPECT_TRUE(isWakingWorkerUpdating);
+    EXPECT_FALSE(isSleepingWorkerUpdating);
     EXPECT_FALSE(gain->IsMainOutUpdating());
     EXPECT_FALSE(gain->IsSubOutUpdating());
+}
+
+TEST_F(KVAudioGainHandlerPulseTest, InEachRoundTheMainOutputComesBeforeTheSubOutput) {
+    Start();
+    const fake::EndlessSteps endless(GAIN_HANDLER_PULSE_RAMP);
+    gain->ApplyPulseAudioGain(50, 1000);
+    ASSERT_TRUE(journal.Of(OUT_WORKER).BeginningWith("I Path:").Wait(2));
+    EXPECT_THAT(journal.Of(OUT_WORKER).BeginningWith("I Path:").First().text,
+                testing::StartsWith("I Path:1"));
 }
 
 TEST_F(KVAudioGainHandlerPulseTest, StepsAreTruncatedTowardTheStart) {
@@ -457,6 +472,9 @@ TEST_F(KVAudioGainHandlerPulseTest, WhileARequestIsPendingThePeriodIsATwentiethO
         gain->ApplyPulseAudioGain(100, 800);
         ASSERT_TRUE(pending.WaitReached());
         EXPECT_GE(ShortestPeriod(), 40ms);
+        EXPECT_LE(fake::LatestStep(GAIN_HANDLER_AUDIO_GAIN_OUT), 40ms);
+        gain->ApplyPulseAudioGain(101, 4000);
+        EXPECT_GE(ShortestPeriod(), 40ms) << "a target above 100 leaves the period as it was";
         EXPECT_LE(fake::LatestStep(GAIN_HANDLER_AUDIO_GAIN_OUT), 40ms);
     }
     for (const int duration : {10, 19, -1000}) {

@@ -725,6 +725,9 @@ TEST_F(KVAudioGainHandlerTest, GainControlFollowsTheReadyKeyAndWritesAtTheNextRe
     seam.FireKey(READY_KEY, 0);
     EXPECT_THAT(journal.Here().Texts(),
                 Contains("I Key[memory/projector/status/ready] Changed:0, gain control is Disabled"));
+    seam.FireKey(READY_KEY, -1);
+    EXPECT_EQ(gain->ApplyAudioGain(GAIN_SRC_PLAYER, 60, 1), 0);
+    EXPECT_EQ(seam.MainGainValue(), 60);
 }
 
 TEST_F(KVAudioGainHandlerTest, TheSubBluetoothFlagFollowsItsKey) {

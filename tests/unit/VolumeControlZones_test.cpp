@@ -75,6 +75,8 @@ TEST_F(VolumeControlZonesTest, WithoutTheFeatureNothingIsRegisteredAndTheModeIsN
     EXPECT_THAT(journal.Calls().Texts(), Not(Contains(WATCH_ZONES)));
     EXPECT_THAT(journal.Calls().Texts(), Not(Contains(WATCH_FOCUS)));
     EXPECT_EQ(journal.With("I route:0").Count(), 1);
+    control->SetOutputRoute(4);
+    EXPECT_EQ(journal.With("sound_manager_set_speaker_selection(4)").Count(), 1);
     seam.Clear();
     control.reset();
     EXPECT_THAT(journal.Calls().Texts(), Not(Contains(IGNORE_MODE)));
@@ -198,6 +200,14 @@ TEST_F(VolumeControlZonesTest, AFocusRegistrationThatFailedIsNotRemoved) {
     control.reset();
     EXPECT_THAT(journal.Calls().Texts(), Contains(IGNORE_ZONES));
     EXPECT_THAT(journal.Calls("rc_unregister").Texts(), IsEmpty());
+}
+
+TEST_F(VolumeControlZonesTest, AFocusRegistrationWithANegativeNumberIsRemovedToo) {
+    seam.Fail("rc_register_audio_focus_changed_callback", -7);
+    Start();
+    control.reset();
+    EXPECT_THAT(journal.Calls("rc_unregister").Texts(),
+                ElementsAre("rc_unregister_audio_focus_changed_callback(-7)"));
 }
 
 // Mode reports
@@ -439,6 +449,8 @@ TEST_F(VolumeControlZonesTest, AFocusReportInSingleViewIsDroppedEvenIfItMeetsThe
 TEST_F(VolumeControlZonesTest, ANegativeZoneIsNoZoneInFocus) {
     StartInMultiView();
     seam.FireFocus(-2);
+    EXPECT_THAT(journal.Calls("sound_manager_get_multiview").Texts(),
+                ElementsAre("sound_manager_get_multiview_speaker_selection_with_zone_id(-2)"));
     seam.Clear();
     seam.FireZoneRoute(4, 2);
     EXPECT_EQ(control->GetSpeakerSelection(), 4);
@@ -477,6 +489,13 @@ TEST_F(VolumeControlZonesTest, AFocusChangeToAnotherRouteReplacesTheSpeakerSilen
     EXPECT_EQ(control->GetPrevSpeakerSelection(), 0) << "as the last route report left it";
     EXPECT_THAT(heard, IsEmpty());
     EXPECT_THAT(seam.Watches(fake::HDMI_SUPPORT_KEY).size(), 1U);
+}
+
+TEST_F(VolumeControlZonesTest, AFocusReportOfTheZoneInFocusFollowsItsRoute) {
+    StartInMultiView();
+    seam.SetZones({{1, 2}, {2, 2}});
+    seam.FireFocus(1);
+    EXPECT_EQ(control->GetSpeakerSelection(), 2);
 }
 
 TEST_F(VolumeControlZonesTest, AFocusChangeToTheSameRouteKeepsTheSpeaker) {
