@@ -616,10 +616,11 @@ TEST_F(DirectoryTest, LeftoversOfWritersThatAreGoneAreRemovedWhenAProcessStarts)
     tv.Put("settings/.mine/.kavrel-999-1-7", "somebody's own");
     tv.Put("audio/.kavrel-999-1-7", "5");
     tv.Put("audio/.kavrelrc", "somebody else's");
+    fs::create_symlink("master_volume", tv / "audio/.kavrel-link");
     OtherProcess other(tv);
     ASSERT_EQ(other.Do("volume"), "0 10");
     EXPECT_THAT(tv.OwnFolders(), IsEmpty());
-    EXPECT_THAT(tv.Leftovers("audio"), ElementsAre(".kavrelrc"));
+    EXPECT_THAT(tv.Leftovers("audio"), UnorderedElementsAre(".kavrelrc", ".kavrel-link")) << "no writer makes a link";
     EXPECT_THAT(tv.Leftovers("settings/db/usb"), ElementsAre(".level.swp"));
     EXPECT_THAT(tv.Leftovers("settings/.mine"), ElementsAre(".kavrel-999-1-7"));
 }
@@ -792,6 +793,14 @@ protected:
         tv.Put(".tmp", "no folder");
     }
 };
+
+TEST_F(BesideTest, AWriterMakesAFolderAsSoonAsItCan) {
+    OtherProcess other(tv);
+    ASSERT_EQ(other.Do("set-volume 30"), "0");
+    fs::remove(tv / ".tmp");
+    EXPECT_EQ(other.Do("set-volume 40"), "0");
+    EXPECT_THAT(tv.OwnFolders(), SizeIs(1));
+}
 
 TEST_F(BesideTest, AWriterThatCannotHaveAFolderWritesBesideTheValue) {
     OtherProcess other(tv);
