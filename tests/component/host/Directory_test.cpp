@@ -620,7 +620,8 @@ TEST_F(DirectoryTest, LeftoversOfWritersThatAreGoneAreRemovedWhenAProcessStarts)
     OtherProcess other(tv);
     ASSERT_EQ(other.Do("volume"), "0 10");
     EXPECT_THAT(tv.OwnFolders(), IsEmpty());
-    EXPECT_THAT(tv.Leftovers("audio"), UnorderedElementsAre(".kavrelrc", ".kavrel-link")) << "no writer makes a link";
+    EXPECT_THAT(tv.Leftovers("audio"), UnorderedElementsAre(".kavrelrc", ".kavrel-link"))
+        << "no writer makes a link";
     EXPECT_THAT(tv.Leftovers("settings/db/usb"), ElementsAre(".level.swp"));
     EXPECT_THAT(tv.Leftovers("settings/.mine"), ElementsAre(".kavrel-999-1-7"));
 }
