@@ -53,7 +53,7 @@ std::vector<pthread_t> starts;
 /** Whether starts and joins enter the journal. */
 std::atomic<bool> watchesThreads = false;
 
-/** What timed locks of this thread do. */
+/** How timed locks of this thread end. */
 enum class Locks { WAIT_IN_TIME, FAIL, WAIT_FOR_EVER };
 thread_local Locks locks = Locks::WAIT_IN_TIME;
 /** The mutexes that this thread locked, in order. */
