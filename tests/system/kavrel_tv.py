@@ -118,6 +118,20 @@ def refused(done):
     return done.stderr.removeprefix("kavrel-tv: ").removesuffix("\n")
 
 
+def wait_until_asleep(pid):
+    """Waits until the process sleeps, because it waits for an event and has nothing else to do.
+
+    There is no event for it: a process that slept at five looks in a row has come there.
+    """
+    deadline = time.monotonic() + PATIENCE
+    asleep = 0
+    while asleep < 5:
+        assert time.monotonic() < deadline
+        time.sleep(0.01)
+        with open(f"/proc/{pid}/stat") as stat:
+            asleep = asleep + 1 if stat.read().rsplit(")", 1)[1].split()[0] == "S" else 0
+
+
 def assert_idle(pid):
     def switches():
         found = {}

@@ -50,6 +50,10 @@ class Terminal:
     def type(self, keys):
         os.write(self.master, keys.encode())
 
+    def unread(self):
+        """Returns the number of typed bytes that nobody has read."""
+        return struct.unpack("i", fcntl.ioctl(self.slave, termios.FIONREAD, bytes(4)))[0]
+
     def _read(self, timeout):
         """Reads available output; returns False if none comes in time."""
         if not select.select([self.master], [], [], timeout)[0]:

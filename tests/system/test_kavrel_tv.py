@@ -162,12 +162,19 @@ def test_show_draws_in_ascii_where_the_locale_is_not_utf8(tool):
     assert shown.isascii() and "\n|- sound\n|  |- route        0 tv, TV speaker\n" in shown
 
 
-def test_colours_are_for_a_terminal_without_no_color(tool):
+def test_colours_are_for_a_terminal_without_no_color(tool, tv):
     assert "\033" not in tool("show")
     plain = tool.terminal("show", NO_COLOR="1").run()
     coloured = tool.terminal("show").run()
     assert "\033" not in plain
-    assert "\033[1mTV\033[0m" in coloured and re.sub(r"\033\[\d*m", "", coloured) == plain
+    assert re.sub(r"\033\[\d*m", "", coloured) == plain
+    for piece in ("\033[1mTV\033[0m", "kavreld \033[33mnot ready\033[0m\n", "\n\033[2m├─ \033[0moutput", "\033[1m10\033[0m, mute off\n",
+                  "\033[2mnot set\033[0m\n", "\033[32mon\033[0m\n"):
+        assert piece in coloured, piece
+    tool("mute", "on")
+    tv.echo("loud", "audio/sub_out_gain2")
+    coloured = tool.terminal("show").run()
+    assert "mute \033[33mon\033[0m\n" in coloured and "\033[31munreadable\033[0m\n" in coloured
 
 
 def test_show_cuts_its_lines_at_the_edge_of_the_terminal(tool):
@@ -217,13 +224,17 @@ def test_a_verb_writes_its_value_and_nothing_else(tool, tv, command, written):
     assert {path: after[path] for path in written} == {path: f"{text}\n" for path, text in written.items()}
 
 
+ROUTE_WORDS = ["TV speaker", "optical receiver", "HDMI receiver", "Bluetooth speaker", "Wi-Fi speaker", "Bluetooth earbuds",
+               "several outputs at once", "output without volume control", "HDMI receiver", "optical receiver", "Wi-Fi speaker",
+               "TV speaker and optical receiver", *["TV speaker"] * 3, "USB speaker", *["output without volume control"] * 3,
+               "Auracast speaker"]
 ROUTE_NAMES = ["tv", "optical", "hdmi", "bt", "wifi", "bt-buds", "multi-output", "other-7", "hdmi-2", "optical-2", "wifi-2",
                "tv-optical", "tv-2", "tv-3", "tv-4", "usb", "other-16", "other-17", "other-18", "auracast"]
 
 
 def test_every_route_has_a_name_which_the_help_lists(tool, tv):
-    listed = re.findall(r"^ +(\d+)  (\S+)", tool("route", "--help"), re.MULTILINE)
-    assert listed == [(str(code), name) for code, name in enumerate(ROUTE_NAMES)]
+    listed = re.findall(r"^ +(\d+)  (\S+) +(.*)$", tool("route", "--help"), re.MULTILINE)
+    assert listed == [(str(code), *texts) for code, texts in enumerate(zip(ROUTE_NAMES, ROUTE_WORDS))]
     for code, name in enumerate(ROUTE_NAMES):
         tool("route", name)
         assert tv.read("sound/route") == str(code)
@@ -272,6 +283,7 @@ def test_zones_come_with_the_route_in_force_and_go(tool, tv):
     tool("zones", "1,7")
     assert {zone["id"]: zone["route"]["name"] for zone in tool.show()["zones"]} == {1: "usb", 7: "wifi"}
     assert sorted(path.name for path in (tv.path / "sound/zones").iterdir()) == ["1", "7"]
+    (tv.path / "sound/zones/.7.gone/old").mkdir(parents=True)  # as one that was killed leaves it
     tool("zones", "none")
     assert list((tv.path / "sound/zones").iterdir()) == []
 
@@ -314,9 +326,11 @@ def test_multiview_is_off_while_its_setting_is_junk(tool, tv, junk):
 
 def test_what_does_not_work_by_itself_is_said(tool, tv):
     assert "no zones" in tool("multiview", "on")
+    assert tool("multiview", "off") == ""
     assert "reads the features only when it starts" in tool("feature", "multiview", "off")
     assert "feature multiview on" in tool("multiview", "on")
     assert tool.show()["multiview"] is False
+    assert tool("multiview", "off") == ""
     tv.remove(f"{FEATURES}/multiview.support")
     assert "feature multiview on" in tool("multiview", "on")
     assert "feature projector on" in tool("projector", "ready")
@@ -353,10 +367,14 @@ def test_a_value_that_cannot_be_written_is_one_line_too(tool, tv):
     assert refused(done) == f"Cannot write {tv.path}/audio/master_volume: Is a directory"
 
 
-def test_a_zone_that_cannot_be_made_is_one_line_too(tool, tv):
-    tv.echo("in the way", "sound/zones/3")
-    done = tool.run("zones", "3")
+def test_a_zone_that_cannot_be_made_is_one_line_too(tool, scene):
+    other = scene.folder / "o\033ther\n"
+    other.mkdir()
+    tool("--dir", str(other), "zones", "none")
+    (other / "sound/zones/3").write_text("in the way")
+    done = tool.run("--dir", str(other), "zones", "3")
     assert done.returncode == 1 and refused(done).startswith("filesystem error: cannot rename: ")
+    assert "/o?ther /sound" in done.stderr
 
 
 @pytest.fixture
@@ -382,6 +400,13 @@ def test_a_tv_that_this_user_may_not_read_is_named(tool, tv):
     assert done.returncode == 2 and refused(done) == f"cannot read {tv.path}: Permission denied"
 
 
+def test_a_tv_that_cannot_be_filled_is_named(tool, tv):
+    tv.path.chmod(0o555)
+    done = tool.run("show", before=WITHOUT_RIGHTS)
+    tv.path.chmod(0o755)
+    assert done.returncode == 2 and refused(done) == f"Cannot make {tv.path}/.filling: Permission denied"
+
+
 @pytest.mark.parametrize("command", ["volume 5", "zones 1", "devices"])
 def test_a_tv_that_this_user_may_not_write_is_one_line_with_a_status_of_its_own(read_only, tool, tv, command):
     before = state_of(tv.path)
@@ -399,6 +424,22 @@ def test_dir_names_another_tv(tool, scene):
     assert (other / "audio/master_volume").read_text() == "33\n"
     assert tool.show()["volume"] == 10
     assert json.loads(tool("--dir", str(other), "show", "--json"))["route"]["code"] == 15
+
+
+@pytest.mark.parametrize("files", [[".hidden"], [".filling", "half"]], ids=["hidden", "filling"])
+def test_a_directory_that_is_empty_or_not_yet_full_is_a_tv(tool, scene, files):
+    other = scene.folder / "other"
+    other.mkdir()
+    for name in files:
+        (other / name).touch()
+    tool("--dir", str(other), "volume", "33")
+    assert (other / "audio/master_volume").read_text() == "33\n" and (other / "sound/route").read_text() == "0\n"
+
+
+def test_the_tv_is_that_of_the_system_by_default(tool):
+    if not os.path.exists("/run/kavrel"):
+        done = tool.run("show", before=["env", "-u", "KAVREL_TV_DIR"])
+        assert refused(done) == "there is no TV directory /run/kavrel; ./run makes one, --dir names another"
 
 
 @pytest.mark.parametrize("command", [[name] for name in COMMANDS if name in ("show", "watch", "devices")] + [["volume", "5"]])

@@ -11,7 +11,8 @@ import pytest
 from gi.repository import Gio, GLib
 
 from harness import PATIENCE, ROOT, TV_SUPPORT, Bus, Switches
-from kavrel_tv import assert_idle, make_tool, refused
+from kavrel_tv import KAVREL_TV, assert_idle, make_tool, refused, wait_until_asleep
+from terminal import Terminal
 
 MIRRORING = "settings/memory/menu/network/screenmirroring"
 LEVEL_REQUEST, MUTE_REQUEST = f"{MIRRORING}/set_volume_level", f"{MIRRORING}/set_volume_mute"
@@ -175,6 +176,15 @@ def test_a_value_that_cannot_be_published_is_complained_about(tool, tv):
     assert not devices.said("hdmi: ")
 
 
+def test_devices_need_a_folder_for_the_requests(tool, tv):
+    (tv.path / "settings/memory").mkdir(parents=True)
+    tv.echo("in the way", "settings/memory/menu")
+    (tv.path / "sound").mkdir()
+    done = tool.run("devices")
+    assert done.returncode == 1
+    assert refused(done) == f"Cannot make {tv.path}/{MIRRORING}: Not a directory"
+
+
 @pytest.mark.parametrize("asked, level", [(-5, 0), (100, 100), (250, 100)])
 def test_a_device_has_no_level_beyond_its_scale(tool, tv, asked, level):
     tool("route", "hdmi")
@@ -322,8 +332,10 @@ def test_a_device_that_vanished_stays_away(tool, tv):
 
 def test_the_last_devices_play_and_the_others_wait(tool, tv):
     tool("route", "hdmi")
-    first = tool.devices()
-    second = tool.devices("--rounding", "10")
+    first = tool.devices("--delay", "400")
+    ask(tv, level=41)
+    first.wait("level 41 asked for")  # if this answer is not given before the others play, it is forgotten
+    second = tool.devices("--rounding", "10", "--delay", "800")
     first.wait("plays now; these wait until it ends")
     ask(tv, level=42)
     second.wait("publishes level 40")
@@ -424,7 +436,23 @@ def test_the_peer_answers_and_announces(tool, client, which, peer, route, suppor
     emulator.child.stdin.write("38")
     emulator.child.stdin.close()
     client.expect("SpkVolumeChanged", route, support, 38)
+    wait_until_asleep(emulator.child.pid)  # although there is no more to read
     assert emulator.end() == (0, ['kavrel-tv: "loud" is not a whole number of 32 bits'])
+    assert [line.split(" ", 1)[1] for line in emulator.lines[1:]] == [
+        "GetSpkVolume: 17", "SetSpkVolume 35", f"SpkVolumeChanged {route} {support} 35", "GetSpkVolume: 35",
+        *(f"SpkVolumeChanged {route} {support} {volume}" for volume in (36, 37, 38))]
+
+
+def test_the_peer_plays_on_in_the_background_of_a_terminal(tool, client):
+    shell = Terminal(["bash", "--norc", "-mc", f"{KAVREL_TV} emulator bt & echo process $!.; wait"], tool.environment(), 24, 80)
+    tool.scene.callback(shell.close)
+    shell.wait_until(lambda: "is here" in shell.output and "process" in shell.output)
+    process = int(re.search(r"process (\d+)\.", shell.output)[1])
+    shell.type("23\n")  # which is for the program in the foreground
+    wait_until_asleep(process)
+    assert call(client, BT_PEER, "GetSpkVolume") == (3, 10, 0)
+    os.kill(process, signal.SIGTERM)
+    shell.wait_for_end()
 
 
 def test_the_peer_needs_its_name(tool):

@@ -13,6 +13,7 @@ import xml.etree.ElementTree
 import pytest
 
 from harness import PATIENCE, ROOT, FolderWatch
+from impostor import Impostor
 from kavrel_tv import KAVREL_TV, KavrelTv, refused
 
 SCENARIOS = sorted(set((ROOT / "scenarios").glob("*.txt")) - {ROOT / "scenarios/tour.txt"})  # the tour has its own test
@@ -113,6 +114,11 @@ def test_expect_output_removes_a_volume_that_was_not_there(scene, tv, tmp_path):
     (tmp_path / "scenario.txt").write_text("route hdmi\nexpect output hdmi\n")
     KavrelTv(scene)("play", str(tmp_path / "scenario.txt"))
     assert not tv.has(level)
+    # The volume 1 is the first one that it tries, and the daemon has announced it for another output before.
+    (tmp_path / "scenario.txt").write_text("route tv\nexpect output tv\ncall SetSpeakerVolume 1 -> 0 within 5\n"
+                                           "expect no signal SpeakerMuteChanged\nexpect output hdmi within 0.5\n")
+    assert failed_at(KavrelTv(scene).run("play", str(tmp_path / "scenario.txt")), 5).startswith("expected kavreld to follow")
+    assert not tv.has(level)
 
 
 def test_expect_output_puts_the_volume_back_when_it_fails_or_is_interrupted(tool, tv, tmp_path):
@@ -127,6 +133,26 @@ def test_expect_output_puts_the_volume_back_when_it_fails_or_is_interrupted(tool
     tv.wait_until(level, lambda: tv.read(level) != "30")
     assert running.end(signal.SIGINT) == (130, [f"kavrel-tv: {scenario}:1: interrupted"])
     assert tv.read(level) == "30"
+
+
+def test_a_failure_that_is_no_expectation_has_its_place_too(play, tv):
+    (tv.path / "sound/zones").mkdir(exist_ok=True)
+    tv.echo("in the way", "sound/zones/3")
+    assert failed_at(play("zones 3"), 1).startswith("filesystem error: cannot rename: ")
+
+
+def test_gains_before_a_call_are_forgotten(play):
+    done = play("call ApplyGainOnMute 3 20 -> 0 within 5", "expect gain main 20", "call ApplyGainOnMute 3 100 -> 0 within 5",
+                "expect gain main 100", "call GetSpeakerVolume", "expect fade main within 0.1")
+    assert failed_at(done, 6) == "expected the main gain to drop and to rise to 100 again, within 0.1 s, seen: 100"
+
+
+def test_a_call_is_repeated_every_fifth_of_a_second(scene, tmp_path):
+    scene.tv.path.mkdir()
+    impostor = Impostor(scene.client(), GetSpeakerVolume=[(10, 0)] * 1000)
+    (tmp_path / "scenario.txt").write_text("call GetSpeakerVolume -> 77 0 within 0.9\n")
+    assert failed_at(KavrelTv(scene).run("play", str(tmp_path / "scenario.txt")), 1) == "expected the answer 77 0, seen: 10 0"
+    assert len(impostor.calls) <= 6
 
 
 def test_an_unexpected_signal_fails_and_a_seen_one_is_listed(play):
@@ -533,6 +559,7 @@ def plotted(scene, tmp_path):
 def test_the_type_of_a_picture_follows_its_name(plotted, tmp_path):
     assert plotted("some.svg").stdout == b"2 lines drawn in some.svg\n"
     assert (tmp_path / "some.svg").read_bytes().startswith(b"<?xml")
+    assert plotted("some\x1b.svg").stdout == b"2 lines drawn in some?.svg\n"
     assert plotted("some.png", "--format", "png").stdout == b"2 lines drawn in some.png\n"
     assert (tmp_path / "some.png").read_bytes().startswith(PNG_SIGNATURE)
     assert plotted("MORE.SVG").stdout == b"2 lines drawn in MORE.SVG\n"

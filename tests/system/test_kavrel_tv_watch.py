@@ -10,7 +10,7 @@ import time
 
 import pytest
 
-from kavrel_tv import KAVREL_TV, PATIENCE, assert_idle, make_tool
+from kavrel_tv import KAVREL_TV, PATIENCE, assert_idle, make_tool, wait_until_asleep
 from terminal import ENTER, LEAVE
 
 LEVEL_REQUEST = "settings/memory/menu/network/screenmirroring/set_volume_level"
@@ -25,6 +25,7 @@ def test_watch_shows_the_tv_live_in_80x24_and_leaves_the_terminal_as_it_was(tool
     terminal = tool.terminal("watch")
     terminal.wait_for_row("│  ├─ volume       ██░░░░░░░░░░░░░░░░░░░░░░░ 10, mute off")
     assert ENTER in terminal.output
+    assert f"\033[36m██\033[0m\033[2m{'░' * 23}\033[0m \033[1m10\033[0m, mute off" in terminal.output
     for text in ("├─ output          2 hdmi, HDMI receiver, of the zone in focus", "│  └─ zone 2       0 tv, TV speaker",
                  "│  └─ sub gain     █████████████████████████ 100 %",
                  "   └─ com.norvik/featureconf/projector_feature_support    off"):
@@ -55,10 +56,12 @@ def test_watch_shows_the_tv_live_in_80x24_and_leaves_the_terminal_as_it_was(tool
 def test_watch_leaves_the_terminal_as_it_was_whatever_ends_it(tool, number, status):
     terminal = tool.terminal("watch")
     terminal.wait_for_row("├─ sound")
+    terminal.type("typed")
+    terminal.wait_until(lambda: terminal.unread() == len("typed"), every=0.05)
     terminal.child.send_signal(number)
     assert terminal.wait_for_end() == status
-    assert terminal.output.endswith(LEAVE)
-    assert terminal.modes() == terminal.modes_before
+    assert terminal.output.endswith(LEAVE) and "typed" not in terminal.output
+    assert terminal.modes() == terminal.modes_before and terminal.unread() == 0
 
 
 def test_watch_gives_the_terminal_back_while_it_is_suspended(tool):
@@ -82,8 +85,9 @@ def test_watch_gives_the_terminal_back_while_it_is_suspended(tool):
 def test_watch_follows_the_size_of_the_terminal(tool):
     terminal = tool.terminal("watch")
     terminal.wait_for_row("   └─ com.norvik/featureconf/projector_feature_support    off")
-    terminal.resize(10, 24)
-    terminal.wait_until(lambda: len(terminal.rows()) == 10 and terminal.rows()[3] == "│  ├─ route        0 tv,")
+    for rows in (10, 12):
+        terminal.resize(rows, 24)
+        terminal.wait_until(lambda rows=rows: len(terminal.rows()) == rows and terminal.rows()[3] == "│  ├─ route        0 tv,")
 
 
 def test_watch_draws_at_most_20_times_a_second_and_the_last_state_always(tool, tv):
@@ -136,18 +140,11 @@ def full_pipe():
             os.close(end)
 
 
-def wait_until_asleep(pid):
-    """Waits until the process sleeps, because it waits for the pipe and has nothing else to do.
-
-    There is no event for it: a process that slept at five looks in a row has come there.
-    """
-    deadline = time.monotonic() + PATIENCE
-    asleep = 0
-    while asleep < 5:
-        assert time.monotonic() < deadline
-        time.sleep(0.01)
-        with open(f"/proc/{pid}/stat") as stat:
-            asleep = asleep + 1 if stat.read().rsplit(")", 1)[1].split()[0] == "S" else 0
+def test_watch_shows_24_rows_where_the_terminal_has_no_rows(tool):
+    terminal = tool.terminal("watch", rows=0)
+    terminal.wait_until(lambda: "projector_feature_support" in terminal.output)
+    terminal.type("\x03")
+    assert terminal.wait_for_end() == 0
 
 
 def test_watch_on_a_dumb_terminal_prints_each_state(tool):

@@ -6,9 +6,11 @@ import ctypes
 import datetime
 import json
 import os
+import pwd
 import re
 import signal
 import subprocess
+import threading
 import time
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
@@ -233,7 +235,8 @@ def test_status_names_the_output_of_the_zone_in_focus(daemon, tv, ctl):
     assert ctl.run("status").stdout.splitlines()[3] == "output   hdmi, HDMI receiver (route 2), of the zone in focus"
     assert json.loads(ctl.run("status", "--json").stdout)["output"] == "hdmi"
     for text, value in (("false", "features/com.norvik/featureconf/multiview.support"),
-                        ('{"mode":"off"}', "settings/memory/multiscreen/info"), ("none", "sound/zones/1/route")):
+                        ('{"mode":"off"}', "settings/memory/multiscreen/info"),
+                        ("[" * 5000, "settings/memory/multiscreen/info"), ("none", "sound/zones/1/route")):
         before = tv.read(value)
         tv.echo(text, value)
         assert ctl.run("status").stdout.splitlines()[3] == "output   tv, TV speaker (route 0)", value
@@ -245,6 +248,9 @@ def test_empty_name_of_a_tv_directory_is_none(scene, daemon, tv):
     done = subprocess.run([KAVRELCTL, "status"], env=scene.environment(KAVREL_TV_DIR=""), cwd=tv.path, capture_output=True,
                           text=True, timeout=PATIENCE, check=False)
     assert done.stdout.startswith("volume ") and "auracast" not in done.stdout
+    if not Path("/run/kavrel").exists():
+        report = Ctl(scene).run("report", "--timeout", str(PATIENCE), KAVREL_TV_DIR="", PATH=str(scene.folder)).stdout
+        assert rows_of(parts_of(report)["State"])["output"] == "missing: no readable route in /run/kavrel"
 
 
 def not_a_directory(folder):
@@ -415,6 +421,25 @@ def test_wait_needs_no_reader(scene, ctl):
     assert view.wait() == DONE
 
 
+def test_wait_ends_with_the_bus(scene, ctl, client):
+    asked = threading.Event()
+
+    def see(_connection, message, *_):
+        if message.get_member() == "GetNameOwner":
+            asked.set()  # the last question of kavrelctl before it waits
+            return None  # which is for the bus
+        return message
+
+    client.connection.add_filter(see)
+    client.connection.call_sync("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus.Monitoring",
+                                "BecomeMonitor", GLib.Variant("(asu)", (["member='GetNameOwner'"], 0)), None,
+                                Gio.DBusCallFlags.NONE, -1, None)
+    view = ctl.view("wait", "--timeout", "0")
+    assert asked.wait(PATIENCE), "kavrelctl does not ask"
+    scene.bus.end()
+    assert (view.wait(), view.errors()) == (UNREACHABLE, "kavrelctl: the bus has gone\n")
+
+
 # No bus, no daemon or no answer
 
 
@@ -499,6 +524,8 @@ def test_timeout_of_zero_is_none(stopped, ctl):
 
 # A bus or a daemon that has too much to do
 
+PAUSES = 0.05 + 0.1 + 0.2  # seconds between the four attempts
+
 
 @pytest.mark.parametrize("busy", [(0, -1), Impostor.TOO_MUCH], ids=str)
 def test_busy_daemon_is_asked_again(scene, ctl, busy):
@@ -513,7 +540,9 @@ def test_busy_daemon_is_asked_again(scene, ctl, busy):
 ])
 def test_daemon_that_stays_busy_is_left_alone(scene, ctl, busy, status, complaint):
     impostor = Impostor(scene.client(), GetSpeakerVolume=[busy] * 9)
+    begin = time.monotonic()
     assert ctl.fails(status, "volume") == complaint
+    assert time.monotonic() - begin >= PAUSES
     assert impostor.calls == ["GetSpeakerVolume"] * 4
 
 
@@ -540,6 +569,12 @@ def test_failure_of_the_daemon_is_named(scene, ctl, arguments, answers, calls, c
     assert len(impostor.calls) == calls
 
 
+@pytest.mark.parametrize("command, method", [("volume", "GetSpeakerVolume"), ("monitor", f"{NAME}.GetSpeakerVolume")])
+def test_answer_with_other_values_is_a_failure(scene, ctl, command, method):
+    Impostor(scene.client(), GetSpeakerVolume=[(30,)])
+    assert ctl.fails(UNREACHABLE, command) == f"the call failed: Method “{method}” returned type “(i)”, but expected “(ii)”"
+
+
 def test_set_is_tried_again(scene, ctl):
     impostor = Impostor(scene.client(), SetSpeakerVolume=[(-1,), Impostor.TOO_MUCH, (0,)],
                         GetSpeakerSupportType=[(15, 0)])
@@ -552,16 +587,19 @@ def test_set_is_tried_again(scene, ctl):
 def test_monitor_asks_a_busy_daemon_again(scene, ctl):
     impostor = Impostor(scene.client(), GetSpeakerVolume=[Impostor.TOO_MUCH, (0, -1), (30, 0)],
                         GetSpeakerMute=[(0, -1)] * 9, GetSpeakerSupportType=[(15, 0)])
+    begin = time.monotonic()
     view = ctl.view("monitor", "--json")
     state = view.read_events("state")[0]
+    assert time.monotonic() - begin >= PAUSES
     assert (state["volume"], state["mute_status"], state["support"]) == (30, -1, 15)
     assert sorted(impostor.calls) == (
         ["GetSpeakerMute"] * 4 + ["GetSpeakerSupportType"] + ["GetSpeakerVolume"] * 3)
     assert impostor.starting == []
 
 
-def test_monitor_ends_while_it_waits_to_ask_again(scene, ctl):
-    impostor = Impostor(scene.client(), GetSpeakerVolume=[(0, -1)] * 9)
+@pytest.mark.parametrize("answers", [{"GetSpeakerVolume": [(0, -1)] * 9}, {}], ids=["to ask again", "for answers"])
+def test_monitor_ends_while_it_waits(scene, ctl, answers):
+    impostor = Impostor(scene.client(), **answers)
     view = ctl.view("monitor", "--timeout", "0")
     assert impostor.called.wait(PATIENCE)
     view.close_output()
@@ -593,7 +631,9 @@ def test_bus_with_too_many_connections_is_busy(scene, ctl, change_bus):
     with pytest.raises(GLib.Error, match="LimitsExceeded"):
         while len(clients) < 9:
             clients.append(scene.client())
+    begin = time.monotonic()
     assert ctl.fails(BUSY, "status").startswith("busy, try again: The maximum number of active connections")
+    assert time.monotonic() - begin >= PAUSES
     clients[0].close()
     assert ctl("volume") == "10\n"
 
@@ -668,6 +708,8 @@ WRONG_USAGE = [
     (["mtue"], 'no such command: "mtue" (did you mean "mute"?); see kavrelctl --help'),
     (["mutee"], 'no such command: "mutee" (did you mean "mute"?); see kavrelctl --help'),
     (["mode"], 'no such command: "mode"; see kavrelctl --help'),
+    (["mtxe"], 'no such command: "mtxe"; see kavrelctl --help'),
+    (["mxue"], 'no such command: "mxue"; see kavrelctl --help'),
     (["Status"], 'no such command: "Status" (did you mean "status"?); see kavrelctl --help'),
     (["help", "bogus"], 'no such command: "bogus"; see kavrelctl help --help'),
     (["help", "fad"], 'no such command: "fad" (did you mean "fade"?); see kavrelctl help --help'),
@@ -823,6 +865,7 @@ def test_help_page_of_a_command(ctl):
     assert help_of(ctl, ["fade"]) == FADE_HELP
     assert "\nExample:\n  kavrelctl unmute\n" in help_of(ctl, ["unmute"])
     assert "\n  fade                Fade a gain in, from 0 to 100 in about 1.5 s\n  gain  " in help_of(ctl, [])
+    assert "\nUsage: kavrelctl [options] [COMMAND]\n" in help_of(ctl, [])
 
 
 def test_version(ctl):
@@ -912,6 +955,11 @@ def test_monitor_of_objects_goes_on_through_a_restart(scene, daemon, ctl):
     scene.start()
     told = view.read_events("state")
     assert [event["event"] for event in told] == ["gone", "back", "state"]
+    scene.daemons[-1].kill()
+    Impostor(scene.client(), GetSpeakerVolume=["org.some.Error"])
+    told = view.read_events("error")
+    assert [event["event"] for event in told] == ["gone", "back", "error"]
+    assert told[-1]["message"] == "the call failed: Too many wait"
 
 
 def test_monitor_says_when_the_daemon_is_back_and_does_not_answer(scene, daemon, ctl):
@@ -950,6 +998,11 @@ def test_monitor_goes_on_when_the_daemon_ends_before_its_first_answer(scene, ctl
     impostor = Impostor(scene.client())
     view = ctl.view("monitor", "--timeout", "0")
     assert impostor.called.wait(PATIENCE)
+    impostor.connection.close_sync(None)
+    assert events([view.read_line()]) == [("gone", "kavreld has left the bus")]
+    impostor = Impostor(scene.client(), GetSpeakerVolume=["org.some.Error"])
+    assert events([view.read_line(), view.read_line()]) == [
+        ("back", "kavreld is on the bus again"), ("error", "the call failed: Too many wait")]
     impostor.connection.close_sync(None)
     assert events([view.read_line()]) == [("gone", "kavreld has left the bus")]
     scene.start()
@@ -1081,8 +1134,14 @@ def test_callers_are_looked_up_before_they_leave(scene, daemon, ctl, client):
     caller.flush()
     caller.close()
     client.wait_until_gone(caller.name)
+    stranger = scene.client()
+    stranger.send("SetSpeakerMute", "b", True)
+    stranger.flush()
+    stranger.close()
+    client.wait_until_gone(stranger.name)
     view.signal(signal.SIGCONT)
     assert f"(pid {os.getpid()})" in view.read_until("SetSpeakerVolume")[-1]
+    assert view.read_until("SetSpeakerMute")[-1].endswith(f", by {stranger.name}, which has gone")
 
 
 def test_calls_do_not_show_the_monitors_own(daemon, ctl, client):
@@ -1125,7 +1184,7 @@ OTHER_UNIT = "The daemon on this bus is another one than that of this unit."
 
 
 def test_report(daemon, tv, ctl, client, programs):
-    programs("systemctl", 'echo "ActiveState=active for $2"')
+    programs("systemctl", 'echo "ActiveState=active for $*"')
     done = ctl.run("report", "--timeout", str(PATIENCE), PATH=str(programs.folder))
     assert (done.returncode, done.stderr) == (DONE, "")
     parts = parts_of(done.stdout)
@@ -1139,9 +1198,12 @@ def test_report(daemon, tv, ctl, client, programs):
     assert versions["kernel"] == f"{os.uname().sysname} {os.uname().release} {os.uname().machine}"
     assert versions["distribution"] == re.search('PRETTY_NAME="(.*)"', Path("/etc/os-release").read_text()).group(1)
     assert rows_of(parts["Daemon"])["owner of name"] == f"{client.owner()}, pid {daemon.pid}, {KAVRELD}"
+    assert rows_of(parts["Daemon"])["reported by"] == pwd.getpwuid(os.geteuid()).pw_name
     assert rows_of(parts["State"]) == {"volume": "10", "mute": "off", "support": ALL_WORDS,
                                        "output": "tv, TV speaker (route 0)"}
-    assert parts["Unit"] == ["ActiveState=active for kavrel.service"]
+    assert parts["Unit"] == [
+        "ActiveState=active for show kavrel.service --property=LoadState,UnitFileState,ActiveState,SubState,Result,NRestarts,"
+        "MainPID,StateChangeTimestamp"]
 
 
 def is_logged(daemon, lines):
@@ -1177,7 +1239,8 @@ def test_report_says_that_the_journal_is_another_daemons(scene, ctl, programs):
 
 
 @pytest.mark.parametrize("script, lines", [
-    ('printf "one %s\\n\\033[31mtwo\\377\\n" "$1"', ["one --unit=kavrel", "?[31mtwo?"]),
+    ('printf "one %s\\n\\033[31mtwo\\377\\n" "$*"',
+     ["one --unit=kavrel --lines=50 --no-pager --output=short-iso", "?[31mtwo?"]),
     ("echo -- No entries --; echo No journal files were found. >&2", ["missing: No journal files were found."]),
     ("echo No rights >&2", ["missing: No rights"]),
     ("echo -- No entries --", ["-- No entries --"]),
@@ -1280,10 +1343,20 @@ def test_terminal_is_coloured(hdmi, terminal):
     assert "\x1b[31mnot supported by this output (-4)\x1b[0m" in view.output
 
 
+def test_terminal_without_a_name_is_coloured(scene, daemon):
+    view = Terminal(["env", "-u", "TERM", KAVRELCTL, "status"], scene.environment(NO_COLOR=""), 24, 80)
+    scene.callback(view.close)
+    assert "\x1b[1mvolume   \x1b[0m10" in view.run()
+
+
 def test_monitor_is_coloured(scene, terminal):
-    impostor = Impostor(scene.client(), GetSpeakerVolume=[(30, 0)], GetSpeakerMute=[(0, 0)], GetSpeakerSupportType=[(15, 0)])
-    view = terminal("monitor", "--timeout", "0")
+    impostor = Impostor(scene.client(), GetSpeakerVolume=[(30, 0)], GetSpeakerMute=[(0, 0)], GetSpeakerSupportType=[(15, 0)],
+                        SetSpeakerMute=[(0,)])
+    view = terminal("monitor", "--calls", "--timeout", "0")
     view.wait_until(lambda: "0x000f" in view.output)
+    assert re.search(r"\x1b\[2m\d\d:\d\d:\d\d\.\d{3}  \x1b\[0m\x1b\[1mvolume   \x1b\[0m30\r", view.output)
+    scene.client().send("SetSpeakerMute", "b", True)
+    view.wait_until(lambda: "\x1b[34mcall     \x1b[0mSetSpeakerMute(true) -> 0, " in view.output)
     impostor.connection.close_sync(None)
     view.wait_until(lambda: "\x1b[31mgone     \x1b[0m" in view.output)
     Impostor(scene.client(), GetSpeakerVolume=["org.some.Error"])

@@ -310,6 +310,12 @@ if os.geteuid() == 0:
         assert strict.run_as("nobody", kavrelctl, "monitor", "--calls") == (
             77, "kavrelctl: not allowed: only root may see calls\n")
 
+    def test_a_report_of_root_runs_no_program_of_another_user(strict):
+        strict.scene.start()
+        status, report = strict.run_as("root", "env", "PATH=/nowhere", strict.copy(KAVRELCTL), "report", "--timeout", str(PATIENCE))
+        assert status == 0
+        assert "\n  kavreld        missing: there is no program kavreld\n" in report
+
     def count_open_files(process):
         """Counts the kinds of files that a message may bring, and none that the process opens for an instant."""
         names = []

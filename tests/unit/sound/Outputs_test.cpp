@@ -26,6 +26,10 @@ std::string Accepted(std::string option) {
     return OutputOption()(option).empty() ? option : "";
 }
 
+std::string Refusal(std::string option) {
+    return OutputOption()(option);
+}
+
 TEST(OutputsTest, AnOptionTakesTheNameOrTheCodeOfARoute) {
     EXPECT_EQ(Accepted("hdmi=alsa.hdmi"), "2=alsa.hdmi");
     EXPECT_EQ(Accepted("HDMI=alsa.hdmi"), "2=alsa.hdmi");
@@ -34,8 +38,8 @@ TEST(OutputsTest, AnOptionTakesTheNameOrTheCodeOfARoute) {
 }
 
 TEST(OutputsTest, AnOptionNeedsARouteAndASink) {
-    EXPECT_EQ(Accepted("hdmi"), "");
-    EXPECT_EQ(Accepted("hdmi="), "");
+    EXPECT_EQ(Refusal("hdmi"), "\"hdmi\" is not ROUTE=SINK, such as hdmi=NAME");
+    EXPECT_EQ(Refusal("hdmi="), "the name of a sink is missing");
     EXPECT_EQ(Accepted("=x"), "");
     EXPECT_EQ(Accepted("20=x"), "");
     EXPECT_EQ(Accepted("-1=x"), "");
@@ -44,7 +48,7 @@ TEST(OutputsTest, AnOptionNeedsARouteAndASink) {
 }
 
 TEST(OutputsTest, TheSinkOfTheProgramsIsNoOutput) {
-    EXPECT_EQ(Accepted("tv=kavrel"), "");
+    EXPECT_EQ(Refusal("tv=kavrel"), "\"kavrel\" is the sink that programs play to, not an output");
     std::string sub = "kavrel";
     EXPECT_NE(SinkOption()(sub), "");
     sub = "";
@@ -58,8 +62,10 @@ TEST(OutputsTest, WithoutOptionsTheDefaultSinkPlaysTheTvsOwnOutputs) {
     EXPECT_EQ(outputs.ChoiceOf(TV, "card").sink, "card");
     EXPECT_EQ(outputs.ChoiceOf(TV, "card").reason, "the default sink");
     EXPECT_EQ(outputs.ChoiceOf(MULTI_OUTPUT, "card").sink, "card");
-    EXPECT_EQ(outputs.ChoiceOf(HDMI, "card").sink, "");
-    EXPECT_EQ(outputs.ChoiceOf(WITHOUT_VOLUME, "card").sink, "");
+    for (const int route : {HDMI, WITHOUT_VOLUME}) {
+        EXPECT_EQ(outputs.ChoiceOf(route, "card").sink, "");
+        EXPECT_EQ(outputs.ChoiceOf(route, "card").reason, "no sink is named for it");
+    }
     EXPECT_EQ(outputs.ChoiceOf(42, "card").sink, "");
     EXPECT_EQ(outputs.ChoiceOf(42, "card").reason, "unknown route");
 }

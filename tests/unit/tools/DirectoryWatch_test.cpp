@@ -113,6 +113,11 @@ TEST_F(DirectoryWatchTest, AFileThatGoesIsRemoved) {
     fs::remove(m_tv / "there");
     Rename("other", m_aside / "other");
     EXPECT_EQ(EventsSoFar(), (Events{"removed there", "removed other"}));
+    std::ofstream file(m_tv / "sub/file");
+    file << "text" << std::flush;
+    fs::remove(m_tv / "sub/file");
+    file.close();  // the kernel notifies of that, too
+    EXPECT_EQ(EventsSoFar(), Events{"removed sub/file"});
 }
 
 TEST_F(DirectoryWatchTest, AHiddenNameIsAValueOfTheDirectoryItselfAlone) {

@@ -39,7 +39,7 @@ protected:
         return FOLDER.Path();
     }
     static fs::path Tv() { return Folder() / "tv"; }
-    static fs::path File() { return Folder() / "some.csv"; }
+    static fs::path File() { return Folder() / "some\x1B.csv"; }  // a name that a terminal would obey
     static void Set(const host::Value& value, const std::string& text) {
         EXPECT_EQ(host::Write(value, text).number, 0);
     }
@@ -104,6 +104,16 @@ TEST_F(RecorderTest, AChangeOfAValueIsALineAtOnce) {
     EXPECT_EQ(NewLines(), Lines{"100,55,150,0,tv,150,0,"});
     Change(host::SUB_OUT_GAIN, "100");
     EXPECT_EQ(NewLines(), Lines{"100,100,150,0,tv,150,0,"});
+    Change(host::MAIN_OUT_GAIN, "45");
+    EXPECT_EQ(NewLines(), Lines{"45,100,150,0,tv,150,0,"});
+    Change(host::MAIN_OUT_GAIN, "100");
+    Change(host::MASTER_MUTE, "1");
+    Change(host::MASTER_MUTE, "0");
+    EXPECT_EQ(NewLines(),
+              (Lines{"100,100,150,0,tv,150,0,", "100,100,150,1,tv,150,1,", "100,100,150,0,tv,150,0,"}));
+    std::ofstream(Tv() / host::ROUTE.path) << "loud\n";
+    Settle();
+    EXPECT_EQ(NewLines(), Lines{"100,100,150,0,,,,route loud"});
 }
 
 TEST_F(RecorderTest, AnEventHasItsNameAndItsValue) {
@@ -168,7 +178,7 @@ TEST_F(RecorderTest, AChangeWaitsForTheSoundBeforeIt) {
     Change(host::MASTER_VOLUME, "30");
     testing::internal::CaptureStdout();
     EXPECT_EQ(recorder.RunFor(0.001), tools::EXIT_DONE);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "7 lines in " + File().string() + "\n");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "7 lines in " + Folder().string() + "/some?.csv\n");
     EXPECT_EQ(NewLines(), (Lines{"100,100,30,0,tv,30,0,,", "100,100,30,0,tv,30,0,,end"}));
 }
 

@@ -6,6 +6,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "Errors.h"
 #include "PlotScript.h"
@@ -165,6 +166,27 @@ TEST(PlotScriptTest, OutputsHaveARowEach) {
     EXPECT_TRUE(Has(script, "set yrange [-30:140]\n"));  // of the volumes
     EXPECT_EQ(Count(script, "set xlabel"), 1U);
     EXPECT_TRUE(Has(script, "size 960,697 "));
+}
+
+TEST(PlotScriptTest, WhatIsDrawnFirstIsBehindTheRest) {
+    const std::string script =
+        Script("0,100,95,10,40,5,start\n", "seconds,main_gain,sub_gain,volume,output_level,heard,event\n");
+    EXPECT_TRUE(
+        Has(script,
+            "plot $heard using 1:2 with lines title 'heard' linewidth 2 linecolor rgb '#e0a0a0', "
+            "$samples using 1:2 with steps title 'main output gain' linewidth 2.5 linecolor rgb "
+            "'#0060c0', $samples using 1:3 with steps title 'sub output gain' linewidth 1.5 dashtype 2 "
+            "linecolor rgb '#e07000'\n"));
+    EXPECT_TRUE(Has(script,
+                    "plot $samples using 1:7 with steps title 'output level' linewidth 6 linecolor rgb "
+                    "'#d0b0f0', $samples using 1:4 with steps title 'TV volume' linewidth 2 linecolor rgb "
+                    "'#208040'\n"));
+}
+
+TEST(PlotScriptTest, APngHasASizeAndAFont) {
+    const std::vector<Sample> samples = ParseRecording("some.csv", "seconds,mute,event\n0,0,start\n");
+    EXPECT_TRUE(Has(PlotScript(samples, "a title", PictureType::PNG),
+                    "\nset terminal pngcairo size 960,575 rounded font 'sans,10' background '#ffffff'\n"));
 }
 
 TEST(PlotScriptTest, EventsThatAreTooCloseShareAMark) {

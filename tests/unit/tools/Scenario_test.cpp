@@ -152,8 +152,6 @@ TEST(ScenarioTest, ALineThatIsWrongIsNamedWithTheReason) {
         {"expect signal X within -1", "--within: \"-1\" is not a number from 0 to 86400"},
         {"expect signal X within 86401", "--within: \"86401\" is not a number from 0 to 86400"},
         {"expect output tv within", "unexpected word \"within\""},
-        {"expect output other-7",
-         "the output other-7 has no volume, whose changes would show that kavreld follows it"},
         {"expect gain main 101", "PERCENT: \"101\" is not a whole number from 0 to 100"},
         {"expect gain sub -1", "PERCENT: \"-1\" is not a whole number from 0 to 100"},
         {"expect gain left 3", "OUTPUT: \"left\" is not one of main, sub"},
@@ -165,6 +163,11 @@ TEST(ScenarioTest, ALineThatIsWrongIsNamedWithTheReason) {
     };
     for (const auto& [line, complaint] : lines) {
         EXPECT_EQ(Refusal("volume 66\n" + line + "\n"), "some.txt:2: " + complaint) << line;
+    }
+    for (const std::string name : {"other-7", "other-16", "other-17", "other-18"}) {
+        EXPECT_EQ(Refusal("expect output " + name),
+                  "some.txt:1: the output " + name +
+                      " has no volume, whose changes would show that kavreld follows it");
     }
     for (const char* line : {"route nowhere", "expect output nowhere", "expect output 99"}) {
         EXPECT_NE(Refusal(line).find(" is neither the code nor the name of a route: 0 tv, 1 optical, "),

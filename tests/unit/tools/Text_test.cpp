@@ -81,12 +81,31 @@ TEST(TextTest, ATimeLimitIsNamedInSeconds) {
     EXPECT_EQ(InSeconds(250ms), "0.25 s");
 }
 
+/** A pipe, which is standard output until EndOutput(). */
+class PipedOutput {
+public:
+    explicit PipedOutput(int flags) {
+        EXPECT_EQ(pipe2(m_ends.data(), flags | O_CLOEXEC), 0);
+        dup2(m_ends[1], STDOUT_FILENO);
+        close(m_ends[1]);
+    }
+    ~PipedOutput() { close(m_ends[0]); }
+    PipedOutput(const PipedOutput&) = delete;
+    PipedOutput& operator=(const PipedOutput&) = delete;
+
+    int Reader() const { return m_ends[0]; }
+    void EndOutput() const {
+        dup2(m_before, STDOUT_FILENO);
+        close(m_before);
+    }
+
+private:
+    const int m_before = dup(STDOUT_FILENO);
+    std::array<int, 2> m_ends = {};
+};
+
 TEST(TextTest, ALongTextIsWrittenAsItIsReadAndOnce) {
-    std::array<int, 2> ends = {};
-    ASSERT_EQ(pipe2(ends.data(), O_NONBLOCK | O_CLOEXEC), 0);
-    const int output = dup(STDOUT_FILENO);
-    dup2(ends[1], STDOUT_FILENO);
-    close(ends[1]);
+    const PipedOutput pipe(O_NONBLOCK);
     std::string text;
     for (int number = 0; number < 50'000; ++number) {  // more than a pipe holds
         text += std::to_string(number) + " ";
@@ -95,7 +114,7 @@ TEST(TextTest, ALongTextIsWrittenAsItIsReadAndOnce) {
     std::thread reader([&] {
         std::array<char, 3000> chunk = {};
         for (;;) {
-            const ssize_t size = read(ends[0], chunk.data(), chunk.size());
+            const ssize_t size = read(pipe.Reader(), chunk.data(), chunk.size());
             if (size > 0) {
                 seen.append(chunk.data(), static_cast<std::size_t>(size));
             } else if (size == 0) {
@@ -104,12 +123,18 @@ TEST(TextTest, ALongTextIsWrittenAsItIsReadAndOnce) {
         }
     });
     Print(text);
-    dup2(output, STDOUT_FILENO);
-    close(output);
+    pipe.EndOutput();
     reader.join();
-    close(ends[0]);
     EXPECT_EQ(seen.size(), text.size());
     EXPECT_EQ(seen, text);
+}
+
+TEST(TextTest, AWriteThatNobodyReadsCanBeGivenUp) {
+    const PipedOutput pipe(0);
+    WhileStalled([] { throw std::runtime_error("enough"); });
+    EXPECT_THROW(Print(std::string(1'000'000, 'x')), std::runtime_error);  // more than a pipe holds
+    WhileStalled({});
+    pipe.EndOutput();
 }
 
 // --- What the daemon says, in words
@@ -180,6 +205,15 @@ TEST(TextTest, TextIsUtf8) {
     EXPECT_EQ(Taken(Utf8Text(), "\xFC"), std::nullopt);
 }
 
+TEST(TextTest, AToolWithoutACommandDoesItsDefault) {
+    CommandLine line("some-tool", "Do something.", "");
+    line.AddCommand("other", "Do something else", "some-tool other", [] { return EXIT_REFUSED; });
+    line.SetDefault([] { return EXIT_BUSY; });
+    std::string name = "some-tool";
+    std::array<char*, 2> arguments = {name.data(), nullptr};
+    EXPECT_EQ(line.Run(1, arguments.data()), EXIT_BUSY);
+}
+
 // --- The loop
 
 TEST(TextTest, AWaitEndsWithItsConditionOrItsTime) {
@@ -190,6 +224,16 @@ TEST(TextTest, AWaitEndsWithItsConditionOrItsTime) {
     bool isMet = false;
     const auto timer = loop.After(1ms, [&] { isMet = true; });
     EXPECT_EQ(loop.RunUntil([&] { return isMet; }, 60s), MainLoop::Waited::MET);
+}
+
+TEST(TextTest, ATimerCallsOnce) {
+    MainLoop loop;
+    int calls = 0;
+    const auto timer = loop.After(0ms, [&] { ++calls; });
+    EXPECT_EQ(loop.RunUntil([&] { return calls > 0; }, 60s), MainLoop::Waited::MET);
+    while (g_main_context_iteration(nullptr, FALSE) != FALSE && calls < 2) {
+    }
+    EXPECT_EQ(calls, 1);
 }
 
 TEST(TextTest, TheFirstEndOfALoopHolds) {
