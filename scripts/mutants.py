@@ -48,6 +48,8 @@ Mutex& NoMutex() {
     return mutex;
 }
 """
+# The first line of a script that has mutants.
+CHOICE = 'if [ -e "${BASH_SOURCE[0]}.${CHOSEN_MUTANT-}" ]; then source "${BASH_SOURCE[0]}.$CHOSEN_MUTANT"; return; fi'
 
 
 @dataclass(eq=False)  # each is itself: a key of dictionaries
@@ -211,18 +213,36 @@ def write_if_new(path, content):
         path.write_bytes(content)
 
 
+def is_script(name):
+    return name.endswith(".bash")
+
+
 def mutated(name, mutants, sources):
-    """The content of a source with its mutants: the header takes the place of the first line, a comment."""
-    text = planted(sources[name], [mutant for mutant in mutants if mutant.file == name])
-    return f'#include "{TREE.parent}/mutant.h"{text[text.index(chr(10)):]}'.encode()
+    """A source with its mutants, as {name of a file: content}. A line for the choice takes the place of the first line, a
+    comment. A mutant of a script has a file of its own."""
+    mine, text = [mutant for mutant in mutants if mutant.file == name], sources[name]
+    if is_script(name):
+        files = {f"{name}.{mutant.number}": text[:mutant.span[0]] + " ".join(mutant.changed) + text[mutant.span[1]:] for mutant in mine}
+        files[name] = CHOICE + text[text.index("\n"):]
+    else:
+        text = planted(text, mine)
+        files = {name: f'#include "{TREE.parent}/mutant.h"{text[text.index(chr(10)):]}'}
+    return {name: content.encode() for name, content in files.items()}
+
+
+def all_mutated(mutants, sources):
+    return {file: content for name in sources for file, content in mutated(name, mutants, sources).items()}
 
 
 def plant(mutants, sources, files):
     write_if_new(TREE.parent / "mutant.h", HEADER.encode())
+    changed = all_mutated(mutants, sources)
     for name in files:
-        write_if_new(TREE / name, mutated(name, mutants, sources) if name in sources else (ROOT / name).read_bytes())
+        write_if_new(TREE / name, (ROOT / name).read_bytes() if name not in changed else changed[name])
         (TREE / name).chmod((ROOT / name).stat().st_mode)
-    wanted = {TREE / name for name in files}
+    for name in changed.keys() - set(files):
+        write_if_new(TREE / name, changed[name])
+    wanted = {TREE / name for name in {*files, *changed}}
     for path in [path for path in TREE.rglob("*") if path.is_file() and path not in wanted]:
         path.unlink()
 
@@ -266,7 +286,8 @@ def order_for(mutant, tests):
         first = mutant.tests.index(test.name) if test.name in mutant.tests else len(mutant.tests)
         return (first, suites.index(test.suite), stem not in test.name.lower())
 
-    fit = sorted((test for test in tests if test.suite in suites), key=rank)
+    fit = sorted((test for test in tests if test.suite in suites and (not is_script(mutant.file) or test.name in mutant.tests)),
+                 key=rank)
     known = [(test, mutant.case) for test in fit if mutant.case and has_case(test, mutant.case)]
     return known + [(test, None) for test in fit]
 
@@ -425,8 +446,7 @@ def main():
     options = parser.parse_args()
     mutants = read_tables()
     sources = locate(mutants)
-    for name in sources:
-        planted(sources[name], [mutant for mutant in mutants if mutant.file == name])
+    all_mutated(mutants, sources)  # or an error
     if options.list:
         print(*mutants, sep="\n")
     counted = [mutant for mutant in mutants if not mutant.equivalent]
@@ -435,7 +455,7 @@ def main():
         return 0
     chosen = chosen_of(mutants, options.wanted)
     if options.as_built:
-        if any((TREE / name).read_bytes() != mutated(name, mutants, sources) for name in sources):
+        if any((TREE / name).read_bytes() != content for name, content in all_mutated(mutants, sources).items()):
             raise TableError("the build is older than the tables or the sources: leave --as-built out")
     else:
         plant(mutants, sources, sys.stdin.read().split("\n")[:-1])

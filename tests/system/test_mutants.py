@@ -1,6 +1,8 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
 """Tests the tables of mistakes (tests/mutants) and the script that plants them, without building anything."""
+import os
+import subprocess
 import sys
 
 import pytest
@@ -44,8 +46,8 @@ def test_each_text_of_the_tables_stands_once_in_the_sources():
     found = mutants.read_tables()
     sources = mutants.locate(found)
     for name, text in sources.items():
-        mine = [mutant for mutant in found if mutant.file == name]
-        assert mutants.planted(text, mine).count("\n") == text.count("\n"), "a switch would move the lines of the log"
+        with_switches = mutants.mutated(name, found, sources)[name].decode()
+        assert with_switches.count("\n") == text.count("\n"), "a switch would move the lines of the log"
 
 
 @pytest.mark.parametrize("folder, least", [("src", 130), ("platform/host", 80), ("tools", 150)])
@@ -83,6 +85,21 @@ def test_mutants_of_one_text_are_planted_in_each_other(planted):
 
 def test_a_constant_with_a_mutant_is_made_at_the_start(planted):
     assert "const     int MOST = (mutant(1) ? (6) : (5));" in planted("* more\n- MOST = [[5]];\n+ 6\n")
+
+
+def test_a_script_has_a_file_for_each_mutant(tmp_path):
+    (tmp_path / "a.bash").write_text("# A comment.\necho one\necho two\n")
+    (tmp_path / "table.txt").write_text("== a.bash\n* none\n- echo one\n+ :\n* other\n- echo [[two]]\n+ three\n")
+    found = mutants.read_tables(tmp_path)
+    for name, content in mutants.mutated("a.bash", found, mutants.locate(found, tmp_path)).items():
+        (tmp_path / name).write_bytes(content)
+
+    def output(**chosen):
+        return subprocess.run(["bash", "-c", 'source "$1"', "bash", tmp_path / "a.bash"], env={**os.environ, **chosen}, capture_output=True, text=True,
+                              check=True).stdout.split()
+
+    assert output() == output(CHOSEN_MUTANT="0") == ["one", "two"]
+    assert output(CHOSEN_MUTANT="1") == ["two"] and output(CHOSEN_MUTANT="2") == ["one", "three"]
 
 
 @pytest.mark.parametrize("table, says", [
