@@ -82,6 +82,18 @@ def test_watch_gives_the_terminal_back_while_it_is_suspended(tool):
     assert terminal.modes() == terminal.modes_before
 
 
+def test_watch_of_objects_is_suspended_too(tool):
+    terminal = tool.terminal("watch", "--json")
+    terminal.wait_until(lambda: '"volume":10' in terminal.output)
+    terminal.type("\x1a")
+    terminal.wait_for_stop()
+    terminal.child.send_signal(signal.SIGCONT)
+    tool("volume", "11")
+    terminal.wait_until(lambda: '"volume":11' in terminal.output)
+    terminal.type("\x03")
+    assert terminal.wait_for_end() == 0
+
+
 def test_watch_follows_the_size_of_the_terminal(tool):
     terminal = tool.terminal("watch")
     terminal.wait_for_row("   └─ com.norvik/featureconf/projector_feature_support    off")

@@ -383,6 +383,8 @@ public:
     void Suspend() {
         if (m_screen) {
             m_screen->Suspend();
+        } else {
+            kill(getpid(), SIGSTOP);
         }
         Changed();
     }
