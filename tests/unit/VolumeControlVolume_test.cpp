@@ -34,6 +34,35 @@ protected:
         seam.FireMute(1);
         seam.Clear();
     }
+
+    /** Starts an unmute fade-in of the main output, which waits after its first step until EndOfTheFade(). */
+    void StartMutedAndHoldAFade() {
+        StartMuted();
+        m_endless.emplace(NKavrel::GAIN_HANDLER_UNMUTE_MAIN_OUT);
+        control->ApplyVolumeFadeIn(fake::UNMUTE, 3);
+        ASSERT_TRUE(fake::WorkerWaits(
+            NKavrel::GAIN_HANDLER_UNMUTE_MAIN_OUT,
+            "D \t[OUT]void NKavrel::KVAudioGainHandler::SetSrcGain(NKavrel::eKVGainHandlerType, int)"));
+    }
+    /** Runs `request` while the multi-output route, then mirroring, holds back what concerns the unmute gain. */
+    void RunHeldBack(const std::function<void()>& request) {
+        seam.FireRoute(6);
+        request();
+        seam.FireKey(fake::TV2MOBILE_KEY, 1);
+        seam.FireRoute(0);
+        request();
+    }
+    /** @return the line with its last gain */
+    std::string EndOfTheFade() {
+        fake::SkipStepTimes(true);
+        m_endless.reset();
+        fake::NotifyWorker(NKavrel::GAIN_HANDLER_UNMUTE_MAIN_OUT);
+        const auto end = journal.BeginningWith("I handlerGainType:4, LastGain:");
+        return end.Wait() ? end.First().text : "";
+    }
+
+private:
+    std::optional<fake::EndlessSteps> m_endless;
 };
 
 // Volume
@@ -358,45 +387,19 @@ TEST_F(VolumeControlVolumeTest, AMirroringReportThatMeetsTheLockIsFollowed) {
     EXPECT_EQ(seam.MainGainValue(), 100);
 }
 
-/** Tests with an unmute fade-in of the main output that waits after its first step. */
-class VolumeControlVolumeFadeTest : public VolumeControlVolumeTest {
-protected:
-    VolumeControlVolumeFadeTest() {
-        StartMuted();
-        control->ApplyVolumeFadeIn(fake::UNMUTE, 3);
-        EXPECT_TRUE(fake::WorkerWaits(NKavrel::GAIN_HANDLER_UNMUTE_MAIN_OUT, FIRST_STEP));
-    }
-
-    /** Runs `request` while the multi-output route, then mirroring, holds back what concerns the unmute gain. */
-    void RunHeldBack(const std::function<void()>& request) {
-        seam.FireRoute(6);
-        request();
-        seam.FireKey(fake::TV2MOBILE_KEY, 1);
-        seam.FireRoute(0);
-        request();
-    }
-
-    static constexpr const char* FIRST_STEP =
-        "D \t[OUT]void NKavrel::KVAudioGainHandler::SetSrcGain(NKavrel::eKVGainHandlerType, int)";
-    std::optional<fake::EndlessSteps> steps{NKavrel::GAIN_HANDLER_UNMUTE_MAIN_OUT};
-};
-
-TEST_F(VolumeControlVolumeFadeTest, WhatIsHeldBackAndThePlayersGainDoNotInterruptIt) {
+TEST_F(VolumeControlVolumeTest, WhatIsHeldBackAndThePlayersGainDoNotInterruptAFade) {
+    StartMutedAndHoldAFade();
     RunHeldBack([this] { control->ApplyAudioGain(fake::UNMUTE, 40, 3, false); });
     control->ApplyAudioGain(fake::PLAYER, 50, 1, false);
-    fake::SkipStepTimes(true);
-    steps.reset();
-    fake::NotifyWorker(NKavrel::GAIN_HANDLER_UNMUTE_MAIN_OUT);
-    EXPECT_TRUE(journal.With("I handlerGainType:4, LastGain:100").Wait());
-    EXPECT_EQ(journal.BeginningWith("I Interruptable status[type:4]").Count(), 0);
+    EXPECT_EQ(EndOfTheFade(), "I handlerGainType:4, LastGain:100");
 }
 
-TEST_F(VolumeControlVolumeFadeTest, WhatIsHeldBackAndThePlayersFadeDoNotProtectIt) {
+TEST_F(VolumeControlVolumeTest, WhatIsHeldBackAndThePlayersFadeDoNotProtectAFade) {
+    StartMutedAndHoldAFade();
     control->ApplyAudioGain(fake::UNMUTE, 40, 3, false);
     RunHeldBack([this] { control->ApplyVolumeFadeIn(fake::UNMUTE, 3); });
     control->ApplyVolumeFadeIn(fake::PLAYER, 2);
-    fake::NotifyWorker(NKavrel::GAIN_HANDLER_UNMUTE_MAIN_OUT);
-    EXPECT_TRUE(journal.With("I Interruptable status[type:4]. gain:40").Wait());
+    EXPECT_EQ(EndOfTheFade(), "I handlerGainType:4, LastGain:40");
 }
 
 TEST_F(VolumeControlVolumeTest, OtherSourcesAndPathsAreTheGainControllersBusiness) {
