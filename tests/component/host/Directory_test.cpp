@@ -508,6 +508,11 @@ TEST_F(DirectoryTest, TheFolderForDbMayBeALink) {
     EXPECT_EQ(persistent.Content("usb/level"), "4\n");
     EXPECT_EQ(other.Do("int db/usb/level"), "0 4");
     EXPECT_TRUE(fs::is_symlink(tv / "settings/db"));
+    const Folder outside;
+    outside.Echo("level", "5");
+    fs::create_directory_symlink(outside.Path(), persistent / "out");
+    EXPECT_EQ(other.Do("int db/out/level"), "-1018") << "a link below it leads out";
+    EXPECT_EQ(other.Do("set-int db/out/level 6"), "-1018");
 }
 
 TEST_F(DirectoryTest, AFolderThatCannotBeMadeBehindTheLinkForDbIsTriedOnce) {
@@ -547,6 +552,8 @@ TEST_F(DirectoryTest, TheDirectoryItselfMayBeReachedByALinkThatMayComeToLeadElse
     OtherProcess other(tv, {{"KAVREL_TV_DIR", link}});
     EXPECT_EQ(other.Do("set-volume 11"), "0");
     EXPECT_EQ(other.Do("volume"), "0 11");
+    EXPECT_EQ(std::distance(fs::directory_iterator(tv / "one/.tmp"), fs::directory_iterator()), 1)
+        << "the directory is not another one at each call";
     fs::create_directory_symlink("two", tv / "new");
     fs::rename(tv / "new", link);
     EXPECT_EQ(other.Do("volume"), "0 22");
@@ -612,6 +619,7 @@ TEST_F(DirectoryTest, LeftoversOfWritersThatAreGoneAreRemovedWhenAProcessStarts)
     tv.Put(".tmp/999-1-0/7", "5");
     fs::create_directories(tv / ".tmp/999-2-0");
     tv.Put("settings/db/usb/.kavrel-999-1-7", "5");
+    tv.Put("settings/memory/usb/deep/.kavrel-999-1-7", "5");
     tv.Put("settings/db/usb/.level.swp", "of an editor");
     tv.Put("settings/.mine/.kavrel-999-1-7", "somebody's own");
     tv.Put("audio/.kavrel-999-1-7", "5");
@@ -622,6 +630,7 @@ TEST_F(DirectoryTest, LeftoversOfWritersThatAreGoneAreRemovedWhenAProcessStarts)
     EXPECT_THAT(tv.OwnFolders(), IsEmpty());
     EXPECT_THAT(tv.Leftovers("audio"), UnorderedElementsAre(".kavrelrc", ".kavrel-link"))
         << "no writer makes a link";
+    EXPECT_THAT(tv.Leftovers("settings/memory/usb/deep"), IsEmpty());
     EXPECT_THAT(tv.Leftovers("settings/db/usb"), ElementsAre(".level.swp"));
     EXPECT_THAT(tv.Leftovers("settings/.mine"), ElementsAre(".kavrel-999-1-7"));
 }
@@ -809,6 +818,10 @@ TEST_F(BesideTest, AWriterThatCannotHaveAFolderWritesBesideTheValue) {
     EXPECT_EQ(tv.Content(VOLUME), "30\n");
     EXPECT_THAT(tv.Leftovers("audio"), IsEmpty());
     EXPECT_THAT(other.Log(), IsEmpty());
+    ASSERT_EQ(other.Do("drop-capabilities"), "0");
+    fs::permissions(tv / "audio", fs::perms::owner_read | fs::perms::owner_exec);
+    EXPECT_EQ(other.Do("set-volume 31"), "-1013");
+    fs::permissions(tv / "audio", fs::perms::owner_all);
 }
 
 TEST_F(BesideTest, AValueThatIsHeardIsWrittenBesideToo) {
@@ -857,6 +870,7 @@ TEST_F(DirectoryTest, ATvDirectoryThatWasReplacedIsWrittenAnew) {
     ASSERT_EQ(other.Do("set-volume 20"), "0");
     fs::rename(tv / "tv", away);
     EXPECT_EQ(other.Do("volume"), "-1002");
+    EXPECT_EQ(other.Do("zone-route 1"), "-26607612");
     EXPECT_EQ(other.Do("set-volume 30"), "0");
     EXPECT_EQ(tv.Content("tv/audio/master_volume"), "30\n");
     EXPECT_EQ(tv.Content("away/audio/master_volume"), "20\n");
@@ -894,6 +908,8 @@ TEST_F(DirectoryTest, OnlyValuesBelowDbAreSyncedTheTextBeforeItsNameAndTheFolder
         EXPECT_EQ(other.Do("take-steps"), "sync file, rename key, sync db, ");
         ASSERT_EQ(other.Do("hear db/key"), "0") << isHeard;
     }
+    EXPECT_EQ(other.Do("set-text db/usb/key a"), "0");
+    EXPECT_EQ(other.Do("take-steps"), "make usb, sync file, rename key, sync usb, ");
     fs::create_directories(elsewhere);
     fs::remove_all(tv / "settings/db");
     fs::create_directory_symlink(elsewhere, tv / "settings/db");

@@ -7,6 +7,7 @@
 #include <linux/filter.h>
 #include <linux/openat2.h>
 #include <linux/seccomp.h>
+#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/inotify.h>
 #include <sys/prctl.h>
@@ -59,6 +60,10 @@ union NeverDestroyed {
     State state;
 } kept;
 State& state = kept.state;
+
+/** How many unlocks this thread still makes before its action. */
+thread_local int unlocksLeft = 0;
+thread_local std::function<void()> afterUnlocks;
 
 std::atomic<int> renames = 0;
 std::atomic<int> refusedWaits = 0;
@@ -219,6 +224,16 @@ extern "C" int epoll_wait(int epoll, epoll_event* events, int size, int timeout)
     return real(epoll, events, size, timeout);
 }
 
+extern "C" int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
+    static const auto real =
+        reinterpret_cast<int (*)(pthread_mutex_t*)>(dlsym(RTLD_NEXT, "pthread_mutex_unlock"));
+    const int result = real(mutex);
+    if (unlocksLeft > 0 && --unlocksLeft == 0) {
+        Run(std::exchange(afterUnlocks, nullptr));
+    }
+    return result;
+}
+
 extern "C" int fsync(int file) {
     const std::string name = NameOf(file);
     Note("sync " + name);
@@ -266,6 +281,11 @@ void CrossOpening(const std::string& path, const std::function<void()>& action) 
     const std::lock_guard guard(state.mutex);
     state.openedPath = path;
     state.beforeOpening = action;
+}
+
+void CrossUnlock(int times, const std::function<void()>& action) {
+    afterUnlocks = action;
+    unlocksLeft = times;
 }
 
 int FilesOpenedToInherit() {

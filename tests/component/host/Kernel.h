@@ -29,6 +29,9 @@ void Cross(const Crossing& crossing);
  */
 void CrossOpening(const std::string& path, const std::function<void()>& action);
 
+/** An action for the moment right after this thread has unlocked mutexes so many times. */
+void CrossUnlock(int times, const std::function<void()>& action);
+
 /** How many files the process has opened so far that a program started meanwhile would inherit. */
 int FilesOpenedToInherit();
 

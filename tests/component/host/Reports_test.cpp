@@ -933,6 +933,11 @@ TEST_F(ReportsTest, AValueThatIsMissingAtTheRegistrationIsNewsWhateverItWasBefor
         EXPECT_EQ(vconf_ignore_key_changed(KEY, OnKey), 0);
     }
     EXPECT_THAT(ear.Heard(), ElementsAre("1", "2", "2"));
+    fs::remove(tv / "settings/memory/key");
+    HearKey(KEY, listener);
+    EXPECT_EQ(other.Do("set-text memory/key"), "0");
+    Settle();
+    EXPECT_THAT(ear.Heard(), ElementsAre("1", "2", "2", "")) << "an empty text is a value, too";
 }
 
 TEST_F(ReportsTest, AListenerThatRemovesItselfSilencesNoOther) {
@@ -1299,19 +1304,14 @@ TEST_F(ReportsTest, AStormOfWritesAndRegistrationsOnManyThreads) {
     EXPECT_EQ(other.Answer(), "0");
 }
 
-TEST_F(ReportsTest, ASlotThatTwoThreadsFillAtOnceHoldsOneRegistration) {
-    const auto fill = [&] {
-        for (int i = 0; i < 3000; ++i) {
-            EXPECT_EQ(sound_manager_set_speaker_changed_cb(OnNumber, &listener), 0);
-        }
-    };
-    std::thread second(fill);
-    fill();
-    second.join();
-    EXPECT_EQ(sound_manager_unset_speaker_changed_cb(), 0);
-    EXPECT_EQ(sound_manager_set_speaker_selection(77), 0);
-    EXPECT_THAT(ear.Heard(), IsEmpty()) << "a registration that its slot has lost";
-    EXPECT_EQ(sound_manager_set_speaker_selection(0), 0);
+/** The second thread fills the slot when the first has just removed the registration of before. */
+TEST_F(CrossingTest, ASlotThatTwoThreadsFillAtOnceHoldsOneRegistration) {
+    ASSERT_EQ(process.Do("cross-unlock 2 hear volume"), "0");
+    EXPECT_EQ(process.Do("hear volume"), "0");
+    EXPECT_EQ(process.Do("end-aside"), "0");
+    EXPECT_EQ(process.Do("ignore-volume"), "0");
+    EXPECT_EQ(process.Do("set-volume 30"), "0");
+    EXPECT_THAT(process.TakeReports(), IsEmpty()) << "a registration that its slot has lost";
 }
 
 // --- Watches on files and folders that come and go

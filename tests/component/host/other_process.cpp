@@ -308,6 +308,13 @@ std::string CrossOpening(std::istream& words) {
     return "0";
 }
 
+/** "TIMES LINE": another thread does the line right after this one has unlocked so many times. */
+std::string CrossUnlock(std::istream& words) {
+    const int times = NextInt(words);
+    kernel::CrossUnlock(times, [line = Rest(words)] { StartAside(line); });
+    return "0";
+}
+
 std::string EndAside() {
     aside.join();
     return answerAside;
@@ -490,6 +497,7 @@ Commands ProcessCommands() {
         {"take-steps", [](std::istream&) { return kernel::TakeSteps(); }},
         {"cross", [](std::istream& words) { return Cross(words); }},
         {"cross-opening", CrossOpening},
+        {"cross-unlock", CrossUnlock},
         {"pause",
          [](std::istream&) {
              Report("paused");
