@@ -664,19 +664,36 @@ TEST_F(CrossingTest, AFolderThatWasReplacedIsWrittenNoMore) {
     EXPECT_EQ(place.Content("next/master_volume"), "21\n");
 }
 
-/** How often somebody has woken the platform thread of a process since it looked last. */
-std::string WakesOf(pid_t process) {
-    constexpr std::string_view KEY = "eventfd-count:";
-    const fs::path files = "/proc/" + std::to_string(process) + "/fdinfo";
-    for (const auto& entry : fs::directory_iterator(files)) {
+/** What the kernel says about the open files of a process: the lines that begin so. */
+std::vector<std::string> FileLines(pid_t process, std::string_view beginning) {
+    std::vector<std::string> lines;
+    for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(process) + "/fdinfo")) {
         std::ifstream stream(entry.path());
         for (std::string line; std::getline(stream, line);) {
-            if (line.starts_with(KEY)) {
-                return line.substr(line.find_last_of(" \t") + 1);
+            if (line.starts_with(beginning)) {
+                lines.push_back(line);
             }
         }
     }
-    return "no such file";
+    return lines;
+}
+
+/** How often somebody has woken the platform thread of a process since it looked last. */
+std::string WakesOf(pid_t process) {
+    const std::vector<std::string> lines = FileLines(process, "eventfd-count:");
+    return lines.size() == 1 ? lines[0].substr(lines[0].find_last_of(" \t") + 1) : "no such file";
+}
+
+TEST_F(CrossingTest, AFolderThatWasReplacedIsWatchedNoMore) {
+    const std::size_t watches = FileLines(process.Process(), "inotify wd:").size();
+    ASSERT_GT(watches, 0U);
+    for (const std::string volume : {"30", "40"}) {
+        fs::rename(place / "audio", place / ("with " + volume));
+        place.Echo("audio/master_volume", volume);
+        EXPECT_EQ(process.Report(), "volume " + volume + " platform");
+        LetItNotice();
+    }
+    EXPECT_THAT(FileLines(process.Process(), "inotify wd:"), SizeIs(watches));
 }
 
 TEST_F(CrossingTest, ThePlatformThreadIsWokenOnceByEachWriterThatHasItLook) {
