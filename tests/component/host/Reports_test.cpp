@@ -664,7 +664,7 @@ TEST_F(CrossingTest, AFolderThatWasReplacedIsWrittenNoMore) {
     EXPECT_EQ(place.Content("next/master_volume"), "21\n");
 }
 
-/** What the kernel says about the open files of a process: the lines that begin so. */
+/** The lines that begin so in the kernel's description of the open files of a process. */
 std::vector<std::string> FileLines(pid_t process, std::string_view beginning) {
     std::vector<std::string> lines;
     for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(process) + "/fdinfo")) {
