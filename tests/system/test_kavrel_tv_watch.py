@@ -172,10 +172,14 @@ def test_watch_ends_though_its_reader_does_not_read(tool, number, status):
     tool("show")
     with full_pipe() as (_, writer), subprocess.Popen([KAVREL_TV, "watch", "--json"], env=tool.environment(), stdout=writer,
                                                       stderr=subprocess.PIPE, text=True) as watch:
+        os.set_blocking(writer, True)  # for the tool, too
         wait_until_asleep(watch.pid)
         watch.send_signal(number)
-        assert watch.wait(PATIENCE) == status
-        assert watch.stderr.read() == "kavrel-tv: interrupted while nobody read its output\n"
+        try:
+            assert watch.wait(PATIENCE) == status
+            assert watch.stderr.read() == "kavrel-tv: interrupted while nobody read its output\n"
+        finally:
+            watch.kill()
 
 
 def test_output_that_does_not_block_is_waited_for(tool):

@@ -23,7 +23,7 @@ from impostor import Impostor
 from terminal import Terminal
 from view import View
 
-KAVRELCTL = os.environ["KAVRELCTL"]
+KAVRELCTL, KAVREL_TV = os.environ["KAVRELCTL"], os.environ["KAVREL_TV"]
 DONE, REFUSED, UNREACHABLE, USAGE, BUSY, NOT_ALLOWED, INTERRUPTED = 0, 1, 2, 64, 75, 77, 130
 
 ALL_WORDS = "read volume, set volume, read mute, set mute (0xffff)"
@@ -492,15 +492,19 @@ def test_no_answer_in_time(stopped, ctl, commands):
 
 
 def test_no_answer_from_the_bus_in_time(scene, ctl):
+    scene.tv.path.mkdir()
     scene.bus.signal(signal.SIGSTOP)
     try:
-        by_default = ctl.view("status")
+        by_default = [View(scene.environment(), *command)
+                      for command in ([KAVRELCTL, "status"], [KAVREL_TV, "tour"], [KAVREL_TV, "emulator", "bt"])]
+        for view in by_default:
+            scene.callback(view.end)
         begin = time.monotonic()
         assert ctl.fails(UNREACHABLE, "--timeout", "0.2", "status") == "no answer from the bus within 0.2 s"
         assert time.monotonic() - begin >= 0.2
         assert ctl.fails(UNREACHABLE, "status", "--timeout", "0.0001") == "no answer from the bus within 0.001 s"
-        assert (by_default.wait(), by_default.errors()) == (
-            UNREACHABLE, "kavrelctl: no answer from the bus within 5 s\n")
+        for view, program in zip(by_default, ("kavrelctl", "kavrel-tv", "kavrel-tv")):
+            assert (view.wait(), view.errors()) == (UNREACHABLE, f"{program}: no answer from the bus within 5 s\n")
     finally:
         scene.bus.signal(signal.SIGCONT)
 
