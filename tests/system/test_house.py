@@ -1,6 +1,7 @@
 # SPDX-FileCopyrightText: The kavrel developers
 # SPDX-License-Identifier: MIT
 """The rules of the house that no compiler checks: which files may include which, and the libraries that each needs."""
+import fnmatch
 import json
 import os
 import re
@@ -88,6 +89,38 @@ def test_each_source_has_its_header(source):
 def test_only_main_has_main():
     assert [name_of(source) for source in SOURCES if re.search(r"^int main\(", source.read_text(), re.M)] == [
         "src/main.cpp"]
+
+
+def cases_of(program):
+    """Returns the names of all cases of a test program."""
+    suite, cases = "", []
+    for line in subprocess.run([program, "--gtest_list_tests"], capture_output=True, text=True, check=True).stdout.splitlines():
+        name = line.split("#")[0].rstrip()
+        if name.startswith("  "):
+            cases.append(suite + name.strip())
+        elif name.endswith("."):
+            suite = name
+    return cases
+
+
+def is_chosen(case, chosen):
+    """Whether --gtest_filter=PATTERN:...-PATTERN:... chooses a case."""
+    wanted, _, unwanted = chosen.partition("-")
+    return any(fnmatch.fnmatchcase(case, pattern) for pattern in (wanted or "*").split(":")) and \
+        not any(fnmatch.fnmatchcase(case, pattern) for pattern in unwanted.split(":"))
+
+
+def test_each_case_of_a_test_program_belongs_to_one_test():
+    described = json.loads(subprocess.run(["meson", "introspect", "--tests", BUILD], capture_output=True, check=True).stdout)
+    filters = {}
+    for test in described:
+        for argument in test["cmd"]:
+            if argument.startswith("--gtest_filter="):
+                filters.setdefault(test["cmd"][0], []).append(argument.partition("=")[2])
+    assert len(filters) >= 3
+    for program, chosen in filters.items():
+        assert {case: number for case in cases_of(program)
+                if (number := sum(is_chosen(case, part) for part in chosen)) != 1} == {}, program
 
 
 def test_the_tracer_logs_on_its_two_lines():
