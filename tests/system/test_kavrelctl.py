@@ -248,9 +248,8 @@ def test_empty_name_of_a_tv_directory_is_none(scene, daemon, tv):
     done = subprocess.run([KAVRELCTL, "status"], env=scene.environment(KAVREL_TV_DIR=""), cwd=tv.path, capture_output=True,
                           text=True, timeout=PATIENCE, check=False)
     assert done.stdout.startswith("volume ") and "auracast" not in done.stdout
-    if not Path("/run/kavrel").exists():
-        report = Ctl(scene).run("report", "--timeout", str(PATIENCE), KAVREL_TV_DIR="", PATH=str(scene.folder)).stdout
-        assert rows_of(parts_of(report)["State"])["output"] == "missing: no readable route in /run/kavrel"
+    report = Ctl(scene).run("report", "--timeout", str(PATIENCE), KAVREL_TV_DIR="", PATH=str(scene.folder)).stdout
+    assert "/run/kavrel" in report  # which few machines have: then its route is missing
 
 
 def not_a_directory(folder):
