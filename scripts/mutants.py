@@ -207,8 +207,12 @@ def text_without_constexpr(text, mutants):
     return text
 
 
+def has_content(path, content):
+    return path.is_file() and path.read_bytes() == content
+
+
 def write_if_new(path, content):
-    if not path.is_file() or path.read_bytes() != content:
+    if not has_content(path, content):
         path.parent.mkdir(parents=True, exist_ok=True)
         path.write_bytes(content)
 
@@ -222,7 +226,8 @@ def mutated(name, mutants, sources):
     comment. A mutant of a script has a file of its own."""
     mine, text = [mutant for mutant in mutants if mutant.file == name], sources[name]
     if is_script(name):
-        files = {f"{name}.{mutant.number}": text[:mutant.span[0]] + " ".join(mutant.changed) + text[mutant.span[1]:] for mutant in mine}
+        files = {f"{name}.{mutant.number}": text[:mutant.span[0]] + " ".join(mutant.changed) + text[mutant.span[1]:]
+                 for mutant in mine}
         files[name] = CHOICE + text[text.index("\n"):]
     else:
         text = planted(text, mine)
@@ -373,7 +378,9 @@ def failed_case(test, output):
 def try_mutant(mutant, tests):
     """@return the case that noticed it, or None"""
     for test, case in order_for(mutant, tests):
-        if noticed := run_test(test, mutant.number, case):
+        noticed = run_test(test, mutant.number, case)
+        # A case that fails among others may do so for another reason: it has to fail alone, too.
+        if noticed and (case or run_test(test, mutant.number, noticed if noticed != test.name else None)):
             return noticed
     return None
 
@@ -455,7 +462,7 @@ def main():
         return 0
     chosen = chosen_of(mutants, options.wanted)
     if options.as_built:
-        if any((TREE / name).read_bytes() != content for name, content in all_mutated(mutants, sources).items()):
+        if not all(has_content(TREE / name, content) for name, content in all_mutated(mutants, sources).items()):
             raise TableError("the build is older than the tables or the sources: leave --as-built out")
     else:
         plant(mutants, sources, sys.stdin.read().split("\n")[:-1])

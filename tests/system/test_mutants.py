@@ -50,6 +50,15 @@ def test_each_text_of_the_tables_stands_once_in_the_sources():
         assert with_switches.count("\n") == text.count("\n"), "a switch would move the lines of the log"
 
 
+def test_each_mutant_of_a_script_can_be_parsed():
+    found = mutants.read_tables()
+    sources = mutants.locate(found)
+    scripts = [content for name in sources if mutants.is_script(name) for content in mutants.mutated(name, found, sources).values()]
+    assert len(scripts) > 40
+    for content in scripts:
+        subprocess.run(["bash", "-n"], input=content, check=True)
+
+
 @pytest.mark.parametrize("folder, least", [("src", 130), ("platform/host", 80), ("tools", 150)])
 def test_there_are_enough_mutants(folder, least):
     assert sum(mutant.file.startswith(folder + "/") and not mutant.equivalent for mutant in mutants.read_tables()) >= least
@@ -95,8 +104,8 @@ def test_a_script_has_a_file_for_each_mutant(tmp_path):
         (tmp_path / name).write_bytes(content)
 
     def output(**chosen):
-        return subprocess.run(["bash", "-c", 'source "$1"', "bash", tmp_path / "a.bash"], env={**os.environ, **chosen}, capture_output=True, text=True,
-                              check=True).stdout.split()
+        return subprocess.run(["bash", "-c", 'source "$1"', "bash", tmp_path / "a.bash"], env={**os.environ, **chosen},
+                              capture_output=True, text=True, check=True).stdout.split()
 
     assert output() == output(CHOSEN_MUTANT="0") == ["one", "two"]
     assert output(CHOSEN_MUTANT="1") == ["two"] and output(CHOSEN_MUTANT="2") == ["one", "three"]
