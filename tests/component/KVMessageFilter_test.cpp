@@ -545,8 +545,8 @@ TEST_F(KVMessageFilterDescriptorTest, AReplyLosesItsDescriptor) {
 }
 
 /**
- * Tests the filter without the server, on a connection to a client of its own. Between them is no bus that writes the
- * sender into each message, so the client sends in any name.
+ * Tests the filter without the server, on a connection to a client of its own. No bus between them
+ * writes the sender into each message, so the client chooses it.
  */
 class KVMessageFilterAloneTest : public testing::Test {
 protected:
@@ -615,6 +615,7 @@ private:
     tools::GLibPtr<GDBusConnection> m_server;
 };
 
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they have an allocator of their own
 TEST_F(KVMessageFilterAloneTest, ASenderOfWhichNothingWaitsTakesNoMemory) {
     constexpr int SENDERS = 4096;
     const std::size_t before = mallinfo2().uordblks;
@@ -628,6 +629,7 @@ TEST_F(KVMessageFilterAloneTest, ASenderOfWhichNothingWaitsTakesNoMemory) {
     const std::size_t after = mallinfo2().uordblks;
     EXPECT_LT(after, before + SENDERS * 100U) << "each name has 200 bytes";
 }
+#endif
 
 TEST_F(KVMessageFilterAloneTest, AMessageLeavesTheCountsWhenItsHandlerEndsEvenIfItsCallIsKept) {
     using Test = std::remove_reference_t<decltype(*this)>;

@@ -41,9 +41,9 @@ class Running:
     def said(self, text):
         return sum(text in line for line in self.lines)
 
-    def wait(self, text, times=1):
+    def wait(self, text, times=1, patience=PATIENCE):
         with self.news:
-            assert self.news.wait_for(lambda: self.said(text) >= times, PATIENCE), \
+            assert self.news.wait_for(lambda: self.said(text) >= times, patience), \
                 f"not said {times} times: {text}; said: {self.lines}"
 
     def wait_for_complaint(self, text, program="kavrel-tv"):
@@ -70,7 +70,7 @@ class KavrelTv:
         self.scene = scene
 
     def environment(self, **changes):
-        return self.scene.environment(**{"LC_ALL": "C.UTF-8", "TERM": "xterm", **changes})
+        return self.scene.environment(**{"LC_ALL": "C.UTF-8", "TERM": "xterm", "NO_COLOR": "", **changes})
 
     def run(self, *arguments, before=(), **changes):
         """Runs it to its end; `before` is a command that runs it, such as setpriv."""

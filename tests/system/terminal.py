@@ -64,9 +64,9 @@ class Terminal:
     def _read_rest(self):
         """Reads all that the program wrote, which the kernel hands over a moment later: up to a mark that follows it."""
         os.write(self.slave, b"\0")
-        while not self.output.endswith("\0"):
+        while "\0" not in self.output:
             assert self._read(PATIENCE), "the terminal hands nothing over"
-        self.output = self.output[:-1]
+        self.output = self.output.replace("\0", "")
 
     def wait_until(self, condition, every=PATIENCE):
         """Waits until condition() is true; checks it after each output, and at least every so many seconds."""

@@ -437,8 +437,9 @@ def test_a_directory_that_is_empty_or_not_yet_full_is_a_tv(tool, scene, files):
 
 
 def test_the_tv_is_that_of_the_system_by_default(tool):
-    done = tool.run("show", before=["env", "-u", "KAVREL_TV_DIR"])
-    assert " /run/kavrel" in done.stdout + done.stderr  # which few machines have
+    command = "--help" if os.path.exists("/run/kavrel") else "show"  # a test leaves the system's own TV alone
+    done = tool.run(command, before=["env", "-u", "KAVREL_TV_DIR"])
+    assert "/run/kavrel" in done.stdout + done.stderr
 
 
 @pytest.mark.parametrize("command", [[name] for name in COMMANDS if name in ("show", "watch", "devices")] + [["volume", "5"]])

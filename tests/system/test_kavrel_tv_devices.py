@@ -446,8 +446,9 @@ def test_the_peer_answers_and_announces(tool, client, which, peer, route, suppor
 def test_the_peer_plays_on_in_the_background_of_a_terminal(tool, client):
     shell = Terminal(["bash", "--norc", "-mc", f"{KAVREL_TV} emulator bt & echo process $!.; wait"], tool.environment(), 24, 80)
     tool.scene.callback(shell.close)
-    shell.wait_until(lambda: "is here" in shell.output and "process" in shell.output)
-    process = int(re.search(r"process (\d+)\.", shell.output)[1])
+    number = re.compile(r"process (\d+)\.")
+    shell.wait_until(lambda: "is here" in shell.output and number.search(shell.output))
+    process = int(number.search(shell.output)[1])
     shell.type("23\n")  # which is for the program in the foreground
     wait_until_asleep(process)
     assert call(client, BT_PEER, "GetSpkVolume") == (3, 10, 0)

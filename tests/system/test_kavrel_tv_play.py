@@ -300,9 +300,9 @@ def test_ctrl_c_ends_a_scenario_at_once(tool, tmp_path):
 
 
 def test_ctrl_c_ends_a_scenario_that_never_waits(tool, tmp_path):
-    (tmp_path / "scenario.txt").write_text("say begun\n" + "call SetSpeakerVolume 30 -> 0\n" * 30_000)
+    (tmp_path / "scenario.txt").write_text("say begun\n" + "call SetSpeakerVolume 30 -> 0\n" * 100_000)
     running = tool.start("play", str(tmp_path / "scenario.txt"))
-    running.wait("begun")
+    running.wait("begun", patience=10 * PATIENCE)  # it reads all lines first
     status, complaints = running.end(signal.SIGINT)
     assert status == 130 and len(complaints) == 1 and complaints[0].endswith(": interrupted")
 

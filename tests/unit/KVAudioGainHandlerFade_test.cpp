@@ -241,7 +241,6 @@ TEST_F(KVAudioGainHandlerFadeTest, AFadeThatBeginsDuringThatOfTheOtherOutputIsWr
             FadeFrom(second, 90);
             ASSERT_TRUE(journal.With("I Sleep " + GainHandlerName[second]).Wait());
         }
-        fake::NotifyWorker(first);
         ASSERT_TRUE(Rest());
         EXPECT_TRUE(isWritten);
     }

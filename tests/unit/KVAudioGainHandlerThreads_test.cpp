@@ -22,7 +22,6 @@
 #include <optional>
 #include <set>
 #include <system_error>
-#include <thread>
 #include <vector>
 
 #include "GainFixture.h"
@@ -430,7 +429,7 @@ TEST_F(KVAudioGainHandlerThreadsTest, AWriterReadsItsTotalWhenTheWriterBeforeItH
         seam.SetGain(100, 100);
         seam.Clear();
         auto held = seam.BlockNext(place);
-        std::thread first([this] { gain->SetMainOutGain2(1); });
+        auto first = std::async(std::launch::async, [this] { gain->SetMainOutGain2(1); });
         ASSERT_TRUE(held.WaitReached());
         auto second = std::async(std::launch::async, [this] {
             locks = Locks::WAIT_FOR_EVER;
@@ -440,7 +439,7 @@ TEST_F(KVAudioGainHandlerThreadsTest, AWriterReadsItsTotalWhenTheWriterBeforeItH
         EXPECT_EQ(second.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
         gain->SetSrcGain(GAIN_HANDLER_PULSE_RAMP, 30);
         held.Open();
-        first.join();
+        first.get();
         second.get();
         EXPECT_THAT(journal.Gains().Texts(), ElementsAre(fake::MainGain(60), fake::MainGain(30)));
     }

@@ -56,7 +56,6 @@ protected:
     std::string EndOfTheFade() {
         fake::SkipStepTimes(true);
         m_endless.reset();
-        fake::NotifyWorker(NKavrel::GAIN_HANDLER_UNMUTE_MAIN_OUT);
         const auto end = journal.BeginningWith("I handlerGainType:4, LastGain:");
         return end.Wait() ? end.First().text : "";
     }

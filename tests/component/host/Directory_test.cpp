@@ -926,7 +926,8 @@ TEST_F(DirectoryTest, AValueThatCannotBeSyncedIsAnError) {
     EXPECT_EQ(tv.Content("settings/db/key"), "old\n");
     EXPECT_THAT(tv.Leftovers("."), IsEmpty());
     ASSERT_EQ(other.Do("refuse-syncs-of db"), "0");
-    EXPECT_EQ(other.Do("set-text db/key new"), "-1005") << "the folder has the name of the new file";
+    EXPECT_EQ(other.Do("set-text db/key new"), "-1005")
+        << "the new text is in its place, but the folder could not be synced";
     EXPECT_THAT(other.Log(), AllOf(SizeIs(2), Each("E Cannot write " + (tv / "settings/db/key").string() +
                                                    ": Input/output error")));
 }

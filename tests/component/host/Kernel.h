@@ -49,7 +49,7 @@ int RefuseWaits(int times);
 /** No folder whose path ends so can be watched, as if no watches were left. An empty end: all can be. */
 void RefuseWatchesOf(const std::string& end);
 
-/** There is no file of this path, as the opener writes it. */
+/** Makes each opening of exactly this path fail, as if there were no such file. */
 void HideFile(const std::string& path);
 
 /** Nothing of this name can be synced, as on a broken disk: "file", or a folder's name. An empty name: all can be. */
