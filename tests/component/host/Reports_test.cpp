@@ -231,9 +231,9 @@ protected:
         ASSERT_EQ(process.Report(), mark + " platform");
     }
     static void Unmount(OtherProcess& process, const std::string& folder) {
+        // The platform thread may be reading. The watchdog ends an endless wait.
         while (process.Do("unmount " + folder) != "0") {
-            std::this_thread::
-                yield();  // the platform thread may be reading; the watchdog ends an endless wait
+            std::this_thread::yield();
         }
     }
     /** Makes a listener that lives until the fixture has removed all registrations. */
@@ -443,8 +443,8 @@ TEST_F(ReportsTest, AFileThatWasWrittenIsLoggedThoughItWasToBeReadAgainAnyway) {
         fs::create_directory(tv / "settings/memory/folder");  // has all values read again, too
         tv.Echo("audio/master_volume", "loud");
         fs::remove(loop);
-        EXPECT_EQ(vconf_ignore_key_changed(KEY, OnKey),
-                  0);  // finds the loop gone, and has all values read again
+        // Finds the loop gone, and has all values read again.
+        EXPECT_EQ(vconf_ignore_key_changed(KEY, OnKey), 0);
     });
     Settle();
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
@@ -1130,8 +1130,8 @@ TEST_F(ReportsTest, ARegistrationThatFailedIsNone) {
 TEST_F(ReportsTest, WithoutAThreadEachRegistrationFails) {
     const Folder place;
     OtherProcess process(place);
-    ASSERT_EQ(process.Do("start-and-end-a-thread"),
-              "0");  // the first one makes a sanitizer start one of its own
+    // The first thread makes a sanitizer start one of its own.
+    ASSERT_EQ(process.Do("start-and-end-a-thread"), "0");
     ASSERT_EQ(process.Do("refuse clone3 11"), "0");
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(process.Do("hear volume"), "-1011");
@@ -1485,7 +1485,7 @@ TEST_F(NoWatchLeftTest, ItsFolderSilencesItsOwnValuesUntilThereIsOne) {
     EXPECT_THAT(deaf.Log(),
                 AllOf(SizeIs(2), Each("E Cannot watch " + (place / "settings/memory/late").string() +
                                       ": No space left on device")))
-        << "each time that there is none any more";
+        << "again when a watch has been there meanwhile";
 }
 
 TEST_F(NoWatchLeftTest, TheErrorIsLoggedOnceForAllValuesOfTheFolder) {
