@@ -96,6 +96,11 @@ class LogLine(NamedTuple):
         assert (function, line) == (function_again, line_again), f"the prefix contradicts itself: {raw}"
         return cls(number, priority, file, function, int(line), text)
 
+    def request(self):
+        """Returns (sender, member) if this line says that a request came, else None."""
+        match = re.fullmatch(r"Start sender:(\S*) (?:method|signal)_name:(.*)", self.text)
+        return match and match.groups()
+
 
 class Log:
     """The log of kavreld: the file to which its standard error goes."""
@@ -134,6 +139,20 @@ class Log:
 
     def wait_matching(self, pattern, after=-1):
         return self.wait(re.compile(pattern), after)
+
+    def requests(self, after=-1):
+        """Returns the requests that have come: [(sender, member)]."""
+        return [request for line in self.lines(after) if (request := line.request())]
+
+    def wait_for_request(self, member, after=-1):
+        deadline = time.monotonic() + PATIENCE
+        with FolderWatch(self.path.parent) as watch:
+            while member not in [called for _sender, called in self.requests(after)]:
+                assert watch.wait(deadline), f"{member} has not come within {PATIENCE} s"
+
+    def wait_for_caller(self, name, program):
+        """Waits until kavreld has looked up the program behind a bus name."""
+        self.wait(f"Called by [{name}/{program}] size:1")
 
     def sanitizer_reports(self):
         return [raw for raw in self.raw_lines() if SANITIZER_REPORT.search(raw)]
@@ -568,11 +587,9 @@ class Switches:
         return self.scene.start(LD_PRELOAD=preload, KAVREL_TEST_SWITCHES=str(self.folder), ASAN_OPTIONS=asan_options)
 
 
-def change(tv, log, value, text, logged):
-    """Writes a value and waits until kavreld logs this line (or a match of this pattern); returns the line."""
-    before = log.end()
-    tv.echo(text, value)
-    return log.wait(logged, before)
+def handler_of(member):
+    """Returns the function of kavreld that handles this method or signal, as its log lines name it."""
+    return "_On" + {"SpkDisconnected": "SpeakerDisconnected"}.get(member, member)
 
 
 def change_at_rest(tv, log, value, text):

@@ -18,6 +18,7 @@ class Impostor:
         self.called = threading.Event()
         self.answers = answers
         self.calls = []
+        self.arguments = []  # for each item of calls: the arguments of the call
         self.starting = []  # calls that let the bus start the daemon
         self.waiting = {}  # {method: the call that has no answer yet}
         self.news = threading.Condition()
@@ -31,6 +32,7 @@ class Impostor:
         method = message.get_member()
         with self.news:
             self.calls.append(method)
+            self.arguments.append(message.get_body().unpack() if message.get_body() else ())
             if not message.get_flags() & Gio.DBusMessageFlags.NO_AUTO_START:
                 self.starting.append(method)
             if self.answers.get(method):

@@ -18,7 +18,7 @@ def test_a_caller_that_is_gone_by_then_has_no_name(scene, daemon, log):
     client.close()
     other.wait_until_gone(client.name)
     daemon.signal(signal.SIGCONT)
-    log.wait(f"Called by [{client.name}/] size:1")
+    log.wait_for_caller(client.name, "")
 
 
 CALLER = f"""
@@ -58,5 +58,4 @@ def call_as(scene, daemon):
 ])
 def test_a_program_is_named_by_its_first_argument_up_to_a_blank_and_after_the_last_slash(
         call_as, log, first_argument, program):
-    name = call_as(first_argument)
-    log.wait(f"Called by [{name}/{program}] size:1")
+    log.wait_for_caller(call_as(first_argument), program)

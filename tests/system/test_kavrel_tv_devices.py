@@ -382,9 +382,10 @@ def play_hdmi(scene, tool, *options):
     devices = tool.devices(*options)
     tool("route", "tv")
     log = scene.start().log
+    log.settle()
     tool("route", "hdmi")
     devices.wait("hdmi: publishes")
-    log.wait(re.compile(r"Speaker changed\[0->2\]\. .*"))
+    log.settle()
 
 
 def test_an_hdmi_receiver_from_end_to_end(scene, tool, client):
@@ -494,9 +495,8 @@ def test_the_daemons_bluetooth_emulator_talks_to_the_peer(scene, tool, client):
     emulator = tool.start("emulator", "bt", "--volume", "17")
     emulator.wait("is here")
     tool("route", "bt")
-    log.wait("Create BT Speaker Emulator")
-    log.wait(re.compile(r"Speaker changed\[0->3\]\. .*"))
     devices.wait("bt: publishes")
+    log.settle()
     assert client.get_volume() == (17, 0)
     assert client.set_volume(35) == 0
     emulator.wait("SetSpkVolume 35")
@@ -510,8 +510,7 @@ def test_the_daemons_bluetooth_emulator_talks_to_the_peer(scene, tool, client):
 def test_the_daemons_tv_emulator_hears_the_peer_but_cannot_call_it(scene, tool, client):
     switches = Switches(scene)
     switches.turn_on("tv")
-    log = switches.start().log
-    log.wait("Create TV Speaker Emulator")
+    switches.start()
     emulator = tool.start("emulator", "tv")
     emulator.wait("is here, volume 10")
     emulator.type("23")

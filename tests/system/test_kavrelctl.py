@@ -17,7 +17,7 @@ from pathlib import Path
 import pytest
 from gi.repository import Gio, GLib
 
-from harness import KAVRELD, METHODS_PATH, NAME, PATIENCE, ROOT, SIGNALS_PATH, TV_SUPPORT, Bus, Process
+from harness import KAVRELD, METHODS_PATH, NAME, PATIENCE, ROOT, SIGNALS_PATH, TV_SUPPORT, Bus, Process, change_route
 from impostor import Impostor
 from kavrel_tv import wait_until_asleep
 from terminal import Terminal
@@ -87,8 +87,7 @@ def hdmi(daemon, tv):
     """Uses an HDMI receiver that supports reading and setting the volume, but not mute."""
     tv.echo(0x3, f"{MIRRORING}/volume_support_hdmi")
     tv.echo(17, f"{MIRRORING}/get_volume_level_hdmi")
-    tv.echo(HDMI, "sound/route")
-    daemon.log.wait("Create HDMI Speaker")
+    change_route(tv, daemon.log, HDMI)
 
 
 @pytest.fixture
@@ -177,8 +176,7 @@ def test_mute_is_set(daemon, ctl, client, before, argument, after):
 ])
 def test_support_in_words(daemon, tv, ctl, word, words):
     tv.echo(word, f"{MIRRORING}/volume_support_hdmi")
-    tv.echo(HDMI, "sound/route")
-    daemon.log.wait("Create HDMI Speaker")
+    change_route(tv, daemon.log, HDMI)
     assert ctl("support") == f"{words}\n"
     assert json.loads(ctl("support", "--json"))["support"] == word
 
@@ -207,9 +205,7 @@ def test_unmute_as_an_object(daemon, ctl, client):
 @pytest.fixture
 def no_volume_control(daemon, tv):
     """Uses an output without volume control."""
-    tv.echo(7, "sound/route")
-    daemon.log.wait("Type(7) is invalid, Create Unknown Speaker")
-    daemon.log.end()  # the change of route is over
+    change_route(tv, daemon.log, 7)
 
 
 def test_status_names_an_output_without_volume_control(no_volume_control, ctl):
@@ -222,8 +218,7 @@ def test_status_names_an_output_without_volume_control(no_volume_control, ctl):
     ("42", "unknown (route 42)"), (" -1 ", "unknown (route -1)"), ("19", "auracast, Auracast speaker (route 19)"),
 ])
 def test_status_names_any_route(daemon, tv, ctl, route, words):
-    tv.echo(route, "sound/route")
-    daemon.log.end()
+    change_route(tv, daemon.log, route)
     assert ctl.run("status").stdout.splitlines()[3:] == [f"output   {words}"]
 
 
@@ -306,16 +301,13 @@ def test_set_on_an_output_without_volume_control_says_so(no_volume_control, ctl,
 
 def test_set_on_a_device_that_supports_nothing_says_so(daemon, tv, ctl):
     tv.echo(0, f"{MIRRORING}/volume_support_hdmi")
-    tv.echo(HDMI, "sound/route")
-    daemon.log.wait("Create HDMI Speaker")
+    change_route(tv, daemon.log, HDMI)
     assert ctl.fails(REFUSED, "volume", "20").startswith("the volume was not set: the output in use supports nothing")
     assert ctl.fails(REFUSED, "volume", "101") == "the volume was not set: invalid argument (-2)"
 
 
 def test_status_says_that_support_is_unknown(daemon, tv, ctl):
-    tv.echo(HDMI, "sound/route")
-    daemon.log.wait("Create HDMI Speaker")
-    daemon.log.end()
+    change_route(tv, daemon.log, HDMI)
     done = ctl.run("status")
     assert (done.returncode, done.stdout.splitlines()[2]) == (
         REFUSED, "support  unknown: the output's device has not said, or kavreld is busy (-1)")
@@ -335,28 +327,29 @@ def test_other_status_is_the_platforms(daemon, tv, ctl):
     assert ctl.fails(REFUSED, "volume", "+1") == "the volume cannot be read: platform error (-1002)"
 
 
-# Gains and signals: what the daemon hears
+# Gains and signals: what the daemon gets
 
 
-def heard(daemon, client, texts):
-    """Waits until the daemon has handled everything; returns the lines of its log that begin with one of these texts."""
-    client.get_volume()
-    return [text for text in daemon.log.texts() if text.startswith(texts)]
+def calls_of(ctl, *arguments):
+    """Runs kavrelctl with a program in the daemon's place that answers the calls for gains; returns those that came."""
+    methods = ["ApplyPlayerFadeIn", "ApplyUnmuteFadeIn", "ResetPlayerGain", "ApplyGainOnMute"]
+    impostor = Impostor(ctl.scene.client(), **{method: [(0,), (0,)] for method in methods})
+    assert ctl(*arguments) == ""
+    return list(zip(impostor.calls, impostor.arguments))
 
 
-@pytest.mark.parametrize("arguments, calls", [
-    (["player"], ["Player VolumeFadeIn. path:1", "Player VolumeFadeIn. path:2"]),
-    (["player", "both"], ["Player VolumeFadeIn. path:1", "Player VolumeFadeIn. path:2"]),
-    (["player", "main"], ["Player VolumeFadeIn. path:1"]),
-    (["player", "sub"], ["Player VolumeFadeIn. path:2"]),
-    (["unmute"], ["Unmute VolumeFadeIn. path:3"]),
-    (["unmute", "both"], ["Unmute VolumeFadeIn. path:3"]),
-    (["unmute", "main"], ["Unmute VolumeFadeIn. path:1"]),
-    (["unmute", "sub"], ["Unmute VolumeFadeIn. path:2"]),
+@pytest.mark.parametrize("arguments, method, paths", [
+    (["player"], "ApplyPlayerFadeIn", [1, 2]),
+    (["player", "both"], "ApplyPlayerFadeIn", [1, 2]),
+    (["player", "main"], "ApplyPlayerFadeIn", [1]),
+    (["player", "sub"], "ApplyPlayerFadeIn", [2]),
+    (["unmute"], "ApplyUnmuteFadeIn", [3]),
+    (["unmute", "both"], "ApplyUnmuteFadeIn", [3]),
+    (["unmute", "main"], "ApplyUnmuteFadeIn", [1]),
+    (["unmute", "sub"], "ApplyUnmuteFadeIn", [2]),
 ])
-def test_fade(daemon, ctl, client, arguments, calls):
-    ctl("fade", *arguments)
-    assert heard(daemon, client, ("Apply Player", "Apply Unmute")) == [f"Apply {call}" for call in calls]
+def test_fade(ctl, arguments, method, paths):
+    assert calls_of(ctl, "fade", *arguments) == [(method, (path,)) for path in paths]
 
 
 def test_fade_of_the_player_reaches_full_gain_on_both_outputs(daemon, tv, ctl):
@@ -366,34 +359,42 @@ def test_fade_of_the_player_reaches_full_gain_on_both_outputs(daemon, tv, ctl):
 
 
 @pytest.mark.parametrize("output, paths", [([], [1, 2]), (["both"], [1, 2]), (["main"], [1]), (["sub"], [2])])
-def test_gain_reset(daemon, ctl, client, output, paths):
-    ctl("gain", "reset", *output)
-    assert heard(daemon, client, "Reset PlayerGain") == [f"Reset PlayerGain. path:{path}" for path in paths]
+def test_gain_reset(ctl, output, paths):
+    assert calls_of(ctl, "gain", "reset", *output) == [("ResetPlayerGain", (path,)) for path in paths]
 
 
 @pytest.mark.parametrize("arguments, path, gain", [
     (["40"], 3, 40), (["0", "both"], 3, 0), (["100", "main"], 1, 100), (["7", "sub"], 2, 7),
 ])
-def test_gain_on_mute(daemon, tv, ctl, client, arguments, path, gain):
-    ctl("gain", "on-mute", *arguments)
-    assert heard(daemon, client, "Apply GainOnMute") == [f"Apply GainOnMute path:{path} gain:{gain}"]
-    assert tv.read("audio/main_out_gain2") == tv.read("audio/sub_out_gain2") == str(gain)
+def test_gain_on_mute(ctl, arguments, path, gain):
+    assert calls_of(ctl, "gain", "on-mute", *arguments) == [("ApplyGainOnMute", (path, gain))]
 
 
-@pytest.mark.parametrize("arguments, text", [
-    (["pulse", "20", "1000"], "Apply PulseAudioGain 20, duration 1000"),
-    (["pulse", "0", "0"], "Apply PulseAudioGain 0, duration 0"),
-    (["buds", "connected"], "Buds Connected. reason:0"),
-    (["buds", "connected", "-7"], "Buds Connected. reason:-7"),
-    (["buds", "disconnected", "3"], "Buds disconnected. Connect to previous(type:0)"),
-    (["speaker-gone", "4", "Wohnzimmer süd"],
-     "Speaker(type:4):Wohnzimmer süd disconnected. Connect to previous(type:0)"),
-    (["speaker-gone", "--", "-1", "-x"], "Speaker(type:-1):-x disconnected. Connect to previous(type:0)"),
-    (["speaker-gone", "HDMI-2", "x"], "Speaker(type:8):x disconnected. Connect to previous(type:0)"),
+def test_a_gain_on_mute_is_written(daemon, tv, ctl):
+    ctl("gain", "on-mute", "40")
+    assert tv.read("audio/main_out_gain2") == tv.read("audio/sub_out_gain2") == "40"
+
+
+@pytest.mark.parametrize("arguments, member, signature, values", [
+    (["pulse", "20", "1000"], "ApplyPulseAudioGain", "ii", (20, 1000)),
+    (["pulse", "0", "0"], "ApplyPulseAudioGain", "ii", (0, 0)),
+    (["buds", "connected"], "BudsConnected", "i", (0,)),
+    (["buds", "connected", "-7"], "BudsConnected", "i", (-7,)),
+    (["buds", "disconnected", "3"], "BudsDisconnected", "i", (3,)),
+    (["speaker-gone", "4", "Wohnzimmer süd"], "SpkDisconnected", "is", (4, "Wohnzimmer süd")),
+    (["speaker-gone", "--", "-1", "-x"], "SpkDisconnected", "is", (-1, "-x")),
+    (["speaker-gone", "HDMI-2", "x"], "SpkDisconnected", "is", (8, "x")),
 ])
-def test_signals_are_heard(daemon, ctl, arguments, text):
+def test_signals_are_sent(ctl, client, arguments, member, signature, values):
+    Impostor(client)
     assert ctl(*arguments) == ""
-    daemon.log.wait(text)
+    client.expect(member, *values)
+    assert client.heard_from == [(SIGNALS_PATH, NAME, signature)]
+
+
+def test_a_signal_is_heard(daemon, ctl, client):
+    assert ctl("buds", "disconnected", "3") == ""
+    client.expect("SpeakerChangeRequest", 0, 1)
 
 
 # Waiting
@@ -785,11 +786,11 @@ def test_wrong_usage(ctl):
         assert ctl.fails(USAGE, *arguments) == complaint, arguments
 
 
-def test_numbers_are_decimal(daemon, ctl, client):
+def test_numbers_are_decimal(daemon, tv, ctl, client):
     ctl("volume", "010")
     assert client.get_volume() == (10, 0)
     ctl("gain", "on-mute", "010")
-    assert heard(daemon, client, "Apply GainOnMute") == ["Apply GainOnMute path:3 gain:10"]
+    assert tv.read("audio/main_out_gain2") == "10"
 
 
 # Help
@@ -910,8 +911,7 @@ def test_monitor_tells_changes_of_the_tv_itself(daemon, tv, ctl):
 
 def test_monitor_tells_new_support_with_the_first_change_of_another_output(daemon, hdmi, tv, ctl):
     view = ctl.monitor()
-    tv.echo(0, "sound/route")
-    daemon.log.wait(re.compile("Speaker changed.*->0.*"))
+    change_route(tv, daemon.log, 0)
     tv.echo(44, "audio/master_volume")
     assert events([view.read_line(), view.read_line()]) == [("support", ALL_WORDS), ("volume", "44")]
 

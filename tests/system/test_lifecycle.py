@@ -9,12 +9,6 @@ from gi.repository import GLib
 from harness import NAME, READY
 
 
-def test_start_logs_each_step_in_order(log):
-    steps = ["Started", "g_bus_own_name return 1", "Create TV Speaker", "Add 9 events", "Add 4 signal events",
-             "m_DbusRegisterObjId:1"]
-    assert [text for text in log.texts() if text in steps] == steps
-
-
 def test_ready_event_appears_with_the_name(scene, tv, client):
     assert not tv.has(READY)
     daemon = scene.launch()
@@ -24,14 +18,14 @@ def test_ready_event_appears_with_the_name(scene, tv, client):
 
 def test_volume_control_stands_before_the_first_call(scene, daemon, client):
     assert client.get_support() == (0xFFFF, 0)
-    assert daemon.log.texts().count("Create TV Speaker") == 1
+    assert [line.function for line in daemon.log.lines()].count("CreateSpeaker") == 1
 
 
 def test_no_signal_is_handled_so_a_supervisor_ends_it_at_once(daemon):
     daemon.may_be_gone = True
     daemon.signal(signal.SIGTERM)
     assert daemon.wait() == -signal.SIGTERM
-    assert daemon.log.find("Stopped") is None
+    assert [line.function for line in daemon.log.lines()].count("main") == 1  # it logs its start, and no end
 
 
 def test_end_of_the_bus_ends_the_daemon(scene, daemon):
@@ -52,8 +46,7 @@ def test_without_a_bus_the_tv_is_followed_all_the_same(scene, tv):
     daemon = scene.launch(DBUS_SYSTEM_BUS_ADDRESS=f"unix:path={scene.folder}/nobody")
     lost = daemon.log.wait("Connection is NULL")
     tv.echo(42, "audio/master_volume")
-    changed = daemon.log.wait("volume is changed : 42", after=lost.number)
-    refused = daemon.log.wait("Connection is NULL", after=changed.number)
+    refused = daemon.log.wait("Connection is NULL", after=lost.number)
     assert refused.function == "onVolumeChanged"
 
 

@@ -7,7 +7,7 @@ import threading
 
 import pytest
 
-from harness import READY
+from harness import READY, change_at_rest, change_route
 
 DEFAULT_TV = {
     "audio/main_out_gain2": "100",
@@ -110,13 +110,11 @@ def test_folders_in_the_place_of_values_are_survived(scene, tv, client):
                                   '{"mode": {"mode": "on"}}', '{"mode": "ON"}', "{}", "x" * 100000],
                          ids=lambda info: info[:20])
 def test_multi_view_information_that_does_not_say_on_is_off(scene, tv, client, info):
-    daemon = scene.start()
-    tv.echo(info, "settings/memory/multiscreen/info")
-    daemon.log.wait_matching(r"MSmode:.*")
-    before = daemon.log.end()
-    tv.echo(12, "sound/route")  # in multi-view the daemon would ignore this route
-    daemon.log.wait_matching(r"Speaker changed\[0->12\]\. .*", before)
-    assert daemon.is_alive()
+    tv.echo(15, "settings/memory/menu/network/screenmirroring/volume_support_hdmi")
+    log = scene.start().log
+    change_at_rest(tv, log, "settings/memory/multiscreen/info", info)
+    change_route(tv, log, 2)  # in multi-view the daemon would ignore this route
+    assert client.get_support() == (15, 0)
 
 
 def test_many_clients_at_once_are_all_served(scene, daemon, client):
