@@ -25,6 +25,10 @@ namespace {
 constexpr const char* STORED =
     "D \t[OUT]void NKavrel::KVAudioGainHandler::SetSrcGain(NKavrel::eKVGainHandlerType, int)";
 
+constexpr const char* OUT_WORKER = "AudioGainOutH";
+/** The line of each turn of this worker's loop that moves the main output. */
+constexpr const char* MAIN_TURN = "I Path:1 ";
+
 std::string FirstLine(const std::filesystem::path& file) {
     std::string line;
     std::ifstream stream(file);
@@ -159,6 +163,27 @@ std::vector<int> GainFixture::StoredGains(eKVGainHandlerType worker) const {
 void GainFixture::AfterStore(eKVGainHandlerType worker, int value, std::function<void()> action) {
     const std::lock_guard lock(m_watched->mutex);
     m_watched->actions.push_back({worker, value, std::move(action)});
+}
+
+std::vector<Clock::time_point> GainFixture::MainTurns() const {
+    std::vector<Clock::time_point> times;
+    for (const Entry& entry : journal.Of(OUT_WORKER).BeginningWith(MAIN_TURN).Entries()) {
+        times.push_back(entry.time);
+    }
+    return times;
+}
+
+GainFixture::Milliseconds GainFixture::ShortestPeriod(std::optional<Milliseconds> limit) const {
+    const int periods = limit ? 50 : 3;
+    Milliseconds shortest = Milliseconds::max();
+    for (int count = 2; count < periods + 2 && shortest >= limit.value_or(Milliseconds::zero()); ++count) {
+        EXPECT_TRUE(journal.Of(OUT_WORKER).BeginningWith(MAIN_TURN).Wait(count));
+        const auto turns = MainTurns();
+        for (std::size_t i = 1; i < turns.size(); ++i) {
+            shortest = std::min<Milliseconds>(shortest, turns[i] - turns[i - 1]);
+        }
+    }
+    return shortest;
 }
 
 }  // namespace fake

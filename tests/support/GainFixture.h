@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -49,6 +50,12 @@ protected:
     int Gain(NKavrel::eKVGainHandlerType slot);
     std::vector<Store> Stores(NKavrel::eKVGainHandlerType worker) const;
     std::vector<int> StoredGains(NKavrel::eKVGainHandlerType worker) const;
+    using Milliseconds = std::chrono::duration<double, std::milli>;
+    /**
+     * The shortest of the first 3 periods of the gain-out worker, or of 50, up to the first one below the limit. A slow
+     * machine can lengthen a period but never shorten one.
+     */
+    Milliseconds ShortestPeriod(std::optional<Milliseconds> limit = {}) const;
     /**
      * Runs `action` once, on another thread, after the worker stored this gain. The worker waits until it
      * returns.
@@ -63,6 +70,8 @@ private:
     struct Watched;
 
     void OnStore(NKavrel::KVAudioGainHandler& controller);
+    /** The times at which the gain-out worker read the total of the main output. */
+    std::vector<Clock::time_point> MainTurns() const;
 
     std::unique_ptr<Watched> m_watched;
 };

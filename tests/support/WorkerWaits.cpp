@@ -17,6 +17,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <functional>
+#include <utility>
 #include <vector>
 
 #include "FakeSeam.h"
@@ -64,6 +66,8 @@ std::array<std::atomic<long>, GAIN_HANDLER_COUNT> longestSteps = {};
 std::array<std::atomic<long>, GAIN_HANDLER_COUNT> latestSteps = {};
 std::atomic<bool> recordsNotifications = false;
 std::atomic<bool> skipsStepTimes = false;
+/** The action with which the next pause begins. Only the thread of the test uses it. */
+std::function<void()> pauseAction;
 /** The worker whose steps have no end in time. */
 std::atomic<int> endlessWorker = GAIN_HANDLER_NONE;
 
@@ -173,6 +177,9 @@ bool WaitForState(Condition met, std::chrono::nanoseconds longest = PATIENCE) {
 /** Sleeps until all workers wait, for a request or for a time, but no longer than this. */
 void PauseUntilAllWait(std::chrono::nanoseconds longest) {
     constexpr int TIMES = 8;  // the bits of waits for a time begin there
+    if (const auto action = std::exchange(pauseAction, nullptr)) {
+        action();
+    }
     (void)WaitForState(
         [](Bits seen) { return ((seen | seen >> TIMES) & ALL_WAIT_FOR_REQUESTS) == ALL_WAIT_FOR_REQUESTS; },
         longest);
@@ -231,6 +238,10 @@ EndlessSteps::~EndlessSteps() {
 
 void RecordNotifications(bool record) {
     recordsNotifications = record;
+}
+
+void AtPause(std::function<void()> action) {
+    pauseAction = std::move(action);
 }
 
 void InterruptSleeps(int count) {

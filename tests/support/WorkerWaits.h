@@ -14,6 +14,7 @@
 #define KAVREL_TESTS_WORKERWAITS_H
 
 #include <chrono>
+#include <functional>
 #include <string>
 
 #include "KVAudioGainHandler.h"
@@ -62,6 +63,9 @@ public:
     EndlessSteps(const EndlessSteps&) = delete;
     EndlessSteps& operator=(const EndlessSteps&) = delete;
 };
+
+/** Runs `action` once, at the beginning of the next pause in which the end of a gain controller lets its workers rest. */
+void AtPause(std::function<void()> action);
 
 /** Lets a signal interrupt each of this thread's next sleeps after half of its time; none of them ends sooner. */
 void InterruptSleeps(int count);

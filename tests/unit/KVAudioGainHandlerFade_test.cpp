@@ -433,4 +433,18 @@ TEST_F(KVAudioGainHandlerFadeTest, DestructionLetsAFadeUnderWayFinishFirst) {
     EXPECT_LE(journal.Of("AudioGainOutH").With("I AudioGainOutH is done").First().time, unhooked);
 }
 
+TEST_F(KVAudioGainHandlerFadeTest, AFadeThatFinishesDuringThePauseOfTheDestructionEndsItsWorker) {
+    Start();
+    auto last = seam.BlockNext("I handlerGainType:2, LastGain:100");
+    FadeFrom(GAIN_HANDLER_PLAYER_MAIN_OUT, 95);
+    ASSERT_TRUE(last.WaitReached());
+    seam.Clear();
+    fake::AtPause([&] {
+        last.Open();
+        EXPECT_TRUE(journal.With("I PlayerMainOutH is done").Wait());
+    });
+    gain.reset();
+    EXPECT_THAT(journal.Of("PlayerMainOutH").Texts(), Not(Contains("I Sleep PlayerMainOutH")));
+}
+
 }  // namespace

@@ -9,7 +9,6 @@
 #include <array>
 #include <cstdint>
 #include <limits>
-#include <optional>
 
 #include "GainFixture.h"
 
@@ -79,34 +78,6 @@ protected:
         int duration = 12345;
         gain->GetPulseTargetValue(target, duration);
         return {target, duration};
-    }
-
-    /** The times at which the gain-out worker read the total of the main output. */
-    std::vector<fake::Clock::time_point> MainTurns() const {
-        std::vector<fake::Clock::time_point> times;
-        for (const fake::Entry& entry : journal.All().Of(OUT_WORKER).Entries()) {
-            if (entry.text.starts_with("I Path:1 ")) {
-                times.push_back(entry.time);
-            }
-        }
-        return times;
-    }
-
-    /**
-     * The shortest of the first 3 periods of the gain-out worker, or of 50, up to the first one below the limit. A slow
-     * machine can lengthen a period but never shorten one.
-     */
-    Milliseconds ShortestPeriod(std::optional<Milliseconds> limit = {}) {
-        const int periods = limit ? 50 : 3;
-        Milliseconds shortest = Milliseconds::max();
-        for (int count = 2; count < periods + 2 && shortest >= limit.value_or(0ms); ++count) {
-            EXPECT_TRUE(journal.Of(OUT_WORKER).BeginningWith("I Path:1 ").Wait(count));
-            const auto turns = MainTurns();
-            for (std::size_t i = 1; i < turns.size(); ++i) {
-                shortest = std::min<Milliseconds>(shortest, turns[i] - turns[i - 1]);
-            }
-        }
-        return shortest;
     }
 };
 

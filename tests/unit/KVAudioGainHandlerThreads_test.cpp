@@ -22,6 +22,7 @@
 #include <optional>
 #include <set>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "GainFixture.h"
@@ -59,6 +60,12 @@ thread_local Locks locks = Locks::WAIT_IN_TIME;
 thread_local std::vector<const pthread_mutex_t*> lockedMutexes;
 /** The longest time that one of them was to wait. None was measured in a ThreadSanitizer build. */
 thread_local std::optional<std::chrono::nanoseconds> longestLock;
+/** Runs once, right after this thread's next unlock of this mutex. */
+struct AfterUnlock {
+    const pthread_mutex_t* mutex = nullptr;
+    std::function<void()> action;
+};
+thread_local AfterUnlock afterUnlock;
 
 std::string Place(pthread_t thread) {
     const std::lock_guard lock(startsMutex);
@@ -101,6 +108,15 @@ int pthread_join(pthread_t thread, void** result) {
         FakeSeam::Get().Enter("pthread_join", Place(thread));
     }
     return join(thread, result);
+}
+
+int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
+    static auto* const unlock = Library<decltype(pthread_mutex_unlock)>("pthread_mutex_unlock");
+    const int result = unlock(mutex);
+    if (afterUnlock.mutex == mutex) {
+        std::exchange(afterUnlock, {}).action();
+    }
+    return result;
 }
 
 #ifdef __SANITIZE_THREAD__
@@ -420,6 +436,48 @@ TEST_F(KVAudioGainHandlerThreadsTest, EachSlotAndThePulseTargetHaveALockOfTheirO
     EXPECT_EQ(LockOf([&] { gain->SetSubOutGain2(2); }), writes);
 }
 
+TEST_F(KVAudioGainHandlerThreadsTest, AGainIsStoredAndReadBeforeTheLockOfItsSlotIsReleased) {
+    Start();
+    int stored = 0;
+    int read = 0;
+    const auto* lock = LockOf([&] { gain->GetSrcGain(GAIN_HANDLER_PULSE_RAMP, read); });
+    afterUnlock = {lock, [&] { gain->GetSrcGain(GAIN_HANDLER_PULSE_RAMP, stored); }};
+    gain->SetSrcGain(GAIN_HANDLER_PULSE_RAMP, 40);
+    EXPECT_EQ(stored, 40);
+    afterUnlock = {lock, [&] { gain->SetSrcGain(GAIN_HANDLER_PULSE_RAMP, 70); }};
+    gain->GetSrcGain(GAIN_HANDLER_PULSE_RAMP, read);
+    EXPECT_EQ(read, 40);
+    EXPECT_EQ(Gain(GAIN_HANDLER_PULSE_RAMP), 70);
+}
+
+TEST_F(KVAudioGainHandlerThreadsTest, ThePulseTargetIsStoredAndReadBeforeItsLockIsReleased) {
+    Start();
+    std::pair<int, int> stored;
+    std::pair<int, int> read;
+    const auto* lock = LockOf([&] { gain->GetPulseTargetValue(read.first, read.second); });
+    afterUnlock = {lock, [&] { gain->GetPulseTargetValue(stored.first, stored.second); }};
+    gain->SetPulseTargetValue(30, 200);
+    EXPECT_EQ(stored, std::pair(30, 200));
+    afterUnlock = {lock, [&] { gain->SetPulseTargetValue(90, 900); }};
+    gain->GetPulseTargetValue(read.first, read.second);
+    EXPECT_EQ(read, std::pair(30, 200));
+    gain->GetPulseTargetValue(read.first, read.second);
+    EXPECT_EQ(read, std::pair(90, 900));
+}
+
+TEST_F(KVAudioGainHandlerThreadsTest, AnOutputIsWrittenBeforeTheLockOfTheWritesIsReleased) {
+    Start();
+    const auto* lock = LockOf([&] { gain->SetMainOutGain2(1); });
+    gain->SetSrcGain(GAIN_HANDLER_PULSE_RAMP, 60);
+    std::vector<std::string> written;
+    afterUnlock = {lock, [&] { written = journal.Gains().Texts(); }};
+    gain->SetMainOutGain2(1);
+    EXPECT_THAT(written, ElementsAre(fake::MainGain(60)));
+    afterUnlock = {lock, [&] { written = journal.Gains().Texts(); }};
+    gain->SetSubOutGain2(2);
+    EXPECT_THAT(written, ElementsAre(fake::MainGain(60), fake::SubGain(60)));
+}
+
 TEST_F(KVAudioGainHandlerThreadsTest, AWriterReadsItsTotalWhenTheWriterBeforeItHasFinished) {
     Start();
     for (const char* place :
@@ -529,6 +587,24 @@ TEST_F(KVAudioGainHandlerThreadsTest, ARequestWhoseTargetCannotBeStoredIsRaisedA
     EXPECT_EQ(journal.Here().With(LOCK_FAILED).Function(), "SetPulseTargetValue");
     ASSERT_TRUE(Rest());
     EXPECT_EQ(StoredGains(GAIN_HANDLER_PULSE_RAMP).back(), 20);
+}
+
+TEST_F(KVAudioGainHandlerThreadsTest, ARequestWhoseTargetCannotBeStoredIsPendingForThePeriodBefore) {
+    const auto periodOfRequest = [this] {
+        seam.Clear();
+        auto pending = seam.BlockNext(In(GET_TARGET));
+        locks = Locks::FAIL;
+        gain->ApplyPulseAudioGain(90, 400);
+        locks = Locks::WAIT_IN_TIME;
+        EXPECT_TRUE(pending.WaitReached());
+        return ShortestPeriod();
+    };
+    Start();
+    EXPECT_GE(periodOfRequest(), std::chrono::milliseconds(60)) << "the period of no request yet";
+    ASSERT_TRUE(Rest());
+    gain->ApplyPulseAudioGain(100, 2000);
+    EXPECT_TRUE(Waits(GAIN_HANDLER_PULSE_RAMP, "I remain count is 10, timedwait 200"));
+    EXPECT_GE(periodOfRequest(), std::chrono::milliseconds(100));
 }
 
 TEST_F(KVAudioGainHandlerThreadsTest, ARampWhoseStartCannotBeReadBeginsAtTheStartBefore) {
