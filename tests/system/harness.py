@@ -183,11 +183,16 @@ class TvDirectory:
         """Waits until condition() is true; checks it whenever something changes in the folder of the value."""
         deadline = time.monotonic() + timeout
         while True:
-            folders = [folder for folder in (self.path / value).parents if folder.exists()]
-            with FolderWatch(folders[0]) as watch:  # the value's folder, or the nearest one that exists
+            nearest = self.nearest_folder(value)
+            with FolderWatch(nearest) as watch:
                 if condition():
                     return
-                assert watch.wait(deadline), f"{value} is not as expected within {timeout} s"
+                if nearest == self.nearest_folder(value):  # no nearer one was made before the watch began
+                    assert watch.wait(deadline), f"{value} is not as expected within {timeout} s"
+
+    def nearest_folder(self, value):
+        """The value's folder, or the nearest one above it that exists."""
+        return next(folder for folder in (self.path / value).parents if folder.exists())
 
 
 class Client:
