@@ -12,28 +12,28 @@
 
 namespace sound {
 
-Bridge::Bridge(tools::MainLoop& loop, const std::string& directory, const Settings& settings, Claim& claim)
-    : m_directory(directory),
+Bridge::Bridge(Server& server, const std::string& directory, const Settings& settings, Claim& claim)
+    : m_server(server),
+      m_directory(directory),
       m_settings(settings),
       m_claim(claim),
       m_outputs(settings.outputs),
-      m_watch(loop, host::Root(), [this](auto event, const std::string& path) { OnTv(event, path); }),
-      m_server(loop, settings.server,
-               {[this] { OnReady(); }, [this](const std::string& reason) { OnGone(reason); },
-                [this](int facility, int type, Index index) { OnChange(facility, type, index); }}),
+      m_watch(server.Loop(), host::Root(),
+              [this](auto event, const std::string& path) { OnTv(event, path); }),
       m_writer(m_server, [this] { Look(); }),
       m_kavrel(m_server, KAVREL_MODULE, [this] { Look(); }),
       m_main(m_server, {MAIN_STAGE, settings.latency, !settings.isRough, [this] { Look(); }}),
       m_sub(m_server, {SUB_STAGE, settings.latency, !settings.isRough, [this] { Look(); }}) {
     const auto whenDue = [this] { Settle(); };
-    m_devices.push_back(std::make_unique<Device>(loop, m_writer, nullptr, whenDue));
+    m_devices.push_back(std::make_unique<Device>(server.Loop(), m_writer, nullptr, whenDue));
     for (const tv::DeviceKind& kind : tv::DeviceKinds()) {
-        m_devices.push_back(std::make_unique<Device>(loop, m_writer, &kind, whenDue));
+        m_devices.push_back(std::make_unique<Device>(server.Loop(), m_writer, &kind, whenDue));
     }
     m_player.Take();
     ReadRoute();
     SetGains();
-    m_server.Connect();
+    m_server.Connect({[this] { OnReady(); }, [this](const std::string& reason) { OnGone(reason); },
+                      [this](Change change, Index index) { OnChange(change, index); }});
 }
 
 // --- The TV directory
@@ -123,7 +123,7 @@ void Bridge::OnGone(const std::string& reason) {
     m_main.Forget();
     m_sub.Forget();
     m_programs.clear();
-    m_kavrelSink = PA_INVALID_INDEX;
+    m_kavrelSink = NO_INDEX;
     m_isDefaultSet = false;
     m_hasSaid = false;
     for (const auto& device : m_devices) {
@@ -131,13 +131,12 @@ void Bridge::OnGone(const std::string& reason) {
     }
 }
 
-void Bridge::OnChange(int facility, int type, Index index) {
-    if (facility == PA_SUBSCRIPTION_EVENT_SINK && type == PA_SUBSCRIPTION_EVENT_REMOVE) {
+void Bridge::OnChange(Change change, Index index) {
+    if (change == Change::SINK_REMOVED) {
         m_main.Leave(index);
         m_sub.Leave(index);
     }
-    if (facility == PA_SUBSCRIPTION_EVENT_SINK_INPUT && type == PA_SUBSCRIPTION_EVENT_CHANGE &&
-        (m_main.IsChanging(index) || m_sub.IsChanging(index))) {
+    if (change == Change::STREAM_CHANGED && (m_main.IsChanging(index) || m_sub.IsChanging(index))) {
         return;  // the server's word of the stage's own volumes
     }
     Look();
@@ -189,7 +188,7 @@ void Bridge::Settle() {
     m_main.Follow(m_snapshot, main);
     m_sub.Follow(m_snapshot, sub);
     if (m_settings.isDefault && !std::exchange(m_isDefaultSet, true)) {
-        m_server.SetDefaultSink(KAVREL_SINK);
+        m_server.SetDefaultSink(KAVREL_SINK, {});
     }
 }
 
@@ -206,7 +205,7 @@ void Bridge::FollowPrograms(const Sink& kavrel) {
     if (std::exchange(m_kavrelSink, kavrel.index) != kavrel.index) {
         for (const Stream& stream : m_snapshot.streams) {
             if (m_programs.contains(stream.index) && stream.sink != kavrel.index) {
-                m_server.MoveStream(stream.index, kavrel.index);
+                m_server.MoveStream(stream.index, kavrel.index, {});
             }
         }
         return;

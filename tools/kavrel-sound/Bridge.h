@@ -34,13 +34,13 @@ namespace sound {
 class Bridge {
 public:
     /** @throws tools::ToolError if the directory cannot be watched or written */
-    Bridge(tools::MainLoop& loop, const std::string& directory, const Settings& settings, Claim& claim);
+    Bridge(Server& server, const std::string& directory, const Settings& settings, Claim& claim);
 
 private:
     void OnTv(tv::DirectoryWatch::Event event, const std::string& path);
     void OnReady();
     void OnGone(const std::string& reason);
-    void OnChange(int facility, int type, Index index);
+    void OnChange(Change change, Index index);
 
     void Look();
     void OnLook(Snapshot&& snapshot);
@@ -59,13 +59,13 @@ private:
     void SayWhatIsMissing();
     std::string OutputSink() const;
 
+    Server& m_server;
     const std::string m_directory;
     const Settings m_settings;
     Claim& m_claim;
     const Outputs m_outputs;
     tv::DirectoryWatch m_watch;
     tv::Player m_player;
-    Server m_server;
     SinkWriter m_writer;
     OwnModule m_kavrel;
     Stage m_main;
@@ -78,7 +78,7 @@ private:
     bool m_isStale = false;       // something has changed since the look began
     bool m_hasSaid = false;       // that it plays, on this connection
     bool m_isDefaultSet = false;  // on this connection
-    Index m_kavrelSink = PA_INVALID_INDEX;
+    Index m_kavrelSink = NO_INDEX;
     std::set<Index> m_programs;       // streams that play on "kavrel", or did until it went
     std::set<std::string> m_missing;  // sinks that were said to be missing
 };

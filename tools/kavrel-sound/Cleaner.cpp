@@ -8,9 +8,7 @@
 #include <vector>
 
 #include "Layout.h"
-#include "MainLoop.h"
 #include "Outputs.h"
-#include "Server.h"
 
 namespace sound {
 
@@ -29,15 +27,13 @@ std::vector<Index> FindOwnModules(const Snapshot& snapshot) {
 
 class Cleaner {
 public:
-    Cleaner(const std::string& server, std::string defaultSink)
-        : m_defaultSink(std::move(defaultSink)),
-          m_server(m_loop, server, {[this] { Look(); }, [this](const std::string&) { m_loop.Quit(0); }, {}}) {
-    }
+    Cleaner(Server& server, std::string defaultSink)
+        : m_server(server), m_defaultSink(std::move(defaultSink)) {}
 
     void Run() {
-        m_server.Connect();
-        const auto timer = m_loop.After(PATIENCE, [this] { m_loop.Quit(0); });
-        m_loop.Run();
+        m_server.Connect({[this] { Look(); }, [this](const std::string& /*reason*/) { End(); }, {}});
+        const auto timer = m_server.Loop().After(PATIENCE, [this] { End(); });
+        m_server.Loop().Run();
     }
 
 private:
@@ -47,11 +43,11 @@ private:
 
     void Remove(const Snapshot& snapshot) {
         if (snapshot.defaultSink == KAVREL_SINK && snapshot.FindSink(m_defaultSink) != nullptr) {
-            m_server.SetDefaultSink(m_defaultSink);
+            m_server.SetDefaultSink(m_defaultSink, {});
         }
         const std::vector<Index> own = FindOwnModules(snapshot);
         if (own.empty()) {
-            m_loop.Quit(0);
+            End();
             return;
         }
         for (const Index module : own) {
@@ -63,14 +59,15 @@ private:
         }
     }
 
+    void End() { m_server.Loop().Quit(0); }
+
+    Server& m_server;
     const std::string m_defaultSink;
-    tools::MainLoop m_loop;
-    Server m_server;
 };
 
 }  // namespace
 
-void RemoveFromServer(const std::string& server, const std::string& defaultSink) {
+void RemoveFromServer(Server& server, const std::string& defaultSink) {
     Cleaner(server, defaultSink).Run();
 }
 

@@ -5,15 +5,18 @@
 
 #include <string>
 
+#include "Server.h"
+
 namespace sound {
 
 /**
- * Removes from the server what a bridge has made, over a connection of its own: the stages first, then "kavrel". Returns
- * when the server no longer has it, or after two seconds.
+ * Removes from the server what a bridge has made: the stages first, then "kavrel". Returns when the server no longer
+ * has it, or after two seconds.
  *
+ * @param server not connected yet, on a loop that has not run
  * @param defaultSink to become the server's default sink again in the place of "kavrel"; empty: none
  */
-void RemoveFromServer(const std::string& server, const std::string& defaultSink);
+void RemoveFromServer(Server& server, const std::string& defaultSink);
 
 }  // namespace sound
 

@@ -57,7 +57,7 @@ void Device::Follow(Sink* sink, bool mayPublish) {
     if (m_kind != nullptr) {
         Publish(m_kind->support, EVERYTHING, isAnswer);
     }
-    const int level = LevelOfVolume(pa_cvolume_max(&sink->volume));
+    const int level = LevelOfVolume(Loudest(sink->volumes));
     const int mute = sink->isMuted ? 1 : 0;
     if (isAnswer) {
         Publish(m_level.file, level, true);

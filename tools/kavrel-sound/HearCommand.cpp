@@ -14,6 +14,7 @@
 #include "Layout.h"
 #include "MainLoop.h"
 #include "Print.h"
+#include "PulseServer.h"
 
 namespace sound {
 
@@ -69,10 +70,8 @@ class Ear {
 public:
     /** @param sink waited for until the server has it */
     Ear(tools::MainLoop& loop, const std::string& server, std::string sink, Envelope::OnWindow onWindow)
-        : m_sink(std::move(sink)),
-          m_envelope(std::move(onWindow)),
-          m_server(loop, server, {[this] { Start(); }, Fail, {}}) {
-        m_server.Connect();
+        : m_sink(std::move(sink)), m_envelope(std::move(onWindow)), m_server(loop, server) {
+        m_server.Connect({[this] { Start(); }, Fail, {}});
     }
 
 private:
@@ -124,7 +123,7 @@ private:
 
     const std::string m_sink;
     Envelope m_envelope;
-    Server m_server;
+    PulseServer m_server;
     PulsePtr<pa_stream> m_stream;
 };
 

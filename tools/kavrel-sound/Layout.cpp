@@ -51,7 +51,7 @@ std::string KavrelArguments() {
 }
 
 bool IsOfStage(const Stream& stream, const std::string& stage) {
-    return stream.name == stage && stream.module != PA_INVALID_INDEX;
+    return stream.name == stage && stream.module != NO_INDEX;
 }
 
 std::string DefaultSink(const Snapshot& snapshot, const std::string& before) {
@@ -80,7 +80,7 @@ std::vector<Index> FindStage(const Snapshot& snapshot, const std::string& stage)
 std::vector<Index> FindKavrel(const Snapshot& snapshot) {
     std::vector<Index> found;
     for (const Sink& sink : snapshot.sinks) {
-        if (sink.name == KAVREL_SINK && sink.module != PA_INVALID_INDEX) {
+        if (sink.name == KAVREL_SINK && sink.module != NO_INDEX) {
             AddOnce(found, sink.module);
         }
     }

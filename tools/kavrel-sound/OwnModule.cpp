@@ -24,7 +24,7 @@ Index OwnModule::Ensure(std::vector<Index> found, const std::string& arguments) 
         if (!m_isLoading && m_retry == nullptr && m_unloading.empty()) {
             Load(arguments);
         }
-        return PA_INVALID_INDEX;
+        return NO_INDEX;
     }
     const Index kept = found.front();
     found.erase(found.begin());
@@ -46,12 +46,12 @@ void OwnModule::Load(const std::string& arguments) {
     m_hasUnloaded = false;
     m_server.Load(m_name, arguments, [this](Index module) {
         m_isLoading = false;
-        if (module == PA_INVALID_INDEX && !m_hasUnloaded) {
+        if (module == NO_INDEX && !m_hasUnloaded) {
             Fail();
             return;
         }
         m_hasComplained = false;
-        if (!m_isWanted && module != PA_INVALID_INDEX) {
+        if (!m_isWanted && module != NO_INDEX) {
             Unload(module);
         }
         m_whenAnswered();

@@ -24,7 +24,7 @@ public:
 
     /** Loads the module if there is none, and unloads all but one.
      *  @param found those that there are, the one to keep first
-     *  @return the module; PA_INVALID_INDEX until a snapshot has it */
+     *  @return the module; NO_INDEX until a snapshot has it */
     Index Ensure(std::vector<Index> found, const std::string& arguments);
     /** Unloads those that there are, and the one that is being loaded. */
     void Remove(const std::vector<Index>& found);

@@ -13,6 +13,7 @@
 #include "MainLoop.h"
 #include "Mapping.h"
 #include "Print.h"
+#include "PulseServer.h"
 
 namespace sound {
 
@@ -106,7 +107,7 @@ StageView LookAtStage(const Snapshot& snapshot, const char* name, const host::Va
 }
 
 double AmplitudeOf(const Stream& stream) {
-    return stream.isMuted ? 0 : pa_sw_volume_to_linear(pa_cvolume_max(&stream.volume));
+    return stream.isMuted ? 0 : AmplitudeOfVolume(Loudest(stream.volumes));
 }
 
 Json::Value ToJson(const tv::Integer& number) {
@@ -123,7 +124,7 @@ Json::Value ToJson(const StageView& stage) {
 
 Json::Value ToJson(const Sink& sink) {
     Json::Value json(Json::objectValue);
-    json["level"] = LevelOfVolume(pa_cvolume_max(&sink.volume));
+    json["level"] = LevelOfVolume(Loudest(sink.volumes));
     json["mute"] = sink.isMuted;
     return json;
 }
@@ -151,7 +152,7 @@ std::string Described(const StageView& stage) {
     const std::string gain = stage.gain ? std::to_string(stage.gain.value) : "unreadable";
     return "gain " + gain + ", heard at " + tools::Formatted("%g %%", percent) + " on " +
            tools::Printable(stage.sink->name) + " (level " +
-           std::to_string(LevelOfVolume(pa_cvolume_max(&stage.sink->volume))) +
+           std::to_string(LevelOfVolume(Loudest(stage.sink->volumes))) +
            (stage.sink->isMuted ? ", muted)" : ")");
 }
 
@@ -193,20 +194,17 @@ Settings SettingsInForce(const Settings& given) {
 Snapshot AskServer(const std::string& server) {
     tools::MainLoop loop;
     std::optional<Snapshot> answer;
-    Server* asked = nullptr;
-    Server connection(loop, server,
-                      {[&] {
-                           asked->Look([&](Snapshot&& snapshot) {
-                               answer = std::move(snapshot);
-                               loop.Quit(tools::EXIT_DONE);
-                           });
-                       },
-                       [](const std::string& reason) {
-                           throw tools::ToolError(tools::EXIT_UNREACHABLE, "no sound server: " + reason);
-                       },
-                       {}});
-    asked = &connection;
-    connection.Connect();
+    PulseServer connection(loop, server);
+    const auto look = [&] {
+        connection.Look([&](Snapshot&& snapshot) {
+            answer = std::move(snapshot);
+            loop.Quit(tools::EXIT_DONE);
+        });
+    };
+    const auto fail = [](const std::string& reason) {
+        throw tools::ToolError(tools::EXIT_UNREACHABLE, "no sound server: " + reason);
+    };
+    connection.Connect({look, fail, {}});
     const int status = loop.Run();
     if (!answer) {
         throw tools::ToolError(static_cast<tools::ExitCode>(status),

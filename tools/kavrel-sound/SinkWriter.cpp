@@ -13,12 +13,12 @@ SinkWriter::SinkWriter(Server& server, std::function<void()> whenAnswered)
 
 void SinkWriter::SetLevel(Sink& sink, int level) {
     const Written& written = m_written[sink.index];
-    const bool isSilent = pa_cvolume_max(&sink.volume) == PA_VOLUME_MUTED;
-    if (isSilent && written.balance.channels == sink.volume.channels) {
-        sink.volume = written.balance;
+    const bool isSilent = Loudest(sink.volumes) == 0;
+    if (isSilent && written.balance.size() == sink.volumes.size()) {
+        sink.volumes = written.balance;
     }
-    pa_cvolume_scale(&sink.volume, VolumeOfLevel(level));
-    m_server.SetSinkVolume(sink.index, sink.volume, Noted(sink));
+    Scale(sink.volumes, VolumeOfLevel(level));
+    m_server.SetSinkVolumes(sink.index, sink.volumes, Noted(sink));
 }
 
 void SinkWriter::SetMute(Sink& sink, bool isMuted) {
@@ -42,11 +42,11 @@ void SinkWriter::Amend(Snapshot& answer, const Snapshot& before) {
         Written& written = m_written[sink.index];
         const Sink* const old = before.FindSink(sink.index);
         if (old != nullptr && (written.unanswered > 0 || written.last > m_look)) {
-            sink.volume = old->volume;
+            sink.volumes = old->volumes;
             sink.isMuted = old->isMuted;
         }
-        if (pa_cvolume_max(&sink.volume) != PA_VOLUME_MUTED) {
-            written.balance = sink.volume;
+        if (Loudest(sink.volumes) > 0) {
+            written.balance = sink.volumes;
         }
     }
     std::erase_if(m_written, [&](const auto& entry) {

@@ -20,7 +20,7 @@ public:
     /** @param whenAnswered called when the server has confirmed or refused all that was set on a sink */
     SinkWriter(Server& server, std::function<void()> whenAnswered);
 
-    /** Sets the loudest channel; the others follow, so that the balance stays. The sink holds the new volume at once.
+    /** Sets the loudest channel; the others follow, so that the balance stays. The sink holds the new volumes at once.
      *  @param level 0 to 100 */
     void SetLevel(Sink& sink, int level);
     void SetMute(Sink& sink, bool isMuted);
@@ -36,8 +36,8 @@ public:
 private:
     struct Written {
         int unanswered = 0;
-        unsigned last = 0;        // number of the last write
-        pa_cvolume balance = {};  // the last volume that was not silent; no channels: there was none
+        unsigned last = 0;  // number of the last write
+        Volumes balance;    // the last ones that were not silent; empty: there were none
     };
 
     Server::Done Noted(const Sink& sink);

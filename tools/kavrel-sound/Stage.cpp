@@ -12,7 +12,7 @@ namespace sound {
 
 namespace {
 
-constexpr pa_volume_t ROUNDING = PA_VOLUME_NORM / 1000;
+constexpr Volume ROUNDING = FULL_VOLUME / 1000;
 
 }  // namespace
 
@@ -26,7 +26,7 @@ void Stage::Follow(const Snapshot& snapshot, const Sink* sink) {
     const std::vector<Index> found = FindStage(snapshot, m_settings.name);
     if (sink == nullptr) {
         m_module.Remove(found);
-        m_stream = PA_INVALID_INDEX;
+        m_stream = NO_INDEX;
         m_isComing = false;
         return;
     }
@@ -36,7 +36,7 @@ void Stage::Follow(const Snapshot& snapshot, const Sink* sink) {
             return candidate.module == m_owner && IsOfStage(candidate, m_settings.name);
         });
     if (stream == snapshot.streams.end()) {
-        m_stream = PA_INVALID_INDEX;
+        m_stream = NO_INDEX;
         m_isComing = true;
         return;
     }
@@ -44,7 +44,7 @@ void Stage::Follow(const Snapshot& snapshot, const Sink* sink) {
         Adopt(*stream);
     }
     if (stream->isMuted) {
-        m_server.SetStreamMute(m_stream, false);
+        m_server.SetStreamMute(m_stream, false, {});
     }
     m_sink = sink->index;
     if (stream->sink != sink->index && snapshot.MayLoseMovedSound()) {
@@ -54,16 +54,16 @@ void Stage::Follow(const Snapshot& snapshot, const Sink* sink) {
     if (stream->sink != sink->index) {
         Move(sink->index);
     }
-    if (!IsChanging(m_stream) && !IsAsSet(stream->volume)) {
+    if (!IsChanging(m_stream) && !IsAsSet(stream->volumes)) {
         Write();
     }
 }
 
 /** Removes a stage that plays on another sink; the next look makes one for the right sink. */
 void Stage::Replace(const Stream& stream) {
-    if (stream.sink != PA_INVALID_INDEX) {  // else it is new, and on its way to its sink
+    if (stream.sink != NO_INDEX) {  // else it is new, and on its way to its sink
         m_module.Unload(m_owner);
-        m_stream = PA_INVALID_INDEX;
+        m_stream = NO_INDEX;
         m_isComing = true;
     }
 }
@@ -80,9 +80,10 @@ void Stage::Move(Index sink) {
 }
 
 /** A server may round a volume. */
-bool Stage::IsAsSet(const pa_cvolume& volume) const {
-    const pa_volume_t own = pa_sw_volume_from_linear(m_smoother.Present());
-    return pa_cvolume_max(&volume) <= own + ROUNDING && pa_cvolume_min(&volume) + ROUNDING >= own;
+bool Stage::IsAsSet(const Volumes& volumes) const {
+    const Volume own = VolumeOfAmplitude(m_smoother.Present());
+    return std::all_of(volumes.begin(), volumes.end(),
+                       [own](Volume volume) { return volume <= own + ROUNDING && volume + ROUNDING >= own; });
 }
 
 bool Stage::WillAppear(const Snapshot& snapshot, const Sink* sink) const {
@@ -99,7 +100,7 @@ bool Stage::IsChanging(Index stream) const {
 
 void Stage::Adopt(const Stream& stream) {
     m_stream = stream.index;
-    m_channels = stream.volume.channels;
+    m_channels = stream.volumes.size();
     m_unanswered = 0;
     m_timer.reset();
     m_smoother.Finish();
@@ -108,21 +109,21 @@ void Stage::Adopt(const Stream& stream) {
 }
 
 void Stage::Leave(Index sink) {
-    if (m_stream != PA_INVALID_INDEX && m_sink == sink) {
+    if (m_stream != NO_INDEX && m_sink == sink) {
         m_module.Unload(m_owner);
-        m_stream = PA_INVALID_INDEX;
+        m_stream = NO_INDEX;
     }
 }
 
 void Stage::SetGain(int gain, bool isMuted) {
     const double amplitude = AmplitudeOfGain(gain);
-    if (m_stream != PA_INVALID_INDEX && isMuted && amplitude < m_smoother.Present()) {
+    if (m_stream != NO_INDEX && isMuted && amplitude < m_smoother.Present()) {
         m_smoother.Aim(0);
         m_smoother.Finish();
         Write();
     }
     m_smoother.Aim(amplitude);
-    if (m_stream == PA_INVALID_INDEX) {
+    if (m_stream == NO_INDEX) {
         m_smoother.Finish();
     } else if (!m_settings.isSmooth) {
         Step();
@@ -154,10 +155,9 @@ void Stage::Write() {
     if (m_isBehind) {
         return;
     }
-    pa_cvolume volume;
-    pa_cvolume_set(&volume, m_channels, pa_sw_volume_from_linear(m_smoother.Present()));
+    const Volumes volumes(m_channels, VolumeOfAmplitude(m_smoother.Present()));
     ++m_unanswered;
-    m_server.SetStreamVolume(m_stream, volume, [this, stream = m_stream](bool /*hasSucceeded*/) {
+    m_server.SetStreamVolumes(m_stream, volumes, [this, stream = m_stream](bool /*hasSucceeded*/) {
         if (stream != m_stream) {
             return;
         }
@@ -173,7 +173,7 @@ void Stage::Write() {
 
 void Stage::Forget() {
     m_module.Forget();
-    m_stream = PA_INVALID_INDEX;
+    m_stream = NO_INDEX;
     m_timer.reset();
     m_smoother.Finish();
     m_unanswered = 0;

@@ -51,7 +51,7 @@ private:
     void Adopt(const Stream& stream);
     void Replace(const Stream& stream);
     void Move(Index sink);
-    bool IsAsSet(const pa_cvolume& volume) const;
+    bool IsAsSet(const Volumes& volumes) const;
     void Step();
     void Wait();
     void Write();
@@ -59,10 +59,10 @@ private:
     Server& m_server;
     const StageSettings m_settings;
     OwnModule m_module;
-    Index m_stream = PA_INVALID_INDEX;
-    Index m_owner = PA_INVALID_INDEX;  // the stream's module
-    Index m_sink = PA_INVALID_INDEX;   // that the stream plays on
-    unsigned m_channels = 0;
+    Index m_stream = NO_INDEX;
+    Index m_owner = NO_INDEX;  // the stream's module
+    Index m_sink = NO_INDEX;   // that the stream plays on
+    std::size_t m_channels = 0;
     bool m_isComing = false;  // there, or being made, but the gain is not in force
     bool m_isMoving = false;
     Smoother m_smoother;

@@ -12,6 +12,7 @@
 #include "Errors.h"
 #include "MainLoop.h"
 #include "Print.h"
+#include "PulseServer.h"
 
 namespace sound {
 
@@ -24,9 +25,8 @@ constexpr float LOUDNESS = 0.25F;  // of the full scale: 12 dB below it
 class Tone {
 public:
     Tone(tools::MainLoop& loop, const std::string& server, int frequency)
-        : m_step(2 * std::numbers::pi * frequency / RATE),
-          m_server(loop, server, {[this] { Start(); }, Fail, {}}) {
-        m_server.Connect();
+        : m_step(2 * std::numbers::pi * frequency / RATE), m_server(loop, server) {
+        m_server.Connect({[this] { Start(); }, Fail, {}});
     }
 
 private:
@@ -75,7 +75,7 @@ private:
 
     const double m_step;  // between two samples, in radians
     double m_phase = 0;
-    Server m_server;
+    PulseServer m_server;
     PulsePtr<pa_stream> m_stream;
 };
 

@@ -9,6 +9,7 @@
 #include "CommandLine.h"
 #include "Commands.h"
 #include "Errors.h"
+#include "PulseServer.h"
 #include "Settings.h"
 
 namespace {
@@ -29,10 +30,13 @@ int Play(const std::string& directory, const sound::Settings& settings) {
     int status = tools::EXIT_DONE;
     {
         tools::MainLoop loop;
-        const sound::Bridge bridge(loop, directory, settings, claim);
+        sound::PulseServer server(loop, settings.server);
+        const sound::Bridge bridge(server, directory, settings, claim);
         status = loop.RunUntilInterrupted();
     }
-    sound::RemoveFromServer(settings.server, claim.DefaultSink());
+    tools::MainLoop loop;
+    sound::PulseServer server(loop, settings.server);
+    sound::RemoveFromServer(server, claim.DefaultSink());
     return status;
 }
 
