@@ -47,5 +47,40 @@ TEST(MappingTest, AGainIsTheFactorOfTheSamples) {
     EXPECT_EQ(AmplitudeOfGain(250), 1);
 }
 
+TEST(MappingTest, AVolumeIsTheCubeRootOfItsAmplitude) {
+    EXPECT_EQ(VolumeOfAmplitude(0), 0U);
+    EXPECT_EQ(VolumeOfAmplitude(0.05), 24144U);
+    EXPECT_EQ(VolumeOfAmplitude(0.125), 32768U);
+    EXPECT_EQ(VolumeOfAmplitude(0.5), 52016U);
+    EXPECT_EQ(VolumeOfAmplitude(1), 65536U);
+    EXPECT_EQ(AmplitudeOfVolume(0), 0);
+    EXPECT_EQ(AmplitudeOfVolume(32768), 0.125);
+    EXPECT_EQ(AmplitudeOfVolume(65536), 1);
+    EXPECT_EQ(AmplitudeOfVolume(131072), 8);
+}
+
+TEST(MappingTest, TheLoudestChannelIsOneOfThose) {
+    EXPECT_EQ(Loudest({}), 0U);
+    EXPECT_EQ(Loudest({100, 300, 200}), 300U);
+}
+
+Volumes Scaled(Volumes volumes, Volume loudest) {
+    Scale(volumes, loudest);
+    return volumes;
+}
+
+TEST(MappingTest, AScaledSinkKeepsItsBalance) {
+    EXPECT_EQ(Scaled({65536, 32768, 0}, 20001), (Volumes{20001, 10000, 0}));
+    EXPECT_EQ(Scaled({100, 300}, 65536), (Volumes{21845, 65536}));
+    EXPECT_EQ(Scaled({65536, 32768}, 0), (Volumes{0, 0}));
+    EXPECT_EQ(Scaled({200000, 100000}, 65536), (Volumes{65536, 32768}))
+        << "the product has more than 32 bits";
+}
+
+TEST(MappingTest, ASilentSinkIsScaledOnAllChannels) {
+    EXPECT_EQ(Scaled({0, 0}, 65536), (Volumes{65536, 65536}));
+    EXPECT_EQ(Scaled({}, 65536), Volumes{});
+}
+
 }  // namespace
 }  // namespace sound

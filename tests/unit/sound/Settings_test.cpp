@@ -13,20 +13,18 @@
 #include <string>
 #include <vector>
 
-#include "../tools/TemporaryFolder.h"
 #include "Errors.h"
+#include "TvOfTests.h"
 
 namespace fs = std::filesystem;
 
 namespace sound {
 namespace {
 
-/** Has the TV of this process: a process has only one. */
 class SettingsTest : public testing::Test {
 protected:
     SettingsTest() {
-        static const TemporaryFolder FOLDER;
-        tv::OpenTv(FOLDER.Path());
+        OpenTvOfTests();
         fs::remove_all(File());
     }
 
