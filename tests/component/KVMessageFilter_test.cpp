@@ -17,7 +17,9 @@
 #include <future>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -544,6 +546,32 @@ TEST_F(KVMessageFilterDescriptorTest, AReplyLosesItsDescriptor) {
     EXPECT_TRUE(IsClosed());
 }
 
+/** Sees each message that passes the filters before it. */
+class WhatPasses {
+public:
+    using Watcher = std::function<void(GDBusMessage*)>;
+
+    WhatPasses(GDBusConnection* connection, const Watcher& watcher)
+        : m_connection(connection), m_watcher(watcher) {
+        m_filter = g_dbus_connection_add_filter(connection, OnMessage, this, nullptr);
+    }
+    ~WhatPasses() { g_dbus_connection_remove_filter(m_connection, m_filter); }
+    WhatPasses(const WhatPasses&) = delete;
+    WhatPasses& operator=(const WhatPasses&) = delete;
+
+private:
+    static GDBusMessage* OnMessage(GDBusConnection*, GDBusMessage* message, gboolean incoming, void* self) {
+        if (incoming != FALSE) {
+            static_cast<WhatPasses*>(self)->m_watcher(message);
+        }
+        return message;
+    }
+
+    GDBusConnection* m_connection;
+    Watcher m_watcher;
+    guint m_filter = 0;
+};
+
 /**
  * Tests the filter without the server, on a connection to a client of its own. No bus between them
  * writes the sender into each message, so the client chooses it.
@@ -570,11 +598,26 @@ protected:
         g_dbus_connection_register_object(m_server.get(), OBJECT_PATH, Interface(), &handler, this, nullptr,
                                           nullptr);
     }
-    void SendGetter() {
-        Send(g_dbus_message_new_method_call(nullptr, OBJECT_PATH, INTERFACE, GETTER), ":1.1");
+    static GDBusMessage* Call(const char* path, const char* interface, const char* member) {
+        return g_dbus_message_new_method_call(nullptr, path, interface, member);
     }
-    void SendSignal(const std::string& sender) {
-        Send(g_dbus_message_new_signal(PUBLIC_PATH, INTERFACE, "BudsConnected"), sender.c_str());
+    static GDBusMessage* Signal(const char* path, const char* interface) {
+        return g_dbus_message_new_signal(path, interface, "BudsConnected");
+    }
+    void SendGetter() { Send(Call(OBJECT_PATH, INTERFACE, GETTER), ":1.1"); }
+    void SendSignal(const std::string& sender) { Send(Signal(PUBLIC_PATH, INTERFACE), sender.c_str()); }
+    /** Sends a message. @return whether the filter counts it, or nothing if it drops it */
+    std::optional<bool> IsCounted(GDBusMessage* message) {
+        std::optional<bool> counted;
+        const auto note = [&](GDBusMessage* passed) {
+            if (TextOf(g_dbus_message_get_member(passed)) != "Ping") {
+                counted = filter->Take(g_dbus_message_get_body(passed)) != nullptr;
+            }
+        };
+        const WhatPasses behind(m_server.get(), note);
+        Send(message, ":1.1");
+        Finish();
+        return counted;
     }
     /** Returns when all messages have passed the filter and all calls that it passed on have been handled. */
     void Finish() {
@@ -587,10 +630,10 @@ protected:
     }
 
     std::unique_ptr<KVMessageFilter> filter;
-
-private:
     static constexpr const char* GETTER = "GetSpeakerVolume";
 
+private:
+    static std::string_view TextOf(const char* text) { return text != nullptr ? text : ""; }
     static tools::GLibPtr<GDBusConnection> Connect(int descriptor, GDBusConnectionFlags role) {
         const tools::GLibPtr<GSocket> socket(g_socket_new_from_fd(descriptor, nullptr));
         const tools::GLibPtr<GSocketConnection> stream(
@@ -614,6 +657,29 @@ private:
     tools::GLibPtr<GDBusConnection> m_client;
     tools::GLibPtr<GDBusConnection> m_server;
 };
+
+TEST_F(KVMessageFilterAloneTest, OnlyWhatAHandlerGetsAndQuestionsForAllPropertiesAreCounted) {
+    const auto withoutReply = [](GDBusMessage* message) {
+        g_dbus_message_set_flags(message, G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
+        return message;
+    };
+    const auto withArgument = [](GDBusMessage* message) {
+        g_dbus_message_set_body(message, g_variant_new("(s)", "x"));
+        return message;
+    };
+    EXPECT_EQ(IsCounted(Signal(PUBLIC_PATH, INTERFACE)), true);
+    EXPECT_EQ(IsCounted(Signal(PUBLIC_PATH, "org.olvane.other")), false);
+    EXPECT_EQ(IsCounted(Signal(OBJECT_PATH, INTERFACE)), false);
+    EXPECT_EQ(IsCounted(Call(OBJECT_PATH, INTERFACE, GETTER)), true);
+    EXPECT_EQ(IsCounted(withoutReply(Call(OBJECT_PATH, INTERFACE, GETTER))), true);
+    EXPECT_EQ(IsCounted(withArgument(Call(OBJECT_PATH, INTERFACE, GETTER))), false);
+    EXPECT_EQ(IsCounted(Call(OBJECT_PATH, INTERFACE, "GetNothing")), false);
+    EXPECT_EQ(IsCounted(Call(OBJECT_PATH, nullptr, GETTER)), false);
+    EXPECT_EQ(IsCounted(Call(PUBLIC_PATH, INTERFACE, GETTER)), false);
+    EXPECT_EQ(IsCounted(withoutReply(Call(PUBLIC_PATH, INTERFACE, GETTER))), std::nullopt) << "it is dropped";
+    EXPECT_EQ(IsCounted(withArgument(Call(OBJECT_PATH, PROPERTIES, "GetAll"))), true);
+    EXPECT_EQ(IsCounted(withArgument(Call(OBJECT_PATH, PROPERTIES, "Get"))), false);
+}
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they have an allocator of their own
 TEST_F(KVMessageFilterAloneTest, ASenderOfWhichNothingWaitsTakesNoMemory) {

@@ -245,6 +245,15 @@ TEST_F(TVSpeakerEmulTest, ItsHandlersAreApartFromThoseOfTheRealTvSpeaker) {
     EXPECT_THAT(journal.Here().Logs().Texts(), ElementsAre("E Already unset event handler"));
 }
 
+TEST_F(TVSpeakerEmulTest, OnlyTheVolumeHandlerDecidesWhetherThereAreHandlersToTakeBack) {
+    speaker->SetEventHandler(VolumeHandler(), nullptr);
+    speaker->UnsetEventHandler();
+    EXPECT_THAT(journal.Here().Logs().Texts(), testing::IsEmpty());
+    speaker->SetEventHandler(nullptr, MuteHandler());
+    speaker->UnsetEventHandler();
+    EXPECT_THAT(journal.Here().Logs().Texts(), ElementsAre("E Already unset event handler"));
+}
+
 TEST_F(TVSpeakerEmulTest, DestructionFindsBothPairsGone) {
     speaker.reset();
     EXPECT_THAT(journal.Here().Texts(),

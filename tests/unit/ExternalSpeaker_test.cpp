@@ -478,6 +478,15 @@ TEST_P(ExternalSpeakerTest, TheFirstHandlersStayUntilTheyAreTakenBack) {
     EXPECT_THAT(journal.Logs().Texts(), ElementsAre("E Already unset event handler"));
 }
 
+TEST_P(ExternalSpeakerTest, OnlyTheVolumeHandlerDecidesWhetherThereAreHandlersToTakeBack) {
+    speaker->SetEventHandler([](int) {}, nullptr);
+    speaker->UnsetEventHandler();
+    EXPECT_THAT(journal.Logs().Texts(), IsEmpty());
+    speaker->SetEventHandler(nullptr, [](int) {});
+    speaker->UnsetEventHandler();
+    EXPECT_THAT(journal.Logs().Texts(), ElementsAre("E Already unset event handler"));
+}
+
 TEST_P(ExternalSpeakerTest, DestructionTakesTheHandlersBackAndLeavesTheWatches) {
     SetHandlers();
     speaker->SetChangedCB();
