@@ -96,6 +96,11 @@ protected:
         return Asked();
     }
 
+    /** Runs the loop for a time in which what must not happen would happen. */
+    void RunForAWhile() {
+        m_loop.RunUntil([] { return false; }, std::chrono::milliseconds(100));
+    }
+
     /** A server on which a program plays, too. */
     static Snapshot WithProgram(Snapshot snapshot, Index sink = KAVREL) {
         snapshot.streams.push_back(MakeProgram(PROGRAM, sink));
@@ -245,9 +250,7 @@ TEST_F(BridgeTest, BeforeTheFirstLookHasItsAnswerAChangeOfTheTvAsksForNothing) {
     m_server.BecomeReady();
     m_server.Take();
     Put(host::ROUTE, "2");
-    bool isOver = false;
-    const auto timer = m_loop.After(std::chrono::milliseconds(100), [&isOver] { isOver = true; });
-    m_loop.RunUntil([&isOver] { return isOver; }, std::chrono::seconds(60));
+    RunForAWhile();
     EXPECT_EQ(m_server.Take(), Lines{});
     EXPECT_EQ(m_claim->DefaultSink(), "");
 }
@@ -346,7 +349,8 @@ TEST_F(BridgeTest, AServerThatGoesIsWaitedForAndFoundAgain) {
     EXPECT_EQ(Get(kind.support), "15");
     m_server.Report(Change::OTHER, 0);
     EXPECT_EQ(Go(), "kavrel-sound: waiting for a sound server: Connection terminated\n");
-    EXPECT_EQ(Get(kind.support), "0");
+    RunForAWhile();
+    EXPECT_EQ(Get(kind.support), "0") << "nothing of the last snapshot is left";
     m_server.Take();
     m_server.BecomeReady();
     EXPECT_EQ(m_server.Take(), Lines{"look"});
@@ -354,6 +358,30 @@ TEST_F(BridgeTest, AServerThatGoesIsWaitedForAndFoundAgain) {
     EXPECT_EQ(Asked(), Lines{"stream 20 volumes 65536 65536"});
     EXPECT_EQ(LinesOf([this] { Settle(WithStage(RECEIVER)); }), PLAYS);
     EXPECT_EQ(Get(kind.support), "15");
+}
+
+TEST_F(BridgeTest, WhatTheLastConnectionWasMakingIsMadeOnTheNext) {
+    StartOn(EmptyServer());
+    Go();
+    m_server.Take();
+    m_server.BecomeReady();
+    m_server.AnswerLook(EmptyServer());
+    EXPECT_EQ(Asked(), Lines{LOAD_KAVREL});
+}
+
+TEST_F(BridgeTest, AVolumeThatTheLastServerDidNotConfirmIsSetOnTheNextOneWhichMayChangeIt) {
+    Play();
+    Put(host::MASTER_VOLUME, "30");
+    EXPECT_EQ(AskedSoon(), Lines{"sink 2 volumes 19661 19661"});
+    Go();
+    m_server.BecomeReady();
+    m_server.AnswerLook(WithKavrel());
+    EXPECT_EQ(Asked().front(), "sink 2 volumes 19661 19661");
+    m_server.Answer();
+    Snapshot snapshot = WithKavrel();
+    snapshot.sinks[0].volumes = {32768, 32768};
+    m_server.AnswerLook(snapshot);
+    EXPECT_EQ(Get(host::MASTER_VOLUME), "50");
 }
 
 // --- The programs

@@ -22,8 +22,8 @@ Snapshot WithModules(const std::vector<Module>& modules) {
 }
 
 TEST(LayoutTest, AStageTakesTheSoundOfKavrelToItsSinkAndItsVolumeIsRememberedByNobody) {
-    EXPECT_EQ(StageArguments("kavrel-main", "speaker", 60),
-              "source=kavrel.monitor sink=speaker source_dont_move=true latency_msec=60 "
+    EXPECT_EQ(StageArguments("kavrel-main", "speaker", 80),
+              "source=kavrel.monitor sink=speaker source_dont_move=true latency_msec=80 "
               "sink_input_properties=\"media.name=kavrel-main media.role=kavrel state.restore-props=false "
               "state.restore-target=false\"");
 }

@@ -90,6 +90,15 @@ TEST_F(StageTest, AStreamWhoseModuleIsNotTheOneToKeepIsNotTheStages) {
     EXPECT_EQ(FollowAndTake(snapshot), (Lines{"unload 103", "stream 20 volumes 0 0"}));
 }
 
+TEST_F(StageTest, AStreamWhoseModuleIsBeingUnloadedIsNotTheStages) {
+    Play(100);
+    m_stage.Leave(SPEAKER);
+    m_server.Take();
+    Snapshot snapshot = WithStage();
+    snapshot.streams.push_back(MakeStage(21, SPEAKER, 103));
+    EXPECT_EQ(FollowAndTake(snapshot), Lines{"stream 21 volumes 65536 65536"});
+}
+
 TEST_F(StageTest, AStageThatSomebodyUnloadsIsMadeAgainWithTheGain) {
     Play(50);
     EXPECT_EQ(FollowAndTake(WithKavrel()), Lines{LOAD + StageArguments(MAIN_STAGE, "speaker", 80)});
@@ -132,7 +141,9 @@ TEST_F(StageTest, ASnapshotFromBeforeTheLastVolumeIsNoReasonToSetItAgain) {
     Play(100);
     m_stage.SetGain(50, false);
     m_server.Take();
-    EXPECT_EQ(FollowAndTake(WithStage()), Lines{});
+    Follow(WithStage());
+    m_server.Answer();
+    EXPECT_EQ(m_server.Take(), Lines{});
 }
 
 // --- The sink that it plays on
@@ -180,6 +191,7 @@ TEST_F(StageTest, AStageWhoseSinkGoesIsSilencedAtOnce) {
     EXPECT_EQ(m_server.Take(), Lines{});
     m_stage.Leave(SPEAKER);
     EXPECT_EQ(m_server.Take(), Lines{"unload 102"});
+    m_server.Answer();
     m_stage.Leave(SPEAKER);
     m_stage.SetGain(50, false);
     EXPECT_EQ(m_server.Take(), Lines{}) << "it has left already";
@@ -291,7 +303,8 @@ protected:
 
     /** @return the next volume of the stage */
     std::string Next() {
-        m_loop.RunUntil([this] { return m_server.WasAsked(); }, std::chrono::seconds(60));
+        EXPECT_EQ(m_loop.RunUntil([this] { return m_server.WasAsked(); }, std::chrono::seconds(60)),
+                  tools::MainLoop::Waited::MET);
         const Lines lines = m_server.Take();
         m_server.AnswerAll();
         return lines.size() == 1 ? lines.front() : std::to_string(lines.size()) + " volumes";
@@ -300,7 +313,7 @@ protected:
     /** @return the volumes until the gain is in force */
     Lines Way() {
         Lines way;
-        while (m_stage.IsChanging(STAGE)) {
+        while (m_stage.IsChanging(STAGE) && !HasFailure()) {
             way.push_back(Next());
         }
         return way;
@@ -328,12 +341,25 @@ TEST_F(StageSmoothingTest, EachStepHasItsPeriodTheFirstOneToo) {
     EXPECT_GE(std::chrono::steady_clock::now() - start, 8 * Smoother::PERIOD - std::chrono::milliseconds(1));
 }
 
-TEST_F(StageSmoothingTest, AGainThatComesOnTheWayDoesNotDelayTheNextStep) {
+TEST_F(StageSmoothingTest, AGainThatComesOnTheWayIsReachedInEightStepsFromThere) {
     m_stage.SetGain(100, false);
     EXPECT_EQ(Next(), "stream 20 volumes 32768 32768");
     m_stage.SetGain(0, false);
     EXPECT_EQ(m_server.Take(), Lines{});
-    EXPECT_EQ(Way().size(), 8U);
+    const Lines way = Way();
+    ASSERT_EQ(way.size(), 8U);
+    EXPECT_EQ(way.front(), "stream 20 volumes 31341 31341");
+    EXPECT_EQ(way.back(), "stream 20 volumes 0 0");
+}
+
+TEST_F(StageSmoothingTest, AGainThatComesOnTheWayDoesNotDelayTheNextStep) {
+    m_stage.SetGain(50, false);
+    const auto isDue = std::chrono::steady_clock::now() + Smoother::PERIOD + std::chrono::milliseconds(1);
+    while (std::chrono::steady_clock::now() < isDue) {  // the loop must not run meanwhile
+    }
+    m_stage.SetGain(100, false);
+    g_main_context_iteration(nullptr, FALSE);
+    EXPECT_EQ(m_server.Take().size(), 1U);
 }
 
 TEST_F(StageSmoothingTest, AServerThatIsTooSlowForTheStepsGetsTheFirstAndTheLast) {
@@ -385,9 +411,11 @@ TEST_F(StageSmoothingTest, ALostConnectionEndsTheSteps) {
 TEST_F(StageSmoothingTest, AGainWithoutAStreamIsInForceAtOnce) {
     m_stage.Leave(SPEAKER);
     m_server.AnswerAll();
-    m_stage.SetGain(50, true);
-    const Snapshot snapshot = WithStage();
     m_server.Take();
+    m_stage.SetGain(100, false);
+    m_stage.SetGain(50, true);
+    EXPECT_EQ(m_server.Take(), Lines{});
+    const Snapshot snapshot = WithStage();
     m_stage.Follow(snapshot, snapshot.FindSink("speaker"));
     EXPECT_EQ(m_server.Take(), Lines{"stream 20 volumes 52016 52016"});
 }
