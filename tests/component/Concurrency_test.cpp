@@ -10,6 +10,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::Ge;
 using testing::Le;
+using testing::StartsWith;
 
 namespace {
 
@@ -22,7 +23,7 @@ protected:
 /** Keeps a platform thread inside a report, in which it holds the lock of the volume control object. */
 class Report {
 public:
-    Report() : m_gate(fake::FakeSeam::Get().BlockNext("I volume is changed : 33")) {
+    Report() : m_gate(fake::FakeSeam::Get().BlockNext(VOLUME_33)) {
         m_thread = std::thread([] { fake::FakeSeam::Get().FireVolume(33); });
         EXPECT_TRUE(m_gate.WaitReached());
     }
@@ -47,15 +48,7 @@ TEST_F(ConcurrencyTest, RequestsDuringAReportAreAnsweredAtOnceWithMinusOne) {
         EXPECT_EQ(Call("SetSpeakerMute", g_variant_new("(b)", TRUE)), "(-1,)");
         EXPECT_EQ(Call("GetSpeakerSupportType"), "(0, -1)");
     }
-    EXPECT_THAT(
-        MainLoop().Logs().Lines(),
-        HasInOrder(
-            {"GetTVVolume: E owns_lock", "_OnGetSpeakerVolume: I Return Current volume state(0), ret:-1",
-             "SetTVVolume: E owns_lock", "_OnSetSpeakerVolume: I Return volume 30. ret:-1",
-             "GetTVVolumeMute: E owns_lock", "_OnGetSpeakerMute: I Return Current mute state(0), ret:-1",
-             "SetTVVolumeMute: E owns_lock", "_OnSetSpeakerMute: I Return set mute status 1. ret:-1",
-             "GetVolumeSupport: E owns_lock",
-             "_OnGetSpeakerSupportType: I Return Current support type(0x0000), ret:-1"}));
+    EXPECT_EQ(MainLoop().Logs(DLOG_ERROR).By("VolumeControlImpl.cpp").Count(), 5) << "one for each request";
     EXPECT_EQ(Call("GetSpeakerVolume"), "(33, 0)");
     EXPECT_FALSE(seam.Mute());
 }
@@ -74,8 +67,6 @@ TEST_F(ConcurrencyTest, GainRequestsAreServedDuringAReport) {
     // The daemon cannot read the mute state now and assumes unmuted.
     EXPECT_EQ(Call("ApplyUnmuteFadeIn", g_variant_new("(i)", 3)), "(0,)");
     EXPECT_EQ(seam.MainGainValue(), 100);
-    EXPECT_THAT(MainLoop().Logs().Lines(),
-                Contains("ApplyVolumeFadeIn: W UnMute State, Recover gain instead of FadeIn"));
     Emit("ApplyPulseAudioGain", g_variant_new("(ii)", 50, 0));
     EXPECT_TRUE(journal.With(fake::MainGain(50)).Wait());
 }
@@ -93,8 +84,8 @@ TEST_F(ConcurrencyTest, AReportDuringARequestIsLostAndTheRequestIsServed) {
     seam.FireMute(1);
     seam.FireRoute(2);
     EXPECT_THAT(journal.Here().Logs().Lines(),
-                ElementsAre("_OnVolumeChanged: E mutex lock failed", "_OnMuteChanged: E mutex lock failed",
-                            "SpeakerChangedCallback: E owns_lock"));
+                ElementsAre(StartsWith("_OnVolumeChanged: E "), StartsWith("_OnMuteChanged: E "),
+                            StartsWith("SpeakerChangedCallback: E ")));
     request.Open();
     caller.join();
     EXPECT_EQ(answer, "(44, 0)");

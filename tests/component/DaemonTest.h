@@ -39,6 +39,9 @@ std::vector<MethodSignature> ReadMethods();
 /** The base name of this test program, which the daemon's caller tracker must find. */
 std::string ProgramName();
 
+/** A line of a report of the volume 33, which holds the lock of the volume control object. */
+inline constexpr const char* VOLUME_33 = "I volume is changed : 33";
+
 /** Matches a list that contains all of these lines in this order; other lines may come between them. */
 testing::Matcher<const std::vector<std::string>&> HasInOrder(std::vector<std::string> lines);
 

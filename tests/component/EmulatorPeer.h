@@ -53,6 +53,17 @@ protected:
         return [this](int mute) { heard.push_back("mute " + std::to_string(mute)); };
     }
 
+    /** This thread's calls, and the log lines of this source file. */
+    Query By(const char* file) const { return journal.Here().By(file); }
+    /** The source file and the function of each error line. */
+    std::vector<std::string> Errors() const {
+        std::vector<std::string> errors;
+        for (const Entry& entry : journal.Here().Logs(DLOG_ERROR).Entries()) {
+            errors.push_back(entry.site.file + ' ' + entry.site.function);
+        }
+        return errors;
+    }
+
     /** Emits a change signal and dispatches it if it reached the daemon's connection. */
     void Announce(GVariant* body, const char* name = "SpkVolumeChanged", const char* path = DAEMON_PATH,
                   const char* interface = DAEMON_INTERFACE) {

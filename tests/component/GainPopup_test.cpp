@@ -70,8 +70,8 @@ TEST_F(GainPopupTest, TheMessageNamesTheWorkerAndIsABroadcast) {
                                       "('Gain Source:UnMuteSubOutH" + after + "',)"));
     seam.Clear();
     KVAudioGainHandler::SendPopupMsg(NKavrel::GAIN_HANDLER_UNMUTE_SUB_OUT, Seconds(1.5));
-    EXPECT_THAT(journal.Texts(),
-                ElementsAre("I MSG :Gain Source:UnMuteSubOutH" + after, "I Signal 'PopupNoti'",
+    EXPECT_THAT(journal.By("KVAudioGainHandler.cpp").Texts(),
+                ElementsAre("I MSG :Gain Source:UnMuteSubOutH" + after,
                             "g_dbus_connection_emit_signal(*, /Org/Olvane/KVPopupNoti, "
                             "org.olvane.kv_popupnoti.PopupNoti, ('Gain Source:UnMuteSubOutH" +
                                 after + "',))"));
@@ -83,9 +83,7 @@ TEST_F(GainPopupTest, LessThanHalfASecondIsNotAnnounced) {
     for (const double seconds : {0.4, 0.4999999, 0.0, -3.0}) {
         KVAudioGainHandler::SendPopupMsg(NKavrel::GAIN_HANDLER_PLAYER_MAIN_OUT, Seconds(seconds));
     }
-    EXPECT_THAT(journal.Texts(),
-                ElementsAre("E Time(0.400000) is under (0.500000)", "E Time(0.500000) is under (0.500000)",
-                            "E Time(0.000000) is under (0.500000)", "E Time(-3.000000) is under (0.500000)"));
+    EXPECT_EQ(journal.Logs(DLOG_ERROR).Count(), 4);
     EXPECT_THAT(Bodies(), IsEmpty());
 }
 

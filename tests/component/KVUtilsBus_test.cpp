@@ -76,8 +76,7 @@ TEST_F(KVUtilsBusTest, ThereIsOneConnectionForTheWholeProcess) {
 TEST_F(KVUtilsBusTest, ASignalIsBroadcastWithItsBody) {
     client.Listen(PATH, INTERFACE);
     EXPECT_EQ(KVUtils::DbusEmitSignal(PATH, INTERFACE, "Sig", g_variant_new("(i)", 7)), 0);
-    EXPECT_THAT(journal.Here().Texts(), ElementsAre("I Signal 'Sig'", EMIT_CALL));
-    EXPECT_EQ(journal.With("I Signal 'Sig'").Function(), "DbusEmitSignal");
+    EXPECT_THAT(journal.Here().Calls().Texts(), ElementsAre(EMIT_CALL));
     const fake::Signal heard = client.WaitForSignal();
     EXPECT_EQ(heard.path, PATH);
     EXPECT_EQ(heard.interface, INTERFACE);
@@ -113,9 +112,9 @@ TEST_F(KVUtilsBusTest, ASignalThatCannotBeSentIsLoggedAndItsBodyReleased) {
     WatchedBody body;
     seam.Fail("g_dbus_connection_emit_signal", gio::REFUSED);
     EXPECT_EQ(KVUtils::DbusEmitSignal(PATH, INTERFACE, "Sig", body.Floating()), -1);
-    EXPECT_THAT(journal.Here().Texts(), ElementsAre("I Signal 'Sig'", EMIT_CALL,
-                                                    "E g_dbus_connection_emit_signal 'Sig' Failed (" +
-                                                        std::string(gio::REFUSAL) + ")"));
+    EXPECT_THAT(
+        journal.Logs(DLOG_ERROR).Texts(),
+        ElementsAre("E g_dbus_connection_emit_signal 'Sig' Failed (" + std::string(gio::REFUSAL) + ")"));
     EXPECT_EQ(body.TimesFreed(), 1);
 }
 
@@ -132,11 +131,9 @@ TEST_F(KVUtilsBusTest, ACallHandsItsReplyOver) {
     EXPECT_EQ(KVUtils::DbusCallSync(PEER, PATH, INTERFACE, "Double", g_variant_new("(i)", 21), &reply), 0);
     const tools::Variant owned(reply);
     EXPECT_EQ(gio::PrintedWithTypes(reply), "(42,)");
-    EXPECT_THAT(journal.Here().Texts(),
-                ElementsAre("I Method call 'Double'",
-                            "g_dbus_connection_call_sync(org.olvane.TestPeer, /Org/Olvane/Test, "
+    EXPECT_THAT(journal.Here().Calls().Texts(),
+                ElementsAre("g_dbus_connection_call_sync(org.olvane.TestPeer, /Org/Olvane/Test, "
                             "org.olvane.test.Double, (21,), *, 0, -1)"));
-    EXPECT_EQ(journal.With("I Method call 'Double'").Function(), "DbusCallSync");
 }
 
 TEST_F(KVUtilsBusTest, ACallNeedsNoPlaceForItsReply) {
@@ -164,9 +161,8 @@ TEST_F(KVUtilsBusTest, ARefusedCallIsLoggedWithThePeersWords) {
     GVariant* reply = nullptr;
     EXPECT_EQ(KVUtils::DbusCallSync(PEER, PATH, INTERFACE, "Refuse", nullptr, &reply), -1);
     EXPECT_EQ(reply, nullptr);
-    EXPECT_THAT(journal.Logs().Texts(),
-                ElementsAre("I Method call 'Refuse'",
-                            "E Method Call 'Refuse' Failed (GDBus.Error:org.olvane.Test.Refused: refused)"));
+    EXPECT_THAT(journal.Logs(DLOG_ERROR).Texts(),
+                ElementsAre("E Method Call 'Refuse' Failed (GDBus.Error:org.olvane.Test.Refused: refused)"));
 }
 
 TEST_F(KVUtilsBusTest, ACallToNobodyFails) {

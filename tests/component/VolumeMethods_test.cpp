@@ -4,8 +4,6 @@
 
 using testing::Contains;
 using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::Not;
 
 namespace {
 
@@ -21,6 +19,10 @@ class VolumeMethodsTest : public DaemonTest {
 protected:
     void SetUp() override { Start(); }
 
+    /** The main loop's calls and lines, without those lines of the volume control object and of the outputs. */
+    std::vector<std::string> OfRequests() const {
+        return MainLoop().By("KVServer.cpp", "KVDbusSender.cpp", "KVDbusEventHandler.cpp").Lines();
+    }
     void SwitchToUsb(int support) {
         seam.SetInt(USB_SUPPORT, support);
         seam.SetInt(USB_VOLUME, 7);
@@ -59,15 +61,12 @@ TEST_F(VolumeMethodsTest, ASupportTypeIsLoggedInAtLeastFourDigits) {
 
 TEST_F(VolumeMethodsTest, SetVolume) {
     EXPECT_EQ(Call("SetSpeakerVolume", g_variant_new("(i)", 30)), "(0,)");
-    EXPECT_THAT(
-        MainLoop().Lines(),
-        ElementsAre(StartLine("method", "SetSpeakerVolume"), CallerLine(), "SetTVVolume: I Set vol 0->30.",
-                    "audio_set_master_volume(30, 1)", "_OnVolumeChanged: I volume is changed : 30",
-                    "_NotifyVolumeEvent: I event: [VOLUME_CHANGED]",
-                    "onVolumeChanged: I Send dbus signal VolumeChanged : 30",
-                    "g_dbus_connection_emit_signal(*, /Org/Olvane/KavrelInternal, "
-                    "org.olvane.kavrel.SpeakerVolumeChanged, (65535, 30))",
-                    "_OnSetSpeakerVolume: I Return volume 30. ret:0", Reply("(0,)")));
+    EXPECT_THAT(OfRequests(), ElementsAre(StartLine("method", "SetSpeakerVolume"), CallerLine(),
+                                          "audio_set_master_volume(30, 1)",
+                                          "onVolumeChanged: I Send dbus signal VolumeChanged : 30",
+                                          "g_dbus_connection_emit_signal(*, /Org/Olvane/KavrelInternal, "
+                                          "org.olvane.kavrel.SpeakerVolumeChanged, (65535, 30))",
+                                          "_OnSetSpeakerVolume: I Return volume 30. ret:0", Reply("(0,)")));
 }
 
 TEST_F(VolumeMethodsTest, ANegativeVolumeIsPassedOnAndTheAnswerIsTheOutputs) {
@@ -88,9 +87,8 @@ TEST_F(VolumeMethodsTest, AVolumeAboveTheRangeIsRefusedByTheOperation) {
 TEST_F(VolumeMethodsTest, GetVolume) {
     EXPECT_EQ(Call("GetSpeakerVolume"), "(10, 0)");
     EXPECT_THAT(
-        MainLoop().Lines(),
+        OfRequests(),
         ElementsAre(StartLine("method", "GetSpeakerVolume"), CallerLine(), "audio_get_master_volume()",
-                    "GetVolume: I current tv volume [10]",
                     "_OnGetSpeakerVolume: I Return Current volume state(10), ret:0", Reply("(10, 0)")));
 }
 
@@ -113,9 +111,8 @@ TEST_F(VolumeMethodsTest, OperationsThatTheOutputDoesNotHaveAnswerMinusFour) {
 TEST_F(VolumeMethodsTest, SetMute) {
     EXPECT_EQ(Call("SetSpeakerMute", g_variant_new("(b)", TRUE)), "(0,)");
     EXPECT_THAT(
-        MainLoop().Lines(),
+        OfRequests(),
         ElementsAre(StartLine("method", "SetSpeakerMute"), CallerLine(), "audio_set_master_mute(true)",
-                    "_OnMuteChanged: I mute changed : [1]", "_NotifyVolumeEvent: I event: [MUTE_CHANGED]",
                     "onMuteChanged: I Send dbus signal MuteChanged : 1",
                     "g_dbus_connection_emit_signal(*, /Org/Olvane/KavrelInternal, "
                     "org.olvane.kavrel.SpeakerMuteChanged, (65535, true))",
@@ -138,9 +135,8 @@ TEST_F(VolumeMethodsTest, AFailedMuteIsItsStatus) {
 TEST_F(VolumeMethodsTest, GetMute) {
     seam.SetMute(true);
     EXPECT_EQ(Call("GetSpeakerMute"), "(1, 0)");
-    EXPECT_THAT(MainLoop().Lines(),
+    EXPECT_THAT(OfRequests(),
                 ElementsAre(StartLine("method", "GetSpeakerMute"), CallerLine(), "audio_get_master_mute()",
-                            "GetVolumeMute: I current tv mute [1]",
                             "_OnGetSpeakerMute: I Return Current mute state(1), ret:0", Reply("(1, 0)")));
 }
 

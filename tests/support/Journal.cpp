@@ -204,6 +204,12 @@ Query Query::Logs(int lowestPriority) const {
     return OfKind([lowestPriority](const Entry& entry) { return entry.IsLog(lowestPriority); });
 }
 
+Query Query::ByOneOf(std::vector<std::string> files) const {
+    return And([files = std::move(files)](const Entry& entry) {
+        return entry.kind != Entry::Kind::LOG || std::ranges::find(files, entry.site.file) != files.end();
+    });
+}
+
 Query Query::Traces() const {
     return OfKind(&Entry::IsTrace);
 }

@@ -15,6 +15,7 @@
  *     seam.journal.Texts()                                     calls, and log lines of INFO and above
  *     seam.journal.Here().Calls("vconf_").Texts()              this thread's calls that begin so
  *     seam.journal.Of("PulseRampH").Logs(DLOG_DEBUG).Texts()   all log lines of one worker
+ *     seam.journal.By("TVSpeaker.cpp").Texts()                 calls, and what this source file logs
  *     seam.journal.With("E owns_lock").Count()                 how often this text occurs
  *     seam.journal.Gains().Wait(2)                             waits for the second gain
  */
@@ -123,6 +124,11 @@ public:
     Query Calls(std::string beginning = {}) const;
     /** The log lines of at least this priority. */
     Query Logs(int lowestPriority = DLOG_INFO) const;
+    /** Leaves out the log lines of all source files but these. */
+    template <typename... Files>
+    Query By(Files... files) const {
+        return ByOneOf({std::string(std::move(files))...});
+    }
     /** The lines of the call tracer. */
     Query Traces() const;
     /** Also the call tracer's lines of each entered scope. */
@@ -164,6 +170,7 @@ protected:
 
 private:
     Query BeginningWithOneOf(std::vector<std::string> texts) const;
+    Query ByOneOf(std::vector<std::string> files) const;
     Query OfKind(Condition kind) const;
     Query And(Condition condition) const;
     bool Chooses(const Entry& entry) const;

@@ -130,6 +130,10 @@ TEST_F(FakeSeamTest, AQueryLeavesOutDebugLinesAndGainsUnlessItAsksForThem) {
     EXPECT_THAT(journal.AndScopes().Lines(),
                 ElementsAre("int f()", "AudioControl_getInstance()", "set_main_out_gain2(5)", "F: " + error));
     EXPECT_THAT(journal.Logs().AndScopes().Lines(), ElementsAre("int f()", "F: " + error));
+    EXPECT_THAT(journal.By("File.cpp").Texts(), journal.Texts());
+    EXPECT_THAT(journal.By("H.h", "G.cpp").Texts(),
+                ElementsAre("AudioControl_getInstance()", "set_main_out_gain2(5)"));
+    EXPECT_THAT(journal.Logs(DLOG_DEBUG).By("H.h").Texts(), testing::SizeIs(3));
     EXPECT_EQ(journal.Logs().First().raw, journal.Last().raw);
     EXPECT_EQ(journal.With("D detail").Function(), "T");
     EXPECT_EQ(journal.With("D other").Function(), "");
