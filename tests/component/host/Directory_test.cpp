@@ -15,11 +15,13 @@
 #include <filesystem>
 #include <iterator>
 #include <memory>
+#include <optional>
 #include <random>
 #include <set>
 #include <string>
 #include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "HostTest.h"
@@ -30,6 +32,8 @@ using host_test::OtherProcess;
 using testing::AllOf;
 using testing::Each;
 using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::IsSubsetOf;
@@ -173,6 +177,14 @@ TEST_F(DirectoryTest, ADirectoryThatOthersMayWriteIsWarnedOfOnce) {
                                          tv.Path().string()));
 }
 
+TEST_F(DirectoryTest, AWarningNamesADirectoryWithAPercentSignAsItIs) {
+    fs::create_directory(tv / "%s");
+    fs::permissions(tv / "%s", fs::perms::all);
+    OtherProcess other(tv, {{"KAVREL_TV_DIR", tv / "%s"}});
+    EXPECT_EQ(other.Do("volume"), "0 10");
+    EXPECT_THAT(other.Log(), ElementsAre(EndsWith("may write to " + (tv / "%s").string())));
+}
+
 TEST_F(DirectoryTest, ADirectoryThatAForeignGroupMayWriteIsWarnedOf) {
     constexpr gid_t FOREIGN = 54321;
     if (chown(tv.Path().c_str(), static_cast<uid_t>(-1), FOREIGN) != 0) {
@@ -250,13 +262,15 @@ TEST_F(DirectoryTest, AFillingThatFailsAtAValueIsAnError) {
     fs::permissions(tv / "sound", fs::perms::owner_all);
 }
 
-TEST_F(DirectoryTest, WithAnEmptyVariableTheDirectoryIsThatOfTheSystem) {
-    OtherProcess other(tv, {{"KAVREL_TV_DIR", ""}});
-    ASSERT_EQ(other.Do("own-mounts"), "0");
-    ASSERT_EQ(other.Do("mount /run"), "0");  // the test shall not touch the machine's own
-    EXPECT_EQ(other.Do("volume"), "0 10");
-    EXPECT_EQ(other.Do("echo /run/kavrel/audio/master_volume 33"), "0");
-    EXPECT_EQ(other.Do("volume"), "0 33");
+TEST_F(DirectoryTest, WithoutTheVariableOrWithAnEmptyOneTheDirectoryIsThatOfTheSystem) {
+    for (const auto& variable : {std::optional<std::string>(), std::optional<std::string>("")}) {
+        OtherProcess other(tv, {{"KAVREL_TV_DIR", variable}});
+        ASSERT_EQ(other.Do("own-mounts"), "0");
+        ASSERT_EQ(other.Do("mount /run"), "0");  // the test shall not touch the machine's own
+        EXPECT_EQ(other.Do("volume"), "0 10");
+        EXPECT_EQ(other.Do("echo /run/kavrel/audio/master_volume 33"), "0");
+        EXPECT_EQ(other.Do("volume"), "0 33");
+    }
 }
 
 TEST_F(DirectoryTest, ARelativeDirectoryStaysWhereItWasAtTheStart) {
@@ -289,12 +303,35 @@ TEST_F(DirectoryTest, ProcessesThatStartAtOnceFindAWholeTvAndOverwriteNothing) {
     }
 }
 
-TEST_F(DirectoryTest, AnUnusableDirectoryIsOneErrorAndNoCrash) {
+TEST_F(DirectoryTest, AnUnusableDirectoryFailsEachCallButThatOfARegistration) {
+    const std::vector<std::pair<std::string, std::string>> calls = {
+        {"volume", "Cannot read T/audio/master_volume"},
+        {"set-mute 1", "Cannot write T/audio/master_mute"},
+        {"set-route 2", "Cannot write T/sound/route"},
+        {"zones", "Cannot list T/sound/zones"},
+        {"focus", "Cannot read T/zones/focus"},
+        {"set-gain 3", "Cannot write T/audio/main_out_gain2"},
+        {"flag com.norvik/x", "Cannot read T/features/com.norvik/x"},
+        {"int memory/x", "Cannot read T/settings/memory/x"},
+        {"set-int db/x 1", "Cannot write T/settings/db/x"},
+        {"done event", "Cannot write T/events/event"},
+        {"is-done event", "Cannot look for T/events/event"},
+        {"reset event", "Cannot remove T/events/event"},
+    };
     tv.Echo("file", "");
-    OtherProcess other(tv, {{"KAVREL_TV_DIR", tv / "file/tv"}});
-    EXPECT_THAT(other.Do("volume"), StartsWith("-10"));
-    EXPECT_EQ(other.Log().front(),
-              "E Cannot make the TV in " + (tv / "file/tv").string() + ": Not a directory");
+    for (const auto& place : {tv / "file", tv / "file/tv"}) {
+        OtherProcess other(tv, {{"KAVREL_TV_DIR", place}});
+        std::vector<std::string> lines = {"E Cannot make the TV in " + place.string() + ": Not a directory"};
+        for (const auto& [call, error] : calls) {
+            EXPECT_EQ(other.Do(call), "-1020") << call;
+            const auto root = error.find('T');
+            lines.push_back("E " + error.substr(0, root) + place.string() + error.substr(root + 1) +
+                            ": Not a directory");
+        }
+        EXPECT_THAT(other.Log(), ElementsAreArray(lines));
+        EXPECT_EQ(other.Do("zone-route 1"), "-26607612");
+        EXPECT_EQ(other.Do("hear volume"), "0");
+    }
     EXPECT_EQ(tv.Content("file"), "\n");
 }
 

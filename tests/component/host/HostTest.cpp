@@ -62,7 +62,9 @@ std::vector<std::string> EnvironmentOf(const Folder& tv, const OtherProcess::Env
         }
     }
     for (const auto& [name, value] : set) {
-        all.push_back(name + '=' + value);
+        if (value) {
+            all.push_back(name + '=' + *value);
+        }
     }
     return all;
 }

@@ -11,6 +11,7 @@
 #include <deque>
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <mutex>
 #include <set>
 #include <string>
@@ -48,7 +49,8 @@ private:
 /** Another process on a TV directory. other_process.cpp lists the lines that it understands. */
 class OtherProcess {
 public:
-    using Environment = std::map<std::string, std::string>;
+    /** A variable without a value is not set. */
+    using Environment = std::map<std::string, std::optional<std::string>>;
     static constexpr int CLOSED = -2;
 
     /** @param errorStream standard error of the process, still the caller's to close; -1: a file, see Log(); or CLOSED */
