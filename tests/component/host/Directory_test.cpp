@@ -100,6 +100,7 @@ TEST_F(DirectoryTest, AMissingDirectoryIsMade) {
 
 TEST_F(DirectoryTest, ADirectoryThatHoldsSomethingIsLeftAsItIs) {
     tv.Echo("audio/master_volume", "55");
+    fs::create_directory(tv / "settings");
     OtherProcess other(tv);
     EXPECT_EQ(other.Do("volume"), "0 55");
     EXPECT_EQ(other.Do("route"), "-1002");
@@ -126,6 +127,13 @@ TEST_F(DirectoryTest, ADirectoryWithNothingButTheLinkForDbIsEmpty) {
     OtherProcess other(tv);
     EXPECT_EQ(other.Do("volume"), "0 10");
     EXPECT_TRUE(fs::is_symlink(tv / "settings/db"));
+}
+
+TEST_F(DirectoryTest, ADirectoryWithAnotherLinkInItsSettingsIsLeftAsItIs) {
+    fs::create_directories(tv / "settings");
+    fs::create_directory_symlink("nowhere", tv / "settings/memory");
+    OtherProcess other(tv);
+    EXPECT_EQ(other.Do("volume"), "-1002");
 }
 
 TEST_F(DirectoryTest, AMarkThatIsNoFileNeitherHangsTheStartNorLeadsElsewhere) {
@@ -178,11 +186,11 @@ TEST_F(DirectoryTest, ADirectoryThatOthersMayWriteIsWarnedOfOnce) {
 }
 
 TEST_F(DirectoryTest, AWarningNamesADirectoryWithAPercentSignAsItIs) {
-    fs::create_directory(tv / "%s");
-    fs::permissions(tv / "%s", fs::perms::all);
-    OtherProcess other(tv, {{"KAVREL_TV_DIR", tv / "%s"}});
+    fs::create_directory(tv / "%d");
+    fs::permissions(tv / "%d", fs::perms::all);
+    OtherProcess other(tv, {{"KAVREL_TV_DIR", tv / "%d"}});
     EXPECT_EQ(other.Do("volume"), "0 10");
-    EXPECT_THAT(other.Log(), ElementsAre(EndsWith("may write to " + (tv / "%s").string())));
+    EXPECT_THAT(other.Log(), ElementsAre(EndsWith("may write to " + (tv / "%d").string())));
 }
 
 TEST_F(DirectoryTest, ADirectoryThatAForeignGroupMayWriteIsWarnedOf) {

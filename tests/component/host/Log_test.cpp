@@ -194,10 +194,12 @@ TEST_F(LogTest, EachLineIsOneWriteAndNoNewlineIsAdded) {
     EXPECT_EQ(other.Do("log 4 one"), "0");
     EXPECT_EQ(other.Do("log-long 4000"), "0");
     EXPECT_EQ(other.Do("log-lines 5"), "0");
+    EXPECT_EQ(other.Do("log-empty 6"), "0");
     EXPECT_EQ(other.Do("log-unended 6"), "0");
     EXPECT_EQ(packets.Read(), "I one\n");
     EXPECT_EQ(packets.Read(), "I " + std::string(4000, 'x') + '\n');
     EXPECT_EQ(packets.Read(), "W one\\x0Atwo\n");
+    ASSERT_EQ(packets.Read(), "E ");
     EXPECT_EQ(packets.Read(), "E no newline");
 }
 

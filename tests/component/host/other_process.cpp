@@ -549,6 +549,7 @@ Commands LogCommands() {
          })},
         {"log-unended",
          Does([](int priority) { return __dlog_print(priority, "OtherProcess", "no newline"); })},
+        {"log-empty", Does([](int priority) { return __dlog_print(priority, "OtherProcess", "%s", ""); })},
         {"log-long", Does([](int size) {
              return __dlog_print(DLOG_INFO, "OtherProcess", "%s\n",
                                  std::string(static_cast<std::size_t>(size), 'x').c_str());
