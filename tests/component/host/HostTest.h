@@ -11,8 +11,8 @@
 #include <deque>
 #include <filesystem>
 #include <map>
-#include <optional>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>

@@ -241,7 +241,11 @@ TEST_F(LogTest, NoLineOfAnOtherSizeIsCut) {
 TEST_F(LogTest, ControlBytesAreWrittenInHexadecimalButForTheTab) {
     OtherProcess other(tv);
     EXPECT_EQ(other.Do("log-controls 4"), "0");
-    EXPECT_THAT(other.Log(), ElementsAre("I a\tb\\x0D\\x1B[2J\\x7F\\x01\xC3\xA4\\x0A"));
+    EXPECT_THAT(
+        other.Log(),
+        ElementsAre(
+            "I a\tb\xC3\xA4\\x7F\\x01\\x02\\x03\\x04\\x05\\x06\\x07\\x08\t\\x0A\\x0B\\x0C\\x0D\\x0E\\x0F"
+            "\\x10\\x11\\x12\\x13\\x14\\x15\\x16\\x17\\x18\\x19\\x1A\\x1B\\x1C\\x1D\\x1E\\x1F"));
 }
 
 TEST_F(LogTest, WhatCannotBeFormattedIsAFailureAndNoLine) {

@@ -538,7 +538,11 @@ Commands LogCommands() {
         {"log-lines",
          Does([](int priority) { return __dlog_print(priority, "OtherProcess", "one\ntwo\n"); })},
         {"log-controls", Does([](int priority) {
-             return __dlog_print(priority, "OtherProcess", "a\tb\r\033[2J\x7F\x01\xC3\xA4\n\n");
+             std::string text = "a\tb\xC3\xA4\x7F";
+             for (char control = 1; control < ' '; ++control) {
+                 text += control;
+             }
+             return __dlog_print(priority, "OtherProcess", "%s\n", text.c_str());
          })},
         {"log-many", Does([](int count) {
              int result = 0;
