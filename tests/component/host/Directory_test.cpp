@@ -942,10 +942,12 @@ TEST_F(DirectoryTest, OnlyValuesBelowDbAreSyncedTheTextBeforeItsNameAndTheFolder
     OtherProcess other(tv);
     ASSERT_EQ(other.Do("volume"), "0 10");
     ASSERT_EQ(other.Do("hear memory/key"), "0");
-    for (const std::string set :
-         {"set-volume 20", "set-route 1", "set-gain 50", "done event", "set-text memory/new a",
-          "set-text memory/key a", "set-text memory/key b"}) {
+    for (const std::string set : {"set-volume 20", "set-route 1", "set-gain 50", "done event",
+                                  "set-text memory/new a", "set-text memory/key a"}) {
         EXPECT_EQ(other.Do(set), "0");
+    }
+    for (int i = 0; i < 20; ++i) {  // when the platform thread rests, such a write exchanges two files
+        EXPECT_EQ(other.Do("set-text memory/key " + std::to_string(i)), "0");
     }
     EXPECT_THAT(other.Do("take-steps"), AllOf(HasSubstr("rename key"), Not(HasSubstr("sync"))));
     for (const bool isHeard : {false, true}) {

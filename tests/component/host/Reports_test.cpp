@@ -490,9 +490,15 @@ TEST_F(ReportsTest, ATextThatIsTooLongForAReaderIsRefused) {
     HearKey(KEY, listener);
     ASSERT_EQ(vconf_set_str(KEY, "short"), 0);
     Settle();
+    testing::internal::CaptureStderr();
     EXPECT_EQ(vconf_set_str(KEY, std::string((1 << 20) + 1, 'x').c_str()), -1027);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "E Cannot write " + (tv / "settings/memory/key").string() + ": File too large\n");
     EXPECT_EQ(Text(KEY), "short");
     EXPECT_THAT(ear.Heard(), ElementsAre("short"));
+    const std::string longest(1 << 20, 'x');
+    EXPECT_EQ(vconf_set_str(KEY, longest.c_str()), 0);
+    EXPECT_THAT(ear.Heard(), ElementsAre("short", longest));
 }
 
 TEST_F(ReportsTest, EveryZonesRouteIsReportedThatOfALaterZoneToo) {
