@@ -39,6 +39,10 @@ Bridge::Bridge(Server& server, const std::string& directory, const Settings& set
 // --- The TV directory
 
 void Bridge::OnTv(tv::DirectoryWatch::Event event, const std::string& path) {
+    std::error_code ignored;
+    if (!std::filesystem::exists(host::Root(), ignored)) {  // a write would make it again
+        throw tools::ToolError(tools::EXIT_UNREACHABLE, "the TV directory " + m_directory + " has gone");
+    }
     if (path == tv::Player::File().path) {
         m_player.Look();
     }
@@ -49,10 +53,6 @@ void Bridge::OnTv(tv::DirectoryWatch::Event event, const std::string& path) {
     if (event == tv::DirectoryWatch::Event::LOST) {
         tools::Complain("too many changes at once: requests may be lost");
         SetGains();
-    }
-    std::error_code ignored;
-    if (path.empty() && !std::filesystem::exists(host::Root(), ignored)) {
-        throw tools::ToolError(tools::EXIT_UNREACHABLE, "the TV directory " + m_directory + " has gone");
     }
     ReadRoute();
     if (event == tv::DirectoryWatch::Event::WRITTEN) {

@@ -480,5 +480,27 @@ TEST_F(BridgeTest, AMuteThatAKilledBridgeHasLeftIsLifted) {
     EXPECT_EQ(std::count(asked.begin(), asked.end(), "sink 1 unmute"), 1);
 }
 
+// --- The end
+
+TEST_F(BridgeTest, ItEndsWhenTheTvDirectoryGoesAndDoesNotMakeItAgain) {
+    const fs::path root = host::Root();
+    const fs::path away = root.string() + ".away";
+    Play();
+    fs::remove(root / host::ROUTE.path);  // a report of a file comes first
+    fs::rename(root, away);
+    std::string message;
+    try {
+        m_loop.RunUntil([] { return false; }, std::chrono::seconds(60));
+    } catch (const tools::ToolError& error) {
+        message = error.what();
+    }
+    EXPECT_EQ(message, "the TV directory /the/tv has gone");
+    EXPECT_FALSE(fs::exists(root));
+    m_bridge.reset();
+    m_claim.reset();
+    fs::remove_all(root);
+    fs::rename(away, root);
+}
+
 }  // namespace
 }  // namespace sound
