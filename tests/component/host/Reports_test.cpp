@@ -23,6 +23,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <deque>
@@ -499,6 +500,12 @@ TEST_F(ReportsTest, ATextThatIsTooLongForAReaderIsRefused) {
     const std::string longest(1 << 20, 'x');
     EXPECT_EQ(vconf_set_str(KEY, longest.c_str()), 0);
     EXPECT_THAT(ear.Heard(), ElementsAre("short", longest));
+}
+
+TEST_F(ReportsTest, AnEventThatIsDoneIsFoundWhateverFailedBefore) {
+    ASSERT_EQ(LwipcEventDone("event"), 0);
+    errno = EACCES;
+    EXPECT_EQ(LwipcIsDone("event"), 1);
 }
 
 TEST_F(ReportsTest, EveryZonesRouteIsReportedThatOfALaterZoneToo) {
