@@ -490,7 +490,11 @@ TEST_F(KVMessageFilterDescriptorTest, ACallWithADescriptorThatWantsNoReplyIsDrop
 
 TEST_F(KVMessageFilterDescriptorTest, ASignalWithADescriptorIsDropped) {
     Sender sender(Shared());
-    sender.Send(WithDescriptor(sender.NewSignal("BudsConnected", g_variant_new("(i)", 1))));
+    for (const auto flags : {G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED, G_DBUS_MESSAGE_FLAGS_NONE}) {
+        auto signal = WithDescriptor(sender.NewSignal("BudsConnected", g_variant_new("(i)", 1)));
+        g_dbus_message_set_flags(signal.get(), flags);
+        sender.Send(std::move(signal));
+    }
     sender.Ping();
     EXPECT_TRUE(IsClosed());
     fake::RunMainContextUntilQuiet();
