@@ -39,7 +39,7 @@ std::vector<MethodSignature> ReadMethods();
 /** The base name of this test program, which the daemon's caller tracker must find. */
 std::string ProgramName();
 
-/** A line of a report of the volume 33, which holds the lock of the volume control object. */
+/** The line with which a report of the volume 33 begins. Until its end the report holds the lock of the volume control object. */
 inline constexpr const char* VOLUME_33 = "I volume is changed : 33";
 
 /** Matches a list that contains all of these lines in this order; other lines may come between them. */

@@ -490,12 +490,14 @@ TEST_F(KVMessageFilterDescriptorTest, ACallWithADescriptorThatWantsNoReplyIsDrop
 
 TEST_F(KVMessageFilterDescriptorTest, ASignalWithADescriptorIsDropped) {
     Sender sender(Shared());
+    std::vector<guint32> serials;
     for (const auto flags : {G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED, G_DBUS_MESSAGE_FLAGS_NONE}) {
         auto signal = WithDescriptor(sender.NewSignal("BudsConnected", g_variant_new("(i)", 1)));
         g_dbus_message_set_flags(signal.get(), flags);
-        sender.Send(std::move(signal));
+        serials.push_back(sender.Send(std::move(signal)));
     }
     sender.Ping();
+    EXPECT_EQ(sender.CountAnswers(serials), 0U);
     EXPECT_TRUE(IsClosed());
     fake::RunMainContextUntilQuiet();
     EXPECT_THAT(journal.Here().Logs().Lines(), Each(Not(HasSubstr("BudsConnected"))));

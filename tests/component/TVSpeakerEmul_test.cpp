@@ -238,7 +238,7 @@ TEST_F(TVSpeakerEmulTest, ItsHandlersAreApartFromThoseOfTheRealTvSpeaker) {
 TEST_F(TVSpeakerEmulTest, OnlyTheVolumeHandlerDecidesWhetherThereAreHandlersToTakeBack) {
     speaker->SetEventHandler(VolumeHandler(), nullptr);
     speaker->UnsetEventHandler();
-    EXPECT_THAT(journal.Here().Logs().Texts(), testing::IsEmpty());
+    EXPECT_THAT(journal.Here().Logs().Texts(), IsEmpty());
     speaker->SetEventHandler(nullptr, MuteHandler());
     speaker->UnsetEventHandler();
     EXPECT_THAT(journal.Here().Logs().Texts(), ElementsAre("E Already unset event handler"));

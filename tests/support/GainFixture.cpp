@@ -26,7 +26,7 @@ constexpr const char* STORED =
     "D \t[OUT]void NKavrel::KVAudioGainHandler::SetSrcGain(NKavrel::eKVGainHandlerType, int)";
 
 constexpr const char* OUT_WORKER = "AudioGainOutH";
-/** The line of each turn of this worker's loop that moves the main output. */
+/** The line with which each turn of this worker's loop reads the total of the main output. */
 constexpr const char* MAIN_TURN = "I Path:1 ";
 
 std::string FirstLine(const std::filesystem::path& file) {
@@ -173,7 +173,7 @@ std::vector<Clock::time_point> GainFixture::MainTurns() const {
     return times;
 }
 
-GainFixture::Milliseconds GainFixture::ShortestPeriod(std::optional<Milliseconds> limit) const {
+Milliseconds GainFixture::ShortestPeriod(std::optional<Milliseconds> limit) const {
     const int periods = limit ? 50 : 3;
     Milliseconds shortest = Milliseconds::max();
     for (int count = 2; count < periods + 2 && shortest >= limit.value_or(Milliseconds::zero()); ++count) {

@@ -33,6 +33,8 @@ struct Store {
     Clock::time_point time;
 };
 
+using Milliseconds = std::chrono::duration<double, std::milli>;
+
 class GainFixture : public testing::Test {
 protected:
     GainFixture();
@@ -50,7 +52,6 @@ protected:
     int Gain(NKavrel::eKVGainHandlerType slot);
     std::vector<Store> Stores(NKavrel::eKVGainHandlerType worker) const;
     std::vector<int> StoredGains(NKavrel::eKVGainHandlerType worker) const;
-    using Milliseconds = std::chrono::duration<double, std::milli>;
     /**
      * The shortest of the first 3 periods of the gain-out worker, or of 50, up to the first one below the limit. A slow
      * machine can lengthen a period but never shorten one.

@@ -76,6 +76,9 @@ class FolderWatch:
         return bool(ready)
 
 
+REQUEST = r"Start sender:(\S*) (?:method|signal)_name:{}"  # with the pattern of a member
+
+
 class LogLine(NamedTuple):
     number: int  # of the line in the log, counted from 0
     priority: str  # D, I, W or E
@@ -98,7 +101,7 @@ class LogLine(NamedTuple):
 
     def request(self):
         """Returns (sender, member) if this line says that a request came, else None."""
-        match = re.fullmatch(r"Start sender:(\S*) (?:method|signal)_name:(.*)", self.text)
+        match = re.fullmatch(REQUEST.format("(.*)"), self.text)
         return match and match.groups()
 
 
@@ -145,10 +148,7 @@ class Log:
         return [request for line in self.lines(after) if (request := line.request())]
 
     def wait_for_request(self, member, after=-1):
-        deadline = time.monotonic() + PATIENCE
-        with FolderWatch(self.path.parent) as watch:
-            while member not in [called for _sender, called in self.requests(after)]:
-                assert watch.wait(deadline), f"{member} has not come within {PATIENCE} s"
+        self.wait(re.compile(REQUEST.format(member)), after)
 
     def wait_for_caller(self, name, program):
         """Waits until kavreld has looked up the program behind a bus name."""

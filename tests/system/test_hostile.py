@@ -169,7 +169,7 @@ def test_messages_in_the_other_byte_order_are_served(victim):
     assert answers == [(0,), (20, 0), (0,)]
     wire.send(signal("BudsConnected", "i", -7, order=">"))
     wire.reach_daemon()
-    victim.daemon.log.wait_matching(".*:-7")
+    victim.daemon.log.wait_matching(".*:-7", victim.start_of_log)
     victim.forget_log()
 
 

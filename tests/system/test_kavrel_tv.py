@@ -475,27 +475,27 @@ def test_the_daemon_hears_every_verb(scene, tv, tool, client):
     tool("feature", "projector", "on")
     log = scene.start().log
 
-    def does(command, function):
+    def does(command, heard):
         before = log.end()
         tool(*command.split())
         log.settle()
-        assert function in [line.function for line in log.lines(before)], command
+        assert heard in [f"{line.priority} {line.function}" for line in log.lines(before)], command
 
-    does("route tv-2", "SpeakerChangedCallback")
-    does("route 0", "SpeakerChangedCallback")
+    does("route tv-2", "I SpeakerChangedCallback")
+    does("route 0", "I SpeakerChangedCallback")
     tool("cable", "in")
-    does("cable out", "SpdifChangedCallback")
-    does("mobile on", "Tv2MobileChangedCallback")
-    does("mobile off", "Tv2MobileChangedCallback")
-    does("projector ready", "AudioGainControlChangedCb")
-    does("sub-bt 2", "SubBTChangedCb")
-    does("sub-bt none", "SubBTChangedCb")
+    does("cable out", "I SpdifChangedCallback")
+    does("mobile on", "E Tv2MobileChangedCallback")
+    does("mobile off", "E Tv2MobileChangedCallback")
+    does("projector ready", "I AudioGainControlChangedCb")
+    does("sub-bt 2", "I SubBTChangedCb")
+    does("sub-bt none", "I SubBTChangedCb")
     tool("zones", "1,2")
     tool("focus", "1")
-    does("multiview on", "MSViewModeChangedCallback")
-    does("zone-route 1 tv-3", "MSViewSpeakerChangedCallback")
-    does("focus 2", "FocusChangedCallback")
-    does("multiview off", "MSViewModeChangedCallback")
+    does("multiview on", "I MSViewModeChangedCallback")
+    does("zone-route 1 tv-3", "I MSViewSpeakerChangedCallback")
+    does("focus 2", "I FocusChangedCallback")
+    does("multiview off", "I MSViewModeChangedCallback")
     tool("volume", "42")
     client.expect("SpeakerVolumeChanged", TV_SUPPORT, 42)
     tool("mute", "on")

@@ -26,7 +26,7 @@ using testing::Not;
 namespace {
 
 using namespace std::chrono_literals;
-using Milliseconds = std::chrono::duration<double, std::milli>;
+using fake::Milliseconds;
 
 constexpr int LOWEST = std::numeric_limits<int>::min();
 constexpr int HIGHEST = std::numeric_limits<int>::max();

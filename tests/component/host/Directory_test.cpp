@@ -44,6 +44,7 @@ using testing::UnorderedElementsAre;
 
 namespace {
 
+constexpr const char* NO_SUCH_ZONE = "-26607612";
 constexpr const char* VOLUME = "audio/master_volume";
 constexpr const char* KEY = "settings/memory/key";
 
@@ -337,7 +338,7 @@ TEST_F(DirectoryTest, AnUnusableDirectoryFailsEachCallButThatOfARegistration) {
                             ": Not a directory");
         }
         EXPECT_THAT(other.Log(), ElementsAreArray(lines));
-        EXPECT_EQ(other.Do("zone-route 1"), "-26607612");
+        EXPECT_EQ(other.Do("zone-route 1"), NO_SUCH_ZONE);
         EXPECT_EQ(other.Do("hear volume"), "0");
     }
     EXPECT_EQ(tv.Content("file"), "\n");
@@ -493,9 +494,9 @@ TEST_F(DirectoryTest, ZonesAreTheFoldersInAscendingOrder) {
     OtherProcess other(tv);
     EXPECT_EQ(other.Do("zones"), "0 -1,9,10,12");
     EXPECT_EQ(other.Do("zone-route 9"), "-1002");
-    EXPECT_EQ(other.Do("zone-route 1"), "-26607612");
-    EXPECT_EQ(other.Do("set-zone-route 1 2"), "-26607612");
-    EXPECT_EQ(other.Do("zone-route 5"), "-26607612");
+    EXPECT_EQ(other.Do("zone-route 1"), NO_SUCH_ZONE);
+    EXPECT_EQ(other.Do("set-zone-route 1 2"), NO_SUCH_ZONE);
+    EXPECT_EQ(other.Do("zone-route 5"), NO_SUCH_ZONE);
     EXPECT_FALSE(fs::exists(tv / "sound/zones/1"));
     fs::remove_all(tv / "sound");
     EXPECT_EQ(other.Do("zones"), "0 ");
@@ -915,7 +916,7 @@ TEST_F(DirectoryTest, ATvDirectoryThatWasReplacedIsWrittenAnew) {
     ASSERT_EQ(other.Do("set-volume 20"), "0");
     fs::rename(tv / "tv", away);
     EXPECT_EQ(other.Do("volume"), "-1002");
-    EXPECT_EQ(other.Do("zone-route 1"), "-26607612");
+    EXPECT_EQ(other.Do("zone-route 1"), NO_SUCH_ZONE);
     EXPECT_EQ(other.Do("set-volume 30"), "0");
     EXPECT_EQ(tv.Content("tv/audio/master_volume"), "30\n");
     EXPECT_EQ(tv.Content("away/audio/master_volume"), "20\n");
