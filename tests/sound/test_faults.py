@@ -9,6 +9,7 @@ from pathlib import Path
 import pytest
 
 from bridge import MAIN, MAIN_GAIN, MAIN_STAGE, MUTE, OUTPUTS, ROUTES, SINK_OF, SUB_STAGE, SUPPORT_KEYS, VOLUME
+from harness import PATIENCE
 
 ROUNDS = 210  # of ten changes: about as many as in an hour of use
 FIRST = 60  # the round after which everything has been made once; as ROUNDS, it ends on the TV speaker, not muted
@@ -135,6 +136,20 @@ def test_after_a_regular_end_the_server_is_as_before(sound, number):
     assert sound.server.inventory() != before
     status, complaints = sound.bridge.end(number)
     assert (status, complaints) == (0 if number == signal.SIGINT else 143, [])
+    assert sound.server.inventory() == before
+
+
+def test_without_its_tv_directory_it_ends_and_leaves_the_server_as_before(sound):
+    before = sound.server.inventory()
+    link, nowhere = (sound.tv.path.with_name(name) for name in ("link", "nowhere"))
+    link.symlink_to(sound.tv.path)
+    sound.start(*OUTPUTS, "--dir", str(link))
+    nowhere.symlink_to("nothing")
+    nowhere.rename(link)  # the directory goes; no write makes it again through this link
+    sound.tv.echo(40, VOLUME)
+    assert sound.bridge.child.wait(PATIENCE) == 2
+    _status, complaints = sound.bridge.end()
+    assert complaints[-1] == f"kavrel-sound: the TV directory {link} has gone"
     assert sound.server.inventory() == before
 
 

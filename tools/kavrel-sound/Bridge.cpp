@@ -38,11 +38,17 @@ Bridge::Bridge(Server& server, const std::string& directory, const Settings& set
 
 // --- The TV directory
 
-void Bridge::OnTv(tv::DirectoryWatch::Event event, const std::string& path) {
+/** Precedes all that may write to the TV directory: a write would make it again.
+ *  @throws tools::ToolError if it has gone, which ends the loop */
+void Bridge::EndWithoutTv() const {
     std::error_code ignored;
-    if (!std::filesystem::exists(host::Root(), ignored)) {  // a write would make it again
+    if (!std::filesystem::exists(host::Root(), ignored)) {
         throw tools::ToolError(tools::EXIT_UNREACHABLE, "the TV directory " + m_directory + " has gone");
     }
+}
+
+void Bridge::OnTv(tv::DirectoryWatch::Event event, const std::string& path) {
+    EndWithoutTv();
     if (path == tv::Player::File().path) {
         m_player.Look();
     }
@@ -116,6 +122,7 @@ void Bridge::OnReady() {
 }
 
 void Bridge::OnGone(const std::string& reason) {
+    EndWithoutTv();
     tools::Complain("waiting for a sound server: " + reason);
     m_snapshot = {};
     m_writer.Forget();
@@ -166,6 +173,7 @@ void Bridge::OnLook(Snapshot&& snapshot) {
 // --- What there has to be
 
 void Bridge::Settle() {
+    EndWithoutTv();
     if (m_snapshot.server.empty()) {
         return;
     }

@@ -37,6 +37,7 @@ public:
     Bridge(Server& server, const std::string& directory, const Settings& settings, Claim& claim);
 
 private:
+    void EndWithoutTv() const;
     void OnTv(tv::DirectoryWatch::Event event, const std::string& path);
     void OnReady();
     void OnGone(const std::string& reason);

@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: The kavrel developers
 // SPDX-License-Identifier: MIT
-/** The sound server: what it holds, what it can be asked to do, and what it reports. */
+/** The sound server: what it holds, what it can be asked to do, and which changes it announces. */
 #ifndef KAVREL_SOUND_SERVER_H
 #define KAVREL_SOUND_SERVER_H
 
@@ -59,6 +59,7 @@ struct Snapshot {
     bool MayLoseMovedSound() const { return server.find("PipeWire") != std::string::npos; }
 };
 
+/** The changes that the bridge handles in a way of its own; after each OTHER one it only looks at the server. */
 enum class Change { SINK_REMOVED, STREAM_CHANGED, OTHER };
 
 /** A connection to the server. The unit tests have one of their own. */
@@ -81,7 +82,8 @@ public:
 
     tools::MainLoop& Loop() { return m_loop; }
 
-    /** Tries until it is connected, at once and then after 0.1 to 2 seconds; again when the server goes. */
+    /** Tries until it is connected, at once and then after 0.1 to 2 seconds; again when the server goes. What the
+     * handlers and later callbacks use must live as long as the loop runs: the server outlives the bridge. */
     virtual void Connect(Handlers handlers) = 0;
     virtual bool IsReady() const = 0;
 

@@ -3,6 +3,7 @@
 #include <Platform.h>
 
 #include <clocale>
+#include <exception>
 
 #include "Bridge.h"
 #include "Cleaner.h"
@@ -23,20 +24,26 @@ Exit status: 0 done, 1 refused or failed, 2 no TV directory or no sound server,
 command before it was done. Ctrl-C is the usual end without a command: then the
 exit status is 0.)";
 
-/** Plays until Ctrl-C, and leaves the server as it was. */
+/** Plays until Ctrl-C or an error, and leaves the server as it was. */
 int Play(const std::string& directory, const sound::Settings& settings) {
     tv::OpenTv(directory);
     sound::Claim claim(settings);
     int status = tools::EXIT_DONE;
-    {
+    std::exception_ptr error;
+    try {
         tools::MainLoop loop;
         sound::PulseServer server(loop, settings.server);
         const sound::Bridge bridge(server, directory, settings, claim);
         status = loop.RunUntilInterrupted();
+    } catch (...) {
+        error = std::current_exception();
     }
     tools::MainLoop loop;
     sound::PulseServer server(loop, settings.server);
     sound::RemoveFromServer(server, claim.DefaultSink());
+    if (error) {
+        std::rethrow_exception(error);
+    }
     return status;
 }
 

@@ -3,10 +3,16 @@
 #include "Bridge.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
 
+#include "Errors.h"
 #include "FakeServer.h"
 #include "Printed.h"
 #include "Snapshots.h"
@@ -32,6 +38,7 @@ protected:
         Put(host::ROUTE, "0");
         Put(host::MAIN_OUT_GAIN, "100");
         Put(host::SUB_OUT_GAIN, "100");
+        Put(host::MASTER_VOLUME, "100");
         for (const host::NamedValue& request : {host::LEVEL_REQUEST, host::MUTE_REQUEST}) {
             Put(request, "0");
         }
@@ -76,7 +83,7 @@ protected:
 
     /** @return what the bridge asks for, without the looks, when the server holds this */
     Lines Shown(const Snapshot& snapshot) {
-        m_server.Report(Change::OTHER, 0);
+        m_server.Announce(Change::OTHER, 0);
         m_server.AnswerLook(snapshot);
         return Asked();
     }
@@ -99,6 +106,32 @@ protected:
     /** Runs the loop for a time in which what must not happen would happen. */
     void RunForAWhile() {
         m_loop.RunUntil([] { return false; }, std::chrono::milliseconds(100));
+    }
+
+    /** Takes the TV directory away, lets something happen, and puts the directory back when the bridge has gone.
+     *  @return why the loop has ended */
+    std::string EndOfTv(const std::function<void()>& happen) {
+        const fs::path root = host::Root();
+        const fs::path away = root.string() + ".away";
+        std::string message;
+        fs::rename(root, away);
+        try {
+            happen();
+            m_loop.RunUntil([] { return true; }, std::chrono::seconds(1));  // runs nothing, but may throw
+        } catch (const tools::ToolError& error) {
+            message = error.what();
+        }
+        m_bridge.reset();
+        m_claim.reset();
+        EXPECT_FALSE(fs::exists(root)) << "the bridge has made it again";
+        fs::rename(away, root);
+        return message;
+    }
+
+    /** The sub stage plays on "receiver", too. */
+    static Snapshot WithSubStage(Snapshot snapshot, const Volumes& volumes = {65536}) {
+        snapshot.streams.push_back({SUB, SUB_STAGE, RECEIVER, 103, false, volumes});
+        return snapshot;
     }
 
     /** A server on which a program plays, too. */
@@ -142,11 +175,8 @@ TEST_F(BridgeTest, TheSubStageHasItsSinkAndItsGain) {
     Put(host::SUB_OUT_GAIN, "50");
     StartOn(WithStage());
     EXPECT_EQ(m_server.Take().back(), "load module-loopback " + StageArguments(SUB_STAGE, "receiver", 60));
-    Snapshot snapshot = WithStage();
-    snapshot.streams.push_back({SUB, SUB_STAGE, RECEIVER, 103, false, {65536}});
-    EXPECT_EQ(Shown(snapshot), Lines{"stream 21 volumes 52016"});
-    snapshot.streams.back().volumes = {52016};
-    Settle(snapshot);
+    EXPECT_EQ(Shown(WithSubStage(WithStage())), Lines{"stream 21 volumes 52016"});
+    Settle(WithSubStage(WithStage(), {52016}));
     Put(host::SUB_OUT_GAIN, "5");
     EXPECT_EQ(AskedSoon(), Lines{"stream 21 volumes 24144"});
 }
@@ -237,7 +267,7 @@ TEST_F(BridgeTest, TheMasterVolumeIsThatOfTheSpeaker) {
 
 TEST_F(BridgeTest, ALookThatBeganBeforeAVolumeWasSetDoesNotSetItBack) {
     Play();
-    m_server.Report(Change::OTHER, 0);
+    m_server.Announce(Change::OTHER, 0);
     Put(host::MASTER_VOLUME, "30");
     EXPECT_EQ(AskedSoon(), Lines{"sink 2 volumes 19661 19661"});
     m_server.Answer();
@@ -291,41 +321,39 @@ TEST_F(BridgeTest, ARequestIsLeftToAnotherProgramThatPlaysTheOutputs) {
     EXPECT_EQ(AskedSoon(), Lines{"stream 20 volumes 52016 52016"});
 }
 
-// --- What the server reports
+// --- What the server announces
 
 TEST_F(BridgeTest, AStageWhoseSinkGoesIsUnloadedBeforeAnyLook) {
     m_settings.sub = "receiver";
-    Snapshot snapshot = WithStage();
-    snapshot.streams.push_back({SUB, SUB_STAGE, RECEIVER, 103, false, {65536}});
-    StartOn(snapshot);
-    Settle(snapshot);
+    StartOn(WithSubStage(WithStage()));
+    Settle(WithSubStage(WithStage()));
     m_server.Take();
-    m_server.Report(Change::SINK_REMOVED, RECEIVER);
+    m_server.Announce(Change::SINK_REMOVED, RECEIVER);
     EXPECT_EQ(m_server.Take(), (Lines{"unload 103", "look"}));
-    m_server.Report(Change::SINK_REMOVED, SPEAKER);
+    m_server.Announce(Change::SINK_REMOVED, SPEAKER);
     EXPECT_EQ(m_server.Take(), Lines{"unload 102"});
 }
 
 TEST_F(BridgeTest, ASinkThatChangesIsNoSinkThatGoes) {
     Play();
     m_server.Take();
-    m_server.Report(Change::OTHER, SPEAKER);
+    m_server.Announce(Change::OTHER, SPEAKER);
     EXPECT_EQ(m_server.Take(), Lines{"look"});
 }
 
-TEST_F(BridgeTest, TheReportsOfItsOwnVolumesAreNoReasonToLook) {
+TEST_F(BridgeTest, TheChangesOfItsOwnVolumesAreNoReasonToLook) {
     Play();
     Put(host::MAIN_OUT_GAIN, "50");
     AskedSoon();
-    m_server.Report(Change::STREAM_CHANGED, STAGE);
+    m_server.Announce(Change::STREAM_CHANGED, STAGE);
     EXPECT_FALSE(m_server.HasLook());
-    m_server.Report(Change::STREAM_CHANGED, PROGRAM);
+    m_server.Announce(Change::STREAM_CHANGED, PROGRAM);
     EXPECT_TRUE(m_server.HasLook());
 }
 
 TEST_F(BridgeTest, AChangeOfAStageThatRestsIsAReasonToLook) {
     Play();
-    m_server.Report(Change::STREAM_CHANGED, STAGE);
+    m_server.Announce(Change::STREAM_CHANGED, STAGE);
     EXPECT_TRUE(m_server.HasLook());
 }
 
@@ -333,8 +361,8 @@ TEST_F(BridgeTest, ChangesDuringALookAreSeenByOneMore) {
     Start();
     m_server.Take();
     m_server.BecomeReady();
-    m_server.Report(Change::OTHER, 0);
-    m_server.Report(Change::OTHER, 0);
+    m_server.Announce(Change::OTHER, 0);
+    m_server.Announce(Change::OTHER, 0);
     EXPECT_EQ(m_server.Take(), Lines{"look"});
     m_server.AnswerLook(WithKavrel());
     EXPECT_EQ(m_server.Take(), (Lines{LOAD_MAIN, "look"}));
@@ -347,7 +375,7 @@ TEST_F(BridgeTest, AServerThatGoesIsWaitedForAndFoundAgain) {
     Play(RECEIVER);
     const tv::DeviceKind& kind = *tv::FindRoute(HDMI)->device;
     EXPECT_EQ(Get(kind.support), "15");
-    m_server.Report(Change::OTHER, 0);
+    m_server.Announce(Change::OTHER, 0);
     EXPECT_EQ(Go(), "kavrel-sound: waiting for a sound server: Connection terminated\n");
     RunForAWhile();
     EXPECT_EQ(Get(kind.support), "0") << "nothing of the last snapshot is left";
@@ -482,24 +510,22 @@ TEST_F(BridgeTest, AMuteThatAKilledBridgeHasLeftIsLifted) {
 
 // --- The end
 
+const std::string HAS_GONE = "the TV directory /the/tv has gone";
+
 TEST_F(BridgeTest, ItEndsWhenTheTvDirectoryGoesAndDoesNotMakeItAgain) {
-    const fs::path root = host::Root();
-    const fs::path away = root.string() + ".away";
     Play();
-    fs::remove(root / host::ROUTE.path);  // a report of a file comes first
-    fs::rename(root, away);
-    std::string message;
-    try {
-        m_loop.RunUntil([] { return false; }, std::chrono::seconds(60));
-    } catch (const tools::ToolError& error) {
-        message = error.what();
-    }
-    EXPECT_EQ(message, "the TV directory /the/tv has gone");
-    EXPECT_FALSE(fs::exists(root));
-    m_bridge.reset();
-    m_claim.reset();
-    fs::remove_all(root);
-    fs::rename(away, root);
+    fs::remove(host::Root() / tv::Player::File().path);  // the notification of a file comes first
+    EXPECT_EQ(EndOfTv([this] { m_loop.RunUntil([] { return false; }, std::chrono::seconds(60)); }), HAS_GONE);
+}
+
+TEST_F(BridgeTest, AChangeOfTheServerDoesNotMakeTheTvDirectoryAgain) {
+    Play();
+    EXPECT_EQ(EndOfTv([this] { Shown(WithStage()); }), HAS_GONE);
+}
+
+TEST_F(BridgeTest, AServerThatGoesDoesNotMakeTheTvDirectoryAgain) {
+    Play();
+    EXPECT_EQ(EndOfTv([this] { Go(); }), HAS_GONE);
 }
 
 }  // namespace

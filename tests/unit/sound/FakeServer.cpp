@@ -98,7 +98,7 @@ Lines FakeServer::Take() {
 
 void FakeServer::BecomeReady() {
     m_isReady = true;
-    m_handlers.whenReady();
+    Loop().Guard(m_handlers.whenReady);
 }
 
 void FakeServer::Go(const std::string& reason) {
@@ -106,28 +106,28 @@ void FakeServer::Go(const std::string& reason) {
     m_dones.clear();
     m_loads.clear();
     m_looks.clear();
-    m_handlers.whenGone(reason);
+    Loop().Guard([&] { m_handlers.whenGone(reason); });
 }
 
-void FakeServer::Report(Change change, Index index) {
-    m_handlers.whenChanged(change, index);
+void FakeServer::Announce(Change change, Index index) {
+    Loop().Guard([&] { m_handlers.whenChanged(change, index); });
 }
 
 void FakeServer::Answer(bool hasSucceeded) {
     if (const Done done = TakeFirst(m_dones)) {
-        done(hasSucceeded);
+        Loop().Guard([&] { done(hasSucceeded); });
     }
 }
 
 void FakeServer::AnswerLoad(Index module) {
     if (const auto done = TakeFirst(m_loads)) {
-        done(module);
+        Loop().Guard([&] { done(module); });
     }
 }
 
 void FakeServer::AnswerLook(Snapshot snapshot) {
     if (const auto done = TakeFirst(m_looks)) {
-        done(std::move(snapshot));
+        Loop().Guard([&] { done(std::move(snapshot)); });
     }
 }
 

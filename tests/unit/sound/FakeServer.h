@@ -13,7 +13,8 @@ namespace sound {
 
 using Lines = std::vector<std::string>;
 
-/** A sound server that notes what it is asked, and answers when the test has it answer. */
+/** A sound server that notes what it is asked, and answers when the test has it answer. As with every server, an
+ * exception of a callback ends the loop. */
 class FakeServer final : public Server {
 public:
     using Server::Server;
@@ -41,14 +42,14 @@ public:
     void BecomeReady();
     /** Forgets the questions that have no answer yet. */
     void Go(const std::string& reason);
-    void Report(Change change, Index index);
+    void Announce(Change change, Index index);
 
-    // Each of these answers the oldest question of its kind, and fails the test if there is none.
+    // Each of the next three answers the oldest question of its kind, and fails the test if there is none.
 
     void Answer(bool hasSucceeded = true);
     void AnswerLoad(Index module);
     void AnswerLook(Snapshot snapshot);
-    /** Answers until nothing but looks and loads wait for an answer. */
+    /** Answers until nothing but looks and loads wait for an answer. The test does not fail if nothing waits. */
     void AnswerAll();
 
     bool HasLook() const { return !m_looks.empty(); }
