@@ -5,9 +5,12 @@
 #include <DirectoryWatch.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include "FakeServer.h"
 #include "Printed.h"
@@ -214,6 +217,7 @@ TEST_F(DeviceTest, AValueThatCannotBeWrittenIsComplainedAbout) {
     fs::create_directory(host::Root() / m_kind.support.path);
     const std::string complaints = ComplaintsOf([this] { m_receiver.Follow(nullptr, true); });
     EXPECT_NE(complaints.find(m_kind.support.path), std::string::npos) << complaints;
+    fs::remove(host::Root() / m_kind.support.path);
 }
 
 // --- Requests
@@ -225,7 +229,7 @@ TEST_F(DeviceWritesTest, ARequestIsSetAtOnceAndAnsweredWithAllValues) {
         m_receiver.Ask(&m_sink, 100, std::nullopt);
         m_receiver.Follow(&m_sink, true);
     });
-    EXPECT_EQ(meanwhile, Lines{}) << "the client does not listen yet";
+    EXPECT_EQ(meanwhile, Lines{}) << "the daemon is still busy with the request";
     EXPECT_EQ(m_server.Take(), Lines{"sink 3 volumes 65536 32768"});
     AwaitDue();
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(49));

@@ -33,7 +33,7 @@ TEST(LayoutTest, KavrelHasARateAndAFormatThatLoseNothing) {
               "sink_name=kavrel rate=48000 format=float32le sink_properties=device.description=kavrel");
 }
 
-TEST(LayoutTest, AStageIsAModuleSoAProgramWithItsNameIsNone) {
+TEST(LayoutTest, AProgramWithTheNameOfAStageIsNotAStage) {
     EXPECT_TRUE(IsOfStage(Named("kavrel-main", 7), MAIN_STAGE));
     EXPECT_FALSE(IsOfStage(Named("kavrel-sub", 7), MAIN_STAGE));
     EXPECT_FALSE(IsOfStage(Named("kavrel-main", NO_INDEX), MAIN_STAGE));
@@ -43,7 +43,7 @@ TEST(LayoutTest, TheDefaultSinkIsThatOfTheServer) {
     EXPECT_EQ(DefaultSink(EmptyServer(), "receiver"), "speaker");
 }
 
-TEST(LayoutTest, WhileKavrelIsTheDefaultSinkTheOneBeforeItIsMeant) {
+TEST(LayoutTest, WhileKavrelIsTheDefaultSinkTheDefaultSinkIsTheOneBefore) {
     Snapshot snapshot = WithKavrel();
     snapshot.defaultSink = "kavrel";
     EXPECT_EQ(DefaultSink(snapshot, "receiver"), "receiver");
@@ -55,7 +55,7 @@ TEST(LayoutTest, WhileKavrelIsTheDefaultSinkTheOneBeforeItIsMeant) {
     EXPECT_EQ(DefaultSink(snapshot, ""), "");
 }
 
-TEST(LayoutTest, AStageIsFoundByItsStreamsAndItsModulesThatWithAStreamFirst) {
+TEST(LayoutTest, AStageIsFoundByItsStreamsAndItsModulesTheModuleWithAStreamComesFirst) {
     Snapshot snapshot = WithModules({{8, STAGE_MODULE, StageArguments(MAIN_STAGE, "speaker", 60)},
                                      {9, STAGE_MODULE, StageArguments(MAIN_STAGE, "speaker", 60)},
                                      {10, STAGE_MODULE, StageArguments(SUB_STAGE, "speaker", 60)}});
@@ -75,7 +75,7 @@ TEST(LayoutTest, AModuleIsOfAStageOnlyByItsWholeName) {
               Indexes{});
 }
 
-TEST(LayoutTest, KavrelIsFoundByItsSinkAndItsModulesThatWithASinkFirst) {
+TEST(LayoutTest, KavrelIsFoundByItsSinkAndItsModulesTheModuleWithASinkComesFirst) {
     Snapshot snapshot = WithModules({{8, KAVREL_MODULE, KavrelArguments()},
                                      {KAVREL_OWNER, KAVREL_MODULE, KavrelArguments()},
                                      {9, KAVREL_MODULE, "sink_name=kavrel2"},
@@ -104,7 +104,7 @@ TEST(LayoutSnapshotTest, ASinkIsFoundByItsNameOrItsIndex) {
     EXPECT_EQ(std::as_const(snapshot).FindSink(Index{99}), nullptr);
 }
 
-TEST(LayoutSnapshotTest, NoNameIsTheNameOfNoSink) {
+TEST(LayoutSnapshotTest, AnEmptyNameFindsNoSink) {
     Snapshot snapshot = EmptyServer();
     snapshot.sinks.push_back(MakeSink(4, ""));
     EXPECT_EQ(snapshot.FindSink(""), nullptr);

@@ -59,7 +59,7 @@ TEST(MappingTest, AVolumeIsTheCubeRootOfItsAmplitude) {
     EXPECT_EQ(AmplitudeOfVolume(131072), 8);
 }
 
-TEST(MappingTest, TheLoudestChannelIsOneOfThose) {
+TEST(MappingTest, TheLoudestChannelIsTheMaximumAndZeroWithoutChannels) {
     EXPECT_EQ(Loudest({}), 0U);
     EXPECT_EQ(Loudest({100, 300, 200}), 300U);
 }

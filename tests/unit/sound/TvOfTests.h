@@ -15,11 +15,7 @@ namespace sound {
 /** Opens a new TV, at the first call alone: a process has only one. */
 inline void OpenTvOfTests() {
     static const TemporaryFolder FOLDER;
-    static const bool IS_OPEN = [] {
-        tv::OpenTv(FOLDER.Path());
-        return true;
-    }();
-    static_cast<void>(IS_OPEN);
+    [[maybe_unused]] static const bool IS_OPEN = (tv::OpenTv(FOLDER.Path()), true);
 }
 
 inline void Put(const host::Value& value, const std::string& text) {
