@@ -156,20 +156,35 @@ def locate(mutants, root=ROOT):
     return sources
 
 
+def without_texts(expression):
+    return re.sub(r'"(\\.|[^"\\])*"|\'(\\.|[^\'\\])\'', "", expression)
+
+
+def depths(expression):
+    """Each sign outside of texts, with the number of brackets around what follows it."""
+    depth = 0
+    for sign in without_texts(expression):
+        depth += (sign in "([{") - (sign in ")]}")
+        yield sign, depth
+
+
 def has_comma(expression):
     """Whether a comma outside of all brackets makes several expressions of it."""
-    depth = 0
-    for sign in re.sub(r'"(\\.|[^"\\])*"|\'(\\.|[^\'\\])\'', "", expression):
-        depth += (sign in "([{") - (sign in ")]}")
-        if sign == "," and depth == 0:
-            return True
-    return False
+    return (",", 0) in depths(expression)
+
+
+def has_half_bracket(expression):
+    """Whether a bracket ends that does not begin in it, or begins and does not end."""
+    found = [depth for _, depth in depths(expression)] or [0]
+    return min(found) < 0 or found[-1] > 0
 
 
 def switch(mutant, original):
     changed = " ".join(mutant.changed)
     if original.endswith(";") or original.endswith("}") and ";" in original:
         return f"if (mutant({mutant.number})) {{ {changed} }} else {{ {original} }}"
+    if has_half_bracket(original) or has_half_bracket(changed):
+        raise TableError(f'{mutant.where}: "{mutant.name}": a bracket begins or ends outside of the text that changes')
     if has_comma(original) or has_comma(changed):
         raise TableError(f'{mutant.where}: "{mutant.name}": one switch cannot choose between lists: mark one item with [[...]]')
     if changed in ("true", "false"):
@@ -412,10 +427,12 @@ def chosen_of(mutants, wanted):
         if first.isdigit():
             numbers.update(range(int(first), int(last) + 1 if dash and last.isdigit() else int(first) + 1))
         else:
-            fit = {mutant.number for mutant in mutants if word.lower() in mutant.name.lower() or word in mutant.file}
+            fit = [mutant for mutant in mutants if word.lower() in mutant.name.lower() or word in mutant.file]
             if not fit:
                 raise TableError(f"no mutant has this name or file: {word}")
-            numbers |= fit
+            # A mutant that no test can notice runs all tests. So a word chooses it only if it fits no other one.
+            noticeable = [mutant for mutant in fit if not mutant.equivalent]
+            numbers |= {mutant.number for mutant in noticeable or fit}
     return [mutant for mutant in mutants if mutant.number in numbers]
 
 

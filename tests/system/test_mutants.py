@@ -69,6 +69,13 @@ def test_the_tests_to_try_first_are_those_of_a_file(tmp_path):
     assert [mutant.tests for mutant in mutants.read_tables(tmp_path)] == [["One", "Two"], []]
 
 
+def test_a_file_means_its_mutants_that_a_test_can_notice(tmp_path):
+    (tmp_path / "table.txt").write_text("== a.cpp\n* other\n- 5\n+ 6\n* same\n- 3\n+ 03\n= it is the same number\n")
+    found = mutants.read_tables(tmp_path)
+    assert [mutant.name for mutant in mutants.chosen_of(found, ["a.cpp"])] == ["other"]
+    assert [mutant.name for mutant in mutants.chosen_of(found, ["same"])] == ["same"]
+
+
 def test_a_statement_becomes_a_branch(planted):
     assert "if (mutant(1)) {  } else { Check(number); }" in planted("@ int Twice(\n* no check\n- Check(number);\n+\n")
 
@@ -118,6 +125,8 @@ def test_a_script_has_a_file_for_each_mutant(tmp_path):
     ("* a\n- 5\n+ 6\n* a\n- 3\n+ 4\n", 'the name "a" is taken'),
     ("* a\n- MOST = 5\n+ MOST = 6\n* b\n- = 5;\n+ = 7;\n", '"b" overlaps "a"'),
     ("* list\n- 2 * number\n+ 2, number\n", '"list": one switch cannot choose between lists: mark one item with [[...]]'),
+    ("@ int Twice(\n* half\n- Check[[(number]]);\n+ (1\n", '"half": a bracket begins or ends outside of the text'),
+    ("@ int Twice(\n* one half\n- Check([[number]]);\n+ 1) + (2\n", '"one half": a bracket begins or ends outside of the text'),
     ("nonsense\n", "table.txt:2: no line of a table: nonsense"),
 ])
 def test_a_table_that_does_not_fit_is_an_error_that_names_the_mutant(planted, table, says):
