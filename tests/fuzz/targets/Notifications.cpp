@@ -21,6 +21,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -77,11 +78,14 @@ struct Kernel {
     int lastWatch = 0;
     std::map<std::string, int> watches;
     std::set<std::string> refused;
-    std::vector<std::string> whileExchanged;  // the packets of notifications of the next exchange of files
+    /** Makes the packets of notifications of the next exchange of files. */
+    std::function<std::vector<std::string>()> whileExchanged;
     std::string overwritten;  // the key of a setting that another process writes right after that exchange
 };
 
 constexpr const char* OF_ANOTHER = "of another process";
+/** The kind of exchange after which another process writes the same file at once. */
+constexpr int OVERWRITTEN = 2;
 
 Kernel& TheKernel() {
     static auto& kernel = *std::make_unique<Kernel>().release();  // the platform thread may outlive main()
@@ -133,10 +137,15 @@ std::string Event(int watch, std::uint32_t mask, std::uint32_t cookie, const std
     return bytes;
 }
 
-int WatchOf(const std::string& folder) {
-    const std::lock_guard lock(TheKernel().mutex);
+/** Needs the kernel's mutex. */
+int PresentWatchOf(const std::string& folder) {
     const auto found = TheKernel().watches.find(fuzz::TvFolder() / folder);
     return found == TheKernel().watches.end() ? -1 : found->second;
+}
+
+int WatchOf(const std::string& folder) {
+    const std::lock_guard lock(TheKernel().mutex);
+    return PresentWatchOf(folder);
 }
 
 int Queue() {
@@ -218,42 +227,42 @@ void ChangeHonestly(Bytes& bytes) {
             "a change with its notification is reported");
 }
 
+/** Needs the kernel's mutex. @return the packets of notifications that come with an exchange of the value's file */
+std::vector<std::string> PacketsOfExchange(const std::string& key, int kind, std::uint32_t cookie) {
+    const std::string name = fs::path(key).filename();
+    // The number of the watch is that of this moment: the platform thread may have watched the folder anew just now.
+    const int watch = PresentWatchOf("settings" / fs::path(key).parent_path());
+    const std::string came = Event(watch, IN_MOVED_TO, cookie, name);
+    const std::string went = Event(watch, IN_MOVED_FROM, cookie + 1, name);
+    switch (kind) {
+        case 0:
+            return {came};
+        case 1:
+            return {came + Event(watch, IN_MOVED_FROM, cookie + 3, name)};
+        case OVERWRITTEN:
+            return {came + went + Event(watch, IN_CLOSE_WRITE, 0, name)};
+        case 3:
+            return {};
+        default:
+            return {came + went};
+    }
+}
+
 /** This process writes. Its exchange of files makes the two notifications of the kernel, or others. */
 void Write(Bytes& bytes) {
     const std::string key = bytes.Pick(KEYS);
-    const std::string name = fs::path(key).filename();
-    const int watch = WatchOf("settings" / fs::path(key).parent_path());
     const std::uint32_t cookie = bytes.Byte();
-    std::vector<std::string> packets = {Event(watch, IN_MOVED_TO, cookie, name) +
-                                        Event(watch, IN_MOVED_FROM, cookie + 1, name)};
-    bool isOverwritten = false;
-    switch (bytes.Byte() % 8) {
-        case 0:
-            packets = {Event(watch, IN_MOVED_TO, cookie, name)};
-            break;
-        case 1:
-            packets = {Event(watch, IN_MOVED_TO, cookie, name) +
-                       Event(watch, IN_MOVED_FROM, cookie + 3, name)};
-            break;
-        case 2:
-            packets.front() += Event(watch, IN_CLOSE_WRITE, 0, name);
-            isOverwritten = true;
-            break;
-        case 3:
-            packets = {};
-            break;
-        default:
-            break;
-    }
+    const int kind = bytes.Byte() % 8;
+    bool isOverwritten = kind == OVERWRITTEN;
     {
         const std::lock_guard lock(TheKernel().mutex);
-        TheKernel().whileExchanged = packets;
+        TheKernel().whileExchanged = [=] { return PacketsOfExchange(key, kind, cookie); };
         TheKernel().overwritten = isOverwritten ? key : "";
     }
     const std::string text = std::to_string(bytes.Number());
     const bool isSet = vconf_set_str(key.c_str(), text.c_str()) == 0;
     std::unique_lock lock(TheKernel().mutex);
-    TheKernel().whileExchanged.clear();
+    TheKernel().whileExchanged = nullptr;
     isOverwritten = isOverwritten && std::exchange(TheKernel().overwritten, {}).empty();
     lock.unlock();
     if (isSet) {
@@ -434,7 +443,9 @@ extern "C" int renameat2(int oldFolder, const char* oldName, int newFolder, cons
     std::vector<std::string> packets;
     if (result == 0 && (flags & RENAME_EXCHANGE) != 0) {
         const std::lock_guard lock(TheKernel().mutex);
-        packets = std::exchange(TheKernel().whileExchanged, {});
+        if (const auto makePackets = std::exchange(TheKernel().whileExchanged, nullptr)) {
+            packets = makePackets();
+        }
         if (const std::string key = std::exchange(TheKernel().overwritten, {}); !key.empty()) {
             fuzz::Put(FileOf(key), OF_ANOTHER);
         }
