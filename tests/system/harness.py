@@ -536,6 +536,18 @@ class Scene(contextlib.ExitStack):
         return {**os.environ, "KAVREL_TV_DIR": str(self.tv.path), "DBUS_SYSTEM_BUS_ADDRESS": self.bus.address,
                 "G_DEBUG": "fatal-warnings", "LD_PRELOAD": os.environ.get("KAVREL_PRELOAD", ""), **changes}
 
+    def replace_bus(self, kind, config, **environment):
+        self.bus.end()
+        (self.folder / "bus").unlink(missing_ok=True)
+        self.bus = kind(self.folder, config, **environment)
+        self.callback(self.bus.end)
+
+    def change_bus(self, old, new):
+        """Replaces the bus by one in whose configuration a text is another one."""
+        config = self.folder / "changed.conf"
+        config.write_text((ROOT / "scripts/private-bus.conf").read_text().replace(old, new))
+        self.replace_bus(Bus, config)
+
     def client(self):
         """Returns a client whose calls and signals wait until the daemon is at rest, as it refuses them in a report."""
         client = Client(self.bus.address, before_call=self.settle)

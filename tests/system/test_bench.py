@@ -55,8 +55,9 @@ def test_the_comparison_fills_every_line(tmp_path, monkeypatch, capsys):
     printed = capsys.readouterr().out.splitlines()[1:]
     assert [line.split("  ")[0].removesuffix(" (reference: bare program)") for line in printed] == [
         line["name"] for line in report["lines"]]
-    # A bare getter has no log and no file: the daemon's makes more system calls on any machine.
-    assert 0 < lines["system calls of one get"]["reference"] < lines["system calls of one get"]["daemon"]
+    # A bare getter opens no file, the daemon's opens one. The sums of so few calls differ by how often the threads wait.
+    opened = {server: calls.get("openat2", 0) for server, calls in lines["system calls of one get"]["details"].items()}
+    assert opened["floor"] < 0.5 < opened["daemon"]
 
 
 def test_only_the_chosen_rows_are_measured():

@@ -15,7 +15,7 @@ from pathlib import Path
 
 import pytest
 
-from harness import (METHODS_PATH, NAME, PATIENCE, ROOT, SIGNALS_PATH, TV_SUPPORT, Broker, Bus, LogLine,
+from harness import (METHODS_PATH, NAME, PATIENCE, ROOT, SIGNALS_PATH, TV_SUPPORT, Broker, LogLine,
                      handler_of)
 from interface import read_methods, signals_in
 from wire import (BUS, BUS_PATH, CALL, DESCRIPTORS, DESTINATION, ERROR, ERROR_NAME, INTERFACE, INTROSPECTABLE,
@@ -364,17 +364,8 @@ MESSAGE_MAX = 2 << 20  # in bytes
 
 def limit_bus(scene, **limits):
     """Replaces the bus by one with these limits."""
-    config = scene.folder / "limited.conf"
     lines = "".join(f'<limit name="{name}">{value}</limit>\n' for name, value in limits.items())
-    config.write_text((ROOT / "scripts/private-bus.conf").read_text().replace("</busconfig>", f"{lines}</busconfig>"))
-    replace_bus(scene, Bus, config)
-
-
-def replace_bus(scene, kind, config, **environment):
-    scene.bus.end()
-    (scene.folder / "bus").unlink(missing_ok=True)
-    scene.bus = kind(scene.folder, config, **environment)
-    scene.callback(scene.bus.end)
+    scene.change_bus("</busconfig>", f"{lines}</busconfig>")
 
 
 def call_of_size(size, method, kind="s", order="<"):
@@ -564,8 +555,8 @@ def test_a_message_that_the_library_cannot_read_ends_the_daemon_and_the_next_one
 
 
 def test_dbus_broker_refuses_a_message_that_the_library_cannot_read(scene):
-    replace_bus(scene, Broker, ROOT / "scripts/private-bus.conf", LD_PRELOAD=os.environ["BUS_SURROUNDINGS"],
-                KAVREL_TEST_PASSWD="/etc/passwd")
+    scene.replace_bus(Broker, ROOT / "scripts/private-bus.conf", LD_PRELOAD=os.environ["BUS_SURROUNDINGS"],
+                      KAVREL_TEST_PASSWD="/etc/passwd")
     victim = Victim(scene)
     assert is_refused(victim.wire(), TOO_DEEP.raw())
     victim.check()

@@ -91,6 +91,8 @@ def test_show_tells_of_zones_focus_and_the_device_in_use(tool, tv):
     assert tool.show()["sub_bt"] is None
     tv.remove("zones/focus")
     assert "├─ multi-view      on, focus not set" in tool("show").splitlines()
+    tv.echo("2", "sound/zones/0/route")
+    assert "│  ├─ zone 0       2 hdmi, HDMI receiver" in tool("show").splitlines()
 
 
 def test_show_as_json_says_the_same(tool, tv):
@@ -116,6 +118,7 @@ def test_show_sees_the_daemon_come_and_what_it_plays(scene, tv, tool):
     scene.start()
     assert tool.show()["ready"] is True
     assert tool("show").splitlines()[0].endswith(", kavreld ready")
+    assert tool.terminal("show").run().splitlines()[0].endswith("kavreld \033[32mready\033[0m")
 
 
 @pytest.mark.parametrize("file, key, good", [
@@ -258,7 +261,7 @@ BAD = ["", "foo", "--foo", "show x", "watch x", "route", "route hdmy", "route 1.
        "projector on", "sub-bt", "sub-bt nobody", "feature", "feature multiview", "feature multiview yes", "feature ../x on",
        "feature /x on", "popup", "popup done", "volume", "volume -1", "volume 101", "volume loud", "mute", "mute toggle", "key",
        "key a//b", "key ../x", "key .x 1", "key a b c", "devices x", "devices --delay", "devices --delay x", "devices --delay -1",
-       "devices --jitter x", "devices --delay 60001", "devices --support loud", "devices --support -1", "devices --support 15x", "devices --fail 101", "devices --rounding 0",
+       "devices --jitter x", "devices --delay 60001", "devices --support loud", "devices --support -1", "devices --support 15x", "devices --support 4294967296", "devices --fail 101", "devices --rounding 0",
        "devices --vanish-after 0", "devices --seed x", "record /dev/null --seconds nan", "record /dev/null --seconds 0",
        "record /dev/null --seconds x", "record /dev/null --seconds 86401", "emulator", "emulator usb", "emulator bt --volume x", "--dir"]
 

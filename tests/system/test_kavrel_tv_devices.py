@@ -10,7 +10,7 @@ import time
 import pytest
 from gi.repository import Gio, GLib
 
-from harness import PATIENCE, ROOT, TV_SUPPORT, Bus, Switches
+from harness import PATIENCE, TV_SUPPORT, Switches
 from kavrel_tv import KAVREL_TV, assert_idle, make_tool, refused, wait_until_asleep
 from terminal import Terminal
 
@@ -225,11 +225,12 @@ def test_devices_that_are_late(tool, tv):
     assert published == ["40", "41", "42"]
 
 
-def test_devices_with_another_support_word(tool, tv):
+@pytest.mark.parametrize("given, shown, value", [("0x5", "0x0005", "5"), ("0x1f", "0x001f", "31"), ("12", "0x000c", "12")])
+def test_devices_with_another_support_word(tool, tv, given, shown, value):
     tool("route", "hdmi")
-    devices = tool.devices("--support", "0x5")
-    devices.wait("support 0x0005")
-    assert values(tv, 2) == ["5", "10", "0"]
+    devices = tool.devices("--support", given)
+    devices.wait("support " + shown)
+    assert values(tv, 2) == [value, "10", "0"]
 
 
 def test_deaf_devices_publish_but_do_not_answer(tool, tv):
@@ -466,15 +467,17 @@ def test_the_peer_needs_its_name(tool):
 
 
 def test_the_peer_needs_the_right_to_its_name(tool, scene):
-    scene.bus.end()
-    (scene.folder / "bus").unlink(missing_ok=True)
-    config = scene.folder / "strict.conf"
-    config.write_text((ROOT / "scripts/private-bus.conf").read_text().replace('<allow own="*"/>', '<deny own="*"/>'))
-    scene.bus = Bus(scene.folder, config)
-    scene.callback(scene.bus.end)
+    scene.change_bus('<allow own="*"/>', '<deny own="*"/>')
     done = tool.run("emulator", "bt")
     assert done.returncode == 77
     assert refused(done) == f"not allowed: needs a rule of the bus that lets this user own {BT_PEER[0]}"
+
+
+def test_the_peer_tells_that_the_bus_has_no_room_for_its_name(tool, scene):
+    scene.change_bus("</busconfig>", '<limit name="max_names_per_connection">1</limit></busconfig>')
+    done = tool.run("emulator", "bt")
+    assert done.returncode == 75
+    assert refused(done).startswith("busy, try again: ") and "max_names_per_connection" in done.stderr
 
 
 def test_the_peer_needs_a_bus_and_tells_when_it_goes(tool, scene):

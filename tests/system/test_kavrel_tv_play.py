@@ -12,7 +12,7 @@ import xml.etree.ElementTree
 
 import pytest
 
-from harness import PATIENCE, ROOT, FolderWatch
+from harness import PATIENCE, REQUEST, ROOT, FolderWatch
 from impostor import Impostor
 from kavrel_tv import KAVREL_TV, KavrelTv, refused
 
@@ -105,6 +105,16 @@ def test_expect_output_puts_the_volume_back_and_leaves_no_signal_of_it(play, tv,
                 "expect no signal SpeakerVolumeChanged within 0.2", f"call GetSpeakerVolume -> {volume} 0 within 5")
     assert (done.returncode, done.stderr) == (0, "")
     assert tv.read(level) == volume
+
+
+def test_expect_output_never_tries_the_volume_that_is_there(beside_a_stopped_daemon, tv, tmp_path):
+    tv.echo(1, "audio/master_volume")  # which would be its first one
+    (tmp_path / "scenario.txt").write_text("expect output tv within 600\n")
+    with FolderWatch(tv.path / "audio") as watch:
+        playing = beside_a_stopped_daemon.start("play", str(tmp_path / "scenario.txt"))
+        assert watch.wait(time.monotonic() + PATIENCE)
+    assert tv.read("audio/master_volume") != "1"
+    playing.end(signal.SIGINT)
 
 
 def test_expect_output_removes_a_volume_that_was_not_there(scene, tv, tmp_path):
@@ -251,12 +261,12 @@ def test_a_fade_drops_far_and_rises_without_a_step_back(beside_a_stopped_daemon,
     (tmp_path / "scenario.txt").write_text("expect fade sub within 600\n")
     terminal = beside_a_stopped_daemon.terminal("play", str(tmp_path / "scenario.txt"))
     terminal.wait_until(lambda: is_drawn(tv, terminal, 60), every=0.1)
-    for gain in (100, 25, 50, 40):
+    for gain in (100, 26, 100, 25, 50, 40):  # 26 is no drop
         tv.echo(gain, "audio/sub_out_gain2")
         terminal.wait_until(lambda gain=gain: terminal.output.rpartition("sub gain")[2].startswith(f" {gain:3} %"))
     tv.echo(100, "audio/sub_out_gain2")
     assert terminal.wait_for_end() == 1
-    assert re.search("expected the sub gain to drop and to rise to 100 again, within 600 s, seen: (100 )?60 100 25 50 40 100",
+    assert re.search("expected the sub gain to drop and to rise to 100 again, within 600 s, seen: (100 )?60 100 26 100 25 50 40 100",
                      re.sub(r"\s+", " ", terminal.output))
 
 
@@ -266,10 +276,12 @@ def is_drawn(tv, terminal, gain):
     return f"sub gain {gain:3} %" in terminal.output
 
 
-def test_a_call_is_repeated_while_its_answer_is_another_one(tool, tv, tmp_path):
-    (tmp_path / "scenario.txt").write_text("say begun\ncall GetSpeakerVolume -> 77 0 within 600\n")
+def test_a_call_is_repeated_while_its_answer_is_another_one(tool, scene, tv, tmp_path):
+    (tmp_path / "scenario.txt").write_text("call GetSpeakerVolume -> 77 0 within 600\n")
+    log = scene.daemons[0].log
     running = tool.start("play", str(tmp_path / "scenario.txt"))
-    running.wait("begun")
+    first = log.wait_matching(REQUEST.format("GetSpeakerVolume"))
+    log.wait_for_request("GetSpeakerVolume", first.number)
     tv.echo(77, "audio/master_volume")
     running.wait("ok  call GetSpeakerVolume")
     assert running.child.wait(PATIENCE) == 0

@@ -192,6 +192,14 @@ def test_output_that_does_not_block_is_waited_for(tool):
             assert show.wait(PATIENCE) == 0
 
 
+def test_watch_is_not_ended_by_the_signal_of_a_pipe_without_a_reader(tool):
+    watch = tool.start("watch", "--json")
+    watch.wait("volume")
+    with open(f"/proc/{watch.child.pid}/status") as status:
+        ignored = next(line for line in status if line.startswith("SigIgn:")).split()[1]
+    assert int(ignored, 16) & (1 << (signal.SIGPIPE - 1))
+
+
 def test_watch_ends_with_its_reader(tool):
     head = subprocess.run(f"{KAVREL_TV} watch --json | head -1", shell=True, env=tool.environment(), capture_output=True,
                           text=True, timeout=PATIENCE, check=True)

@@ -399,8 +399,13 @@ TEST_F(KVAudioGainHandlerFadeTest, APopupThatCannotBeSentIsOnlyLogged) {
 
 TEST_F(KVAudioGainHandlerFadeTest, AFadeOfLessThanHalfASecondIsNotAnnounced) {
     setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
-    NKavrel::KVAudioGainHandler::SendPopupMsg(GAIN_HANDLER_PLAYER_MAIN_OUT, 499ms);
-    EXPECT_THAT(journal.Texts(), ElementsAre("E Time(0.499000) is under (0.500000)"));
+    for (const double seconds : {0.499, 0.4999999, 0.0, -3.0}) {
+        NKavrel::KVAudioGainHandler::SendPopupMsg(GAIN_HANDLER_PLAYER_MAIN_OUT,
+                                                  std::chrono::duration<double>(seconds));
+    }
+    EXPECT_THAT(journal.Texts(),
+                ElementsAre("E Time(0.499000) is under (0.500000)", "E Time(0.500000) is under (0.500000)",
+                            "E Time(0.000000) is under (0.500000)", "E Time(-3.000000) is under (0.500000)"));
     NKavrel::KVAudioGainHandler::SendPopupMsg(GAIN_HANDLER_PLAYER_MAIN_OUT, 500ms);
     EXPECT_THAT(journal.Texts(), Contains("I MSG :Gain Source:PlayerMainOutH<br> Duration(sec):0.5"));
 }

@@ -405,6 +405,19 @@ TEST_F(VolumeControlZonesTest, TheZoneOfAReportIsStoredBeforeTheReportIsAnnounce
     EXPECT_EQ(control->GetSpeakerSelection(), 7);
 }
 
+TEST_F(VolumeControlZonesTest, TheZoneOfAReportIsStoredAfterItsSpeakerIsMade) {
+    seam.SetFocus(0);
+    seam.SetZones({{0, 0}, {1, 0}, {2, 2}});
+    ModeOn();
+    Start();
+    // The report of the cable logs the zone, and needs no lock.
+    seam.BeforeNext("I Create HDMI Speaker", [this] { seam.FireKey(fake::SPDIF_KEY, 0); });
+    seam.FireZoneRoute(2, 1);
+    EXPECT_EQ(journal.With("I zoneID:0 route:0").Count(), 1);
+    seam.FireKey(fake::SPDIF_KEY, 0);
+    EXPECT_EQ(journal.With("I zoneID:1 route:2").Count(), 1);
+}
+
 TEST_F(VolumeControlZonesTest, WhileNoZoneIsKnownAnyZoneReportIsTakenAndItsZoneAdopted) {
     for (const int unknown : {0, -1}) {
         SCOPED_TRACE(unknown);

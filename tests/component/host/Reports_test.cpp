@@ -231,6 +231,30 @@ protected:
         ASSERT_EQ(marker.Do("set-int " + mark), "0");
         ASSERT_EQ(process.Report(), mark + " platform");
     }
+    void ExpectTheEchoWhenItIsClosed(const std::function<void()>& meanwhile) {
+        HearVolume(listener);
+        std::ofstream file(tv / "audio/master_volume");
+        file << 4 << std::flush;
+        meanwhile();
+        Settle();
+        EXPECT_THAT(ear.Heard(), IsEmpty());
+        file << 2 << std::endl;
+        file.close();
+        Settle();
+        EXPECT_THAT(ear.Heard(), ElementsAre("42"));
+    }
+    /** Acts, and returns when that has woken the platform thread and it sleeps again. */
+    static void ActAndAwaitSleep(OtherProcess& process, const std::function<void()>& act) {
+        const pid_t thread = host_test::ThreadOf(process.Process(), "tv-platform");
+        while (!host_test::IsAsleep(thread)) {
+            std::this_thread::yield();
+        }
+        const int before = host_test::Sleeps(process.Process(), thread);
+        act();
+        while (host_test::Sleeps(process.Process(), thread) == before || !host_test::IsAsleep(thread)) {
+            std::this_thread::yield();
+        }
+    }
     static void Unmount(OtherProcess& process, const std::string& folder) {
         // The platform thread may be reading. The watchdog ends an endless wait.
         while (process.Do("unmount " + folder) != "0") {
@@ -352,15 +376,13 @@ TEST_F(ReportsTest, MasterMuteIsOneValueForBothInterfaces) {
 }
 
 TEST_F(ReportsTest, ThePersonsEchoCountsWhenTheFileIsClosed) {
-    HearVolume(listener);
-    std::ofstream file(tv / "audio/master_volume");
-    file << 4 << std::flush;
-    Settle();
-    EXPECT_THAT(ear.Heard(), IsEmpty());
-    file << 2 << std::endl;
-    file.close();
-    Settle();
-    EXPECT_THAT(ear.Heard(), ElementsAre("42"));
+    ExpectTheEchoWhenItIsClosed([] {});
+}
+
+/** A part of the name, taken for a notification, would say that notifications were lost. */
+TEST_F(ReportsTest, NotificationsOfOtherFilesHaveNoFileReadAgain) {
+    ExpectTheEchoWhenItIsClosed([this] { tv.Echo("audio/a_file_of_nobody", "1"); });
+    fs::remove(tv / "audio/a_file_of_nobody");
 }
 
 /** The platform looks at the file meanwhile for other reasons. */
@@ -852,17 +874,9 @@ TEST_F(CrossingTest, ASignalThatInterruptsThePlatformThreadIsNothing) {
 }
 
 TEST_F(CrossingTest, AMissingTvIsWaitedFor) {
-    const pid_t thread = host_test::ThreadOf(process.Process(), "tv-platform");
     LetItNotice();
-    while (!host_test::IsAsleep(thread)) {
-        std::this_thread::yield();
-    }
-    const int before = host_test::Sleeps(process.Process(), thread);
     const fs::path away = place.Path().string() + ".away";
-    fs::rename(place.Path(), away);
-    while (host_test::Sleeps(process.Process(), thread) == before || !host_test::IsAsleep(thread)) {
-        std::this_thread::yield();
-    }
+    ActAndAwaitSleep(process, [&] { fs::rename(place.Path(), away); });
     place.Echo("audio/master_volume", "44");
     EXPECT_EQ(process.Report(), "volume 44 platform");
     fs::remove_all(away);
@@ -900,6 +914,19 @@ TEST_F(CrossingTest, AQueueThatTheKernelNoLongerWaitsForIsReplaced) {
         EXPECT_EQ(process.Report(), "volume " + tens + "1 platform");
     }
     EXPECT_THAT(process.Log(), Each("E Cannot watch " + place.Path().string() + ": No space left on device"));
+}
+
+TEST_F(CrossingTest, AQueueThatTheKernelNoLongerWaitsForIsReplacedWithoutAnotherCall) {
+    OtherProcess second(place);
+    LetItNotice();
+    ASSERT_EQ(process.Do("refuse-waits 1"), "0");
+    // A rename anywhere on the machine lets a change take another way: then comes the next one.
+    for (int volume = 30; process.Log().empty(); ++volume) {
+        EXPECT_EQ(process.Do("set-volume " + std::to_string(volume)), "0");
+        EXPECT_EQ(process.Report(), "volume " + std::to_string(volume) + " own");
+    }
+    EXPECT_EQ(second.Do("set-volume 29"), "0");
+    EXPECT_EQ(process.Report(), "volume 29 platform");
 }
 
 // --- Registrations
@@ -1441,14 +1468,27 @@ TEST_F(ReportsTest, TheLinkForDbMayLeadToAFolderThatIsMadeLaterOrAnew) {
     fs::create_directory(tv / "settings/db");
 }
 
-TEST_F(ReportsTest, AFolderThatCannotBeWatchedSilencesItsOwnValuesAlone) {
+/** A process that hears a value in a folder that it may not read, and a second one that may. */
+class PrivateFolderTest : public ReportsTest {
+protected:
+    PrivateFolderTest() {
+        EXPECT_EQ(second.Do("set-int memory/private/key 1"), "0");
+        fs::permissions(folder, fs::perms::owner_write | fs::perms::owner_exec);
+        EXPECT_EQ(deaf.Do("drop-capabilities"), "0");
+        EXPECT_EQ(deaf.Do("hear memory/private/key"), "0");
+    }
+
+    void ExpectOneErrorOfTheFolder() {
+        EXPECT_THAT(deaf.Log(), ElementsAre("E Cannot watch " + folder.string() + ": Permission denied"));
+    }
+
     const Folder place;
-    OtherProcess deaf(place);
-    OtherProcess second(place);
-    ASSERT_EQ(second.Do("set-int memory/private/key 1"), "0");
-    fs::permissions(place / "settings/memory/private", fs::perms::owner_write | fs::perms::owner_exec);
-    ASSERT_EQ(deaf.Do("drop-capabilities"), "0");
-    EXPECT_EQ(deaf.Do("hear memory/private/key"), "0");
+    const fs::path folder = place / "settings/memory/private";
+    OtherProcess deaf{place};
+    OtherProcess second{place};
+};
+
+TEST_F(PrivateFolderTest, ItSilencesItsOwnValuesAlone) {
     EXPECT_EQ(deaf.Do("hear volume"), "0");
     EXPECT_EQ(second.Do("set-volume 20"), "0");
     EXPECT_EQ(deaf.Report(), "volume 20 platform");
@@ -1457,12 +1497,21 @@ TEST_F(ReportsTest, AFolderThatCannotBeWatchedSilencesItsOwnValuesAlone) {
     EXPECT_EQ(second.Do("set-int memory/private/key 3"), "0");
     EXPECT_EQ(second.Do("set-volume 30"), "0");
     EXPECT_EQ(deaf.Report(), "volume 30 platform");
-    fs::permissions(place / "settings/memory/private", fs::perms::owner_all);
+    fs::permissions(folder, fs::perms::owner_all);
     EXPECT_EQ(deaf.Report(), "memory/private/key 3 platform");  // once the watch is tried again
     EXPECT_EQ(second.Do("set-int memory/private/key 4"), "0");
     EXPECT_EQ(deaf.Report(), "memory/private/key 4 platform");
-    EXPECT_THAT(deaf.Log(), ElementsAre("E Cannot watch " + (place / "settings/memory/private").string() +
-                                        ": Permission denied"));
+    ExpectOneErrorOfTheFolder();
+}
+
+TEST_F(PrivateFolderTest, ItIsNotLoggedAgainWhenItCannotBeWatchedForAnotherReason) {
+    ASSERT_EQ(deaf.Do("refuse-watches-of memory/private"), "0");
+    fs::permissions(folder, fs::perms::owner_all);
+    LetNotice(deaf, place);  // by then the platform thread has tried again, and no watch was left
+    EXPECT_EQ(second.Do("set-int memory/private/key 2"), "0");
+    ASSERT_EQ(deaf.Do("refuse-watches-of"), "0");
+    EXPECT_EQ(deaf.Report(), "memory/private/key 2 platform");
+    ExpectOneErrorOfTheFolder();
 }
 
 /** A process that hears the volume and a value in a folder for which no watch is left, and a second one. */
@@ -1616,18 +1665,22 @@ protected:
 };
 
 TEST_F(MountTest, AWriterSeesTheMountThoughThePlatformThreadHasSeenIt) {
-    const pid_t thread = host_test::ThreadOf(process.Process(), "tv-platform");
-    while (!host_test::IsAsleep(thread)) {
-        std::this_thread::yield();
-    }
-    const int before = host_test::Sleeps(process.Process(), thread);
-    MountAnd("pause; set-int memory/a 3");
-    EXPECT_EQ(process.Report(), "paused own");
-    while (host_test::Sleeps(process.Process(), thread) == before || !host_test::IsAsleep(thread)) {
-        std::this_thread::yield();  // until it waits for the lock
-    }
+    ActAndAwaitSleep(process, [this] {  // it waits for the lock then
+        MountAnd("pause; set-int memory/a 3");
+        EXPECT_EQ(process.Report(), "paused own");
+    });
     EXPECT_EQ(process.Do("go on"), "0");
     EXPECT_EQ(process.Do("int memory/a"), "0 3");
+}
+
+TEST_F(MountTest, ThePlatformThreadTakesNoNotificationsWhileAnOwnChangeIsUnderWay) {
+    const std::string volume = place / "audio/master_volume";
+    ASSERT_EQ(process.Do("cross before do " + volume + " pause; report-queue"), "0");
+    process.Tell("set-volume 30");
+    EXPECT_EQ(process.Report(), "paused own");
+    ActAndAwaitSleep(process, [this] { fs::create_symlink("nowhere", place / "settings/memory/unheard"); });
+    EXPECT_EQ(process.Do("go on"), "0");
+    EXPECT_EQ(process.Report(), "queued own");
 }
 
 TEST_F(MountTest, ASecondWriterKnowsOfTheMountThatTheFirstHasSeen) {
@@ -1735,57 +1788,70 @@ TEST_F(ReportsTest, AMountIsNoticedLikeAFolderThatWasReplaced) {
     EXPECT_EQ(place.Content("audio/master_volume"), "11\n");
 }
 
-TEST_F(ReportsTest, TheRoutesOfSixtyFourZonesThatAreGoneAreRemembered) {
-    constexpr int ZONES = 70;
-    Listener& zones = NewListener("");
-    fs::remove_all(tv / "sound/zones");
-    for (int zone = 1; zone <= ZONES; ++zone) {
-        tv.Echo("sound/zones/" + std::to_string(zone) + "/route", "4");
+/** The platform remembers the last route of a zone that is gone, so that its return is no news. */
+class GoneZonesTest : public ReportsTest {
+protected:
+    static constexpr int MOST = 64;
+
+    GoneZonesTest() { fs::remove_all(tv / "sound/zones"); }
+    ~GoneZonesTest() override { fs::remove_all(tv / "sound/zones"); }
+
+    void Add(int zone) { tv.Echo("sound/zones/" + std::to_string(zone) + "/route", "4"); }
+    void Remove(int zone) { fs::remove_all(tv / "sound/zones" / std::to_string(zone)); }
+    void AddAndHear(int first, int last) {
+        for (int zone = first; zone <= last; ++zone) {
+            Add(zone);
+        }
+        EXPECT_EQ(sound_manager_set_multiview_speaker_selection_changed_cb(OnZoneRoute, &listener), 0);
     }
-    ASSERT_EQ(sound_manager_set_multiview_speaker_selection_changed_cb(OnZoneRoute, &zones), 0);
-    for (int zone = 1; zone <= ZONES; ++zone) {
-        fs::remove_all(tv / "sound/zones" / std::to_string(zone));
+};
+
+TEST_F(GoneZonesTest, TheRoutesOfSixtyFourAreRemembered) {
+    AddAndHear(1, MOST + 6);
+    for (int zone = 1; zone <= MOST + 6; ++zone) {
+        Remove(zone);
         Settle();
     }
-    tv.Echo("sound/zones/70/route", "4");
-    tv.Echo("sound/zones/7/route", "4");
+    Add(MOST + 6);
+    Add(7);
     Settle();
     EXPECT_THAT(ear.Heard(), IsEmpty());
-    tv.Echo("sound/zones/6/route", "4");
+    Add(6);
     Settle();
     EXPECT_THAT(ear.Heard(), ElementsAre("6:4"));
-    fs::remove_all(tv / "sound/zones");
 }
 
-TEST_F(ReportsTest, OfZonesThatAreGoneTheOneThatWentFirstIsForgottenFirst) {
-    fs::remove_all(tv / "sound/zones");
-    const auto add = [&](int zone) { tv.Echo("sound/zones/" + std::to_string(zone) + "/route", "4"); };
-    const auto remove = [&](int zone) { fs::remove_all(tv / "sound/zones" / std::to_string(zone)); };
-    for (int zone = 9; zone <= 73; ++zone) {
-        add(zone);
-    }
-    ASSERT_EQ(sound_manager_set_multiview_speaker_selection_changed_cb(OnZoneRoute, &listener), 0);
+TEST_F(GoneZonesTest, TheOneThatWentFirstIsForgottenFirst) {
+    AddAndHear(9, 73);
     for (const int zone : {72, 9}) {
-        remove(zone);
+        Remove(zone);
         Settle();
     }
-    add(72);
+    Add(72);
     Settle();
     for (int zone = 10; zone <= 71; ++zone) {
-        remove(zone);
+        Remove(zone);
     }
     Settle();
     for (const int zone : {73, 72}) {  // the 65th zone that is gone makes the first one forgotten
-        remove(zone);
+        Remove(zone);
         Settle();
     }
-    add(72);
+    Add(72);
     Settle();
     EXPECT_THAT(ear.Heard(), IsEmpty());
-    add(9);
+    Add(9);
     Settle();
     EXPECT_THAT(ear.Heard(), ElementsAre("9:4"));
-    fs::remove_all(tv / "sound/zones");
+}
+
+TEST_F(GoneZonesTest, OfMoreThatGoAtOnceSixtyFourAreRemembered) {
+    AddAndHear(1, MOST + 26);
+    fs::rename(tv / "sound/zones", tv / "sound/away");
+    Settle();
+    fs::rename(tv / "sound/away", tv / "sound/zones");
+    Settle();
+    EXPECT_THAT(ear.Heard(), SizeIs(26));
 }
 
 TEST_F(ReportsTest, AnOwnChangeIsAlwaysReportedHoweverShortlyAnothersCameBefore) {

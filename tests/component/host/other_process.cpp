@@ -15,6 +15,7 @@
 #include <sched.h>
 #include <sound_manager.h>
 #include <sys/file.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -39,6 +40,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <system_error>
 #include <thread>
 
 #include "Kernel.h"
@@ -179,6 +181,21 @@ int PipePending() {
     sigset_t pending;
     sigpending(&pending);
     return sigismember(&pending, SIGPIPE);
+}
+
+/** Reports whether notifications of files wait to be taken: "queued" or "nothing queued". */
+int ReportQueue() {
+    int sum = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code ignored;
+        if (std::filesystem::read_symlink(entry, ignored) == "anon_inode:inotify") {
+            int bytes = 0;
+            ioctl(std::stoi(entry.path().filename()), FIONREAD, &bytes);
+            sum += bytes;
+        }
+    }
+    Report(sum > 0 ? "queued" : "nothing queued");
+    return 0;
 }
 
 void OwnHandler(int) {}
@@ -523,6 +540,7 @@ Commands ProcessCommands() {
              std::thread([] {}).join();
              return std::string("0");
          }},
+        {"report-queue", [](std::istream&) { return std::to_string(ReportQueue()); }},
         {"pipe-pending", [](std::istream&) { return std::to_string(PipePending()); }},
     };
 }

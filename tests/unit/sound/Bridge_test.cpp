@@ -14,6 +14,7 @@
 
 #include "Errors.h"
 #include "FakeServer.h"
+#include "LostNotifications.h"
 #include "Printed.h"
 #include "Snapshots.h"
 #include "TvOfTests.h"
@@ -181,6 +182,20 @@ TEST_F(BridgeTest, TheSubStageHasItsSinkAndItsGain) {
     EXPECT_EQ(AskedSoon(), Lines{"stream 21 volumes 24144"});
 }
 
+TEST_F(BridgeTest, TheTvIsNotAnnouncedBeforeTheSubStageIsInForce) {
+    m_settings.sub = "receiver";
+    EXPECT_EQ(LinesOf([this] {
+                  StartOn(WithStage());
+                  Settle(WithStage());
+              }),
+              "");
+    EXPECT_EQ(LinesOf([this] {
+                  m_server.Announce(Change::OTHER, 0);
+                  Settle(WithSubStage(WithStage()));
+              }),
+              PLAYS);
+}
+
 TEST_F(BridgeTest, WithoutKavrelThereIsNoStage) {
     Play();
     Snapshot snapshot = WithStage();
@@ -244,6 +259,14 @@ TEST_F(BridgeTest, ARouteOrAGainThatCannotBeReadChangesNothing) {
     Put({host::MAIN_OUT_GAIN.path, host::TEXT}, "loud");
     Put(host::MAIN_OUT_GAIN, "50");
     EXPECT_EQ(AskedSoon(), Lines{"stream 20 volumes 52016 52016"});
+}
+
+TEST_F(BridgeTest, AGainWhoseNotificationIsLostIsPlayedAndTheLossComplainedAbout) {
+    Play();
+    fake::LoseNotificationsOf(host::Root() / "sound");
+    Put(host::MAIN_OUT_GAIN, "50");
+    EXPECT_EQ(ComplaintsOf([this] { EXPECT_EQ(AskedSoon(), Lines{"stream 20 volumes 52016 52016"}); }),
+              "kavrel-sound: too many changes at once: requests may be lost\n");
 }
 
 TEST_F(BridgeTest, AFallOfAGainOnAMutedSinkIsNotHeardAfterAnUnmute) {
@@ -349,6 +372,16 @@ TEST_F(BridgeTest, TheChangesOfItsOwnVolumesAreNoReasonToLook) {
     EXPECT_FALSE(m_server.HasLook());
     m_server.Announce(Change::STREAM_CHANGED, PROGRAM);
     EXPECT_TRUE(m_server.HasLook());
+}
+
+TEST_F(BridgeTest, TheChangesOfTheVolumesOfTheSubStageAreNoReasonToLookEither) {
+    m_settings.sub = "receiver";
+    StartOn(WithSubStage(WithStage()));
+    Settle(WithSubStage(WithStage()));
+    Put(host::SUB_OUT_GAIN, "50");
+    AskedSoon();
+    m_server.Announce(Change::STREAM_CHANGED, SUB);
+    EXPECT_FALSE(m_server.HasLook());
 }
 
 TEST_F(BridgeTest, AChangeOfAStageThatRestsIsAReasonToLook) {

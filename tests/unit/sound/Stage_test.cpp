@@ -108,6 +108,14 @@ TEST_F(StageTest, AStageThatSomebodyUnloadsIsMadeAgainWithTheGain) {
     EXPECT_EQ(FollowAndTake(snapshot), Lines{"stream 21 volumes 52016 52016"});
 }
 
+TEST_F(StageTest, AStreamThatHasGoneGetsNoGain) {
+    Play(50);
+    Follow(WithKavrel());
+    m_server.Take();
+    m_stage.SetGain(40, false);
+    EXPECT_EQ(m_server.Take(), Lines{});
+}
+
 TEST_F(StageTest, TheAnswerOfAStreamThatHasGoneDoesNotSettleTheNextOne) {
     Follow(WithStage());
     Snapshot snapshot = WithKavrel();
@@ -319,6 +327,14 @@ protected:
         return way;
     }
 
+    /** Expects that the gain comes into force in eight steps: the first and the last are these. */
+    void ExpectEightSteps(const std::string& first, const std::string& last) {
+        const Lines way = Way();
+        ASSERT_EQ(way.size(), 8U);
+        EXPECT_EQ(way.front(), first);
+        EXPECT_EQ(way.back(), last);
+    }
+
     tools::MainLoop m_loop;
     FakeServer m_server{m_loop};
     Stage m_stage{m_server, {MAIN_STAGE, 60, true, [] {}}};
@@ -346,10 +362,7 @@ TEST_F(StageSmoothingTest, AGainThatComesOnTheWayIsReachedInEightStepsFromThere)
     EXPECT_EQ(Next(), "stream 20 volumes 32768 32768");
     m_stage.SetGain(0, false);
     EXPECT_EQ(m_server.Take(), Lines{});
-    const Lines way = Way();
-    ASSERT_EQ(way.size(), 8U);
-    EXPECT_EQ(way.front(), "stream 20 volumes 31341 31341");
-    EXPECT_EQ(way.back(), "stream 20 volumes 0 0");
+    ExpectEightSteps("stream 20 volumes 31341 31341", "stream 20 volumes 0 0");
 }
 
 TEST_F(StageSmoothingTest, AGainThatComesOnTheWayDoesNotDelayTheNextStep) {
@@ -382,10 +395,7 @@ TEST_F(StageSmoothingTest, AFallOnAMutedSinkRisesFromSilence) {
     m_stage.SetGain(50, true);
     EXPECT_EQ(m_server.Take(), Lines{"stream 20 volumes 0 0"});
     m_server.AnswerAll();
-    const Lines way = Way();
-    ASSERT_EQ(way.size(), 8U);
-    EXPECT_EQ(way.front(), "stream 20 volumes 26008 26008");
-    EXPECT_EQ(way.back(), "stream 20 volumes 52016 52016");
+    ExpectEightSteps("stream 20 volumes 26008 26008", "stream 20 volumes 52016 52016");
 }
 
 TEST_F(StageSmoothingTest, ANewStreamHasTheGainWithoutSteps) {

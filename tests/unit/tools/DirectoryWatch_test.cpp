@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "Errors.h"
+#include "LostNotifications.h"
 #include "TemporaryFolder.h"
 
 namespace fs = std::filesystem;
@@ -173,14 +174,8 @@ TEST_F(DirectoryWatchTest, ALinkToAWatchedFolderDoesNotTakeItsName) {
 }
 
 TEST_F(DirectoryWatchTest, LostNotificationsAreReportedAndNewFoldersWatched) {
-    int most = 0;
-    std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> most;
-    ASSERT_GT(most, 0);
     Watch();
-    for (int renames = 0; renames <= most; renames += 4) {  // each one is two notifications
-        Rename("there", "renamed");
-        Rename("renamed", "there");
-    }
+    fake::LoseNotificationsOf(m_tv);
     fs::create_directory(m_tv / "new");
     Write("new/early");
     const auto isLost = [&] { return HasEvent("lost "); };
@@ -202,6 +197,15 @@ TEST_F(DirectoryWatchTest, ADirectoryThatCannotBeWatchedIsAnErrorWithItsReason) 
         EXPECT_EQ(std::string(error.what()),
                   "cannot watch " + (m_folder.Path() / "nowhere").string() + ": No such file or directory");
     }
+}
+
+TEST_F(DirectoryWatchTest, ADirectoryThatCannotBeWatchedLeavesNoFileOpen) {
+    const auto openFiles = [] {
+        return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+    };
+    const auto before = openFiles();
+    EXPECT_THROW(DirectoryWatch(m_loop, m_folder.Path() / "nowhere", {}), tools::ToolError);
+    EXPECT_EQ(openFiles(), before);
 }
 
 }  // namespace

@@ -216,6 +216,8 @@ TEST(PlotScriptTest, SilenceIsNotDrawn) {
     EXPECT_FALSE(Has(Script("0,0,\n1,0,\n", "seconds,heard,event\n"), "$heard"));
     EXPECT_TRUE(Has(Script("0,2,\n1,8,\n", "seconds,heard,event\n"),
                     "$heard << END_OF_DATA\n0 25\n1 100\nEND_OF_DATA\n"));
+    EXPECT_TRUE(Has(Script("0,0.2,\n1,0.8,\n", "seconds,heard,event\n"),
+                    "$heard << END_OF_DATA\n0 25\n1 100\nEND_OF_DATA\n"));
 }
 
 }  // namespace
