@@ -243,12 +243,17 @@ protected:
         Settle();
         EXPECT_THAT(ear.Heard(), ElementsAre("42"));
     }
-    /** Acts, and returns when that has woken the platform thread and it sleeps again. */
-    static void ActAndAwaitSleep(OtherProcess& process, const std::function<void()>& act) {
+    /** @return the platform thread of the process, as soon as it sleeps */
+    static pid_t AwaitSleep(OtherProcess& process) {
         const pid_t thread = host_test::ThreadOf(process.Process(), "tv-platform");
         while (!host_test::IsAsleep(thread)) {
             std::this_thread::yield();
         }
+        return thread;
+    }
+    /** Acts, and returns when that has woken the platform thread and it sleeps again. */
+    static void ActAndAwaitSleep(OtherProcess& process, const std::function<void()>& act) {
+        const pid_t thread = AwaitSleep(process);
         const int before = host_test::Sleeps(process.Process(), thread);
         act();
         while (host_test::Sleeps(process.Process(), thread) == before || !host_test::IsAsleep(thread)) {
@@ -861,13 +866,9 @@ TEST_F(CrossingTest, AnOwnChangeThatCannotBeWrittenChangesNothing) {
 
 TEST_F(CrossingTest, ASignalThatInterruptsThePlatformThreadIsNothing) {
     ASSERT_EQ(process.Do("let-signals-interrupt"), "0");
-    const pid_t thread = host_test::ThreadOf(process.Process(), "tv-platform");
     OtherProcess second(place);
     for (const std::string volume : {"31", "32"}) {
-        while (!host_test::IsAsleep(thread)) {
-            std::this_thread::yield();
-        }
-        ASSERT_EQ(tgkill(process.Process(), thread, SIGUSR1), 0);
+        ASSERT_EQ(tgkill(process.Process(), AwaitSleep(process), SIGUSR1), 0);
         ASSERT_EQ(second.Do("set-volume " + volume), "0");
         EXPECT_EQ(process.Report(), "volume " + volume + " platform");
     }
@@ -887,11 +888,9 @@ TEST_F(CrossingTest, OwnChangesLeaveThePlatformThreadAsleep) {
     ASSERT_EQ(OtherProcess(place).Do("set-volume 50"), "0");
     ASSERT_EQ(process.Report(), "volume 50 platform");
     LetItNotice();
-    const pid_t thread = host_test::ThreadOf(process.Process(), "tv-platform");
-    const auto sleeps = [&] { return host_test::Sleeps(process.Process(), thread); };
-    while (!host_test::IsAsleep(thread)) {
-        std::this_thread::yield();
-    }
+    const auto sleeps = [&, thread = AwaitSleep(process)] {
+        return host_test::Sleeps(process.Process(), thread);
+    };
     const int before = sleeps();
     for (int i = 0; i < CHANGES; ++i) {
         ASSERT_EQ(process.Do("set-volume " + std::to_string(21 + i % 2)), "0");
@@ -1665,6 +1664,7 @@ protected:
 };
 
 TEST_F(MountTest, AWriterSeesTheMountThoughThePlatformThreadHasSeenIt) {
+    LetNotice(process, place);
     ActAndAwaitSleep(process, [this] {  // it waits for the lock then
         MountAnd("pause; set-int memory/a 3");
         EXPECT_EQ(process.Report(), "paused own");
@@ -1675,6 +1675,9 @@ TEST_F(MountTest, AWriterSeesTheMountThoughThePlatformThreadHasSeenIt) {
 
 TEST_F(MountTest, ThePlatformThreadTakesNoNotificationsWhileAnOwnChangeIsUnderWay) {
     const std::string volume = place / "audio/master_volume";
+    LetNotice(process, place);
+    // An older notification that came only now would let the thread wait for the lock before the change below.
+    AwaitSleep(process);
     ASSERT_EQ(process.Do("cross before do " + volume + " pause; report-queue"), "0");
     process.Tell("set-volume 30");
     EXPECT_EQ(process.Report(), "paused own");
