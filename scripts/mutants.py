@@ -181,10 +181,10 @@ def has_half_bracket(expression):
 
 def switch(mutant, original):
     changed = " ".join(mutant.changed)
-    if original.endswith(";") or original.endswith("}") and ";" in original:
-        return f"if (mutant({mutant.number})) {{ {changed} }} else {{ {original} }}"
     if has_half_bracket(original) or has_half_bracket(changed):
         raise TableError(f'{mutant.where}: "{mutant.name}": a bracket begins or ends outside of the text that changes')
+    if original.endswith(";") or original.endswith("}") and ";" in original:
+        return f"if (mutant({mutant.number})) {{ {changed} }} else {{ {original} }}"
     if has_comma(original) or has_comma(changed):
         raise TableError(f'{mutant.where}: "{mutant.name}": one switch cannot choose between lists: mark one item with [[...]]')
     if changed in ("true", "false"):

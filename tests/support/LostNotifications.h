@@ -10,7 +10,7 @@
 
 namespace fake {
 
-/** Renames hidden files of the folder until the kernel has lost notifications: nobody reads them meanwhile. */
+/** Renames a hidden file of the folder to and fro until the kernel has lost notifications: nobody reads them meanwhile. */
 inline void LoseNotificationsOf(const std::filesystem::path& folder) {
     int most = 0;
     std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> most;
@@ -18,7 +18,7 @@ inline void LoseNotificationsOf(const std::filesystem::path& folder) {
     const std::filesystem::path first = folder / ".first";
     const std::filesystem::path second = folder / ".second";
     std::ofstream(first).close();
-    for (int renames = 0; renames <= most; renames += 4) {  // each one is two notifications
+    for (int notifications = 0; notifications <= most; notifications += 4) {  // each rename makes two
         std::filesystem::rename(first, second);
         std::filesystem::rename(second, first);
     }

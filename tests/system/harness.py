@@ -544,8 +544,10 @@ class Scene(contextlib.ExitStack):
 
     def change_bus(self, old, new):
         """Replaces the bus by one in whose configuration a text is another one."""
+        text = (ROOT / "scripts/private-bus.conf").read_text()
+        assert old in text
         config = self.folder / "changed.conf"
-        config.write_text((ROOT / "scripts/private-bus.conf").read_text().replace(old, new))
+        config.write_text(text.replace(old, new))
         self.replace_bus(Bus, config)
 
     def client(self):

@@ -118,7 +118,7 @@ def test_show_sees_the_daemon_come_and_what_it_plays(scene, tv, tool):
     scene.start()
     assert tool.show()["ready"] is True
     assert tool("show").splitlines()[0].endswith(", kavreld ready")
-    assert tool.terminal("show").run().splitlines()[0].endswith("kavreld \033[32mready\033[0m")
+    assert tool.terminal("show", columns=200).run().splitlines()[0].endswith("kavreld \033[32mready\033[0m")
 
 
 @pytest.mark.parametrize("file, key, good", [

@@ -544,6 +544,7 @@ def test_a_daemon_that_does_not_start_is_reported(tmp_path, end, status):
     code, output, errors = run("true", KAVREL_BUILD=str(tmp_path))
     assert (code, output) == (1, "")
     assert errors.startswith(f"./run: kavreld has ended (status {status}). The end of its log:\nE cannot\n")
+    assert "Killed" not in errors  # as bash itself would say
     assert kept_log(errors) == "E cannot\n"
 
 

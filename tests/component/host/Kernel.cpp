@@ -140,7 +140,10 @@ void Run(const std::function<void()>& action) {
 
 // --- The calls, in the place of the C library's
 
-/** Like the C library's, it reads as many arguments as a call can have: what AddressSanitizer finds beyond the stack's end. */
+/**
+ * Like the C library's, it reads as many arguments as a call can have, even those that the caller did not pass.
+ * AddressSanitizer would take that for an error.
+ */
 extern "C" [[gnu::no_sanitize_address]] long syscall(long number, ...) noexcept {
     static const auto real = reinterpret_cast<long (*)(long, ...)>(dlsym(RTLD_NEXT, "syscall"));
     if (number == SYS_openat2 && renames > 0) {

@@ -150,8 +150,9 @@ int VolumeStorm(int count) {
 }
 
 /**
- * Makes the rights on files apply to root too. The capabilities stay permitted: at its end LeakSanitizer may stop only
- * those threads that have no more of them, and takes what a thread that it could not stop still uses for a leak.
+ * Makes the rights on files apply to root too. The capabilities stay permitted: when the process ends, LeakSanitizer may
+ * stop a thread only if that has no capability which the ending thread lacks. What a thread uses that it could not stop,
+ * it takes for a leak.
  */
 int DropCapabilities() {
     __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
